@@ -1,0 +1,434 @@
+/*
+ * qnm.h - public interface of libqnm, the manager library for Quillnet (QN) adapter cards.
+ *
+ * QN cards carry PCI Express over Ethernet and announce themselves by broadcast frames. A host
+ * program gives the library one thread by calling qnm_init_manager(), which blocks until the
+ * manager is stopped. The library then learns every card heard on up to two local Ethernet ports,
+ * tracks each path to it, and reports changes through callbacks.
+ *
+ * The life of a host program:
+ *
+ *     thread A:  qnm_init_manager(dir, QNM_LOGLVL_NONE);         blocks; returns after the stop
+ *     thread B:  qnm_register_callback(...) until it no longer returns QNM_API_ENOSYS
+ *                qnm_start_manager();                             frames are taken from here on
+ *                ... query calls, callbacks ...
+ *                qnm_fini_manager();                              only asks for the stop
+ *                join thread A
+ *
+ * Rules that hold for every call, unless its own comment says otherwise:
+ *
+ *  - Thread safety: any thread may call, also several at once and from inside a callback.
+ *  - Usable manager: a call returns QNM_API_ENOSYS until the start-up of qnm_init_manager() is
+ *    complete, and again as soon as a stop has been requested.
+ *  - A card ID is a 48-bit number in the low bits of a uint64_t: the six bytes of the MAC address
+ *    that the card announces itself from, first byte most significant. A card with two paths (40G)
+ *    sends from two MAC addresses that differ in the lowest bit; its ID has that bit cleared.
+ *  - Time is wall-clock time in milliseconds since the epoch.
+ *  - Output arguments are written only on success, unless stated.
+ *  - Strings and records passed in stay the caller's; the library keeps no pointer to them.
+ *
+ * Link with -lqnm. The header is plain C99 and C++.
+ */
+#ifndef QNM_H
+#define QNM_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* C++ callers get enumerations that may hold any int, so that a wrong value is refused, not undefined. */
+#ifdef __cplusplus
+#define QNM_ENUM(name) enum name : int
+#else
+#define QNM_ENUM(name) enum name
+#endif
+
+#ifdef __GNUC__
+#define QNM_PRINTF_FORMAT __attribute__((format(printf, 1, 2)))
+#else
+#define QNM_PRINTF_FORMAT
+#endif
+
+/* ---- Result codes ---------------------------------------------------------------------------- */
+
+/** Result of every public call. */
+typedef QNM_ENUM(qnm_api_code){
+    QNM_API_SUCCESS = 0,   /**< success */
+    QNM_API_EINVAL = 1,    /**< invalid argument */
+    QNM_API_ERANGE = 2,    /**< value out of range, or a list longer than the caller accepts */
+    QNM_API_ENOENT = 3,    /**< no such card or entry */
+    QNM_API_ENOLINK = 4,   /**< no link to the card */
+    QNM_API_ENOMEM = 5,    /**< out of memory */
+    QNM_API_EPROTO = 6,    /**< protocol or internal error, also the catch-all */
+    QNM_API_ETIMEDOUT = 7, /**< no answer in time */
+    QNM_API_EBUSY = 8,     /**< busy */
+    QNM_API_ENOSYS = 9,    /**< the manager is not in a state to serve the call */
+    QNM_API_CODE_MAX = 10  /**< number of codes; not a result */
+} qnm_api_code_t;
+
+/**
+ * Maps an internal errno-style code (0, 2, 12, 16, 22, 34, 38, 67, 71, 110) to a result code.
+ * Every other value, negative ones included, becomes QNM_API_EPROTO. Needs no running manager.
+ */
+qnm_api_code_t qnm_err2retcode(int err);
+
+/* ---- Manager lifecycle ----------------------------------------------------------------------- */
+
+/** Log level: a line is written when its level is at or below the running level. */
+typedef QNM_ENUM(qnm_log_level){
+    QNM_LOGLVL_NONE = -1, /**< as an argument: take the level from the configuration file */
+    QNM_LOGLVL_FATAL = 0,
+    QNM_LOGLVL_ERROR = 1,
+    QNM_LOGLVL_WARN = 2,
+    QNM_LOGLVL_INFO = 3,
+    QNM_LOGLVL_DEBUG = 4,
+    QNM_LOGLVL_TRACE = 5
+} qnm_log_level_t;
+
+/**
+ * Runs the manager on the calling thread: reads the configuration, opens the ports, starts the
+ * worker threads and then stays inside until qnm_fini_manager() is called or an internal error
+ * ends the manager. Afterwards it may be called again.
+ *
+ * @param path       installation directory that holds conf/qnm.conf and conf/qnm_log4c.properties,
+ *                   at most 485 characters; NULL or "" means /opt/tarvo/qnm. A missing qnm.conf
+ *                   means defaults; a missing qnm_log4c.properties is an error.
+ * @param log_level  running log level, QNM_LOGLVL_NONE (the level of the configuration file) to
+ *                   QNM_LOGLVL_TRACE.
+ * @retval QNM_API_SUCCESS  the manager ran and was stopped by qnm_fini_manager()
+ * @retval QNM_API_EINVAL   log_level out of range, or path is not a directory
+ * @retval QNM_API_EPROTO   path too long, properties file missing, configuration invalid, no port
+ *                          could be opened, a thread or pipe could not be made, or an internal
+ *                          error ended the running manager; the log tells which
+ * @retval QNM_API_ENOMEM   a unit could not be initialised for lack of memory
+ * @retval QNM_API_EBUSY    the manager is already running or starting
+ *
+ * The worker threads run with all signals blocked. Raw sockets need CAP_NET_RAW.
+ */
+qnm_api_code_t qnm_init_manager(const char* path, qnm_log_level_t log_level);
+
+/**
+ * Lets frames in: until this call every received frame is dropped, so that a host can register its
+ * callbacks first. Calling it again while the manager runs succeeds again.
+ *
+ * @retval QNM_API_SUCCESS  frames are taken from now on
+ * @retval QNM_API_ENOSYS   the manager is not running
+ */
+qnm_api_code_t qnm_start_manager(void);
+
+/**
+ * Requests the stop and returns at once; the stop is complete when qnm_init_manager() returns on
+ * its own thread, at the latest one devinfo_flag_check_interval plus one second later (plus the
+ * time of a callback that is still running). A request made while no manager is running is
+ * forgotten by the next start.
+ *
+ * @retval QNM_API_SUCCESS  always, whatever the manager's state
+ */
+qnm_api_code_t qnm_fini_manager(void);
+
+/* ---- Card records ---------------------------------------------------------------------------- */
+
+/*
+ * Index convention [port][path] of the arrays below: the first index is the local port (0 or 1)
+ * that a frame came in by, the second the path on the card (0 or 1, the lowest bit of a 40G card's
+ * source MAC; a 1G/10G card always uses path 0). Logs write P0M0, P0M1, P1M0, P1M1.
+ * Bytes named pad are reserved and always zero.
+ */
+
+/** What cards of both kinds report. */
+typedef struct qnm_com_dev {
+    uint64_t ecd_id;             /**< card ID */
+    uint64_t ecd_recvtime[2][2]; /**< time of the last announcement over [port][path]; 0 = none */
+    uint64_t ecd_updatetime;     /**< time of the last change of this record that was reported */
+    uint32_t ecd_state[2][2];    /**< per [port][path]: 1 = connected, 0 = disconnected */
+    uint32_t ecd_uidsw;          /**< UID switch, 0 or 1 */
+    uint32_t ecd_power;          /**< power bit, 0 or 1 */
+    uint32_t ecd_port0_link;     /**< link of the card's own port 0, 0 or 1 */
+    uint32_t ecd_port1_link;     /**< link of the card's own port 1, 0 or 1 */
+    uint16_t ecd_vlan_id;        /**< VLAN ID (12 bits) of the card's frames: its group ID */
+    uint8_t ecd_macaddr[6];      /**< MAC address of the card (40G: lowest bit cleared) */
+    uint8_t ecd_swstatus[3];     /**< the three switch-status bytes as announced */
+    uint8_t ecd_vlan_mode;       /**< 0 = ordinary VLAN tagging, else VLAN-tag change mode */
+    uint8_t ecd_flowid;          /**< flow ID of the card */
+    uint8_t ecd_type;            /**< 0 = 1G/10G card, else 40G card */
+    uint8_t ecd_linkstatus;      /**< link-status byte as announced */
+    uint8_t ecd_int_vector;      /**< interrupt vector: pending major and minor errors */
+    uint8_t ecd_ver;             /**< card version, 4 bits */
+    uint8_t ecd_pad1[7];
+} qnm_com_dev_t;
+
+/** Bridge settings of one PCIe port of a card; multi-byte values as the card announced them. */
+typedef struct qnm_com_port_s {
+    uint32_t ecp_pre_base_upper;  /**< upper 32 bits of the prefetchable base */
+    uint32_t ecp_pre_limit_upper; /**< upper 32 bits of the prefetchable limit */
+    uint16_t ecp_memory_base;
+    uint16_t ecp_memory_limit;
+    uint16_t ecp_pre_memory_base;
+    uint16_t ecp_pre_memory_limit;
+    uint8_t ecp_pri_bus_num; /**< primary bus number */
+    uint8_t ecp_sec_bus_num; /**< secondary bus number */
+    uint8_t ecp_sub_bus_num; /**< subordinate bus number */
+    uint8_t ecp_command;
+    uint8_t ecp_pad1[4];
+} qnm_com_port_t, qnm_up_port_t;
+
+/** One downstream port of a QNSV card. */
+typedef struct qnm_down_port {
+    qnm_com_port_t edp_com_port; /**< zero unless a QNIO card is connected behind the port */
+    uint8_t edp_port_status[2];  /**< bit 1 of [1]: a QNIO card is connected */
+    uint8_t edp_io_mac[6];       /**< MAC address of the QNIO card behind the port */
+} qnm_down_port_t;
+
+/** A QNSV card: the server side. */
+typedef struct qnm_qnsv {
+    qnm_com_dev_t esv_com_dev;
+    qnm_up_port_t esv_up_port;
+    qnm_down_port_t esv_down_port[16]; /**< 0 to 7 on a 1G/10G card, 0 to 15 on a 40G card */
+} qnm_qnsv_t;
+
+/** A QNIO card: the I/O side. */
+typedef struct qnm_qnio {
+    qnm_com_dev_t eio_com_dev;
+    uint32_t eio_class_code;      /**< 24-bit PCI class code */
+    uint16_t eio_device_id;       /**< PCI device ID as announced */
+    uint16_t eio_vendor_id;       /**< PCI vendor ID as announced */
+    uint16_t eio_mr_resource_num; /**< resource ID of a multi-root card, else 0 */
+    uint8_t eio_sermacaddr[6];    /**< MAC address of the QNSV card this card is bound to */
+    uint8_t eio_substate[2];
+    uint8_t eio_link0fault; /**< 0 or 1 */
+    uint8_t eio_link1fault; /**< 0 or 1 */
+    uint8_t eio_pcie_presence;    /**< 0 or 1 */
+    uint8_t eio_pad1[3];
+} qnm_qnio_t;
+
+/* ---- Card queries ---------------------------------------------------------------------------- */
+
+/**
+ * Copies the record of one card.
+ *
+ * @param id    card ID
+ * @param qnsv  (qnio) filled with the record; the caller's memory
+ * @retval QNM_API_SUCCESS  the record was copied
+ * @retval QNM_API_EINVAL   the pointer is NULL
+ * @retval QNM_API_ENOENT   no card of this kind has that ID
+ * @retval QNM_API_ENOSYS   the manager is not running
+ */
+qnm_api_code_t qnm_get_qnsv(uint64_t id, qnm_qnsv_t* qnsv);
+qnm_api_code_t qnm_get_qnio(uint64_t id, qnm_qnio_t* qnio); /**< as qnm_get_qnsv() */
+
+/**
+ * Lists the IDs of all known cards of one kind in ascending order.
+ *
+ * @param id_list  receives the list, NULL when it is empty. The library allocates it; the caller
+ *                 owns it and gives it back through qnm_free_idlist().
+ * @param num      in: the most IDs accepted, 0 for the configured id_list_upper_limit; out: the
+ *                 number of IDs in the list, or with QNM_API_ERANGE the number needed
+ * @retval QNM_API_SUCCESS  the list was made; it may be empty
+ * @retval QNM_API_EINVAL   id_list or num is NULL
+ * @retval QNM_API_ERANGE   more cards than accepted; nothing was allocated
+ * @retval QNM_API_ENOMEM   the list could not be allocated
+ * @retval QNM_API_ENOSYS   the manager is not running
+ */
+qnm_api_code_t qnm_get_qnsvids(uint64_t** id_list, uint32_t* num);
+qnm_api_code_t qnm_get_qnioids(uint64_t** id_list, uint32_t* num); /**< as qnm_get_qnsvids() */
+
+/**
+ * Lists, like qnm_get_qnsvids(), the cards whose ecd_updatetime is at or after a given time.
+ *
+ * @param time  milliseconds since the epoch
+ */
+qnm_api_code_t qnm_get_update_qnsvids(uint64_t time, uint64_t** id_list, uint32_t* num);
+qnm_api_code_t qnm_get_update_qnioids(uint64_t time, uint64_t** id_list,
+                                      uint32_t* num); /**< as qnm_get_update_qnsvids() */
+
+/**
+ * Lists, like qnm_get_qnsvids(), the cards of one group, that is, with one VLAN ID.
+ *
+ * @param groupid  1 to 4094, otherwise QNM_API_EINVAL
+ */
+qnm_api_code_t qnm_get_group_qnsvids(uint16_t groupid, uint64_t** id_list, uint32_t* num);
+qnm_api_code_t qnm_get_group_qnioids(uint16_t groupid, uint64_t** id_list,
+                                     uint32_t* num); /**< as qnm_get_group_qnsvids() */
+
+/**
+ * Forgets one card. No event is raised; a card that still announces itself is learnt again as new.
+ *
+ * @retval QNM_API_SUCCESS  the card was forgotten
+ * @retval QNM_API_ENOENT   no card of this kind has that ID
+ * @retval QNM_API_ENOSYS   the manager is not running
+ */
+qnm_api_code_t qnm_delete_qnsv(uint64_t id);
+qnm_api_code_t qnm_delete_qnio(uint64_t id); /**< as qnm_delete_qnsv() */
+
+/**
+ * Gives back a list handed out by one of the calls above. NULL is accepted. Needs no running
+ * manager.
+ *
+ * @retval QNM_API_SUCCESS  always
+ */
+qnm_api_code_t qnm_free_idlist(uint64_t* id_list);
+
+/* ---- Monitor control ------------------------------------------------------------------------- */
+
+/**
+ * Stops the monitoring of a card ID: its announcements are dropped, and a known card keeps its
+ * record unchanged, connected paths included. The ID need not be known; an unknown one is not
+ * learnt until it is restarted. Stopping twice is no error.
+ *
+ * @retval QNM_API_SUCCESS  the ID is stopped
+ * @retval QNM_API_ENOMEM   the ID could not be remembered
+ * @retval QNM_API_EPROTO   internal error
+ * @retval QNM_API_ENOSYS   the manager is not running
+ */
+qnm_api_code_t qnm_stop_monitor(uint64_t id);
+
+/**
+ * Restarts the monitoring of a card ID. A known card is updated from its next announcement; when
+ * none comes, it is declared disconnected after about devinfo_expire_time. Restarting an ID that
+ * was never stopped is no error and starts that wait all the same.
+ *
+ * @retval QNM_API_SUCCESS  the ID is monitored
+ * @retval QNM_API_ENOSYS   the manager is not running
+ */
+qnm_api_code_t qnm_restart_monitor(uint64_t id);
+
+/* ---- Events ---------------------------------------------------------------------------------- */
+
+/** What a callback is told. */
+typedef QNM_ENUM(qnm_evt_type){
+    QNM_EVT_NEWDEVINFO = 0,         /**< a card was learnt */
+    QNM_EVT_UPDATEDEVINFO = 1,      /**< a card's record changed, a lost path included */
+    QNM_EVT_CONNECTIONCHANGE = 2,   /**< the binding between QNSV and QNIO cards changed */
+    QNM_EVT_MAJORMINORERROR = 3,    /**< the card reports a new major or minor error */
+    QNM_EVT_PATHSTATECHANGE = 4,    /**< a link-fault bit of a QNIO card changed */
+    QNM_EVT_CHANNELSTATECHANGE = 5, /**< a path [port][path] was connected or disconnected */
+    QNM_EVT_MAX = 6                 /**< number of types; not a type */
+} qnm_evt_type_t;
+
+/**
+ * A callback. It runs on the library's event thread, one event at a time, in the order in which
+ * the events arose and the callbacks were registered. It may call every public function except
+ * qnm_register_callback() and qnm_unregister_callback() for its own event type, which would
+ * deadlock. While it runs, further events wait. It must not throw.
+ *
+ * @param id     card ID
+ * @param event  event type
+ * @param arg    the pointer given at registration
+ */
+typedef void (*qnm_cbfunc_t)(uint64_t id, qnm_evt_type_t event, void* arg);
+
+/** Handle of one registration, valid until it is unregistered or the manager has stopped. */
+typedef struct __qnm_cbid* qnm_cbid_t;
+
+/**
+ * Registers a callback for one event type. The same function may be registered any number of
+ * times; each registration is called on its own.
+ *
+ * @param type     QNM_EVT_NEWDEVINFO to QNM_EVT_CHANNELSTATECHANGE
+ * @param cb_func  the function to call
+ * @param cb_arg   passed to it untouched; may be NULL
+ * @param id       receives the handle
+ * @retval QNM_API_SUCCESS  registered
+ * @retval QNM_API_EINVAL   type out of range, or cb_func or id is NULL
+ * @retval QNM_API_ENOMEM   out of memory
+ * @retval QNM_API_ENOSYS   the manager is not running
+ */
+qnm_api_code_t qnm_register_callback(qnm_evt_type_t type, qnm_cbfunc_t cb_func, const void* cb_arg,
+                                     qnm_cbid_t* id);
+
+/**
+ * Ends one registration. When the call returns, the callback is not running and will not be called
+ * again for it. Waits while a callback of the same event type runs.
+ *
+ * @param id  a handle that is registered, or NULL; anything else is undefined
+ * @retval QNM_API_SUCCESS  the callback is no longer registered
+ * @retval QNM_API_EINVAL   id is NULL or not registered
+ * @retval QNM_API_ENOSYS   the manager is not running
+ */
+qnm_api_code_t qnm_unregister_callback(qnm_cbid_t id);
+
+/* ---- Device access parameters ---------------------------------------------------------------- */
+
+/** Retry parameters of the device calls; a null pointer means the configured defaults. */
+typedef struct qnm_retry {
+    uint32_t er_retry_count;    /**< number of retries after the first try */
+    uint32_t er_retry_interval; /**< milliseconds between tries; 0 is invalid */
+} qnm_retry_t;
+
+/* ---- Logging and statistics ------------------------------------------------------------------ */
+
+/**
+ * Changes the running log level.
+ *
+ * @param log_level  QNM_LOGLVL_NONE (back to the configured level) to QNM_LOGLVL_TRACE
+ * @retval QNM_API_SUCCESS  the level is in force
+ * @retval QNM_API_EINVAL   log_level out of range
+ * @retval QNM_API_ENOSYS   the manager is not running
+ */
+qnm_api_code_t qnm_set_loglevel(qnm_log_level_t log_level);
+
+/**
+ * Writes the status dump (state, ports, cards, memory, events, frames, results, blacklist,
+ * configuration) to the statistics log, on the calling thread.
+ *
+ * @param verbose  non-zero adds every field of every card and the results per call
+ * @retval QNM_API_SUCCESS  the dump was written
+ * @retval QNM_API_ENOSYS   the manager is not running; nothing was written
+ */
+qnm_api_code_t qnm_stdump(uint32_t verbose);
+
+/**
+ * Configures log4cxx from conf/qnm_log4c.properties below a directory. qnm_init_manager() does
+ * this by itself; a host program calls it only to use the log functions below before that.
+ *
+ * @param path  as for qnm_init_manager()
+ * @retval QNM_API_SUCCESS  the file was read; errors inside it are reported by log4cxx itself
+ * @retval QNM_API_EPROTO   path too long, or the file is missing
+ */
+qnm_api_code_t qnm_log_init(const char* path);
+
+/*
+ * The library's log, open to the host program. Each call formats like printf and writes one line
+ * of at most 511 characters when the running level allows: qnm_log_* to the logger "logfile",
+ * qnm_syslog_* to "syslogfile". qnm_statslog writes to "statslogfile" at any level. None of them
+ * fails, and none needs a running manager.
+ */
+void qnm_log_fatal(const char* fmt, ...) QNM_PRINTF_FORMAT;
+void qnm_log_error(const char* fmt, ...) QNM_PRINTF_FORMAT;
+void qnm_log_warn(const char* fmt, ...) QNM_PRINTF_FORMAT;
+void qnm_log_info(const char* fmt, ...) QNM_PRINTF_FORMAT;
+void qnm_log_debug(const char* fmt, ...) QNM_PRINTF_FORMAT;
+void qnm_log_trace(const char* fmt, ...) QNM_PRINTF_FORMAT;
+void qnm_syslog_fatal(const char* fmt, ...) QNM_PRINTF_FORMAT;
+void qnm_syslog_error(const char* fmt, ...) QNM_PRINTF_FORMAT;
+void qnm_syslog_warn(const char* fmt, ...) QNM_PRINTF_FORMAT;
+void qnm_syslog_info(const char* fmt, ...) QNM_PRINTF_FORMAT;
+void qnm_syslog_debug(const char* fmt, ...) QNM_PRINTF_FORMAT;
+void qnm_syslog_trace(const char* fmt, ...) QNM_PRINTF_FORMAT;
+void qnm_statslog(const char* fmt, ...) QNM_PRINTF_FORMAT;
+
+/* ---- Key comparison -------------------------------------------------------------------------- */
+
+/** An untyped pointer; carries a key by value. */
+typedef void* qnm_ptr_t;
+typedef const void* qnm_cptr_t;
+
+/**
+ * Compare two keys that are passed by value in the pointers (they are not dereferenced): the low 32
+ * bits or all 64, signed or unsigned.
+ *
+ * @return -1, 0 or 1 when the first key is smaller than, equal to or larger than the second
+ */
+int qnm_rbtree_int32_compare(qnm_cptr_t a, qnm_cptr_t b);
+int qnm_rbtree_uint32_compare(qnm_cptr_t a, qnm_cptr_t b);
+int qnm_rbtree_int64_compare(qnm_cptr_t a, qnm_cptr_t b);
+int qnm_rbtree_uint64_compare(qnm_cptr_t a, qnm_cptr_t b);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,44 @@
+// qnm_api.h - the shape that all public calls share, and the log level.
+#pragma once
+
+#include <cerrno>
+
+#include "qnm.h"
+#include "qnm_main.h"
+#include "qnm_stats.h"
+#include "qnm_util.h"
+
+extern "C" {
+
+// Sets the running log level during start-up, from the configuration for QNM_LOGLVL_NONE.
+void _qnm_set_loglevel(qnm_log_level_t log_level);
+
+}  // extern "C"
+
+namespace qnm {
+
+enum class needs { running_manager, nothing };
+
+// A public call: entry line, usable test, the call's own work, exit line, two counters. body
+// returns an errno-style code, which becomes the result here and nowhere else; log_exit is told
+// the result.
+template <typename Entry, typename Body, typename Exit>
+qnm_api_code_t public_call(qnm_stats_func_t func, needs need, Entry log_entry, Body body,
+                           Exit log_exit) {
+    log_entry();
+    const int err = need == needs::nothing || is_usable() ? body() : ENOSYS;
+    const qnm_api_code_t ret = qnm_err2retcode(err);
+    log_exit(ret);
+    _qnm_stats_count_call(func, ret);
+    return ret;
+}
+
+// The most common lines: "(IN)" without arguments, and "(OUT)" with the result alone.
+template <typename Body>
+qnm_api_code_t public_call(qnm_stats_func_t func, needs need, const char* name, Body body) {
+    return public_call(
+        func, need, [=] { qnm_log_info("%s: (IN)", name); }, body,
+        [=](qnm_api_code_t ret) { qnm_log_info("%s: (OUT) ret=%d", name, ret); });
+}
+
+}  // namespace qnm

@@ -1,0 +1,340 @@
+// qnm_event_cb.cpp - carries events from the library's own threads to the host's callbacks.
+//
+// Producers (announcements, the keepalive check, a port going down) append a node to one queue and
+// signal the event thread; they never call user code. The event thread takes the nodes off one by
+// one and calls, in registration order, every callback registered for the event's type. It holds
+// that type's cl_mutex meanwhile, so a callback must not register or unregister for its own type;
+// evt_mutex is never held while a callback runs, so producers are never blocked by user code.
+//
+// cl_mutex guards the list of its type; evt_mutex guards the queue. A registration's handle is the
+// address of its record.
+
+#include "qnm_event_cb.h"
+
+#include <cerrno>
+#include <iterator>
+#include <new>
+
+#include "qnm_api.h"
+#include "qnm_main.h"
+#include "qnm_stats.h"
+#include "qnm_thread.h"
+
+namespace {
+
+constexpr uint32_t k_wait_ms = 1000;
+constexpr char k_task_name[] = "_qnm_event_task_com";
+
+// Links of a doubly linked list; a head whose links point to itself is an empty list.
+struct qnm_list {
+    qnm_list* el_next;
+    qnm_list* el_prev;
+};
+
+void list_make_empty(qnm_list& head) {
+    head.el_next = head.el_prev = &head;
+}
+
+bool list_is_empty(const qnm_list& head) {
+    return head.el_next == &head;
+}
+
+void list_push_tail(qnm_list& head, qnm_list& element) {
+    element.el_next = &head;
+    element.el_prev = head.el_prev;
+    head.el_prev->el_next = &element;
+    head.el_prev = &element;
+}
+
+void list_unlink(qnm_list& element) {
+    element.el_prev->el_next = element.el_next;
+    element.el_next->el_prev = element.el_prev;
+}
+
+// The links come first in both records, so that a record and its links share one address.
+struct qnm_cbinfo_t {
+    qnm_list cb_list;
+    qnm_cbfunc_t cb_func;
+    void* cb_arg;
+    qnm_evt_type_t cb_event;
+};
+
+struct qnm_evt_node_t {
+    qnm_list een_list;
+    qnm_evt_type_t een_event;
+    uint64_t een_id;
+};
+
+struct qnm_cbevt_t {
+    qnm_list cl_head;
+    qnm_mutex_t cl_mutex;
+};
+
+struct qnm_evt_queue_t {
+    qnm_list evt_head;
+    qnm_mutex_t evt_mutex;
+};
+
+qnm_cbevt_t cb_evt_tbl[QNM_EVT_MAX];
+qnm_evt_queue_t qnm_event_queue = {{&qnm_event_queue.evt_head, &qnm_event_queue.evt_head},
+                                   QNM_MUTEX_STATIC_INIT};
+qnm_event_t event_sig;
+
+constexpr const char* k_event_names[] = {
+    "QNM_EVT_NEWDEVINFO",      "QNM_EVT_UPDATEDEVINFO",   "QNM_EVT_CONNECTIONCHANGE",
+    "QNM_EVT_MAJORMINORERROR", "QNM_EVT_PATHSTATECHANGE", "QNM_EVT_CHANNELSTATECHANGE",
+};
+static_assert(std::size(k_event_names) == QNM_EVT_MAX);
+
+qnm_cbinfo_t* cbinfo_of(qnm_list* links) {
+    return reinterpret_cast<qnm_cbinfo_t*>(links);
+}
+
+qnm_cbinfo_t* _cbinfo_create(qnm_evt_type_t type, qnm_cbfunc_t func, const void* arg) {
+    auto* const info = new (std::nothrow) qnm_cbinfo_t{{}, func, const_cast<void*>(arg), type};
+    if (info == nullptr) {
+        qnm::count(qnm_stats.est_alloc_err);
+        qnm_log_error("%s: can't alloc memory for qnm_cbinfo_t", __func__);
+        return nullptr;
+    }
+    qnm::count(qnm_stats.est_cbinfo_al);
+    return info;
+}
+
+void cbinfo_free(qnm_cbinfo_t* info) {
+    delete info;
+    qnm::count(qnm_stats.est_cbinfo_fr);
+}
+
+qnm_evt_node_t* _evt_node_create(qnm_evt_type_t event_type, uint64_t id) {
+    auto* const node = new (std::nothrow) qnm_evt_node_t{{}, event_type, id};
+    if (node == nullptr) {
+        qnm::count(qnm_stats.est_alloc_err);
+        qnm_log_error("%s: can't alloc memory for qnm_evt_node_t", __func__);
+        return nullptr;
+    }
+    qnm::count(qnm_stats.est_evt_node_al);
+    return node;
+}
+
+void evt_node_free(qnm_evt_node_t* node) {
+    delete node;
+    qnm::count(qnm_stats.est_evt_node_fr);
+}
+
+// The oldest event, taken off the queue; null when there is none.
+qnm_evt_node_t* take_event() {
+    const qnm::mutex_guard lock(qnm_event_queue.evt_mutex);
+    if (list_is_empty(qnm_event_queue.evt_head)) return nullptr;
+    qnm_list* const links = qnm_event_queue.evt_head.el_next;
+    list_unlink(*links);
+    return reinterpret_cast<qnm_evt_node_t*>(links);
+}
+
+void _qnm_do_callback(const qnm_cbinfo_t& info, const qnm_evt_node_t& node) {
+    qnm_log_debug("%s: start. id=0x%.12lx, event_type=%d, cb_func=%p", __func__, node.een_id,
+                  node.een_event, reinterpret_cast<void*>(info.cb_func));
+    if (info.cb_func != nullptr) {
+        qnm::count(qnm_stats.est_cb_call);
+        info.cb_func(node.een_id, node.een_event, info.cb_arg);
+        qnm::count(qnm_stats.est_cb_return);
+    }
+    qnm_log_debug("%s: end.", __func__);
+}
+
+void _qnm_evt_call(const qnm_evt_node_t& node) {
+    qnm_cbevt_t& table = cb_evt_tbl[node.een_event];
+    const qnm::mutex_guard lock(table.cl_mutex);
+    for (qnm_list* links = table.cl_head.el_next; links != &table.cl_head;
+         links = links->el_next) {
+        _qnm_do_callback(*cbinfo_of(links), node);
+    }
+}
+
+void deliver_all() {
+    for (qnm_evt_node_t* node = take_event(); node != nullptr; node = take_event()) {
+        _qnm_evt_call(*node);
+        evt_node_free(node);
+    }
+}
+
+// What the event thread must not sleep over.
+int has_work(void*) {
+    if (!qnm::is_running()) return 1;
+    const qnm::mutex_guard lock(qnm_event_queue.evt_mutex);
+    return list_is_empty(qnm_event_queue.evt_head) ? 0 : 1;
+}
+
+void clear_callbacks(qnm_cbevt_t& table) {
+    const qnm::mutex_guard lock(table.cl_mutex);
+    while (!list_is_empty(table.cl_head)) {
+        qnm_list* const links = table.cl_head.el_next;
+        list_unlink(*links);
+        cbinfo_free(cbinfo_of(links));
+    }
+}
+
+// The callback tables; on failure those made so far are undone.
+int init_tables(const char* func) {
+    for (int i = 0; i < QNM_EVT_MAX; i++) {
+        list_make_empty(cb_evt_tbl[i].cl_head);
+        const int err = _qnm_mutex_init(&cb_evt_tbl[i].cl_mutex);
+        if (err != 0) {
+            qnm_log_error("%s: Failed to _qnm_mutex_init() for cb_evt_tbl. err=%d, i=%d", func,
+                          err, i);
+            while (i > 0) _qnm_mutex_destroy(&cb_evt_tbl[--i].cl_mutex);
+            return EPROTO;
+        }
+    }
+    return 0;
+}
+
+int init_all(const char* func) {
+    int err = _qnm_mutex_init_st(&qnm_event_queue.evt_mutex);
+    if (err != 0) {
+        qnm_log_error("%s: Failed to _qnm_mutex_init_st() for qnm_event_queue. err=%d", func, err);
+        return EPROTO;
+    }
+    err = _qnm_event_init(&event_sig);
+    if (err != 0) {
+        qnm_log_error("%s: Failed to _qnm_event_init() for event_sig. err=%d", func, err);
+        _qnm_mutex_destroy_st(&qnm_event_queue.evt_mutex);
+        return EPROTO;
+    }
+    err = init_tables(func);
+    if (err != 0) {
+        _qnm_event_destroy(&event_sig);
+        _qnm_mutex_destroy_st(&qnm_event_queue.evt_mutex);
+    }
+    return err;
+}
+
+int register_callback(const char* func, qnm_evt_type_t type, qnm_cbfunc_t cb_func,
+                      const void* cb_arg, qnm_cbid_t* id) {
+    if (static_cast<uint32_t>(type) >= QNM_EVT_MAX || cb_func == nullptr || id == nullptr) {
+        return EINVAL;
+    }
+    qnm_cbinfo_t* const info = _cbinfo_create(type, cb_func, cb_arg);
+    if (info == nullptr) {
+        qnm_log_error("%s: Failed to _cbinfo_create().", func);
+        return ENOMEM;
+    }
+    {
+        const qnm::mutex_guard lock(cb_evt_tbl[type].cl_mutex);
+        list_push_tail(cb_evt_tbl[type].cl_head, info->cb_list);
+    }
+    *id = reinterpret_cast<qnm_cbid_t>(info);
+    return 0;
+}
+
+// Takes the record out of its type's list; null when it is not there.
+qnm_cbinfo_t* take_registration(qnm_cbid_t id) {
+    auto* const wanted = reinterpret_cast<qnm_list*>(id);
+    qnm_cbevt_t& table = cb_evt_tbl[cbinfo_of(wanted)->cb_event];
+    const qnm::mutex_guard lock(table.cl_mutex);
+    for (qnm_list* links = table.cl_head.el_next; links != &table.cl_head;
+         links = links->el_next) {
+        if (links == wanted) {
+            list_unlink(*links);
+            return cbinfo_of(links);
+        }
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+extern "C" {
+
+int _qnm_event_cb_init(void) {
+    qnm_log_info("%s: start.", __func__);
+    const int ret = init_all(__func__);
+    qnm_log_info("%s: end. ret=%d", __func__, ret);
+    return ret;
+}
+
+int _qnm_event_cb_fini(void) {
+    qnm_log_info("%s: start.", __func__);
+    for (qnm_evt_node_t* node = take_event(); node != nullptr; node = take_event()) {
+        evt_node_free(node);
+    }
+    for (qnm_cbevt_t& table : cb_evt_tbl) {
+        clear_callbacks(table);
+        _qnm_mutex_destroy(&table.cl_mutex);
+    }
+    _qnm_event_destroy(&event_sig);
+    qnm_log_info("%s: end.", __func__);
+    return 0;
+}
+
+int _qnm_add_event(qnm_evt_type_t event_type, uint64_t id) {
+    qnm_evt_node_t* const node = _evt_node_create(event_type, id);
+    if (node == nullptr) return ENOMEM;
+    {
+        const qnm::mutex_guard lock(qnm_event_queue.evt_mutex);
+        list_push_tail(qnm_event_queue.evt_head, node->een_list);
+    }
+    qnm::count(qnm_stats.est_evt[event_type]);
+    _qnm_event_set(&event_sig);
+    return 0;
+}
+
+const char* _qnm_event_name(qnm_evt_type_t event_type) {
+    return k_event_names[event_type];
+}
+
+void _qnm_raise_event(const char* func, qnm_evt_type_t event_type, uint64_t id) {
+    if (_qnm_add_event(event_type, id) != 0) {
+        qnm_log_warn("%s: Failed to _qnm_add_event(%s) id=0x%.12lx", func,
+                     _qnm_event_name(event_type), id);
+    }
+}
+
+void* _qnm_event_task(void*) {
+    qnm_log_info("%s: start.", k_task_name);
+    while (qnm::is_running()) {
+        const int err = _qnm_event_timedwait_for(&event_sig, k_wait_ms, has_work, nullptr);
+        if (err != 0 && err != ETIMEDOUT) {
+            qnm_log_fatal("%s: Failed to _qnm_event_timedwait(). err=%d", k_task_name, err);
+            _qnm_fini_manager();
+            break;
+        }
+        deliver_all();
+    }
+    qnm_log_info("%s: end.", k_task_name);
+    return nullptr;
+}
+
+qnm_api_code_t qnm_register_callback(qnm_evt_type_t type, qnm_cbfunc_t cb_func, const void* cb_arg,
+                                     qnm_cbid_t* id) {
+    const char* const name = __func__;
+    return qnm::public_call(
+        QNM_STATS_REGISTER_CALLBACK, qnm::needs::running_manager,
+        [=] { qnm_log_info("%s: (IN) type=%d", name, type); },
+        [=] { return register_callback(name, type, cb_func, cb_arg, id); },
+        [=](qnm_api_code_t ret) {
+            if (ret == QNM_API_SUCCESS) {
+                qnm_log_info("%s: (OUT) ret=%d, type=%d, cbid=%p", name, ret, type,
+                             static_cast<void*>(*id));
+            } else {
+                qnm_log_info("%s: (OUT) ret=%d, type=%d", name, ret, type);
+            }
+        });
+}
+
+qnm_api_code_t qnm_unregister_callback(qnm_cbid_t id) {
+    const char* const name = __func__;
+    return qnm::public_call(
+        QNM_STATS_UNREGISTER_CALLBACK, qnm::needs::running_manager,
+        [=] { qnm_log_info("%s: (IN) cbid=%p", name, static_cast<void*>(id)); },
+        [=] {
+            if (id == nullptr) return EINVAL;
+            qnm_cbinfo_t* const info = take_registration(id);
+            if (info == nullptr) return EINVAL;
+            cbinfo_free(info);
+            return 0;
+        },
+        [=](qnm_api_code_t ret) { qnm_log_info("%s: (OUT) ret=%d", name, ret); });
+}
+
+}  // extern "C"

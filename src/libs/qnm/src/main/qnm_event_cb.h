@@ -1,0 +1,29 @@
+// qnm_event_cb.h - the event queue, the event thread and the callback tables.
+#pragma once
+
+#include <cstdint>
+
+#include "qnm.h"
+
+extern "C" {
+
+// 0, or 71 with everything undone.
+int _qnm_event_cb_init(void);
+
+// Drops what is still queued and every registration; all handles become invalid. Always 0. The
+// event thread must have ended.
+int _qnm_event_cb_fini(void);
+
+// Queues one event: 0, or 12 when it is lost for lack of memory. type must be valid.
+int _qnm_add_event(qnm_evt_type_t event_type, uint64_t id);
+
+// The same for a producer that carries on: a lost event is logged as a warning in its name.
+void _qnm_raise_event(const char* func, qnm_evt_type_t event_type, uint64_t id);
+
+// The name of an event type as it stands in qnm.h.
+const char* _qnm_event_name(qnm_evt_type_t event_type);
+
+// Thread entry; arg is not used.
+void* _qnm_event_task(void* arg);
+
+}  // extern "C"

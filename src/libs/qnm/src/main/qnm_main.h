@@ -1,0 +1,59 @@
+// qnm_main.h - the root record, its state flags, and the stop of the manager from inside.
+#pragma once
+
+#include <poll.h>
+
+#include <cstddef>
+#include <cstdint>
+
+#include "qnm.h"
+#include "qnm_socket.h"
+#include "qnm_thread.h"
+
+// The three flags are active low: 0 means that the step has happened. Several threads poll them;
+// use qnm::load and qnm::store.
+typedef struct qnm_root_info {
+    qnm_port_info_t er_port_info[2];
+    uint32_t er_init_flag;   // 0 = initialised and running
+    uint32_t er_start_flag;  // 0 = qnm_start_manager() has been called
+    uint32_t er_fini_flag;   // 0 = a stop has been requested
+} qnm_root_info_t;
+
+extern "C" {
+
+extern qnm_root_info_t qnm_root;
+
+// 0, or the errno-style code of the internal error that ended the manager.
+extern int internal_err;
+
+// One pipe per receive thread and one for the link watcher: [0] is polled, [1] written.
+extern int qnm_terminate_fd_recv[2][2];
+extern int qnm_terminate_fd_link[2];
+
+// Requests the stop because of an internal error. Wakes no thread.
+void _qnm_fini_manager(void);
+
+// Wakes the receive threads and the link watcher for the stop.
+void _qnm_terminate_event_set(void);
+
+// What a poll of the terminate pipe found, for the worker func: non-zero when the worker must end.
+// An error on the pipe stops the manager. drain is how much to read; port is named in the log
+// lines unless it is -1.
+int _qnm_terminate_event_check(const char* func, const struct pollfd* pipe, size_t drain,
+                               int port);
+
+}  // extern "C"
+
+namespace qnm {
+
+// Whether public calls are served: start-up is complete and no stop has been requested.
+inline bool is_usable() {
+    return load(qnm_root.er_init_flag) != 1 && load(qnm_root.er_fini_flag) != 0;
+}
+
+// Whether the workers go on.
+inline bool is_running() {
+    return load(qnm_root.er_fini_flag) == 1;
+}
+
+}  // namespace qnm

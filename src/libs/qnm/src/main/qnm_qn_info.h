@@ -1,0 +1,179 @@
+// qnm_qn_info.h - the tables of known cards, their keepalive check, and what tells QNSV and QNIO
+// cards apart.
+//
+// One mutex, the device-table lock, guards both maps, all counts and every node. It is outermost:
+// the blacklist lock, the event queue and the statistics mutex are taken inside it. No callback
+// runs under it, and nothing is sent or awaited.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <type_traits>
+
+#include "qnm.h"
+#include "qnm_rbtree.h"
+#include "qnm_stats.h"
+#include "qnm_thread.h"
+
+// Ignore state of a card: how far it is monitored.
+enum : uint32_t {
+    QNM_WATCH = 0,          // monitored
+    QNM_IGNORE = 1,         // monitoring stopped: announcements are dropped, no keepalive check
+    QNM_WATCH_RESTART = 2,  // monitoring restarted, waiting for the card's next announcement
+};
+
+// What a get or set call copies; bits of valid_param.
+enum : uint32_t {
+    QNM_VALID_RECORD = 1,
+    QNM_VALID_IGNORE_STATE = 2,
+    QNM_VALID_CHECK_COUNT = 4,
+    QNM_VALID_ALL = 7,
+};
+
+// The links come first, so that a node and its links share one address, and what a walk looks at
+// lies together at the head of the node.
+typedef struct qnm_qnsv_node {
+    qnm_rbnode_t esn_rbnode_id;
+    uint32_t esn_ignore_state;
+    uint32_t esn_check_count;  // keepalive checks since the restart of monitoring
+    qnm_qnsv_t esn_qnsv;
+} qnm_qnsv_node_t;
+
+typedef struct qnm_qnio_node {
+    qnm_rbnode_t ein_rbnode_id;
+    uint32_t ein_ignore_state;
+    uint32_t ein_check_count;
+    qnm_qnio_t ein_qnio;
+} qnm_qnio_node_t;
+
+// Group counts are indexed by VLAN ID; the last entry collects every greater one.
+enum { QNM_GROUP_MAX = 4096 };
+
+// The totals and group counts always equal what the maps hold.
+typedef struct qnm_qn_info {
+    qnm_rbtree_t eei_rbtree_svid;
+    qnm_rbtree_t eei_rbtree_ioid;
+    qnm_mutex_t eei_mutex;
+    uint32_t eei_total_qnsv;
+    uint32_t eei_total_qnio;
+    uint32_t eei_total_svgid[QNM_GROUP_MAX + 1];
+    uint32_t eei_total_iogid[QNM_GROUP_MAX + 1];
+} qnm_qn_info_t;
+
+extern "C" {
+
+extern qnm_qn_info_t qnm_qn;
+
+int _qnm_qn_init(void);
+int _qnm_qn_fini(void);
+
+// The device-table lock. Every call below, down to _qnm_all_disconnect(), needs it held.
+int _qnm_qn_lock(void);
+int _qnm_qn_unlock(void);
+
+// Copy what valid_param names: 0; 22 when a wanted output is null; 2 when the ID is unknown.
+int _qnm_get_qnsv(uint64_t id, qnm_qnsv_t* qnsv, uint32_t* ignore_state, uint32_t* check_count,
+                  uint32_t valid_param);
+int _qnm_get_qnio(uint64_t id, qnm_qnio_t* qnio, uint32_t* ignore_state, uint32_t* check_count,
+                  uint32_t valid_param);
+
+// Store what valid_param names; an unknown ID is added, which needs all of it: 0; 22; 12; 71.
+int _qnm_set_qnsv(uint64_t id, qnm_qnsv_t* qnsv, uint32_t ignore_state, uint32_t check_count,
+                  uint32_t valid_param);
+int _qnm_set_qnio(uint64_t id, qnm_qnio_t* qnio, uint32_t ignore_state, uint32_t check_count,
+                  uint32_t valid_param);
+
+// Look an ID up among cards of both kinds: 0, 2 or 71. dev_info and resource_id may be null.
+int _qnm_get_qndev_rid(uint64_t id, qnm_com_dev_t* dev_info, uint32_t* ignore_state,
+                       uint16_t* resource_id);
+int _qnm_get_qndev(uint64_t id, qnm_com_dev_t* dev_info);
+int _qnm_get_qndev_ign(uint64_t id, qnm_com_dev_t* dev_info, uint32_t* ignore_state);
+
+// Disconnects every card on a local port whose link has gone down.
+void _qnm_all_disconnect(int port);
+
+// The device-table section of the status dump. Takes the lock itself.
+void _qnm_qn_stats_print(uint32_t verbose);
+
+// The keepalive loop; returns 0 when a stop has been requested. Takes the lock itself.
+int _qnm_interval_check(void);
+
+// Logs "<kind> id=... state change to <change> P0M0: ..." in the name of func.
+void _qnm_log_state_change(const char* func, const char* kind, const qnm_com_dev_t* dev,
+                           const char* change);
+
+}  // extern "C"
+
+namespace qnm {
+
+using table_guard = scoped<_qnm_qn_lock, _qnm_qn_unlock>;
+
+inline const char* connect_word(uint32_t state) {
+    return state == 1 ? "CONNECT" : "DISCONNECT";
+}
+
+// All that tells QNSV and QNIO cards apart in the tables. Code for both kinds is a template over
+// one of these.
+struct qnsv_kind {
+    using record = qnm_qnsv_t;
+    using node = qnm_qnsv_node_t;
+    static constexpr const char* name = "QNSV";
+    static constexpr const char* get_name = "_qnm_get_qnsv";
+    static constexpr const char* set_name = "_qnm_set_qnsv";
+    static constexpr const char* add_name = "_qnm_add_qnsv";
+    static constexpr const char* ignore_state_label = "esn_ignore_state";
+    static constexpr const char* check_count_label = "esn_check_count";
+    static constexpr auto get = _qnm_get_qnsv;
+    static constexpr auto set = _qnm_set_qnsv;
+    static constexpr auto com_dev = &qnm_qnsv_t::esv_com_dev;
+    static constexpr auto card = &qnm_qnsv_node_t::esn_qnsv;
+    static constexpr auto links = &qnm_qnsv_node_t::esn_rbnode_id;
+    static constexpr auto ignore_state = &qnm_qnsv_node_t::esn_ignore_state;
+    static constexpr auto check_count = &qnm_qnsv_node_t::esn_check_count;
+    static constexpr auto tree = &qnm_qn_info_t::eei_rbtree_svid;
+    static constexpr auto total = &qnm_qn_info_t::eei_total_qnsv;
+    static constexpr auto groups = &qnm_qn_info_t::eei_total_svgid;
+    static constexpr auto allocated = &qnm_sd_stats_t::est_sv_node_al;
+    static constexpr auto freed = &qnm_sd_stats_t::est_sv_node_fr;
+    static constexpr qnm_stats_func_t count_get = QNM_STATS_GET_QNSV;
+    static constexpr qnm_stats_func_t count_ids = QNM_STATS_GET_QNSVIDS;
+    static constexpr qnm_stats_func_t count_update_ids = QNM_STATS_GET_UPDATE_QNSVIDS;
+    static constexpr qnm_stats_func_t count_group_ids = QNM_STATS_GET_GROUP_QNSVIDS;
+    static constexpr qnm_stats_func_t count_delete = QNM_STATS_DELETE_QNSV;
+};
+
+struct qnio_kind {
+    using record = qnm_qnio_t;
+    using node = qnm_qnio_node_t;
+    static constexpr const char* name = "QNIO";
+    static constexpr const char* get_name = "_qnm_get_qnio";
+    static constexpr const char* set_name = "_qnm_set_qnio";
+    static constexpr const char* add_name = "_qnm_add_qnio";
+    static constexpr const char* ignore_state_label = "ein_ignore_state";
+    static constexpr const char* check_count_label = "ein_check_count";
+    static constexpr auto get = _qnm_get_qnio;
+    static constexpr auto set = _qnm_set_qnio;
+    static constexpr auto com_dev = &qnm_qnio_t::eio_com_dev;
+    static constexpr auto card = &qnm_qnio_node_t::ein_qnio;
+    static constexpr auto links = &qnm_qnio_node_t::ein_rbnode_id;
+    static constexpr auto ignore_state = &qnm_qnio_node_t::ein_ignore_state;
+    static constexpr auto check_count = &qnm_qnio_node_t::ein_check_count;
+    static constexpr auto tree = &qnm_qn_info_t::eei_rbtree_ioid;
+    static constexpr auto total = &qnm_qn_info_t::eei_total_qnio;
+    static constexpr auto groups = &qnm_qn_info_t::eei_total_iogid;
+    static constexpr auto allocated = &qnm_sd_stats_t::est_io_node_al;
+    static constexpr auto freed = &qnm_sd_stats_t::est_io_node_fr;
+    static constexpr qnm_stats_func_t count_get = QNM_STATS_GET_QNIO;
+    static constexpr qnm_stats_func_t count_ids = QNM_STATS_GET_QNIOIDS;
+    static constexpr qnm_stats_func_t count_update_ids = QNM_STATS_GET_UPDATE_QNIOIDS;
+    static constexpr qnm_stats_func_t count_group_ids = QNM_STATS_GET_GROUP_QNIOIDS;
+    static constexpr qnm_stats_func_t count_delete = QNM_STATS_DELETE_QNIO;
+};
+
+// Records are compared byte for byte, so they must not have padding.
+static_assert(std::has_unique_object_representations_v<qnm_qnsv_t>);
+static_assert(std::has_unique_object_representations_v<qnm_qnio_t>);
+static_assert(offsetof(qnm_qnsv_node_t, esn_rbnode_id) == 0);
+static_assert(offsetof(qnm_qnio_node_t, ein_rbnode_id) == 0);
+
+}  // namespace qnm

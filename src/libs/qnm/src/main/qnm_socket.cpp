@@ -1,0 +1,194 @@
+// qnm_socket.cpp - the local Ethernet ports, through libpcap.
+//
+// libpcap opens a TPACKET_V3 ring, which hands frames over only when a block is full or the read
+// time-out has passed: an answer then takes up to a second. So such a handle is replaced, where
+// libpcap can, by one in immediate mode, with a buffer large enough for a burst of announcements.
+// Everything else the port needs is asked of the kernel on the capture's own socket.
+
+#include "qnm_socket.h"
+
+#include <linux/ethtool.h>
+#include <linux/if_packet.h>
+#include <linux/sockios.h>
+#include <net/if.h>
+#include <pcap/pcap.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "qnm.h"
+#include "qnm_config.h"
+#include "qnm_main.h"
+#include "qnm_thread.h"
+#include "qnm_util.h"
+
+// Absent from old versions of libpcap; the port then keeps the handle it has.
+#pragma weak pcap_create
+#pragma weak pcap_set_snaplen
+#pragma weak pcap_set_promisc
+#pragma weak pcap_set_timeout
+#pragma weak pcap_set_immediate_mode
+#pragma weak pcap_set_buffer_size
+#pragma weak pcap_activate
+
+namespace {
+
+constexpr int k_snaplen = 1024;
+constexpr int k_promiscuous = 1;
+constexpr int k_read_timeout_ms = 1000;
+constexpr int k_buffer_size = 16 * 1024 * 1024;
+
+bool delivers_in_blocks(pcap_t* pcap) {
+    int version = 0;
+    socklen_t length = sizeof version;
+    return getsockopt(pcap_fileno(pcap), SOL_PACKET, PACKET_VERSION, &version, &length) == 0 &&
+           version == TPACKET_V3;
+}
+
+bool can_choose_mode() {
+    return pcap_create != nullptr && pcap_set_snaplen != nullptr && pcap_set_promisc != nullptr &&
+           pcap_set_timeout != nullptr && pcap_set_immediate_mode != nullptr &&
+           pcap_set_buffer_size != nullptr && pcap_activate != nullptr;
+}
+
+// A handle on the same interface that delivers every frame at once; null when there is none.
+pcap_t* open_immediate(const char* port_name) {
+    char error[PCAP_ERRBUF_SIZE];
+    pcap_t* const pcap = pcap_create(port_name, error);
+    if (pcap == nullptr) return nullptr;
+    if (pcap_set_snaplen(pcap, k_snaplen) == 0 && pcap_set_promisc(pcap, k_promiscuous) == 0 &&
+        pcap_set_timeout(pcap, k_read_timeout_ms) == 0 &&
+        pcap_set_immediate_mode(pcap, 1) == 0 && pcap_set_buffer_size(pcap, k_buffer_size) == 0 &&
+        pcap_activate(pcap) >= 0) {  // above 0 is a warning
+        return pcap;
+    }
+    pcap_close(pcap);
+    return nullptr;
+}
+
+pcap_t* without_delay(pcap_t* pcap, const char* port_name) {
+    if (!can_choose_mode() || !delivers_in_blocks(pcap)) return pcap;
+    pcap_t* const immediate = open_immediate(port_name);
+    if (immediate == nullptr) return pcap;
+    pcap_close(pcap);
+    return immediate;
+}
+
+// An interface request for a name; EPROTO and a log line when the name does not fit.
+int make_request(const char* func, const char* port_name, const char* purpose,
+                 struct ifreq* request) {
+    memset(request, 0, sizeof *request);
+    if (strlen(port_name) >= IFNAMSIZ) {
+        qnm_log_error("%s: port_name is greater than IFNAMSIZ. port_name=%s. For getting %s", func,
+                      port_name, purpose);
+        return EPROTO;
+    }
+    strcpy(request->ifr_name, port_name);
+    return 0;
+}
+
+int _qnm_get_linkstate_lin_impl(int fd, const char* port_name, uint32_t* state_out) {
+    struct ifreq request;
+    const int err = make_request(__func__, port_name, "link state", &request);
+    if (err != 0) return err;
+    struct ethtool_value link = {ETHTOOL_GLINK, 0};
+    request.ifr_data = reinterpret_cast<char*>(&link);
+    if (ioctl(fd, SIOCETHTOOL, &request) != 0) {
+        qnm_log_error("%s: Failed to ioctl(SIOCETHTOOL). errno=%d", __func__, errno);
+        return EPROTO;
+    }
+    *state_out = link.data != 0 ? 1 : 0;
+    return 0;
+}
+
+// Fills the entry of a port whose capture handle is open. Log lines carry the opener's name.
+int learn_port(const char* func, const char* port_name, qnm_port_info_t* port_info) {
+    const int fd = pcap_fileno(port_info->epi_pcap);
+    if (fd == -1) {
+        qnm_log_error("%s: Failed to pcap_fileno().", func);
+        return EPROTO;
+    }
+    struct ifreq request;
+    int err = make_request(func, port_name, "interface index.", &request);
+    if (err != 0) return err;
+    if (ioctl(fd, SIOCGIFINDEX, &request) != 0) {
+        qnm_log_error("%s: Failed to ioctl(SIOCGIFINDEX). errno=%d", func, errno);
+        return EPROTO;
+    }
+    port_info->epi_if_index = request.ifr_ifindex;
+    if (ioctl(fd, SIOCGIFHWADDR, &request) != 0) {
+        qnm_log_error("%s: Failed to ioctl(SIOCGIFHWADDR). errno=%d", func, errno);
+        return EPROTO;
+    }
+    uint8_t mac[6];
+    memcpy(mac, request.ifr_hwaddr.sa_data, sizeof mac);
+    _qnm_mac_to_uint64(mac, &port_info->epi_mac);
+    uint32_t state = 0;
+    err = _qnm_get_linkstate_lin_impl(fd, port_name, &state);
+    if (err != 0) return err;
+    qnm::store(port_info->epi_link_state, state);
+    return 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+int _qnm_socket_open(const char* port_name, uint32_t, qnm_port_info_t* port_info) {
+    return _qnm_socket_open_lin(port_name, port_info);
+}
+
+int _qnm_socket_open_lin(const char* port_name, qnm_port_info_t* port_info) {
+    char error[PCAP_ERRBUF_SIZE] = "";
+    pcap_t* const pcap =
+        pcap_open_live(port_name, k_snaplen, k_promiscuous, k_read_timeout_ms, error);
+    if (pcap == nullptr) {
+        qnm_log_error("%s: Failed to pcap_open_live(). %s", __func__, error);
+        return EPROTO;
+    }
+    port_info->epi_pcap = without_delay(pcap, port_name);
+    const int err = learn_port(__func__, port_name, port_info);
+    if (err != 0) {
+        _qnm_socket_close(port_info);
+        return err;
+    }
+    qnm_log_info("%s: Success. IF name=%s, IF index=%d, IF status=%d, IF MAC=%.12lx", __func__,
+                 port_name, port_info->epi_if_index,
+                 static_cast<int>(qnm::load(port_info->epi_link_state)), port_info->epi_mac);
+    return 0;
+}
+
+int _qnm_socket_close(qnm_port_info_t* port_info) {
+    if (port_info->epi_pcap != nullptr) {
+        pcap_close(port_info->epi_pcap);
+        port_info->epi_pcap = nullptr;
+    }
+    return 0;
+}
+
+int _qnm_send(int port, const unsigned char* buffer, size_t length) {
+    pcap_t* const pcap = qnm_root.er_port_info[port].epi_pcap;
+    if (pcap == nullptr || pcap_sendpacket(pcap, buffer, static_cast<int>(length)) != 0) {
+        qnm_log_error("%s: Failed to pcap_sendpacket().", __func__);
+        return EPROTO;
+    }
+    return 0;
+}
+
+int _qnm_get_linkstate(int port, uint32_t* state_out) {
+    return _qnm_get_linkstate_lin(port, state_out);
+}
+
+int _qnm_get_linkstate_lin(int port, uint32_t* state_out) {
+    pcap_t* const pcap = qnm_root.er_port_info[port].epi_pcap;
+    const int fd = pcap != nullptr ? pcap_fileno(pcap) : -1;
+    if (fd == -1) {
+        qnm_log_error("%s: Failed to pcap_fileno().", __func__);
+        return EPROTO;
+    }
+    return _qnm_get_linkstate_lin_impl(fd, qnm_config.ether_port_name[port], state_out);
+}
+
+}  // extern "C"

@@ -1,0 +1,37 @@
+// qnm_socket.h - the local Ethernet ports: open, close, send, link state.
+//
+// The unit keeps no state of its own; what it learns stands in the port entries of qnm_root. Ports
+// are opened and closed while no other thread of the library uses them. Failures are logged here
+// and reported as 71.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+typedef struct pcap pcap_t;
+
+typedef struct qnm_port_info {
+    uint64_t epi_mac;         // the port's own MAC address, first byte most significant
+    uint32_t epi_link_state;  // 1 = up; polled by several threads, use qnm::load and qnm::store
+    pcap_t* epi_pcap;         // null while the port is closed
+    int epi_if_index;
+} qnm_port_info_t;
+
+extern "C" {
+
+// Opens the interface into port_info; a failure leaves its capture handle null. if_index is not
+// used: the kernel tells the index.
+int _qnm_socket_open(const char* port_name, uint32_t if_index, qnm_port_info_t* port_info);
+int _qnm_socket_open_lin(const char* port_name, qnm_port_info_t* port_info);
+
+// Always 0; a closed port is left alone.
+int _qnm_socket_close(qnm_port_info_t* port_info);
+
+// Sends one frame unchanged. Any thread, also several at once.
+int _qnm_send(int port, const unsigned char* buffer, size_t length);
+
+// Stores 1 (up) or 0 (down). The port must be open.
+int _qnm_get_linkstate(int port, uint32_t* state_out);
+int _qnm_get_linkstate_lin(int port, uint32_t* state_out);
+
+}  // extern "C"

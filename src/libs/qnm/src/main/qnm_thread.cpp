@@ -1,0 +1,118 @@
+// qnm_thread.cpp - mutex, event and thread primitives over POSIX threads.
+//
+// None of the functions keeps state of its own. An event's mutex is held only around the wait and
+// the signal.
+
+#include "qnm_thread.h"
+
+#include <signal.h>
+
+#include <cerrno>
+
+#include "qnm_util.h"
+
+namespace {
+
+int wait_until(qnm_event_t* evt, uint32_t timeout_ms, qnm_event_cond_t holds, void* arg) {
+    struct timespec deadline;
+    if (_qnm_get_deadline(timeout_ms, &deadline) != 0) return EPROTO;
+    if (pthread_mutex_lock(&evt->eev_mutex) != 0) return ENOSYS;
+    int ret = 0;
+    if (holds == nullptr || holds(arg) == 0) {
+        ret = pthread_cond_timedwait(&evt->eev_cond, &evt->eev_mutex, &deadline);
+    }
+    pthread_mutex_unlock(&evt->eev_mutex);
+    if (ret == 0 || ret == ETIMEDOUT) return ret;
+    return EPROTO;
+}
+
+}  // namespace
+
+extern "C" {
+
+int _qnm_mutex_init(qnm_mutex_t* mutex) {
+    pthread_mutex_init(&mutex->em_mutex, nullptr);
+    return 0;
+}
+
+int _qnm_mutex_init_st(qnm_mutex_t*) {
+    return 0;
+}
+
+int _qnm_mutex_destroy(qnm_mutex_t* mutex) {
+    return pthread_mutex_destroy(&mutex->em_mutex);
+}
+
+int _qnm_mutex_destroy_st(qnm_mutex_t*) {
+    return 0;
+}
+
+int _qnm_mutex_lock(qnm_mutex_t* mutex) {
+    return pthread_mutex_lock(&mutex->em_mutex);
+}
+
+int _qnm_mutex_unlock(qnm_mutex_t* mutex) {
+    return pthread_mutex_unlock(&mutex->em_mutex);
+}
+
+int _qnm_thread_create(qnm_thread_func_t func, void* arg, qnm_thread_id_t* tid) {
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    const int ret = pthread_create(&tid->et_thread, nullptr, func, arg);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return ret;
+}
+
+int _qnm_thread_join(qnm_thread_id_t* tid) {
+    return pthread_join(tid->et_thread, nullptr);
+}
+
+int _qnm_thread_destroy(qnm_thread_id_t*) {
+    return 0;
+}
+
+int _qnm_event_init(qnm_event_t* evt) {
+    pthread_condattr_t attr;
+    pthread_condattr_init(&attr);
+    const int ret = pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
+    if (ret == 0) {
+        pthread_mutex_init(&evt->eev_mutex, nullptr);
+        pthread_cond_init(&evt->eev_cond, &attr);
+    }
+    pthread_condattr_destroy(&attr);
+    return ret;
+}
+
+int _qnm_event_destroy(qnm_event_t* evt) {
+    const int mutex_ret = pthread_mutex_destroy(&evt->eev_mutex);
+    const int cond_ret = pthread_cond_destroy(&evt->eev_cond);
+    return mutex_ret != 0 || cond_ret != 0 ? EPROTO : 0;
+}
+
+int _qnm_event_set(qnm_event_t* evt) {
+    if (pthread_mutex_lock(&evt->eev_mutex) != 0) return EPROTO;
+    const int ret = pthread_cond_signal(&evt->eev_cond);
+    pthread_mutex_unlock(&evt->eev_mutex);
+    return ret;
+}
+
+int _qnm_event_wait(qnm_event_t* evt) {
+    if (pthread_mutex_lock(&evt->eev_mutex) != 0) return ENOSYS;
+    const int ret = pthread_cond_wait(&evt->eev_cond, &evt->eev_mutex);
+    pthread_mutex_unlock(&evt->eev_mutex);
+    return ret != 0 ? EPROTO : 0;
+}
+
+int _qnm_event_timedwait(qnm_event_t* evt, uint32_t timeout_ms) {
+    if (timeout_ms == 0) _qnm_event_wait(evt);
+    return wait_until(evt, timeout_ms, nullptr, nullptr);
+}
+
+int _qnm_event_timedwait_for(qnm_event_t* evt, uint32_t timeout_ms, qnm_event_cond_t holds,
+                             void* arg) {
+    return wait_until(evt, timeout_ms, holds, arg);
+}
+
+}  // extern "C"

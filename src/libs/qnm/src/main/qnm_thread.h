@@ -1,0 +1,101 @@
+// qnm_thread.h - mutex, event and thread primitives, and what makes them safe to use in C++.
+//
+// The event object is memoryless: a signal that nobody waits for is lost. Whoever must not miss one
+// uses _qnm_event_timedwait_for(), which looks at the awaited condition under the event's own mutex
+// before it sleeps; a producer that changes the condition first and calls _qnm_event_set() second
+// can then never slip between that look and the sleep.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdint>
+
+typedef struct qnm_mutex {
+    pthread_mutex_t em_mutex;
+} qnm_mutex_t;
+
+typedef struct qnm_event {
+    pthread_mutex_t eev_mutex;
+    pthread_cond_t eev_cond;  // on the monotonic clock
+} qnm_event_t;
+
+typedef struct qnm_thread_id {
+    pthread_t et_thread;
+} qnm_thread_id_t;
+
+typedef uint8_t qnm_bool_t;
+
+// Value of a mutex of static storage; the _st functions below do nothing for such a mutex.
+#define QNM_MUTEX_STATIC_INIT {PTHREAD_MUTEX_INITIALIZER}
+
+extern "C" {
+
+int _qnm_mutex_init(qnm_mutex_t* mutex);  // always 0
+int _qnm_mutex_init_st(qnm_mutex_t* mutex);
+int _qnm_mutex_destroy(qnm_mutex_t* mutex);
+int _qnm_mutex_destroy_st(qnm_mutex_t* mutex);
+int _qnm_mutex_lock(qnm_mutex_t* mutex);
+int _qnm_mutex_unlock(qnm_mutex_t* mutex);
+
+typedef void* (*qnm_thread_func_t)(void*);
+
+// Starts a joinable thread in which every signal is blocked, so that a signal meant for the host
+// program can never make a worker's poll() fail with EINTR. Returns the creation result.
+int _qnm_thread_create(qnm_thread_func_t func, void* arg, qnm_thread_id_t* tid);
+int _qnm_thread_join(qnm_thread_id_t* tid);
+int _qnm_thread_destroy(qnm_thread_id_t* tid);  // always 0
+
+int _qnm_event_init(qnm_event_t* evt);
+int _qnm_event_destroy(qnm_event_t* evt);  // 0 or 71
+int _qnm_event_set(qnm_event_t* evt);      // wakes one waiter; 71 when it cannot lock
+int _qnm_event_wait(qnm_event_t* evt);     // 0, 38 (cannot lock) or 71
+
+// 0 when signalled (or woken spuriously), 110 on time-out, 38 (cannot lock) or 71. A timeout_ms of
+// 0 waits for one signal without limit, and then returns as an expired wait does.
+int _qnm_event_timedwait(qnm_event_t* evt, uint32_t timeout_ms);
+
+// As above, but returns 0 at once when holds(arg) is non-zero before the sleep. holds is called
+// with the event's mutex held. A timeout_ms of 0 looks once.
+typedef int (*qnm_event_cond_t)(void* arg);
+int _qnm_event_timedwait_for(qnm_event_t* evt, uint32_t timeout_ms, qnm_event_cond_t holds,
+                             void* arg);
+
+}  // extern "C"
+
+namespace qnm {
+
+// Plain words of the global records that several threads poll and set without a lock. The order is
+// sequentially consistent: they carry flags, not traffic.
+template <typename Word>
+Word load(const Word& word) {
+    return std::atomic_ref<Word>(const_cast<Word&>(word)).load();
+}
+
+template <typename Word>
+void store(Word& word, Word value) {
+    std::atomic_ref<Word>(word).store(value);
+}
+
+// Holds a lock for a scope, given the pair of functions that take and release it.
+template <auto Lock, auto Unlock>
+class scoped {
+  public:
+    scoped() { Lock(); }
+    ~scoped() { Unlock(); }
+    scoped(const scoped&) = delete;
+    scoped& operator=(const scoped&) = delete;
+};
+
+class mutex_guard {
+  public:
+    explicit mutex_guard(qnm_mutex_t& mutex) : mutex_(mutex) { _qnm_mutex_lock(&mutex_); }
+    ~mutex_guard() { _qnm_mutex_unlock(&mutex_); }
+    mutex_guard(const mutex_guard&) = delete;
+    mutex_guard& operator=(const mutex_guard&) = delete;
+
+  private:
+    qnm_mutex_t& mutex_;
+};
+
+}  // namespace qnm
