@@ -1,0 +1,44 @@
+// alloc.h - counts heap allocations and makes them fail on demand.
+//
+// alloc.cpp replaces the global operators new and delete in all their forms, on top of malloc and
+// free, so that the sanitizers keep watching. Only the forms with std::nothrow can be made to fail,
+// as those are the only ones that the library uses; what GoogleTest, log4cxx and the test itself
+// allocate goes through the throwing forms and always succeeds.
+//
+// Counts and failures belong to the calling thread, unless the name says otherwise. A failure is
+// used up when it has happened.
+#pragma once
+
+#include <cstdint>
+
+namespace alloc {
+
+struct counts_t {
+    std::uint64_t allocations = 0;  // all forms, nothrow and failed ones included
+    std::uint64_t nothrow = 0;      // the nothrow forms among them
+    std::uint64_t failed = 0;       // of those, the ones made to fail
+    std::uint64_t frees = 0;        // deletes of anything but a null pointer
+};
+
+// Of the calling thread since it started.
+counts_t counts();
+
+// The n-th nothrow allocation from now (1 = the next) on this thread fails; 0 takes it back.
+void fail_nth(std::uint64_t n);
+
+// The same for the n-th nothrow allocation on whichever thread; for code that runs on threads of its
+// own. Independent of fail_nth.
+void fail_nth_anywhere(std::uint64_t n);
+
+// Takes back both, and tells whether nothing was left to take back.
+bool all_used();
+
+// Allocations that body makes on this thread.
+template <typename Body>
+std::uint64_t count_in(Body&& body) {
+    const std::uint64_t before = counts().allocations;
+    body();
+    return counts().allocations - before;
+}
+
+}  // namespace alloc

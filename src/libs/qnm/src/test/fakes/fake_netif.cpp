@@ -1,0 +1,245 @@
+// fake_netif.cpp - network interfaces and link notifications for the code under test; see
+// fake_netif.h.
+
+#include "fake_netif.h"
+
+#include <gtest/gtest.h>
+#include <linux/ethtool.h>
+#include <linux/if_packet.h>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <linux/sockios.h>
+#include <net/if.h>
+#include <sys/ioctl.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <vector>
+
+#include "fake_pcap.h"
+#include "wait.h"
+
+namespace fake_netif {
+namespace {
+
+struct netlink_t {
+    int fd;    // the library's end; it closes it
+    int peer;  // our end, which sees that close
+    bool bound;
+};
+
+std::mutex g_mutex;  // guards all below
+std::map<std::string, interface_t> g_interfaces;
+std::map<unsigned long, int> g_request_failures;
+std::vector<netlink_t> g_netlinks;
+std::optional<int> g_packet_version;
+
+int failed(int err) {
+    errno = err;
+    return -1;
+}
+
+// ---- ioctl: one function per request; each needs the mutex and returns 0 or an error number ------
+
+using answer_t = int (*)(const interface_t& netif, struct ifreq& req);
+
+int answer_index(const interface_t& netif, struct ifreq& req) {
+    req.ifr_ifindex = netif.index;
+    return 0;
+}
+
+int answer_hwaddr(const interface_t& netif, struct ifreq& req) {
+    constexpr unsigned short k_ethernet = 1;
+    std::memset(&req.ifr_hwaddr, 0, sizeof req.ifr_hwaddr);
+    req.ifr_hwaddr.sa_family = k_ethernet;
+    for (int i = 0; i < 6; i++) {
+        req.ifr_hwaddr.sa_data[i] = static_cast<char>(netif.mac >> (40 - 8 * i));
+    }
+    return 0;
+}
+
+int answer_ethtool(const interface_t& netif, struct ifreq& req) {
+    auto* value = reinterpret_cast<struct ethtool_value*>(req.ifr_data);
+    if (value == nullptr || value->cmd != ETHTOOL_GLINK || value->data != 0) {
+        ADD_FAILURE() << "ioctl(SIOCETHTOOL): not an ETHTOOL_GLINK whose data starts at 0";
+        return EINVAL;
+    }
+    value->data = netif.link_up ? 1 : 0;
+    return 0;
+}
+
+struct request_row {
+    unsigned long request;
+    answer_t answer;
+};
+
+constexpr request_row k_requests[] = {
+    {SIOCGIFINDEX, answer_index},
+    {SIOCGIFHWADDR, answer_hwaddr},
+    {SIOCETHTOOL, answer_ethtool},
+};
+
+int serve(int fd, unsigned long request, struct ifreq& req) {
+    const auto* row = std::find_if(std::begin(k_requests), std::end(k_requests),
+                                   [&](const request_row& r) { return r.request == request; });
+    if (row == std::end(k_requests)) {
+        ADD_FAILURE() << "ioctl: unknown request 0x" << std::hex << request;
+        return ENOTTY;
+    }
+    if (std::memchr(req.ifr_name, '\0', IFNAMSIZ) == nullptr) {
+        ADD_FAILURE() << "ioctl: interface name is not terminated";
+        return EINVAL;
+    }
+    const std::string name = req.ifr_name;
+    if (fake_pcap::owner_of_fileno(fd) != name) {
+        ADD_FAILURE() << "ioctl: descriptor " << fd << " is not the capture descriptor of " << name;
+        return EBADF;
+    }
+    const std::lock_guard lock(g_mutex);
+    if (const auto failure = g_request_failures.find(request);
+        failure != g_request_failures.end()) {
+        return failure->second;
+    }
+    const auto netif = g_interfaces.find(name);
+    return netif == g_interfaces.end() ? ENODEV : row->answer(netif->second, req);
+}
+
+// ---- netlink ------------------------------------------------------------------------------------
+
+// Needs the mutex: forgets the sockets that the library has closed.
+void drop_closed() {
+    std::erase_if(g_netlinks, [](const netlink_t& link) {
+        char byte;
+        if (recv(link.peer, &byte, 1, MSG_PEEK | MSG_DONTWAIT) != 0) return false;
+        close(link.peer);
+        return true;
+    });
+}
+
+}  // namespace
+
+void reset() {
+    const std::lock_guard lock(g_mutex);
+    g_interfaces.clear();
+    g_request_failures.clear();
+    for (const netlink_t& link : g_netlinks) close(link.peer);
+    g_netlinks.clear();
+    g_packet_version.reset();
+}
+
+void set(const std::string& name, const interface_t& netif) {
+    const std::lock_guard lock(g_mutex);
+    g_interfaces[name] = netif;
+}
+
+void set_link(const std::string& name, bool up) {
+    const std::lock_guard lock(g_mutex);
+    g_interfaces.at(name).link_up = up;
+}
+
+void remove(const std::string& name) {
+    const std::lock_guard lock(g_mutex);
+    g_interfaces.erase(name);
+}
+
+void fail_request(unsigned long request, int err) {
+    const std::lock_guard lock(g_mutex);
+    if (err == 0) {
+        g_request_failures.erase(request);
+    } else {
+        g_request_failures[request] = err;
+    }
+}
+
+void set_packet_version(std::optional<int> version) {
+    const std::lock_guard lock(g_mutex);
+    g_packet_version = version;
+}
+
+void notify() {
+    const std::lock_guard lock(g_mutex);
+    drop_closed();
+    struct nlmsghdr message = {};
+    message.nlmsg_len = sizeof message;
+    message.nlmsg_type = RTM_NEWLINK;
+    for (const netlink_t& link : g_netlinks) {
+        if (!link.bound) continue;
+        if (send(link.peer, &message, sizeof message, MSG_NOSIGNAL | MSG_DONTWAIT) < 0) {
+            ADD_FAILURE() << "fake_netif: notification not taken: " << std::strerror(errno);
+        }
+    }
+}
+
+std::size_t listeners() {
+    const std::lock_guard lock(g_mutex);
+    drop_closed();
+    return static_cast<std::size_t>(std::count_if(g_netlinks.begin(), g_netlinks.end(),
+                                                  [](const netlink_t& link) { return link.bound; }));
+}
+
+bool wait_listener(std::chrono::seconds limit) {
+    return wait_until([] { return listeners() != 0; }, limit);
+}
+
+// ---- For the faked system calls -----------------------------------------------------------------
+
+int answer_ioctl(int fd, unsigned long request, void* arg) {
+    if (arg == nullptr) {
+        ADD_FAILURE() << "ioctl: no argument";
+        return failed(EFAULT);
+    }
+    const int err = serve(fd, request, *static_cast<struct ifreq*>(arg));
+    return err == 0 ? 0 : failed(err);
+}
+
+int answer_netlink_socket(int type, int protocol) {
+    constexpr int k_flags = SOCK_CLOEXEC | SOCK_NONBLOCK;
+    if ((type & ~k_flags) != SOCK_RAW || protocol != NETLINK_ROUTE) {
+        ADD_FAILURE() << "socket(AF_NETLINK): type " << type << ", protocol " << protocol;
+        return failed(EPROTONOSUPPORT);
+    }
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET | (type & k_flags), 0, ends) != 0) return -1;
+    const std::lock_guard lock(g_mutex);
+    drop_closed();
+    g_netlinks.push_back({ends[0], ends[1], false});
+    return ends[0];
+}
+
+std::optional<int> answer_bind(int fd, const struct sockaddr* addr, socklen_t len) {
+    const std::lock_guard lock(g_mutex);
+    drop_closed();
+    const auto link = std::find_if(g_netlinks.begin(), g_netlinks.end(),
+                                   [&](const netlink_t& entry) { return entry.fd == fd; });
+    if (link == g_netlinks.end()) return std::nullopt;
+    struct sockaddr_nl want = {};
+    want.nl_family = AF_NETLINK;
+    want.nl_groups = RTMGRP_LINK;
+    if (len != sizeof want || std::memcmp(addr, &want, sizeof want) != 0) {
+        ADD_FAILURE() << "bind: not a clean address of the link group with port ID 0";
+        return failed(EINVAL);
+    }
+    link->bound = true;
+    return 0;
+}
+
+std::optional<int> answer_getsockopt(int fd, int level, int option, void* value, socklen_t* len) {
+    if (level != SOL_PACKET || option != PACKET_VERSION) return std::nullopt;
+    if (!fake_pcap::owner_of_fileno(fd).has_value()) {
+        ADD_FAILURE() << "getsockopt(PACKET_VERSION): not a capture descriptor: " << fd;
+        return failed(EBADF);
+    }
+    const std::lock_guard lock(g_mutex);
+    if (!g_packet_version.has_value()) return failed(ENOTSOCK);
+    if (*len < sizeof *g_packet_version) return failed(EINVAL);
+    std::memcpy(value, &*g_packet_version, sizeof *g_packet_version);
+    *len = sizeof *g_packet_version;
+    return 0;
+}
+
+}  // namespace fake_netif
