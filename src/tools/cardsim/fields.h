@@ -1,0 +1,40 @@
+// Names and values of card fields as people write them, shared by scenarios and line commands.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "cardsim.h"
+
+namespace cardsim {
+
+// Names that set_field() knows on the card itself, and those of the records inside it.
+std::vector<std::string_view> card_field_names();
+std::vector<std::string_view> bridge_field_names();
+std::vector<std::string_view> down_port_field_names();  // bridge fields included
+
+// 'no field "vlanid"; the nearest is "vlan_id"', with `what` for "field".
+std::string unknown_name(std::string_view what, std::string_view name,
+                         std::span<const std::string_view> known);
+
+std::string in_quotes(std::string_view text);
+
+// Decimal, 0x form or, as a MAC address, colon form. Throws error that names `field`.
+std::uint64_t parse_number(std::string_view field, std::string_view text, std::uint64_t limit);
+std::uint64_t parse_mac(std::string_view field, std::string_view text);
+
+card_kind parse_kind(std::string_view text);
+card_speed parse_speed(std::string_view text);
+
+std::string_view kind_name(card_kind kind);
+std::string_view speed_name(card_speed speed);
+std::string id_text(std::uint64_t id);  // 0x and 12 digits
+
+// Throws error when a card cannot exist: ID out of range or not even on a 40G card, heard on a path
+// that its speed or on a port that the simulator does not have.
+void check_card(const card& checked, std::size_t ports);
+
+}  // namespace cardsim

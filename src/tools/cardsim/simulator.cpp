@@ -1,0 +1,404 @@
+// The simulator: one mutex over cards, timers and counters, one thread that announces.
+//
+// Timers lie in a heap, one live entry per announcing card. An entry is void when its generation is
+// no longer that of its card (removed, or another interval): it is dropped when it comes up. The
+// announcing thread sleeps in ppoll() until the first entry is due, a port has a frame, or the wake
+// descriptor says that the heap or the stop flag has changed.
+#include <poll.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <queue>
+#include <random>
+#include <thread>
+#include <unordered_map>
+#include <utility>
+
+#include "cardsim.h"
+#include "fields.h"
+
+namespace cardsim {
+
+namespace {
+
+using steady = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+// Frames taken from one port before the announcements get their turn again.
+constexpr int receive_batch = 64;
+
+struct slot {
+    card held;
+    std::uint64_t generation = 0;  // of its live timer entry
+};
+
+struct timer {
+    steady::time_point due;
+    std::uint64_t id;
+    std::uint64_t generation;
+    bool operator>(const timer& other) const { return due > other.due; }
+};
+
+using timer_heap = std::priority_queue<timer, std::vector<timer>, std::greater<>>;
+
+int make_wake_descriptor() {
+    const int fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (fd < 0) throw error(std::string("cannot make an eventfd: ") + std::strerror(errno));
+    return fd;
+}
+
+}  // namespace
+
+struct simulator::impl {
+    impl(std::vector<port> given_ports, std::uint16_t type, request_observer given_observer)
+        : ports(std::move(given_ports)), ether_type(type), observer(std::move(given_observer)) {}
+    ~impl() { close(wake_fd); }
+    impl(const impl&) = delete;
+    impl& operator=(const impl&) = delete;
+
+    const std::vector<port> ports;
+    const std::uint16_t ether_type;
+    const request_observer observer;
+    const int wake_fd = make_wake_descriptor();
+    std::atomic<bool> stopping = false;
+    std::thread thread;
+
+    mutable std::mutex mutex;  // guards everything below, and the order of frames on the ports
+    bool running = false;
+    std::map<std::uint64_t, slot> slots;
+    std::unordered_map<std::string, std::uint64_t> ids;  // by name
+    timer_heap timers;
+    std::uint64_t last_generation = 0;
+    std::minstd_rand random;  // fixed seed: the same jitter in every run
+    counters counted;
+
+    // The mutex is held in all of these.
+    std::uint64_t find_id(const card_ref& ref) const;
+    slot& find(const card_ref& ref) { return slots.at(find_id(ref)); }
+    const slot& find(const card_ref& ref) const { return slots.at(find_id(ref)); }
+    void arm(slot& armed, steady::time_point due);
+    void replace(slot& changed, card next);
+    void count_failure(const send_report& report);
+    bool send(std::size_t port, frame_view frame, std::uint64_t& sent);
+    std::size_t send_everywhere(const card& source, message kind);
+    const port& port_at(std::size_t index) const;
+    void set_heard(const card_ref& ref, std::size_t port, std::size_t path, bool heard);
+
+    // These take it.
+    void begin();
+    void announce_due();
+    std::optional<steady::time_point> next_due() const;
+    void receive_from(std::size_t port);
+    void loop();
+
+    void wake() const;
+};
+
+std::uint64_t simulator::impl::find_id(const card_ref& ref) const {
+    if (ref.text.starts_with("0x")) {
+        const std::uint64_t id = parse_mac("id", ref.text);
+        if (slots.contains(id)) return id;
+    } else if (const auto known = ids.find(ref.text); known != ids.end()) {
+        return known->second;
+    }
+    throw error("no card \"" + ref.text + "\"");
+}
+
+void simulator::impl::arm(slot& armed, steady::time_point due) {
+    armed.generation = ++last_generation;
+    if (armed.held.interval_ms == 0) return;
+    timers.push({due, armed.held.id, armed.generation});
+}
+
+void simulator::impl::replace(slot& changed, card next) {
+    const card& old = changed.held;
+    if (next.id != old.id || next.name != old.name || next.kind != old.kind ||
+        next.speed != old.speed) {
+        throw error("card \"" + old.name + "\": id, name, kind and speed stay; add another card");
+    }
+    check_card(next, ports.size());
+    const bool rearm = next.interval_ms != old.interval_ms;
+    changed.held = std::move(next);
+    if (!rearm || !running) return;
+    arm(changed, steady::now() + milliseconds(changed.held.interval_ms));
+    wake();
+}
+
+void simulator::impl::count_failure(const send_report& report) {
+    switch (report.status) {
+        case send_status::sent:
+            break;
+        case send_status::link_down:
+            ++counted.link_down;
+            break;
+        case send_status::no_room:
+            ++counted.lost;
+            break;
+        case send_status::failed:
+            ++counted.failed;
+            break;
+    }
+}
+
+bool simulator::impl::send(std::size_t port, frame_view frame, std::uint64_t& sent) {
+    const send_report report = ports[port].send(frame);
+    counted.retries += report.retries;
+    count_failure(report);
+    if (report.status != send_status::sent) return false;
+    ++sent;
+    return true;
+}
+
+std::size_t simulator::impl::send_everywhere(const card& source, message kind) {
+    std::uint64_t& total = kind == message::devinfo ? counted.devinfo : counted.notify;
+    std::size_t left = 0;
+    for (std::size_t path = 0; path < path_count(source.speed); ++path) {
+        const frame_bytes frame = encode(source, kind, path);
+        for (std::size_t p = 0; p < ports.size() && p < port_limit; ++p) {
+            if (source.heard[p][path] && send(p, frame, total)) ++left;
+        }
+    }
+    return left;
+}
+
+const port& simulator::impl::port_at(std::size_t index) const {
+    if (index < ports.size()) return ports[index];
+    throw error("no port " + std::to_string(index) + "; there are " + std::to_string(ports.size()));
+}
+
+void simulator::impl::set_heard(const card_ref& ref, std::size_t port, std::size_t path,
+                                bool heard) {
+    port_at(port);
+    slot& changed = find(ref);
+    if (path >= path_count(changed.held.speed)) {
+        throw error("card \"" + changed.held.name + "\" has no path " + std::to_string(path));
+    }
+    changed.held.heard[port][path] = heard;
+}
+
+void simulator::impl::begin() {
+    const std::scoped_lock lock(mutex);
+    if (running) throw error("the simulator is running already");
+    running = true;
+    timers = {};
+    const auto now = steady::now();
+    for (auto& [id, armed] : slots)
+        arm(armed, now + milliseconds(armed.held.phase_ms));
+}
+
+void simulator::impl::announce_due() {
+    const std::scoped_lock lock(mutex);
+    const auto now = steady::now();
+    while (!timers.empty() && timers.top().due <= now) {
+        const timer up = timers.top();
+        timers.pop();
+        const auto found = slots.find(up.id);
+        if (found == slots.end() || found->second.generation != up.generation) continue;
+        slot& announced = found->second;
+        send_everywhere(announced.held, message::devinfo);
+        const milliseconds interval(announced.held.interval_ms);
+        const milliseconds jitter(random() % (std::uint64_t{announced.held.jitter_ms} + 1));
+        // A round that came too late is not made up for: that would be a burst.
+        const auto next = up.due + interval + jitter;
+        arm(announced, next > now ? next : now + interval);
+    }
+}
+
+std::optional<steady::time_point> simulator::impl::next_due() const {
+    const std::scoped_lock lock(mutex);
+    if (timers.empty()) return std::nullopt;
+    return timers.top().due;
+}
+
+void simulator::impl::receive_from(std::size_t index) {
+    for (int taken = 0; taken < receive_batch; ++taken) {
+        const std::optional<frame_bytes> frame = ports[index].receive();
+        if (!frame) return;
+        const std::optional<request> received = decode(*frame, ether_type);
+        if (!received) continue;
+        {
+            const std::scoped_lock lock(mutex);
+            ++counted.received;
+            if (!received->fault.empty()) ++counted.faulty;
+        }
+        if (observer) observer(index, *received);
+    }
+}
+
+void simulator::impl::loop() {
+    std::vector<pollfd> waited{{.fd = wake_fd, .events = POLLIN, .revents = 0}};
+    for (const port& p : ports)
+        waited.push_back({.fd = p.fd, .events = POLLIN, .revents = 0});
+    while (!stopping) {
+        announce_due();
+        timespec limit{};
+        const auto due = next_due();
+        if (due) {
+            const auto left = std::max(*due - steady::now(), steady::duration::zero());
+            const auto seconds = std::chrono::floor<std::chrono::seconds>(left);
+            limit = {
+                .tv_sec = static_cast<time_t>(seconds.count()),
+                .tv_nsec = static_cast<long>(std::chrono::nanoseconds(left - seconds).count())};
+        }
+        if (ppoll(waited.data(), waited.size(), due ? &limit : nullptr, nullptr) <= 0) continue;
+        // The count itself says nothing; what it announces is looked at in the next round.
+        std::uint64_t wakes = 0;
+        if (waited[0].revents != 0 && read(wake_fd, &wakes, sizeof wakes) < 0) continue;
+        for (std::size_t p = 0; p < ports.size(); ++p) {
+            if (waited[p + 1].revents != 0) receive_from(p);
+        }
+    }
+    const std::scoped_lock lock(mutex);
+    running = false;
+}
+
+void simulator::impl::wake() const {
+    const std::uint64_t one = 1;
+    // Full is as good as written, and nothing else can fail on an eventfd.
+    [[maybe_unused]] const ssize_t ignored = write(wake_fd, &one, sizeof one);
+}
+
+card_ref::card_ref(std::uint64_t id) : text(id_text(id)) {}
+
+simulator::simulator(std::vector<port> ports, std::uint16_t ether_type, request_observer observer)
+    : impl_(std::make_unique<impl>(std::move(ports), ether_type, std::move(observer))) {}
+
+simulator::~simulator() {
+    stop();
+    wait();
+}
+
+void simulator::add(card added) {
+    const std::scoped_lock lock(impl_->mutex);
+    check_card(added, impl_->ports.size());
+    if (impl_->ids.contains(added.name)) {
+        throw error("the name \"" + added.name + "\" is there already");
+    }
+    if (const auto taken = impl_->slots.find(added.id); taken != impl_->slots.end()) {
+        throw error("the ID " + id_text(added.id) + " is card \"" + taken->second.held.name +
+                    "\" already");
+    }
+    impl_->ids.emplace(added.name, added.id);
+    const std::uint64_t id = added.id;
+    slot& made = impl_->slots.emplace(id, slot{std::move(added)}).first->second;
+    if (!impl_->running) return;
+    impl_->arm(made, steady::now() + milliseconds(made.held.phase_ms));
+    impl_->wake();
+}
+
+void simulator::remove(const card_ref& ref) {
+    const std::scoped_lock lock(impl_->mutex);
+    const std::uint64_t id = impl_->find_id(ref);
+    impl_->ids.erase(impl_->slots.at(id).held.name);
+    impl_->slots.erase(id);
+}
+
+card simulator::get(const card_ref& ref) const {
+    const std::scoped_lock lock(impl_->mutex);
+    return std::as_const(*impl_).find(ref).held;
+}
+
+std::vector<card> simulator::cards() const {
+    const std::scoped_lock lock(impl_->mutex);
+    std::vector<card> all;
+    all.reserve(impl_->slots.size());
+    for (const auto& [id, known] : impl_->slots)
+        all.push_back(known.held);
+    return all;
+}
+
+void simulator::update(const card_ref& ref, const std::function<void(card&)>& change) {
+    const std::scoped_lock lock(impl_->mutex);
+    slot& changed = impl_->find(ref);
+    card next = changed.held;
+    change(next);
+    impl_->replace(changed, std::move(next));
+}
+
+void simulator::set(const card_ref& ref, std::string_view field, std::string_view value) {
+    update(ref, [&](card& changed) { set_field(changed, field, value); });
+}
+
+void simulator::silence(const card_ref& ref, std::size_t port, std::size_t path) {
+    const std::scoped_lock lock(impl_->mutex);
+    impl_->set_heard(ref, port, path, false);
+}
+
+void simulator::wake(const card_ref& ref, std::size_t port, std::size_t path) {
+    const std::scoped_lock lock(impl_->mutex);
+    impl_->set_heard(ref, port, path, true);
+}
+
+std::size_t simulator::devinfo(const card_ref& ref) {
+    const std::scoped_lock lock(impl_->mutex);
+    return impl_->send_everywhere(impl_->find(ref).held, message::devinfo);
+}
+
+std::size_t simulator::notify(const card_ref& ref) {
+    const std::scoped_lock lock(impl_->mutex);
+    return impl_->send_everywhere(impl_->find(ref).held, message::notify);
+}
+
+std::size_t simulator::announce_all() {
+    const std::scoped_lock lock(impl_->mutex);
+    std::size_t left = 0;
+    for (const auto& [id, known] : impl_->slots) {
+        left += impl_->send_everywhere(known.held, message::devinfo);
+    }
+    return left;
+}
+
+void simulator::send_raw(std::size_t port, frame_view frame) {
+    const std::scoped_lock lock(impl_->mutex);
+    const cardsim::port& out = impl_->port_at(port);
+    const send_report report = out.send(frame);
+    impl_->counted.retries += report.retries;
+    impl_->count_failure(report);
+    if (report.status != send_status::sent) {
+        throw error("not sent on " + out.name + ": " + std::strerror(report.code));
+    }
+    ++impl_->counted.raw;
+}
+
+counters simulator::count() const {
+    const std::scoped_lock lock(impl_->mutex);
+    return impl_->counted;
+}
+
+void simulator::run() {
+    impl_->begin();
+    impl_->loop();
+    impl_->stopping = false;
+}
+
+void simulator::start() {
+    impl_->begin();
+    wait();  // for a thread of before, which has ended
+    impl_->stopping = false;
+    // The thread inherits the mask: signals are for the program's own threads.
+    sigset_t all, before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    impl_->thread = std::thread([this] { impl_->loop(); });
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+void simulator::stop() {
+    impl_->stopping = true;
+    impl_->wake();
+}
+
+void simulator::wait() {
+    if (impl_->thread.joinable()) impl_->thread.join();
+}
+
+}  // namespace cardsim

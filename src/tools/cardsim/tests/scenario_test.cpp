@@ -1,0 +1,187 @@
+// Scenarios: what they make, and errors that lead to the place.
+#include <gtest/gtest.h>
+
+#include <ostream>
+
+#include "cardsim.h"
+
+namespace {
+
+using cardsim::card;
+using cardsim::parse_scenario;
+using cardsim::scenario;
+
+scenario parsed(const std::string& text) {
+    return parse_scenario(text, "test.toml");
+}
+
+std::string refusal(const std::string& text) {
+    try {
+        parsed(text);
+    } catch (const cardsim::error& e) {
+        return e.what();
+    }
+    return "accepted";
+}
+
+// The least a card needs, on lines 1 to 5; `more` begins on line 6.
+std::string card_text(const std::string& more = {}, const std::string& speed = "1g10g") {
+    return "[[card]]\nname = \"a\"\nkind = \"qnsv\"\nspeed = \"" + speed +
+           "\"\nid = 0x020000000010\n" + more;
+}
+
+TEST(Scenario, Defaults) {
+    const scenario read = parsed(card_text());
+    EXPECT_EQ(read.ether_type, 0x88B6);
+    EXPECT_TRUE(read.ports.empty());
+    ASSERT_EQ(read.cards.size(), 1U);
+    const card& made = read.cards[0];
+    EXPECT_EQ(made.name, "a");
+    EXPECT_EQ(made.id, 0x020000000010U);
+    EXPECT_EQ(made.ether_type, 0x88B6);
+    EXPECT_EQ(made.interval_ms, 1000U);
+    EXPECT_TRUE(made.heard[0][0]);
+    EXPECT_FALSE(made.heard[0][1] || made.heard[1][0] || made.heard[1][1]);
+}
+
+TEST(Scenario, HeardOnEveryPortAndPathByDefault) {
+    const scenario read = parsed("ports = [\"x\", \"y\"]\n" + card_text({}, "40g"));
+    EXPECT_EQ(read.ports, (std::vector<std::string>{"x", "y"}));
+    for (const auto& port : read.cards[0].heard)
+        EXPECT_TRUE(port[0] && port[1]);
+    EXPECT_EQ(read.cards[0].ver, 1);
+}
+
+TEST(Scenario, GivenPortsStandInsteadOfItsOwn) {
+    const std::string text = "ports = [\"x\", \"y\"]\n" + card_text();
+    const scenario read = parse_scenario(text, "test.toml", {"z"});
+    EXPECT_EQ(read.ports, (std::vector<std::string>{"z"}));
+    EXPECT_TRUE(read.cards[0].heard[0][0]);
+    EXPECT_FALSE(read.cards[0].heard[1][0]);
+}
+
+TEST(Scenario, HeardAsListed) {
+    const scenario read = parsed(card_text("heard = [\"P0M1\", \"P1M0\"]\n", "40g"));
+    const auto& heard = read.cards[0].heard;
+    EXPECT_TRUE(heard[0][1] && heard[1][0]);
+    EXPECT_FALSE(heard[0][0] || heard[1][1]);
+}
+
+TEST(Scenario, EtherTypeOfScenarioAndCard) {
+    const std::string other =
+        "[[card]]\nname=\"b\"\nkind=\"qnio\"\nspeed=\"40g\"\nid=\"02:00:00:00:00:20\"\n"
+        "ether_type = 0x9001\n";
+    const scenario read = parsed("ether_type = 0x9000\n" + card_text() + other);
+    EXPECT_EQ(read.cards[0].ether_type, 0x9000);
+    EXPECT_EQ(read.cards[1].ether_type, 0x9001);
+}
+
+TEST(Scenario, TablesInsideTheCard) {
+    const scenario read =
+        parsed(card_text("[card.up_port]\ncommand = 7\n"
+                         "[[card.down_port]]\nindex = 3\nconnected = true\n"
+                         "io_mac = \"0x020000000099\"\nmemory_limit = 0xFFF0\n"));
+    EXPECT_EQ(read.cards[0].up_port.command, 7);
+    EXPECT_EQ(read.cards[0].down_ports[3].port_status[1], 0x02);
+    EXPECT_EQ(read.cards[0].down_ports[3].io_mac, 0x020000000099U);
+    EXPECT_EQ(read.cards[0].down_ports[3].com_port.memory_limit, 0xFFF0);
+}
+
+TEST(Scenario, CountUnfoldsWithAscendingIdsSpreadOverTheInterval) {
+    const scenario read = parsed(card_text("count = 4\ninterval_ms = 1000\n"));
+    ASSERT_EQ(read.cards.size(), 4U);
+    EXPECT_EQ(read.cards[0].name, "a-0");
+    EXPECT_EQ(read.cards[3].name, "a-3");
+    EXPECT_EQ(read.cards[0].id, 0x020000000010U);
+    EXPECT_EQ(read.cards[3].id, 0x020000000016U);
+    EXPECT_EQ(read.cards[0].phase_ms, 0U);
+    EXPECT_EQ(read.cards[3].phase_ms, 750U);
+}
+
+TEST(Scenario, CountWithStepAndBurst) {
+    const scenario read = parsed(card_text("count = 3\nstep = 0x100\nburst = true\n"));
+    EXPECT_EQ(read.cards[2].id, 0x020000000210U);
+    EXPECT_EQ(read.cards[2].phase_ms, 0U);
+}
+
+struct wrong {
+    const char* what;
+    std::string text;
+    std::string expected;
+};
+
+void PrintTo(const wrong& test, std::ostream* out) {
+    *out << test.what;
+}
+
+class Wrong : public testing::TestWithParam<wrong> {};
+
+TEST_P(Wrong, IsNamedWithItsPlace) {
+    EXPECT_EQ(refusal(GetParam().text), GetParam().expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Scenario, Wrong,
+    testing::Values(
+        wrong{"CardKey", card_text("vlanid = 3\n"),
+              "test.toml:6: no key \"vlanid\"; the nearest is \"vlan_id\""},
+        wrong{"TopKey", "prots = [\"x\"]\n" + card_text(),
+              "test.toml:1: no key \"prots\"; the nearest is \"ports\""},
+        wrong{"UpPortKey", card_text("[card.up_port]\ncomand = 1\n"),
+              "test.toml:7: no bridge field \"comand\"; the nearest is \"command\""},
+        wrong{"DownPortKey", card_text("[[card.down_port]]\nindex = 1\nio_amc = 1\n"),
+              "test.toml:8: no downstream port field \"io_amc\"; the nearest is \"io_mac\""},
+        wrong{"DownPortIndex", card_text("[[card.down_port]]\nindex = 16\n"),
+              "test.toml:7: \"index\" takes a number from 0 to 15, not \"16\""},
+        wrong{"Range", card_text("vlan_id = 4096\n"),
+              "test.toml:6: \"vlan_id\" takes a number from 0 to 4095, not \"4096\""},
+        wrong{"Negative", card_text("vlan_id = -1\n"),
+              "test.toml:6: \"vlan_id\" takes a number from 0 to 4095, not \"-1\""},
+        wrong{"List", card_text("vlan_id = [1]\n"),
+              "test.toml:6: \"vlan_id\" takes a single value"},
+        wrong{"Heard", card_text("heard = [\"P2M0\"]\n"),
+              "test.toml:6: \"heard\" lists P0M0, P0M1, P1M0, P1M1 (port, path), not \"P2M0\""},
+        wrong{"HeardText", card_text("heard = \"P0M0\"\n"), "test.toml:6: \"heard\" takes a list"},
+        wrong{"PathOfSlowCard", card_text("heard = [\"P0M1\"]\n"),
+              "test.toml:1: card \"a\": heard on P0M1, but a 1G/10G card has path 0 only"},
+        wrong{"PortThatIsNot", "ports = [\"x\"]\n" + card_text("heard = [\"P1M0\"]\n"),
+              "test.toml:2: card \"a\": heard on P1M0, but there is no such port"},
+        wrong{"Kind", "[[card]]\nname = \"a\"\nkind = \"qnxx\"\nspeed = \"40g\"\nid = 2\n",
+              "test.toml:3: \"kind\" takes \"qnsv\" or \"qnio\", not \"qnxx\""},
+        wrong{"NoId", "[[card]]\nname = \"a\"\nkind = \"qnio\"\nspeed = \"40g\"\n",
+              "test.toml:1: a [[card]] needs \"id\""},
+        wrong{"SameId",
+              card_text() + "[[card]]\nname = \"b\"\nkind = \"qnio\"\nspeed = \"40g\"\n"
+                            "id = 0x020000000010\n",
+              "test.toml:6: card \"b\": the ID 0x020000000010 is card \"a\" already"},
+        wrong{"SameName", card_text() + card_text(),
+              "test.toml:6: the name \"a\" is there already"},
+        wrong{"Count", card_text("count = 0\n"), "test.toml:6: \"count\" takes at least 1"},
+        wrong{"Burst", card_text("count = 2\nburst = 1\n"),
+              "test.toml:7: \"burst\" takes true or false"},
+        wrong{"NoCard", "ports = [\"x\"]\n", "test.toml: no [[card]] in this scenario"},
+        wrong{"ThreePorts", "ports = [\"x\", \"y\", \"z\"]\n" + card_text(),
+              "test.toml:1: \"ports\" lists one or two interfaces"}),
+    testing::PrintToStringParamName());
+
+TEST(Scenario, SyntaxErrorsHaveAPlace) {
+    EXPECT_EQ(refusal(card_text("vlan_id = \n")).substr(0, 12), "test.toml:6:");
+}
+
+TEST(Scenario, MissingFileIsNamed) {
+    try {
+        cardsim::load_scenario("/nonexistent/cards.toml");
+        FAIL() << "loaded";
+    } catch (const cardsim::error& e) {
+        EXPECT_STREQ(e.what(), "cannot read the scenario \"/nonexistent/cards.toml\"");
+    }
+}
+
+TEST(Scenario, ExamplesLoad) {
+    const scenario demo = cardsim::load_scenario(SCENARIO_DIR "/demo.toml");
+    EXPECT_EQ(demo.cards.size(), 6U);
+    EXPECT_EQ(demo.ports, (std::vector<std::string>{"qsim0", "qsim1"}));
+    EXPECT_EQ(cardsim::load_scenario(SCENARIO_DIR "/rack.toml").cards.size(), 2000U);
+}
+
+}  // namespace
