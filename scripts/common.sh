@@ -1,0 +1,32 @@
+# What the scripts share; to be sourced. Not a program of its own.
+# shellcheck shell=bash
+
+# The top of the source tree.
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+readonly root
+
+# The system's own tools come first: the libraries are the system's as well, and a compiler or a
+# pkg-config that was installed beside them would look for them elsewhere. /usr/sbin is added
+# because an ordinary user's PATH lacks it.
+export PATH="/usr/bin:/usr/sbin:/bin:/sbin:$PATH"
+
+# Ends the script: says why on standard error.
+die() {
+  echo "${0##*/}: $*" >&2
+  exit 1
+}
+
+# Words put before every program that runs what was built, for example setarch with an option.
+launcher=()
+
+# Configures a preset and builds it: all of it, or only the targets named after it.
+build_preset() {
+  local preset=$1
+  shift
+  (
+    cd "$root" || exit
+    cmake --preset "$preset"
+    "${launcher[@]}" cmake --build --preset "$preset" \
+      --parallel "${CMAKE_BUILD_PARALLEL_LEVEL:-$(nproc)}" ${1:+--target "$@"}
+  )
+}

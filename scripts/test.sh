@@ -1,0 +1,49 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds and runs all tests.
+#
+#   usage: test.sh [PRESET...]     release (the default), debug, asan, tsan
+#
+#   CMAKE_BUILD_PARALLEL_LEVEL, CTEST_PARALLEL_LEVEL   how much to do at once; default: all cores
+#
+# Ends with the summary of ctest, and non-zero at the first preset that fails.
+set -euo pipefail
+# shellcheck source=scripts/common.sh
+. "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+
+# ThreadSanitizer and AddressSanitizer reserve fixed address ranges, into which a kernel with much
+# address randomisation puts other things ("unexpected memory mapping"). Their presets do without it
+# where that is permitted; the build too, because it asks each test program for its tests.
+choose_launcher() {
+  launcher=()
+  case $1 in
+    asan | tsan)
+      if setarch --addr-no-randomize true 2>/dev/null; then
+        launcher=(setarch --addr-no-randomize)
+      fi
+      ;;
+  esac
+}
+
+test_preset() {
+  local preset=$1
+  choose_launcher "$preset"
+  build_preset "$preset"
+  (
+    cd "$root" || exit
+    "${launcher[@]}" ctest --preset "$preset" --parallel "${CTEST_PARALLEL_LEVEL:-$(nproc)}"
+  )
+}
+
+main() {
+  local preset
+  local -a presets=("$@")
+  if ((${#presets[@]} == 0)); then
+    presets=(release)
+  fi
+  "$root/scripts/install-deps.sh"
+  for preset in "${presets[@]}"; do
+    test_preset "$preset"
+  done
+}
+
+main "$@"
