@@ -39,11 +39,11 @@
 extern "C" {
 #endif
 
-/* C++ callers get enumerations that may hold any int, so that a wrong value is refused, not undefined. */
+/* In C++ the enumerations may hold any int, so that a wrong value is refused and not undefined. */
 #ifdef __cplusplus
-#define QNM_ENUM(name) enum name : int
+#define QNM_ANY_INT : int
 #else
-#define QNM_ENUM(name) enum name
+#define QNM_ANY_INT
 #endif
 
 #ifdef __GNUC__
@@ -55,7 +55,7 @@ extern "C" {
 /* ---- Result codes ---------------------------------------------------------------------------- */
 
 /** Result of every public call. */
-typedef QNM_ENUM(qnm_api_code){
+typedef enum qnm_api_code QNM_ANY_INT {
     QNM_API_SUCCESS = 0,   /**< success */
     QNM_API_EINVAL = 1,    /**< invalid argument */
     QNM_API_ERANGE = 2,    /**< value out of range, or a list longer than the caller accepts */
@@ -78,7 +78,7 @@ qnm_api_code_t qnm_err2retcode(int err);
 /* ---- Manager lifecycle ----------------------------------------------------------------------- */
 
 /** Log level: a line is written when its level is at or below the running level. */
-typedef QNM_ENUM(qnm_log_level){
+typedef enum qnm_log_level QNM_ANY_INT {
     QNM_LOGLVL_NONE = -1, /**< as an argument: take the level from the configuration file */
     QNM_LOGLVL_FATAL = 0,
     QNM_LOGLVL_ERROR = 1,
@@ -198,9 +198,9 @@ typedef struct qnm_qnio {
     uint16_t eio_mr_resource_num; /**< resource ID of a multi-root card, else 0 */
     uint8_t eio_sermacaddr[6];    /**< MAC address of the QNSV card this card is bound to */
     uint8_t eio_substate[2];
-    uint8_t eio_link0fault; /**< 0 or 1 */
-    uint8_t eio_link1fault; /**< 0 or 1 */
-    uint8_t eio_pcie_presence;    /**< 0 or 1 */
+    uint8_t eio_link0fault;    /**< 0 or 1 */
+    uint8_t eio_link1fault;    /**< 0 or 1 */
+    uint8_t eio_pcie_presence; /**< 0 or 1 */
     uint8_t eio_pad1[3];
 } qnm_qnio_t;
 
@@ -298,7 +298,7 @@ qnm_api_code_t qnm_restart_monitor(uint64_t id);
 /* ---- Events ---------------------------------------------------------------------------------- */
 
 /** What a callback is told. */
-typedef QNM_ENUM(qnm_evt_type){
+typedef enum qnm_evt_type QNM_ANY_INT {
     QNM_EVT_NEWDEVINFO = 0,         /**< a card was learnt */
     QNM_EVT_UPDATEDEVINFO = 1,      /**< a card's record changed, a lost path included */
     QNM_EVT_CONNECTIONCHANGE = 2,   /**< the binding between QNSV and QNIO cards changed */

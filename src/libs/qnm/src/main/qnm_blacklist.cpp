@@ -96,8 +96,8 @@ int restart_monitor(const char* func, uint64_t id) {
 qnm_api_code_t control_call(qnm_stats_func_t func, const char* name, uint64_t id,
                             int (*work)(const char* func, uint64_t id)) {
     return qnm::public_call(
-        func, qnm::needs::running_manager,
-        [=] { qnm_log_info("%s: (IN) id=0x%.12lx", name, id); }, [=] { return work(name, id); },
+        func, qnm::needs::running_manager, [=] { qnm_log_info("%s: (IN) id=0x%.12lx", name, id); },
+        [=] { return work(name, id); },
         [=](qnm_api_code_t ret) { qnm_log_info("%s: (OUT) ret=%d, id=0x%.12lx", name, ret, id); });
 }
 

@@ -185,8 +185,7 @@ void print_ether_type(const key_row& row, line_func line) {
 
 constexpr key_row k_keys[] = {
     {"ether_port", FLAG(ether_port_name), print_ether_port, sign::refused, parse_ether_port},
-    {"broadcast_mac", FLAG(broadcast_mac), print_broadcast_mac, sign::refused,
-     parse_broadcast_mac},
+    {"broadcast_mac", FLAG(broadcast_mac), print_broadcast_mac, sign::refused, parse_broadcast_mac},
     {"ether_port_ifindex", FLAG(ether_port_ifindex), print_ether_port_ifindex, sign::refused,
      parse_ether_port_ifindex},
     {"devinfo_check_interval", FIELD(devinfo_check_interval), 1000, 1000, 100000},
@@ -281,7 +280,8 @@ int read_lines(const char* func, const char* path, FILE* file) {
 }
 
 void print_all(line_func line) {
-    for (const key_row& row : k_keys) row.print(row, line);
+    for (const key_row& row : k_keys)
+        row.print(row, line);
 }
 
 }  // namespace

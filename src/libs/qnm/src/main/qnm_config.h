@@ -12,7 +12,7 @@ typedef struct qnm_conf {
     uint64_t broadcast_mac;        // destination of broadcast frames, 48 bits
     uint32_t ether_port_ifindex[2];
     uint32_t use_port_num_win;
-    uint32_t use_port_num_linux;  // port 1 is opened only when this is 2
+    uint32_t use_port_num_linux;           // port 1 is opened only when this is 2
     uint32_t devinfo_check_interval;       // ms between keepalive checks
     uint32_t devinfo_expire_time;          // ms without DEVINFO before a path counts as lost
     uint32_t devinfo_flag_check_interval;  // ms between looks at the stop flag

@@ -145,8 +145,7 @@ void _qnm_do_callback(const qnm_cbinfo_t& info, const qnm_evt_node_t& node) {
 void _qnm_evt_call(const qnm_evt_node_t& node) {
     qnm_cbevt_t& table = cb_evt_tbl[node.een_event];
     const qnm::mutex_guard lock(table.cl_mutex);
-    for (qnm_list* links = table.cl_head.el_next; links != &table.cl_head;
-         links = links->el_next) {
+    for (qnm_list* links = table.cl_head.el_next; links != &table.cl_head; links = links->el_next) {
         _qnm_do_callback(*cbinfo_of(links), node);
     }
 }
@@ -180,9 +179,10 @@ int init_tables(const char* func) {
         list_make_empty(cb_evt_tbl[i].cl_head);
         const int err = _qnm_mutex_init(&cb_evt_tbl[i].cl_mutex);
         if (err != 0) {
-            qnm_log_error("%s: Failed to _qnm_mutex_init() for cb_evt_tbl. err=%d, i=%d", func,
-                          err, i);
-            while (i > 0) _qnm_mutex_destroy(&cb_evt_tbl[--i].cl_mutex);
+            qnm_log_error("%s: Failed to _qnm_mutex_init() for cb_evt_tbl. err=%d, i=%d", func, err,
+                          i);
+            while (i > 0)
+                _qnm_mutex_destroy(&cb_evt_tbl[--i].cl_mutex);
             return EPROTO;
         }
     }
@@ -232,8 +232,7 @@ qnm_cbinfo_t* take_registration(qnm_cbid_t id) {
     auto* const wanted = reinterpret_cast<qnm_list*>(id);
     qnm_cbevt_t& table = cb_evt_tbl[cbinfo_of(wanted)->cb_event];
     const qnm::mutex_guard lock(table.cl_mutex);
-    for (qnm_list* links = table.cl_head.el_next; links != &table.cl_head;
-         links = links->el_next) {
+    for (qnm_list* links = table.cl_head.el_next; links != &table.cl_head; links = links->el_next) {
         if (links == wanted) {
             list_unlink(*links);
             return cbinfo_of(links);

@@ -55,7 +55,8 @@ constexpr void put_be16(uint8_t (&b)[2], uint16_t value) {
 }
 
 constexpr void put_be32(uint8_t (&b)[4], uint32_t value) {
-    for (int i = 0; i < 4; i++) b[i] = static_cast<uint8_t>(value >> (24 - 8 * i));
+    for (int i = 0; i < 4; i++)
+        b[i] = static_cast<uint8_t>(value >> (24 - 8 * i));
 }
 
 inline uint16_t host16(const uint8_t (&b)[2]) {
@@ -78,7 +79,8 @@ constexpr uint32_t encode_register_address(uint32_t address) {
 
 }  // namespace qnm
 
-// ---- Headers -------------------------------------------------------------------------------------
+// ---- Headers
+// -------------------------------------------------------------------------------------
 
 struct quillnet_header_s {
     uint8_t dmac[6];
@@ -103,7 +105,8 @@ struct quillnet_peb_s {
     uint8_t reserved2[3];
 };
 
-// ---- DEVINFO and NOTIFY --------------------------------------------------------------------------
+// ---- DEVINFO and NOTIFY
+// --------------------------------------------------------------------------
 
 struct qnet_com_devinfo_s {
     uint8_t subtype;
@@ -177,7 +180,8 @@ struct qnw_devinfo_mrio_s {
     uint8_t resource_id[2];
 };
 
-// ---- Completion, and what the manager sends ------------------------------------------------------
+// ---- Completion, and what the manager sends
+// ------------------------------------------------------
 
 struct qnet_com_comp_s {
     uint8_t subtype;
@@ -268,7 +272,8 @@ struct qnw_mms_write_s {
     uint8_t data[32 * 4];  // 32 words in host byte order
 };
 
-// ---- Sizes and offsets ---------------------------------------------------------------------------
+// ---- Sizes and offsets
+// ---------------------------------------------------------------------------
 
 static_assert(sizeof(quillnet_header_s) == 18 && offsetof(quillnet_header_s, tpid) == 12 &&
               offsetof(quillnet_header_s, tci) == 14 && offsetof(quillnet_header_s, type) == 16);

@@ -59,17 +59,15 @@ bool take_notification(const struct pollfd& netlink) {
     char buffer[k_buffer_size];
     const unsigned revents = static_cast<unsigned>(netlink.revents);
     if ((revents & (POLLHUP | POLLNVAL)) != 0) {
-        qnm_log_fatal(
-            "%s: poll error event has occurred (in link state check wait). revents=0x%x", k_name,
-            revents);
+        qnm_log_fatal("%s: poll error event has occurred (in link state check wait). revents=0x%x",
+                      k_name, revents);
         return false;
     }
     const ssize_t got = recv(netlink.fd, buffer, sizeof buffer, 0);
     if ((revents & POLLERR) != 0) {
         if (got == -1) {
-            qnm_log_error(
-                "%s: Failed to recv(). revent is POLLERR. err=%d, errno=%d, revents=0x%x", k_name,
-                static_cast<int>(got), errno, revents);
+            qnm_log_error("%s: Failed to recv(). revent is POLLERR. err=%d, errno=%d, revents=0x%x",
+                          k_name, static_cast<int>(got), errno, revents);
         }
         qnm_log_fatal("%s: POLLERR event has occurred (in link state check wait). revents=0x%x",
                       k_name, revents);

@@ -76,13 +76,13 @@ void _qnm_output_log(LoggerPtr logger, char* msg, qnm_log_level_t level) {
     }
 }
 
-#define QNM_DEFINE_LOG(name, logger, level)                        \
-    void name(const char* fmt, ...) {                              \
-        if (qnm::load(g_log_level) < (level)) return;              \
-        va_list args;                                              \
-        va_start(args, fmt);                                       \
-        format_and_output((logger), (level), fmt, args);           \
-        va_end(args);                                              \
+#define QNM_DEFINE_LOG(name, logger, level)              \
+    void name(const char* fmt, ...) {                    \
+        if (qnm::load(g_log_level) < (level)) return;    \
+        va_list args;                                    \
+        va_start(args, fmt);                             \
+        format_and_output((logger), (level), fmt, args); \
+        va_end(args);                                    \
     }
 
 QNM_DEFINE_LOG(qnm_log_fatal, logger_file, QNM_LOGLVL_FATAL)

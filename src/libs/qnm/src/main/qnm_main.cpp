@@ -124,7 +124,8 @@ int run_tasks() {
     } else {
         abort_workers();
     }
-    for (worker* thread : {&stats, &link, &event}) join_worker(*thread);
+    for (worker* thread : {&stats, &link, &event})
+        join_worker(*thread);
     return err;
 }
 
@@ -144,7 +145,8 @@ int run_threads() {
     } else {
         abort_workers();
     }
-    for (worker& thread : recv) join_worker(thread);
+    for (worker& thread : recv)
+        join_worker(thread);
     return err;
 }
 
@@ -201,7 +203,8 @@ int run_with_ports() {
     }
     if (!any_open) return err;
     err = run_with_pipes();
-    for (qnm_port_info_t& port : qnm_root.er_port_info) _qnm_socket_close(&port);
+    for (qnm_port_info_t& port : qnm_root.er_port_info)
+        _qnm_socket_close(&port);
     return err;
 }
 
@@ -213,7 +216,8 @@ int run_with_units() {
         if (err == 0) ready++;
     }
     if (err == 0) err = run_with_ports();
-    while (ready > 0) k_units[--ready].fini();
+    while (ready > 0)
+        k_units[--ready].fini();
     _qnm_config_fini();
     return err;
 }
@@ -324,20 +328,20 @@ int _qnm_terminate_event_check(const char* func, const struct pollfd* pipe, size
     if (port != -1) snprintf(where, sizeof where, "port_num=%d", port);
     const char* const comma = port != -1 ? ", " : "";
     if ((pipe->revents & (POLLHUP | POLLNVAL)) != 0) {
-        qnm_log_fatal("%s: poll error event has occurred (in terminate event wait). %s%srevents=0x%x",
-                      func, where, comma, static_cast<unsigned>(pipe->revents));
+        qnm_log_fatal(
+            "%s: poll error event has occurred (in terminate event wait). %s%srevents=0x%x", func,
+            where, comma, static_cast<unsigned>(pipe->revents));
         _qnm_fini_manager();
         return 1;
     }
     if ((pipe->revents & POLLERR) != 0) {
         const ssize_t got = read(pipe->fd, buffer, drain);
         if (got == -1) {
-            qnm_log_error("%s: Failed to read(). err=%d, errno=%d%s%s", func,
-                          static_cast<int>(got), errno, comma, where);
+            qnm_log_error("%s: Failed to read(). err=%d, errno=%d%s%s", func, static_cast<int>(got),
+                          errno, comma, where);
         }
-        qnm_log_fatal(
-            "%s: POLLERR event has occurred (in terminate event wait). %s%srevents=0x%x", func,
-            where, comma, static_cast<unsigned>(pipe->revents));
+        qnm_log_fatal("%s: POLLERR event has occurred (in terminate event wait). %s%srevents=0x%x",
+                      func, where, comma, static_cast<unsigned>(pipe->revents));
         _qnm_fini_manager();
         return 1;
     }

@@ -39,8 +39,7 @@ void _qnm_terminate_event_set(void);
 // What a poll of the terminate pipe found, for the worker func: non-zero when the worker must end.
 // An error on the pipe stops the manager. drain is how much to read; port is named in the log
 // lines unless it is -1.
-int _qnm_terminate_event_check(const char* func, const struct pollfd* pipe, size_t drain,
-                               int port);
+int _qnm_terminate_event_check(const char* func, const struct pollfd* pipe, size_t drain, int port);
 
 }  // extern "C"
 

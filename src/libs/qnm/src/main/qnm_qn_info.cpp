@@ -29,7 +29,8 @@ using qnm::qnio_kind;
 using qnm::qnsv_kind;
 using qnm::table_guard;
 
-// ---- Nodes ---------------------------------------------------------------------------------------
+// ---- Nodes
+// ---------------------------------------------------------------------------------------
 
 template <typename Kind>
 typename Kind::node* node_of(qnm_rbnode_t* links) {
@@ -77,7 +78,8 @@ void free_node(qnm_rbnode_t* links, qnm_ptr_t) {
     qnm::count(qnm_stats.*Kind::freed);
 }
 
-// ---- Get and set ---------------------------------------------------------------------------------
+// ---- Get and set
+// ---------------------------------------------------------------------------------
 
 template <typename Kind>
 int get_card(uint64_t id, typename Kind::record* record, uint32_t* ignore_state,
@@ -139,8 +141,8 @@ int set_card(uint64_t id, const typename Kind::record* record, uint32_t ignore_s
                             ? add_card<Kind>(id, *record, ignore_state, check_count)
                             : EINVAL;
         if (err != 0) {
-            qnm_log_trace("%s: Failed to %s(). err=%d, id=0x%.12lx", Kind::set_name,
-                          Kind::add_name, err, id);
+            qnm_log_trace("%s: Failed to %s(). err=%d, id=0x%.12lx", Kind::set_name, Kind::add_name,
+                          err, id);
         }
         return err;
     }
@@ -176,7 +178,8 @@ bool look_up(const char* func, uint64_t id, typename Kind::record* record, uint3
     return true;
 }
 
-// ---- ID lists ------------------------------------------------------------------------------------
+// ---- ID lists
+// ------------------------------------------------------------------------------------
 
 // Hands out the IDs of the cards that match. count tells how many they are, under the lock.
 template <typename Kind, typename Count, typename Match>
@@ -261,11 +264,9 @@ qnm_api_code_t get_group_ids(const char* name, uint16_t groupid, uint64_t** id_l
 template <typename Body>
 qnm_api_code_t id_call(qnm_stats_func_t func, const char* name, uint64_t id, Body body) {
     return qnm::public_call(
-        func, qnm::needs::running_manager,
-        [=] { qnm_log_info("%s: (IN). id=0x%.12lx", name, id); }, body,
-        [=](qnm_api_code_t ret) {
-            qnm_log_info("%s: (OUT). ret=%d id=0x%.12lx", name, ret, id);
-        });
+        func, qnm::needs::running_manager, [=] { qnm_log_info("%s: (IN). id=0x%.12lx", name, id); },
+        body,
+        [=](qnm_api_code_t ret) { qnm_log_info("%s: (OUT). ret=%d id=0x%.12lx", name, ret, id); });
 }
 
 template <typename Kind>
@@ -277,7 +278,8 @@ qnm_api_code_t get_record(const char* name, uint64_t id, typename Kind::record* 
     });
 }
 
-// ---- Keepalive -----------------------------------------------------------------------------------
+// ---- Keepalive
+// -----------------------------------------------------------------------------------
 
 // Tells the host and the log that a card has lost a path.
 template <typename Kind>
@@ -356,7 +358,8 @@ void disconnect_port(const char* func, int port, uint64_t now) {
     });
 }
 
-// ---- Status dump ---------------------------------------------------------------------------------
+// ---- Status dump
+// ---------------------------------------------------------------------------------
 
 enum class as { u8, u16, u32, u64, bytes2, bytes3, mac };
 
@@ -366,20 +369,32 @@ struct field_row {
     as type;
 };
 
-#define FIELD(record, member, type) {#member, offsetof(record, member), as::type}
+#define FIELD(record, member, type) \
+    { #member, offsetof(record, member), as::type }
 
 constexpr field_row k_com_dev_fields[] = {
-    FIELD(qnm_com_dev_t, ecd_recvtime[0][0], u64), FIELD(qnm_com_dev_t, ecd_recvtime[0][1], u64),
-    FIELD(qnm_com_dev_t, ecd_recvtime[1][0], u64), FIELD(qnm_com_dev_t, ecd_recvtime[1][1], u64),
-    FIELD(qnm_com_dev_t, ecd_updatetime, u64),     FIELD(qnm_com_dev_t, ecd_state[0][0], u32),
-    FIELD(qnm_com_dev_t, ecd_state[0][1], u32),    FIELD(qnm_com_dev_t, ecd_state[1][0], u32),
-    FIELD(qnm_com_dev_t, ecd_state[1][1], u32),    FIELD(qnm_com_dev_t, ecd_uidsw, u32),
-    FIELD(qnm_com_dev_t, ecd_power, u32),          FIELD(qnm_com_dev_t, ecd_port0_link, u32),
-    FIELD(qnm_com_dev_t, ecd_port1_link, u32),     FIELD(qnm_com_dev_t, ecd_vlan_id, u16),
-    FIELD(qnm_com_dev_t, ecd_macaddr, mac),        FIELD(qnm_com_dev_t, ecd_swstatus, bytes3),
-    FIELD(qnm_com_dev_t, ecd_vlan_mode, u8),       FIELD(qnm_com_dev_t, ecd_flowid, u8),
-    FIELD(qnm_com_dev_t, ecd_type, u8),            FIELD(qnm_com_dev_t, ecd_linkstatus, u8),
-    FIELD(qnm_com_dev_t, ecd_int_vector, u8),      FIELD(qnm_com_dev_t, ecd_ver, u8),
+    FIELD(qnm_com_dev_t, ecd_recvtime[0][0], u64),
+    FIELD(qnm_com_dev_t, ecd_recvtime[0][1], u64),
+    FIELD(qnm_com_dev_t, ecd_recvtime[1][0], u64),
+    FIELD(qnm_com_dev_t, ecd_recvtime[1][1], u64),
+    FIELD(qnm_com_dev_t, ecd_updatetime, u64),
+    FIELD(qnm_com_dev_t, ecd_state[0][0], u32),
+    FIELD(qnm_com_dev_t, ecd_state[0][1], u32),
+    FIELD(qnm_com_dev_t, ecd_state[1][0], u32),
+    FIELD(qnm_com_dev_t, ecd_state[1][1], u32),
+    FIELD(qnm_com_dev_t, ecd_uidsw, u32),
+    FIELD(qnm_com_dev_t, ecd_power, u32),
+    FIELD(qnm_com_dev_t, ecd_port0_link, u32),
+    FIELD(qnm_com_dev_t, ecd_port1_link, u32),
+    FIELD(qnm_com_dev_t, ecd_vlan_id, u16),
+    FIELD(qnm_com_dev_t, ecd_macaddr, mac),
+    FIELD(qnm_com_dev_t, ecd_swstatus, bytes3),
+    FIELD(qnm_com_dev_t, ecd_vlan_mode, u8),
+    FIELD(qnm_com_dev_t, ecd_flowid, u8),
+    FIELD(qnm_com_dev_t, ecd_type, u8),
+    FIELD(qnm_com_dev_t, ecd_linkstatus, u8),
+    FIELD(qnm_com_dev_t, ecd_int_vector, u8),
+    FIELD(qnm_com_dev_t, ecd_ver, u8),
 };
 
 constexpr field_row k_com_port_fields[] = {
@@ -401,10 +416,10 @@ constexpr field_row k_down_port_fields[] = {
 };
 
 constexpr field_row k_qnio_fields[] = {
-    FIELD(qnm_qnio_t, eio_class_code, u32),      FIELD(qnm_qnio_t, eio_device_id, u16),
-    FIELD(qnm_qnio_t, eio_vendor_id, u16),       FIELD(qnm_qnio_t, eio_mr_resource_num, u16),
-    FIELD(qnm_qnio_t, eio_sermacaddr, mac),      FIELD(qnm_qnio_t, eio_substate, bytes2),
-    FIELD(qnm_qnio_t, eio_link0fault, u8),       FIELD(qnm_qnio_t, eio_link1fault, u8),
+    FIELD(qnm_qnio_t, eio_class_code, u32),   FIELD(qnm_qnio_t, eio_device_id, u16),
+    FIELD(qnm_qnio_t, eio_vendor_id, u16),    FIELD(qnm_qnio_t, eio_mr_resource_num, u16),
+    FIELD(qnm_qnio_t, eio_sermacaddr, mac),   FIELD(qnm_qnio_t, eio_substate, bytes2),
+    FIELD(qnm_qnio_t, eio_link0fault, u8),    FIELD(qnm_qnio_t, eio_link1fault, u8),
     FIELD(qnm_qnio_t, eio_pcie_presence, u8),
 };
 
@@ -501,17 +516,13 @@ row_words words_of(const qnm_com_dev_t& dev) {
             dev.ecd_vlan_mode != 0 ? "CHANGE" : "NORMAL"};
 }
 
-void print_header(const qnsv_kind&) {
-    qnm_statslog("    [QNSV]");
-    if (qnm_qn.eei_total_qnsv == 0) return;
+void print_columns(const qnsv_kind&) {
     qnm_statslog("    %14s %4s %5s %3s %7s %8s %9s", "ID", "G-ID", "TYPE", "VER", "CONNECT",
                  "IG-STATE", "VLAN MODE");
     qnm_statslog("    -------------- ---- ----- --- ------- -------- ---------");
 }
 
-void print_header(const qnio_kind&) {
-    qnm_statslog("    [QNIO]");
-    if (qnm_qn.eei_total_qnio == 0) return;
+void print_columns(const qnio_kind&) {
     qnm_statslog("    %14s %4s %5s %3s %7s %8s %9s %4s", "ID", "G-ID", "TYPE", "VER", "CONNECT",
                  "IG-STATE", "VLAN MODE", "R-ID");
     qnm_statslog("    -------------- ---- ----- --- ------- -------- --------- ----");
@@ -535,8 +546,12 @@ void print_row(const qnm_qnio_node_t& node) {
 
 template <typename Kind>
 void print_table() {
-    print_header(Kind{});
-    if (next_node<Kind>(nullptr) == nullptr) qnm_statslog("    no entry.");
+    qnm_statslog("    [%s]", Kind::name);
+    if (next_node<Kind>(nullptr) == nullptr) {
+        qnm_statslog("    no entry.");
+        return;
+    }
+    print_columns(Kind{});
     for_each_node<Kind>([](const typename Kind::node& node) { print_row(node); });
 }
 
@@ -554,7 +569,8 @@ void print_counts() {
     }
 }
 
-// ---- Lifecycle -----------------------------------------------------------------------------------
+// ---- Lifecycle
+// -----------------------------------------------------------------------------------
 
 template <typename Kind>
 void make_empty() {

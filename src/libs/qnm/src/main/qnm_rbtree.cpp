@@ -97,12 +97,13 @@ place descend(const tree_t* tree, qnm_cptr_t key) {
 
 // The nearest ancestor that is reached from its subtree on the given side.
 node_t* climb(node_t* node, int side) {
-    while (node->rbn_parent != nullptr && side_of(node) != side) node = node->rbn_parent;
+    while (node->rbn_parent != nullptr && side_of(node) != side)
+        node = node->rbn_parent;
     return node->rbn_parent;
 }
 
-// The match, or its neighbour: below the descent's end (side 1: the larger one, as that end was left
-// to the left of it; side 0: the smaller one).
+// The match, or its neighbour: below the descent's end (side 1: the larger one, as that end was
+// left to the left of it; side 0: the smaller one).
 node_t* match_or_neighbour(const tree_t* tree, qnm_cptr_t key, int side) {
     const place found = descend(tree, key);
     if (found.match != nullptr || found.last == nullptr) return found.match;
@@ -111,7 +112,8 @@ node_t* match_or_neighbour(const tree_t* tree, qnm_cptr_t key, int side) {
 }
 
 node_t* outermost(node_t* node, int side) {
-    while (node->rbn_children[side] != nullptr) node = node->rbn_children[side];
+    while (node->rbn_children[side] != nullptr)
+        node = node->rbn_children[side];
     return node;
 }
 

@@ -50,7 +50,8 @@ const Message& view(const unsigned char* frame) {
     return *reinterpret_cast<const Message*>(frame);
 }
 
-// ---- Announcement to record ----------------------------------------------------------------------
+// ---- Announcement to record
+// ----------------------------------------------------------------------
 
 // Where a frame came in, and when.
 struct arrival {
@@ -139,8 +140,8 @@ void fill_own_part(const unsigned char* frame, qnm_qnio_t& card) {
     std::copy(std::begin(srv.ser_mac), std::end(srv.ser_mac), card.eio_sermacaddr);
     card.eio_device_id = host16(srv.device_id);
     card.eio_vendor_id = host16(srv.vendor_id);
-    card.eio_class_code = static_cast<uint32_t>(srv.class_code[0] | srv.class_code[1] << 8 |
-                                                srv.class_code[2] << 16);
+    card.eio_class_code =
+        static_cast<uint32_t>(srv.class_code[0] | srv.class_code[1] << 8 | srv.class_code[2] << 16);
     card.eio_pcie_presence = bit(com.sw_status[1], 7);
     card.eio_link0fault = bit(com.info, 0);
     card.eio_link1fault = bit(com.info, 1);
@@ -150,7 +151,8 @@ void fill_own_part(const unsigned char* frame, qnm_qnio_t& card) {
     }
 }
 
-// ---- Record to table and events ------------------------------------------------------------------
+// ---- Record to table and events
+// ------------------------------------------------------------------
 
 // Function names in log lines, per kind.
 struct devinfo_names {
@@ -161,13 +163,11 @@ struct devinfo_names {
 };
 
 constexpr devinfo_names names_of(const qnm::qnsv_kind&) {
-    return {"_set_qnsv_devinfo", "_add_qnsv_devinfo", "_update_qnsv_devinfo",
-            "_update_qnsv_state"};
+    return {"_set_qnsv_devinfo", "_add_qnsv_devinfo", "_update_qnsv_devinfo", "_update_qnsv_state"};
 }
 
 constexpr devinfo_names names_of(const qnm::qnio_kind&) {
-    return {"_set_qnio_devinfo", "_add_qnio_devinfo", "_update_qnio_devinfo",
-            "_update_qnio_state"};
+    return {"_set_qnio_devinfo", "_add_qnio_devinfo", "_update_qnio_devinfo", "_update_qnio_state"};
 }
 
 template <typename Kind>
@@ -192,7 +192,8 @@ void mask_status(uint8_t (&status)[2]) {
 }
 
 void mask_status(qnm_qnsv_t& card) {
-    for (qnm_down_port_t& port : card.esv_down_port) mask_status(port.edp_port_status);
+    for (qnm_down_port_t& port : card.esv_down_port)
+        mask_status(port.edp_port_status);
 }
 
 void mask_status(qnm_qnio_t& card) {
@@ -348,8 +349,8 @@ bool add_unless_stopped(typename Kind::record& card) {
     }
     const auto& state = dev.ecd_state;
     qnm_log_info("%s: %s information is added. id=0x%.12lx, P0M0: %s, P0M1: %s, P1M0: %s, P1M1: %s",
-                 func, Kind::name, dev.ecd_id, connect_word(state[0][0]),
-                 connect_word(state[0][1]), connect_word(state[1][0]), connect_word(state[1][1]));
+                 func, Kind::name, dev.ecd_id, connect_word(state[0][0]), connect_word(state[0][1]),
+                 connect_word(state[1][0]), connect_word(state[1][1]));
     return true;
 }
 
@@ -391,7 +392,8 @@ void set_devinfo(int port, const unsigned char* frame, uint8_t vlan_mode, uint64
     }
 }
 
-// ---- Frame checks and dispatch -------------------------------------------------------------------
+// ---- Frame checks and dispatch
+// -------------------------------------------------------------------
 
 void take_devinfo(int port, const unsigned char* frame, uint8_t vlan_mode) {
     _qnm_recv_devinfo(port, frame, vlan_mode);
@@ -411,8 +413,8 @@ struct subtype_row {
 };
 
 constexpr subtype_row k_subtypes[] = {
-    {qnm::k_devinfo, "1G/10G DEVINFO", take_devinfo, QNM_STATS_R_DEV,
-     sizeof(qnw_devinfo_server_s), true},
+    {qnm::k_devinfo, "1G/10G DEVINFO", take_devinfo, QNM_STATS_R_DEV, sizeof(qnw_devinfo_server_s),
+     true},
     {qnm::k_notify, "1G/10G NOTIFY", take_devinfo, QNM_STATS_R_NOTI, sizeof(qnw_devinfo_server_s),
      true},
     {qnm::k_devinfo_40g, "40G DEVINFO", take_devinfo, QNM_STATS_R_DEV40,
@@ -547,7 +549,8 @@ int recv_frame(const char* func, int port) {
     return 0;
 }
 
-// ---- Receive loop --------------------------------------------------------------------------------
+// ---- Receive loop
+// --------------------------------------------------------------------------------
 
 // A pending socket error on the capture: survived when the interface is down, else fatal.
 bool take_socket_error(int port, const struct pollfd& capture) {

@@ -59,8 +59,8 @@ pcap_t* open_immediate(const char* port_name) {
     pcap_t* const pcap = pcap_create(port_name, error);
     if (pcap == nullptr) return nullptr;
     if (pcap_set_snaplen(pcap, k_snaplen) == 0 && pcap_set_promisc(pcap, k_promiscuous) == 0 &&
-        pcap_set_timeout(pcap, k_read_timeout_ms) == 0 &&
-        pcap_set_immediate_mode(pcap, 1) == 0 && pcap_set_buffer_size(pcap, k_buffer_size) == 0 &&
+        pcap_set_timeout(pcap, k_read_timeout_ms) == 0 && pcap_set_immediate_mode(pcap, 1) == 0 &&
+        pcap_set_buffer_size(pcap, k_buffer_size) == 0 &&
         pcap_activate(pcap) >= 0) {  // above 0 is a warning
         return pcap;
     }

@@ -32,9 +32,9 @@ qnm_event_t qnm_stats_event;
 constexpr const char* k_level_names[] = {"FATAL", "ERROR", "WARN", "INFO", "DEBUG", "TRACE"};
 
 constexpr const char* k_type_names[] = {
-    "QNM_STATS_R_TOTAL",   "QNM_STATS_R_DEV",  "QNM_STATS_R_DEV40", "QNM_STATS_R_NOTI",
-    "QNM_STATS_R_NOTI40",  "QNM_STATS_R_COMP", "QNM_STATS_T_TOTAL", "QNM_STATS_T_VLANSET",
-    "QNM_STATS_T_REGR",    "QNM_STATS_T_REGW", "QNM_STATS_T_RESET", "QNM_STATS_T_MMS",
+    "QNM_STATS_R_TOTAL",  "QNM_STATS_R_DEV",  "QNM_STATS_R_DEV40", "QNM_STATS_R_NOTI",
+    "QNM_STATS_R_NOTI40", "QNM_STATS_R_COMP", "QNM_STATS_T_TOTAL", "QNM_STATS_T_VLANSET",
+    "QNM_STATS_T_REGR",   "QNM_STATS_T_REGW", "QNM_STATS_T_RESET", "QNM_STATS_T_MMS",
 };
 static_assert(std::size(k_type_names) == QNM_STATS_TYPE_MAX);
 
@@ -45,16 +45,36 @@ constexpr const char* k_code_names[] = {
 static_assert(std::size(k_code_names) == QNM_API_CODE_MAX);
 
 constexpr const char* k_func_names[] = {
-    "qnm_get_qnsvids()",        "qnm_get_update_qnsvids()", "qnm_get_group_qnsvids()",
-    "qnm_get_qnioids()",        "qnm_get_update_qnioids()", "qnm_get_group_qnioids()",
-    "qnm_get_qnsv()",           "qnm_get_qnio()",           "qnm_delete_qnsv()",
-    "qnm_delete_qnio()",        "qnm_set_vlanid()",         "qnm_send_resetframe()",
-    "qnm_write_mmspage()",      "qnm_read_register()",      "qnm_write_register()",
-    "qnm_modify_register()",    "qnm_dump_register()",      "qnm_read_eeprom()",
-    "qnm_write_eeprom()",       "qnm_dump_eeprom()",        "qnm_unlock_eeprom()",
-    "qnm_stop_monitor()",       "qnm_restart_monitor()",    "qnm_register_callback()",
-    "qnm_unregister_callback()", "qnm_free_idlist()",       "qnm_set_loglevel()",
-    "qnm_init_manager()",       "qnm_start_manager()",      "qnm_fini_manager()",
+    "qnm_get_qnsvids()",
+    "qnm_get_update_qnsvids()",
+    "qnm_get_group_qnsvids()",
+    "qnm_get_qnioids()",
+    "qnm_get_update_qnioids()",
+    "qnm_get_group_qnioids()",
+    "qnm_get_qnsv()",
+    "qnm_get_qnio()",
+    "qnm_delete_qnsv()",
+    "qnm_delete_qnio()",
+    "qnm_set_vlanid()",
+    "qnm_send_resetframe()",
+    "qnm_write_mmspage()",
+    "qnm_read_register()",
+    "qnm_write_register()",
+    "qnm_modify_register()",
+    "qnm_dump_register()",
+    "qnm_read_eeprom()",
+    "qnm_write_eeprom()",
+    "qnm_dump_eeprom()",
+    "qnm_unlock_eeprom()",
+    "qnm_stop_monitor()",
+    "qnm_restart_monitor()",
+    "qnm_register_callback()",
+    "qnm_unregister_callback()",
+    "qnm_free_idlist()",
+    "qnm_set_loglevel()",
+    "qnm_init_manager()",
+    "qnm_start_manager()",
+    "qnm_fini_manager()",
     "qnm_stdump()",
 };
 static_assert(std::size(k_func_names) == QNM_STATS_FUNC_MAX);
@@ -187,6 +207,12 @@ void write_dump(uint32_t verbose) {
     _qnm_config_stats_print();
 }
 
+// Under the mutex: public calls count also while the manager starts.
+void reset_counters() {
+    const qnm::mutex_guard lock(qnm_stats_mutex);
+    qnm_stats = {};
+}
+
 int is_stopping(void*) {
     return qnm::is_running() ? 0 : 1;
 }
@@ -197,7 +223,7 @@ extern "C" {
 
 int _qnm_stats_init(void) {
     qnm_log_info("%s: start.", __func__);
-    qnm_stats = {};
+    reset_counters();
     int ret = _qnm_mutex_init_st(&qnm_stats_mutex);
     if (ret != 0) {
         qnm_log_error("%s: Failed to _qnm_mutex_init_st(). err=%d", __func__, ret);

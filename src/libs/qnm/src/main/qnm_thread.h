@@ -27,7 +27,8 @@ typedef struct qnm_thread_id {
 typedef uint8_t qnm_bool_t;
 
 // Value of a mutex of static storage; the _st functions below do nothing for such a mutex.
-#define QNM_MUTEX_STATIC_INIT {PTHREAD_MUTEX_INITIALIZER}
+#define QNM_MUTEX_STATIC_INIT \
+    { PTHREAD_MUTEX_INITIALIZER }
 
 extern "C" {
 

@@ -15,10 +15,10 @@ struct code_row {
 };
 
 constexpr code_row k_codes[] = {
-    {0, QNM_API_SUCCESS},       {EINVAL, QNM_API_EINVAL},   {ERANGE, QNM_API_ERANGE},
-    {ENOENT, QNM_API_ENOENT},   {ENOLINK, QNM_API_ENOLINK}, {ENOMEM, QNM_API_ENOMEM},
-    {EPROTO, QNM_API_EPROTO},   {ETIMEDOUT, QNM_API_ETIMEDOUT},
-    {EBUSY, QNM_API_EBUSY},     {ENOSYS, QNM_API_ENOSYS},
+    {0, QNM_API_SUCCESS},     {EINVAL, QNM_API_EINVAL},       {ERANGE, QNM_API_ERANGE},
+    {ENOENT, QNM_API_ENOENT}, {ENOLINK, QNM_API_ENOLINK},     {ENOMEM, QNM_API_ENOMEM},
+    {EPROTO, QNM_API_EPROTO}, {ETIMEDOUT, QNM_API_ETIMEDOUT}, {EBUSY, QNM_API_EBUSY},
+    {ENOSYS, QNM_API_ENOSYS},
 };
 
 // A single bit of the mode, not the whole file-type field.
@@ -41,7 +41,8 @@ qnm_api_code_t qnm_err2retcode(int err) {
 
 void _qnm_mac_to_uint64(const uint8_t mac[6], uint64_t* value) {
     uint64_t number = 0;
-    for (int i = 0; i < 6; i++) number = number << 8 | mac[i];
+    for (int i = 0; i < 6; i++)
+        number = number << 8 | mac[i];
     *value = number;
 }
 
@@ -51,7 +52,8 @@ void _qnm_mac2id(const uint8_t mac[6], uint64_t* id, uint8_t clear_low_bit) {
 }
 
 void _qnm_uint64_to_mac(uint64_t value, uint8_t mac[6]) {
-    for (int i = 0; i < 6; i++) mac[i] = static_cast<uint8_t>(value >> (40 - 8 * i));
+    for (int i = 0; i < 6; i++)
+        mac[i] = static_cast<uint8_t>(value >> (40 - 8 * i));
 }
 
 void _qnm_id2mac(uint64_t id, uint8_t mac[6]) {
