@@ -1,0 +1,94 @@
+// The comparison of records, by the rows of their fields.
+#include "changes.h"
+
+#include <iterator>
+#include <optional>
+
+#include "text.h"
+
+namespace qnmctl {
+
+namespace {
+
+struct event_words {
+    const char* name;
+    std::optional<aspect> about;  // nothing: every field
+};
+
+// Indexed by qnm_evt_type_t.
+constexpr event_words events[] = {
+    {"NEWDEVINFO", std::nullopt},
+    {"UPDATEDEVINFO", std::nullopt},
+    {"CONNECTIONCHANGE", aspect::connection},
+    {"MAJORMINORERROR", aspect::error_vector},
+    {"PATHSTATECHANGE", aspect::link_fault},
+    {"CHANNELSTATECHANGE", aspect::path},
+};
+static_assert(std::size(events) == QNM_EVT_MAX);
+
+std::string full_name(const section& in, const field& of) {
+    std::string name = in.name;
+    if (in.index >= 0) name += '[' + std::to_string(in.index) + ']';
+    if (!name.empty()) name += '.';
+    name += of.name;
+    if (of.key != nullptr) name += std::string(".") + of.key;
+    return name;
+}
+
+// Both cards are of the same kind, so their sections and fields stand in the same order.
+std::vector<change> compare(const card& before, const card& after, std::optional<aspect> about) {
+    const std::vector<section> old_sections = all_sections(before);
+    const std::vector<section> new_sections = all_sections(after);
+    std::vector<change> found;
+    for (std::size_t in = 0; in < new_sections.size(); ++in) {
+        const section& within = new_sections[in];
+        for (std::size_t at = 0; at < within.fields.size(); ++at) {
+            const field& was = old_sections[in].fields[at];
+            const field& is = within.fields[at];
+            if (about && is.about != *about) continue;
+            if (((was.value ^ is.value) & is.compared) == 0) continue;
+            found.push_back({section_title(within), full_name(within, is), was, is});
+        }
+    }
+    return found;
+}
+
+}  // namespace
+
+const char* event_name(qnm_evt_type_t type) { return events[type].name; }
+
+told_change tell(known_cards& known, qnm_evt_type_t type, const card& now) {
+    const auto [at, added] = known.last_told.try_emplace(common(now).ecd_id);
+    auto& last_told = at->second;
+    const bool first =
+        added || type == QNM_EVT_NEWDEVINFO || last_told[type].index() != now.index();
+    if (first) {
+        last_told.fill(now);
+        return {true, {}};
+    }
+    told_change told{false, compare(last_told[type], now, events[type].about)};
+    last_told[type] = now;
+    return told;
+}
+
+std::string change_text(const change& told) {
+    const std::string title = told.section_title + told.after.title + ' ';
+    // With two words only, the one tells the other.
+    if (told.after.form->how == style::two_words) return title + value_text(told.after);
+    return title + value_text(told.before) + " -> " + value_text(told.after);
+}
+
+std::string present_text(qnm_evt_type_t type, const card& now) {
+    const std::optional<aspect> about = events[type].about;
+    if (!about) return "as told above";
+    std::vector<std::string> parts;
+    for (const section& within : sections(now)) {
+        for (const field& shown : within.fields) {
+            if (shown.about != *about || shown.value == 0) continue;
+            parts.push_back(section_title(within) + shown.title + ' ' + value_text(shown));
+        }
+    }
+    return "now: " + (parts.empty() ? std::string("none") : join(parts, ", "));
+}
+
+}  // namespace qnmctl

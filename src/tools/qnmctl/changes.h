@@ -1,0 +1,47 @@
+// What an event means: the differences between a card's record now and when it was last told.
+//
+// The library's events carry a card ID only, and one frame can raise several of them. So that each
+// line tells what it is about, every event type has its own last told record of a card: an update is
+// compared in all fields, a channel event in the paths, and so on.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "fields.h"
+
+namespace qnmctl {
+
+// The name of an event type without its prefix, "NEWDEVINFO".
+const char* event_name(qnm_evt_type_t type);
+
+struct change {
+    std::string section_title;
+    std::string name;  // "vlan_id", "state.P0M0", "down_port[3].io_mac"
+    field before;
+    field after;
+};
+
+struct told_change {
+    bool first = false;  // the card was not known here before, or is told as new
+    std::vector<change> changes;
+};
+
+struct known_cards {
+    std::map<std::uint64_t, std::array<card, QNM_EVT_MAX>> last_told;
+};
+
+// What the event changed, and remembers the record as told.
+told_change tell(known_cards& known, qnm_evt_type_t type, const card& now);
+
+// "VLAN ID 10 -> 11", "path P1M0 connected".
+std::string change_text(const change& told);
+
+// What an event says when nothing differs from what was told before, since a record is read after
+// the event arose and can be ahead of it: the present state of what the event is about.
+std::string present_text(qnm_evt_type_t type, const card& now);
+
+}  // namespace qnmctl

@@ -1,0 +1,68 @@
+// Reading of qnm.conf and the properties file by their contents.
+#include "config_file.h"
+
+#include <fstream>
+#include <iterator>
+#include <sstream>
+
+#include "text.h"
+
+namespace qnmctl {
+
+namespace {
+
+constexpr char blanks[] = " \t\r\n";
+
+// A line of a properties file with the given key: what stands behind the "=".
+std::string property(const std::string& properties, const std::string& key) {
+    std::istringstream lines(properties);
+    std::string found;
+    for (std::string line; std::getline(lines, line);) {
+        const std::size_t equals = line.find('=');
+        if (line.starts_with('#') || equals == std::string::npos) continue;
+        const std::vector<std::string> name = split(line.substr(0, equals), blanks);
+        if (name.size() == 1 && name.front() == key) found = line.substr(equals + 1);
+    }
+    const std::size_t start = found.find_first_not_of(blanks);
+    if (start == std::string::npos) return {};
+    return found.substr(start, found.find_last_not_of(blanks) + 1 - start);
+}
+
+}  // namespace
+
+std::optional<config_line> find_key(const std::string& config, std::string_view key) {
+    std::istringstream lines(config);
+    int number = 0;
+    for (std::string line; std::getline(lines, line);) {
+        ++number;
+        if (line.starts_with('#')) continue;
+        const std::size_t equals = std::min(line.find('='), line.size());
+        const std::vector<std::string> words = split(line.substr(0, equals), blanks);
+        if (words.empty() || words.front() != key) continue;
+        return config_line{number, equals < line.size() ? line.substr(equals + 1) : ""};
+    }
+    return std::nullopt;
+}
+
+std::vector<std::string> configured_ports(const std::string& config) {
+    constexpr std::size_t port_limit = 2;
+    const auto line = find_key(config, "ether_port");
+    if (!line) return {"eth0", "eth1"};
+    std::vector<std::string> names = split(line->value, ", \t\r\n");
+    if (names.size() > port_limit) names.resize(port_limit);
+    return names;
+}
+
+std::string file_of_logger(const std::string& properties, const std::string& logger) {
+    // "LEVEL, APPENDER"
+    const std::vector<std::string> parts = split(property(properties, "log4j.logger." + logger), ", ");
+    if (parts.size() < 2) return {};
+    return property(properties, "log4j.appender." + parts[1] + ".File");
+}
+
+std::string read_text(const std::string& name) {
+    std::ifstream file(name, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+}  // namespace qnmctl

@@ -1,0 +1,29 @@
+// Looks into the library's two configuration files, to name places in them. The library alone decides
+// what they mean; nothing here is needed for a start that succeeds.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace qnmctl {
+
+struct config_line {
+    int number;         // from 1
+    std::string value;  // the rest of the line behind the "="
+};
+
+// The line of qnm.conf in which a key stands first, which is the one that counts.
+std::optional<config_line> find_key(const std::string& config, std::string_view key);
+
+// The interfaces that qnm.conf names, or the library's defaults.
+std::vector<std::string> configured_ports(const std::string& config);
+
+// The file that a properties file sends a logger's lines to; empty when it names none.
+std::string file_of_logger(const std::string& properties, const std::string& logger);
+
+// A whole file; empty when it cannot be read.
+std::string read_text(const std::string& name);
+
+}  // namespace qnmctl

@@ -1,0 +1,15 @@
+// Starts the manager for an installation, or says why it does not start.
+#pragma once
+
+#include <memory>
+
+#include "installation.h"
+#include "session.h"
+
+namespace qnmctl {
+
+// Throws error with the reason and the remedy. Says on standard error when one of the ports could not
+// be opened; the manager runs on the other.
+std::unique_ptr<session> start_manager(const installation& where, qnm_log_level_t level);
+
+}  // namespace qnmctl

@@ -1,0 +1,48 @@
+// Small conversions between values and the words an operator reads and types.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "qnm.h"
+
+namespace qnmctl {
+
+// What cannot be done; the text says what is wrong and, on a line of its own, what helps.
+struct error : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+using wall_time = std::chrono::system_clock::time_point;
+
+wall_time from_milliseconds(std::uint64_t since_epoch);
+
+// Local time with milliseconds: "2026-03-01 14:03:21.123", for JSON "2026-03-01T14:03:21.123+0100".
+std::string time_text(wall_time when);
+std::string iso_time_text(wall_time when);
+
+std::string id_text(std::uint64_t id);  // "0x001122334455"
+std::string mac_text(std::uint64_t mac);  // "00:11:22:33:44:55"
+
+// A card ID as an operator types it, 0x and up to twelve hexadecimal digits or a MAC address;
+// nothing when it is neither.
+std::optional<std::uint64_t> parse_id(std::string_view text);
+
+// The name of a result code, and a sentence that says what it means and what to do.
+const char* code_name(qnm_api_code_t code);
+const char* code_remedy(qnm_api_code_t code);
+
+// A message for standard error; its further lines are indented.
+std::string message_text(const std::string& text);
+
+std::string join(const std::vector<std::string>& parts, std::string_view separator);
+
+// The parts between any of the separators; empty ones are left out.
+std::vector<std::string> split(std::string_view text, std::string_view separators);
+
+}  // namespace qnmctl
