@@ -14,7 +14,6 @@
 
 #include <cstdarg>
 #include <cstdio>
-#include <cstring>
 #include <exception>
 #include <iterator>
 #include <string>
@@ -28,10 +27,8 @@ using log4cxx::Level;
 using log4cxx::LevelPtr;
 using log4cxx::LoggerPtr;
 
-constexpr char k_default_file[] = "/opt/tarvo/qnm/conf/qnm_log4c.properties";
-constexpr char k_file[] = "conf/qnm_log4c.properties";
+constexpr char k_properties[] = "conf/qnm_log4c.properties";
 constexpr size_t k_line_size = 512;
-constexpr size_t k_path_size = 512;
 
 LoggerPtr logger_file(log4cxx::Logger::getLogger("logfile"));
 LoggerPtr logger_syslog(log4cxx::Logger::getLogger("syslogfile"));
@@ -46,17 +43,6 @@ void format_and_output(const LoggerPtr& logger, qnm_log_level_t level, const cha
     char line[k_line_size];
     vsnprintf(line, sizeof line, fmt, args);
     _qnm_output_log(logger, line, level);
-}
-
-// The name of the properties file; false when the directory's name is too long.
-bool make_properties_filename(const char* path, char (&name)[k_path_size]) {
-    if (path == nullptr || path[0] == '\0') {
-        snprintf(name, sizeof name, "%s", k_default_file);
-        return true;
-    }
-    if (strlen(path) + 1 + sizeof k_file > sizeof name) return false;
-    snprintf(name, sizeof name, "%s/%s", path, k_file);
-    return true;
 }
 
 }  // namespace
@@ -106,8 +92,8 @@ void qnm_statslog(const char* fmt, ...) {
 }
 
 qnm_api_code_t qnm_log_init(const char* path) {
-    char name[k_path_size];
-    if (!make_properties_filename(path, name)) return QNM_API_EPROTO;
+    char name[qnm::k_filename_size];
+    if (_qnm_make_filename(path, k_properties, name, sizeof name) != 0) return QNM_API_EPROTO;
     if (_qnm_file_exist(name) != 0) return QNM_API_EPROTO;
     try {
         log4cxx::PropertyConfigurator::configure(log4cxx::File(name));

@@ -15,7 +15,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <iterator>
 
 #include "qnm_api.h"
@@ -37,9 +36,7 @@ int qnm_terminate_fd_link[2] = {-1, -1};
 namespace {
 
 constexpr char k_init_name[] = "qnm_init_manager";
-constexpr char k_default_conf[] = "/opt/tarvo/qnm/conf/qnm.conf";
 constexpr char k_conf[] = "conf/qnm.conf";
-constexpr size_t k_path_size = 512;
 constexpr size_t k_drain_max = 4096;
 
 // 1 = no qnm_init_manager() is in progress.
@@ -222,17 +219,6 @@ int run_with_units() {
     return err;
 }
 
-// The configuration file's name; false when the directory's name is too long.
-bool make_conf_filename(const char* path, char (&name)[k_path_size]) {
-    if (path == nullptr || path[0] == '\0') {
-        snprintf(name, sizeof name, "%s", k_default_conf);
-        return true;
-    }
-    if (strlen(path) + 1 + sizeof k_conf > sizeof name) return false;
-    snprintf(name, sizeof name, "%s/%s", path, k_conf);
-    return true;
-}
-
 // Arguments, logging and configuration: what can fail before anything is brought up.
 qnm_api_code_t prepare(const char* path, qnm_log_level_t log_level) {
     if (log_level < QNM_LOGLVL_NONE || log_level > QNM_LOGLVL_TRACE) return QNM_API_EINVAL;
@@ -240,8 +226,8 @@ qnm_api_code_t prepare(const char* path, qnm_log_level_t log_level) {
     const qnm_api_code_t ret = qnm_log_init(path);
     if (ret != QNM_API_SUCCESS) return ret;
     _qnm_config_init();
-    char name[k_path_size];
-    if (!make_conf_filename(path, name)) {
+    char name[qnm::k_filename_size];
+    if (_qnm_make_filename(path, k_conf, name, sizeof name) != 0) {
         qnm_log_error("%s: Failed to make_conf_filename()", k_init_name);
         return QNM_API_EPROTO;
     }

@@ -6,8 +6,12 @@
 #include <sys/time.h>
 
 #include <cerrno>
+#include <cstdio>
+#include <cstring>
 
 namespace {
+
+constexpr char k_default_dir[] = "/opt/tarvo/qnm";
 
 struct code_row {
     int err;
@@ -109,6 +113,13 @@ void _qnm_msleep(uint32_t ms) {
     if (_qnm_get_deadline(ms, &deadline) != 0) return;
     while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &deadline, nullptr) == EINTR) {
     }
+}
+
+int _qnm_make_filename(const char* dir, const char* file, char* name, size_t size) {
+    const char* const base = dir != nullptr && dir[0] != '\0' ? dir : k_default_dir;
+    if (strlen(base) + 1 + strlen(file) + 1 > size) return EPROTO;
+    snprintf(name, size, "%s/%s", base, file);
+    return 0;
 }
 
 int _qnm_file_exist(const char* path) {

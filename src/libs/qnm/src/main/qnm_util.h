@@ -11,6 +11,12 @@
 
 #include "qnm.h"
 
+namespace qnm {
+
+constexpr size_t k_filename_size = 512;
+
+}  // namespace qnm
+
 extern "C" {
 
 // Six MAC bytes, first byte most significant, as a number; the upper 16 bits are 0.
@@ -39,6 +45,10 @@ int _qnm_get_deadline(uint32_t ms, struct timespec* deadline);
 
 // Sleeps for ms milliseconds; a signal does not cut it short.
 void _qnm_msleep(uint32_t ms);
+
+// The name of a file of the installation in directory dir (null or empty: the default one). 0, or
+// 71 when it does not fit into size bytes.
+int _qnm_make_filename(const char* dir, const char* file, char* name, size_t size);
 
 // 0 when path is a regular file (a directory), else -1. Only the one mode bit is tested.
 int _qnm_file_exist(const char* path);
