@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Runs a command in a network namespace of its own, with nothing in it but the loopback device.
-# Root unshares the network alone; anybody else gets a user namespace around it, in which he may make
-# interfaces and open raw sockets. The namespace and all in it vanish with the last process.
+# Root unshares the network alone; anybody else gets a user namespace around it, in which he may
+# make interfaces and open raw sockets. The namespace and all in it vanish with the last process.
 #
 #   usage: in-netns.sh COMMAND [ARGUMENT...]
 #

@@ -18,7 +18,11 @@ readonly limit=60
 work=        # directory for the pipes
 sim_pid=
 ctl_pid=
+answer=      # of qnm-cardsim, to the last command
+ctl_out=     # descriptor of what qnmctl says
+half_line=   # of qnmctl, whose end has not come yet
 checks=0     # passed so far
+repeated=    # command that the next check gives again and again, until it is content
 forbidden=   # what must not be seen before the next check has passed, and its name
 forbidden_name=
 
@@ -35,23 +39,26 @@ fi
 
 # ---- What is shown -----------------------------------------------------------------------------
 
-# act TITLE, then a line for each further argument: what is done and what is to be expected.
+# act TITLE, then a line for each further argument: what is done and what is to be expected. Lines
+# that still belong to the act before are shown first.
 act() {
+  show_rest
   printf '\n%s== %s%s\n' "$bold" "$1" "$plain"
   shift
   printf '   %s\n' "$@"
 }
 
-# Ends the demonstration: says what is missing, and what the programs complained of.
+# Ends the demonstration: says what is missing, and what the cards complained of; the complaints of
+# the operator's command stand among its lines.
 fail() {
   printf '%s   MISSING: %s%s\n' "$red" "$*" "$plain"
-  local name
-  for name in qnmctl qnm-cardsim; do
-    if [[ -s $work/$name.err ]]; then
-      printf '   %s said:\n' "$name"
-      tail -n 20 "$work/$name.err" | while IFS= read -r line; do printf '     %s\n' "$line"; done
-    fi
-  done
+  local line
+  if [[ -s $work/qnm-cardsim.err ]]; then
+    echo '   qnm-cardsim said:'
+    while IFS= read -r line; do
+      printf '     %s\n' "$line"
+    done < <(tail -n 20 "$work/qnm-cardsim.err")
+  fi
   exit 1
 } >&2
 
@@ -114,18 +121,22 @@ start_sim() {
 # start_ctl ARGUMENT...
 start_ctl() {
   make_pipes qnmctl
-  "$bin/qnmctl" "$@" <"$work/qnmctl.in" >"$work/qnmctl.out" 2>"$work/qnmctl.err" &
+  "$bin/qnmctl" "$@" <"$work/qnmctl.in" >"$work/qnmctl.out" 2>&1 &
   ctl_pid=$!
   exec {ctl_in}>"$work/qnmctl.in" {ctl_out}<"$work/qnmctl.out"
 }
 
-# Gives the simulated cards a command, and waits until it is done.
+# Gives the simulated cards a command, and waits until it is done. The answer is left in $answer.
 sim() {
-  local answer
   printf '   %s> %s%s\n' "$bold" "cards: $*" "$plain"
   { echo "$*" >&"$sim_in"; } 2>/dev/null || fail "qnm-cardsim has ended"
   read -r -t "$limit" -u "$sim_out" answer || fail "an answer of qnm-cardsim to '$*'"
   [[ $answer == ok* ]] || fail "qnm-cardsim doing '$*'; it said: $answer"
+}
+
+# Shows the last answer of the cards, an item a line.
+show_answer() {
+  printf '     %s\n' "${answer//; /$'\n'     }"
 }
 
 # Gives the operator's command a command. What it answers is left to the next check.
@@ -148,24 +159,59 @@ forbid() {
   forbidden=$2
 }
 
+# read_line SECONDS: takes the next line of the operator's command into $line and shows it. Fails
+# with a status above 128 when none came in time; half a line is kept until its end comes.
+read_line() {
+  local got status=0
+  IFS= read -r -t "$1" -u "$ctl_out" got || status=$?
+  half_line+=$got
+  ((status == 0)) || return "$status"
+  line=$half_line
+  half_line=
+  printf '     %s\n' "$line"
+}
+
+# Reads a line by $deadline at the latest.
+next_line() {
+  local left status wait=$limit
+  if [[ -n $repeated ]]; then
+    wait=2
+  fi
+  while left=$((deadline - SECONDS)) && ((left > 0)); do
+    status=0
+    read_line $((left < wait ? left : wait)) || status=$?
+    if ((status <= 128)); then
+      return "$status" # a line, or the end of the program
+    fi
+    if [[ -n $repeated ]]; then
+      ctl "$repeated"
+    fi
+  done
+  return 1
+}
+
+# Shows what still comes without delay, for two seconds at most.
+show_rest() {
+  local line until=$((SECONDS + 2))
+  while [[ -n $ctl_out ]] && ((SECONDS < until)) && read_line 0.3; do :; done
+}
+
 # expect WHAT REGEX [WHAT REGEX]...
 # Shows the lines of the operator's command until each REGEX has matched one, in whatever order.
 expect() {
-  local -a names=() patterns=()
+  local -a names=() patterns=() open
   while (($# > 0)); do
     names+=("$1")
     patterns+=("$2")
     shift 2
   done
-  local -a open=("${!names[@]}")
-  local deadline=$((SECONDS + limit)) line i left
+  open=("${!names[@]}")
+  local deadline=$((SECONDS + limit)) line i
   while ((${#open[@]} > 0)); do
-    left=$((deadline - SECONDS))
-    if ((left <= 0)) || ! IFS= read -r -t "$left" -u "$ctl_out" line; then
-      for i in "${open[@]}"; do echo "      no line like: ${patterns[i]}"; done >&2
+    if ! next_line; then
+      for i in "${open[@]}"; do echo "   no line like: ${patterns[i]}"; done >&2
       fail "${names[${open[0]}]}"
     fi
-    printf '     %s\n' "$line"
     if [[ -n $forbidden && $line =~ $forbidden ]]; then
       fail "$forbidden_name"
     fi
@@ -181,6 +227,17 @@ expect() {
     passed "$forbidden_name"
     forbidden=
   fi
+}
+
+# ask COMMAND WHAT REGEX [WHAT REGEX]...
+# Gives the operator's command a command, and again every two seconds until the answers have shown
+# all that is expected.
+ask() {
+  repeated=$1
+  shift
+  ctl "$repeated"
+  expect "$@"
+  repeated=
 }
 
 # await_end PROGRAM PID OUTPUT: shows the last lines of a program, and has a look at how it ends.

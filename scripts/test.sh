@@ -30,7 +30,8 @@ test_preset() {
   build_preset "$preset"
   (
     cd "$root" || exit
-    "${launcher[@]}" ctest --preset "$preset" --parallel "${CTEST_PARALLEL_LEVEL:-$(nproc)}"
+    "${launcher[@]}" ctest --preset "$preset" --no-tests=error \
+      --parallel "${CTEST_PARALLEL_LEVEL:-$(nproc)}"
   )
 }
 
