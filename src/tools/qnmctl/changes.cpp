@@ -55,7 +55,9 @@ std::vector<change> compare(const card& before, const card& after, std::optional
 
 }  // namespace
 
-const char* event_name(qnm_evt_type_t type) { return events[type].name; }
+const char* event_name(qnm_evt_type_t type) {
+    return events[type].name;
+}
 
 told_change tell(known_cards& known, qnm_evt_type_t type, const card& now) {
     const auto [at, added] = known.last_told.try_emplace(common(now).ecd_id);

@@ -1,8 +1,8 @@
 // What an event means: the differences between a card's record now and when it was last told.
 //
 // The library's events carry a card ID only, and one frame can raise several of them. So that each
-// line tells what it is about, every event type has its own last told record of a card: an update is
-// compared in all fields, a channel event in the paths, and so on.
+// line tells what it is about, every event type has its own last told record of a card: an update
+// is compared in all fields, a channel event in the paths, and so on.
 #pragma once
 
 #include <array>

@@ -25,7 +25,9 @@ const std::map<std::string, qnm_log_level_t> levels = {
 template <class Value>
 std::vector<std::string> words_of(const std::map<std::string, Value>& table) {
     std::vector<std::string> words;
-    for (const auto& entry : table) words.push_back(entry.first);
+    words.reserve(table.size());
+    for (const auto& entry : table)
+        words.push_back(entry.first);
     return words;
 }
 
@@ -36,8 +38,8 @@ void take_id(CLI::App& app, request& asked) {
                const auto id = parse_id(text);
                if (!id) {
                    throw CLI::ValidationError(
-                       "ID", '"' + text +
-                                 "\" is no card ID; write 0x001122334455 or 00:11:22:33:44:55");
+                       "ID",
+                       '"' + text + "\" is no card ID; write 0x001122334455 or 00:11:22:33:44:55");
                }
                asked.id = *id;
            },
@@ -61,6 +63,15 @@ std::string for_help(double seconds) {
     return help + std::to_string(static_cast<int>(seconds)) + " if not given";
 }
 
+// Empty when the text is a usable time.
+std::string wrong_seconds(const std::string& text) {
+    constexpr double longest = 1e9;
+    double seconds = 0;
+    const bool number = CLI::detail::lexical_cast(text, seconds);
+    if (number && seconds > 0 && seconds <= longest) return {};
+    return '"' + text + "\" is not a number of seconds above 0";
+}
+
 void define_verb(CLI::App& app, const verb& defined, unsigned taken, request& asked) {
     asked.asked = &defined;
     asked.seconds = defined.seconds;
@@ -73,7 +84,7 @@ void define_verb(CLI::App& app, const verb& defined, unsigned taken, request& as
     if (taken & takes_for) {
         app.add_option("--for", asked.seconds, for_help(defined.seconds))
             ->type_name("SECONDS")
-            ->check(CLI::Range(1e-3, 1e9).description(""));
+            ->check(CLI::Validator(wrong_seconds, ""));
     }
     if (taken & takes_count) {
         app.add_option("--count", asked.count, "End after this many events")
@@ -84,8 +95,7 @@ void define_verb(CLI::App& app, const verb& defined, unsigned taken, request& as
 
 void define_globals(CLI::App& app, settings& global) {
     app.add_option("--dir", global.dir,
-                   "Installation directory with conf/qnm.conf and conf/qnm_log4c.properties, "
-                   "/opt/tarvo/qnm if neither --dir nor --ports is given")
+                   "Installation directory, the one that holds conf (default: /opt/tarvo/qnm)")
         ->type_name("DIR");
     app.add_option_function<std::string>(
            "--ports",
@@ -93,19 +103,20 @@ void define_globals(CLI::App& app, settings& global) {
                global.ports = split(names, ",");
                if (global.ports.empty()) throw CLI::ValidationError("--ports: no interface named");
            },
-           "Interfaces of port 0 and port 1, in a temporary installation directory")
+           "Interfaces of port 0 and 1; makes a temporary directory, removed at the end")
         ->type_name("IF0[,IF1]")
         ->excludes("--dir");
-    app.add_option("--set", global.keys, "A further configuration key, with --ports; repeatable")
+    app.add_option("--set", global.keys, "A further key of qnm.conf; repeatable")
         ->type_name("KEY=VALUE")
         ->allow_extra_args(false)
         ->needs("--ports");
-    app.add_option("--log", global.log, "File that the library's log is added to, with --ports")
+    app.add_option("--log", global.log, "File that the library's log is added to")
         ->type_name("FILE")
         ->needs("--ports");
     app.add_option_function<std::string>(
-           "--log-level", [&global](const std::string& word) { global.log_level = levels.at(word); },
-           "How much the library logs: fatal, error, warn, info, debug or trace")
+           "--log-level",
+           [&global](const std::string& word) { global.log_level = levels.at(word); },
+           "How much is logged: fatal, error, warn, info, debug or trace")
         ->type_name("LEVEL")
         ->check(CLI::IsMember(words_of(levels)).description(""));
 }
@@ -133,7 +144,10 @@ std::variant<command_line, int> parse_command_line(std::span<const verb> verbs, 
     CLI::App app("Watches and queries Quillnet adapter cards", "qnmctl");
     app.set_version_flag("--version", "qnmctl " QNMCTL_VERSION);
     app.footer(examples);
-    app.require_subcommand(1);
+    app.require_subcommand(0, 1);  // a missing one is told in the words of the help
+    app.get_formatter()->label("SUBCOMMAND", "COMMAND");
+    app.get_formatter()->label("Subcommands", "Commands");
+    app.get_formatter()->column_width(32);
     settings global;
     define_globals(app, global);
     std::map<const CLI::App*, request> requests;
@@ -147,6 +161,7 @@ std::variant<command_line, int> parse_command_line(std::span<const verb> verbs, 
     try {
         app.parse(argc, argv);
         if (const auto wrong = wrong_settings(global)) throw CLI::ValidationError(*wrong);
+        if (app.get_subcommands().empty()) throw CLI::ValidationError("no command is given");
     } catch (const CLI::ParseError& e) {
         return app.exit(e) == exit_ok ? exit_ok : exit_usage;
     }

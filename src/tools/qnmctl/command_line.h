@@ -1,4 +1,5 @@
-// From words to requests: the command line and the lines on standard input, both by one table of verbs.
+// From words to requests: the command line and the lines on standard input, both by one table of
+// verbs.
 #pragma once
 
 #include <cstdint>
@@ -22,10 +23,10 @@ struct verb;
 
 // The options in front of the verb.
 struct settings {
-    std::string dir;                 // empty: the library's own directory
-    std::vector<std::string> ports;  // not empty: a temporary directory for these
-    std::vector<std::string> keys;   // "KEY=VALUE", further lines of its configuration
-    std::string log;                 // the library's log; empty: only what explains a failure
+    std::string dir = {};                 // empty: the library's own directory
+    std::vector<std::string> ports = {};  // not empty: a temporary directory for these
+    std::vector<std::string> keys = {};   // "KEY=VALUE", further lines of its configuration
+    std::string log = {};                 // the library's log; empty: only what explains a failure
     qnm_log_level_t log_level = QNM_LOGLVL_NONE;
 };
 
@@ -58,9 +59,9 @@ struct verb {
     const char* help;       // one line
     const char* more_help;  // further lines for its own --help; may be empty
     unsigned takes;
-    double seconds;                              // of --for, when it is not given
-    int (*run)(context&, const request&);        // from the command line; nullptr: only in lines
-    void (*answer)(context&, const request&);    // from a line; nullptr: only on the command line
+    double seconds;                            // of --for, when it is not given
+    int (*run)(context&, const request&);      // from the command line; nullptr: only in lines
+    void (*answer)(context&, const request&);  // from a line; nullptr: only on the command line
 };
 
 struct command_line {
@@ -68,8 +69,8 @@ struct command_line {
     request asked;
 };
 
-// The exit status stands for a command line that leaves nothing to run: help, or wrong usage, both of
-// which have been printed.
+// The exit status stands for a command line that leaves nothing to run: help, or wrong usage, both
+// of which have been printed.
 std::variant<command_line, int> parse_command_line(std::span<const verb> verbs, int argc,
                                                    const char* const* argv);
 

@@ -55,7 +55,8 @@ std::vector<std::string> configured_ports(const std::string& config) {
 
 std::string file_of_logger(const std::string& properties, const std::string& logger) {
     // "LEVEL, APPENDER"
-    const std::vector<std::string> parts = split(property(properties, "log4j.logger." + logger), ", ");
+    const std::vector<std::string> parts =
+        split(property(properties, "log4j.logger." + logger), ", ");
     if (parts.size() < 2) return {};
     return property(properties, "log4j.appender." + parts[1] + ".File");
 }

@@ -1,5 +1,5 @@
-// Looks into the library's two configuration files, to name places in them. The library alone decides
-// what they mean; nothing here is needed for a start that succeeds.
+// Looks into the library's two configuration files, to name places in them. The library alone
+// decides what they mean; nothing here is needed for a start that succeeds.
 #pragma once
 
 #include <optional>

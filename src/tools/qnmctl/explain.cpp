@@ -13,6 +13,7 @@
 #include <cstring>
 #include <fstream>
 #include <sstream>
+#include <string_view>
 
 #include "config_file.h"
 #include "text.h"
@@ -33,7 +34,8 @@ struct key_message {
 
 constexpr key_message key_messages[] = {
     {"Unknown config parameter: ", "Correct or remove this key; upper and lower case matter."},
-    {"config parameter parse error: ", "The value is missing or not of the right form; correct it."},
+    {"config parameter parse error: ",
+     "The value is missing or not of the right form; correct it."},
     {"out of range error: ", "The value is too small or too large; correct it."},
     {"config parameter error: tag_min > tag_max", "Set tag_min to at most tag_max."},
 };
@@ -46,10 +48,14 @@ std::optional<std::string> missing_dir(const installation& where) {
     std::error_code problem;
     const fs::file_status status = fs::status(where.dir, problem);
     std::string wrong;
-    if (status.type() == fs::file_type::not_found) wrong = "there is no directory " + dir;
-    else if (problem) wrong = "cannot read the directory " + dir + ": " + problem.message();
-    else if (!fs::is_directory(status)) wrong = dir + " is not a directory";
-    else return std::nullopt;
+    if (status.type() == fs::file_type::not_found)
+        wrong = "there is no directory " + dir;
+    else if (problem)
+        wrong = "cannot read the directory " + dir + ": " + problem.message();
+    else if (!fs::is_directory(status))
+        wrong = dir + " is not a directory";
+    else
+        return std::nullopt;
     return wrong + "\nName the installation directory by --dir, or the interfaces by --ports.";
 }
 
@@ -67,8 +73,7 @@ std::optional<std::string> unusable_files(const installation& where) {
     if (access(where.properties().c_str(), R_OK) != 0) {
         return "cannot read " + where.properties().string() + ": " + std::strerror(errno);
     }
-    if (fs::is_regular_file(where.config(), ignored) &&
-        access(where.config().c_str(), R_OK) != 0) {
+    if (fs::is_regular_file(where.config(), ignored) && access(where.config().c_str(), R_OK) != 0) {
         return "cannot read " + where.config().string() + ": " + std::strerror(errno);
     }
     return std::nullopt;
@@ -85,7 +90,8 @@ std::optional<std::string> missing_privilege() {
     }
     std::error_code ignored;
     const fs::path program = fs::read_symlink("/proc/self/exe", ignored);
-    return "no privilege for raw sockets (capability CAP_NET_RAW)\nRun it under sudo, or give it the "
+    return "no privilege for raw sockets (capability CAP_NET_RAW)\nRun it under sudo, or give it "
+           "the "
            "capability once: sudo setcap cap_net_raw+ep " +
            (program.empty() ? std::string("qnmctl") : program.string());
 }
@@ -110,7 +116,9 @@ std::optional<std::string> configuration_text(const installation& where, const s
 }
 
 // That a step failed is no news beside the line that tells why.
-bool is_consequence(const std::string& line) { return line.starts_with("Failed to _qnm_"); }
+bool is_consequence(const std::string& line) {
+    return line.starts_with("Failed to _qnm_");
+}
 
 std::string without_function(const std::string& text) {
     const std::size_t colon = text.find(": ");
@@ -158,22 +166,24 @@ std::optional<std::string> port_problem(const std::string& interface) {
     if (code == ENODEV) return "no such interface: " + quoted + "\n\"ip link\" lists them.";
     if (code != 0) return "interface " + quoted + ": " + std::strerror(code);
     if ((asked.ifr_flags & IFF_UP) == 0) {
-        return "interface " + quoted + " is down, so it cannot be opened\nBring it up: sudo ip link set " +
-               interface + " up";
+        return "interface " + quoted +
+               " is down, so it cannot be opened\nBring it up: sudo ip link set " + interface +
+               " up";
     }
     return std::nullopt;
 }
 
 std::vector<std::string> error_lines(const std::string& log) {
-    constexpr const char* levels[] = {" ERROR ", " FATAL "};
+    constexpr std::size_t level_at = std::string_view("2026-01-31 23:59:59,999 ").size();
+    constexpr std::string_view levels[] = {"ERROR ", "FATAL "};
     std::vector<std::string> found;
     std::istringstream lines(log);
     for (std::string line; std::getline(lines, line);) {
-        for (const char* const level : levels) {
-            const std::size_t at = line.find(level);
-            if (at == std::string::npos) continue;
-            found.push_back(without_function(line.substr(at + std::strlen(level))));
-            break;
+        if (line.size() < level_at) continue;
+        const std::string_view rest = std::string_view(line).substr(level_at);
+        for (const std::string_view level : levels) {
+            if (!rest.starts_with(level)) continue;
+            found.push_back(without_function(std::string(rest.substr(level.size()))));
         }
     }
     return found;
@@ -183,7 +193,8 @@ std::string failed_start_text(qnm_api_code_t code, const installation& where,
                               const std::vector<std::string>& lines) {
     std::string text = std::string("the manager could not start: ") + code_name(code);
     const std::vector<std::string> found = reasons(where, lines);
-    for (const std::string& reason : found) text += '\n' + reason;
+    for (const std::string& reason : found)
+        text += '\n' + reason;
     if (found.empty()) text += std::string("\n") + code_remedy(code);
     return text;
 }

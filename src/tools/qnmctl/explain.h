@@ -1,8 +1,8 @@
 // Why a manager cannot start, in an operator's words and with the remedy.
 //
-// The library answers with a code and writes the reason into its log. What can be seen from outside is
-// looked at directly: directory and files before a start, privilege and interfaces. The rest comes from
-// the error lines of the log, quoted with the place that they are about.
+// The library answers with a code and writes the reason into its log. What can be seen from outside
+// is looked at directly: directory and files before a start, privilege and interfaces. The rest
+// comes from the error lines of the log, quoted with the place that they are about.
 #pragma once
 
 #include <optional>

@@ -60,7 +60,8 @@ std::uint64_t number(const Value& value) {
         return value;
     } else {
         std::uint64_t all = 0;
-        for (const std::uint8_t byte : value) all = all << 8 | byte;
+        for (const std::uint8_t byte : value)
+            all = all << 8 | byte;
         return all;
     }
 }
@@ -257,7 +258,9 @@ std::string section_title(const section& of) {
     return "down port " + std::to_string(of.index) + " ";
 }
 
-std::vector<section> all_sections(const card& of) { return some_sections(of, down_ports_40g); }
+std::vector<section> all_sections(const card& of) {
+    return some_sections(of, down_ports_40g);
+}
 
 std::vector<section> sections(const card& of) {
     return some_sections(of, common(of).ecd_type == 0 ? down_ports_1_10g : down_ports_40g);

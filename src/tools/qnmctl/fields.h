@@ -1,9 +1,9 @@
 // A card's record as a list of fields, described once for every way of showing it.
 //
-// Each field of the public records is a row of a table: its name (that of the record's field without
-// the prefix), its title in an operator's words, how its value is written, which of its bits count as
-// a change, and which event tells of it. Text, JSON and the comparison of two records are all made
-// from these rows; a new field is one new row.
+// Each field of the public records is a row of a table: its name (that of the record's field
+// without the prefix), its title in an operator's words, how its value is written, which of its
+// bits count as a change, and which event tells of it. Text, JSON and the comparison of two records
+// are all made from these rows; a new field is one new row.
 #pragma once
 
 #include <cstdint>
@@ -30,7 +30,7 @@ enum class style { decimal, hex, mac, bytes, time, two_words };
 
 struct format {
     style how;
-    int digits = 0;                      // hex: digits; bytes: bytes
+    int digits = 0;                             // hex: digits; bytes: bytes
     const char* words[2] = {nullptr, nullptr};  // two_words: for zero and for anything else
 };
 

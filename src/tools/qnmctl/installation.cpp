@@ -29,13 +29,16 @@ constexpr char port_key[] = "ether_port";
 constexpr char stats_interval_key[] = "stats_interval";
 constexpr char longest_stats_interval[] = "2592000";
 
-std::string key_of(const std::string& setting) { return setting.substr(0, setting.find('=')); }
+std::string key_of(const std::string& setting) {
+    return setting.substr(0, setting.find('='));
+}
 
 std::optional<std::string> wrong_ports(const settings& given) {
     if (given.ports.size() > port_limit) return "--ports: at most two interfaces";
     for (const std::string& name : given.ports) {
         if (name.size() >= IFNAMSIZ) {
-            return "--ports: \"" + name + "\" is too long; interface names have up to 15 characters";
+            return "--ports: \"" + name +
+                   "\" is too long; interface names have up to 15 characters";
         }
         if (name.find_first_of(" \t\r\n/") != std::string::npos) {
             return "--ports: \"" + name + "\" is no interface name";
@@ -133,7 +136,8 @@ std::optional<std::string> wrong_settings(const settings& given) {
 
 std::string config_text(const settings& given) {
     std::string text = std::string(port_key) + '=' + join(given.ports, ",") + '\n';
-    for (const std::string& setting : given.keys) text += setting + '\n';
+    for (const std::string& setting : given.keys)
+        text += setting + '\n';
     // A key counts where it stands first, so the operator's own value wins.
     return text + stats_interval_key + '=' + longest_stats_interval + '\n';
 }

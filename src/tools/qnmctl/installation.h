@@ -1,7 +1,7 @@
 // The installation directory that the library is started with: the operator's, or a temporary one.
 //
-// A temporary one is made below $TMPDIR or /tmp and removed with its record, so on every way out that
-// unwinds, signals included, since those arrive as input.
+// A temporary one is made below $TMPDIR or /tmp and removed with its record, so on every way out
+// that unwinds, signals included, since those arrive as input.
 #pragma once
 
 #include <filesystem>

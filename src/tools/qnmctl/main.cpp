@@ -1,8 +1,8 @@
 // qnmctl, the operator's command: watches and queries Quillnet adapter cards through the library's
 // public interface, as any host program does.
 //
-// Signals are blocked in every thread and read as input, so a command ends by returning, and what it
-// has made is removed. Exit status: 0 success, 1 failure, 2 wrong usage.
+// Signals are blocked in every thread and read as input, so a command ends by returning, and what
+// it has made is removed. Exit status: 0 success, 1 failure, 2 wrong usage.
 #include <sys/signalfd.h>
 #include <unistd.h>
 
@@ -20,7 +20,8 @@ namespace {
 int open_signals() {
     sigset_t ends;
     sigemptyset(&ends);
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&ends, signal);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP})
+        sigaddset(&ends, signal);
     pthread_sigmask(SIG_BLOCK, &ends, nullptr);
     std::signal(SIGPIPE, SIG_IGN);  // a reader that has gone shows as EPIPE
     const int fd = signalfd(-1, &ends, SFD_CLOEXEC);
@@ -28,8 +29,7 @@ int open_signals() {
     return fd;
 }
 
-int run(const qnmctl::command_line& given) {
-    const int signals = open_signals();
+int run(const qnmctl::command_line& given, int signals) {
     qnmctl::installation where;
     qnmctl::install(given.global, where);
     qnmctl::output out(STDOUT_FILENO, signals);
@@ -46,10 +46,11 @@ int run(const qnmctl::command_line& given) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    const int signals = open_signals();
     const auto parsed = qnmctl::parse_command_line(qnmctl::verbs, argc, argv);
     if (const int* status = std::get_if<int>(&parsed)) return *status;
     try {
-        return run(std::get<qnmctl::command_line>(parsed));
+        return run(std::get<qnmctl::command_line>(parsed), signals);
     } catch (const std::exception& e) {
         std::fputs(qnmctl::message_text(e.what()).c_str(), stderr);
         return qnmctl::exit_failed;

@@ -31,7 +31,8 @@ void output::write(std::string_view text) {
             return;
         }
         // A pipe that can be written takes this much without blocking.
-        const ssize_t taken = ::write(fd_, text.data(), std::min<std::size_t>(text.size(), PIPE_BUF));
+        const ssize_t taken =
+            ::write(fd_, text.data(), std::min<std::size_t>(text.size(), PIPE_BUF));
         if (taken >= 0) {
             text.remove_prefix(static_cast<std::size_t>(taken));
         } else if (errno == EPIPE) {

@@ -1,7 +1,7 @@
 // Standard output, whole texts at a time, by one thread.
 //
-// A reader that is gone ends the output for good, and so does a signal while a reader takes nothing, so
-// that the command can always end. Afterwards every text is dropped.
+// A reader that is gone ends the output for good, and so does a signal while a reader takes
+// nothing, so that the command can always end. Afterwards every text is dropped.
 #pragma once
 
 #include <string_view>

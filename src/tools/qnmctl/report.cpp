@@ -70,7 +70,8 @@ std::string event_words(const observed& seen, known_cards& known) {
     if (told.first) return summary(*seen.record);
     if (told.changes.empty()) return present_text(seen.type, *seen.record);
     std::vector<std::string> parts;
-    for (const change& one : told.changes) parts.push_back(change_text(one));
+    for (const change& one : told.changes)
+        parts.push_back(change_text(one));
     return join(parts, ", ");
 }
 
@@ -87,10 +88,10 @@ struct column {
 };
 
 constexpr column columns[] = {
-    {"ID", -14, "id", ""},       {"TYPE", -5, "type", ""},
-    {"VLAN", 4, "vlan_id", ""},  {"VER", 3, "ver", ""},
-    {"P0M0", 4, "state", "P0M0"}, {"P0M1", 4, "state", "P0M1"},
-    {"P1M0", 4, "state", "P1M0"}, {"P1M1", 4, "state", "P1M1"},
+    {"ID", -14, "id", ""},         {"TYPE", -5, "type", ""},
+    {"VLAN", 4, "vlan_id", ""},    {"VER", 3, "ver", ""},
+    {"P0M0", 4, "state", "P0M0"},  {"P0M1", 4, "state", "P0M1"},
+    {"P1M0", 4, "state", "P1M0"},  {"P1M1", 4, "state", "P1M1"},
     {"MODE", -6, "vlan_mode", ""}, {"R-ID", 4, "mr_resource_num", ""},
 };
 
@@ -134,13 +135,15 @@ json event_json(const observed& seen, known_cards& known) {
         return object;
     }
     object["changes"] = json::array();
-    for (const change& one : told.changes) object["changes"].push_back(change_json(one));
+    for (const change& one : told.changes)
+        object["changes"].push_back(change_json(one));
     return object;
 }
 
 std::string table_text(const std::vector<card>& cards, bool coloured) {
     std::string heading = "KIND";
-    for (const column& of : columns) heading += ' ' + padded(of.heading, of.width);
+    for (const column& of : columns)
+        heading += ' ' + padded(of.heading, of.width);
     std::string text = in_colour(heading, bold, coloured) + '\n';
     std::size_t servers = 0;
     for (const card& shown : cards) {
@@ -158,7 +161,8 @@ std::string table_text(const std::vector<card>& cards, bool coloured) {
 
 json table_json(const std::vector<card>& cards) {
     json all = json::array();
-    for (const card& shown : cards) all.push_back(card_json(shown));
+    for (const card& shown : cards)
+        all.push_back(card_json(shown));
     return all;
 }
 
@@ -174,7 +178,8 @@ std::string card_text(const card& shown, bool coloured) {
         const bool indented = !title.empty();
         if (indented) text += in_colour("  " + trimmed(title), bold, coloured) + '\n';
         for (const field& of : within.fields) {
-            const std::string name = of.key == nullptr ? of.name : of.name + (std::string(".") + of.key);
+            const std::string name =
+                of.key == nullptr ? of.name : of.name + (std::string(".") + of.key);
             text += (indented ? "    " : "  ") + padded(of.title, title_width) + ' ' +
                     padded(name, name_width) + ' ' + value_text(of) + '\n';
         }

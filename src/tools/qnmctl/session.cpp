@@ -79,11 +79,11 @@ void session::receive(std::uint64_t id, qnm_evt_type_t type, void* to) {
     static_cast<session*>(to)->queue({std::chrono::system_clock::now(), type, id, read_card(id)});
 }
 
-void session::queue(observed seen) {
+void session::queue(const observed& seen) {
     {
         const std::lock_guard guard(mutex_);
         if (waiting_.events.size() < queue_limit) {
-            waiting_.events.push_back(std::move(seen));
+            waiting_.events.push_back(seen);
         } else {
             ++waiting_.lost;
         }
@@ -105,8 +105,8 @@ std::optional<qnm_api_code_t> session::result() const {
     return static_cast<qnm_api_code_t>(result);
 }
 
-// The manager is starting up on its own thread. The result is that of the first registration, or that
-// of a start that failed.
+// The manager is starting up on its own thread. The result is that of the first registration, or
+// that of a start that failed.
 qnm_api_code_t session::wait_usable() {
     while (!result()) {
         pollfd waited{wake_fd_, POLLIN, 0};

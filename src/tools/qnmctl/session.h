@@ -1,9 +1,10 @@
 // A running manager: the thread that qnm_init_manager() blocks, and the events on their way to the
 // printing side.
 //
-// The library's event thread calls receive() for every event: it reads the card's record and puts both
-// into a queue, nothing else, so that a slow terminal never holds the library up. The main thread waits
-// on wake_fd() and takes the queue. The queue is limited; what does not fit is counted.
+// The library's event thread calls receive() for every event: it reads the card's record and puts
+// both into a queue, nothing else, so that a slow terminal never holds the library up. The main
+// thread waits on wake_fd() and takes the queue. The queue is limited; what does not fit is
+// counted.
 #pragma once
 
 #include <atomic>
@@ -33,7 +34,9 @@ class session {
     session(const session&) = delete;
     session& operator=(const session&) = delete;
 
-    int wake_fd() const { return wake_fd_; }  // readable when there is something to take, or the end
+    int wake_fd() const {
+        return wake_fd_;
+    }  // readable when there is something to take, or the end
 
     struct batch {
         std::vector<observed> events;
@@ -53,7 +56,7 @@ class session {
     void run(const std::string& dir, qnm_log_level_t level);
     qnm_api_code_t wait_usable();
     qnm_api_code_t register_callbacks();
-    void queue(observed seen);
+    void queue(const observed& seen);
     void wake() const;
 
     int wake_fd_;
@@ -67,8 +70,8 @@ class session {
 std::variant<std::unique_ptr<session>, qnm_api_code_t> start_session(const std::string& dir,
                                                                      qnm_log_level_t level);
 
-// The record of a card, if it is known. An ID can be known as both kinds, when a card has changed its
-// kind; then the record that changed last is the card's.
+// The record of a card, if it is known. An ID can be known as both kinds, when a card has changed
+// its kind; then the record that changed last is the card's.
 std::optional<card> read_card(std::uint64_t id);
 
 // All known cards, QNSV first, by ascending ID. Throws failed_call.

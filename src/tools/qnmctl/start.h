@@ -8,8 +8,8 @@
 
 namespace qnmctl {
 
-// Throws error with the reason and the remedy. Says on standard error when one of the ports could not
-// be opened; the manager runs on the other.
+// Throws error with the reason and the remedy. Says on standard error when one of the ports could
+// not be opened; the manager runs on the other.
 std::unique_ptr<session> start_manager(const installation& where, qnm_log_level_t level);
 
 }  // namespace qnmctl

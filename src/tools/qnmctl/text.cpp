@@ -23,8 +23,7 @@ constexpr code_words codes[] = {
     {"QNM_API_SUCCESS", "The call succeeded."},
     {"QNM_API_EINVAL", "An argument was refused. Check the directory and the values given."},
     {"QNM_API_ERANGE", "A value or a list is too long. Raise id_list_upper_limit in qnm.conf."},
-    {"QNM_API_ENOENT",
-     "No card has that ID. \"qnmctl list\" shows the cards that can be heard."},
+    {"QNM_API_ENOENT", "No card has that ID. \"qnmctl list\" shows the cards that can be heard."},
     {"QNM_API_ENOLINK", "There is no link to the card. Check its cable and the port."},
     {"QNM_API_ENOMEM", "The memory is used up. Free some and try again."},
     {"QNM_API_EPROTO", "Something failed inside the library. Its log tells what."},
@@ -118,9 +117,13 @@ std::optional<std::uint64_t> parse_id(std::string_view text) {
     return parse_hex(digits);
 }
 
-const char* code_name(qnm_api_code_t code) { return words_of(code).name; }
+const char* code_name(qnm_api_code_t code) {
+    return words_of(code).name;
+}
 
-const char* code_remedy(qnm_api_code_t code) { return words_of(code).remedy; }
+const char* code_remedy(qnm_api_code_t code) {
+    return words_of(code).remedy;
+}
 
 std::string message_text(const std::string& text) {
     std::string message = "qnmctl: ";

@@ -26,7 +26,7 @@ wall_time from_milliseconds(std::uint64_t since_epoch);
 std::string time_text(wall_time when);
 std::string iso_time_text(wall_time when);
 
-std::string id_text(std::uint64_t id);  // "0x001122334455"
+std::string id_text(std::uint64_t id);    // "0x001122334455"
 std::string mac_text(std::uint64_t mac);  // "00:11:22:33:44:55"
 
 // A card ID as an operator types it, 0x and up to twelve hexadecimal digits or a MAC address;

@@ -1,8 +1,8 @@
 // What the verbs do.
 //
-// Everything is done by the main thread, which waits for events, lines of standard input and signals at
-// once, so that no two texts can mix. From the command line a verb starts the manager, listens, and
-// answers; from a line it only answers, by the same function.
+// Everything is done by the main thread, which waits for events, lines of standard input and
+// signals at once, so that no two texts can mix. From the command line a verb starts the manager,
+// listens, and answers; from a line it only answers, by the same function.
 #include "verbs.h"
 
 #include <poll.h>
@@ -28,22 +28,26 @@ namespace {
 
 using clock = std::chrono::steady_clock;
 
-// The reason why listening has ended is of no use to anyone but the manager's own end, which throws.
+// The reason why listening has ended is of no use to anyone but the manager's own end, which
+// throws.
 struct listening {
-    double seconds = 0;                           // 0: without limit
-    std::uint64_t count = 0;                      // events told; 0: without limit
-    bool tells = false;                           // events are printed
-    bool takes_lines = false;                     // from standard input
-    std::function<bool()> enough = nullptr;       // asked after each batch of events
+    double seconds = 0;                      // 0: without limit
+    std::uint64_t count = 0;                 // events told; 0: without limit
+    bool tells = false;                      // events are printed
+    bool takes_lines = false;                // from standard input
+    std::function<bool()> enough = nullptr;  // asked after each batch of events
 };
 
-// ---- Texts ---------------------------------------------------------------------------------------
+// ---- Texts
+// ---------------------------------------------------------------------------------------
 
 void print_json(context& with, const json& object) {
     with.out.write(object.dump(-1, ' ', false, json::error_handler_t::replace) + '\n');
 }
 
-void print_error(const std::string& text) { std::fputs(message_text(text).c_str(), stderr); }
+void print_error(const std::string& text) {
+    std::fputs(message_text(text).c_str(), stderr);
+}
 
 void tell_event(context& with, const observed& seen) {
     if (with.as_json) {
@@ -53,7 +57,8 @@ void tell_event(context& with, const observed& seen) {
     }
 }
 
-// ---- Lines ---------------------------------------------------------------------------------------
+// ---- Lines
+// ---------------------------------------------------------------------------------------
 
 void answer_line(context& with, const std::string& line) {
     const std::variant<request, std::string> parsed = parse_line(verbs, line);
@@ -72,8 +77,10 @@ bool answer_input(context& with, std::string& pending) {
     char chunk[4096];
     const ssize_t length = read(STDIN_FILENO, chunk, sizeof chunk);
     if (length < 0 && (errno == EINTR || errno == EAGAIN)) return true;
-    if (length > 0) pending.append(chunk, static_cast<std::size_t>(length));
-    else if (!pending.empty()) pending += '\n';  // a last line without its end
+    if (length > 0)
+        pending.append(chunk, static_cast<std::size_t>(length));
+    else if (!pending.empty())
+        pending += '\n';  // a last line without its end
     for (std::size_t end = 0; !with.quit && (end = pending.find('\n')) != std::string::npos;) {
         const std::string line = pending.substr(0, end);
         pending.erase(0, end + 1);
@@ -82,7 +89,8 @@ bool answer_input(context& with, std::string& pending) {
     return length > 0;
 }
 
-// ---- Listening -----------------------------------------------------------------------------------
+// ---- Listening
+// -----------------------------------------------------------------------------------
 
 // Prints what has been queued, up to the wanted number; false when that is reached.
 bool tell_events(context& with, const listening& how, std::uint64_t& told) {
@@ -150,7 +158,8 @@ void start(context& with, const request& asked) {
     with.manager = start_manager(with.where, with.log_level);
 }
 
-// ---- watch ---------------------------------------------------------------------------------------
+// ---- watch
+// ---------------------------------------------------------------------------------------
 
 void listen_and_tell(context& with, const request& asked) {
     if (isatty(STDIN_FILENO) == 1 && isatty(STDERR_FILENO) == 1) {
@@ -166,7 +175,8 @@ int run_watch(context& with, const request& asked) {
     return exit_ok;
 }
 
-// ---- list ----------------------------------------------------------------------------------------
+// ---- list
+// ----------------------------------------------------------------------------------------
 
 void answer_list(context& with, const request&) {
     const std::vector<card> cards = read_cards();
@@ -188,7 +198,8 @@ int run_list(context& with, const request& asked) {
     return exit_ok;
 }
 
-// ---- show ----------------------------------------------------------------------------------------
+// ---- show
+// ----------------------------------------------------------------------------------------
 
 void answer_show(context& with, const request& asked) {
     const std::optional<card> known = read_card(asked.id);
@@ -211,7 +222,8 @@ int run_show(context& with, const request& asked) {
     return exit_ok;
 }
 
-// ---- stats ---------------------------------------------------------------------------------------
+// ---- stats
+// ---------------------------------------------------------------------------------------
 
 void print_dump(context& with, const std::string& dump) {
     if (with.as_json) {
@@ -225,8 +237,8 @@ void print_dump(context& with, const std::string& dump) {
 void tell_dump_place(context& with) {
     const std::string properties = with.where.properties().string();
     const std::string file = file_of_logger(read_text(properties), "statslogfile");
-    const std::string place = file.empty() ? "where " + properties + " sends the logger statslogfile"
-                                           : "to " + file;
+    const std::string place =
+        file.empty() ? "where " + properties + " sends the logger statslogfile" : "to " + file;
     print_dump(with, "The status dump was written " + place + '\n');
 }
 
@@ -245,7 +257,8 @@ int run_stats(context& with, const request& asked) {
     return exit_ok;
 }
 
-// ---- monitor -------------------------------------------------------------------------------------
+// ---- monitor
+// -------------------------------------------------------------------------------------
 
 struct monitor_words {
     const char* name;
@@ -267,9 +280,9 @@ void answer_monitor(context& with, const request& asked) {
     const qnm_api_code_t code = words.call(asked.id);
     if (code != QNM_API_SUCCESS) throw failed_call(words.call_name, code);
     if (with.as_json) {
-        print_json(with, {{"monitor", words.name},
-                          {"id", id_text(asked.id)},
-                          {"result", code_name(code)}});
+        print_json(
+            with,
+            {{"monitor", words.name}, {"id", id_text(asked.id)}, {"result", code_name(code)}});
     } else {
         with.out.write(std::string("monitor ") + words.name + ' ' + id_text(asked.id) + ": " +
                        code_name(code) + ", " + words.meaning + '\n');
@@ -283,7 +296,8 @@ int run_monitor(context& with, const request& asked) {
     return exit_ok;
 }
 
-// ---- Lines only ----------------------------------------------------------------------------------
+// ---- Lines only
+// ----------------------------------------------------------------------------------
 
 void answer_help(context& with, const request&) {
     const std::string help = lines_help(verbs);
@@ -294,7 +308,9 @@ void answer_help(context& with, const request&) {
     }
 }
 
-void answer_quit(context& with, const request&) { with.quit = true; }
+void answer_quit(context& with, const request&) {
+    with.quit = true;
+}
 
 constexpr unsigned takes_limits = takes_for | takes_count;
 
@@ -322,8 +338,8 @@ constexpr verb table[] = {
     {"list", "Lists the known cards", list_help, takes_json | takes_for, 3, run_list, answer_list},
     {"show", "Prints every field of a card, as soon as it is known", "",
      takes_id | takes_json | takes_for, 10, run_show, answer_show},
-    {"stats", "Prints the manager's status dump", stats_help, takes_verbose | takes_json | takes_for, 3,
-     run_stats, answer_stats},
+    {"stats", "Prints the manager's status dump", stats_help,
+     takes_verbose | takes_json | takes_for, 3, run_stats, answer_stats},
     {"monitor", "Stops or restarts the monitoring of a card", monitor_help,
      takes_action | takes_id | takes_json | takes_limits, 0, run_monitor, answer_monitor},
     {"help", "Lists these commands", "", takes_nothing, 0, nullptr, answer_help},

@@ -1,1 +1,357 @@
-// command
+// The command as a program: its exit status, what it prints, how it ends. Where a manager has to
+// run, it runs on the loopback device of a private network namespace, on which no card announces
+// itself.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "config_file.h"
+#include "installation.h"
+#include "text.h"
+
+namespace qnmctl {
+namespace {
+
+namespace fs = std::filesystem;
+
+using words = std::vector<std::string>;
+
+constexpr std::chrono::seconds limit(60);
+constexpr int no_namespace = 125;
+
+// A running program; its standard error goes to a file, and its temporary files into a directory.
+class program {
+  public:
+    explicit program(words command) {
+        std::array<int, 2> in{};
+        std::array<int, 2> out{};
+        if (pipe2(in.data(), O_CLOEXEC) != 0 || pipe2(out.data(), O_CLOEXEC) != 0) std::abort();
+        pid_ = fork();
+        if (pid_ == 0) become(std::move(command), in[0], out[1]);
+        close(in[0]);
+        close(out[1]);
+        in_ = in[1];
+        out_ = out[0];
+    }
+    ~program() {
+        if (pid_ > 0) {
+            kill(pid_, SIGKILL);
+            waitpid(pid_, nullptr, 0);
+        }
+        close_input();
+        close_output();
+    }
+    program(const program&) = delete;
+    program& operator=(const program&) = delete;
+
+    void say(const std::string& line) const {
+        const std::string text = line + '\n';
+        EXPECT_EQ(static_cast<ssize_t>(text.size()), write(in_, text.data(), text.size()));
+    }
+    void signal(int number) const { kill(pid_, number); }
+    void close_input() { close_end(in_); }
+    void close_output() { close_end(out_); }
+
+    // Reads on until the text has been seen, or the end; everything read so far.
+    const std::string& read_until(const std::string& text) {
+        const auto deadline = std::chrono::steady_clock::now() + limit;
+        while (seen_.find(text) == std::string::npos && read_some(deadline)) {
+        }
+        return seen_;
+    }
+    const std::string& read_all() {
+        const auto deadline = std::chrono::steady_clock::now() + limit;
+        while (read_some(deadline)) {
+        }
+        return seen_;
+    }
+    // The exit status, 128 + the number of a signal that ended it.
+    int end() {
+        if (out_ >= 0) read_all();
+        int status = 0;
+        waitpid(pid_, &status, 0);
+        pid_ = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+    std::string errors() const { return read_text(dir_.path() / "errors"); }
+    bool left_something() const {
+        for (const auto& entry : fs::directory_iterator(dir_.path())) {
+            if (entry.path().filename().string().starts_with("qnmctl.")) return true;
+        }
+        return false;
+    }
+
+  private:
+    [[noreturn]] void become(words command, int in, int out) const {
+        const int errors = open((dir_.path() / "errors").c_str(), O_WRONLY | O_CREAT, 0600);
+        dup2(in, STDIN_FILENO);
+        dup2(out, STDOUT_FILENO);
+        dup2(errors, STDERR_FILENO);
+        setenv("TMPDIR", dir_.path().c_str(), 1);
+        std::vector<char*> arguments;
+        for (std::string& word : command)
+            arguments.push_back(word.data());
+        arguments.push_back(nullptr);
+        execv(arguments[0], arguments.data());
+        _exit(127);
+    }
+    bool read_some(std::chrono::steady_clock::time_point deadline) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        pollfd waited{out_, POLLIN, 0};
+        if (left.count() <= 0 || poll(&waited, 1, static_cast<int>(left.count())) <= 0) {
+            ADD_FAILURE() << "nothing more after: " << seen_;
+            kill(pid_, SIGKILL);
+            return false;
+        }
+        char chunk[4096];
+        const ssize_t length = read(out_, chunk, sizeof chunk);
+        if (length > 0) seen_.append(chunk, static_cast<std::size_t>(length));
+        return length > 0;
+    }
+    static void close_end(int& fd) {
+        if (fd >= 0) close(fd);
+        fd = -1;
+    }
+
+    temporary_dir dir_;
+    pid_t pid_ = -1;
+    int in_ = -1;
+    int out_ = -1;
+    std::string seen_;
+};
+
+words command(const words& arguments) {
+    words all = {QNMCTL_PROGRAM};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    return all;
+}
+
+bool holds(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+TEST(Command, WithoutAVerbIsWrongUsage) {
+    program run(command({}));
+    EXPECT_EQ(2, run.end());
+    EXPECT_TRUE(holds(run.errors(), "no command is given"));
+}
+
+TEST(Command, WithAnUnknownVerbIsWrongUsage) {
+    program run(command({"frob"}));
+    EXPECT_EQ(2, run.end());
+    EXPECT_TRUE(holds(run.errors(), "frob"));
+}
+
+TEST(Command, HelpNamesEveryVerb) {
+    program run(command({"--help"}));
+    const std::string help = run.read_all();
+    for (const char* const name : {"watch", "list", "show", "stats", "monitor"}) {
+        EXPECT_TRUE(holds(help, std::string("\n  ") + name + " ")) << name;
+    }
+    EXPECT_EQ(0, run.end());
+}
+
+TEST(Command, HelpOfMonitorSaysWhoseManagerItIs) {
+    program run(command({"monitor", "--help"}));
+    EXPECT_TRUE(holds(run.read_all(), "this very process"));
+    EXPECT_EQ(0, run.end());
+}
+
+TEST(Command, ADirectoryThatIsMissingIsNamed) {
+    program run(command({"--dir", "/nonexistent/qnm", "list"}));
+    EXPECT_EQ(1, run.end());
+    EXPECT_TRUE(holds(run.errors(), "qnmctl: there is no directory /nonexistent/qnm\n  Name"));
+}
+
+TEST(Command, AMissingPropertiesFileIsNamed) {
+    const temporary_dir dir;
+    program run(command({"--dir", dir.path(), "list"}));
+    EXPECT_EQ(1, run.end());
+    EXPECT_TRUE(holds(run.errors(), dir.path().string() + "/conf/qnm_log4c.properties"));
+}
+
+// ---- With a manager
+// ------------------------------------------------------------------------------
+
+words in_namespace(const words& arguments) {
+    words all = {QNM_IN_NETNS};
+    const words own = command(arguments);
+    all.insert(all.end(), own.begin(), own.end());
+    return all;
+}
+
+class Manager : public testing::Test {
+  protected:
+    void SetUp() override {
+        program probe({QNM_IN_NETNS, "true"});
+        const int status = probe.end();
+        if (status == no_namespace) GTEST_SKIP() << probe.errors();
+        ASSERT_EQ(0, status) << probe.errors();
+    }
+};
+
+TEST_F(Manager, ListsNoCardsWhereThereAreNone) {
+    program run(in_namespace({"--ports", "lo", "list", "--for", "0.1"}));
+    EXPECT_TRUE(holds(run.read_all(), "\n0 QNSV, 0 QNIO\n"));
+    EXPECT_EQ(0, run.end()) << run.errors();
+    EXPECT_EQ("", run.errors());
+    EXPECT_FALSE(run.left_something());
+}
+
+TEST_F(Manager, ListsAsAJsonArray) {
+    program run(in_namespace({"--ports", "lo", "list", "--for", "0.1", "--json"}));
+    EXPECT_EQ(nlohmann::json::array(), nlohmann::json::parse(run.read_all()));
+    EXPECT_EQ(0, run.end());
+}
+
+TEST_F(Manager, ShowsNoCardThatIsNotHeard) {
+    program run(in_namespace({"--ports", "lo", "show", "0x1", "--for", "0.1"}));
+    EXPECT_EQ(1, run.end());
+    EXPECT_TRUE(holds(run.errors(), "no card 0x000000000001 has been heard"));
+}
+
+TEST_F(Manager, PrintsTheWholeDump) {
+    program run(in_namespace({"--ports", "lo", "stats", "-v", "--for", "0.1"}));
+    const std::string dump = run.read_all();
+    EXPECT_EQ(0U, dump.find("*** "));
+    EXPECT_TRUE(holds(dump, "qnm status dump (v1)\n"));
+    EXPECT_TRUE(holds(dump, "  - Config parameters\n"));
+    EXPECT_EQ(dump.find("*** "), dump.rfind("*** "));
+    EXPECT_EQ(0, run.end());
+}
+
+TEST_F(Manager, AnswersLinesWhileItWatches) {
+    program run(in_namespace({"--ports", "lo", "watch"}));
+    run.say("list");
+    run.say("frob");
+    run.say("monitor stop 0x1000");
+    run.say("monitor restart 0x1000");
+    run.say("stats");
+    run.say("quit");
+    const std::string text = run.read_all();
+    EXPECT_TRUE(holds(text, "0 QNSV, 0 QNIO\n"));
+    EXPECT_TRUE(holds(text, "monitor stop 0x000000001000: QNM_API_SUCCESS"));
+    EXPECT_TRUE(holds(text, "monitor restart 0x000000001000: QNM_API_SUCCESS"));
+    EXPECT_TRUE(holds(text, "qnm status dump (v0)\n"));
+    EXPECT_EQ(0, run.end());
+    EXPECT_TRUE(holds(run.errors(), "unknown command \"frob\""));
+    EXPECT_FALSE(run.left_something());
+}
+
+TEST_F(Manager, AnswersInJsonLinesWhenAsked) {
+    program run(in_namespace({"--ports", "lo", "watch", "--json"}));
+    for (const char* const line : {"list", "stats", "monitor stop 0x1000", "help", "quit"}) {
+        run.say(line);
+    }
+    std::vector<nlohmann::json> objects;
+    for (const std::string& line : split(run.read_all(), "\n")) {
+        objects.push_back(nlohmann::json::parse(line));
+    }
+    ASSERT_EQ(4U, objects.size());
+    EXPECT_TRUE(objects[0]["cards"].empty());
+    EXPECT_TRUE(objects[1]["stats"].is_string());
+    EXPECT_EQ("0x000000001000", objects[2]["id"]);
+    EXPECT_EQ("QNM_API_SUCCESS", objects[2]["result"]);
+}
+
+TEST_F(Manager, WatchesOnAfterTheEndOfStandardInput) {
+    program run(in_namespace({"--ports", "lo", "monitor", "stop", "0x1000"}));
+    run.read_until("QNM_API_SUCCESS");
+    run.close_input();
+    run.signal(SIGTERM);
+    EXPECT_EQ(0, run.end());
+}
+
+TEST_F(Manager, EndsCleanlyAtASignal) {
+    for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+        program run(in_namespace({"--ports", "lo", "watch"}));
+        run.say("help");
+        run.read_until("Ends");
+        run.signal(number);
+        EXPECT_EQ(0, run.end()) << number;
+        EXPECT_FALSE(run.left_something());
+    }
+}
+
+TEST_F(Manager, EndsQuietlyWhenItsReaderHasGone) {
+    program run(in_namespace({"--ports", "lo", "watch"}));
+    run.say("help");
+    run.read_until("Ends");
+    run.close_output();
+    EXPECT_EQ(0, run.end());
+    EXPECT_EQ("", run.errors());
+    EXPECT_FALSE(run.left_something());
+}
+
+TEST_F(Manager, EndsAtASignalWhileItsReaderTakesNothing) {
+    program run(in_namespace({"--ports", "lo", "watch"}));
+    run.say("help");
+    run.read_until("Ends");
+    for (int dump = 0; dump < 64; ++dump)
+        run.say("stats -v");  // more than a pipe holds
+    run.signal(SIGTERM);
+    EXPECT_EQ(0, run.end());
+}
+
+TEST_F(Manager, NamesAKeyThatIsUnknown) {
+    program run(in_namespace({"--ports", "lo", "--set", "frob=1", "list"}));
+    EXPECT_EQ(1, run.end());
+    EXPECT_TRUE(holds(run.errors(), "--set: Unknown config parameter: frob\n")) << run.errors();
+    EXPECT_FALSE(run.left_something());
+}
+
+TEST_F(Manager, NamesFileAndLineOfAnOperatorsUnknownKey) {
+    installation where;
+    install({.ports = {"lo"}, .keys = {"frob=1"}}, where);
+    program run(in_namespace({"--dir", where.dir, "list"}));
+    EXPECT_EQ(1, run.end());
+    EXPECT_TRUE(
+        holds(run.errors(), where.config().string() + ":2: Unknown config parameter: frob\n"))
+        << run.errors();
+    EXPECT_FALSE(run.left_something());
+}
+
+TEST_F(Manager, SaysWhereAnOperatorsDumpWent) {
+    installation where;
+    install({.ports = {"lo"}}, where);
+    program run(in_namespace({"--dir", where.dir, "stats", "--for", "0.1"}));
+    EXPECT_EQ("The status dump was written to " + where.stats.string() + '\n', run.read_all());
+    EXPECT_EQ(0, run.end());
+    EXPECT_TRUE(holds(read_text(where.stats), "qnm status dump (v0)"));
+}
+
+TEST_F(Manager, NamesAnInterfaceThatIsMissing) {
+    program run(in_namespace({"--ports", "qnmctl-none", "list"}));
+    EXPECT_EQ(1, run.end());
+    EXPECT_TRUE(holds(run.errors(), "no such interface: \"qnmctl-none\"")) << run.errors();
+}
+
+TEST_F(Manager, RunsOnOnePortAndNamesTheOther) {
+    program run(in_namespace({"--ports", "lo,qnmctl-none", "list", "--for", "0.1"}));
+    EXPECT_EQ(0, run.end());
+    EXPECT_TRUE(holds(run.errors(), "no such interface: \"qnmctl-none\"")) << run.errors();
+}
+
+TEST_F(Manager, NamesAnInterfaceThatIsDown) {
+    words all = {QNM_IN_NETNS, "sh", "-c", "ip link set lo down; exec \"$@\"", "sh"};
+    const words own = command({"--ports", "lo", "list"});
+    all.insert(all.end(), own.begin(), own.end());
+    program run(all);
+    EXPECT_EQ(1, run.end());
+    EXPECT_TRUE(holds(run.errors(), "interface \"lo\" is down")) << run.errors();
+    EXPECT_TRUE(holds(run.errors(), "sudo ip link set lo up"));
+}
+
+}  // namespace
+}  // namespace qnmctl
