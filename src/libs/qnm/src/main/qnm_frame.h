@@ -79,8 +79,7 @@ constexpr uint32_t encode_register_address(uint32_t address) {
 
 }  // namespace qnm
 
-// ---- Headers
-// -------------------------------------------------------------------------------------
+// ---- Headers ------------------------------------------------------------------------------------
 
 struct quillnet_header_s {
     uint8_t dmac[6];
@@ -105,8 +104,7 @@ struct quillnet_peb_s {
     uint8_t reserved2[3];
 };
 
-// ---- DEVINFO and NOTIFY
-// --------------------------------------------------------------------------
+// ---- DEVINFO and NOTIFY -------------------------------------------------------------------------
 
 struct qnet_com_devinfo_s {
     uint8_t subtype;
@@ -180,8 +178,7 @@ struct qnw_devinfo_mrio_s {
     uint8_t resource_id[2];
 };
 
-// ---- Completion, and what the manager sends
-// ------------------------------------------------------
+// ---- Completion, and what the manager sends -----------------------------------------------------
 
 struct qnet_com_comp_s {
     uint8_t subtype;
@@ -272,8 +269,7 @@ struct qnw_mms_write_s {
     uint8_t data[32 * 4];  // 32 words in host byte order
 };
 
-// ---- Sizes and offsets
-// ---------------------------------------------------------------------------
+// ---- Sizes and offsets --------------------------------------------------------------------------
 
 static_assert(sizeof(quillnet_header_s) == 18 && offsetof(quillnet_header_s, tpid) == 12 &&
               offsetof(quillnet_header_s, tci) == 14 && offsetof(quillnet_header_s, type) == 16);

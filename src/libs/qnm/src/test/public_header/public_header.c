@@ -1,0 +1,102 @@
+/*
+ * public_header.c - the public header in C99: every declaration has the type a host program relies
+ * on, and every function can be linked.
+ */
+#include <stdio.h>
+
+#include "qnm.h"
+
+int check_public_header_in_cpp(void);
+
+/* One function pointer per call: a declaration of another type is an error here. */
+static const struct calls {
+    qnm_api_code_t (*err2retcode)(int);
+    qnm_api_code_t (*init_manager)(const char*, qnm_log_level_t);
+    qnm_api_code_t (*of_manager[2])(void);
+    qnm_api_code_t (*get_qnsv)(uint64_t, qnm_qnsv_t*);
+    qnm_api_code_t (*get_qnio)(uint64_t, qnm_qnio_t*);
+    qnm_api_code_t (*ids[2])(uint64_t**, uint32_t*);
+    qnm_api_code_t (*update_ids[2])(uint64_t, uint64_t**, uint32_t*);
+    qnm_api_code_t (*group_ids[2])(uint16_t, uint64_t**, uint32_t*);
+    qnm_api_code_t (*by_id[4])(uint64_t);
+    qnm_api_code_t (*free_idlist)(uint64_t*);
+    qnm_api_code_t (*register_callback)(qnm_evt_type_t, qnm_cbfunc_t, const void*, qnm_cbid_t*);
+    qnm_api_code_t (*unregister_callback)(qnm_cbid_t);
+    qnm_api_code_t (*set_loglevel)(qnm_log_level_t);
+    qnm_api_code_t (*stdump)(uint32_t);
+    qnm_api_code_t (*log_init)(const char*);
+    void (*log[13])(const char*, ...);
+    int (*compare[4])(qnm_cptr_t, qnm_cptr_t);
+} k_calls = {
+    qnm_err2retcode,
+    qnm_init_manager,
+    {qnm_start_manager, qnm_fini_manager},
+    qnm_get_qnsv,
+    qnm_get_qnio,
+    {qnm_get_qnsvids, qnm_get_qnioids},
+    {qnm_get_update_qnsvids, qnm_get_update_qnioids},
+    {qnm_get_group_qnsvids, qnm_get_group_qnioids},
+    {qnm_delete_qnsv, qnm_delete_qnio, qnm_stop_monitor, qnm_restart_monitor},
+    qnm_free_idlist,
+    qnm_register_callback,
+    qnm_unregister_callback,
+    qnm_set_loglevel,
+    qnm_stdump,
+    qnm_log_init,
+    {qnm_log_fatal, qnm_log_error, qnm_log_warn, qnm_log_info, qnm_log_debug, qnm_log_trace,
+     qnm_syslog_fatal, qnm_syslog_error, qnm_syslog_warn, qnm_syslog_info, qnm_syslog_debug,
+     qnm_syslog_trace, qnm_statslog},
+    {qnm_rbtree_int32_compare, qnm_rbtree_uint32_compare, qnm_rbtree_int64_compare,
+     qnm_rbtree_uint64_compare},
+};
+
+/* The numbers are part of the binary interface. */
+static const int k_values[][2] = {
+    {QNM_API_SUCCESS, 0},
+    {QNM_API_EINVAL, 1},
+    {QNM_API_ERANGE, 2},
+    {QNM_API_ENOENT, 3},
+    {QNM_API_ENOLINK, 4},
+    {QNM_API_ENOMEM, 5},
+    {QNM_API_EPROTO, 6},
+    {QNM_API_ETIMEDOUT, 7},
+    {QNM_API_EBUSY, 8},
+    {QNM_API_ENOSYS, 9},
+    {QNM_API_CODE_MAX, 10},
+    {QNM_LOGLVL_NONE, -1},
+    {QNM_LOGLVL_FATAL, 0},
+    {QNM_LOGLVL_ERROR, 1},
+    {QNM_LOGLVL_WARN, 2},
+    {QNM_LOGLVL_INFO, 3},
+    {QNM_LOGLVL_DEBUG, 4},
+    {QNM_LOGLVL_TRACE, 5},
+    {QNM_EVT_NEWDEVINFO, 0},
+    {QNM_EVT_UPDATEDEVINFO, 1},
+    {QNM_EVT_CONNECTIONCHANGE, 2},
+    {QNM_EVT_MAJORMINORERROR, 3},
+    {QNM_EVT_PATHSTATECHANGE, 4},
+    {QNM_EVT_CHANNELSTATECHANGE, 5},
+    {QNM_EVT_MAX, 6},
+    {(int)sizeof(qnm_retry_t), 8},
+};
+
+int main(void) {
+    int failures = 0;
+    size_t i;
+    for (i = 0; i < sizeof k_values / sizeof k_values[0]; i++) {
+        if (k_values[i][0] != k_values[i][1]) {
+            printf("row %u: %d, not %d\n", (unsigned)i, k_values[i][0], k_values[i][1]);
+            failures++;
+        }
+    }
+    if (k_calls.err2retcode(110) != QNM_API_ETIMEDOUT) {
+        printf("qnm_err2retcode(110) is not QNM_API_ETIMEDOUT\n");
+        failures++;
+    }
+    if (k_calls.of_manager[0]() != QNM_API_ENOSYS) {
+        printf("qnm_start_manager() without a manager is not QNM_API_ENOSYS\n");
+        failures++;
+    }
+    failures += check_public_header_in_cpp();
+    return failures != 0;
+}

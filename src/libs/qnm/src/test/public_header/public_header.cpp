@@ -1,0 +1,23 @@
+// public_header.cpp - the public header in C++20: C linkage, and enumerations that hold any number.
+
+#include "qnm.h"
+
+#include <cstdio>
+#include <type_traits>
+
+static_assert(std::is_same_v<std::underlying_type_t<qnm_api_code_t>, int>);
+static_assert(std::is_same_v<std::underlying_type_t<qnm_log_level_t>, int>);
+static_assert(std::is_same_v<std::underlying_type_t<qnm_evt_type_t>, int>);
+static_assert(std::is_standard_layout_v<qnm_qnsv_t> && std::is_trivial_v<qnm_qnsv_t>);
+static_assert(std::is_standard_layout_v<qnm_qnio_t> && std::is_trivial_v<qnm_qnio_t>);
+
+extern "C" int check_public_header_in_cpp(void);
+
+// The number of failures.
+int check_public_header_in_cpp(void) {
+    if (qnm_set_loglevel(static_cast<qnm_log_level_t>(99)) == QNM_API_SUCCESS) {
+        std::printf("qnm_set_loglevel(99) succeeds\n");
+        return 1;
+    }
+    return 0;
+}

@@ -1,0 +1,327 @@
+// test_log4cxxif.cpp - the log calls, their two filters and the reading of the properties file.
+
+#include <gtest/gtest.h>
+#include <log4cxx/appenderskeleton.h>
+#include <log4cxx/level.h>
+#include <log4cxx/logger.h>
+#include <log4cxx/logmanager.h>
+
+#include <algorithm>
+#include <fstream>
+#include <memory>
+#include <optional>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "config_file.h"
+#include "log_capture.h"
+#include "qnm_log4cxxif.h"
+#include "qnm_thread.h"
+#include "qnm_util.h"
+
+// ---- The look at the properties file ------------------------------------------------------------
+
+namespace {
+
+// What was asked for, and the answer to give in place of the real one.
+std::vector<std::string> asked;
+std::optional<int> answer;
+
+}  // namespace
+
+extern "C" {
+
+int __real__qnm_file_exist(const char* path);
+int __wrap__qnm_file_exist(const char* path);
+
+int __wrap__qnm_file_exist(const char* path) {
+    asked.push_back(path);
+    return answer.has_value() ? *answer : __real__qnm_file_exist(path);
+}
+
+}  // extern "C"
+
+namespace {
+
+class Log : public testing::Test {
+  protected:
+    ~Log() override { qnm::store(g_log_level, QNM_LOGLVL_INFO); }
+
+    static void set_running_level(int level) {
+        qnm::store(g_log_level, static_cast<qnm_log_level_t>(level));
+    }
+
+    log_capture log_;
+};
+
+// ---- The family of log calls --------------------------------------------------------------------
+
+struct log_row {
+    const char* name;
+    void (*write)(const char* fmt, ...);
+    const char* logger;
+    int level;
+    int needs;  // the lowest running level at which it writes
+};
+
+class LogCall : public Log, public testing::WithParamInterface<log_row> {
+  protected:
+    const log_row& row() const { return GetParam(); }
+};
+
+INSTANTIATE_TEST_SUITE_P(
+    family, LogCall,
+    testing::Values(log_row{"log_fatal", qnm_log_fatal, "logfile", 0, 0},
+                    log_row{"log_error", qnm_log_error, "logfile", 1, 1},
+                    log_row{"log_warn", qnm_log_warn, "logfile", 2, 2},
+                    log_row{"log_info", qnm_log_info, "logfile", 3, 3},
+                    log_row{"log_debug", qnm_log_debug, "logfile", 4, 4},
+                    log_row{"log_trace", qnm_log_trace, "logfile", 5, 5},
+                    log_row{"syslog_fatal", qnm_syslog_fatal, "syslogfile", 0, 0},
+                    log_row{"syslog_error", qnm_syslog_error, "syslogfile", 1, 1},
+                    log_row{"syslog_warn", qnm_syslog_warn, "syslogfile", 2, 2},
+                    log_row{"syslog_info", qnm_syslog_info, "syslogfile", 3, 3},
+                    log_row{"syslog_debug", qnm_syslog_debug, "syslogfile", 4, 4},
+                    log_row{"syslog_trace", qnm_syslog_trace, "syslogfile", 5, 5},
+                    log_row{"statslog", qnm_statslog, "statslogfile", 3, QNM_LOGLVL_NONE}),
+    [](const auto& each) { return std::string(each.param.name); });
+
+TEST_P(LogCall, writes_from_its_level_on_to_its_logger) {
+    for (int running = QNM_LOGLVL_NONE; running <= QNM_LOGLVL_TRACE; running++) {
+        set_running_level(running);
+        log_.clear();
+        row().write("%s: level %d", "caller", running);
+        const std::vector<log_line> lines = log_.lines();
+        ASSERT_EQ(lines.size(), running >= row().needs ? 1u : 0u) << "running level " << running;
+        if (lines.empty()) continue;
+        EXPECT_EQ(lines[0].logger, row().logger);
+        EXPECT_EQ(lines[0].level, row().level);
+        EXPECT_EQ(lines[0].text, "caller: level " + std::to_string(running));
+    }
+}
+
+// %n tells whether the format was looked at.
+TEST_P(LogCall, formats_nothing_below_its_level) {
+    int formatted = -1;
+    set_running_level(row().needs);
+    row().write("text%n", &formatted);
+    EXPECT_EQ(formatted, 4);
+    if (row().needs == QNM_LOGLVL_NONE) return;
+    formatted = -1;
+    set_running_level(row().needs - 1);
+    row().write("text%n", &formatted);
+    EXPECT_EQ(formatted, -1);
+}
+
+TEST_P(LogCall, cuts_a_line_at_511_characters) {
+    set_running_level(QNM_LOGLVL_TRACE);
+    const std::string message = std::string(510, 'a') + "bc" + std::string(88, 'd');
+    for (const size_t length : {510u, 511u, 512u, 600u}) {
+        log_.clear();
+        row().write("%s", message.substr(0, length).c_str());
+        EXPECT_TRUE(
+            log_.has(row().level, message.substr(0, std::min<size_t>(length, 511)), row().logger))
+            << length;
+    }
+}
+
+TEST_P(LogCall, leaves_the_last_word_to_the_loggers_own_level) {
+    set_running_level(QNM_LOGLVL_TRACE);
+    const log4cxx::LoggerPtr logger = log4cxx::Logger::getLogger(row().logger);
+    logger->setLevel(log4cxx::Level::getWarn());
+    row().write("text");
+    EXPECT_EQ(log_.lines().size(), row().level <= QNM_LOGLVL_WARN ? 1u : 0u);
+    logger->setLevel(log4cxx::Level::getOff());
+    log_.clear();
+    row().write("text");
+    EXPECT_TRUE(log_.lines().empty());
+}
+
+TEST(RunningLevel, is_info_at_first) {
+    EXPECT_EQ(g_log_level, QNM_LOGLVL_INFO);
+}
+
+TEST_F(Log, adds_nothing_to_a_line) {
+    qnm_log_info("%s", "100%d \t~");
+    EXPECT_EQ(log_.texts(), std::vector<std::string>{"100%d \t~"});
+}
+
+// ---- The back end -------------------------------------------------------------------------------
+
+TEST_F(Log, output_writes_at_the_level_that_matches) {
+    char text[] = "text";
+    set_running_level(QNM_LOGLVL_NONE);  // does not matter here
+    for (int level = QNM_LOGLVL_FATAL; level <= QNM_LOGLVL_TRACE; level++) {
+        log_.clear();
+        _qnm_output_log(log4cxx::Logger::getLogger("syslogfile"), text,
+                        static_cast<qnm_log_level_t>(level));
+        EXPECT_EQ(log_.lines().size(), 1u);
+        EXPECT_TRUE(log_.has(level, "text", "syslogfile")) << level;
+    }
+}
+
+TEST_F(Log, output_writes_nothing_at_other_levels) {
+    char text[] = "text";
+    for (const int level : {-1, 6, 100, INT32_MIN, INT32_MAX}) {
+        _qnm_output_log(log4cxx::Logger::getLogger("logfile"), text,
+                        static_cast<qnm_log_level_t>(level));
+    }
+    EXPECT_TRUE(log_.lines().empty());
+}
+
+TEST_F(Log, lines_of_several_threads_arrive_whole) {
+    constexpr int k_threads = 4;
+    constexpr int k_lines = 200;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < k_threads; i++) {
+        threads.emplace_back([i] {
+            const std::string text(500, static_cast<char>('a' + i));
+            for (int line = 0; line < k_lines; line++)
+                qnm_log_error("%s", text.c_str());
+        });
+    }
+    for (int i = 0; i < 1000; i++)
+        set_running_level(i % 2 == 0 ? QNM_LOGLVL_ERROR : QNM_LOGLVL_TRACE);
+    for (std::thread& thread : threads)
+        thread.join();
+    for (int i = 0; i < k_threads; i++)
+        EXPECT_EQ(log_.count(1, std::string(500, static_cast<char>('a' + i))), size_t{k_lines});
+    EXPECT_EQ(log_.lines().size(), size_t{k_threads * k_lines});
+}
+
+}  // namespace
+
+// ---- An appender that fails ---------------------------------------------------------------------
+
+// The macros of log4cxx name these without their scope.
+namespace helpers = log4cxx::helpers;
+using log4cxx::AppenderSkeleton;
+
+class full_disk_appender : public log4cxx::AppenderSkeleton {
+  public:
+    DECLARE_ABSTRACT_LOG4CXX_OBJECT(full_disk_appender)
+    BEGIN_LOG4CXX_CAST_MAP()
+    LOG4CXX_CAST_ENTRY(full_disk_appender)
+    LOG4CXX_CAST_ENTRY_CHAIN(AppenderSkeleton)
+    END_LOG4CXX_CAST_MAP()
+
+    void close() override {}
+    bool requiresLayout() const override { return false; }
+    int calls() const { return calls_; }
+
+  protected:
+    void append(const log4cxx::spi::LoggingEventPtr&, log4cxx::helpers::Pool&) override {
+        calls_++;
+        throw std::runtime_error("no space left on device");
+    }
+
+  private:
+    int calls_ = 0;
+};
+
+IMPLEMENT_LOG4CXX_OBJECT(full_disk_appender)
+
+namespace {
+
+TEST_F(Log, a_line_that_cannot_be_written_is_lost_and_nothing_else) {
+    const log4cxx::LoggerPtr logger = log4cxx::Logger::getLogger("logfile");
+    const auto appender = std::make_shared<full_disk_appender>();
+    logger->addAppender(appender);
+    EXPECT_NO_THROW(qnm_log_error("text"));
+    logger->removeAppender(appender);
+    EXPECT_EQ(appender->calls(), 1);
+}
+
+// ---- Initialisation -----------------------------------------------------------------------------
+
+class LogInit : public Log {
+  protected:
+    LogInit() {
+        asked.clear();
+        answer.reset();
+    }
+    ~LogInit() override { answer.reset(); }
+
+    // An installation directory and the file that its properties send "logfile" to.
+    std::string write_properties() const {
+        const std::string output = dir_.path() + "/output.log";
+        std::ofstream(dir_.properties())
+            << "log4j.rootLogger=OFF\n"
+               "log4j.logger.logfile=ALL, out\n"
+               "log4j.appender.out=org.apache.log4j.FileAppender\n"
+               "log4j.appender.out.File="
+            << output
+            << "\n"
+               "log4j.appender.out.layout=org.apache.log4j.PatternLayout\n"
+               "log4j.appender.out.layout.ConversionPattern=%c %p [%F] %m%n\n";
+        return output;
+    }
+
+    static std::string read(const std::string& name) {
+        std::ostringstream text;
+        text << std::ifstream(name).rdbuf();
+        return text.str();
+    }
+
+    install_dir dir_;
+};
+
+TEST_F(LogInit, without_a_directory_looks_at_the_default_file) {
+    answer = -1;
+    EXPECT_EQ(qnm_log_init(nullptr), QNM_API_EPROTO);
+    EXPECT_EQ(qnm_log_init(""), QNM_API_EPROTO);
+    EXPECT_EQ(asked, std::vector<std::string>(2, "/opt/tarvo/qnm/conf/qnm_log4c.properties"));
+}
+
+TEST_F(LogInit, fails_when_the_file_is_missing) {
+    dir_.remove_properties();
+    EXPECT_EQ(qnm_log_init(dir_.path().c_str()), QNM_API_EPROTO);
+    EXPECT_EQ(asked, std::vector<std::string>{dir_.path() + "/conf/qnm_log4c.properties"});
+    EXPECT_TRUE(log_.lines().empty());
+}
+
+TEST_F(LogInit, takes_a_directory_of_up_to_485_characters) {
+    answer = -1;
+    const std::string longest(485, 'd');
+    EXPECT_EQ(qnm_log_init(longest.c_str()), QNM_API_EPROTO);
+    EXPECT_EQ(asked, std::vector<std::string>{longest + "/conf/qnm_log4c.properties"});
+    answer = 0;
+    EXPECT_EQ(qnm_log_init((longest + "d").c_str()), QNM_API_EPROTO);
+    EXPECT_EQ(asked.size(), 1u);
+}
+
+// Replaces the settings of log_capture, whose appender is off the loggers afterwards.
+TEST_F(LogInit, configures_the_loggers_and_logs_the_directory_with_its_location) {
+    const std::string output = write_properties();
+    EXPECT_EQ(qnm_log_init(dir_.path().c_str()), QNM_API_SUCCESS);
+    const std::string text = read(output);
+    log4cxx::LogManager::resetConfiguration();
+    EXPECT_EQ(text.substr(0, 14), "logfile INFO [");
+    EXPECT_NE(text.find("qnm_log4cxxif.cpp] qnm_log_init: Log initialize is done. "
+                        "logconfig_filepath:" +
+                        dir_.path() + "\n"),
+              std::string::npos)
+        << text;
+}
+
+TEST_F(LogInit, may_be_repeated_and_reads_the_file_again) {
+    EXPECT_EQ(qnm_log_init(dir_.path().c_str()), QNM_API_SUCCESS);
+    const std::string output = write_properties();
+    EXPECT_EQ(qnm_log_init(dir_.path().c_str()), QNM_API_SUCCESS);
+    const std::string text = read(output);
+    log4cxx::LogManager::resetConfiguration();
+    EXPECT_NE(text.find("Log initialize is done."), std::string::npos);
+}
+
+TEST_F(LogInit, logs_the_directory_as_given_and_survives_what_log4cxx_throws) {
+    EXPECT_EQ(qnm_log_init(dir_.path().c_str()), QNM_API_SUCCESS);
+    EXPECT_TRUE(
+        log_.has(3, "qnm_log_init: Log initialize is done. logconfig_filepath:" + dir_.path()));
+    std::ofstream(dir_.properties(), std::ios::binary) << "log4j.rootLogger=\\u12\nno such=\\";
+    EXPECT_EQ(qnm_log_init(dir_.path().c_str()), QNM_API_SUCCESS);
+}
+
+}  // namespace
