@@ -144,9 +144,8 @@ std::variant<command_line, int> parse_command_line(std::span<const verb> verbs, 
     CLI::App app("Watches and queries Quillnet adapter cards", "qnmctl");
     app.set_version_flag("--version", "qnmctl " QNMCTL_VERSION);
     app.footer(examples);
-    app.require_subcommand(0, 1);  // a missing one is told in the words of the help
+    app.require_subcommand(0, 1);  // a missing one is told below
     app.get_formatter()->label("SUBCOMMAND", "COMMAND");
-    app.get_formatter()->label("Subcommands", "Commands");
     app.get_formatter()->column_width(32);
     settings global;
     define_globals(app, global);
@@ -155,6 +154,7 @@ std::variant<command_line, int> parse_command_line(std::span<const verb> verbs, 
         if (defined.run == nullptr) continue;
         CLI::App* const own = app.add_subcommand(defined.name, defined.help);
         own->footer(defined.more_help);
+        own->group("Commands");
         own->fallthrough();
         define_verb(*own, defined, defined.takes, requests[own]);
     }
@@ -163,6 +163,7 @@ std::variant<command_line, int> parse_command_line(std::span<const verb> verbs, 
         if (const auto wrong = wrong_settings(global)) throw CLI::ValidationError(*wrong);
         if (app.get_subcommands().empty()) throw CLI::ValidationError("no command is given");
     } catch (const CLI::ParseError& e) {
+        app.require_subcommand(1);  // for the usage line, should help be what was asked for
         return app.exit(e) == exit_ok ? exit_ok : exit_usage;
     }
     return command_line{global, requests.at(app.get_subcommands().front())};

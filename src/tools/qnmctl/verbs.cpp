@@ -28,8 +28,7 @@ namespace {
 
 using clock = std::chrono::steady_clock;
 
-// The reason why listening has ended is of no use to anyone but the manager's own end, which
-// throws.
+// How long to listen, and what to do meanwhile.
 struct listening {
     double seconds = 0;                      // 0: without limit
     std::uint64_t count = 0;                 // events told; 0: without limit

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include "text.h"
+
 namespace qnmctl {
 namespace {
 
@@ -77,32 +79,25 @@ TEST(CommandLine, HelpAndVersionLeaveNothingToRun) {
     EXPECT_EQ(exit_ok, status({"show", "--help"}));
 }
 
-class WrongUsage : public testing::TestWithParam<std::vector<const char*>> {};
+class WrongUsage : public testing::TestWithParam<const char*> {};
 
 TEST_P(WrongUsage, IsStatusTwo) {
-    EXPECT_EQ(exit_usage, status(GetParam()));
+    const std::vector<std::string> words = split(GetParam(), " ");
+    std::vector<const char*> arguments;
+    for (const std::string& word : words)
+        arguments.push_back(word.c_str());
+    EXPECT_EQ(exit_usage, status(arguments));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    CommandLine, WrongUsage,
-    testing::Values(std::vector<const char*>{}, std::vector<const char*>{"frob"},
-                    std::vector<const char*>{"quit"}, std::vector<const char*>{"watch", "show"},
-                    std::vector<const char*>{"show"}, std::vector<const char*>{"show", "12"},
-                    std::vector<const char*>{"show", "0x1", "0x2"},
-                    std::vector<const char*>{"show", "0x1", "--count", "1"},
-                    std::vector<const char*>{"monitor", "halt", "0x1"},
-                    std::vector<const char*>{"monitor", "stop"},
-                    std::vector<const char*>{"watch", "--for", "0"},
-                    std::vector<const char*>{"watch", "--for", "-1"},
-                    std::vector<const char*>{"watch", "--for", "inf"},
-                    std::vector<const char*>{"watch", "--for", "soon"},
-                    std::vector<const char*>{"watch", "--count", "0"},
-                    std::vector<const char*>{"--ports", "a", "--dir", "/x", "watch"},
-                    std::vector<const char*>{"--ports", "", "watch"},
-                    std::vector<const char*>{"--ports", "a,b,c", "watch"},
-                    std::vector<const char*>{"--set", "a=1", "watch"},
-                    std::vector<const char*>{"--log", "x", "watch"},
-                    std::vector<const char*>{"--ports", "a", "--set", "a", "watch"}));
+INSTANTIATE_TEST_SUITE_P(CommandLine, WrongUsage,
+                         testing::Values("", "frob", "quit", "watch show", "show", "show 12",
+                                         "show 0x1 0x2", "show 0x1 --count 1", "monitor halt 0x1",
+                                         "monitor stop", "watch --for 0", "watch --for -1",
+                                         "watch --for inf", "watch --for nan", "watch --for soon",
+                                         "watch --count 0", "--ports a --dir /x watch",
+                                         "--ports , watch", "--ports a,b,c watch",
+                                         "--set a=1 watch", "--log x watch",
+                                         "--ports a --set a watch"));
 
 request line_request(const std::string& line) {
     return std::get<request>(parse_line(table, line));
