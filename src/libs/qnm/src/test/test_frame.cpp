@@ -26,8 +26,8 @@ template <typename Record>
 constexpr Record k_any = {};
 
 #define WHOLE(record) #record, 0, sizeof(record)
-#define FIELD(record, field) \
-#record "." #field, offsetof(record, field), sizeof(k_any <record>.field)
+#define FIELD(record, field) #record "." #field, PLACE(record, field)
+#define PLACE(record, field) offsetof(record, field), sizeof((k_any<record>).field)
 
 constexpr layout_row k_layout[] = {
     {WHOLE(quillnet_header_s), 0, 18},
@@ -123,6 +123,7 @@ constexpr layout_row k_layout[] = {
 
 #undef WHOLE
 #undef FIELD
+#undef PLACE
 
 TEST(layout, has_every_field_at_its_place) {
     for (const layout_row& row : k_layout) {

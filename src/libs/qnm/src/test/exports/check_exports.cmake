@@ -1,5 +1,5 @@
-# check_exports.cmake - compares what a shared library exports with a list, both ways, and checks its
-# soname. Needs LIBRARY, EXPECTED (a file with a name a line), NM and READELF.
+# check_exports.cmake - compares what a shared library exports with a list, both ways, and checks
+# its soname. Needs LIBRARY, EXPECTED (a file with a name a line), NM and READELF.
 
 set(soname "libqnm.so.1")
 

@@ -13,7 +13,7 @@ namespace alloc {
 namespace {
 
 constinit thread_local counts_t t_counts;
-constinit thread_local std::uint64_t t_until_failure = 0;         // 0: none is due
+constinit thread_local std::uint64_t t_until_failure = 0;           // 0: none is due
 constinit std::atomic<std::uint64_t> g_until_failure_anywhere = 0;  // 0: none is due
 
 bool due_here() {
@@ -91,9 +91,15 @@ bool all_used() {
 using std::align_val_t;
 using std::nothrow_t;
 
-void* operator new(std::size_t n) { return alloc::take_or_throw(n, alloc::k_default); }
-void* operator new[](std::size_t n) { return alloc::take_or_throw(n, alloc::k_default); }
-void* operator new(std::size_t n, align_val_t a) { return alloc::take_or_throw(n, alloc::bytes(a)); }
+void* operator new(std::size_t n) {
+    return alloc::take_or_throw(n, alloc::k_default);
+}
+void* operator new[](std::size_t n) {
+    return alloc::take_or_throw(n, alloc::k_default);
+}
+void* operator new(std::size_t n, align_val_t a) {
+    return alloc::take_or_throw(n, alloc::bytes(a));
+}
 void* operator new[](std::size_t n, align_val_t a) {
     return alloc::take_or_throw(n, alloc::bytes(a));
 }
@@ -110,15 +116,39 @@ void* operator new[](std::size_t n, align_val_t a, const nothrow_t&) noexcept {
     return alloc::take_or_null(n, alloc::bytes(a));
 }
 
-void operator delete(void* p) noexcept { alloc::give_back(p); }
-void operator delete[](void* p) noexcept { alloc::give_back(p); }
-void operator delete(void* p, std::size_t) noexcept { alloc::give_back(p); }
-void operator delete[](void* p, std::size_t) noexcept { alloc::give_back(p); }
-void operator delete(void* p, align_val_t) noexcept { alloc::give_back(p); }
-void operator delete[](void* p, align_val_t) noexcept { alloc::give_back(p); }
-void operator delete(void* p, std::size_t, align_val_t) noexcept { alloc::give_back(p); }
-void operator delete[](void* p, std::size_t, align_val_t) noexcept { alloc::give_back(p); }
-void operator delete(void* p, const nothrow_t&) noexcept { alloc::give_back(p); }
-void operator delete[](void* p, const nothrow_t&) noexcept { alloc::give_back(p); }
-void operator delete(void* p, align_val_t, const nothrow_t&) noexcept { alloc::give_back(p); }
-void operator delete[](void* p, align_val_t, const nothrow_t&) noexcept { alloc::give_back(p); }
+void operator delete(void* p) noexcept {
+    alloc::give_back(p);
+}
+void operator delete[](void* p) noexcept {
+    alloc::give_back(p);
+}
+void operator delete(void* p, std::size_t) noexcept {
+    alloc::give_back(p);
+}
+void operator delete[](void* p, std::size_t) noexcept {
+    alloc::give_back(p);
+}
+void operator delete(void* p, align_val_t) noexcept {
+    alloc::give_back(p);
+}
+void operator delete[](void* p, align_val_t) noexcept {
+    alloc::give_back(p);
+}
+void operator delete(void* p, std::size_t, align_val_t) noexcept {
+    alloc::give_back(p);
+}
+void operator delete[](void* p, std::size_t, align_val_t) noexcept {
+    alloc::give_back(p);
+}
+void operator delete(void* p, const nothrow_t&) noexcept {
+    alloc::give_back(p);
+}
+void operator delete[](void* p, const nothrow_t&) noexcept {
+    alloc::give_back(p);
+}
+void operator delete(void* p, align_val_t, const nothrow_t&) noexcept {
+    alloc::give_back(p);
+}
+void operator delete[](void* p, align_val_t, const nothrow_t&) noexcept {
+    alloc::give_back(p);
+}

@@ -26,8 +26,8 @@ counts_t counts();
 // The n-th nothrow allocation from now (1 = the next) on this thread fails; 0 takes it back.
 void fail_nth(std::uint64_t n);
 
-// The same for the n-th nothrow allocation on whichever thread; for code that runs on threads of its
-// own. Independent of fail_nth.
+// The same for the n-th nothrow allocation on whichever thread; for code that runs on threads of
+// its own. Independent of fail_nth.
 void fail_nth_anywhere(std::uint64_t n);
 
 // Takes back both, and tells whether nothing was left to take back.

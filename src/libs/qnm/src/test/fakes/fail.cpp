@@ -220,13 +220,13 @@ std::uint64_t count(call which) {
 
 bool all_used() {
     const std::lock_guard lock(g_mutex);
-    return g_poll_results.empty() &&
-           std::all_of(std::begin(g_orders), std::end(g_orders),
-                       [](const order_t& it) { return it.nth.empty(); });
+    return g_poll_results.empty() && std::all_of(std::begin(g_orders), std::end(g_orders),
+                                                 [](const order_t& it) { return it.nth.empty(); });
 }
 
 void reset() {
-    for (std::size_t i = 0; i < k_calls; i++) clear(static_cast<call>(i));
+    for (std::size_t i = 0; i < k_calls; i++)
+        clear(static_cast<call>(i));
     const std::lock_guard lock(g_mutex);
     g_poll_results.clear();
     g_poll_hook = nullptr;
@@ -255,7 +255,8 @@ guard::~guard() {
 }
 
 poll_result poll_events(std::vector<short> revents) {
-    const auto ready = std::count_if(revents.begin(), revents.end(), [](short r) { return r != 0; });
+    const auto ready =
+        std::count_if(revents.begin(), revents.end(), [](short r) { return r != 0; });
     return {static_cast<int>(ready), 0, std::move(revents)};
 }
 

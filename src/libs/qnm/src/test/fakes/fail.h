@@ -1,7 +1,8 @@
 // fail.h - system calls that fail, or do something else, on demand.
 //
 // Mechanism: the build copies the static library with the symbols of fail_calls.def renamed
-// (objcopy --redefine-syms), so that its calls, and only its calls, arrive in fail.cpp. The linker's
+// (objcopy --redefine-syms), so that its calls, and only its calls, arrive in fail.cpp. The
+// linker's
 // --wrap would redirect the calls of GoogleTest, of the test and of the fakes as well, and their
 // mutexes and clocks would be counted and failed with the rest. So a test may use every call
 // freely; count() counts the code under test alone.
@@ -17,8 +18,8 @@
 // An undisturbed call takes no lock and orders no memory between threads, so that the fakes hide no
 // data race from ThreadSanitizer. Hooks run on the calling thread with no lock held.
 //
-// Use one fail::guard per test: it starts clean, and at its end a failure that was ordered and never
-// happened fails the test.
+// Use one fail::guard per test: it starts clean, and at its end a failure that was ordered and
+// never happened fails the test.
 #pragma once
 
 #include <poll.h>
@@ -83,7 +84,7 @@ void on(call which, hook_t hook);
 // ---- poll ---------------------------------------------------------------------------------------
 
 struct poll_result {
-    int result = 0;              // -1 sets errno to err
+    int result = 0;  // -1 sets errno to err
     int err = 0;
     std::vector<short> revents;  // of the entries in order; missing ones are 0
 };
@@ -106,8 +107,8 @@ void set_wall_clock(std::chrono::microseconds since_epoch);
 void advance_wall_clock(std::chrono::microseconds by);
 
 // Called in place of every clock_nanosleep with the time to sleep. For a sleep until an absolute
-// time that is the time from the calling thread's last look at the monotonic clock, and thus exactly
-// what the caller has added to it.
+// time that is the time from the calling thread's last look at the monotonic clock, and thus
+// exactly what the caller has added to it.
 using sleep_hook_t = std::function<void(std::chrono::nanoseconds duration)>;
 void on_sleep(sleep_hook_t hook);
 

@@ -44,7 +44,8 @@ int failed(int err) {
     return -1;
 }
 
-// ---- ioctl: one function per request; each needs the mutex and returns 0 or an error number ------
+// ---- ioctl: one function per request; each needs the mutex and returns 0 or an error number
+// ------
 
 using answer_t = int (*)(const interface_t& netif, struct ifreq& req);
 
@@ -127,7 +128,8 @@ void reset() {
     const std::lock_guard lock(g_mutex);
     g_interfaces.clear();
     g_request_failures.clear();
-    for (const netlink_t& link : g_netlinks) close(link.peer);
+    for (const netlink_t& link : g_netlinks)
+        close(link.peer);
     g_netlinks.clear();
     g_packet_version.reset();
 }
@@ -178,8 +180,8 @@ void notify() {
 std::size_t listeners() {
     const std::lock_guard lock(g_mutex);
     drop_closed();
-    return static_cast<std::size_t>(std::count_if(g_netlinks.begin(), g_netlinks.end(),
-                                                  [](const netlink_t& link) { return link.bound; }));
+    return static_cast<std::size_t>(std::count_if(
+        g_netlinks.begin(), g_netlinks.end(), [](const netlink_t& link) { return link.bound; }));
 }
 
 bool wait_listener(std::chrono::seconds limit) {

@@ -46,7 +46,8 @@ int set(pcap_t* handle, const char* caller, step which, std::optional<int> creat
 std::vector<create_call> create_calls() {
     const std::lock_guard lock(g_mutex);
     std::vector<create_call> calls;
-    for (const auto& entry : g_calls) calls.push_back(entry.second);
+    for (const auto& entry : g_calls)
+        calls.push_back(entry.second);
     return calls;
 }
 

@@ -37,7 +37,8 @@ int level_of(const log4cxx::spi::LoggingEvent& event) {
 
 std::vector<std::string> texts_of(std::vector<log_line> lines) {
     std::vector<std::string> texts;
-    for (log_line& line : lines) texts.push_back(std::move(line.text));
+    for (log_line& line : lines)
+        texts.push_back(std::move(line.text));
     return texts;
 }
 
@@ -58,8 +59,8 @@ struct log_capture::store {
 namespace helpers = log4cxx::helpers;
 using log4cxx::AppenderSkeleton;
 
-// Takes every event on the thread that logs; log4cxx calls it with the appender locked. It stands at
-// global scope as log4cxx's class registration asks for.
+// Takes every event on the thread that logs; log4cxx calls it with the appender locked. It stands
+// at global scope as log4cxx's class registration asks for.
 class capture_appender : public log4cxx::AppenderSkeleton {
   public:
     using sink_t = std::function<void(log_line)>;
@@ -148,9 +149,8 @@ std::vector<std::string> log_capture::texts(const std::string& logger) const {
 }
 
 std::vector<std::string> log_capture::texts(const std::string& logger, int level) const {
-    return texts_of(select([&](const log_line& line) {
-        return line.logger == logger && line.level == level;
-    }));
+    return texts_of(
+        select([&](const log_line& line) { return line.logger == logger && line.level == level; }));
 }
 
 bool log_capture::has(int level, const std::string& text, const std::string& logger) const {
@@ -161,7 +161,8 @@ std::size_t log_capture::count(int level, const std::string& text,
                                const std::string& logger) const {
     return select([&](const log_line& line) {
                return line.logger == logger && line.level == level && line.text == text;
-           }).size();
+           })
+        .size();
 }
 
 bool log_capture::has_part(int level, const std::string& part, const std::string& logger) const {
@@ -173,7 +174,8 @@ std::size_t log_capture::count_part(int level, const std::string& part,
     return select([&](const log_line& line) {
                return line.logger == logger && line.level == level &&
                       line.text.find(part) != std::string::npos;
-           }).size();
+           })
+        .size();
 }
 
 std::size_t log_capture::count_level(int level, const std::string& logger) const {

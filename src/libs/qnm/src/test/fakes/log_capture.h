@@ -6,8 +6,8 @@
 // before. What the library drops by its own running level never arrives here: a test sets that
 // level as it needs.
 //
-// The order of the lines is the order of their writing. All functions may be called from any thread.
-// One object at a time.
+// The order of the lines is the order of their writing. All functions may be called from any
+// thread. One object at a time.
 #pragma once
 
 #include <chrono>

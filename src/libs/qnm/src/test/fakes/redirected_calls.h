@@ -1,8 +1,8 @@
 // redirected_calls.h - code under test for the self-test of the fakes.
 //
-// The functions make the calls that fail.cpp takes over, and are built and redirected as the library
-// is. Each only passes its arguments on. The _fortified ones are compiled with _FORTIFY_SOURCE, for
-// which the C library has symbols of its own.
+// The functions make the calls that fail.cpp takes over, and are built and redirected as the
+// library is. Each only passes its arguments on. The _fortified ones are compiled with
+// _FORTIFY_SOURCE, for which the C library has symbols of its own.
 #pragma once
 
 #include <poll.h>

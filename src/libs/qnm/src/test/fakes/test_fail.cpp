@@ -77,8 +77,7 @@ const call_row k_rows[] = {
          const struct timespec past = {0, 0};
          return redirected::do_clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &past);
      }},
-    {call::fgets, "fgets",
-     [] { return null(redirected::do_fgets(g_buf, sizeof g_buf, nullptr)); }},
+    {call::fgets, "fgets", [] { return null(redirected::do_fgets(g_buf, sizeof g_buf, stdin)); }},
     {call::fopen, "fopen", [] { return null(redirected::do_fopen("/dev/null", "r")); }},
     {call::getsockopt, "getsockopt",
      [] { return minus_one(redirected::do_getsockopt(-1, 0, 0, nullptr, nullptr)); }},
@@ -102,7 +101,8 @@ const call_row k_rows[] = {
     {call::poll, "poll", [] { return minus_one(redirected::do_poll(nullptr, 0, 0)); }},
     {call::pthread_cond_destroy, "pthread_cond_destroy",
      [] { return redirected::do_cond_destroy(&g_cond); }},
-    {call::pthread_cond_init, "pthread_cond_init", [] { return redirected::do_cond_init(&g_cond); }},
+    {call::pthread_cond_init, "pthread_cond_init",
+     [] { return redirected::do_cond_init(&g_cond); }},
     {call::pthread_cond_signal, "pthread_cond_signal",
      [] { return redirected::do_cond_signal(&g_cond); }},
     {call::pthread_cond_timedwait, "pthread_cond_timedwait",
@@ -113,7 +113,10 @@ const call_row k_rows[] = {
     {call::pthread_cond_wait, "pthread_cond_wait",
      [] { return redirected::do_cond_wait(&g_cond, &g_mutex); }},
     {call::pthread_condattr_setclock, "pthread_condattr_setclock",
-     [] { return redirected::do_condattr_setclock(nullptr, CLOCK_MONOTONIC); }},
+     [] {
+         pthread_condattr_t attr;
+         return redirected::do_condattr_setclock(&attr, CLOCK_MONOTONIC);
+     }},
     {call::pthread_create, "pthread_create",
      [] {
          pthread_t thread;
@@ -307,7 +310,8 @@ TEST_F(Fail, SleepHookGetsTheTimeAddedToTheClock) {
 // ---- Threads ------------------------------------------------------------------------------------
 
 void* stat_many(void*) {
-    for (int i = 0; i < 1000; i++) stat_root();
+    for (int i = 0; i < 1000; i++)
+        stat_root();
     return nullptr;
 }
 
@@ -317,7 +321,8 @@ TEST_F(Fail, CallsOfSeveralThreadsAreAllCounted) {
     for (pthread_t& thread : threads) {
         ASSERT_EQ(redirected::do_thread_create(&thread, stat_many, nullptr), 0);
     }
-    for (const pthread_t thread : threads) EXPECT_EQ(redirected::do_thread_join(thread), 0);
+    for (const pthread_t thread : threads)
+        EXPECT_EQ(redirected::do_thread_join(thread), 0);
     EXPECT_EQ(fail::count(call::stat), 2000u);
     EXPECT_TRUE(fail::all_used());
 }
@@ -395,8 +400,7 @@ TEST_F(Netif, PacketVersionIsAnsweredWhenSet) {
     int version = 0;
     socklen_t len = sizeof version;
     const auto get = [&](int fd) {
-        return minus_one(
-            redirected::do_getsockopt(fd, SOL_PACKET, PACKET_VERSION, &version, &len));
+        return minus_one(redirected::do_getsockopt(fd, SOL_PACKET, PACKET_VERSION, &version, &len));
     };
     EXPECT_EQ(get(fd_), ENOTSOCK);
     fake_netif::set_packet_version(TPACKET_V3);
@@ -413,8 +417,8 @@ struct sockaddr_nl link_group() {
 }
 
 int bind_to(int fd, const struct sockaddr_nl& addr) {
-    return minus_one(redirected::do_bind(fd, reinterpret_cast<const struct sockaddr*>(&addr),
-                                         sizeof addr));
+    return minus_one(
+        redirected::do_bind(fd, reinterpret_cast<const struct sockaddr*>(&addr), sizeof addr));
 }
 
 TEST_F(Netif, NotificationsReachABoundSocketUntilItIsClosed) {

@@ -6,8 +6,8 @@
 #include <gtest/gtest.h>
 #include <log4cxx/logger.h>
 #include <log4cxx/propertyconfigurator.h>
-#include <poll.h>
 #include <pcap/pcap.h>
+#include <poll.h>
 #include <sys/stat.h>
 
 #include <atomic>
@@ -352,7 +352,8 @@ TEST(LogCapture, FindsLines) {
 TEST(LogCapture, WaitsForALine) {
     log_capture log;
     std::thread writer([] {
-        for (int i = 0; i < 3; i++) LOG4CXX_INFO(logger("logfile"), "again");
+        for (int i = 0; i < 3; i++)
+            LOG4CXX_INFO(logger("logfile"), "again");
     });
     EXPECT_TRUE(log.wait_for(3, "again", 3));
     EXPECT_TRUE(log.wait_for([](const std::vector<log_line>& lines) { return lines.size() == 3; }));
