@@ -24,6 +24,7 @@ int main(int argc, char** argv) {
     pthread_t manager;
     qnm_cbid_t handle;
     if (argc != 2) return fprintf(stderr, "usage: host DIRECTORY\n"), 2;
+    qnm_log_init(argv[1]); /* so that the first calls have somewhere to log to */
     if (pthread_create(&manager, NULL, run, argv[1]) != 0) return 1;
     for (int event = QNM_EVT_NEWDEVINFO; event < QNM_EVT_MAX && !ENDED; event++)
         while (qnm_register_callback(event, on_event, names, &handle) == QNM_API_ENOSYS && !ENDED)

@@ -1,0 +1,151 @@
+// cards_test.cpp - cards are learnt, followed and lost over a real kernel.
+
+#include <gmock/gmock.h>
+
+#include "qnm_stats.h"
+#include "rig.h"
+
+namespace e2e {
+namespace {
+
+using cardsim::card_kind;
+using cardsim::card_speed;
+
+constexpr uint64_t k_id = 0x020000001000;
+
+// Frames received on a port, as its counters tell.
+uint64_t received(const uint64_t* counters) {
+    pthread_mutex_lock(&qnm_stats_mutex.em_mutex);
+    const uint64_t total = counters[QNM_STATS_R_TOTAL];
+    pthread_mutex_unlock(&qnm_stats_mutex.em_mutex);
+    return total;
+}
+
+struct cards : testing::Test {
+    cables wires;
+    installation install{k_two_ports};
+    manager host{install.path()};
+    std::unique_ptr<cardsim::simulator> cards_ = make_cards();
+
+    void SetUp() override {
+        ASSERT_TRUE(host.is_running()) << install.log();
+        cards_->start();
+    }
+
+    void add(card_kind kind, card_speed speed, const std::function<void(cardsim::card&)>& change) {
+        cardsim::card card = lively(kind, speed, k_id);
+        change(card);
+        cards_->add(card);
+    }
+};
+
+TEST_F(cards, vlan_id_survives_the_tag_that_the_kernel_takes_off) {
+    add(card_kind::qnsv, card_speed::g1_10, [](cardsim::card& card) { card.vlan_id = 1234; });
+    ASSERT_TRUE(wait_for([] { return paths(k_id) == "CDCD"; }));
+    EXPECT_EQ(qnsv(k_id)->esv_com_dev.ecd_vlan_id, 1234);
+    EXPECT_EQ(qnsv(k_id)->esv_com_dev.ecd_vlan_mode, 0);
+}
+
+TEST_F(cards, vlan_tag_change_mode_is_learnt) {
+    add(card_kind::qnio, card_speed::g1_10, [](cardsim::card& card) {
+        card.vlan_id = 77;
+        card.vlan_change_mode = true;
+    });
+    ASSERT_TRUE(wait_for([] { return paths(k_id) == "CDCD"; }));
+    EXPECT_EQ(qnio(k_id)->eio_com_dev.ecd_vlan_id, 77);
+    EXPECT_EQ(qnio(k_id)->eio_com_dev.ecd_vlan_mode, 1);
+}
+
+TEST_F(cards, a_40g_card_is_one_card_with_four_paths) {
+    add(card_kind::qnsv, card_speed::g40, [](cardsim::card& card) {
+        card.down_ports[15].port_status = {0x40, 0x02};
+        card.down_ports[15].io_mac = 0x020000009999;
+        card.down_ports[15].com_port.pre_limit_upper = 0x12345678;
+    });
+    ASSERT_TRUE(wait_for([] { return paths(k_id) == "CCCC"; }));
+    EXPECT_EQ(qnsv_total(), 1U);
+    EXPECT_EQ(host.count(k_id, QNM_EVT_NEWDEVINFO), 1U);
+    const qnm_qnsv_t record = *qnsv(k_id);
+    EXPECT_NE(record.esv_com_dev.ecd_type, 0);
+    EXPECT_EQ(record.esv_down_port[15].edp_io_mac[5], 0x99);
+    EXPECT_EQ(record.esv_down_port[15].edp_com_port.ecp_pre_limit_upper, 0x12345678U);
+}
+
+TEST_F(cards, a_multi_root_card_tells_its_resource_and_its_faults) {
+    add(card_kind::qnio, card_speed::g40, [](cardsim::card& card) {
+        card.version = 1;
+        card.resource_id = 513;
+        card.link1_fault = true;
+        card.device_id = 0xABCD;
+        card.class_code = 0x030201;
+        card.ser_mac = 0x0A0B0C0D0E0F;
+    });
+    ASSERT_TRUE(wait_for([] { return paths(k_id) == "CCCC"; }));
+    const qnm_qnio_t record = *qnio(k_id);
+    EXPECT_EQ(record.eio_mr_resource_num, 513);
+    EXPECT_EQ(record.eio_link0fault, 0);
+    EXPECT_EQ(record.eio_link1fault, 1);
+    EXPECT_EQ(record.eio_device_id, 0xABCD);
+    EXPECT_EQ(record.eio_class_code, 0x030201U);
+    EXPECT_THAT(record.eio_sermacaddr, testing::ElementsAre(0x0A, 0x0B, 0x0C, 0x0D, 0x0E, 0x0F));
+}
+
+TEST_F(cards, a_changed_card_raises_an_update_with_the_new_record) {
+    add(card_kind::qnsv, card_speed::g1_10, [](cardsim::card&) {});
+    ASSERT_TRUE(wait_for([] { return paths(k_id) == "CDCD"; }));
+    ASSERT_TRUE(host.wait_event(k_id, QNM_EVT_CHANNELSTATECHANGE));
+    host.forget_events();
+    cards_->set(k_id, "int_vector", "5");
+    cards_->notify(k_id);
+    ASSERT_TRUE(host.wait_event(k_id, QNM_EVT_UPDATEDEVINFO));
+    ASSERT_TRUE(host.wait_event(k_id, QNM_EVT_MAJORMINORERROR));
+    EXPECT_EQ(qnsv(k_id)->esv_com_dev.ecd_int_vector, 5);
+}
+
+TEST_F(cards, a_silent_path_expires_and_comes_back) {
+    add(card_kind::qnsv, card_speed::g40, [](cardsim::card&) {});
+    ASSERT_TRUE(wait_for([] { return paths(k_id) == "CCCC"; }));
+    cards_->silence(k_id, 0, 1);
+    ASSERT_TRUE(wait_for([] { return paths(k_id) == "CDCC"; }));
+    cards_->wake(k_id, 0, 1);
+    ASSERT_TRUE(wait_for([] { return paths(k_id) == "CCCC"; }));
+    EXPECT_THAT(install.log(), testing::HasSubstr("QNSV id=0x020000001000 state change to "
+                                                  "disconnect. P0M0: CONNECT, P0M1: DISCONNECT"));
+}
+
+TEST_F(cards, a_stopped_card_keeps_its_record_until_it_is_restarted) {
+    add(card_kind::qnio, card_speed::g1_10, [](cardsim::card&) {});
+    ASSERT_TRUE(wait_for([] { return paths(k_id) == "CDCD"; }));
+    ASSERT_EQ(qnm_stop_monitor(k_id), QNM_API_SUCCESS);
+    const uint64_t recvtime = qnio(k_id)->eio_com_dev.ecd_recvtime[0][0];
+    cards_->set(k_id, "vlan_id", "99");
+    cards_->notify(k_id);
+    // A card that is not stopped shows when the notice has been through the receive thread.
+    cardsim::card marker = lively(card_kind::qnio, card_speed::g1_10, k_id + 2);
+    cards_->add(marker);
+    ASSERT_TRUE(wait_for([] { return paths(k_id + 2) == "CDCD"; }));
+    EXPECT_EQ(qnio(k_id)->eio_com_dev.ecd_vlan_id, 1);
+    EXPECT_EQ(qnio(k_id)->eio_com_dev.ecd_recvtime[0][0], recvtime);
+    ASSERT_EQ(qnm_restart_monitor(k_id), QNM_API_SUCCESS);
+    ASSERT_TRUE(wait_for([] { return qnio(k_id)->eio_com_dev.ecd_vlan_id == 99; }));
+}
+
+TEST_F(cards, two_thousand_are_learnt_in_one_burst_without_a_lost_frame) {
+    constexpr uint64_t k_count = 2000;
+    for (uint64_t i = 0; i < k_count; i++) {
+        const card_kind kind = i % 2 == 0 ? card_kind::qnsv : card_kind::qnio;
+        cardsim::card card = lively(kind, card_speed::g1_10, k_id + 2 * i);
+        card.interval_ms = 0;
+        cards_->add(card);
+    }
+    ASSERT_EQ(cards_->announce_all(), 2 * k_count);
+    ASSERT_TRUE(wait_for([] {
+        return received(qnm_stats.est_stats_p0) == k_count &&
+               received(qnm_stats.est_stats_p1) == k_count;
+    }));
+    EXPECT_EQ(qnsv_total(), k_count / 2);
+    EXPECT_EQ(qnio_total(), k_count / 2);
+}
+
+}  // namespace
+}  // namespace e2e

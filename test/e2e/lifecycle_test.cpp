@@ -1,0 +1,112 @@
+// lifecycle_test.cpp - starts, stops and host programs with habits of their own.
+
+#include <gmock/gmock.h>
+#include <signal.h>
+#include <sys/time.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include "qnm_stats.h"
+#include "rig.h"
+
+namespace e2e {
+namespace {
+
+using cardsim::card_kind;
+using cardsim::card_speed;
+
+constexpr uint64_t k_id = 0x020000001000;
+
+size_t entries(const char* directory) {
+    return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(directory), {}));
+}
+
+void expect_balanced() {
+    const qnm_sd_stats_t& stats = qnm_stats;
+    EXPECT_EQ(stats.est_sv_node_al, stats.est_sv_node_fr);
+    EXPECT_EQ(stats.est_io_node_al, stats.est_io_node_fr);
+    EXPECT_EQ(stats.est_bl_node_al, stats.est_bl_node_fr);
+    EXPECT_EQ(stats.est_evt_node_al, stats.est_evt_node_fr);
+    EXPECT_EQ(stats.est_wreg_node_al, stats.est_wreg_node_fr);
+    EXPECT_EQ(stats.est_idlist_al, stats.est_idlist_fr);
+    EXPECT_EQ(stats.est_cbinfo_al, stats.est_cbinfo_fr);
+    EXPECT_EQ(stats.est_cb_call, stats.est_cb_return);
+    EXPECT_EQ(stats.est_alloc_err, 0U);
+}
+
+TEST(lifecycle, fifty_starts_and_stops_leave_nothing_behind) {
+    const cables wires;
+    const installation install("ether_port = qnm0,qnm1\ndevinfo_flag_check_interval = 10\n");
+    const auto cards = make_cards();
+    cards->add(lively(card_kind::qnsv, card_speed::g40, k_id));
+    cards->add(lively(card_kind::qnio, card_speed::g1_10, k_id + 2));
+    cards->start();
+    size_t descriptors = 0;
+    size_t threads = 0;
+    for (int round = 0; round < 50; round++) {
+        {
+            manager host(install.path());
+            ASSERT_TRUE(host.is_running()) << install.log();
+            ASSERT_TRUE(wait_for([] { return !paths(k_id).empty() && !paths(k_id + 2).empty(); }));
+            ASSERT_EQ(qnm_stop_monitor(k_id + 4), QNM_API_SUCCESS);
+            ASSERT_EQ(host.stop(), QNM_API_SUCCESS);
+        }
+        expect_balanced();
+        // The first round opens what stays open for good, such as the log.
+        if (round == 0) {
+            descriptors = entries("/proc/self/fd");
+            threads = entries("/proc/self/task");
+        }
+    }
+    EXPECT_EQ(entries("/proc/self/fd"), descriptors);
+    EXPECT_EQ(entries("/proc/self/task"), threads);
+}
+
+void ignore_signal(int) {}
+
+TEST(lifecycle, a_storm_of_signals_in_the_host_does_not_end_the_manager) {
+    const cables wires;
+    const installation install(k_two_ports);
+    manager host(install.path());
+    ASSERT_TRUE(host.is_running()) << install.log();
+    struct sigaction action = {};
+    action.sa_handler = ignore_signal;  // and no SA_RESTART: every wait it hits fails with EINTR
+    sigaction(SIGALRM, &action, nullptr);
+    const struct itimerval every_ms = {{0, 1000}, {0, 1000}};
+    setitimer(ITIMER_REAL, &every_ms, nullptr);
+    const auto cards = make_cards();
+    cards->add(lively(card_kind::qnsv, card_speed::g40, k_id));
+    cards->start();
+    EXPECT_TRUE(wait_for([] { return paths(k_id) == "CCCC"; }));
+    cards->silence(k_id, 1, 1);
+    EXPECT_TRUE(wait_for([] { return paths(k_id) == "CCCD"; }));
+    const struct itimerval off = {};
+    setitimer(ITIMER_REAL, &off, nullptr);
+    EXPECT_FALSE(host.has_ended());
+    EXPECT_EQ(host.stop(), QNM_API_SUCCESS);
+}
+
+TEST(lifecycle, the_host_program_of_the_readme_reports_a_card) {
+    const cables wires;
+    const installation install(k_two_ports);
+    const auto cards = make_cards();
+    cards->add(lively(card_kind::qnsv, card_speed::g1_10, k_id));
+    cards->start();
+    const std::string output = install.path() + "/output";
+    FILE* const host = popen((HOST_EXAMPLE " " + install.path() + " >" + output).c_str(), "w");
+    ASSERT_NE(host, nullptr);
+    const auto reported = [&] {
+        std::ifstream file(output);
+        std::string line;
+        return std::getline(file, line) && line == "new 0x020000001000";
+    };
+    EXPECT_TRUE(wait_for(reported)) << install.log();
+    fputs("\n", host);
+    EXPECT_EQ(pclose(host), 0);
+}
+
+}  // namespace
+}  // namespace e2e
