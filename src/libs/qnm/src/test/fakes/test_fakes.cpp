@@ -223,6 +223,7 @@ TEST_F(FakePcap, EveryStepOfCreationCanFail) {
     }
     fake_pcap::set_next_result(step::activate, PCAP_ERROR_PERM_DENIED);
     EXPECT_EQ(pcap_activate(pcap), PCAP_ERROR_PERM_DENIED);
+    EXPECT_FALSE(fake_pcap::create_calls().at(0).activated);
     EXPECT_EQ(fake_pcap::open_handles(), 1u);
     pcap_close(pcap);
     EXPECT_EQ(fake_pcap::open_handles(), 0u);
