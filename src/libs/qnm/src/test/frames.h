@@ -31,7 +31,8 @@ inline size_t least_length(const announcement& it) {
 
 inline void put_header(frame_t& frame, const announcement& it) {
     memset(frame.data(), 0xFF, 6);
-    for (int i = 0; i < 6; i++) frame[6 + i] = static_cast<unsigned char>(it.mac >> (40 - 8 * i));
+    for (int i = 0; i < 6; i++)
+        frame[6 + i] = static_cast<unsigned char>(it.mac >> (40 - 8 * i));
     const unsigned char tag[] = {0x81, 0x00, static_cast<unsigned char>(it.tci >> 8),
                                  static_cast<unsigned char>(it.tci)};
     const unsigned char type[] = {0x88, 0xB6};

@@ -143,7 +143,8 @@ TEST_F(blacklist, the_list_is_printed_in_ascending_order) {
     EXPECT_THAT(logs.texts("statslogfile"),
                 ElementsAre("  - Black list ids", "    no entry.", " "));
     logs.clear();
-    for (const uint64_t id : {3, 1, 2}) EXPECT_EQ(qnm_stop_monitor(id), QNM_API_SUCCESS);
+    for (const uint64_t id : {3, 1, 2})
+        EXPECT_EQ(qnm_stop_monitor(id), QNM_API_SUCCESS);
     _qnm_bl_stats_print();
     EXPECT_THAT(logs.texts("statslogfile"),
                 ElementsAre("  - Black list ids", "    0x000000000001", "    0x000000000002",

@@ -197,7 +197,8 @@ TEST_F(event_cb, callbacks_are_called_in_order_of_registration_with_their_own_ar
 
 TEST_F(event_cb, events_are_delivered_in_the_order_of_queueing_on_one_thread) {
     listener one = {"one", &calls};
-    for (int type = 0; type < QNM_EVT_MAX; type++) add(static_cast<qnm_evt_type_t>(type), one);
+    for (int type = 0; type < QNM_EVT_MAX; type++)
+        add(static_cast<qnm_evt_type_t>(type), one);
     std::vector<call> expected;
     for (uint64_t i = 0; i < 600; i++) {
         const auto type = static_cast<qnm_evt_type_t>(i * 5 % QNM_EVT_MAX);
@@ -250,9 +251,8 @@ TEST_F(event_cb, a_callback_may_register_and_unregister_for_other_types) {
 // to look at the queue before it sleeps.
 TEST_F(event_cb, the_thread_never_sleeps_over_a_queued_event) {
     listener second = {"second", &calls};
-    listener first = {"first", &calls, [] {
-                          EXPECT_EQ(_qnm_add_event(QNM_EVT_UPDATEDEVINFO, k_id), 0);
-                      }};
+    listener first = {"first", &calls,
+                      [] { EXPECT_EQ(_qnm_add_event(QNM_EVT_UPDATEDEVINFO, k_id), 0); }};
     add(QNM_EVT_NEWDEVINFO, first);
     add(QNM_EVT_UPDATEDEVINFO, second);
     EXPECT_EQ(_qnm_add_event(QNM_EVT_NEWDEVINFO, k_id), 0);
@@ -310,8 +310,8 @@ TEST_F(event_cb, init_failures_undo_what_was_made) {
                          "err=11"));
     fail::nth(fail::call::pthread_condattr_setclock, 1, EINVAL);
     EXPECT_EQ(_qnm_event_cb_init(), EPROTO);
-    EXPECT_TRUE(logs.has(k_error,
-                         "_qnm_event_cb_init: Failed to _qnm_event_init() for event_sig. err=22"));
+    EXPECT_TRUE(
+        logs.has(k_error, "_qnm_event_cb_init: Failed to _qnm_event_init() for event_sig. err=22"));
     const auto destroyed = fail::count(fail::call::pthread_mutex_destroy);
     g_failing_mutex = 4;
     EXPECT_EQ(_qnm_event_cb_init(), EPROTO);

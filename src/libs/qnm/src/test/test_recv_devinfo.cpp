@@ -20,20 +20,20 @@ int g_set_result = 0;
 int g_get_result = 0;
 int g_create_result = 0;
 
-#define REPLACE(kind)                                                                             \
-    extern "C" int __real__qnm_set_##kind(uint64_t, qnm_##kind##_t*, uint32_t, uint32_t,          \
-                                          uint32_t);                                              \
-    extern "C" int __real__qnm_get_##kind(uint64_t, qnm_##kind##_t*, uint32_t*, uint32_t*,        \
-                                          uint32_t);                                              \
-    extern "C" int __wrap__qnm_set_##kind(uint64_t id, qnm_##kind##_t* card, uint32_t state,      \
-                                          uint32_t count, uint32_t valid) {                       \
-        return g_set_result != 0 ? g_set_result                                                   \
-                                 : __real__qnm_set_##kind(id, card, state, count, valid);         \
-    }                                                                                             \
-    extern "C" int __wrap__qnm_get_##kind(uint64_t id, qnm_##kind##_t* card, uint32_t* state,     \
-                                          uint32_t* count, uint32_t valid) {                      \
-        return g_get_result != 0 ? g_get_result                                                   \
-                                 : __real__qnm_get_##kind(id, card, state, count, valid);         \
+#define REPLACE(kind)                                                                         \
+    extern "C" int __real__qnm_set_##kind(uint64_t, qnm_##kind##_t*, uint32_t, uint32_t,      \
+                                          uint32_t);                                          \
+    extern "C" int __real__qnm_get_##kind(uint64_t, qnm_##kind##_t*, uint32_t*, uint32_t*,    \
+                                          uint32_t);                                          \
+    extern "C" int __wrap__qnm_set_##kind(uint64_t id, qnm_##kind##_t* card, uint32_t state,  \
+                                          uint32_t count, uint32_t valid) {                   \
+        return g_set_result != 0 ? g_set_result                                               \
+                                 : __real__qnm_set_##kind(id, card, state, count, valid);     \
+    }                                                                                         \
+    extern "C" int __wrap__qnm_get_##kind(uint64_t id, qnm_##kind##_t* card, uint32_t* state, \
+                                          uint32_t* count, uint32_t valid) {                  \
+        return g_get_result != 0 ? g_get_result                                               \
+                                 : __real__qnm_get_##kind(id, card, state, count, valid);     \
     }
 
 REPLACE(qnsv)
@@ -225,8 +225,8 @@ TEST_P(each_kind, failures_are_logged_and_drop_the_frame) {
     g_create_result = ENOMEM;
     EXPECT_THAT(receive(frame), IsEmpty());
     g_create_result = 0;
-    EXPECT_TRUE(logs.has(k_warn,
-                         line("_add_{k}_devinfo: Failed to _qnm_create_reg_lock_node(). Drop "
+    EXPECT_TRUE(
+        logs.has(k_warn, line("_add_{k}_devinfo: Failed to _qnm_create_reg_lock_node(). Drop "
                               "DEVINFO Frame. err=12, id=0x020000001000")));
     g_set_result = ENOMEM;
     EXPECT_THAT(receive(frame), IsEmpty());
@@ -236,8 +236,7 @@ TEST_P(each_kind, failures_are_logged_and_drop_the_frame) {
     g_get_result = EINVAL;
     EXPECT_THAT(receive(frame), IsEmpty());
     g_get_result = 0;
-    EXPECT_TRUE(
-        logs.has(k_warn, line("_set_{k}_devinfo: Failed to _qnm_get_{k}(). err=22")));
+    EXPECT_TRUE(logs.has(k_warn, line("_set_{k}_devinfo: Failed to _qnm_get_{k}(). err=22")));
     g_create_result = EEXIST;
     EXPECT_THAT(receive(frame), ElementsAre(QNM_EVT_NEWDEVINFO));
     g_create_result = 0;
@@ -340,12 +339,15 @@ TEST_F(devinfo, a_1g10g_card_with_an_odd_mac_keeps_it_and_uses_path_0) {
 
 TEST_F(devinfo, bridge_settings_are_copied_as_they_lie) {
     frame_t frame = frames::build({});
-    for (size_t i = 0; i < 20; i++) frame[28 + i] = static_cast<unsigned char>(i + 1);
+    for (size_t i = 0; i < 20; i++)
+        frame[28 + i] = static_cast<unsigned char>(i + 1);
     const size_t connected = frames::down_port(7);
-    for (size_t i = 0; i < 28; i++) frame[connected + i] = static_cast<unsigned char>(0x40 + i);
+    for (size_t i = 0; i < 28; i++)
+        frame[connected + i] = static_cast<unsigned char>(0x40 + i);
     frame[connected + 1] = 0x02;
     const size_t open = frames::down_port(6);
-    for (size_t i = 0; i < 28; i++) frame[open + i] = 0x55;
+    for (size_t i = 0; i < 28; i++)
+        frame[open + i] = 0x55;
     frame[open + 1] = 0xFD;
     receive(frame);
     const qnm_qnsv_t card = qnsv();
@@ -386,7 +388,8 @@ TEST_F(devinfo, an_io_card_is_taken_over_field_by_field) {
     it.info = 0x01;
     it.sw_status[1] = 0x80;
     frame_t frame = frames::build(it);
-    for (size_t i = 28; i < 44; i++) frame[i] = static_cast<unsigned char>(i);
+    for (size_t i = 28; i < 44; i++)
+        frame[i] = static_cast<unsigned char>(i);
     receive(frame);
     const qnm_qnio_t card = qnio();
     EXPECT_THAT(card.eio_substate, ElementsAre(28, 29));
@@ -458,10 +461,9 @@ TEST_F(devinfo, all_events_of_one_frame_come_in_their_order) {
     it.sw_status[2] = 0x80;
     frame_t frame = frames::build(it);
     frame[29] = 0x02;
-    EXPECT_THAT(receive(frame, 1),
-                ElementsAre(QNM_EVT_UPDATEDEVINFO, QNM_EVT_CONNECTIONCHANGE,
-                            QNM_EVT_MAJORMINORERROR, QNM_EVT_PATHSTATECHANGE,
-                            QNM_EVT_CHANNELSTATECHANGE));
+    EXPECT_THAT(receive(frame, 1), ElementsAre(QNM_EVT_UPDATEDEVINFO, QNM_EVT_CONNECTIONCHANGE,
+                                               QNM_EVT_MAJORMINORERROR, QNM_EVT_PATHSTATECHANGE,
+                                               QNM_EVT_CHANNELSTATECHANGE));
 }
 
 TEST_F(devinfo, a_host_of_unknown_kind_is_dropped) {

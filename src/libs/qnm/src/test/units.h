@@ -30,7 +30,9 @@ inline void set_flags(uint32_t init, uint32_t start, uint32_t fini) {
     qnm::store(qnm_root.er_fini_flag, fini);
 }
 
-inline void set_running() { set_flags(0, 0, 1); }
+inline void set_running() {
+    set_flags(0, 0, 1);
+}
 
 // The tables, the blacklist, the events and the write locks, ready for use, with every line logged
 // and the wall clock standing at a round value.

@@ -1,0 +1,210 @@
+// test_keepalive.cpp - paths that fall silent, restarts that run out, ports that go down.
+
+#include "units.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr uint64_t k_id = 0x02;
+
+struct keepalive : units {
+    // Lets the loop sleep this often, then stops the manager. Returns the lengths of the sleeps.
+    std::vector<std::chrono::nanoseconds> run(size_t sleeps) {
+        std::vector<std::chrono::nanoseconds> slept;
+        fail::on_sleep([&](std::chrono::nanoseconds duration) {
+            slept.push_back(duration);
+            if (slept.size() == sleeps) qnm::store(qnm_root.er_fini_flag, 0U);
+        });
+        EXPECT_EQ(_qnm_interval_check(), 0);
+        set_running();
+        return slept;
+    }
+
+    // One check, by the shortest way there.
+    void check() {
+        qnm_config.devinfo_flag_check_interval = qnm_config.devinfo_check_interval;
+        run(1);
+    }
+
+    static void add(uint64_t id, const uint32_t (&state)[2][2], uint64_t heard,
+                    uint32_t ignore_state = QNM_WATCH, bool server = true) {
+        qnm_qnsv_t sv = {};
+        qnm_qnio_t io = {};
+        qnm_com_dev_t& dev = server ? sv.esv_com_dev : io.eio_com_dev;
+        dev.ecd_id = id;
+        for (int port = 0; port < 2; port++) {
+            for (int path = 0; path < 2; path++) {
+                dev.ecd_state[port][path] = state[port][path];
+                dev.ecd_recvtime[port][path] = heard;
+            }
+        }
+        const qnm::table_guard lock;
+        const int err = server ? _qnm_set_qnsv(id, &sv, ignore_state, 0, QNM_VALID_ALL)
+                               : _qnm_set_qnio(id, &io, ignore_state, 0, QNM_VALID_ALL);
+        ASSERT_EQ(err, 0);
+    }
+
+    static std::string paths(uint64_t id) {
+        qnm_qnsv_t sv = {};
+        qnm_qnio_t io = {};
+        if (qnm_get_qnsv(id, &sv) != QNM_API_SUCCESS) {
+            EXPECT_EQ(qnm_get_qnio(id, &io), QNM_API_SUCCESS);
+            sv.esv_com_dev = io.eio_com_dev;
+        }
+        std::string letters;
+        for (const auto& port : sv.esv_com_dev.ecd_state) {
+            for (const uint32_t state : port)
+                letters += state != 0 ? 'C' : 'D';
+        }
+        return letters;
+    }
+
+    static uint32_t ignore_state(uint64_t id) {
+        const qnm::table_guard lock;
+        uint32_t state = 99;
+        _qnm_get_qnsv(id, nullptr, &state, nullptr, QNM_VALID_IGNORE_STATE);
+        return state;
+    }
+
+    static uint64_t updates() { return qnm_stats.est_evt[QNM_EVT_UPDATEDEVINFO]; }
+    static uint64_t channels() { return qnm_stats.est_evt[QNM_EVT_CHANNELSTATECHANGE]; }
+};
+
+TEST_F(keepalive, a_check_runs_after_every_fourth_sleep_of_300_ms) {
+    qnm_config.devinfo_check_interval = 1000;
+    qnm_config.devinfo_flag_check_interval = 300;
+    EXPECT_THAT(run(9), testing::Each(std::chrono::milliseconds(300)));
+    EXPECT_EQ(logs.count(k_trace, "_qnm_interval_check: DEVINFO interval check start"), 2U);
+    EXPECT_EQ(logs.count(k_trace, "_qnm_interval_check: DEVINFO interval check end"), 2U);
+    EXPECT_TRUE(logs.has(k_info, "_qnm_interval_check: start."));
+    EXPECT_TRUE(logs.has(k_info, "_qnm_interval_check: end."));
+}
+
+TEST_F(keepalive, a_stop_is_noticed_after_one_sleep) {
+    EXPECT_EQ(run(1).size(), 1U);
+    EXPECT_FALSE(logs.has(k_trace, "_qnm_interval_check: DEVINFO interval check start"));
+    qnm::store(qnm_root.er_fini_flag, 0U);
+    fail::on_sleep([](auto) { ADD_FAILURE() << "slept although it was stopped"; });
+    EXPECT_EQ(_qnm_interval_check(), 0);
+}
+
+TEST_F(keepalive, silence_of_exactly_the_expire_time_disconnects) {
+    qnm_config.devinfo_expire_time = 3000;
+    add(k_id, {{1, 1}, {1, 1}}, k_now - 2999);
+    check();
+    EXPECT_EQ(paths(k_id), "CCCC");
+    EXPECT_EQ(updates(), 0U);
+    set_now(k_now + 1);
+    check();
+    EXPECT_EQ(paths(k_id), "DDDD");
+    EXPECT_EQ(updates(), 1U);
+    EXPECT_EQ(channels(), 1U);
+    EXPECT_TRUE(logs.has(k_info,
+                         "_devinfo_keepalive_check: QNSV id=0x000000000002 state change to "
+                         "disconnect. P0M0: DISCONNECT, P0M1: DISCONNECT, P1M0: DISCONNECT, "
+                         "P1M1: DISCONNECT"));
+    qnm_qnsv_t card;
+    EXPECT_EQ(qnm_get_qnsv(k_id, &card), QNM_API_SUCCESS);
+    EXPECT_EQ(card.esv_com_dev.ecd_updatetime, k_now + 1);
+    check();
+    EXPECT_EQ(updates(), 1U) << "a card that is down already raises nothing";
+}
+
+TEST_F(keepalive, io_cards_expire_as_well_and_have_their_own_word) {
+    add(k_id, {{1, 0}, {0, 0}}, 1, QNM_WATCH, false);
+    check();
+    EXPECT_TRUE(logs.has(k_info,
+                         "_devinfo_keepalive_check: QNIO id=0x000000000002 state change to "
+                         "disconnect. P0M0: DISCONNECT, P0M1: DISCONNECT, P1M0: DISCONNECT, "
+                         "P1M1: DISCONNECT"));
+}
+
+TEST_F(keepalive, an_ignored_card_keeps_its_paths_through_silence_and_port_down) {
+    add(k_id, {{1, 0}, {1, 0}}, 1, QNM_IGNORE);
+    check();
+    {
+        const qnm::table_guard lock;
+        _qnm_all_disconnect(0);
+    }
+    EXPECT_EQ(paths(k_id), "CDCD");
+    EXPECT_EQ(updates(), 0U);
+}
+
+TEST_F(keepalive, a_restarted_silent_card_is_down_on_the_fourth_check) {
+    qnm_config.devinfo_expire_time = 3000;
+    qnm_config.devinfo_check_interval = 1000;
+    add(k_id, {{1, 0}, {0, 0}}, k_now, QNM_WATCH_RESTART);
+    for (int i = 0; i < 3; i++)
+        check();
+    EXPECT_EQ(ignore_state(k_id), uint32_t{QNM_WATCH_RESTART});
+    EXPECT_EQ(paths(k_id), "CDDD");
+    check();
+    EXPECT_EQ(ignore_state(k_id), uint32_t{QNM_WATCH});
+    EXPECT_EQ(paths(k_id), "DDDD");
+    EXPECT_EQ(channels(), 1U);
+}
+
+TEST_F(keepalive, a_restart_that_runs_out_is_reported_even_when_the_card_was_down) {
+    qnm_config.devinfo_expire_time = 1000;
+    add(k_id, {{0, 0}, {0, 0}}, 0, QNM_WATCH_RESTART);
+    check();
+    check();
+    EXPECT_EQ(ignore_state(k_id), uint32_t{QNM_WATCH});
+    EXPECT_EQ(updates(), 1U);
+}
+
+TEST_F(keepalive, an_unknown_ignore_state_is_named_and_passed_over) {
+    add(k_id, {{1, 0}, {0, 0}}, 1, 3);
+    check();
+    EXPECT_TRUE(logs.has(k_warn, "_update_keepalive_state: Unknown ignore_state. state=3"));
+    EXPECT_EQ(paths(k_id), "CDDD");
+}
+
+TEST_F(keepalive, a_lost_event_does_not_stop_the_check) {
+    add(k_id, {{1, 0}, {0, 0}}, 1);
+    alloc::fail_nth(1);
+    check();
+    EXPECT_TRUE(logs.has(k_warn,
+                         "_devinfo_keepalive_check: Failed to _qnm_add_event("
+                         "QNM_EVT_UPDATEDEVINFO) id=0x000000000002"));
+    EXPECT_EQ(paths(k_id), "DDDD");
+    EXPECT_EQ(channels(), 1U);
+}
+
+TEST_F(keepalive, port_down_takes_its_own_paths_only) {
+    add(1, {{1, 1}, {1, 1}}, k_now);
+    add(2, {{1, 0}, {0, 0}}, k_now, QNM_WATCH, false);
+    add(3, {{0, 0}, {0, 1}}, k_now, QNM_WATCH_RESTART, false);
+    {
+        const qnm::table_guard lock;
+        _qnm_all_disconnect(1);
+    }
+    EXPECT_EQ(paths(1), "CCDD");
+    EXPECT_EQ(paths(2), "CDDD");
+    EXPECT_EQ(paths(3), "DDDD");
+    EXPECT_EQ(updates(), 2U);
+    EXPECT_EQ(channels(), 2U);
+    EXPECT_TRUE(logs.has(k_info,
+                         "_qnm_all_disconnect: QNSV id=0x000000000001 state change to disconnect. "
+                         "P0M0: CONNECT, P0M1: CONNECT, P1M0: DISCONNECT, P1M1: DISCONNECT"));
+    EXPECT_TRUE(logs.has(k_info,
+                         "_qnm_all_disconnect: QNIO id=0x000000000003 state change to disconnect. "
+                         "P0M0: DISCONNECT, P0M1: DISCONNECT, P1M0: DISCONNECT, P1M1: "
+                         "DISCONNECT"));
+}
+
+TEST_F(keepalive, lost_events_of_a_port_down_are_warned_of_in_its_name) {
+    add(1, {{1, 0}, {0, 0}}, k_now);
+    alloc::fail_nth(2);
+    {
+        const qnm::table_guard lock;
+        _qnm_all_disconnect(0);
+    }
+    EXPECT_TRUE(logs.has(k_warn,
+                         "_qnm_all_disconnect: Failed to _qnm_add_event("
+                         "QNM_EVT_CHANNELSTATECHANGE) id=0x000000000001"));
+}
+
+}  // namespace
