@@ -79,13 +79,14 @@ pcap_t* without_delay(pcap_t* pcap, const char* port_name) {
 // An interface request for a name; EPROTO and a log line when the name does not fit.
 int make_request(const char* func, const char* port_name, const char* purpose,
                  struct ifreq* request) {
+    const size_t length = strlen(port_name);
     memset(request, 0, sizeof *request);
-    if (strlen(port_name) >= IFNAMSIZ) {
+    if (length >= IFNAMSIZ) {
         qnm_log_error("%s: port_name is greater than IFNAMSIZ. port_name=%s. For getting %s", func,
                       port_name, purpose);
         return EPROTO;
     }
-    strcpy(request->ifr_name, port_name);
+    memcpy(request->ifr_name, port_name, length);
     return 0;
 }
 

@@ -5,10 +5,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <iterator>
 #include <optional>
 #include <ostream>
@@ -603,6 +605,25 @@ TEST_P(NumberKey, is_printed_under_its_own_label) {
              value);
     const std::string label = std::string(row().key) + std::string(30 - strlen(row().key), ' ');
     EXPECT_EQ(log_.count(k_info, "    " + label + ": " + expected), 1u) << expected;
+}
+
+// The sample with every key taken out of its comment, so that it cannot drift from the table.
+TEST_F(Config, the_sample_names_every_key_with_its_default) {
+    std::ifstream sample(QNM_SAMPLE_CONF);
+    ASSERT_TRUE(sample.is_open());
+    std::string text;
+    for (std::string line; std::getline(sample, line);) {
+        const bool is_key = line.size() > 1 && line[0] == '#' && std::islower(line[1]) != 0 &&
+                            line.find('=') != std::string::npos;
+        text += (is_key ? line.substr(1) : line) + '\n';
+    }
+    ASSERT_EQ(_qnm_config_init(), 0);
+    const qnm_conf_t defaults = qnm_config;
+    EXPECT_EQ(read(text), 0);
+    EXPECT_EQ(memcmp(&qnm_config, &defaults, sizeof defaults), 0);
+    int flags[sizeof qnm_flag / sizeof(int)];
+    memcpy(flags, &qnm_flag, sizeof qnm_flag);
+    EXPECT_THAT(flags, testing::Each(1));
 }
 
 }  // namespace
