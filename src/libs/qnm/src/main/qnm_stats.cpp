@@ -253,15 +253,17 @@ void* _qnm_stats_task(void*) {
     const uint32_t wait_ms = qnm_config.stats_interval * 1000;
     qnm_log_info("%s: start.", k_task_name);
     write_dump(verbose);
-    // A stop that comes during a dump still gets its own, the last one.
+    bool stopping = false;
     do {
         const int ret = _qnm_event_timedwait_for(&qnm_stats_event, wait_ms, is_stopping, nullptr);
         if (ret != 0 && ret != ETIMEDOUT) {
             qnm_log_warn("%s: Failed to _qnm_event_timedwait() err=%d", k_task_name, ret);
             break;
         }
+        // Asked before the dump: a stop that comes during it still gets its own, the last one.
+        stopping = is_stopping(nullptr) != 0;
         write_dump(verbose);
-    } while (qnm::is_running());
+    } while (!stopping);
     qnm_log_info("%s: end.", k_task_name);
     return nullptr;
 }

@@ -290,4 +290,18 @@ TEST_F(stats, a_stop_at_any_point_of_a_dump_ends_the_thread_with_a_last_dump) {
     EXPECT_EQ(dumps(), 2U);
 }
 
+TEST_F(stats, a_stop_during_a_periodic_dump_gets_a_dump_of_its_own_too) {
+    qnm_config.stats_interval = 3600;
+    std::size_t waits = 0;
+    fail::on(fail::call::pthread_cond_timedwait, [&](std::uint64_t) {
+        EXPECT_EQ(++waits, 1U) << "asleep although the stop has been requested";
+        return fail::outcome(ETIMEDOUT);
+    });
+    g_in_dump = [this] {
+        if (dumps() == 1) qnm::store(qnm_root.er_fini_flag, 0U);
+    };
+    _qnm_stats_task(nullptr);
+    EXPECT_EQ(dumps(), 3U);
+}
+
 }  // namespace
