@@ -103,8 +103,7 @@ typedef enum qnm_log_level QNM_ANY_INT {
  * @retval QNM_API_EPROTO   path too long, properties file missing, configuration invalid, no port
  *                          could be opened, a thread or pipe could not be made, or an internal
  *                          error ended the running manager; the log tells which
- * @retval QNM_API_ENOMEM   a unit could not be initialised for lack of memory
- * @retval QNM_API_EBUSY    the manager is already running or starting
+ * @retval QNM_API_EBUSY    the manager is already running, starting or not yet stopped
  *
  * The worker threads run with all signals blocked. Raw sockets need CAP_NET_RAW.
  */

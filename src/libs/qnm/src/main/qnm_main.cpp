@@ -93,10 +93,9 @@ void abort_workers() {
 
 // Declares the manager running and stays in the keepalive loop until the stop.
 void stay_running() {
+    // er_fini_flag stays as it is: a stop may have been requested during start-up, by the host or
+    // by a worker that has failed, and workers that have seen it are gone.
     qnm::store(qnm_root.er_start_flag, 1U);
-    qnm::store(qnm_root.er_fini_flag, 1U);
-    // A worker may have failed between its start and the line above.
-    if (qnm::load(internal_err) != 0) qnm::store(qnm_root.er_fini_flag, 0U);
     // Last, so that a host that sees the manager running can start it for good.
     qnm::store(qnm_root.er_init_flag, 0U);
     qnm_log_info("%s: Initialization was completed.", k_init_name);
@@ -293,8 +292,7 @@ qnm_api_code_t qnm_fini_manager(void) {
 
 void _qnm_fini_manager(void) {
     qnm_log_fatal("%s: LFI will terminate by reason of internal error.", __func__);
-    // In this order, so that whoever sees the stop also sees its reason, and a start-up that has
-    // just re-armed the flag finds the reason afterwards.
+    // In this order, so that whoever sees the stop also sees its reason.
     qnm::store(internal_err, EPROTO);
     qnm::store(qnm_root.er_fini_flag, 0U);
 }

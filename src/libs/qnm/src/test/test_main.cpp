@@ -124,6 +124,19 @@ TEST_F(main_unit, a_stop_while_idle_is_forgotten_by_the_next_start) {
     expect_restart();
 }
 
+TEST_F(main_unit, a_stop_during_start_up_is_obeyed) {
+    for (uint64_t thread = 1; thread <= 5; thread++) {
+        const uint64_t due = fail::count(fail::call::pthread_create) + thread;
+        fail::on(fail::call::pthread_create, [due](uint64_t number) {
+            if (number == due) qnm_fini_manager();
+            return fail::pass;
+        });
+        EXPECT_EQ(init(), QNM_API_SUCCESS) << thread;
+    }
+    fail::clear(fail::call::pthread_create);
+    expect_restart();
+}
+
 TEST_F(main_unit, a_second_start_is_busy_and_silent) {
     start();
     const size_t lines = logs.count_part(k_info, "qnm_init_manager");
