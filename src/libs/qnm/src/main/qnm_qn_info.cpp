@@ -134,10 +134,9 @@ void update_card(typename Kind::node& node, const typename Kind::record& record)
 template <typename Kind>
 int set_card(uint64_t id, const typename Kind::record* record, uint32_t ignore_state,
              uint32_t check_count, uint32_t valid_param) {
-    if ((valid_param & QNM_VALID_RECORD) != 0 && record == nullptr) return EINVAL;
     auto* const node = find_node<Kind>(id);
     if (node == nullptr) {
-        const int err = valid_param == QNM_VALID_ALL
+        const int err = valid_param == QNM_VALID_ALL && record != nullptr
                             ? add_card<Kind>(id, *record, ignore_state, check_count)
                             : EINVAL;
         if (err != 0) {
@@ -146,7 +145,10 @@ int set_card(uint64_t id, const typename Kind::record* record, uint32_t ignore_s
         }
         return err;
     }
-    if ((valid_param & QNM_VALID_RECORD) != 0) update_card<Kind>(*node, *record);
+    if ((valid_param & QNM_VALID_RECORD) != 0) {
+        if (record == nullptr) return EINVAL;
+        update_card<Kind>(*node, *record);
+    }
     if ((valid_param & QNM_VALID_IGNORE_STATE) != 0) node->*Kind::ignore_state = ignore_state;
     if ((valid_param & QNM_VALID_CHECK_COUNT) != 0) node->*Kind::check_count = check_count;
     return 0;

@@ -114,8 +114,16 @@ TYPED_TEST(tables, adding_needs_all_parts) {
     for (uint32_t valid = 1; valid < 7; valid++)
         EXPECT_EQ(this->set(1, &card, valid), EINVAL);
     EXPECT_EQ(this->total(), 0U);
-    EXPECT_TRUE(this->logs.has(k_trace, std::string(TypeParam::set_name) + ": Failed to " +
-                                            TypeParam::add_name + "(). err=22, id=0x000000000001"));
+    EXPECT_EQ(this->logs.count(k_trace, std::string(TypeParam::set_name) + ": Failed to " +
+                                            TypeParam::add_name + "(). err=22, id=0x000000000001"),
+              7U);
+}
+
+TYPED_TEST(tables, a_known_card_keeps_its_record_when_there_is_none_to_store) {
+    auto card = this->make(1);
+    ASSERT_EQ(this->set(1, &card), 0);
+    EXPECT_EQ(this->set(1, nullptr), EINVAL);
+    EXPECT_EQ(this->total(), 1U);
 }
 
 TYPED_TEST(tables, no_memory_for_a_card_adds_nothing) {
