@@ -37,8 +37,7 @@ struct listening {
     std::function<bool()> enough = nullptr;  // asked after each batch of events
 };
 
-// ---- Texts
-// ---------------------------------------------------------------------------------------
+// ---- Texts --------------------------------------------------------------------------------------
 
 void print_json(context& with, const json& object) {
     with.out.write(object.dump(-1, ' ', false, json::error_handler_t::replace) + '\n');
@@ -56,8 +55,7 @@ void tell_event(context& with, const observed& seen) {
     }
 }
 
-// ---- Lines
-// ---------------------------------------------------------------------------------------
+// ---- Lines --------------------------------------------------------------------------------------
 
 void answer_line(context& with, const std::string& line) {
     const std::variant<request, std::string> parsed = parse_line(verbs, line);
@@ -88,8 +86,7 @@ bool answer_input(context& with, std::string& pending) {
     return length > 0;
 }
 
-// ---- Listening
-// -----------------------------------------------------------------------------------
+// ---- Listening ----------------------------------------------------------------------------------
 
 // Prints what has been queued, up to the wanted number; false when that is reached.
 bool tell_events(context& with, const listening& how, std::uint64_t& told) {
@@ -157,8 +154,7 @@ void start(context& with, const request& asked) {
     with.manager = start_manager(with.where, with.log_level);
 }
 
-// ---- watch
-// ---------------------------------------------------------------------------------------
+// ---- watch --------------------------------------------------------------------------------------
 
 void listen_and_tell(context& with, const request& asked) {
     if (isatty(STDIN_FILENO) == 1 && isatty(STDERR_FILENO) == 1) {
@@ -174,8 +170,7 @@ int run_watch(context& with, const request& asked) {
     return exit_ok;
 }
 
-// ---- list
-// ----------------------------------------------------------------------------------------
+// ---- list ---------------------------------------------------------------------------------------
 
 void answer_list(context& with, const request&) {
     const std::vector<card> cards = read_cards();
@@ -197,8 +192,7 @@ int run_list(context& with, const request& asked) {
     return exit_ok;
 }
 
-// ---- show
-// ----------------------------------------------------------------------------------------
+// ---- show ---------------------------------------------------------------------------------------
 
 void answer_show(context& with, const request& asked) {
     const std::optional<card> known = read_card(asked.id);
@@ -221,8 +215,7 @@ int run_show(context& with, const request& asked) {
     return exit_ok;
 }
 
-// ---- stats
-// ---------------------------------------------------------------------------------------
+// ---- stats --------------------------------------------------------------------------------------
 
 void print_dump(context& with, const std::string& dump) {
     if (with.as_json) {
@@ -256,8 +249,7 @@ int run_stats(context& with, const request& asked) {
     return exit_ok;
 }
 
-// ---- monitor
-// -------------------------------------------------------------------------------------
+// ---- monitor ------------------------------------------------------------------------------------
 
 struct monitor_words {
     const char* name;
@@ -295,8 +287,7 @@ int run_monitor(context& with, const request& asked) {
     return exit_ok;
 }
 
-// ---- Lines only
-// ----------------------------------------------------------------------------------
+// ---- Lines only ---------------------------------------------------------------------------------
 
 void answer_help(context& with, const request&) {
     const std::string help = lines_help(verbs);

@@ -181,8 +181,7 @@ TEST(Command, AMissingPropertiesFileIsNamed) {
     EXPECT_TRUE(holds(run.errors(), dir.path().string() + "/conf/qnm_log4c.properties"));
 }
 
-// ---- With a manager
-// ------------------------------------------------------------------------------
+// ---- With a manager -----------------------------------------------------------------------------
 
 words in_namespace(const words& arguments) {
     words all = {QNM_IN_NETNS};

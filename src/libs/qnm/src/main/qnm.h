@@ -121,8 +121,9 @@ qnm_api_code_t qnm_start_manager(void);
 /**
  * Requests the stop and returns at once; the stop is complete when qnm_init_manager() returns on
  * its own thread, at the latest one devinfo_flag_check_interval plus one second later (plus the
- * time that callbacks take for the events raised by then). A request made while no manager is
- * running is forgotten by the next start.
+ * time that callbacks take for the events raised by then). A request made during start-up ends the
+ * manager as soon as it is complete; one made while no manager is running is forgotten by the next
+ * start.
  *
  * @retval QNM_API_SUCCESS  always, whatever the manager's state
  */

@@ -90,15 +90,23 @@ qnm_cbinfo_t* cbinfo_of(qnm_list* links) {
     return reinterpret_cast<qnm_cbinfo_t*>(links);
 }
 
-qnm_cbinfo_t* _cbinfo_create(qnm_evt_type_t type, qnm_cbfunc_t func, const void* arg) {
-    auto* const info = new (std::nothrow) qnm_cbinfo_t{{}, func, const_cast<void*>(arg), type};
-    if (info == nullptr) {
+// A counted record on the heap; null, with a log line, when there is no memory for it.
+template <typename Record>
+Record* make_counted(const char* func, const char* type_name, uint32_t& allocated,
+                     const Record& value) {
+    auto* const record = new (std::nothrow) Record(value);
+    if (record == nullptr) {
         qnm::count(qnm_stats.est_alloc_err);
-        qnm_log_error("%s: can't alloc memory for qnm_cbinfo_t", __func__);
+        qnm_log_error("%s: can't alloc memory for %s", func, type_name);
         return nullptr;
     }
-    qnm::count(qnm_stats.est_cbinfo_al);
-    return info;
+    qnm::count(allocated);
+    return record;
+}
+
+qnm_cbinfo_t* _cbinfo_create(qnm_evt_type_t type, qnm_cbfunc_t func, const void* arg) {
+    return make_counted(__func__, "qnm_cbinfo_t", qnm_stats.est_cbinfo_al,
+                        qnm_cbinfo_t{{}, func, const_cast<void*>(arg), type});
 }
 
 void cbinfo_free(qnm_cbinfo_t* info) {
@@ -107,14 +115,8 @@ void cbinfo_free(qnm_cbinfo_t* info) {
 }
 
 qnm_evt_node_t* _evt_node_create(qnm_evt_type_t event_type, uint64_t id) {
-    auto* const node = new (std::nothrow) qnm_evt_node_t{{}, event_type, id};
-    if (node == nullptr) {
-        qnm::count(qnm_stats.est_alloc_err);
-        qnm_log_error("%s: can't alloc memory for qnm_evt_node_t", __func__);
-        return nullptr;
-    }
-    qnm::count(qnm_stats.est_evt_node_al);
-    return node;
+    return make_counted(__func__, "qnm_evt_node_t", qnm_stats.est_evt_node_al,
+                        qnm_evt_node_t{{}, event_type, id});
 }
 
 void evt_node_free(qnm_evt_node_t* node) {

@@ -29,8 +29,7 @@ using qnm::qnio_kind;
 using qnm::qnsv_kind;
 using qnm::table_guard;
 
-// ---- Nodes
-// ---------------------------------------------------------------------------------------
+// ---- Nodes --------------------------------------------------------------------------------------
 
 template <typename Kind>
 typename Kind::node* node_of(qnm_rbnode_t* links) {
@@ -78,8 +77,7 @@ void free_node(qnm_rbnode_t* links, qnm_ptr_t) {
     qnm::count(qnm_stats.*Kind::freed);
 }
 
-// ---- Get and set
-// ---------------------------------------------------------------------------------
+// ---- Get and set --------------------------------------------------------------------------------
 
 template <typename Kind>
 int get_card(uint64_t id, typename Kind::record* record, uint32_t* ignore_state,
@@ -180,8 +178,7 @@ bool look_up(const char* func, uint64_t id, typename Kind::record* record, uint3
     return true;
 }
 
-// ---- ID lists
-// ------------------------------------------------------------------------------------
+// ---- ID lists -----------------------------------------------------------------------------------
 
 // Hands out the IDs of the cards that match. count tells how many they are, under the lock.
 template <typename Kind, typename Count, typename Match>
@@ -280,8 +277,7 @@ qnm_api_code_t get_record(const char* name, uint64_t id, typename Kind::record* 
     });
 }
 
-// ---- Keepalive
-// -----------------------------------------------------------------------------------
+// ---- Keepalive ----------------------------------------------------------------------------------
 
 // Tells the host and the log that a card has lost a path.
 template <typename Kind>
@@ -360,8 +356,7 @@ void disconnect_port(const char* func, int port, uint64_t now) {
     });
 }
 
-// ---- Status dump
-// ---------------------------------------------------------------------------------
+// ---- Status dump --------------------------------------------------------------------------------
 
 enum class as { u8, u16, u32, u64, bytes2, bytes3, mac };
 
@@ -571,8 +566,7 @@ void print_counts() {
     }
 }
 
-// ---- Lifecycle
-// -----------------------------------------------------------------------------------
+// ---- Lifecycle ----------------------------------------------------------------------------------
 
 template <typename Kind>
 void make_empty() {

@@ -50,8 +50,7 @@ const Message& view(const unsigned char* frame) {
     return *reinterpret_cast<const Message*>(frame);
 }
 
-// ---- Announcement to record
-// ----------------------------------------------------------------------
+// ---- Announcement to record ---------------------------------------------------------------------
 
 // Where a frame came in, and when.
 struct arrival {
@@ -151,8 +150,7 @@ void fill_own_part(const unsigned char* frame, qnm_qnio_t& card) {
     }
 }
 
-// ---- Record to table and events
-// ------------------------------------------------------------------
+// ---- Record to table and events -----------------------------------------------------------------
 
 // Function names in log lines, per kind.
 struct devinfo_names {
@@ -392,8 +390,7 @@ void set_devinfo(int port, const unsigned char* frame, uint8_t vlan_mode, uint64
     }
 }
 
-// ---- Frame checks and dispatch
-// -------------------------------------------------------------------
+// ---- Frame checks and dispatch ------------------------------------------------------------------
 
 void take_devinfo(int port, const unsigned char* frame, uint8_t vlan_mode) {
     _qnm_recv_devinfo(port, frame, vlan_mode);
@@ -549,8 +546,7 @@ int recv_frame(const char* func, int port) {
     return 0;
 }
 
-// ---- Receive loop
-// --------------------------------------------------------------------------------
+// ---- Receive loop -------------------------------------------------------------------------------
 
 // A pending socket error on the capture: survived when the interface is down, else fatal.
 bool take_socket_error(int port, const struct pollfd& capture) {

@@ -288,8 +288,7 @@ TEST_F(recv, random_bytes_do_no_harm) {
     EXPECT_GT(received(), 0U);
 }
 
-// ---- The loop
-// ------------------------------------------------------------------------------------
+// ---- The loop -----------------------------------------------------------------------------------
 
 // A poll with these events on the capture and on the terminate pipe.
 fail::poll_result events(short capture, short terminate) {
