@@ -2,6 +2,9 @@
 
 #include <gmock/gmock.h>
 
+#include <cstddef>
+#include <iterator>
+
 #include "qnm_stats.h"
 #include "rig.h"
 
@@ -38,6 +41,128 @@ struct cards : testing::Test {
         cards_->add(card);
     }
 };
+
+// ---- What a card was told to be is what the library learns --------------------------------------
+
+// A card with a value of its own in every field.
+cardsim::card told_everything(uint64_t id, card_kind kind, card_speed speed, uint8_t version) {
+    cardsim::card card = lively(kind, speed, id);
+    card.vlan_id = 0x0ABC;
+    card.flow_id = 0x21;
+    card.uid_switch = true;
+    card.power = false;
+    card.link_status = 0x43;
+    card.sw_status0 = 0x65;
+    card.version = version;
+    card.port0_link = false;
+    card.port1_link = true;
+    card.pcie_presence = true;
+    card.int_vector = 0x87;
+    card.up_port = {0x11, 0x12, 0x13, 0x14, 0x2122, 0x2324, 0x2526, 0x2728, 0x31323334, 0x35363738};
+    for (size_t k = 0; k < card.down_ports.size(); k++) {
+        const auto n = static_cast<uint8_t>(k);
+        card.down_ports[k].port_status = {n, 0x02};
+        card.down_ports[k].io_mac = 0x020000005000 + k;
+        card.down_ports[k].com_port = {n,      0x51,   0x52,   0x53,       0x5455,
+                                       0x5657, 0x5859, 0x6061, 0x62636465, 0x66676869};
+    }
+    card.io_substate = {0x71, 0x72};
+    card.ser_mac = 0x020000007374;
+    card.device_id = 0x7576;
+    card.vendor_id = 0x7778;
+    card.class_code = 0x818283;
+    card.link0_fault = true;
+    card.link1_fault = false;
+    card.resource_id = 0x8485;
+    return card;
+}
+
+uint64_t number(const uint8_t (&mac)[6]) {
+    uint64_t value = 0;
+    for (const uint8_t byte : mac)
+        value = value << 8 | byte;
+    return value;
+}
+
+void expect_equal(const qnm_com_dev_t& dev, const cardsim::card& card) {
+    EXPECT_EQ(dev.ecd_id, card.id);
+    EXPECT_EQ(number(dev.ecd_macaddr), card.id);
+    EXPECT_EQ(dev.ecd_vlan_id, card.vlan_id);
+    EXPECT_EQ(dev.ecd_vlan_mode != 0, card.vlan_change_mode);
+    EXPECT_EQ(dev.ecd_flowid, card.flow_id);
+    EXPECT_EQ(dev.ecd_type, card.ver);
+    EXPECT_EQ(dev.ecd_uidsw, card.uid_switch);
+    EXPECT_EQ(dev.ecd_power, card.power);
+    EXPECT_EQ(dev.ecd_linkstatus, card.link_status);
+    EXPECT_EQ(dev.ecd_swstatus[0], card.sw_status0);
+    EXPECT_EQ(dev.ecd_ver, card.version);
+    EXPECT_EQ(dev.ecd_port0_link, card.port0_link);
+    EXPECT_EQ(dev.ecd_port1_link, card.port1_link);
+    EXPECT_EQ(dev.ecd_int_vector, card.int_vector);
+    EXPECT_NE(dev.ecd_recvtime[0][0], 0U);
+    EXPECT_NE(dev.ecd_updatetime, 0U);
+}
+
+void expect_equal(const qnm_com_port_t& port, const cardsim::bridge& bridge) {
+    EXPECT_EQ(port.ecp_pri_bus_num, bridge.pri_bus_num);
+    EXPECT_EQ(port.ecp_sec_bus_num, bridge.sec_bus_num);
+    EXPECT_EQ(port.ecp_sub_bus_num, bridge.sub_bus_num);
+    EXPECT_EQ(port.ecp_command, bridge.command);
+    EXPECT_EQ(port.ecp_memory_base, bridge.memory_base);
+    EXPECT_EQ(port.ecp_memory_limit, bridge.memory_limit);
+    EXPECT_EQ(port.ecp_pre_memory_base, bridge.pre_memory_base);
+    EXPECT_EQ(port.ecp_pre_memory_limit, bridge.pre_memory_limit);
+    EXPECT_EQ(port.ecp_pre_base_upper, bridge.pre_base_upper);
+    EXPECT_EQ(port.ecp_pre_limit_upper, bridge.pre_limit_upper);
+}
+
+void expect_equal(const qnm_qnsv_t& record, const cardsim::card& card) {
+    const size_t ports = card.speed == card_speed::g40 ? 16 : 8;
+    expect_equal(record.esv_com_dev, card);
+    expect_equal(record.esv_up_port, card.up_port);
+    for (size_t k = 0; k < std::size(record.esv_down_port); k++) {
+        const cardsim::down_port told = k < ports ? card.down_ports[k] : cardsim::down_port{};
+        const qnm_down_port_t& learnt = record.esv_down_port[k];
+        EXPECT_THAT(learnt.edp_port_status, testing::ElementsAreArray(told.port_status)) << k;
+        EXPECT_EQ(number(learnt.edp_io_mac), told.io_mac) << k;
+        expect_equal(learnt.edp_com_port, told.com_port);
+    }
+}
+
+void expect_equal(const qnm_qnio_t& record, const cardsim::card& card) {
+    expect_equal(record.eio_com_dev, card);
+    EXPECT_EQ(record.eio_class_code, card.class_code);
+    EXPECT_EQ(record.eio_device_id, card.device_id);
+    EXPECT_EQ(record.eio_vendor_id, card.vendor_id);
+    EXPECT_EQ(record.eio_mr_resource_num, card.version == 1 ? card.resource_id : 0);
+    EXPECT_EQ(number(record.eio_sermacaddr), card.ser_mac);
+    EXPECT_THAT(record.eio_substate, testing::ElementsAreArray(card.io_substate));
+    EXPECT_EQ(record.eio_link0fault, card.link0_fault);
+    EXPECT_EQ(record.eio_link1fault, card.link1_fault);
+    EXPECT_EQ(record.eio_pcie_presence, card.pcie_presence);
+}
+
+TEST_F(cards, every_field_of_every_kind_is_learnt_as_it_was_told) {
+    uint64_t id = k_id;
+    for (const card_kind kind : {card_kind::qnsv, card_kind::qnio}) {
+        for (const card_speed speed : {card_speed::g1_10, card_speed::g40}) {
+            for (const uint8_t version : {uint8_t{0}, uint8_t{1}, uint8_t{9}}) {
+                const cardsim::card card = told_everything(id, kind, speed, version);
+                SCOPED_TRACE(card.name);
+                cards_->add(card);
+                ASSERT_TRUE(wait_for([id] { return paths(id).starts_with('C'); }));
+                if (kind == card_kind::qnsv) {
+                    expect_equal(*qnsv(id), card);
+                } else {
+                    expect_equal(*qnio(id), card);
+                }
+                id += 2;
+            }
+        }
+    }
+}
+
+// ---- How cards come, change and go --------------------------------------------------------------
 
 TEST_F(cards, vlan_id_survives_the_tag_that_the_kernel_takes_off) {
     add(card_kind::qnsv, card_speed::g1_10, [](cardsim::card& card) { card.vlan_id = 1234; });
