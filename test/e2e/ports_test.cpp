@@ -18,8 +18,13 @@ using testing::HasSubstr;
 
 constexpr uint64_t k_id = 0x020000001000;
 
-cardsim::card four_paths() {
-    return lively(card_kind::qnsv, card_speed::g40, k_id);
+// A card with all four paths, learnt over those that are expected.
+std::unique_ptr<cardsim::simulator> play_card(const std::string& expected_paths) {
+    auto cards = make_cards();
+    cards->add(lively(card_kind::qnsv, card_speed::g40, k_id));
+    cards->start();
+    EXPECT_TRUE(wait_for([&] { return paths(k_id) == expected_paths; }));
+    return cards;
 }
 
 TEST(ports, link_down_disconnects_its_cards_and_link_up_brings_them_back) {
@@ -27,10 +32,7 @@ TEST(ports, link_down_disconnects_its_cards_and_link_up_brings_them_back) {
     const installation install("ether_port = qnm0,qnm1\ndevinfo_expire_time = 100000\n");
     manager host(install.path());
     ASSERT_TRUE(host.is_running()) << install.log();
-    const auto cards = make_cards();
-    cards->add(four_paths());
-    cards->start();
-    ASSERT_TRUE(wait_for([] { return paths(k_id) == "CCCC"; }));
+    const auto cards = play_card("CCCC");
     // With such an expiry time only the link can be the cause.
     run("ip link set qsim1 down");
     ASSERT_TRUE(wait_for([] { return paths(k_id) == "CCDD"; }));
@@ -47,10 +49,7 @@ TEST(ports, an_interface_that_goes_away_leaves_the_other_port_working) {
     const installation install(k_two_ports);
     manager host(install.path());
     ASSERT_TRUE(host.is_running()) << install.log();
-    const auto cards = make_cards();
-    cards->add(four_paths());
-    cards->start();
-    ASSERT_TRUE(wait_for([] { return paths(k_id) == "CCCC"; }));
+    const auto cards = play_card("CCCC");
     run("ip link del qnm1");
     ASSERT_TRUE(wait_for([] { return paths(k_id) == "CCDD"; }));
     host.forget_events();
@@ -82,10 +81,7 @@ TEST_P(one_port, is_enough) {
     ASSERT_TRUE(host.is_running()) << install.log();
     EXPECT_THAT(install.log(),
                 HasSubstr("ERROR _qnm_socket_open_lin: Failed to pcap_open_live()."));
-    const auto cards = make_cards();
-    cards->add(four_paths());
-    cards->start();
-    ASSERT_TRUE(wait_for([] { return paths(k_id) == GetParam().open_paths; }));
+    const auto cards = play_card(GetParam().open_paths);
     // A notification for the watcher, which has to pass over the port that did not open.
     run("ip link set qnm0 mtu 1400 2>/dev/null || ip link set qnm1 mtu 1400");
     EXPECT_EQ(host.stop(), QNM_API_SUCCESS);
