@@ -13,13 +13,22 @@
 
 namespace {
 
-int wait_until(qnm_event_t* evt, uint32_t timeout_ms, qnm_event_cond_t holds, void* arg) {
+// What ends a wait before its time.
+enum class ends { on_signal, on_condition };
+
+int never(void*) {
+    return 0;
+}
+
+int wait_until(qnm_event_t* evt, uint32_t timeout_ms, ends wait_ends, qnm_event_cond_t holds,
+               void* arg) {
     struct timespec deadline;
     if (_qnm_get_deadline(timeout_ms, &deadline) != 0) return EPROTO;
     if (pthread_mutex_lock(&evt->eev_mutex) != 0) return ENOSYS;
     int ret = 0;
-    if (holds == nullptr || holds(arg) == 0) {
+    while (ret == 0 && holds(arg) == 0) {
         ret = pthread_cond_timedwait(&evt->eev_cond, &evt->eev_mutex, &deadline);
+        if (wait_ends == ends::on_signal) break;
     }
     pthread_mutex_unlock(&evt->eev_mutex);
     if (ret == 0 || ret == ETIMEDOUT) return ret;
@@ -107,12 +116,16 @@ int _qnm_event_wait(qnm_event_t* evt) {
 
 int _qnm_event_timedwait(qnm_event_t* evt, uint32_t timeout_ms) {
     if (timeout_ms == 0) _qnm_event_wait(evt);
-    return wait_until(evt, timeout_ms, nullptr, nullptr);
+    return wait_until(evt, timeout_ms, ends::on_signal, never, nullptr);
 }
 
 int _qnm_event_timedwait_for(qnm_event_t* evt, uint32_t timeout_ms, qnm_event_cond_t holds,
                              void* arg) {
-    return wait_until(evt, timeout_ms, holds, arg);
+    return wait_until(evt, timeout_ms, ends::on_signal, holds, arg);
+}
+
+int _qnm_event_await(qnm_event_t* evt, uint32_t timeout_ms, qnm_event_cond_t holds, void* arg) {
+    return wait_until(evt, timeout_ms, ends::on_condition, holds, arg);
 }
 
 }  // extern "C"

@@ -62,6 +62,9 @@ typedef int (*qnm_event_cond_t)(void* arg);
 int _qnm_event_timedwait_for(qnm_event_t* evt, uint32_t timeout_ms, qnm_event_cond_t holds,
                              void* arg);
 
+// As above, but goes on waiting after a wake-up that finds holds(arg) zero.
+int _qnm_event_await(qnm_event_t* evt, uint32_t timeout_ms, qnm_event_cond_t holds, void* arg);
+
 }  // extern "C"
 
 namespace qnm {

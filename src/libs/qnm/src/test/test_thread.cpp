@@ -444,4 +444,79 @@ TEST_F(Event, never_loses_a_condition_that_is_set_before_the_signal) {
     EXPECT_EQ(state.taken, k_rounds);
 }
 
+// ---- Events: wait until a condition holds -------------------------------------------------------
+
+TEST_F(Event, is_not_awaited_when_the_condition_holds) {
+    condition state{.evt = &evt_, .holds = 1};
+    EXPECT_EQ(_qnm_event_await(&evt_, 600000, look, &state), 0);
+    EXPECT_EQ(state.looks, 1);
+    EXPECT_TRUE(state.locked);
+    EXPECT_EQ(fail::count(fail::call::pthread_cond_timedwait), 0u);
+}
+
+TEST_F(Event, is_awaited_until_the_limit_while_the_condition_does_not_hold) {
+    condition state{.evt = &evt_};
+    const auto before = steady_clock::now();
+    EXPECT_EQ(_qnm_event_await(&evt_, 50, look, &state), ETIMEDOUT);
+    EXPECT_GE(steady_clock::now() - before, 50ms);
+    EXPECT_TRUE(state.locked);
+}
+
+TEST_F(Event, is_looked_at_and_not_awaited_without_limit_when_the_limit_is_0) {
+    condition state{.evt = &evt_};
+    EXPECT_EQ(_qnm_event_await(&evt_, 0, look, &state), ETIMEDOUT);
+    EXPECT_EQ(fail::count(fail::call::pthread_cond_wait), 0u);
+    state.holds = 1;
+    EXPECT_EQ(_qnm_event_await(&evt_, 0, look, &state), 0);
+}
+
+TEST_F(Event, is_awaited_on_after_wake_ups_that_bring_nothing) {
+    condition state{.evt = &evt_};
+    fail::on(fail::call::pthread_cond_timedwait, [&](uint64_t number) {
+        if (number == 3) state.holds = 1;
+        return fail::done;
+    });
+    EXPECT_EQ(_qnm_event_await(&evt_, 600000, look, &state), 0);
+    EXPECT_EQ(fail::count(fail::call::pthread_cond_timedwait), 3u);
+    EXPECT_EQ(state.looks, 4);
+    EXPECT_TRUE(state.locked);
+}
+
+TEST_F(Event, has_one_limit_for_all_the_sleeps_of_a_wait) {
+    condition state{.evt = &evt_};
+    fail::on(fail::call::pthread_cond_timedwait,
+             [](uint64_t number) { return number < 5 ? fail::done : fail::outcome(ETIMEDOUT); });
+    EXPECT_EQ(_qnm_event_await(&evt_, 600000, look, &state), ETIMEDOUT);
+    EXPECT_EQ(fail::count(fail::call::pthread_cond_timedwait), 5u);
+    EXPECT_EQ(fail::count(fail::call::clock_gettime), 1u);
+}
+
+TEST_F(Event, set_without_the_condition_wakes_nobody_for_good) {
+    condition state{.evt = &evt_};
+    int result = -1;
+    std::thread waiter([&] { result = _qnm_event_await(&evt_, 600000, look, &state); });
+    EXPECT_TRUE(wait_for_sleepers(fail::call::pthread_cond_timedwait, 1));
+    EXPECT_EQ(_qnm_event_set(&evt_), 0);
+    EXPECT_TRUE(wait_for_sleepers(fail::call::pthread_cond_timedwait, 2));
+    pthread_mutex_lock(&evt_.eev_mutex);
+    state.holds = 1;
+    pthread_mutex_unlock(&evt_.eev_mutex);
+    EXPECT_EQ(_qnm_event_set(&evt_), 0);
+    waiter.join();
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(state.looks, 3);
+}
+
+TEST_F(Event, that_cannot_be_awaited_tells_a_failed_lock_apart_from_a_failed_wait) {
+    condition state{.evt = &evt_};
+    fail::nth(fail::call::clock_gettime, 1, EINVAL);
+    EXPECT_EQ(_qnm_event_await(&evt_, 1, look, &state), EPROTO);
+    fail::nth(fail::call::pthread_mutex_lock, 1, EINVAL);
+    EXPECT_EQ(_qnm_event_await(&evt_, 1, look, &state), ENOSYS);
+    EXPECT_EQ(state.looks, 0);
+    fail::nth(fail::call::pthread_cond_timedwait, 1, EINVAL);
+    EXPECT_EQ(_qnm_event_await(&evt_, 600000, look, &state), EPROTO);
+    EXPECT_EQ(state.looks, 1);
+}
+
 }  // namespace
