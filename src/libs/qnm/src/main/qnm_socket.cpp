@@ -166,6 +166,8 @@ int _qnm_socket_close(qnm_port_info_t* port_info) {
         pcap_close(port_info->epi_pcap);
         port_info->epi_pcap = nullptr;
     }
+    // The next run may not open this port; it must not seem connected then.
+    qnm::store(port_info->epi_link_state, 0U);
     return 0;
 }
 

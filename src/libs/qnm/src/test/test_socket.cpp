@@ -68,6 +68,13 @@ TEST_F(socket_unit, a_link_that_is_down_is_learnt_as_such) {
     EXPECT_EQ(port.epi_link_state, 0U);
 }
 
+TEST_F(socket_unit, a_closed_port_has_no_link) {
+    EXPECT_EQ(open(), 0);
+    EXPECT_EQ(port.epi_link_state, 1U);
+    EXPECT_EQ(_qnm_socket_close(&port), 0);
+    EXPECT_EQ(port.epi_link_state, 0U);
+}
+
 TEST_F(socket_unit, every_step_that_fails_closes_the_port_again) {
     fake_pcap::set_next_open_failure("eth9", "eth9: no luck");
     expect_refused("_qnm_socket_open_lin: Failed to pcap_open_live(). eth9: no luck");
