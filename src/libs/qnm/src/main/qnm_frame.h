@@ -71,6 +71,19 @@ inline uint32_t host32(const uint8_t (&b)[4]) {
     return value;
 }
 
+// A structure laid over a frame that is long enough for it.
+template <typename Message>
+const Message& view(const unsigned char* frame) {
+    static_assert(alignof(Message) == 1);
+    return *reinterpret_cast<const Message*>(frame);
+}
+
+template <typename Message>
+Message& view(unsigned char* frame) {
+    static_assert(alignof(Message) == 1);
+    return *reinterpret_cast<Message*>(frame);
+}
+
 // Register addresses travel with a gap: bits 0 to 11 stay, bits 12 to 21 move up four places, and
 // bits 22 to 31 have no place on the wire.
 constexpr uint32_t encode_register_address(uint32_t address) {

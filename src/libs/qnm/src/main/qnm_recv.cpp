@@ -38,17 +38,11 @@ using qnm::be16;
 using qnm::connect_word;
 using qnm::host16;
 using qnm::host32;
+using qnm::view;
 
 constexpr int k_poll_ms = 1000;
 constexpr size_t k_drain_size = 128;
 constexpr char k_loop_name[] = "_qnm_recv_lin";
-
-// A structure laid over a frame that is long enough for it.
-template <typename Message>
-const Message& view(const unsigned char* frame) {
-    static_assert(alignof(Message) == 1);
-    return *reinterpret_cast<const Message*>(frame);
-}
 
 // ---- Announcement to record ---------------------------------------------------------------------
 

@@ -1,4 +1,4 @@
-// frames.h - announcements as bytes, built by hand for the tests of the receive path.
+// frames.h - what cards send, as bytes, built by hand for the tests of the receive path.
 #pragma once
 
 #include <cstdint>
@@ -52,6 +52,23 @@ inline frame_t build(const announcement& it) {
     frame[24] = it.link_status;
     memcpy(frame.data() + 25, it.sw_status, 3);
     if (it.length != 0) frame.resize(it.length);
+    return frame;
+}
+
+// A Completion; the data bytes lie as given.
+struct completion {
+    uint8_t tag = 0;
+    uint64_t mac = 0x020000001000;
+    unsigned char data[4] = {};
+    bool vlan_change_mode = false;
+};
+
+inline frame_t build_completion(const completion& it) {
+    frame_t frame(28);
+    put_header(frame, {.mac = it.mac, .vlan_change_mode = it.vlan_change_mode});
+    frame[18] = 0x20;
+    frame[23] = it.tag;
+    memcpy(frame.data() + 24, it.data, sizeof it.data);
     return frame;
 }
 

@@ -178,6 +178,14 @@ bool wait_sent(const std::string& name, std::size_t count, std::chrono::seconds 
     return wait_until([&] { return sent(name).size() >= count; }, limit);
 }
 
+void on_send(const std::string& name, send_hook_t hook) {
+    registry_t& reg = registry();
+    const std::lock_guard lock(reg.mutex);
+    port_t& port = port_of(reg, name);
+    const std::lock_guard send_lock(port.send_mutex);
+    port.send_hooks.push_back(std::move(hook));
+}
+
 std::vector<open_call> open_calls() {
     const std::lock_guard lock(registry().mutex);
     return registry().open_calls;
@@ -312,9 +320,16 @@ int pcap_sendpacket(pcap_t* p, const u_char* buf, int size) {
         return PCAP_ERROR;
     }
     fake_pcap::port_t& port = *p->port;
-    const std::lock_guard lock(port.send_mutex);
-    if (fake_pcap::send_fails(port)) return PCAP_ERROR;
-    port.sent.emplace_back(buf, buf + size);
+    const fake_pcap::frame_t frame(buf, buf + size);
+    std::vector<fake_pcap::send_hook_t> hooks;
+    {
+        const std::lock_guard lock(port.send_mutex);
+        if (fake_pcap::send_fails(port)) return PCAP_ERROR;
+        port.sent.push_back(frame);
+        hooks = port.send_hooks;
+    }
+    for (const fake_pcap::send_hook_t& hook : hooks)
+        hook(frame);
     return 0;
 }
 

@@ -25,6 +25,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
@@ -68,6 +69,11 @@ std::vector<frame_t> sent(const std::string& name);
 // Waits until at least count frames have been sent.
 bool wait_sent(const std::string& name, std::size_t count,
                std::chrono::seconds limit = std::chrono::seconds(60));
+
+// Called after every frame sent through handles of this name from now on, on the sender's thread
+// and with no lock held, so that a test can answer before the send has returned. Several add up.
+using send_hook_t = std::function<void(const frame_t& frame)>;
+void on_send(const std::string& name, send_hook_t hook);
 
 // ---- Opening and closing ------------------------------------------------------------------------
 

@@ -31,6 +31,7 @@ struct port_t {
 
     std::mutex send_mutex;  // guards all below
     std::vector<frame_t> sent;
+    std::vector<send_hook_t> send_hooks;
     unsigned sends_until_failure = 0;  // 0: no failure is due
     bool failure_lasts = false;
 };

@@ -124,6 +124,24 @@ TEST_F(FakePcap, SendsAreRecordedAndFailOnDemand) {
     EXPECT_THAT(fake_pcap::sent("port1"), IsEmpty());
 }
 
+TEST_F(FakePcap, SendHooksSeeWhatHasBeenSentByThatPort) {
+    pcap_t* pcap = open("port0");
+    pcap_t* other = open("port1");
+    const u_char frame[] = {5, 6};
+    std::vector<fake_pcap::frame_t> first;
+    size_t sent_before_hook = 0;
+    fake_pcap::on_send("port0", [&](const fake_pcap::frame_t& seen) { first.push_back(seen); });
+    fake_pcap::on_send("port0", [&](const fake_pcap::frame_t&) {
+        sent_before_hook = fake_pcap::sent("port0").size();
+    });
+    EXPECT_EQ(pcap_sendpacket(other, frame, 1), 0);
+    fake_pcap::set_send_failure("port0", 1);
+    EXPECT_EQ(pcap_sendpacket(pcap, frame, 2), -1);
+    EXPECT_EQ(pcap_sendpacket(pcap, frame, 2), 0);
+    EXPECT_THAT(first, ElementsAre(ElementsAre(5, 6)));
+    EXPECT_EQ(sent_before_hook, 1u);
+}
+
 TEST_F(FakePcap, DescriptorsAreTheHandlesOwnUnlessSet) {
     pcap_t* pcap = open("port0");
     const int fd = pcap_fileno(pcap);

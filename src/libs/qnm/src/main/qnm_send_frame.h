@@ -1,0 +1,32 @@
+// qnm_send_frame.h - the senders: one frame to one card, sent once.
+//
+// A frame goes out by one path only, the first connected one of P0M0, P0M1, P1M0, P1M1. dev is
+// read without a lock: callers hand in their own copy of the record. Any thread may send.
+//
+// All return 0; 67 when the card is connected on no path; 71 when libpcap refuses the frame.
+#pragma once
+
+#include <cstdint>
+
+#include "qnm.h"
+
+extern "C" {
+
+// The path that a frame to this card takes: the MAC address it is sent to and the local port. 0, or
+// 67 when there is none.
+int _qnm_get_send_path(const qnm_com_dev_t* dev, uint64_t* dst_mac_out, int* port_out);
+
+// Goes to the broadcast address, on the card's VLAN and by the card's port.
+int _qnm_send_reset(const qnm_com_dev_t* com_dev, uint8_t status);
+
+// data: 32 words.
+int _qnm_send_mms(const qnm_com_dev_t* com_dev, uint32_t page, const uint32_t* data);
+
+int _qnm_send_vlanset(const qnm_com_dev_t* com_dev, uint16_t vlan_id);
+int _qnm_send_regwrite(const qnm_com_dev_t* com_dev, uint32_t address, uint32_t data);
+
+// Tells, when sent, whom the Completion has to come from and by which port.
+int _qnm_send_regread(const qnm_com_dev_t* com_dev, uint32_t address, uint8_t tag,
+                      uint64_t* dst_mac_out, int* port_out);
+
+}  // extern "C"
