@@ -23,6 +23,7 @@
 
 #include "qnm.h"
 #include "qnm_blacklist.h"
+#include "qnm_completion.h"
 #include "qnm_config.h"
 #include "qnm_event_cb.h"
 #include "qnm_frame.h"
@@ -390,8 +391,12 @@ void take_devinfo(int port, const unsigned char* frame, uint8_t vlan_mode) {
     _qnm_recv_devinfo(port, frame, vlan_mode);
 }
 
-// Nothing is read from a card yet, so no one waits for a Completion.
-void take_completion(int, const unsigned char*, uint8_t) {}
+void take_completion(int port, const unsigned char* frame, uint8_t) {
+    const qnw_completion_s& message = view<qnw_completion_s>(frame);
+    uint64_t src_mac = 0;
+    _qnm_mac_to_uint64(message.header.smac, &src_mac);
+    _qnm_recv_comp(message.comp.tag, port, src_mac, host32(message.comp.data));
+}
 
 // A subtype that is taken in.
 struct subtype_row {

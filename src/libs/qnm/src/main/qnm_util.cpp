@@ -108,6 +108,12 @@ int _qnm_get_deadline(uint32_t ms, struct timespec* deadline) {
     return 0;
 }
 
+uint64_t _qnm_get_msec_monotonic(void) {
+    struct timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1000000;
+}
+
 void _qnm_msleep(uint32_t ms) {
     struct timespec deadline;
     if (_qnm_get_deadline(ms, &deadline) != 0) return;

@@ -10,10 +10,8 @@
 #include <random>
 #include <thread>
 
-#include "fake_netif.h"
-#include "fake_pcap.h"
-#include "frames.h"
-#include "units.h"
+#include "ports.h"
+#include "qnm_completion.h"
 #include "wait.h"
 
 namespace {
@@ -24,38 +22,8 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 
 // The receive path on fake ports.
-struct recv : units {
-    recv() {
-        fake_pcap::reset();
-        fake_netif::reset();
-        for (int port = 0; port < 2; port++) {
-            const std::string name = "port" + std::to_string(port);
-            fake_netif::set(name, {.index = 5 + port, .mac = 0x0A0000000000U + port});
-            EXPECT_EQ(_qnm_socket_open(name.c_str(), 0, &qnm_root.er_port_info[port]), 0);
-            EXPECT_EQ(pipe(qnm_terminate_fd_recv[port]), 0);
-        }
-        logs.clear();
-    }
-
-    ~recv() override {
-        for (int port = 0; port < 2; port++) {
-            _qnm_socket_close(&qnm_root.er_port_info[port]);
-            for (int& fd : qnm_terminate_fd_recv[port]) {
-                close(fd);
-                fd = -1;
-            }
-        }
-        EXPECT_EQ(fake_pcap::open_handles(), 0U);
-    }
-
-    int receive(const frame_t& frame, int port = 0) {
-        fake_pcap::push_frame("port" + std::to_string(port), frame);
-        return _qnm_recv_frame(port);
-    }
-
-    static uint64_t received(int port = 0) {
-        return (port == 0 ? qnm_stats.est_stats_p0 : qnm_stats.est_stats_p1)[QNM_STATS_R_TOTAL];
-    }
+struct recv : ports {
+    static uint64_t received(int port = 0) { return counted(port, QNM_STATS_R_TOTAL); }
 
     // A frame that a check refuses with this line.
     void expect_dropped(const frame_t& frame, const std::string& line) {
@@ -223,6 +191,79 @@ TEST_F(recv, every_kind_is_dispatched_and_counted_on_its_port) {
             EXPECT_EQ(counters[QNM_STATS_R_TOTAL], ++total);
         }
     }
+}
+
+// A read that awaits its Completion by port 1, with tag 7.
+struct recv_completion : recv {
+    static constexpr uint64_t k_mac = 0x020000001001;
+    static constexpr frames::completion k_answer = {
+        .tag = 7, .mac = k_mac, .data = {0x01, 0x02, 0x03, 0x04}};
+
+    recv_completion() {
+        EXPECT_EQ(_qnm_cmp_init(), 0);
+        _qnm_set_comp_recv_wait(7, k_mac, 1);
+        logs.clear();
+    }
+
+    ~recv_completion() override { _qnm_cmp_fini(); }
+
+    static int value_of(int tag, uint32_t* value) { return _qnm_get_readreg(tag, value); }
+};
+
+TEST_F(recv_completion, brings_its_value_in_host_order_in_either_arrangement) {
+    for (const bool change_mode : {false, true}) {
+        frames::completion answer = k_answer;
+        answer.vlan_change_mode = change_mode;
+        EXPECT_EQ(receive(frames::build_completion(answer), 1), 0);
+        uint32_t value = 0;
+        EXPECT_EQ(value_of(7, &value), 0);
+        EXPECT_EQ(value, 0x04030201U);
+        _qnm_release_tag(7);
+        _qnm_set_comp_recv_wait(7, k_mac, 1);
+    }
+    EXPECT_EQ(counted(1, QNM_STATS_R_COMP), 2U);
+    EXPECT_EQ(counted(1, QNM_STATS_R_TOTAL), 2U);
+}
+
+TEST_F(recv_completion, is_taken_whatever_its_flow_ids_version_and_info) {
+    frame_t frame = frames::build_completion(k_answer);
+    for (const size_t byte : {19, 20, 21, 22})
+        frame[byte] = 0xEE;
+    EXPECT_EQ(receive(frame, 1), 0);
+    uint32_t value = 0;
+    EXPECT_EQ(value_of(7, &value), 0);
+    EXPECT_EQ(value, 0x04030201U);
+}
+
+TEST_F(recv_completion, is_matched_by_the_port_that_it_came_in_by) {
+    uint32_t value = 0;
+    EXPECT_EQ(receive(frames::build_completion(k_answer), 0), 0);
+    EXPECT_EQ(value_of(7, &value), ENOENT);
+    EXPECT_EQ(counted(0, QNM_STATS_R_COMP), 1U) << "ignored, but a good frame";
+    EXPECT_EQ(receive(frames::build_completion(k_answer), 1), 0);
+    EXPECT_EQ(value_of(7, &value), 0);
+}
+
+TEST_F(recv_completion, is_matched_by_its_source_to_the_last_bit) {
+    frames::completion answer = k_answer;
+    uint32_t value = 0;
+    for (const uint64_t wrong : {k_mac - 1, k_mac ^ 0x800000000000}) {
+        answer.mac = wrong;
+        EXPECT_EQ(receive(frames::build_completion(answer), 1), 0);
+        EXPECT_EQ(value_of(7, &value), ENOENT);
+    }
+}
+
+TEST_F(recv_completion, is_matched_by_its_tag) {
+    frames::completion answer = k_answer;
+    answer.tag = 8;
+    EXPECT_EQ(receive(frames::build_completion(answer), 1), 0);
+    uint32_t value = 0;
+    EXPECT_EQ(value_of(7, &value), ENOENT);
+    qnm_config.tag_max = 200;
+    answer.tag = 201;
+    EXPECT_EQ(receive(frames::build_completion(answer), 1), 0);
+    EXPECT_TRUE(logs.has(k_warn, "_qnm_recv_comp: Invalid tag. tag=201"));
 }
 
 TEST_F(recv, results_of_the_capture_are_told_apart) {
