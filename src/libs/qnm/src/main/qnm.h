@@ -350,13 +350,120 @@ qnm_api_code_t qnm_register_callback(qnm_evt_type_t type, qnm_cbfunc_t cb_func, 
  */
 qnm_api_code_t qnm_unregister_callback(qnm_cbid_t id);
 
-/* ---- Device access parameters ---------------------------------------------------------------- */
+/* ---- Device access --------------------------------------------------------------------------- */
 
-/** Retry parameters of the device calls; a null pointer means the configured defaults. */
+/*
+ * The calls below reach into a card, by frames that it obeys or answers. They work on the caller's
+ * thread and block it: a read sends one frame and waits for the answer, and sends again when none
+ * came in time; what is written is not acknowledged by the card, and is confirmed, when asked for,
+ * by reading it back. A card is reached over the first of its connected paths P0M0, P0M1, P1M0,
+ * P1M1. All calls may be made from any number of threads at once, and from callbacks.
+ *
+ * Register writes and modifications exclude each other on one card within this manager; a register
+ * read may come between them at any time.
+ *
+ * A frame lasts (retry count + 1) x retry interval at most; a live check adds up to four times as
+ * much, with the values configured for it.
+ *
+ * All of them may return, beside what each lists:
+ *
+ *   QNM_API_ENOENT     the card ID is not known
+ *   QNM_API_ENOLINK    no path to the card is connected, or its monitoring is stopped (reading,
+ *                      writing and QNM_FLAG_LIVECHECK: see there)
+ *   QNM_API_EPROTO     a frame could not be sent, all completion tags are in use, or an internal
+ *                      error
+ *   QNM_API_ENOSYS     the manager is not running; a stop ends a call that is under way, too
+ */
+
+/**
+ * Retry parameters of one call; a null pointer means the configured frame_retry_count and
+ * frame_retry_interval.
+ */
 typedef struct qnm_retry {
-    uint32_t er_retry_count;    /**< number of retries after the first try */
-    uint32_t er_retry_interval; /**< milliseconds between tries; 0 is invalid */
+    uint32_t er_retry_count;    /**< number of frames sent again after the first */
+    uint32_t er_retry_interval; /**< milliseconds to wait for each answer; 0 is invalid */
 } qnm_retry_t;
+
+/** Flags of the device calls, to be combined by |. Other bits are ignored. */
+enum {
+    /**
+     * Use a card whose monitoring is stopped, too, or that is connected on no path: look first for
+     * a path on which it answers. Without an answer on any: QNM_API_ENOLINK.
+     */
+    QNM_FLAG_LIVECHECK = 0x1,
+    /** Writing calls: read back what was written, and write again until it holds. */
+    QNM_FLAG_VERIFY = 0x2
+};
+
+/**
+ * Reads one 32-bit register.
+ *
+ * @param id           card ID
+ * @param addr         byte address, a multiple of 4; cards see the low 22 bits
+ * @param data         receives the value; untouched on failure
+ * @param retry_param  may be NULL
+ * @param flags        QNM_FLAG_LIVECHECK
+ * @retval QNM_API_SUCCESS    the value was read
+ * @retval QNM_API_EINVAL     addr is no multiple of 4, data is NULL, or the retry interval is 0
+ * @retval QNM_API_ETIMEDOUT  no answer to any of retry count + 1 frames
+ */
+qnm_api_code_t qnm_read_register(uint64_t id, uint32_t addr, uint32_t* data,
+                                 const qnm_retry_t* retry_param, uint32_t flags);
+
+/**
+ * Writes one 32-bit register. Without QNM_FLAG_VERIFY, success means that the frame was sent.
+ *
+ * @param id           card ID
+ * @param addr         byte address, a multiple of 4; cards see the low 22 bits
+ * @param data         the value
+ * @param retry_param  may be NULL; with QNM_FLAG_VERIFY of each reading back, and how often to
+ *                     write again
+ * @param flags        QNM_FLAG_LIVECHECK, QNM_FLAG_VERIFY
+ * @retval QNM_API_SUCCESS    the value was sent, or with QNM_FLAG_VERIFY read back
+ * @retval QNM_API_EINVAL     addr is no multiple of 4, or the retry interval is 0
+ * @retval QNM_API_ETIMEDOUT  QNM_FLAG_VERIFY: no answer, or another value after retry count + 1
+ *                            writes
+ */
+qnm_api_code_t qnm_write_register(uint64_t id, uint32_t addr, uint32_t data,
+                                  const qnm_retry_t* retry_param, uint32_t flags);
+
+/**
+ * Changes the bits of a register that mask names, and keeps the others. Nothing is written when
+ * they hold the wanted values already.
+ *
+ * @param id           card ID
+ * @param addr         byte address, a multiple of 4; cards see the low 22 bits
+ * @param data         the wanted bits; those outside mask do not matter
+ * @param mask         the bits to change
+ * @param retry_param  may be NULL; as for qnm_write_register()
+ * @param flags        QNM_FLAG_LIVECHECK, QNM_FLAG_VERIFY
+ * @retval QNM_API_SUCCESS    the bits hold, or without QNM_FLAG_VERIFY were sent
+ * @retval QNM_API_EINVAL     addr is no multiple of 4, or the retry interval is 0
+ * @retval QNM_API_ETIMEDOUT  no answer, or QNM_FLAG_VERIFY: other bits after retry count + 1 writes
+ */
+qnm_api_code_t qnm_modify_register(uint64_t id, uint32_t addr, uint32_t data, uint32_t mask,
+                                   const qnm_retry_t* retry_param, uint32_t flags);
+
+/**
+ * Reads the registers from startaddr up to, not including, endaddr.
+ *
+ * @param id           card ID
+ * @param startaddr    a multiple of 4
+ * @param endaddr      a multiple of 4 above startaddr
+ * @param data         the caller's array; its elements are filled in ascending order of address,
+ *                     up to the one that failed
+ * @param len          in: size of the array in bytes, at least endaddr - startaddr; out: bytes
+ *                     read, on every result: a failure tells how far it came, 0 when it came
+ *                     before the first register
+ * @param retry_param  may be NULL
+ * @param flags        QNM_FLAG_LIVECHECK
+ * @retval QNM_API_SUCCESS    all were read
+ * @retval QNM_API_EINVAL     an address, the order of the two or *len does not fit, data or len is
+ *                            NULL, or the retry interval is 0
+ * @retval QNM_API_ETIMEDOUT  a register was not answered
+ */
+qnm_api_code_t qnm_dump_register(uint64_t id, uint32_t startaddr, uint32_t endaddr, uint32_t* data,
+                                 size_t* len, const qnm_retry_t* retry_param, uint32_t flags);
 
 /* ---- Logging and statistics ------------------------------------------------------------------ */
 

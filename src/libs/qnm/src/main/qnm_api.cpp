@@ -1,11 +1,16 @@
-// qnm_api.cpp - the log level, set at start-up and by the host program.
+// qnm_api.cpp - the log level, and the count of calls under way.
+//
+// A stop waits for the calls that are inside the library, so that nothing is taken down under them.
 
 #include "qnm_api.h"
 
 #include "qnm_config.h"
 #include "qnm_log4cxxif.h"
+#include "qnm_util.h"
 
 namespace {
+
+uint32_t calls_inside;
 
 qnm_log_level_t effective_level(qnm_log_level_t log_level) {
     if (log_level != QNM_LOGLVL_NONE) return log_level;
@@ -18,6 +23,24 @@ extern "C" {
 
 void _qnm_set_loglevel(qnm_log_level_t log_level) {
     qnm::store(g_log_level, effective_level(log_level));
+}
+
+int _qnm_enter_call(void) {
+    if (!qnm::is_usable()) return 0;
+    std::atomic_ref<uint32_t>(calls_inside)++;
+    // A stop may have come between, and no longer have seen this call.
+    if (qnm::is_usable()) return 1;
+    _qnm_leave_call();
+    return 0;
+}
+
+void _qnm_leave_call(void) {
+    std::atomic_ref<uint32_t>(calls_inside)--;
+}
+
+void _qnm_wait_calls(void) {
+    while (qnm::load(calls_inside) != 0)
+        _qnm_msleep(1);
 }
 
 qnm_api_code_t qnm_set_loglevel(qnm_log_level_t log_level) {

@@ -4,7 +4,9 @@
 // loop on its caller's thread until a stop is requested; only then does it take everything down
 // again and return. qnm_fini_manager() and a worker with a fatal error merely clear er_fini_flag:
 // the keepalive loop notices it within one devinfo_flag_check_interval, the receive threads and the
-// link watcher are woken through their terminate pipes, the others at their next wake-up.
+// link watcher are woken through their terminate pipes, the others at their next wake-up. Public
+// calls that wait for a card are woken as well, and give up; ports are closed and units finished
+// only when all calls have left the library.
 //
 // Each stage below takes down what it has brought up and returns the result so far, so that a
 // failure anywhere unwinds through the same steps as a normal stop.
@@ -13,12 +15,14 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <iterator>
 
 #include "qnm_api.h"
 #include "qnm_blacklist.h"
+#include "qnm_completion.h"
 #include "qnm_config.h"
 #include "qnm_event_cb.h"
 #include "qnm_linkdown.h"
@@ -38,6 +42,7 @@ namespace {
 constexpr char k_init_name[] = "qnm_init_manager";
 constexpr char k_conf[] = "conf/qnm.conf";
 constexpr size_t k_drain_max = 4096;
+constexpr uint32_t k_sleep_slice_ms = 100;
 
 // 1 = no qnm_init_manager() is in progress.
 uint32_t qnm_initializing_flag = 1;
@@ -54,8 +59,11 @@ struct unit {
 };
 
 constexpr unit k_units[] = {
-    {_qnm_stats_init, _qnm_stats_fini},         {_qnm_qn_init, _qnm_qn_fini},
-    {_qnm_blacklist_init, _qnm_blacklist_fini}, {_qnm_event_cb_init, _qnm_event_cb_fini},
+    {_qnm_stats_init, _qnm_stats_fini},
+    {_qnm_qn_init, _qnm_qn_fini},
+    {_qnm_blacklist_init, _qnm_blacklist_fini},
+    {_qnm_event_cb_init, _qnm_event_cb_fini},
+    {_qnm_cmp_init, _qnm_cmp_fini},
     {_qnm_reg_init, finish_registers},
 };
 
@@ -103,6 +111,7 @@ void stay_running() {
     _qnm_interval_check();
     _qnm_stats_write();
     _qnm_terminate_event_set();
+    _qnm_cmp_wake();
 }
 
 // The event task, the link watcher and the statistics task; then the running manager.
@@ -199,6 +208,7 @@ int run_with_ports() {
     }
     if (!any_open) return err;
     err = run_with_pipes();
+    _qnm_wait_calls();
     for (qnm_port_info_t& port : qnm_root.er_port_info)
         _qnm_socket_close(&port);
     return err;
@@ -302,6 +312,14 @@ void _qnm_terminate_event_set(void) {
          {qnm_terminate_fd_recv[0][1], qnm_terminate_fd_recv[1][1], qnm_terminate_fd_link[1]}) {
         // A full pipe is readable already, which is all that is wanted.
         [[maybe_unused]] const ssize_t written = write(fd, "a", 1);
+    }
+}
+
+void _qnm_sleep_while_running(uint32_t ms) {
+    while (ms != 0 && qnm::is_running()) {
+        const uint32_t slice = std::min(ms, k_sleep_slice_ms);
+        _qnm_msleep(slice);
+        ms -= slice;
     }
 }
 

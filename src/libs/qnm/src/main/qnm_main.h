@@ -36,6 +36,9 @@ void _qnm_fini_manager(void);
 // Wakes the receive threads and the link watcher for the stop.
 void _qnm_terminate_event_set(void);
 
+// Sleeps for ms milliseconds, less when a stop is requested meanwhile.
+void _qnm_sleep_while_running(uint32_t ms);
+
 // What a poll of the terminate pipe found, for the worker func: non-zero when the worker must end.
 // An error on the pipe stops the manager. drain is how much to read; port is named in the log
 // lines unless it is -1.
@@ -45,9 +48,11 @@ int _qnm_terminate_event_check(const char* func, const struct pollfd* pipe, size
 
 namespace qnm {
 
-// Whether public calls are served: start-up is complete and no stop has been requested.
+// Whether public calls are served: start-up is complete and no stop has been requested. The stop is
+// looked at first: a new start takes it back only after er_init_flag, so that a thread which is
+// held up between the two looks over a whole restart is not let in.
 inline bool is_usable() {
-    return load(qnm_root.er_init_flag) != 1 && load(qnm_root.er_fini_flag) != 0;
+    return load(qnm_root.er_fini_flag) != 0 && load(qnm_root.er_init_flag) != 1;
 }
 
 // Whether the workers go on.

@@ -1,4 +1,9 @@
-// qnm_reg_send.cpp - the per-card write locks of register access.
+// qnm_reg_send.cpp - register access, the live check and the per-card write locks.
+//
+// A read sends a frame that carries a tag and waits for the Completion with that tag; when none
+// came in time it sends again, so often as asked for. A card does not answer a write: it is sent
+// once, or with QNM_FLAG_VERIFY read back and sent again until it holds. Reads take no lock, so one
+// may come between another thread's write and its read-back.
 //
 // Every card gets a lock when it is first announced, and keeps it while the manager runs, also when
 // the card is deleted or disconnected, so that a lock that has been looked up stays valid after
@@ -9,8 +14,11 @@
 #include <cerrno>
 #include <new>
 
-#include "qnm.h"
+#include "qnm_completion.h"
+#include "qnm_main.h"
+#include "qnm_qn_info.h"
 #include "qnm_rbtree.h"
+#include "qnm_send_frame.h"
 #include "qnm_stats.h"
 #include "qnm_thread.h"
 
@@ -81,6 +89,129 @@ int on_node(uint64_t id, int (*work)(qnm_mutex_t*)) {
     return 0;
 }
 
+// ---- Register loops -----------------------------------------------------------------------------
+
+// A completion tag for a scope, given back as what became of its frames asks for.
+class tag_guard {
+  public:
+    tag_guard() {
+        if (_qnm_get_tag(&tag_) != 0) tag_ = -1;
+    }
+    ~tag_guard() {
+        if (tag_ != -1) give_back_(tag_);
+    }
+    tag_guard(const tag_guard&) = delete;
+    tag_guard& operator=(const tag_guard&) = delete;
+    int tag() const { return tag_; }
+    void set_unanswered() { give_back_ = _qnm_rest_tag; }
+
+  private:
+    int tag_;
+    int (*give_back_)(int) = _qnm_release_tag;
+};
+
+// Sends a Register Read; the tag is armed before, so that an answer cannot be too early for it, and
+// after, for where the frame really went.
+int send_read(const qnm_com_dev_t* dev, uint32_t addr, int tag) {
+    uint64_t dst_mac = 0;
+    int port = 0;
+    if (_qnm_get_send_path(dev, &dst_mac, &port) == 0) _qnm_set_comp_recv_wait(tag, dst_mac, port);
+    const int err = _qnm_send_regread(dev, addr, static_cast<uint8_t>(tag), &dst_mac, &port);
+    if (err == 0) _qnm_set_comp_recv_wait(tag, dst_mac, port);
+    return err;
+}
+
+int read_with_tag(const qnm_com_dev_t* dev, uint32_t addr, uint32_t* data, uint32_t interval,
+                  uint32_t count, tag_guard& owned) {
+    const int tag = owned.tag();
+    for (uint32_t n = 0;; n++) {
+        int err = send_read(dev, addr, tag);
+        if (err != 0) return err;
+        err = _qnm_sigwait_comp(tag, interval);
+        if (err != 0 && err != ETIMEDOUT) return err;
+        if (!qnm::is_running()) return ENOSYS;
+        err = _qnm_get_readreg(tag, data);
+        if (err != ENOENT) return err;
+        owned.set_unanswered();
+        if (n == count) return ETIMEDOUT;
+    }
+}
+
+// Repeats attempt(), which tells in *holds whether what was written holds, until it does.
+template <typename Attempt>
+int until_it_holds(uint32_t count, Attempt attempt) {
+    for (uint32_t n = 0;; n++) {
+        bool holds = false;
+        const int err = attempt(&holds);
+        if (err != 0 || holds) return err;
+        if (!qnm::is_running()) return ENOSYS;
+        if (n == count) return ETIMEDOUT;
+        _qnm_sleep_while_running(qnm_config.register_verify_interval);
+    }
+}
+
+int write_verified(const char* func, const qnm_com_dev_t* dev, uint32_t addr, uint32_t data,
+                   uint32_t interval, uint32_t count) {
+    return until_it_holds(count, [=](bool* holds) {
+        int err = _qnm_send_regwrite(dev, addr, data);
+        if (err != 0) {
+            qnm_log_error("%s: Failed to _qnm_send_regwrite(). err=%d", func, err);
+            return err;
+        }
+        uint32_t current = 0;
+        err = _qnm_read_register(dev, addr, &current, interval, count);
+        if (err != 0) {
+            qnm_log_trace("%s: Failed to _qnm_read_register() err=%d", func, err);
+            return err;
+        }
+        *holds = current == data;
+        return 0;
+    });
+}
+
+// Only the bits in mask have to hold.
+int modify_verified(const qnm_com_dev_t* dev, uint32_t addr, uint32_t data, uint32_t mask,
+                    uint32_t interval, uint32_t count) {
+    return until_it_holds(count, [=](bool* holds) {
+        uint32_t current = 0;
+        int err = _qnm_write_register(dev, addr, data, interval, count, 0);
+        if (err == 0) err = _qnm_read_register(dev, addr, &current, interval, count);
+        *holds = ((current ^ data) & mask) == 0;
+        return err;
+    });
+}
+
+// ---- Live check ---------------------------------------------------------------------------------
+
+// Whether the card answers over this path, which stays connected in dev unless there is no answer.
+int try_path(qnm_com_dev_t* dev, int port, int path) {
+    uint32_t data = 0;
+    dev->ecd_state[port][path] = 1;
+    const int err = _qnm_read_register(dev, 0, &data, qnm_config.frame_retry_interval_lc,
+                                       qnm_config.frame_retry_count_lc);
+    if (err == ETIMEDOUT) dev->ecd_state[port][path] = 0;
+    return err;
+}
+
+// The paths of one port; 110 when the card answers on none.
+int try_port(qnm_com_dev_t* dev, int port) {
+    if (qnm::load(qnm_root.er_port_info[port].epi_link_state) == 0) return ETIMEDOUT;
+    const int err = try_path(dev, port, 0);
+    return err == ETIMEDOUT && dev->ecd_type != 0 ? try_path(dev, port, 1) : err;
+}
+
+bool is_connected(const qnm_com_dev_t& dev) {
+    const auto& state = dev.ecd_state;
+    return state[0][0] == 1 || state[0][1] == 1 || state[1][0] == 1 || state[1][1] == 1;
+}
+
+void disconnect(qnm_com_dev_t& dev) {
+    for (auto& port : dev.ecd_state) {
+        for (uint32_t& path : port)
+            path = 0;
+    }
+}
+
 }  // namespace
 
 extern "C" {
@@ -140,6 +271,181 @@ void _qnm_destroy_all_reg_lock_node(void) {
     const qnm::mutex_guard lock(qnm_write_reg_lock_mng.wrm_mutex);
     _qnm_rbtree_clear(&qnm_write_reg_lock_mng.wrm_rbtree, destroy_node, nullptr);
     make_map_empty();
+}
+
+// ---- Register loops -----------------------------------------------------------------------------
+
+int _qnm_read_register(const qnm_com_dev_t* dev, uint32_t addr, uint32_t* data, uint32_t interval,
+                       uint32_t count) {
+    int ret = EPROTO;
+    int tag = -1;
+    uint32_t value = 0;
+    {
+        tag_guard owned;
+        tag = owned.tag();
+        if (tag != -1) ret = read_with_tag(dev, addr, &value, interval, count, owned);
+    }
+    if (ret == 0) *data = value;
+    qnm_log_trace("%s: called. ret=%d, id=0x%.12lx, addr=0x%.8X, data=0x%.8X, tag=%d", __func__,
+                  ret, dev->ecd_id, addr, value, tag);
+    return ret;
+}
+
+int _qnm_write_register(const qnm_com_dev_t* dev, uint32_t addr, uint32_t data, uint32_t interval,
+                        uint32_t count, uint32_t flags) {
+    const int ret = (flags & QNM_FLAG_VERIFY) != 0
+                        ? write_verified(__func__, dev, addr, data, interval, count)
+                        : _qnm_send_regwrite(dev, addr, data);
+    qnm_log_trace("%s: called. ret=%d, id=0x%.12lx, addr=0x%.8X, data=0x%.8X, flags=0x%.8X, ",
+                  __func__, ret, dev->ecd_id, addr, data, flags);
+    return ret;
+}
+
+int _qnm_modify_register(const qnm_com_dev_t* dev, uint32_t addr, uint32_t data, uint32_t mask,
+                         uint32_t interval, uint32_t count, uint32_t flags) {
+    uint32_t current = 0;
+    const int err = _qnm_read_register(dev, addr, &current, interval, count);
+    if (err != 0) return err;
+    if ((data & mask) == (current & mask)) return 0;
+    const uint32_t wanted = (data & mask) | (current & ~mask);
+    if ((flags & QNM_FLAG_VERIFY) == 0) {
+        return _qnm_write_register(dev, addr, wanted, interval, count, 0);
+    }
+    return modify_verified(dev, addr, wanted, mask, interval, count);
+}
+
+int _qnm_dump_register(const qnm_com_dev_t* dev, uint32_t start, uint32_t end, uint32_t* data,
+                       size_t* len, uint32_t interval, uint32_t count) {
+    *len = 0;
+    for (uint32_t addr = start; addr < end; addr += sizeof *data) {
+        const int err = _qnm_read_register(dev, addr, data++, interval, count);
+        if (err != 0) return err;
+        *len += sizeof *data;
+    }
+    return 0;
+}
+
+int _qnm_livecheck(qnm_com_dev_t* dev) {
+    if (is_connected(*dev)) return 0;
+    const uint32_t used = qnm_config.use_port_num_linux;
+    int err = ETIMEDOUT;
+    if (used >= 1) err = try_port(dev, 0);
+    if (used >= 2 && err == ETIMEDOUT) err = try_port(dev, 1);
+    return err == ETIMEDOUT ? ENOLINK : err;
+}
+
+// ---- Steps of a device-access call --------------------------------------------------------------
+
+int _qnm_copy_card(uint64_t id, qnm_com_dev_t* dev, uint32_t* ignore_state) {
+    const qnm::table_guard lock;
+    return _qnm_get_qndev_ign(id, dev, ignore_state);
+}
+
+int _qnm_check_ignored(uint32_t ignore_state, uint32_t flags, qnm_com_dev_t* dev) {
+    if (ignore_state != QNM_IGNORE) return 0;
+    if ((flags & QNM_FLAG_LIVECHECK) == 0) return ENOLINK;
+    disconnect(*dev);
+    return 0;
+}
+
+int _qnm_check_alive(const char* func, uint32_t flags, qnm_com_dev_t* dev) {
+    if ((flags & QNM_FLAG_LIVECHECK) == 0) return 0;
+    const int err = _qnm_livecheck(dev);
+    if (err != 0) qnm_log_error("%s: Failed to _qnm_livecheck(). err=%d", func, err);
+    return err;
+}
+
+void _qnm_log_read_entry(const char* func, uint64_t id, uint32_t addr,
+                         const qnm_retry_t* retry_param, uint32_t flags) {
+    qnm_log_info("%s: (IN). id=0x%.12lx, addr=0x%.8X, %s, flags=0x%.8X", func, id, addr,
+                 qnm::retry_text(retry_param).text, flags);
+}
+
+void _qnm_log_write_entry(const char* func, uint64_t id, uint32_t addr, uint32_t data,
+                          const qnm_retry_t* retry_param, uint32_t flags) {
+    qnm_log_info("%s: (IN). id=0x%.12lx, addr=0x%.8X, data=0x%.8X, %s, flags=0x%.8X", func, id,
+                 addr, data, qnm::retry_text(retry_param).text, flags);
+}
+
+void _qnm_log_dump_entry(const char* func, uint64_t id, uint32_t startaddr, uint32_t endaddr,
+                         const qnm_retry_t* retry_param, uint32_t flags) {
+    qnm_log_info("%s: (IN). id=0x%.12lx, startaddr=0x%.8X, endaddr=0x%.8X, %s, flags=0x%.8X", func,
+                 id, startaddr, endaddr, qnm::retry_text(retry_param).text, flags);
+}
+
+// ---- Public calls -------------------------------------------------------------------------------
+
+qnm_api_code_t qnm_read_register(uint64_t id, uint32_t addr, uint32_t* data,
+                                 const qnm_retry_t* retry_param, uint32_t flags) {
+    const char* const name = __func__;
+    return qnm::card_call(
+        name, QNM_STATS_READ_REGISTER, id,
+        [=] { _qnm_log_read_entry(name, id, addr, retry_param, flags); },
+        [=] {
+            if (!qnm::is_aligned(addr) || data == nullptr || !qnm::is_valid(retry_param)) {
+                return EINVAL;
+            }
+            const qnm_retry_t retry = qnm::effective(retry_param);
+            return qnm::on_card(name, id, flags, [=](qnm_com_dev_t* dev) {
+                return _qnm_read_register(dev, addr, data, retry.er_retry_interval,
+                                          retry.er_retry_count);
+            });
+        });
+}
+
+qnm_api_code_t qnm_write_register(uint64_t id, uint32_t addr, uint32_t data,
+                                  const qnm_retry_t* retry_param, uint32_t flags) {
+    const char* const name = __func__;
+    return qnm::card_call(
+        name, QNM_STATS_WRITE_REGISTER, id,
+        [=] { _qnm_log_write_entry(name, id, addr, data, retry_param, flags); },
+        [=] {
+            if (!qnm::is_aligned(addr) || !qnm::is_valid(retry_param)) return EINVAL;
+            const qnm_retry_t retry = qnm::effective(retry_param);
+            return qnm::on_locked_card(name, id, flags, [=](qnm_com_dev_t* dev) {
+                return _qnm_write_register(dev, addr, data, retry.er_retry_interval,
+                                           retry.er_retry_count, flags);
+            });
+        });
+}
+
+qnm_api_code_t qnm_modify_register(uint64_t id, uint32_t addr, uint32_t data, uint32_t mask,
+                                   const qnm_retry_t* retry_param, uint32_t flags) {
+    const char* const name = __func__;
+    return qnm::card_call(
+        name, QNM_STATS_MODIFY_REGISTER, id,
+        [=] {
+            qnm_log_info(
+                "%s: (IN). id=0x%.12lx, addr=0x%.8X, data=0x%.8X, mask=0x%.8X, %s, flags=0x%.8X",
+                name, id, addr, data, mask, qnm::retry_text(retry_param).text, flags);
+        },
+        [=] {
+            if (!qnm::is_aligned(addr) || !qnm::is_valid(retry_param)) return EINVAL;
+            const qnm_retry_t retry = qnm::effective(retry_param);
+            return qnm::on_locked_card(name, id, flags, [=](qnm_com_dev_t* dev) {
+                return _qnm_modify_register(dev, addr, data, mask, retry.er_retry_interval,
+                                            retry.er_retry_count, flags);
+            });
+        });
+}
+
+qnm_api_code_t qnm_dump_register(uint64_t id, uint32_t startaddr, uint32_t endaddr, uint32_t* data,
+                                 size_t* len, const qnm_retry_t* retry_param, uint32_t flags) {
+    const char* const name = __func__;
+    const qnm::dump_room room(len);
+    return qnm::card_call(
+        name, QNM_STATS_DUMP_REGISTER, id,
+        [=] { _qnm_log_dump_entry(name, id, startaddr, endaddr, retry_param, flags); },
+        [=] {
+            if (!qnm::is_valid(startaddr, endaddr, data, room) || !qnm::is_valid(retry_param)) {
+                return EINVAL;
+            }
+            const qnm_retry_t retry = qnm::effective(retry_param);
+            return qnm::on_card(name, id, flags, [=](qnm_com_dev_t* dev) {
+                return _qnm_dump_register(dev, startaddr, endaddr, data, len,
+                                          retry.er_retry_interval, retry.er_retry_count);
+            });
+        });
 }
 
 }  // extern "C"

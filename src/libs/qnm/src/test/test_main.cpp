@@ -1,17 +1,22 @@
 // test_main.cpp - the whole manager on fake ports: starts, failures, stops.
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <numeric>
 #include <thread>
 
 #include "config_file.h"
 #include "fake_netif.h"
 #include "fake_pcap.h"
+#include "frames.h"
 #include "qnm_util.h"
 #include "units.h"
 #include "wait.h"
 
 namespace {
 
+using testing::Each;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsSupersetOf;
@@ -85,10 +90,11 @@ TEST_F(main_unit, units_are_brought_up_in_order_and_taken_down_in_reverse) {
     EXPECT_EQ(stop(), QNM_API_SUCCESS);
     EXPECT_THAT(infos_with(": end. ret=0"),
                 ElementsAre("_qnm_stats_init", "_qnm_qn_init", "_qnm_blacklist_init",
-                            "_qnm_event_cb_init", "_qnm_reg_init"));
-    EXPECT_THAT(infos_with("_fini: end."),
-                ElementsAre("_qnm_reg_fini", "_qnm_event_cb_fini", "_qnm_blacklist_fini",
-                            "_qnm_qn_fini", "_qnm_stats_fini", "_qnm_config_fini"));
+                            "_qnm_event_cb_init", "_qnm_cmp_init", "_qnm_reg_init"));
+    EXPECT_THAT(
+        infos_with("_fini: end."),
+        ElementsAre("_qnm_reg_fini", "_qnm_cmp_fini", "_qnm_event_cb_fini", "_qnm_blacklist_fini",
+                    "_qnm_qn_fini", "_qnm_stats_fini", "_qnm_config_fini"));
     EXPECT_TRUE(logs.has(k_info, "qnm_init_manager: Initialization was completed."));
     EXPECT_THAT(logs.texts("syslogfile", k_info),
                 ElementsAre("Starting QNM LFI", "QNM LFI stopped"));
@@ -289,6 +295,111 @@ TEST_F(main_unit, an_internal_error_ends_the_manager_with_its_code) {
     manager.join();
     EXPECT_EQ(result, QNM_API_EPROTO);
     EXPECT_TRUE(logs.has(k_info, "qnm_init_manager: Internal err is detected. internal_err=71"));
+    expect_restart();
+}
+
+struct sleep_row {
+    uint32_t ms;
+    unsigned slices;  // of at most 100 ms
+};
+
+TEST_F(main_unit, a_long_sleep_is_cut_into_slices) {
+    set_running();
+    for (const sleep_row& row : {sleep_row{0, 0}, {1, 1}, {100, 1}, {101, 2}, {250, 3}}) {
+        std::vector<std::chrono::nanoseconds> slices;
+        fail::on_sleep([&](std::chrono::nanoseconds slice) { slices.push_back(slice); });
+        _qnm_sleep_while_running(row.ms);
+        EXPECT_EQ(slices.size(), row.slices) << row.ms;
+        EXPECT_EQ(std::accumulate(slices.begin(), slices.end(), std::chrono::nanoseconds(0)),
+                  std::chrono::milliseconds(row.ms));
+        EXPECT_THAT(slices, Each(testing::Le(std::chrono::milliseconds(100))));
+    }
+    set_flags(1, 1, 1);
+}
+
+TEST_F(main_unit, a_stop_ends_a_sleep_with_the_slice_under_way) {
+    set_running();
+    unsigned slices = 0;
+    fail::on_sleep([&](std::chrono::nanoseconds) {
+        if (++slices == 2) qnm_fini_manager();
+    });
+    _qnm_sleep_while_running(3'600'000);
+    EXPECT_EQ(slices, 2U);
+    _qnm_sleep_while_running(100);
+    EXPECT_EQ(slices, 2U) << "none at all after a stop";
+    set_flags(1, 1, 1);
+}
+
+// A card that does not answer, announced, and threads inside calls for it.
+struct calls_at_a_stop : main_unit {
+    static constexpr uint64_t k_mac = 0x020000001000;
+    static constexpr qnm_retry_t k_long = {.er_retry_count = 5, .er_retry_interval = 3'600'000};
+
+    uint64_t learn_card() {
+        frames::announcement it;
+        it.mac = k_mac;
+        EXPECT_EQ(qnm_start_manager(), QNM_API_SUCCESS);
+        fake_pcap::push_frame("port0", frames::build(it));
+        uint64_t id = 0;
+        EXPECT_TRUE(wait_until([&] {
+            uint64_t* ids = nullptr;
+            uint32_t num = 0;
+            if (qnm_get_qnsvids(&ids, &num) != QNM_API_SUCCESS || num == 0) return false;
+            id = ids[0];
+            qnm_free_idlist(ids);
+            return true;
+        }));
+        return id;
+    }
+};
+
+TEST_F(calls_at_a_stop, waiting_and_queued_calls_leave_and_the_manager_starts_again) {
+    start();
+    const uint64_t id = learn_card();
+    std::vector<std::thread> callers;
+    callers.emplace_back([id] {
+        uint32_t data = 0;
+        EXPECT_EQ(qnm_read_register(id, 0x10, &data, &k_long, 0), QNM_API_ENOSYS);
+    });
+    // The first holds the card's write lock while it waits, the others queue for it.
+    for (int n = 0; n < 3; n++) {
+        callers.emplace_back(
+            [id] { EXPECT_EQ(qnm_modify_register(id, 0x10, 1, 1, &k_long, 0), QNM_API_ENOSYS); });
+    }
+    EXPECT_TRUE(fake_pcap::wait_sent("port0", 2));
+    EXPECT_TRUE(
+        wait_until([&] { return logs.count_part(k_info, "qnm_modify_register: (IN)") == 3; }));
+    EXPECT_EQ(stop(), QNM_API_SUCCESS);
+    for (std::thread& caller : callers)
+        caller.join();
+    EXPECT_EQ(fake_pcap::sent("port0").size(), 2U) << "nothing is sent after the stop";
+    EXPECT_EQ(logs.count_part(k_info, "register: (OUT) ret=9, id="), 4U);
+    const std::vector<log_line> lines = logs.lines();
+    const auto is_exit = [](const log_line& line) {
+        return line.text.find("register: (OUT)") != std::string::npos;
+    };
+    const auto last_exit = std::find_if(lines.rbegin(), lines.rend(), is_exit);
+    EXPECT_TRUE(std::none_of(last_exit, lines.rend(), [](const log_line& line) {
+        return line.text.ends_with("_fini: start.");
+    })) << "no unit is finished under a call";
+    expect_restart();
+}
+
+TEST_F(calls_at_a_stop, a_call_from_inside_a_callback_leaves_as_well) {
+    start();
+    std::atomic<int> ret = -1;
+    qnm_cbid_t registration = nullptr;
+    const auto read = [](uint64_t id, qnm_evt_type_t, void* out) {
+        uint32_t data = 0;
+        *static_cast<std::atomic<int>*>(out) = qnm_read_register(id, 0x10, &data, &k_long, 0);
+    };
+    EXPECT_EQ(qnm_register_callback(QNM_EVT_NEWDEVINFO, read, &ret, &registration),
+              QNM_API_SUCCESS);
+    learn_card();
+    EXPECT_TRUE(fake_pcap::wait_sent("port0", 1));
+    EXPECT_EQ(ret, -1) << "it waits for the card";
+    EXPECT_EQ(stop(), QNM_API_SUCCESS);
+    EXPECT_EQ(ret, QNM_API_ENOSYS);
     expect_restart();
 }
 
