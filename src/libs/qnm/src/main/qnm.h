@@ -359,8 +359,8 @@ qnm_api_code_t qnm_unregister_callback(qnm_cbid_t id);
  * by reading it back. A card is reached over the first of its connected paths P0M0, P0M1, P1M0,
  * P1M1. All calls may be made from any number of threads at once, and from callbacks.
  *
- * Register writes and modifications exclude each other on one card within this manager; a register
- * read may come between them at any time.
+ * Register writes and modifications, and all EEPROM calls but qnm_unlock_eeprom(), exclude each
+ * other on one card within this manager; a register read may come between them at any time.
  *
  * A frame lasts (retry count + 1) x retry interval at most; a live check adds up to four times as
  * much, with the values configured for it.
@@ -392,7 +392,9 @@ enum {
      */
     QNM_FLAG_LIVECHECK = 0x1,
     /** Writing calls: read back what was written, and write again until it holds. */
-    QNM_FLAG_VERIFY = 0x2
+    QNM_FLAG_VERIFY = 0x2,
+    /** EEPROM calls: take the card's EEPROM lock away from another party that keeps it. */
+    QNM_FLAG_FORCELOCK = 0x4
 };
 
 /**
@@ -464,6 +466,86 @@ qnm_api_code_t qnm_modify_register(uint64_t id, uint32_t addr, uint32_t data, ui
  */
 qnm_api_code_t qnm_dump_register(uint64_t id, uint32_t startaddr, uint32_t endaddr, uint32_t* data,
                                  size_t* len, const qnm_retry_t* retry_param, uint32_t flags);
+
+/*
+ * EEPROM calls reach the card's 2048 bytes through registers that it shares among several parties,
+ * so each word is accessed under a lock that the card keeps. A word takes milliseconds when all
+ * goes well; a lock that another party holds is waited for some seconds, and one that has to be
+ * taken by force can take a minute (see the eeprom_ keys of the configuration). retry_param, which
+ * may be NULL, holds for every register frame, and its count for the attempts at a word, too.
+ *
+ * When the manager is stopped during such a call, the card may be left locked, until the next
+ * EEPROM access by any manager of this library.
+ */
+
+/**
+ * Reads one 32-bit word of the EEPROM.
+ *
+ * @param id           card ID
+ * @param addr         byte address, a multiple of 4, at most 2044
+ * @param data         receives the word; untouched on failure
+ * @param retry_param  may be NULL
+ * @param flags        QNM_FLAG_LIVECHECK, QNM_FLAG_FORCELOCK
+ * @retval QNM_API_SUCCESS    the word was read
+ * @retval QNM_API_EINVAL     addr is no multiple of 4 or above 2044, data is NULL, or the retry
+ *                            interval is 0
+ * @retval QNM_API_EBUSY      another party keeps the lock
+ * @retval QNM_API_ETIMEDOUT  no answer, or the EEPROM did not get ready, or the card did not take
+ *                            the request for its lock, or the lock could not be had by force
+ * @retval QNM_API_EPROTO     the card refused the access
+ */
+qnm_api_code_t qnm_read_eeprom(uint64_t id, uint32_t addr, uint32_t* data,
+                               const qnm_retry_t* retry_param, uint32_t flags);
+
+/**
+ * Writes one 32-bit word of the EEPROM.
+ *
+ * @param id           card ID
+ * @param addr         byte address, a multiple of 4, at most 2044
+ * @param data         the word
+ * @param retry_param  may be NULL
+ * @param flags        QNM_FLAG_LIVECHECK, QNM_FLAG_VERIFY, QNM_FLAG_FORCELOCK
+ * @retval QNM_API_SUCCESS    the card reported the write complete, or with QNM_FLAG_VERIFY the word
+ *                            was read back
+ * @retval QNM_API_EINVAL     addr is no multiple of 4 or above 2044, or the retry interval is 0
+ * @retval QNM_API_EBUSY      another party keeps the lock
+ * @retval QNM_API_ETIMEDOUT  as for qnm_read_eeprom(), or with QNM_FLAG_VERIFY another word was
+ *                            read back after every attempt
+ * @retval QNM_API_EPROTO     the card refused the access
+ */
+qnm_api_code_t qnm_write_eeprom(uint64_t id, uint32_t addr, uint32_t data,
+                                const qnm_retry_t* retry_param, uint32_t flags);
+
+/**
+ * Reads the EEPROM words from startaddr up to, not including, endaddr. The EEPROM lock is taken and
+ * released for every word, so that other parties come to their turn.
+ *
+ * @param id           card ID
+ * @param startaddr    a multiple of 4, at most 2044
+ * @param endaddr      a multiple of 4 above startaddr, at most 2048
+ * @param data         the caller's array; its elements are filled in ascending order of address
+ * @param len          as for qnm_dump_register()
+ * @param retry_param  may be NULL
+ * @param flags        QNM_FLAG_LIVECHECK, QNM_FLAG_FORCELOCK
+ * @retval QNM_API_SUCCESS    all words were read
+ * @retval QNM_API_EINVAL     an address, the order of the two or *len does not fit, data or len is
+ *                            NULL, or the retry interval is 0
+ * @return otherwise as qnm_read_eeprom(), for the first word that failed
+ */
+qnm_api_code_t qnm_dump_eeprom(uint64_t id, uint32_t startaddr, uint32_t endaddr, uint32_t* data,
+                               size_t* len, const qnm_retry_t* retry_param, uint32_t flags);
+
+/**
+ * Frees a card's EEPROM lock that another party holds, for one that has gone without releasing it.
+ * Uses the configured retry parameters and waits for no other call: an EEPROM call of this manager
+ * that is under way on the same card may fail by it. A card whose monitoring is stopped is refused
+ * with QNM_API_ENOLINK.
+ *
+ * @param id  card ID
+ * @retval QNM_API_SUCCESS    no other party holds the lock
+ * @retval QNM_API_ETIMEDOUT  no answer, or the lock was kept
+ */
+qnm_api_code_t qnm_unlock_eeprom(uint64_t id);
 
 /* ---- Logging and statistics ------------------------------------------------------------------ */
 

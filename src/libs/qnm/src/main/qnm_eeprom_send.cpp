@@ -1,0 +1,608 @@
+// qnm_eeprom_send.cpp - EEPROM access through the card's EEPROM registers.
+//
+// A card's 2048 bytes are reached by an address, a control/status and two data registers, which
+// several hosts and the card itself share; so every word is read or written under a lock that the
+// card keeps. A card offers one of two locks, told by its lock type register: a register with one
+// bit per party, or a grant of one ID at a time. With QNM_FLAG_FORCELOCK a lock that another party
+// keeps is taken away from it, so often as configured.
+//
+// Everything here is register access, and each step may fail by itself. 71 and 38 (a stop) end
+// every loop at once; any other failure is a failed attempt, and attempts are counted.
+
+#include "qnm_eeprom_send.h"
+
+#include <cerrno>
+
+#include "qnm_config.h"
+#include "qnm_main.h"
+#include "qnm_reg_send.h"
+
+namespace {
+
+constexpr uint32_t k_size = 2048;
+constexpr uint32_t k_last_word = k_size - sizeof(uint32_t);
+
+// Registers of the EEPROM itself, for 1G/10G cards and for 40G cards.
+struct eeprom_registers {
+    uint32_t control;
+    uint32_t address;
+    uint32_t read_data;
+    uint32_t write_data;
+};
+
+constexpr eeprom_registers k_registers[] = {
+    {0x5010, 0x5014, 0x5018, 0x501C},
+    {0x40, 0x44, 0x48, 0x4C},
+};
+
+// Registers of its locks.
+constexpr uint32_t k_bit_lock = 0x50F0;
+constexpr uint32_t k_id_request = 0x5200;  // written: an ID that asks; read: the ID that holds
+constexpr uint32_t k_id_unlock = 0x5204;
+constexpr uint32_t k_id_status = 0x5208;
+constexpr uint32_t k_lock_type = 0x520C;
+
+constexpr uint32_t k_command_read = 0x80000001;
+constexpr uint32_t k_command_write = 0x80000003;
+constexpr uint32_t k_command_none = 0;
+constexpr uint32_t k_own_bit = 0x4;
+constexpr uint32_t k_own_id = 4;
+constexpr uint32_t k_all_ids = 0xFFFF;
+constexpr uint32_t k_id_lock_offered = 0x1;
+
+bool is_ready(uint32_t status) {
+    return (status & 0x40000001) == 0x40000000;
+}
+
+bool is_complete(uint32_t status) {
+    return (status & 0x10000001) == 0x10000000;
+}
+
+bool is_refused(uint32_t status) {
+    return (status & 0x30000000) == 0x30000000;
+}
+
+uint32_t packed(uint32_t addr) {
+    return (addr & 0xF00) << 8 | (addr & 0xFF);
+}
+
+// What ends every loop.
+bool is_final(int err) {
+    return err == EPROTO || err == ENOSYS;
+}
+
+// ---- Register access of one call ----------------------------------------------------------------
+
+struct card_access {
+    qnm_com_dev_t* dev;
+    uint32_t interval;
+    uint32_t count;
+};
+
+card_access access_of(qnm_com_dev_t* dev, const qnm_retry_t& retry) {
+    return {dev, retry.er_retry_interval, retry.er_retry_count};
+}
+
+const eeprom_registers& registers_of(const card_access& card) {
+    return k_registers[card.dev->ecd_type == 0 ? 0 : 1];
+}
+
+int read_register(const card_access& card, uint32_t addr, uint32_t* data) {
+    return _qnm_read_register(card.dev, addr, data, card.interval, card.count);
+}
+
+int write_register(const card_access& card, uint32_t addr, uint32_t data, uint32_t flags = 0) {
+    return _qnm_write_register(card.dev, addr, data, card.interval, card.count, flags);
+}
+
+int clear_bits(const card_access& card, uint32_t addr, uint32_t mask) {
+    return _qnm_modify_register(card.dev, addr, 0, mask, card.interval, card.count,
+                                QNM_FLAG_VERIFY);
+}
+
+// When to sleep between attempts.
+enum class pause_after {
+    any_failure,
+    refusal,  // 11 and 16, an answer of the card; a failed register access has taken its own time
+};
+
+// Makes attempts until one succeeds or ends every loop, at most retries + 1. The last one's error.
+template <typename Attempt>
+int repeat(uint32_t retries, uint32_t interval, pause_after pause, Attempt attempt) {
+    int err = 0;
+    for (uint64_t n = 0; n <= retries; n++) {
+        if (!qnm::is_running()) return ENOSYS;
+        err = attempt();
+        if (err == 0 || is_final(err)) return err;
+        if (pause == pause_after::any_failure || err == EAGAIN || err == EBUSY) {
+            _qnm_sleep_while_running(interval);
+        }
+    }
+    return qnm::is_running() ? err : ENOSYS;
+}
+
+// The result of attempts of which the last failure does not matter.
+int or_timed_out(int err) {
+    return err == 0 || is_final(err) ? err : ETIMEDOUT;
+}
+
+// Attempts at a lock, as configured.
+template <typename Attempt>
+int repeat_lock(pause_after pause, Attempt attempt) {
+    return repeat(qnm_config.eeprom_retry_count, qnm_config.eeprom_retry_interval, pause, attempt);
+}
+
+// ---- Lock by bits -------------------------------------------------------------------------------
+
+int _qnm_unlock_eeprom(const card_access& card) {
+    return clear_bits(card, k_bit_lock, k_own_bit);
+}
+
+int _qnm_unlock_eeprom_impl(const card_access& card) {
+    return clear_bits(card, k_bit_lock, qnm_config.eeprom_lock_other_bit);
+}
+
+// Watches the lock register for a while after it was written, as another party may have written at
+// the same time: 16 when it changed. *bits is what was read last.
+int confirm_bit(const card_access& card, uint32_t written, uint32_t* bits) {
+    for (uint32_t n = 0; n < qnm_config.eeprom_verify_count; n++) {
+        _qnm_sleep_while_running(qnm_config.eeprom_verify_interval);
+        if (!qnm::is_running()) return ENOSYS;
+        const int err = read_register(card, k_bit_lock, bits);
+        if (err != 0) return err;
+        if (*bits != written) return EBUSY;
+    }
+    return 0;
+}
+
+// One attempt: 16 while another party holds the lock. A bit that cannot be confirmed is withdrawn.
+int _qnm_lock_eeprom_impl(const card_access& card) {
+    uint32_t bits = 0;
+    int err = read_register(card, k_bit_lock, &bits);
+    if (err != 0) return err;
+    if ((bits & qnm_config.eeprom_lock_other_bit) != 0) return EBUSY;
+    if ((bits & k_own_bit) != 0) return 0;
+    bits |= k_own_bit;
+    err = write_register(card, k_bit_lock, bits, QNM_FLAG_VERIFY);
+    if (err != 0) return err;
+    err = confirm_bit(card, bits, &bits);
+    if (err == 0 || is_final(err) || (bits & k_own_bit) == 0) return err;
+    const int release_err = _qnm_unlock_eeprom(card);
+    if (release_err == 0) return err;
+    qnm_log_trace("%s: Failed to _qnm_unlock_eeprom(). err=%d", __func__, release_err);
+    return is_final(release_err) ? release_err : err;
+}
+
+// ---- Lock by ID ---------------------------------------------------------------------------------
+
+// Asks for the lock until the card has noted the request.
+int request_id(const card_access& card) {
+    return or_timed_out(repeat_lock(pause_after::refusal, [&] {
+        uint32_t granted = 0;
+        int err = write_register(card, k_id_request, k_own_id);
+        if (err == 0) err = read_register(card, k_id_status, &granted);
+        if (err != 0) return err;
+        return (granted & k_own_id) != 0 ? 0 : EAGAIN;
+    }));
+}
+
+// Waits until the card names this host as the holder: 16 when it names another one in the end.
+int await_holder(const card_access& card, uint32_t* holder) {
+    return repeat_lock(pause_after::any_failure, [&] {
+        const int err = read_register(card, k_id_request, holder);
+        if (err != 0) return err;
+        return *holder == k_own_id ? 0 : EBUSY;
+    });
+}
+
+// One attempt to release IDs: 11 while any of them still stands.
+int _qnm_unlock_eeprom_id_impl(const card_access& card, uint32_t ids) {
+    if (ids == 0) return 0;
+    uint32_t granted = 0;
+    int err = write_register(card, k_id_unlock, ids);
+    if (err == 0) err = read_register(card, k_id_status, &granted);
+    if (err != 0) return err;
+    return (granted & ids) == 0 ? 0 : EAGAIN;
+}
+
+int _qnm_unlock_eeprom_id(const card_access& card, uint32_t ids) {
+    return or_timed_out(
+        repeat_lock(pause_after::refusal, [&] { return _qnm_unlock_eeprom_id_impl(card, ids); }));
+}
+
+// Waits to become the holder; by force, takes the lock away from whoever is.
+int _qnm_lock_check_id(const card_access& card, uint32_t flags) {
+    for (uint32_t forced = 0;; forced++) {
+        uint32_t holder = 0;
+        int err = await_holder(card, &holder);
+        if (err == 0 || is_final(err)) return err;
+        if (err != EBUSY) {
+            qnm_log_trace("%s: Failed to _qnm_read_register(). err=%d", __func__, err);
+            return err;
+        }
+        if ((flags & QNM_FLAG_FORCELOCK) == 0) {
+            qnm_log_trace("%s: Other have acquired the lock.", __func__);
+            return EBUSY;
+        }
+        if (forced == qnm_config.force_lock_try_count) {
+            qnm_log_warn("%s: EEPROM access forcelock mode retry timedout.", __func__);
+            return ETIMEDOUT;
+        }
+        err = _qnm_unlock_eeprom_id(card, holder);
+        if (is_final(err)) return err;
+    }
+}
+
+// ---- The lock that a card offers ----------------------------------------------------------------
+
+int take_bit(const card_access& card, uint32_t flags) {
+    return _qnm_lock_eeprom(card.dev, card.interval, card.count, flags);
+}
+
+int take_id(const card_access& card, uint32_t flags) {
+    return _qnm_lock_eeprom_id(card.dev, card.interval, card.count, flags);
+}
+
+int release_own_id(const card_access& card) {
+    return _qnm_unlock_eeprom_id(card, k_own_id);
+}
+
+int release_all_ids(const card_access& card) {
+    return _qnm_unlock_eeprom_id(card, k_all_ids);
+}
+
+// A step with a lock, and how the log names it when it fails.
+template <typename... Args>
+struct lock_step {
+    int (*run)(const card_access& card, Args... args);
+    const char* name;
+};
+
+struct eeprom_lock {
+    lock_step<uint32_t> take;  // told the call's flags
+    lock_step<> release;
+    lock_step<> free;  // from the other parties
+};
+
+constexpr eeprom_lock k_lock_by_bits = {{take_bit, "_qnm_lock_eeprom"},
+                                        {_qnm_unlock_eeprom, "_qnm_unlock_eeprom"},
+                                        {_qnm_unlock_eeprom_impl, "_qnm_unlock_eeprom_impl"}};
+constexpr eeprom_lock k_lock_by_id = {{take_id, "_qnm_lock_eeprom_id"},
+                                      {release_own_id, "_qnm_unlock_eeprom_id"},
+                                      {release_all_ids, "_qnm_unlock_eeprom_id"}};
+
+void log_failure(const char* func, const char* failed, int err) {
+    qnm_log_error("%s: Failed to %s(). err=%d", func, failed, err);
+}
+
+int _qnm_get_locktype(const char* func, const card_access& card, const eeprom_lock** lock) {
+    uint32_t type = 0;
+    const int err = read_register(card, k_lock_type, &type);
+    if (err != 0) log_failure(func, __func__, err);
+    *lock = (type & k_id_lock_offered) != 0 ? &k_lock_by_id : &k_lock_by_bits;
+    return err;
+}
+
+// A card's EEPROM lock for a scope. release() gives it back early and tells how that went.
+class eeprom_lock_guard {
+  public:
+    eeprom_lock_guard(const card_access& card, const eeprom_lock& lock, uint32_t flags)
+        : card_(card), lock_(lock), err_(lock.take.run(card, flags)), held_(err_ == 0) {}
+    ~eeprom_lock_guard() { release(); }
+    eeprom_lock_guard(const eeprom_lock_guard&) = delete;
+    eeprom_lock_guard& operator=(const eeprom_lock_guard&) = delete;
+    int err() const { return err_; }
+    int release() {
+        if (!held_) return 0;
+        held_ = false;
+        return lock_.release.run(card_);
+    }
+
+  private:
+    const card_access& card_;
+    const eeprom_lock& lock_;
+    const int err_;
+    bool held_;
+};
+
+// ---- Words --------------------------------------------------------------------------------------
+
+// Polls the status until a command is complete: 13 when the card refuses it, 11 when it takes too
+// long.
+int await_completion(const char* func, const card_access& card) {
+    for (uint32_t k = 0;; k++) {
+        if (!qnm::is_running()) return ENOSYS;
+        uint32_t status = 0;
+        _qnm_sleep_while_running(qnm_config.eeprom_check_interval);
+        const int err = read_register(card, registers_of(card).control, &status);
+        if (err != 0) return is_final(err) ? err : EAGAIN;
+        if (is_refused(status)) return EACCES;
+        if (is_complete(status)) {
+            qnm_log_debug("%s: EEPROM access complete. count:%d", func, static_cast<int>(k));
+            return 0;
+        }
+        if (k + 1 > qnm_config.eeprom_check_retry_count) return EAGAIN;
+    }
+}
+
+int _check_access(const card_access& card, uint32_t address, uint32_t command) {
+    const eeprom_registers& registers = registers_of(card);
+    int err = write_register(card, registers.address, address, QNM_FLAG_VERIFY);
+    if (err == 0) err = write_register(card, registers.control, command);
+    if (err != 0) return is_final(err) ? err : EAGAIN;
+    return await_completion(__func__, card);
+}
+
+// Issues a command for the word at addr, in the form of the address that the card takes: 13 when it
+// takes none.
+int issue(const char* func, const card_access& card, uint32_t addr, uint32_t command) {
+    int err = EACCES;
+    if (card.dev->ecd_type == 0 && qnm_config.eeprom_type == 0) {
+        err = _check_access(card, packed(addr), command);
+    }
+    if (err != EACCES) return err;
+    err = _check_access(card, addr, command);
+    if (err == EACCES) qnm_log_info("%s: Failed to _check_access(). err=%d", func, err);
+    return err;
+}
+
+// Puts the EEPROM to rest and tells whether it is ready again.
+int rest(const char* func, const card_access& card, bool* ready) {
+    uint32_t status = 0;
+    *ready = false;
+    int err = write_register(card, registers_of(card).control, k_command_none);
+    if (err != 0) {
+        qnm_log_trace("%s: Failed to _qnm_write_register(). err=%d", func, err);
+        if (is_final(err)) return err;
+    }
+    err = read_register(card, registers_of(card).control, &status);
+    if (err != 0) {
+        qnm_log_trace("%s: Failed to _qnm_read_register(). err=%d", func, err);
+        return is_final(err) ? err : 0;
+    }
+    *ready = is_ready(status);
+    return 0;
+}
+
+// What became of an attempt on a word.
+struct attempt {
+    int err;     // of the work: 0, 13 when the card refused it, 11
+    bool ready;  // whether the EEPROM was ready afterwards
+};
+
+// Does work() while the EEPROM is ready for it. Returns what ends every loop, or 0.
+template <typename Work>
+int try_word(const char* func, const card_access& card, attempt* made, Work work) {
+    uint32_t status = 0;
+    made->err = EAGAIN;
+    const int err = read_register(card, registers_of(card).control, &status);
+    if (err != 0) {
+        qnm_log_trace("%s: Failed to _qnm_read_register() of access check. err=%d", func, err);
+        if (is_final(err)) return err;
+    } else if (is_ready(status)) {
+        made->err = work();
+        if (is_final(made->err)) return made->err;
+    }
+    return rest(func, card, &made->ready);
+}
+
+int try_read(const char* func, const card_access& card, uint32_t addr, uint32_t* word,
+             attempt* made) {
+    return try_word(func, card, made, [&] {
+        int err = issue(func, card, addr, k_command_read);
+        if (err != 0) return err;
+        err = read_register(card, registers_of(card).read_data, word);
+        if (err != 0) {
+            qnm_log_trace("%s: Failed to _qnm_read_register() of getting EEPROM data. err=%d", func,
+                          err);
+        }
+        return err;
+    });
+}
+
+// 0 when the card reported the write complete; 71 when it refused it; 11.
+int _qnm_write_eeprom_impl(const card_access& card, uint32_t addr, uint32_t data) {
+    const char* const func = __func__;
+    attempt made;
+    const int err = try_word(func, card, &made, [&] {
+        const int set_err =
+            write_register(card, registers_of(card).write_data, data, QNM_FLAG_VERIFY);
+        if (set_err == 0) return issue(func, card, addr, k_command_write);
+        qnm_log_trace("%s: Failed to _qnm_write_register() of setting data. err=%d", func, set_err);
+        return set_err;
+    });
+    if (err != 0 || made.err == 0) return err;
+    return made.err == EACCES ? EPROTO : EAGAIN;
+}
+
+// Writes a word and, where asked for, reads it back; 11 when it is another one.
+int write_word(const card_access& card, uint32_t addr, uint32_t data, uint32_t flags) {
+    int err = _qnm_write_eeprom_impl(card, addr, data);
+    if (err != 0 || (flags & QNM_FLAG_VERIFY) == 0) return err;
+    uint32_t word = 0;
+    err = _qnm_read_eeprom(card.dev, addr, &word, card.interval, card.count);
+    if (err != 0) return err;
+    return word == data ? 0 : EAGAIN;
+}
+
+// A word access that is valid, on a card that is in reach, under both locks.
+template <typename Work>
+int access_word(const char* func, uint64_t id, uint32_t addr, const qnm_retry_t* retry_param,
+                uint32_t flags, const char* work_name, Work work) {
+    if (addr > k_last_word || !qnm::is_aligned(addr) || !qnm::is_valid(retry_param)) return EINVAL;
+    return qnm::on_locked_card(func, id, flags, [&](qnm_com_dev_t* dev) {
+        const card_access card = access_of(dev, qnm::effective(retry_param));
+        const eeprom_lock* lock = nullptr;
+        const int type_err = _qnm_get_locktype(func, card, &lock);
+        if (type_err != 0) return type_err;
+        eeprom_lock_guard held(card, *lock, flags);
+        if (held.err() != 0) {
+            log_failure(func, lock->take.name, held.err());
+            return held.err();
+        }
+        const int err = work(card);
+        if (err != 0) log_failure(func, work_name, err);
+        const int release_err = held.release();
+        if (release_err != 0) log_failure(func, lock->release.name, release_err);
+        return err;
+    });
+}
+
+}  // namespace
+
+extern "C" {
+
+int _qnm_lock_eeprom(qnm_com_dev_t* dev, uint32_t interval, uint32_t count, uint32_t flags) {
+    const card_access card = {dev, interval, count};
+    const char* const func = __func__;
+    const auto log_attempt = [=](int err) {
+        qnm_log_trace("%s: Failed to _qnm_lock_eeprom_impl(). err=%d", func, err);
+    };
+    for (uint32_t forced = 0;; forced++) {
+        int err = repeat_lock(pause_after::refusal, [&] {
+            const int attempt_err = _qnm_lock_eeprom_impl(card);
+            if (is_final(attempt_err)) log_attempt(attempt_err);
+            return attempt_err;
+        });
+        if (err == 0 || is_final(err)) return err;
+        if ((flags & QNM_FLAG_FORCELOCK) == 0) {
+            log_attempt(err);
+            return err;
+        }
+        if (forced == qnm_config.force_lock_try_count) {
+            qnm_log_warn("%s: EEPROM access forcelock mode retry timedout.", func);
+            return ETIMEDOUT;
+        }
+        err = _qnm_unlock_eeprom_impl(card);
+        if (err != 0) {
+            qnm_log_trace("%s: Failed to _qnm_modify_register(). ret=%d", func, err);
+            return err;
+        }
+    }
+}
+
+int _qnm_lock_eeprom_id(qnm_com_dev_t* dev, uint32_t interval, uint32_t count, uint32_t flags) {
+    const card_access card = {dev, interval, count};
+    int err = request_id(card);
+    if (err != 0) return err;
+    err = _qnm_lock_check_id(card, flags);
+    if (err == 0) return 0;
+    const int release_err = release_own_id(card);
+    if (release_err != 0) {
+        qnm_log_trace("%s: Failed to _qnm_unlock_eeprom_id(). err=%d", __func__, release_err);
+    }
+    return err;
+}
+
+int _qnm_read_eeprom(qnm_com_dev_t* dev, uint32_t addr, uint32_t* data, uint32_t interval,
+                     uint32_t count) {
+    const card_access card = {dev, interval, count};
+    const char* const func = __func__;
+    return or_timed_out(repeat(count, qnm_config.eeprom_rw_interval, pause_after::any_failure, [&] {
+        uint32_t word = 0;
+        attempt made;
+        const int err = try_read(func, card, addr, &word, &made);
+        if (err != 0) return err;
+        if (made.ready && made.err == EACCES) return EPROTO;
+        if (!made.ready || made.err != 0) return EAGAIN;
+        *data = word;
+        return 0;
+    }));
+}
+
+int _qnm_write_eeprom(qnm_com_dev_t* dev, uint32_t addr, uint32_t data, uint32_t interval,
+                      uint32_t count, uint32_t flags) {
+    const card_access card = {dev, interval, count};
+    return or_timed_out(repeat(count, qnm_config.eeprom_rw_interval, pause_after::any_failure,
+                               [&] { return write_word(card, addr, data, flags); }));
+}
+
+int _qnm_dump_eeprom(qnm_com_dev_t* dev, uint32_t start, uint32_t end, uint32_t* data, size_t* len,
+                     uint32_t interval, uint32_t count, uint32_t flags) {
+    const card_access card = {dev, interval, count};
+    const eeprom_lock* lock = nullptr;
+    *len = 0;
+    int err = _qnm_get_locktype(__func__, card, &lock);
+    for (uint32_t addr = start; addr < end && err == 0; addr += sizeof *data) {
+        eeprom_lock_guard held(card, *lock, flags);
+        err = held.err();
+        if (err == 0) err = _qnm_read_eeprom(dev, addr, data++, interval, count);
+        if (err != 0) break;
+        *len += sizeof *data;
+        err = held.release();
+    }
+    return err;
+}
+
+qnm_api_code_t qnm_read_eeprom(uint64_t id, uint32_t addr, uint32_t* data,
+                               const qnm_retry_t* retry_param, uint32_t flags) {
+    const char* const name = __func__;
+    return qnm::card_call(
+        name, QNM_STATS_READ_EEPROM, id,
+        [=] { _qnm_log_read_entry(name, id, addr, retry_param, flags); },
+        [=] {
+            if (data == nullptr) return EINVAL;
+            return access_word(name, id, addr, retry_param, flags, "_qnm_read_eeprom",
+                               [=](const card_access& card) {
+                                   return _qnm_read_eeprom(card.dev, addr, data, card.interval,
+                                                           card.count);
+                               });
+        });
+}
+
+qnm_api_code_t qnm_write_eeprom(uint64_t id, uint32_t addr, uint32_t data,
+                                const qnm_retry_t* retry_param, uint32_t flags) {
+    const char* const name = __func__;
+    return qnm::card_call(
+        name, QNM_STATS_WRITE_EEPROM, id,
+        [=] { _qnm_log_write_entry(name, id, addr, data, retry_param, flags); },
+        [=] {
+            return access_word(name, id, addr, retry_param, flags, "_qnm_write_eeprom",
+                               [=](const card_access& card) {
+                                   return _qnm_write_eeprom(card.dev, addr, data, card.interval,
+                                                            card.count, flags);
+                               });
+        });
+}
+
+qnm_api_code_t qnm_dump_eeprom(uint64_t id, uint32_t startaddr, uint32_t endaddr, uint32_t* data,
+                               size_t* len, const qnm_retry_t* retry_param, uint32_t flags) {
+    const char* const name = __func__;
+    const qnm::dump_room room(len);
+    return qnm::card_call(
+        name, QNM_STATS_DUMP_EEPROM, id,
+        [=] { _qnm_log_dump_entry(name, id, startaddr, endaddr, retry_param, flags); },
+        [=] {
+            if (endaddr > k_size || !qnm::is_valid(startaddr, endaddr, data, room) ||
+                !qnm::is_valid(retry_param)) {
+                return EINVAL;
+            }
+            return qnm::on_locked_card(name, id, flags, [=](qnm_com_dev_t* dev) {
+                const card_access card = access_of(dev, qnm::effective(retry_param));
+                const int err = _qnm_dump_eeprom(dev, startaddr, endaddr, data, len, card.interval,
+                                                 card.count, flags);
+                if (err != 0) log_failure(name, "_qnm_dump_eeprom", err);
+                return err;
+            });
+        });
+}
+
+qnm_api_code_t qnm_unlock_eeprom(uint64_t id) {
+    const char* const name = __func__;
+    return qnm::card_call(
+        name, QNM_STATS_UNLOCK_EEPROM, id, [=] { qnm_log_info("%s: (IN) id=0x%.12lx", name, id); },
+        [=] {
+            // Without flags: a card whose monitoring is stopped is refused.
+            return qnm::on_copy(id, 0, [=](qnm_com_dev_t* dev) {
+                const card_access card = access_of(dev, qnm::effective(nullptr));
+                const eeprom_lock* lock = nullptr;
+                int err = _qnm_get_locktype(name, card, &lock);
+                if (err != 0) return err;
+                err = lock->free.run(card);
+                if (err != 0) log_failure(name, lock->free.name, err);
+                return err;
+            });
+        });
+}
+
+}  // extern "C"
