@@ -547,6 +547,48 @@ qnm_api_code_t qnm_dump_eeprom(uint64_t id, uint32_t startaddr, uint32_t endaddr
  */
 qnm_api_code_t qnm_unlock_eeprom(uint64_t id);
 
+/**
+ * Sets a card's VLAN ID (its group). With QNM_FLAG_VERIFY the call waits until the card announces
+ * the new ID.
+ *
+ * @param id           card ID
+ * @param vlanid       16 to 4094
+ * @param retry_param  with QNM_FLAG_VERIFY: how long to wait before sending again, and how often
+ * @param flags        QNM_FLAG_LIVECHECK, QNM_FLAG_VERIFY
+ * @retval QNM_API_SUCCESS    the request was sent, or with QNM_FLAG_VERIFY the ID was announced
+ * @retval QNM_API_EINVAL     vlanid out of range, or the retry interval is 0
+ * @retval QNM_API_ETIMEDOUT  QNM_FLAG_VERIFY: the card did not announce the new ID
+ * @retval QNM_API_EPROTO     QNM_FLAG_VERIFY: the card was deleted meanwhile
+ */
+qnm_api_code_t qnm_set_vlanid(uint64_t id, uint16_t vlanid, const qnm_retry_t* retry_param,
+                              uint32_t flags);
+
+/**
+ * Sends a reset frame with a status byte to the broadcast address on the card's VLAN, over the
+ * card's path. No answer is awaited. A card whose monitoring is stopped is refused with
+ * QNM_API_ENOLINK.
+ *
+ * @param id                  card ID
+ * @param status              travels in the frame
+ * @param retry_param, flags  have no effect
+ * @retval QNM_API_SUCCESS  the frame was sent
+ */
+qnm_api_code_t qnm_send_resetframe(uint64_t id, unsigned char status,
+                                   const qnm_retry_t* retry_param, uint32_t flags);
+
+/**
+ * Writes one MMS page of a multi-root QNIO card. The card does not acknowledge it.
+ *
+ * @param id     card ID
+ * @param page   0 to 1023
+ * @param data   the page: 32 words of 32 bits, each in this machine's byte order
+ * @param flags  QNM_FLAG_LIVECHECK
+ * @retval QNM_API_SUCCESS  the page was sent
+ * @retval QNM_API_EINVAL   page out of range, or data is NULL
+ * @retval QNM_API_ENOENT   the ID is not that of a multi-root QNIO card
+ */
+qnm_api_code_t qnm_write_mmspage(uint64_t id, uint32_t page, uint32_t* data, uint32_t flags);
+
 /* ---- Logging and statistics ------------------------------------------------------------------ */
 
 /**

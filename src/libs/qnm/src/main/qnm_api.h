@@ -1,4 +1,4 @@
-// qnm_api.h - the shape that all public calls share, and the log level.
+// qnm_api.h - the shape that all public calls share, the device commands and the log level.
 #pragma once
 
 #include <cerrno>
