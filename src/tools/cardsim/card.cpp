@@ -3,8 +3,9 @@
 #include <charconv>
 #include <iterator>
 #include <numeric>
+#include <type_traits>
 
-#include "cardsim.h"
+#include "device.h"
 #include "fields.h"
 
 namespace cardsim {
@@ -12,6 +13,9 @@ namespace cardsim {
 namespace {
 
 constexpr std::uint64_t mac_limit = 0xFFFFFFFFFFFF;
+constexpr std::uint64_t word_limit = 0xFFFFFFFF;
+constexpr std::uint64_t day_ms = 86'400'000;
+constexpr std::uint64_t whole = 1000;  // rates are per thousand
 constexpr std::uint8_t connected_bit = 0x02;
 
 enum class value_type { number, flag, mac };
@@ -37,6 +41,18 @@ struct slot<member> {
 
 template <auto member>
 constexpr auto into = &slot<member>::store;
+
+template <auto part, auto member>
+constexpr auto into_part = [](card& target, std::uint64_t value) {
+    auto& field = target.*part.*member;
+    field = static_cast<std::remove_reference_t<decltype(field)>>(value);
+};
+
+template <auto member>
+constexpr auto into_device = into_part<&card::device, member>;
+
+template <auto member>
+constexpr auto into_faults = into_part<&card::faults, member>;
 
 template <auto member, std::size_t index>
 constexpr auto into_byte = [](auto& record, std::uint64_t value) {
@@ -102,9 +118,32 @@ constexpr field<card> card_fields[] = {
     {"link0_fault", flag, 1, into<&card::link0_fault>},
     {"link1_fault", flag, 1, into<&card::link1_fault>},
     {"resource_id", number, 0xFFFF, into<&card::resource_id>},
-    {"interval_ms", number, 86'400'000, into<&card::interval_ms>},
-    {"phase_ms", number, 86'400'000, into<&card::phase_ms>},
-    {"jitter_ms", number, 86'400'000, into<&card::jitter_ms>},
+    {"interval_ms", number, day_ms, into<&card::interval_ms>},
+    {"phase_ms", number, day_ms, into<&card::phase_ms>},
+    {"jitter_ms", number, day_ms, into<&card::jitter_ms>},
+};
+
+// What shows only when the card is asked.
+constexpr field<card> answering_fields[] = {
+    {"register_default", number, word_limit, into_device<&device_settings::register_default>},
+    {"vlan_frozen", flag, 1, into_device<&device_settings::vlan_frozen>},
+    {"id_lock", flag, 1, into_device<&device_settings::id_lock>},
+    {"lock_stubborn", flag, 1, into_device<&device_settings::lock_stubborn>},
+    {"lock_retake_reads", number, word_limit, into_device<&device_settings::lock_retake_reads>},
+    {"eeprom_fill", number, 0xFF, into_device<&device_settings::eeprom_fill>},
+    {"eeprom_packed", flag, 1, into_device<&device_settings::eeprom_packed>},
+    {"eeprom_refusing", flag, 1, into_device<&device_settings::eeprom_refusing>},
+    {"eeprom_busy_polls", number, word_limit, into_device<&device_settings::eeprom_busy_polls>},
+    {"fault_seed", number, ~std::uint64_t{0}, into_faults<&fault_settings::seed>},
+    {"lose_requests", number, whole, into_faults<&fault_settings::lose_requests>},
+    {"lose_answers", number, whole, into_faults<&fault_settings::lose_answers>},
+    {"duplicate_answers", number, whole, into_faults<&fault_settings::duplicate_answers>},
+    {"reorder_answers", number, whole, into_faults<&fault_settings::reorder_answers>},
+    {"wrong_port", number, whole, into_faults<&fault_settings::wrong_port>},
+    {"wrong_mac", number, whole, into_faults<&fault_settings::wrong_mac>},
+    {"wrong_tag", number, whole, into_faults<&fault_settings::wrong_tag>},
+    {"delay_min_ms", number, day_ms, into_faults<&fault_settings::delay_min_ms>},
+    {"delay_max_ms", number, day_ms, into_faults<&fault_settings::delay_max_ms>},
 };
 
 // What `set` refuses although it is a property of the card, and what to do instead.
@@ -121,6 +160,9 @@ constexpr fixed_field fixed_fields[] = {
     {"kind", another_card},
     {"speed", another_card},
     {"heard", "use silence and wake"},
+    {"registers", "use reg"},
+    {"eeprom", "use eeprom"},
+    {"eeprom_file", "use eeprom with load and save"},
 };
 
 template <class Table>
@@ -181,6 +223,18 @@ void set_down_port_field(card& target, std::string_view path, std::string_view v
     throw error(unknown_name("downstream port field", name, down_port_field_names()));
 }
 
+// "0x10,0x14", or "none".
+void set_silent_registers(card& target, std::string_view text) {
+    std::vector<std::uint32_t> silent;
+    for (std::string_view rest = text; text != "none" && !rest.empty();) {
+        const std::size_t length = std::min(rest.find(','), rest.size());
+        silent.push_back(static_cast<std::uint32_t>(
+            parse_number(silent_registers_name, rest.substr(0, length), register_limit)));
+        rest.remove_prefix(std::min(length + 1, rest.size()));
+    }
+    target.faults.silent_registers = std::move(silent);
+}
+
 // Levenshtein distance, one row at a time.
 std::size_t edit_distance(std::string_view a, std::string_view b) {
     std::vector<std::size_t> row(b.size() + 1);
@@ -227,6 +281,20 @@ std::optional<std::uint64_t> parse_colon_mac(std::string_view text) {
 std::vector<std::string_view> card_field_names() {
     std::vector<std::string_view> names;
     append_names(card_fields, names);
+    return names;
+}
+
+std::vector<std::string_view> answering_field_names() {
+    std::vector<std::string_view> names;
+    append_names(answering_fields, names);
+    names.push_back(silent_registers_name);
+    return names;
+}
+
+std::vector<std::string_view> settable_field_names() {
+    std::vector<std::string_view> names = card_field_names();
+    const std::vector<std::string_view> answering = answering_field_names();
+    names.insert(names.end(), answering.begin(), answering.end());
     return names;
 }
 
@@ -299,6 +367,12 @@ std::string id_text(std::uint64_t id) {
     return text;
 }
 
+std::string address_text(std::uint32_t address) {
+    char text[11];
+    std::snprintf(text, sizeof text, "0x%06x", unsigned{address});
+    return text;
+}
+
 void check_card(const card& checked, std::size_t ports) {
     if (checked.name.empty()) throw error("a card needs a name");
     if (checked.name.starts_with("0x") ||
@@ -310,6 +384,11 @@ void check_card(const card& checked, std::size_t ports) {
     if (checked.id > mac_limit) throw error(who + "the ID has at most 48 bits");
     if (checked.speed == card_speed::g40 && (checked.id & 1) != 0) {
         throw error(who + "the ID of a 40G card is even; the odd address is its path 1");
+    }
+    try {
+        check_device(checked);
+    } catch (const error& e) {
+        throw error(who + e.what());
     }
     for (std::size_t p = 0; p < port_limit; ++p) {
         for (std::size_t m = 0; m < path_limit; ++m) {
@@ -347,11 +426,13 @@ void set_field(card& target, std::string_view field, std::string_view value) {
     if (field.starts_with(down))
         return set_down_port_field(target, field.substr(down.size()), value);
     if (store_field(card_fields, target, field, value)) return;
+    if (store_field(answering_fields, target, field, value)) return;
+    if (field == silent_registers_name) return set_silent_registers(target, value);
     const auto fixed = find_name(fixed_fields, field);
     if (fixed != std::end(fixed_fields)) {
         throw error(in_quotes(field) + " cannot be set: " + std::string(fixed->remedy));
     }
-    throw error(unknown_name("field", field, card_field_names()));
+    throw error(unknown_name("field", field, settable_field_names()));
 }
 
 }  // namespace cardsim

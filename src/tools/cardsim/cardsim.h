@@ -1,9 +1,10 @@
 // Simulated Quillnet cards: the hardware of everyone who has none.
 //
-// A `card` is a plain record of what a card announces; encode() puts it on the wire and decode()
-// reads what a manager sends to it. A `simulator` owns cards and ports and announces every card at
-// its own interval; tests drive it in-process through its member functions, people through the
-// line commands of execute(). The wire is written here from the protocol tables alone, without any
+// A `card` is a plain record of what a card announces and how it behaves; encode() puts it on the
+// wire and decode() reads what a manager sends to it. A `simulator` owns cards and ports, announces
+// every card at its own interval and obeys what managers ask: registers, EEPROM, VLAN ID, Reset and
+// MMS pages. Tests drive it in-process through its member functions, people through the line
+// commands of execute(). The wire is written here from the protocol tables alone, without any
 // code of the manager library, so that a mistake on one side shows on the other.
 //
 // Errors: what cannot be done throws cardsim::error, whose text says what is wrong and what helps.
@@ -15,6 +16,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <span>
@@ -67,7 +69,45 @@ struct down_port {
     bridge com_port;
 };
 
-// Everything one card announces. MAC addresses are 48-bit numbers, first byte most significant.
+inline constexpr std::size_t eeprom_size = 2048;
+
+// How the registers and the EEPROM behind them behave. The contents are no part of it: the
+// simulator keeps them apart, so that a card stays cheap to copy.
+struct device_settings {
+    std::map<std::uint32_t, std::uint32_t> registers;  // presets by address, a multiple of 4
+    std::uint32_t register_default = 0;                // of registers neither preset nor written
+    bool vlan_frozen = false;  // VLAN set is taken but never comes into effect
+
+    bool id_lock = false;        // the EEPROM has the ID lock; false: the bit lock
+    bool lock_stubborn = false;  // another holder takes the lock back when a manager frees it
+    std::uint32_t lock_retake_reads = 1;  // manager's looks at the freed lock before that; 0: none
+
+    std::map<std::uint32_t, std::string> eeprom;  // preset bytes by address
+    std::uint8_t eeprom_fill = 0xFF;              // all other bytes
+    std::string eeprom_file;              // loaded when the card is added, saved when changed
+    bool eeprom_packed = true;            // 1G/10G: takes packed addresses; false: raw ones
+    bool eeprom_refusing = false;         // every access is refused
+    std::uint32_t eeprom_busy_polls = 1;  // polls that find a command still at work
+};
+
+// What goes wrong between a manager's request and the card's answer. Rates are per thousand; the
+// same seed gives the same faults for the same requests.
+struct fault_settings {
+    std::uint64_t seed = 0;
+    std::uint16_t lose_requests = 0;
+    std::uint16_t lose_answers = 0;
+    std::uint16_t duplicate_answers = 0;
+    std::uint16_t reorder_answers = 0;  // held back until the next answer has left
+    std::uint16_t wrong_port = 0;       // answer by the other port
+    std::uint16_t wrong_mac = 0;        // answer from the other path's MAC
+    std::uint16_t wrong_tag = 0;
+    std::uint32_t delay_min_ms = 0;  // every answer waits for a random time between the two
+    std::uint32_t delay_max_ms = 0;  // below delay_min_ms: exactly that one
+    std::vector<std::uint32_t> silent_registers;  // reads of these are not answered
+};
+
+// Everything one card announces, and how it behaves. MAC addresses are 48-bit numbers, first byte
+// most significant.
 struct card {
     std::string name;
     card_kind kind = card_kind::qnsv;
@@ -114,6 +154,10 @@ struct card {
     std::uint32_t interval_ms = 1000;  // 0: never by itself, only when told to
     std::uint32_t phase_ms = 0;        // wait before the first announcement
     std::uint32_t jitter_ms = 0;       // each interval is longer by a random 0 to jitter_ms
+
+    // Answering
+    device_settings device;
+    fault_settings faults;
 };
 
 // A card with the defaults of its kind and speed, heard on port 0, path 0.
@@ -124,7 +168,8 @@ std::size_t path_count(card_speed speed);
 
 // Sets one field by its name, as scenarios and the `set` command do: numbers in decimal or 0x form,
 // true/false, MAC addresses as 0x or colon form; "up_port.FIELD" and "down_port.N.FIELD" reach the
-// bridge records. What a card is (name, id, kind, speed) cannot be set on a living card.
+// bridge records; a list is written with commas, an empty one as "none". What a card is (name, id,
+// kind, speed) cannot be set on a living card.
 void set_field(card& target, std::string_view field, std::string_view value);
 
 // --------------------------------------------------------------------------------------------
@@ -136,6 +181,17 @@ enum class message : std::uint8_t { devinfo, notify };
 // The whole frame from the destination MAC on, tag included, zero-filled up to the 60 bytes that
 // an Ethernet frame has at least. `path` must be one that the card's speed has.
 frame_bytes encode(const card& source, message kind, std::size_t path);
+
+// The answer to a Register Read.
+struct completion {
+    std::uint64_t source = 0;
+    std::uint64_t destination = 0;
+    std::uint8_t tag = 0;
+    std::uint32_t value = 0;
+};
+
+// Replaces what is in `out`, so that a buffer can serve many answers.
+void encode(const card& sender, const completion& sent, frame_bytes& out);
 
 // --------------------------------------------------------------------------------------------
 // The wire, manager to card
@@ -157,9 +213,10 @@ struct vlan_set {
 struct reset {
     std::uint8_t status = 0;
 };
+using mms_page = std::array<std::uint32_t, 32>;
 struct mms_write {
     std::uint32_t page = 0;
-    std::array<std::uint32_t, 32> data{};
+    mms_page data{};
 };
 
 struct request {
@@ -211,14 +268,16 @@ class link {
     link& operator=(const link&) = delete;
 
     send_report send(frame_view frame);
-    std::optional<frame_bytes> receive();  // never blocks; nothing when no frame waits
-    int fd() const { return fd_; }         // readable when a frame waits
+    // Never blocks; nothing when no frame waits. For one thread at a time.
+    std::optional<frame_bytes> receive();
+    int fd() const { return fd_; }  // readable when a frame waits
 
   private:
     bool running() const;
 
     std::string name_;
     int fd_;
+    frame_bytes buffer_;  // the largest frame fits
 };
 
 // What the simulator needs of a port; a test may hand in its own. `fd` is polled for input when it
@@ -271,10 +330,43 @@ struct counters {
     std::uint64_t lost = 0;       // frames not sent: queue full through all retries
     std::uint64_t failed = 0;     // frames not sent: any other error
     std::uint64_t received = 0;   // frames of the protocol received
-    std::uint64_t faulty = 0;     // of these, frames that break a rule of it
+    std::uint64_t faulty = 0;     // of these, frames that break a rule of it; not obeyed
+    std::uint64_t unheard = 0;    // of these, frames to no card heard on that port and path
+
+    // Obeyed, once for every card
+    std::uint64_t reads = 0;
+    std::uint64_t writes = 0;
+    std::uint64_t vlan_sets = 0;
+    std::uint64_t resets = 0;
+    std::uint64_t mms_writes = 0;
+    std::uint64_t answers = 0;  // Completions sent, duplicates included
+
+    // Faults done on purpose
+    std::uint64_t lost_requests = 0;
+    std::uint64_t lost_answers = 0;
+    std::uint64_t silent = 0;  // reads of silent registers
+    std::uint64_t duplicated = 0;
+    std::uint64_t reordered = 0;
+    std::uint64_t delayed = 0;
+    std::uint64_t wrong_port = 0;
+    std::uint64_t wrong_mac = 0;
+    std::uint64_t wrong_tag = 0;
 };
 
-// Called on the announcing thread for every frame of the protocol that arrives; holds no lock.
+struct reset_history {
+    std::uint64_t count = 0;
+    std::uint8_t last_status = 0;
+};
+
+// Who has the EEPROM; every party is a bit.
+struct lock_holders {
+    std::uint32_t bits = 0;      // bit lock register
+    std::uint32_t requests = 0;  // ID lock: everyone who has asked
+    std::uint32_t holder = 0;    // ID lock: whose turn it is; 0: nobody's
+};
+
+// Called on the announcing thread for every frame of the protocol that arrives, when the cards have
+// obeyed it; holds no lock.
 using request_observer = std::function<void(std::size_t port, const request&)>;
 
 // Owns cards and ports. Every member function may be called from any thread at any time; one mutex
@@ -289,7 +381,7 @@ class simulator {
     simulator& operator=(const simulator&) = delete;
 
     void add(card added);
-    void remove(const card_ref& ref);
+    void remove(const card_ref& ref);  // a changed EEPROM goes to the card's file first
     card get(const card_ref& ref) const;
     std::vector<card> cards() const;  // ascending ID
 
@@ -306,6 +398,35 @@ class simulator {
     std::size_t announce_all();  // one DEVINFO per card and path, back to back
     void send_raw(std::size_t port, frame_view frame);
 
+    // As if the frame had come in on the port: cards obey it and the observer hears of it.
+    void deliver(std::size_t port, frame_view frame);
+
+    // A card's registers as a manager's frames would reach them, side effects included: a read of
+    // the EEPROM's status is a poll. An address that is no multiple of 4, or has more than 22 bits,
+    // is an error.
+    std::uint32_t read_register(const card_ref& ref, std::uint32_t address);
+    void write_register(const card_ref& ref, std::uint32_t address, std::uint32_t value);
+
+    // The EEPROM contents past its registers: always eeprom_size bytes, anything else is an error.
+    // A word's address is a multiple of 4.
+    frame_bytes eeprom(const card_ref& ref);
+    void set_eeprom(const card_ref& ref, std::span<const std::uint8_t> bytes);
+    std::uint32_t eeprom_word(const card_ref& ref, std::uint32_t address);
+    void set_eeprom_word(const card_ref& ref, std::uint32_t address, std::uint32_t value);
+    void load_eeprom(const card_ref& ref, const std::filesystem::path& file);
+    void save_eeprom(const card_ref& ref, const std::filesystem::path& file);
+    // Into the cards' own files, those that have changed. Tries all, then throws what failed.
+    void save_eeproms();
+
+    // Other holders of the EEPROM lock, the one that device.id_lock tells. Who takes the ID lock
+    // while somebody has it waits for it.
+    void take_lock(const card_ref& ref, std::uint32_t ids);
+    void drop_lock(const card_ref& ref);  // all that take_lock() took
+    lock_holders lock(const card_ref& ref) const;
+
+    std::optional<cardsim::mms_page> mms_page(const card_ref& ref, std::uint32_t page) const;
+    reset_history resets(const card_ref& ref) const;
+
     counters count() const;
 
     // Announcing: run() on the caller's thread, start() on one of the simulator's own (with all
@@ -316,8 +437,9 @@ class simulator {
     void stop();
     void wait();
 
+    struct impl;  // simulator_impl.h
+
   private:
-    struct impl;
     std::unique_ptr<impl> impl_;
 };
 

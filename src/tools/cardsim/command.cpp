@@ -1,9 +1,10 @@
 // Line commands: one table, one line of answer each.
 #include <algorithm>
+#include <cstdio>
 #include <iterator>
 #include <sstream>
 
-#include "cardsim.h"
+#include "device.h"
 #include "fields.h"
 
 namespace cardsim {
@@ -18,6 +19,34 @@ struct command {
     std::size_t least;       // words behind the name
     std::size_t most;
     std::string (*work)(simulator&, const words&);  // what follows "ok"
+};
+
+constexpr std::pair<std::string_view, std::uint64_t counters::*> shown_counters[] = {
+    {"devinfo", &counters::devinfo},
+    {"notify", &counters::notify},
+    {"raw", &counters::raw},
+    {"retries", &counters::retries},
+    {"link_down", &counters::link_down},
+    {"lost", &counters::lost},
+    {"failed", &counters::failed},
+    {"received", &counters::received},
+    {"faulty", &counters::faulty},
+    {"unheard", &counters::unheard},
+    {"reads", &counters::reads},
+    {"writes", &counters::writes},
+    {"vlan_sets", &counters::vlan_sets},
+    {"resets", &counters::resets},
+    {"mms_writes", &counters::mms_writes},
+    {"answers", &counters::answers},
+    {"lost_requests", &counters::lost_requests},
+    {"lost_answers", &counters::lost_answers},
+    {"silent", &counters::silent},
+    {"duplicated", &counters::duplicated},
+    {"reordered", &counters::reordered},
+    {"delayed", &counters::delayed},
+    {"wrong_port", &counters::wrong_port},
+    {"wrong_mac", &counters::wrong_mac},
+    {"wrong_tag", &counters::wrong_tag},
 };
 
 constexpr std::size_t any_number = ~std::size_t{0};
@@ -108,6 +137,80 @@ std::string remove_card(simulator& target, const words& given) {
     return "removed";
 }
 
+std::string word_text(std::uint32_t value) {
+    char text[11];
+    std::snprintf(text, sizeof text, "0x%08x", unsigned{value});
+    return text;
+}
+
+std::uint32_t parse_word(std::string_view name, std::string_view text) {
+    return static_cast<std::uint32_t>(parse_number(name, text, 0xFFFFFFFF));
+}
+
+// CARD ADDR [VALUE]
+std::string access_register(simulator& target, const words& given) {
+    const auto address = static_cast<std::uint32_t>(parse_number("ADDR", given[1], register_limit));
+    if (given.size() == 3) {
+        target.write_register(given[0], address, parse_word("VALUE", given[2]));
+    }
+    return address_text(address) + "=" + word_text(target.read_register(given[0], address));
+}
+
+std::string load_eeprom(simulator& target, const words& given) {
+    target.load_eeprom(given[0], given[2]);
+    return "loaded";
+}
+
+std::string save_eeprom(simulator& target, const words& given) {
+    target.save_eeprom(given[0], given[2]);
+    return "saved";
+}
+
+// CARD ADDR [VALUE]
+std::string access_eeprom_word(simulator& target, const words& given) {
+    const auto address =
+        static_cast<std::uint32_t>(parse_number("ADDR", given[1], eeprom_size - 4));
+    if (given.size() == 3) {
+        target.set_eeprom_word(given[0], address, parse_word("VALUE", given[2]));
+    }
+    return address_text(address) + "=" + word_text(target.eeprom_word(given[0], address));
+}
+
+std::string lock_text(simulator& target, const std::string& name) {
+    const lock_holders held = target.lock(name);
+    if (!target.get(name).device.id_lock) return "bits=" + word_text(held.bits);
+    return "holder=" + word_text(held.holder) + " requests=" + word_text(held.requests);
+}
+
+std::string take_lock(simulator& target, const words& given) {
+    target.take_lock(given[0], parse_word("BITS", given[2]));
+    return lock_text(target, given[0]);
+}
+
+std::string drop_lock(simulator& target, const words& given) {
+    target.drop_lock(given[0]);
+    return lock_text(target, given[0]);
+}
+
+std::string show_lock(simulator& target, const words& given) {
+    return lock_text(target, given[0]);
+}
+
+std::string show_mms_page(simulator& target, const words& given) {
+    const auto page = target.mms_page(given[0], parse_word("PAGE", given[1]));
+    if (!page) return "not written";
+    std::string text;
+    for (const std::uint32_t word : *page)
+        text += (text.empty() ? "" : " ") + word_text(word);
+    return text;
+}
+
+std::string show_resets(simulator& target, const words& given) {
+    const reset_history history = target.resets(given[0]);
+    return "count=" + std::to_string(history.count) +
+           " last_status=" + std::to_string(history.last_status);
+}
+
 std::string show_counters(simulator& target, const words&) {
     return describe(target.count());
 }
@@ -117,6 +220,46 @@ std::string quit(simulator&, const words&) {
 }
 
 std::string help(simulator&, const words&);
+
+// Commands with a verb behind the card's name; an empty one fits whatever is no other.
+struct verb {
+    std::string_view name;
+    std::size_t least;  // words behind the command
+    std::size_t most;
+    std::string (*work)(simulator&, const words&);
+};
+
+constexpr verb eeprom_verbs[] = {
+    {"load", 3, 3, load_eeprom}, {"save", 3, 3, save_eeprom}, {"", 2, 3, access_eeprom_word}};
+constexpr verb lock_verbs[] = {
+    {"take", 3, 3, take_lock}, {"drop", 2, 2, drop_lock}, {"", 1, 1, show_lock}};
+
+constexpr std::string_view eeprom_usage = " CARD load|save FILE, or CARD ADDR [VALUE]";
+constexpr std::string_view lock_usage = " CARD [take BITS|drop]";
+
+[[noreturn]] void fail_usage(std::string_view name, std::string_view usage) {
+    throw error("usage: " + std::string(name) + std::string(usage));
+}
+
+const verb* find_verb(std::span<const verb> verbs, const words& given) {
+    const std::string_view name = given.size() > 1 ? std::string_view(given[1]) : "";
+    const auto named = [&](const verb& v) { return v.name == name || v.name.empty(); };
+    const auto row = std::find_if(verbs.begin(), verbs.end(), named);
+    const bool fits = given.size() >= row->least && given.size() <= row->most;
+    return fits ? &*row : nullptr;
+}
+
+std::string work_on_eeprom(simulator& target, const words& given) {
+    const verb* row = find_verb(eeprom_verbs, given);
+    if (row == nullptr) fail_usage("eeprom", eeprom_usage);
+    return row->work(target, given);
+}
+
+std::string work_on_lock(simulator& target, const words& given) {
+    const verb* row = find_verb(lock_verbs, given);
+    if (row == nullptr) fail_usage("lock", lock_usage);
+    return row->work(target, given);
+}
 
 constexpr std::string_view quit_name = "quit";
 
@@ -129,6 +272,11 @@ constexpr command commands[] = {
     {"burst", "", 0, 0, send_burst},
     {"send", " PORT HEXBYTES", 2, any_number, send_bytes},
     {"remove", " CARD", 1, 1, remove_card},
+    {"reg", " CARD ADDR [VALUE]", 2, 3, access_register},
+    {"eeprom", eeprom_usage, 2, 3, work_on_eeprom},
+    {"lock", lock_usage, 1, 3, work_on_lock},
+    {"mms", " CARD PAGE", 2, 2, show_mms_page},
+    {"resets", " CARD", 1, 1, show_resets},
     {"list", "", 0, 0, list_cards},
     {"counters", "", 0, 0, show_counters},
     {"help", "", 0, 0, help},
@@ -156,7 +304,7 @@ const command& find_command(std::string_view name) {
 std::string work(simulator& target, const std::string& name, const words& given) {
     const command& row = find_command(name);
     if (given.size() < row.least || given.size() > row.most) {
-        throw error("usage: " + std::string(row.name) + std::string(row.usage));
+        fail_usage(row.name, row.usage);
     }
     return row.work(target, given);
 }
@@ -178,14 +326,10 @@ answer execute(simulator& target, std::string_view line) {
 }
 
 std::string describe(const counters& values) {
-    const std::pair<const char*, std::uint64_t> shown[] = {
-        {"devinfo", values.devinfo}, {"notify", values.notify},       {"raw", values.raw},
-        {"retries", values.retries}, {"link_down", values.link_down}, {"lost", values.lost},
-        {"failed", values.failed},   {"received", values.received},   {"faulty", values.faulty},
-    };
     std::string text;
-    for (const auto& [name, value] : shown) {
-        text += (text.empty() ? "" : " ") + std::string(name) + "=" + std::to_string(value);
+    for (const auto& [name, counter] : shown_counters) {
+        text +=
+            (text.empty() ? "" : " ") + std::string(name) + "=" + std::to_string(values.*counter);
     }
     return text;
 }

@@ -26,6 +26,7 @@ constexpr std::uint32_t full_queue_retries = 2000;
 constexpr auto full_queue_pause = std::chrono::milliseconds(1);
 constexpr int receive_buffer_bytes = 4 << 20;
 constexpr std::size_t largest_frame = 65536;
+constexpr std::size_t tag_size = 4;
 
 std::string interface_names() {
     std::string names;
@@ -101,7 +102,7 @@ void put_tag_back(frame_bytes& frame, const tpacket_auxdata& aux) {
     const bool has_tpid = (aux.tp_status & TP_STATUS_VLAN_TPID_VALID) != 0;
     const std::uint16_t tpid = has_tpid ? aux.tp_vlan_tpid : std::uint16_t{ETH_P_8021Q};
     const std::uint16_t tci = aux.tp_vlan_tci;
-    const std::uint8_t tag[] = {
+    const std::uint8_t tag[tag_size] = {
         static_cast<std::uint8_t>(tpid >> 8), static_cast<std::uint8_t>(tpid & 0xFF),
         static_cast<std::uint8_t>(tci >> 8), static_cast<std::uint8_t>(tci & 0xFF)};
     frame.insert(frame.begin() + behind_addresses, std::begin(tag), std::end(tag));
@@ -118,7 +119,8 @@ send_status status_of(int code) {
 
 }  // namespace
 
-link::link(const std::string& interface_name) : name_(interface_name), fd_(-1) {
+link::link(const std::string& interface_name)
+    : name_(interface_name), fd_(-1), buffer_(largest_frame) {
     const unsigned index = if_nametoindex(interface_name.c_str());
     if (index == 0) {
         throw error("no interface \"" + interface_name + "\"; there are: " + interface_names());
@@ -164,9 +166,8 @@ send_report link::send(frame_view frame) {
 }
 
 std::optional<frame_bytes> link::receive() {
-    frame_bytes frame(largest_frame);
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(tpacket_auxdata))];
-    iovec part{frame.data(), frame.size()};
+    iovec part{buffer_.data(), buffer_.size()};
     msghdr header{};
     header.msg_iov = &part;
     header.msg_iovlen = 1;
@@ -176,7 +177,9 @@ std::optional<frame_bytes> link::receive() {
     // frames come again when the link is back.
     const ssize_t length = recvmsg(fd_, &header, MSG_DONTWAIT);
     if (length < 0) return std::nullopt;
-    frame.resize(static_cast<std::size_t>(length));
+    frame_bytes frame;
+    frame.reserve(static_cast<std::size_t>(length) + tag_size);
+    frame.assign(buffer_.begin(), buffer_.begin() + length);
     if (const tpacket_auxdata* aux = find_auxdata(header)) put_tag_back(frame, *aux);
     return frame;
 }

@@ -141,6 +141,7 @@ int simulate(const options& given) {
     target.stop();
     target.wait();
     print_line(stdout, describe(target.count()));
+    target.save_eeproms();
     return exit_ok;
 }
 

@@ -11,7 +11,7 @@
 
 #include <toml++/toml.h>
 
-#include "cardsim.h"
+#include "device.h"
 #include "fields.h"
 
 namespace cardsim {
@@ -23,8 +23,9 @@ constexpr std::uint64_t count_limit = 1'000'000;
 constexpr std::uint64_t default_step = 2;
 
 // Keys of a [[card]] that set_field() does not know: they make cards instead of changing one.
-constexpr std::string_view making_keys[] = {"name",  "kind", "speed", "id",      "heard",
-                                            "count", "step", "burst", "up_port", "down_port"};
+constexpr std::string_view making_keys[] = {
+    "name",  "kind",    "speed",     "id",        "heard",  "count",      "step",
+    "burst", "up_port", "down_port", "registers", "eeprom", "eeprom_file"};
 
 // Where an error is reported: the file, for all nodes of it.
 struct source {
@@ -107,6 +108,50 @@ void set_down_ports(const source& from, card& target, const toml::node& node) {
     }
 }
 
+// A list, as set_field() takes it.
+std::string list_text(const source& from, std::string_view key, const toml::array& values) {
+    std::string text;
+    for (const toml::node& entry : values)
+        text += (text.empty() ? "" : ",") + value_text(from, key, entry);
+    return text.empty() ? "none" : text;
+}
+
+// A key of a table that is an address: 0x1000, or "0x1000".
+std::uint32_t address_of(const source& from, const toml::key& key, std::uint64_t limit) {
+    return from.placed(key.source(), [&] {
+        return static_cast<std::uint32_t>(parse_number("address", key.str(), limit));
+    });
+}
+
+void set_registers(const source& from, card& target, const toml::node& node) {
+    for (const auto& [key, value] : table_of(from, "registers", node)) {
+        const std::uint32_t address = address_of(from, key, register_limit);
+        target.device.registers[address] =
+            static_cast<std::uint32_t>(number_of(from, key.str(), value, 0, 0xFFFFFFFF));
+    }
+}
+
+// Text stands for its bytes, a number for a word.
+std::string preset_bytes(const source& from, std::string_view key, const toml::node& value) {
+    if (const auto* text = value.as_string()) return text->get();
+    const std::uint64_t word = number_of(from, key, value, 0, 0xFFFFFFFF);
+    std::string bytes;
+    for (unsigned shift = 0; shift < 32; shift += 8)
+        bytes += static_cast<char>(word >> shift & 0xFF);
+    return bytes;
+}
+
+void set_eeprom(const source& from, card& target, const toml::node& node) {
+    for (const auto& [key, value] : table_of(from, "eeprom", node)) {
+        const std::uint32_t address = address_of(from, key, eeprom_size - 1);
+        target.device.eeprom[address] = preset_bytes(from, key.str(), value);
+    }
+}
+
+void set_eeprom_file(const source& from, card& target, const toml::node& node) {
+    target.device.eeprom_file = value_text(from, "eeprom_file", node);
+}
+
 // "P0M1": port 0, path 1.
 void set_heard(const source& from, card& target, const toml::node& node) {
     target.heard = {};
@@ -140,7 +185,7 @@ auto required(const source& from, const toml::table& table, std::string_view key
 }
 
 void check_card_keys(const source& from, const toml::table& table) {
-    std::vector<std::string_view> known = card_field_names();
+    std::vector<std::string_view> known = settable_field_names();
     known.insert(known.end(), std::begin(making_keys), std::end(making_keys));
     for (const auto& [key, node] : table) {
         if (std::find(known.begin(), known.end(), key.str()) == known.end()) {
@@ -153,6 +198,22 @@ bool is_making_key(std::string_view key) {
     return std::find(std::begin(making_keys), std::end(making_keys), key) != std::end(making_keys);
 }
 
+void set_up_port(const source& from, card& target, const toml::node& node) {
+    set_fields(from, target, "up_port.", table_of(from, "up_port", node));
+}
+
+// Keys that set parts of a card, beside set_field().
+struct part_key {
+    std::string_view key;
+    void (*set)(const source&, card&, const toml::node&);
+};
+
+constexpr part_key part_keys[] = {{"up_port", set_up_port},
+                                  {"down_port", set_down_ports},
+                                  {"registers", set_registers},
+                                  {"eeprom", set_eeprom},
+                                  {"eeprom_file", set_eeprom_file}};
+
 // The card of a [[card]] table, before `count` multiplies it.
 card read_card(const source& from, const toml::table& table, const scenario& read) {
     check_card_keys(from, table);
@@ -163,13 +224,15 @@ card read_card(const source& from, const toml::table& table, const scenario& rea
     made.ether_type = read.ether_type;
     for (const auto& [key, node] : table) {
         if (is_making_key(key.str())) continue;
-        const std::string text = value_text(from, key.str(), node);
+        const toml::array* values = node.as_array();
+        const std::string text = key.str() == silent_registers_name && values != nullptr
+                                     ? list_text(from, key.str(), *values)
+                                     : value_text(from, key.str(), node);
         from.placed(key.source(), [&, name = key.str()] { set_field(made, name, text); });
     }
-    if (const toml::node* up = table.get("up_port")) {
-        set_fields(from, made, "up_port.", table_of(from, "up_port", *up));
+    for (const auto& [key, set] : part_keys) {
+        if (const toml::node* part = table.get(key)) set(from, made, *part);
     }
-    if (const toml::node* down = table.get("down_port")) set_down_ports(from, made, *down);
     if (const toml::node* heard = table.get("heard")) {
         set_heard(from, made, *heard);
     } else {
@@ -205,7 +268,19 @@ std::vector<card> unfold(const source& from, const toml::table& table, const car
 struct card_index {
     std::map<std::string, std::uint64_t> ids;
     std::map<std::uint64_t, std::string> names;
+    std::map<std::string, std::string> eeprom_files;  // to the card's name
 };
+
+// Two cards on one file would each overwrite what the other has saved.
+void claim_file(const source& from, const toml::table& table, const card& added,
+                card_index& index) {
+    const std::string& file = added.device.eeprom_file;
+    if (file.empty()) return;
+    const auto [taken, fresh] = index.eeprom_files.emplace(file, added.name);
+    if (fresh) return;
+    from.fail(table.source(), "card \"" + added.name + "\": the EEPROM file \"" + file +
+                                  "\" is that of card \"" + taken->second + "\" already");
+}
 
 void append_cards(const source& from, const toml::table& table, scenario& read, card_index& index) {
     const std::size_t ports = read.ports.empty() ? port_limit : read.ports.size();
@@ -219,6 +294,7 @@ void append_cards(const source& from, const toml::table& table, scenario& read, 
             from.fail(table.source(), "card \"" + added.name + "\": the ID " + id_text(added.id) +
                                           " is card \"" + taken->second + "\" already");
         }
+        claim_file(from, table, added, index);
         read.cards.push_back(std::move(added));
     }
 }

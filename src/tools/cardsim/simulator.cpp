@@ -1,4 +1,5 @@
-// The simulator: one mutex over cards, timers and counters, one thread that announces.
+// The simulator: cards come, go and announce themselves. What managers ask of them is obeyed in
+// obey.cpp.
 //
 // Timers lie in a heap, one live entry per announcing card. An entry is void when its generation is
 // no longer that of its card (removed, or another interval): it is dropped when it comes up. The
@@ -10,45 +11,22 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstring>
-#include <map>
-#include <mutex>
-#include <queue>
-#include <random>
-#include <thread>
-#include <unordered_map>
 #include <utility>
 
-#include "cardsim.h"
 #include "fields.h"
+#include "simulator_impl.h"
 
 namespace cardsim {
 
 namespace {
 
-using steady = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 // Frames taken from one port before the announcements get their turn again.
 constexpr int receive_batch = 64;
-
-struct slot {
-    card held;
-    std::uint64_t generation = 0;  // of its live timer entry
-};
-
-struct timer {
-    steady::time_point due;
-    std::uint64_t id;
-    std::uint64_t generation;
-    bool operator>(const timer& other) const { return due > other.due; }
-};
-
-using timer_heap = std::priority_queue<timer, std::vector<timer>, std::greater<>>;
 
 int make_wake_descriptor() {
     const int fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
@@ -58,50 +36,16 @@ int make_wake_descriptor() {
 
 }  // namespace
 
-struct simulator::impl {
-    impl(std::vector<port> given_ports, std::uint16_t type, request_observer given_observer)
-        : ports(std::move(given_ports)), ether_type(type), observer(std::move(given_observer)) {}
-    ~impl() { close(wake_fd); }
-    impl(const impl&) = delete;
-    impl& operator=(const impl&) = delete;
+simulator::impl::impl(std::vector<port> given_ports, std::uint16_t type,
+                      request_observer given_observer)
+    : ports(std::move(given_ports)),
+      ether_type(type),
+      observer(std::move(given_observer)),
+      wake_fd(make_wake_descriptor()) {}
 
-    const std::vector<port> ports;
-    const std::uint16_t ether_type;
-    const request_observer observer;
-    const int wake_fd = make_wake_descriptor();
-    std::atomic<bool> stopping = false;
-    std::thread thread;
-
-    mutable std::mutex mutex;  // guards everything below, and the order of frames on the ports
-    bool running = false;
-    std::map<std::uint64_t, slot> slots;
-    std::unordered_map<std::string, std::uint64_t> ids;  // by name
-    timer_heap timers;
-    std::uint64_t last_generation = 0;
-    std::minstd_rand random;  // fixed seed: the same jitter in every run
-    counters counted;
-
-    // The mutex is held in all of these.
-    std::uint64_t find_id(const card_ref& ref) const;
-    slot& find(const card_ref& ref) { return slots.at(find_id(ref)); }
-    const slot& find(const card_ref& ref) const { return slots.at(find_id(ref)); }
-    void arm(slot& armed, steady::time_point due);
-    void replace(slot& changed, card next);
-    void count_failure(const send_report& report);
-    bool send(std::size_t port, frame_view frame, std::uint64_t& sent);
-    std::size_t send_everywhere(const card& source, message kind);
-    const port& port_at(std::size_t index) const;
-    void set_heard(const card_ref& ref, std::size_t port, std::size_t path, bool heard);
-
-    // These take it.
-    void begin();
-    void announce_due();
-    std::optional<steady::time_point> next_due() const;
-    void receive_from(std::size_t port);
-    void loop();
-
-    void wake() const;
-};
+simulator::impl::~impl() {
+    close(wake_fd);
+}
 
 std::uint64_t simulator::impl::find_id(const card_ref& ref) const {
     if (ref.text.starts_with("0x")) {
@@ -122,12 +66,15 @@ void simulator::impl::arm(slot& armed, steady::time_point due) {
 void simulator::impl::replace(slot& changed, card next) {
     const card& old = changed.held;
     if (next.id != old.id || next.name != old.name || next.kind != old.kind ||
-        next.speed != old.speed) {
-        throw error("card \"" + old.name + "\": id, name, kind and speed stay; add another card");
+        next.speed != old.speed || next.device.eeprom_file != old.device.eeprom_file) {
+        throw error("card \"" + old.name +
+                    "\": id, name, kind, speed and eeprom_file stay; add another card");
     }
     check_card(next, ports.size());
     const bool rearm = next.interval_ms != old.interval_ms;
+    const bool reseed = next.faults.seed != old.faults.seed;
     changed.held = std::move(next);
+    if (reseed) seed_faults(changed.faults, changed.held);
     if (!rearm || !running) return;
     arm(changed, steady::now() + milliseconds(changed.held.interval_ms));
     wake();
@@ -190,6 +137,7 @@ void simulator::impl::begin() {
     if (running) throw error("the simulator is running already");
     running = true;
     timers = {};
+    delayed = {};
     const auto now = steady::now();
     for (auto& [id, armed] : slots)
         arm(armed, now + milliseconds(armed.held.phase_ms));
@@ -215,22 +163,17 @@ void simulator::impl::announce_due() {
 
 std::optional<steady::time_point> simulator::impl::next_due() const {
     const std::scoped_lock lock(mutex);
-    if (timers.empty()) return std::nullopt;
-    return timers.top().due;
+    std::optional<steady::time_point> due;
+    if (!timers.empty()) due = timers.top().due;
+    if (!delayed.empty()) due = std::min(due.value_or(delayed.top().due), delayed.top().due);
+    return due;
 }
 
 void simulator::impl::receive_from(std::size_t index) {
     for (int taken = 0; taken < receive_batch; ++taken) {
         const std::optional<frame_bytes> frame = ports[index].receive();
         if (!frame) return;
-        const std::optional<request> received = decode(*frame, ether_type);
-        if (!received) continue;
-        {
-            const std::scoped_lock lock(mutex);
-            ++counted.received;
-            if (!received->fault.empty()) ++counted.faulty;
-        }
-        if (observer) observer(index, *received);
+        take_frame(index, *frame);
     }
 }
 
@@ -240,6 +183,7 @@ void simulator::impl::loop() {
         waited.push_back({.fd = p.fd, .events = POLLIN, .revents = 0});
     while (!stopping) {
         announce_due();
+        answer_due();
         timespec limit{};
         const auto due = next_due();
         if (due) {
@@ -287,9 +231,13 @@ void simulator::add(card added) {
         throw error("the ID " + id_text(added.id) + " is card \"" + taken->second.held.name +
                     "\" already");
     }
-    impl_->ids.emplace(added.name, added.id);
-    const std::uint64_t id = added.id;
-    slot& made = impl_->slots.emplace(id, slot{std::move(added)}).first->second;
+    slot fresh;
+    fresh.held = std::move(added);
+    start_device(fresh);
+    const std::uint64_t id = fresh.held.id;
+    slot& made = impl_->slots.emplace(id, std::move(fresh)).first->second;
+    impl_->ids.emplace(made.held.name, id);
+    impl_->by_mac.emplace(id, &made);
     if (!impl_->running) return;
     impl_->arm(made, steady::now() + milliseconds(made.held.phase_ms));
     impl_->wake();
@@ -298,7 +246,10 @@ void simulator::add(card added) {
 void simulator::remove(const card_ref& ref) {
     const std::scoped_lock lock(impl_->mutex);
     const std::uint64_t id = impl_->find_id(ref);
-    impl_->ids.erase(impl_->slots.at(id).held.name);
+    slot& removed = impl_->slots.at(id);
+    finish_device(removed);
+    impl_->ids.erase(removed.held.name);
+    impl_->by_mac.erase(id);
     impl_->slots.erase(id);
 }
 

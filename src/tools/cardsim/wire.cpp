@@ -16,6 +16,8 @@ namespace {
 constexpr std::uint16_t vlan_tpid = 0x8100;
 constexpr std::size_t minimum_frame = 60;
 
+constexpr unsigned protocol_priority = 4;
+constexpr std::uint8_t completion_subtype = 0x20;
 constexpr std::uint8_t multi_root_version = 1;
 
 // --------------------------------------------------------------------------------------------
@@ -42,13 +44,18 @@ unsigned bit(bool value, unsigned position) {
     return (value ? 1U : 0U) << position;
 }
 
-void put_header(frame_bytes& out, const card& source, std::size_t path) {
-    put_big<6>(out, source.destination);
-    put_big<6>(out, source.id | path);
-    if (source.vlan_change_mode) put_big<2>(out, source.ether_type);
+struct addresses {
+    std::uint64_t destination;
+    std::uint64_t source;
+};
+
+void put_header(frame_bytes& out, const card& sender, const addresses& macs, unsigned priority) {
+    put_big<6>(out, macs.destination);
+    put_big<6>(out, macs.source);
+    if (sender.vlan_change_mode) put_big<2>(out, sender.ether_type);
     put_big<2>(out, vlan_tpid);
-    put_big<2>(out, (source.priority & 7U) << 13 | (source.vlan_id & 0x0FFFU));
-    if (!source.vlan_change_mode) put_big<2>(out, source.ether_type);
+    put_big<2>(out, (priority & 7U) << 13 | (sender.vlan_id & 0x0FFFU));
+    if (!sender.vlan_change_mode) put_big<2>(out, sender.ether_type);
 }
 
 unsigned info_byte(const card& source) {
@@ -198,7 +205,7 @@ constexpr request_format request_formats[] = {
 
 // Faults that every message can have; called on frames that hold the whole message.
 std::string common_fault(frame_view frame, const request& received, const request_format& format) {
-    if (received.tci >> 13 != 4) return "the priority is not 4";
+    if (received.tci >> 13 != protocol_priority) return "the priority is not 4";
     if ((received.tci & 0x1000) != 0) return "the CFI bit is set";
     if (frame[19] != 0xFF || frame[20] != 0xFF) return "a flow ID is not 0xFF";
     if (frame[21] != 0 || frame[22] != 0) return "the version or info byte is not 0";
@@ -208,7 +215,7 @@ std::string common_fault(frame_view frame, const request& received, const reques
 
 // Announcements and Completions.
 bool sent_by_cards(std::uint8_t subtype) {
-    constexpr std::uint8_t subtypes[] = {0x10, 0x11, 0x18, 0x19, 0x20};
+    constexpr std::uint8_t subtypes[] = {0x10, 0x11, 0x18, 0x19, completion_subtype};
     return std::find(std::begin(subtypes), std::end(subtypes), subtype) != std::end(subtypes);
 }
 
@@ -262,7 +269,7 @@ frame_bytes encode(const card& source, message kind, std::size_t path) {
     }
     frame_bytes out;
     out.reserve(496);
-    put_header(out, source, path);
+    put_header(out, source, {source.destination, source.id | path}, source.priority);
     put_common_part(out, source, kind);
     if (source.kind == card_kind::qnsv) {
         put_server_payload(out, source);
@@ -271,6 +278,19 @@ frame_bytes encode(const card& source, message kind, std::size_t path) {
     }
     if (out.size() < minimum_frame) out.resize(minimum_frame);
     return out;
+}
+
+void encode(const card& sender, const completion& sent, frame_bytes& out) {
+    out.clear();
+    put_header(out, sender, {sent.destination, sent.source}, protocol_priority);
+    put_u8(out, completion_subtype);
+    put_u8(out, sender.flow_id_da);
+    put_u8(out, sender.flow_id);
+    put_u8(out, sender.ver);
+    put_u8(out, 0);  // info
+    put_u8(out, sent.tag);
+    put_little<4>(out, sent.value);
+    out.resize(minimum_frame);
 }
 
 std::optional<request> decode(frame_view frame, std::uint16_t ether_type) {

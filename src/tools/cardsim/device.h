@@ -1,0 +1,42 @@
+// What lies behind a card's registers while the simulator runs: values written, the EEPROM and its
+// lock, MMS pages, and what Resets have come. One `device` belongs to one card; the simulator's
+// mutex guards it.
+//
+// Most registers are plain memory: what was written, else the preset, else the default. Those of
+// the EEPROM and its lock have a meaning of their own; a 40G card has some of them at other
+// addresses.
+#pragma once
+
+#include <unordered_map>
+
+#include "cardsim.h"
+#include "eeprom.h"
+#include "lock.h"
+
+namespace cardsim {
+
+inline constexpr std::uint32_t register_limit = 0x003FFFFC;  // 22 bits, a multiple of 4
+
+struct device {
+    std::unordered_map<std::uint32_t, std::uint32_t> written;
+    eeprom_state eeprom;
+    eeprom_lock lock;
+    std::map<std::uint32_t, mms_page> pages;
+    reset_history resets;
+};
+
+// `owner` is the card that the device belongs to. The address is a multiple of 4.
+std::uint32_t read_device(device& read, const card& owner, std::uint32_t address);
+void write_device(device& written, const card& owner, std::uint32_t address, std::uint32_t value);
+
+// Registers go back to their presets and the lock is dropped; the EEPROM contents and the MMS pages
+// stay.
+void reset_device(device& changed, std::uint8_t status);
+
+void check_register_address(std::uint32_t address);  // throws error
+
+// Throws error for presets that cannot be: addresses beside the registers or on those with
+// a meaning of their own, bytes behind the end of the EEPROM.
+void check_device(const card& checked);
+
+}  // namespace cardsim

@@ -1,0 +1,149 @@
+// The EEPROM as a machine of four phases, and its contents in files.
+#include "eeprom.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+
+#include "fields.h"
+
+namespace cardsim {
+
+namespace {
+
+constexpr std::uint32_t read_command = 0x80000001;
+constexpr std::uint32_t write_command = 0x80000003;
+constexpr std::uint32_t idle_command = 0;
+
+constexpr std::size_t word_size = 4;
+
+// What the status register shows, by phase.
+constexpr std::uint32_t phase_status[] = {0x40000000, 0x00000001, 0x10000000, 0x30000000};
+
+// The packed form has address bits 8 to 11 at 16 to 19 and nothing but zeros above and between.
+constexpr std::uint32_t packed_mask = 0x000F00FF;
+
+std::optional<std::uint32_t> raw_address(std::uint32_t written, const card& owner) {
+    std::uint32_t raw = written;
+    if (owner.speed == card_speed::g1_10 && owner.device.eeprom_packed) {
+        if ((written & ~packed_mask) != 0) return std::nullopt;
+        raw = (written >> 8 & 0xF00) | (written & 0xFF);
+    }
+    if (!is_eeprom_address(raw)) return std::nullopt;
+    return raw;
+}
+
+// Does what the command asked for; the phase that follows.
+eeprom_phase finish(eeprom_state& state, const card& owner) {
+    const std::optional<std::uint32_t> address = raw_address(state.address, owner);
+    if (!address || owner.device.eeprom_refusing) return eeprom_phase::refused;
+    eeprom_bytes& bytes = contents_of(state, owner.device);
+    if (state.command == read_command) {
+        state.read_data = eeprom_word_at(bytes, *address);
+    } else if (eeprom_word_at(bytes, *address) != state.write_data) {
+        put_eeprom_word(bytes, *address, state.write_data);
+        state.changed = true;
+    }
+    return eeprom_phase::complete;
+}
+
+[[noreturn]] void fail(const char* what, const std::filesystem::path& file,
+                       const std::string& why) {
+    throw error(std::string(what) + " the EEPROM file " + in_quotes(file.string()) + ": " + why);
+}
+
+std::string system_reason() {
+    return errno != 0 ? std::strerror(errno) : "input/output error";
+}
+
+}  // namespace
+
+eeprom_bytes& contents_of(eeprom_state& state, const device_settings& settings) {
+    if (state.contents) return *state.contents;
+    state.contents = std::make_unique<eeprom_bytes>();
+    state.contents->fill(settings.eeprom_fill);
+    for (const auto& [address, bytes] : settings.eeprom)
+        std::copy(bytes.begin(), bytes.end(), state.contents->begin() + address);
+    return *state.contents;
+}
+
+std::uint32_t eeprom_word_at(const eeprom_bytes& bytes, std::uint32_t address) {
+    std::uint32_t word = 0;
+    for (std::size_t i = word_size; i-- > 0;)
+        word = word << 8 | bytes[address + i];
+    return word;
+}
+
+void put_eeprom_word(eeprom_bytes& bytes, std::uint32_t address, std::uint32_t word) {
+    for (std::size_t i = 0; i < word_size; ++i)
+        bytes[address + i] = static_cast<std::uint8_t>(word >> (8 * i));
+}
+
+bool is_eeprom_address(std::uint32_t address) {
+    return address < eeprom_size && address % word_size == 0;
+}
+
+std::uint32_t poll_eeprom(eeprom_state& state, const card& owner) {
+    if (state.phase == eeprom_phase::busy) {
+        if (state.polls_left == 0) {
+            state.phase = finish(state, owner);
+        } else {
+            --state.polls_left;
+        }
+    }
+    return phase_status[static_cast<std::size_t>(state.phase)];
+}
+
+void command_eeprom(eeprom_state& state, const card& owner, std::uint32_t command) {
+    if (command == idle_command) {
+        state.phase = eeprom_phase::ready;
+        return;
+    }
+    const bool known = command == read_command || command == write_command;
+    if (!known || state.phase != eeprom_phase::ready) return;
+    state.command = command;
+    state.polls_left = owner.device.eeprom_busy_polls;
+    state.phase = eeprom_phase::busy;
+}
+
+void reset_eeprom_registers(eeprom_state& state) {
+    eeprom_state fresh;
+    fresh.contents = std::move(state.contents);
+    fresh.changed = state.changed;
+    state = std::move(fresh);
+}
+
+void load_eeprom_file(eeprom_state& state, const device_settings& settings,
+                      const std::filesystem::path& file) {
+    errno = 0;
+    std::ifstream in(file, std::ios::binary);
+    if (!in) fail("cannot read", file, system_reason());
+    std::array<char, eeprom_size + 1> read{};  // one more, to see that a file is too long
+    in.read(read.data(), read.size());
+    const auto size = static_cast<std::size_t>(in.gcount());
+    if (in.bad()) fail("cannot read", file, system_reason());
+    if (size != eeprom_size) {
+        fail("cannot use", file,
+             size > eeprom_size ? "it is longer than 2048 bytes"
+                                : "it has " + std::to_string(size) + " bytes, an EEPROM has 2048");
+    }
+    eeprom_bytes& bytes = contents_of(state, settings);
+    std::copy_n(read.begin(), eeprom_size, bytes.begin());
+    state.changed = file != settings.eeprom_file;
+}
+
+void save_eeprom_file(eeprom_state& state, const device_settings& settings,
+                      const std::filesystem::path& file) {
+    const eeprom_bytes& bytes = contents_of(state, settings);
+    errno = 0;
+    std::ofstream out(file, std::ios::binary | std::ios::trunc);
+    if (!out) fail("cannot write", file, system_reason());
+    out.write(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    out.close();
+    if (!out) fail("cannot write", file, system_reason());
+    if (file == settings.eeprom_file) state.changed = false;
+}
+
+}  // namespace cardsim

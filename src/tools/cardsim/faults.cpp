@@ -1,0 +1,104 @@
+// Faults drawn by rate, one row each.
+#include "faults.h"
+
+#include <algorithm>
+#include <iterator>
+
+namespace cardsim {
+
+namespace {
+
+// SplitMix64: eight bytes of state, and good from the first number on.
+std::uint64_t mix(std::uint64_t value) {
+    value = (value ^ value >> 30) * 0xBF58476D1CE4E5B9;
+    value = (value ^ value >> 27) * 0x94D049BB133111EB;
+    return value ^ value >> 31;
+}
+
+std::uint64_t draw(fault_state& state) {
+    state.random += 0x9E3779B97F4A7C15;
+    return mix(state.random);
+}
+
+bool hits(fault_state& state, std::uint16_t rate) {
+    return rate != 0 && draw(state) % 1000 < rate;
+}
+
+void send_twice(reply& given) {
+    given.copies = 2;
+}
+
+void change_port(reply& given) {
+    given.port = 1 - given.port;
+}
+
+// The address of the other path: the one mistake that only a look at the whole address shows.
+void change_mac(reply& given) {
+    given.body.source ^= 1;
+}
+
+// As far as can be from the tags in use, which follow one another.
+void change_tag(reply& given) {
+    given.body.tag ^= 0x80;
+}
+
+struct spoiling {
+    std::uint16_t fault_settings::*rate;
+    std::uint64_t counters::*counter;
+    void (*apply)(reply&);
+};
+
+constexpr spoiling spoilings[] = {
+    {&fault_settings::duplicate_answers, &counters::duplicated, send_twice},
+    {&fault_settings::wrong_port, &counters::wrong_port, change_port},
+    {&fault_settings::wrong_mac, &counters::wrong_mac, change_mac},
+    {&fault_settings::wrong_tag, &counters::wrong_tag, change_tag},
+};
+
+std::chrono::milliseconds draw_delay(fault_state& state, const fault_settings& faults) {
+    const std::uint32_t least = faults.delay_min_ms;
+    const std::uint64_t span = std::max(least, faults.delay_max_ms) - least + std::uint64_t{1};
+    return std::chrono::milliseconds(least + (span > 1 ? draw(state) % span : 0));
+}
+
+}  // namespace
+
+void seed_faults(fault_state& state, const card& owner) {
+    state.random = mix(owner.faults.seed) ^ owner.id;
+}
+
+bool request_lost(fault_state& state, const fault_settings& faults, counters& counted) {
+    if (!hits(state, faults.lose_requests)) return false;
+    ++counted.lost_requests;
+    return true;
+}
+
+bool read_silenced(const fault_settings& faults, std::uint32_t address, counters& counted) {
+    const auto& silent = faults.silent_registers;
+    if (std::find(silent.begin(), silent.end(), address) == silent.end()) return false;
+    ++counted.silent;
+    return true;
+}
+
+fate decide(fault_state& state, const fault_settings& faults, reply& given, counters& counted) {
+    if (hits(state, faults.lose_answers)) {
+        ++counted.lost_answers;
+        return {.what = verdict::lost};
+    }
+    for (const spoiling& row : spoilings) {
+        if (!hits(state, faults.*row.rate)) continue;
+        row.apply(given);
+        ++(counted.*row.counter);
+    }
+    if (!state.held && hits(state, faults.reorder_answers)) {
+        state.held = std::make_unique<reply>(given);
+        ++counted.reordered;
+        return {.what = verdict::held};
+    }
+    const std::chrono::milliseconds delay = draw_delay(state, faults);
+    if (delay.count() == 0) return {};
+    ++counted.delayed;
+    return {.what = verdict::wait, .delay = delay};
+}
+
+}  // namespace cardsim

@@ -1,0 +1,42 @@
+// The fate of what goes between a manager and a card: lost, late, twice, or wrong.
+//
+// Each card has its own sequence of random numbers, drawn from its seed and its ID, so that the
+// same requests meet the same faults in every run, whatever other cards do.
+#pragma once
+
+#include <chrono>
+
+#include "cardsim.h"
+
+namespace cardsim {
+
+// An answer on its way out.
+struct reply {
+    std::size_t port = 0;
+    std::size_t path = 0;
+    unsigned copies = 1;
+    completion body;
+};
+
+struct fault_state {
+    std::uint64_t random = 0;
+    std::unique_ptr<reply> held;  // until the next answer has left
+};
+
+// The start of the card's sequence.
+void seed_faults(fault_state& state, const card& owner);
+
+bool request_lost(fault_state& state, const fault_settings& faults, counters& counted);
+bool read_silenced(const fault_settings& faults, std::uint32_t address, counters& counted);
+
+enum class verdict { leave, wait, held, lost };
+
+struct fate {
+    verdict what = verdict::leave;
+    std::chrono::milliseconds delay{0};  // of an answer that waits
+};
+
+// Spoils `given` as the faults want it and tells when it leaves; a held one has been moved away.
+fate decide(fault_state& state, const fault_settings& faults, reply& given, counters& counted);
+
+}  // namespace cardsim

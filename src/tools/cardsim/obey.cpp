@@ -1,0 +1,152 @@
+// What managers make cards do. A request reaches the card that has its destination address, a Reset
+// to a group address every card of the VLAN; cards do not hear what comes in on a port or path that
+// is silenced, nor obey a frame that breaks a rule. Only a Register Read is answered.
+#include "simulator_impl.h"
+
+namespace cardsim {
+
+namespace {
+
+constexpr std::uint64_t group_bit = 0x010000000000;
+constexpr std::uint16_t vlan_id_mask = 0x0FFF;
+
+bool heard_on_port(const card& listener, std::size_t port) {
+    return listener.heard[port][0] || listener.heard[port][1];
+}
+
+// What a card does with each message, besides the answer to a Register Read.
+struct obedience {
+    slot& asked;
+    counters& counted;
+
+    void operator()(const std::monostate&) const {}
+    void operator()(const register_read&) const {}
+    void operator()(const register_write& r) const {
+        write_device(asked.state, asked.held, r.address, r.data);
+        ++counted.writes;
+    }
+    void operator()(const vlan_set& r) const {
+        if (!asked.held.device.vlan_frozen) asked.held.vlan_id = r.vlan_id & vlan_id_mask;
+        ++counted.vlan_sets;
+    }
+    void operator()(const reset& r) const {
+        reset_device(asked.state, r.status);
+        ++counted.resets;
+    }
+    void operator()(const mms_write& r) const {
+        asked.state.pages[r.page] = r.data;
+        ++counted.mms_writes;
+    }
+};
+
+}  // namespace
+
+// A 40G card has the odd address behind its ID as well.
+slot* simulator::impl::find_by_mac(std::uint64_t mac) {
+    const auto found = by_mac.find(mac);
+    if (found != by_mac.end()) return found->second;
+    const auto even = by_mac.find(mac & ~std::uint64_t{1});
+    const bool second_path =
+        even != by_mac.end() && path_count(even->second->held.speed) == path_limit;
+    return second_path ? even->second : nullptr;
+}
+
+void simulator::impl::obey(std::size_t port, const request& received) {
+    const bool to_group = (received.destination & group_bit) != 0;
+    if (to_group && port < port_limit) return obey_group(port, received);
+    slot* asked = find_by_mac(received.destination);
+    if (asked == nullptr || port >= port_limit ||
+        !asked->held.heard[port][received.destination ^ asked->held.id]) {
+        ++counted.unheard;
+        return;
+    }
+    obey_as(*asked, port, received);
+}
+
+void simulator::impl::obey_group(std::size_t port, const request& received) {
+    bool heard = false;
+    for (auto& [id, listener] : slots) {
+        const card& held = listener.held;
+        const bool meant = held.vlan_id == (received.tci & vlan_id_mask) &&
+                           std::holds_alternative<reset>(received.body);
+        if (!meant || !heard_on_port(held, port)) continue;
+        heard = true;
+        obey_as(listener, port, received);
+    }
+    if (!heard) ++counted.unheard;
+}
+
+void simulator::impl::obey_as(slot& asked, std::size_t port, const request& received) {
+    if (request_lost(asked.faults, asked.held.faults, counted)) return;
+    std::visit(obedience{asked, counted}, received.body);
+    if (std::holds_alternative<register_read>(received.body)) answer_read(asked, port, received);
+}
+
+void simulator::impl::answer_read(slot& asked, std::size_t port, const request& received) {
+    const auto& body = std::get<register_read>(received.body);
+    ++counted.reads;
+    if (read_silenced(asked.held.faults, body.address, counted)) return;
+    reply made{.port = port,
+               .path = received.destination ^ asked.held.id,
+               .body = {.source = received.destination,
+                        .destination = received.source,
+                        .tag = body.tag,
+                        .value = read_device(asked.state, asked.held, body.address)}};
+    const fate decided = decide(asked.faults, asked.held.faults, made, counted);
+    if (decided.what == verdict::leave) return leave(asked, made);
+    if (decided.what != verdict::wait) return;
+    delayed.push({steady::now() + decided.delay, ++last_delayed, asked.held.id, made});
+}
+
+// A path that was silenced meanwhile stays silent.
+void simulator::impl::send_reply(const card& sender, const reply& sent) {
+    if (sent.port >= ports.size() || !sender.heard[sent.port][sent.path]) return;
+    encode(sender, sent.body, answer_frame);
+    for (unsigned copy = 0; copy < sent.copies; ++copy)
+        send(sent.port, answer_frame, counted.answers);
+}
+
+void simulator::impl::leave(slot& asked, const reply& sent) {
+    send_reply(asked.held, sent);
+    if (!asked.faults.held) return;
+    send_reply(asked.held, *asked.faults.held);
+    asked.faults.held.reset();
+}
+
+void simulator::impl::answer_due() {
+    const std::scoped_lock lock(mutex);
+    if (delayed.empty()) return;
+    const auto now = steady::now();
+    while (!delayed.empty() && delayed.top().due <= now) {
+        const delayed_reply up = delayed.top();
+        delayed.pop();
+        const auto sender = slots.find(up.id);
+        if (sender != slots.end()) leave(sender->second, up.late);
+    }
+}
+
+void simulator::impl::take_frame(std::size_t port, frame_view frame) {
+    const std::optional<request> received = decode(frame, ether_type);
+    if (!received) return;
+    {
+        const std::scoped_lock lock(mutex);
+        ++counted.received;
+        if (received->fault.empty()) {
+            obey(port, *received);
+        } else {
+            ++counted.faulty;
+        }
+    }
+    if (observer) observer(port, *received);
+}
+
+void simulator::deliver(std::size_t port, frame_view frame) {
+    {
+        const std::scoped_lock lock(impl_->mutex);
+        impl_->port_at(port);
+    }
+    impl_->take_frame(port, frame);
+    impl_->wake();  // an answer may have become due at another time
+}
+
+}  // namespace cardsim
