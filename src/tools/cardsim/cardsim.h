@@ -98,7 +98,7 @@ struct fault_settings {
     std::uint16_t lose_answers = 0;
     std::uint16_t duplicate_answers = 0;
     std::uint16_t reorder_answers = 0;  // held back until the next answer has left
-    std::uint16_t wrong_port = 0;       // answer by the other port
+    std::uint16_t wrong_port = 0;       // answer by the other port, if the card is heard there
     std::uint16_t wrong_mac = 0;        // answer from the other path's MAC
     std::uint16_t wrong_tag = 0;
     std::uint32_t delay_min_ms = 0;  // every answer waits for a random time between the two
@@ -331,7 +331,7 @@ struct counters {
     std::uint64_t failed = 0;     // frames not sent: any other error
     std::uint64_t received = 0;   // frames of the protocol received
     std::uint64_t faulty = 0;     // of these, frames that break a rule of it; not obeyed
-    std::uint64_t unheard = 0;    // of these, frames to no card heard on that port and path
+    std::uint64_t unheard = 0;    // of these, frames that no card hears on that port and path
 
     // Obeyed, once for every card
     std::uint64_t reads = 0;

@@ -102,7 +102,7 @@ void command_eeprom(eeprom_state& state, const card& owner, std::uint32_t comman
         return;
     }
     const bool known = command == read_command || command == write_command;
-    if (!known || state.phase != eeprom_phase::ready) return;
+    if (!known || state.phase == eeprom_phase::busy) return;
     state.command = command;
     state.polls_left = owner.device.eeprom_busy_polls;
     state.phase = eeprom_phase::busy;

@@ -1,8 +1,9 @@
 // The EEPROM of a card: its contents, and the four registers by which a manager reaches them.
 //
-// A command (read or write, of one word) is taken when the EEPROM is ready, and works for a number
-// of polls of the status; then it is complete or refused, until 0 is written to the control
-// register. Words lie in the contents least significant byte first.
+// A command (read or write, of one word) works for a number of polls of the status, during which no
+// other is taken; then it is complete or refused, until the next command or until 0 is written to
+// the control register, which makes the EEPROM ready again. Words lie in the contents least
+// significant byte first.
 #pragma once
 
 #include "cardsim.h"

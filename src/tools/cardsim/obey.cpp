@@ -1,6 +1,7 @@
 // What managers make cards do. A request reaches the card that has its destination address, a Reset
-// to a group address every card of the VLAN; cards do not hear what comes in on a port or path that
-// is silenced, nor obey a frame that breaks a rule. Only a Register Read is answered.
+// to a group address every card of the VLAN. Cards do not hear what comes in on a port or path that
+// is silenced or in the header arrangement that is not theirs, nor obey a frame that breaks a rule.
+// Only a Register Read is answered.
 #include "simulator_impl.h"
 
 namespace cardsim {
@@ -10,8 +11,14 @@ namespace {
 constexpr std::uint64_t group_bit = 0x010000000000;
 constexpr std::uint16_t vlan_id_mask = 0x0FFF;
 
-bool heard_on_port(const card& listener, std::size_t port) {
-    return listener.heard[port][0] || listener.heard[port][1];
+bool hears(const card& listener, std::size_t port, std::size_t path, const request& received) {
+    return listener.heard[port][path] && listener.vlan_change_mode == received.vlan_change_mode;
+}
+
+bool hears_reset(const card& listener, std::size_t port, const request& received) {
+    return std::holds_alternative<reset>(received.body) &&
+           listener.vlan_id == (received.tci & vlan_id_mask) &&
+           (hears(listener, port, 0, received) || hears(listener, port, 1, received));
 }
 
 // What a card does with each message, besides the answer to a Register Read.
@@ -52,24 +59,21 @@ slot* simulator::impl::find_by_mac(std::uint64_t mac) {
 }
 
 void simulator::impl::obey(std::size_t port, const request& received) {
-    const bool to_group = (received.destination & group_bit) != 0;
-    if (to_group && port < port_limit) return obey_group(port, received);
-    slot* asked = find_by_mac(received.destination);
-    if (asked == nullptr || port >= port_limit ||
-        !asked->held.heard[port][received.destination ^ asked->held.id]) {
-        ++counted.unheard;
-        return;
+    if (port < port_limit) {
+        if ((received.destination & group_bit) != 0) return obey_group(port, received);
+        slot* asked = find_by_mac(received.destination);
+        if (asked != nullptr &&
+            hears(asked->held, port, received.destination ^ asked->held.id, received)) {
+            return obey_as(*asked, port, received);
+        }
     }
-    obey_as(*asked, port, received);
+    ++counted.unheard;
 }
 
 void simulator::impl::obey_group(std::size_t port, const request& received) {
     bool heard = false;
     for (auto& [id, listener] : slots) {
-        const card& held = listener.held;
-        const bool meant = held.vlan_id == (received.tci & vlan_id_mask) &&
-                           std::holds_alternative<reset>(received.body);
-        if (!meant || !heard_on_port(held, port)) continue;
+        if (!hears_reset(listener.held, port, received)) continue;
         heard = true;
         obey_as(listener, port, received);
     }
