@@ -137,7 +137,6 @@ void simulator::impl::begin() {
     if (running) throw error("the simulator is running already");
     running = true;
     timers = {};
-    delayed = {};
     const auto now = steady::now();
     for (auto& [id, armed] : slots)
         arm(armed, now + milliseconds(armed.held.phase_ms));

@@ -1,6 +1,9 @@
 // Fields by name: what set_field() takes, where it puts it, what it refuses.
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <iterator>
+
 #include "cardsim.h"
 #include "fields.h"
 
@@ -39,6 +42,65 @@ TEST(Fields, EveryFieldChangesTheFrame) {
                   encode(before, cardsim::message::devinfo, 0))
             << name;
     }
+}
+
+// Two by two no field has the same place: what one sets is not what another sets.
+TEST(Fields, EveryAnsweringFieldHasAPlaceOfItsOwn) {
+    using cardsim::device_settings, cardsim::fault_settings;
+    card changed = io_card();
+    std::uint64_t next = 100;
+    const auto numbered = [&](std::string_view name, const auto& member) {
+        set_field(changed, name, std::to_string(++next));
+        return [&member, expected = next] { return member == expected; };
+    };
+    device_settings& device = changed.device;
+    fault_settings& faults = changed.faults;
+    const std::function<bool()> checks[] = {
+        numbered("register_default", device.register_default),
+        numbered("lock_retake_reads", device.lock_retake_reads),
+        numbered("eeprom_fill", device.eeprom_fill),
+        numbered("eeprom_busy_polls", device.eeprom_busy_polls),
+        numbered("fault_seed", faults.seed),
+        numbered("lose_requests", faults.lose_requests),
+        numbered("lose_answers", faults.lose_answers),
+        numbered("duplicate_answers", faults.duplicate_answers),
+        numbered("reorder_answers", faults.reorder_answers),
+        numbered("wrong_port", faults.wrong_port),
+        numbered("wrong_mac", faults.wrong_mac),
+        numbered("wrong_tag", faults.wrong_tag),
+        numbered("delay_min_ms", faults.delay_min_ms),
+        numbered("delay_max_ms", faults.delay_max_ms),
+    };
+    for (const auto& check : checks)
+        EXPECT_TRUE(check()) << &check - checks;
+    const std::pair<std::string_view, bool device_settings::*> flags[] = {
+        {"vlan_frozen", &device_settings::vlan_frozen},
+        {"id_lock", &device_settings::id_lock},
+        {"lock_stubborn", &device_settings::lock_stubborn},
+        {"eeprom_packed", &device_settings::eeprom_packed},
+        {"eeprom_refusing", &device_settings::eeprom_refusing}};
+    for (const auto& [set, member] : flags) {
+        card flagged = io_card();
+        flagged.device.eeprom_packed = false;
+        set_field(flagged, set, "true");
+        for (const auto& [name, other] : flags)
+            EXPECT_EQ(flagged.device.*other, name == set) << set << " and " << name;
+    }
+    const std::size_t lists = 1;
+    EXPECT_EQ(cardsim::answering_field_names().size(),
+              std::size(checks) + std::size(flags) + lists);
+}
+
+TEST(Fields, SilentRegistersAreAList) {
+    card changed = io_card();
+    set_field(changed, "silent_registers", "0x10,20");
+    EXPECT_EQ(changed.faults.silent_registers, (std::vector<std::uint32_t>{0x10, 20}));
+    set_field(changed, "silent_registers", "8");
+    EXPECT_EQ(changed.faults.silent_registers, std::vector<std::uint32_t>{8});
+    set_field(changed, "silent_registers", "none");
+    EXPECT_TRUE(changed.faults.silent_registers.empty());
+    EXPECT_EQ(refusal("silent_registers", "8,,9"),
+              "\"silent_registers\" takes a number from 0 to 4194300, not \"\"");
 }
 
 TEST(Fields, NumbersAreDecimalOrHexadecimal) {
@@ -104,6 +166,15 @@ TEST(Fields, RefusalsSayWhatIsTaken) {
               "\"down_port\" takes a number from 0 to 15, not \"16\"");
     EXPECT_EQ(refusal("down_port.1", "1"), "a downstream port is set by down_port.N.FIELD");
     EXPECT_EQ(refusal("heard", "P0M0"), "\"heard\" cannot be set: use silence and wake");
+    EXPECT_EQ(refusal("lose_answers", "1001"),
+              "\"lose_answers\" takes a number from 0 to 1000, not \"1001\"");
+    EXPECT_EQ(refusal("eeprom_fill", "256"),
+              "\"eeprom_fill\" takes a number from 0 to 255, not \"256\"");
+    EXPECT_EQ(refusal("lose_answer", "1"),
+              "no field \"lose_answer\"; the nearest is \"lose_answers\"");
+    EXPECT_EQ(refusal("registers", "1"), "\"registers\" cannot be set: use reg");
+    EXPECT_EQ(refusal("eeprom_file", "x"),
+              "\"eeprom_file\" cannot be set: use eeprom with load and save");
     EXPECT_EQ(refusal("id", "1"),
               "\"id\" cannot be set: it tells which card this is; add another card instead");
 }

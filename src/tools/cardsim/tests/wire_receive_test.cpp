@@ -1,10 +1,10 @@
 // decode(): every frame a card takes, written out by hand in both header arrangements.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <ostream>
 
 #include "cardsim.h"
+#include "manager_frame.h"
 
 namespace {
 
@@ -20,14 +20,7 @@ void PrintTo(arrangement header, std::ostream* out) {
 
 // A frame with VLAN ID 0x234: header, the given bytes from 18 on, zeros up to `size`.
 frame_bytes frame_of(arrangement header, const frame_bytes& message, std::size_t size = 60) {
-    frame_bytes frame = {0x02, 0x00, 0x00, 0x00, 0x00, 0x11, 0x0A, 0x00, 0x00, 0x00, 0x00, 0x01};
-    const frame_bytes normal = {0x81, 0x00, 0x82, 0x34, 0x88, 0xB6};
-    const frame_bytes change = {0x88, 0xB6, 0x81, 0x00, 0x82, 0x34};
-    const frame_bytes& tag = header == arrangement::normal ? normal : change;
-    frame.insert(frame.end(), tag.begin(), tag.end());
-    frame.insert(frame.end(), message.begin(), message.end());
-    frame.resize(std::max(size, frame.size()));
-    return frame;
+    return manager_frame(0x020000000011, 0x234, header == arrangement::change, message, size);
 }
 
 const frame_bytes read_message = {0x91, 0xFF, 0xFF, 0x00, 0x00, 0x2A, 0x02, 0xBC, 0x0D, 0xEF};
@@ -52,7 +45,7 @@ INSTANTIATE_TEST_SUITE_P(Receive, InBothArrangements,
 TEST_P(InBothArrangements, Header) {
     const request received = decoded(frame_of(GetParam(), reset_message));
     EXPECT_EQ(received.destination, 0x020000000011U);
-    EXPECT_EQ(received.source, 0x0A0000000001U);
+    EXPECT_EQ(received.source, manager_mac);
     EXPECT_EQ(received.tci, 0x8234);
     EXPECT_EQ(received.vlan_change_mode, GetParam() == arrangement::change);
     EXPECT_EQ(received.subtype, 0x30);
