@@ -41,7 +41,10 @@ void define_options(CLI::App& app, options& given) {
     app.add_flag("--quiet", given.quiet, "Say nothing of frames that arrive");
     app.add_flag("--check", given.check, "Read the scenario and end");
     app.set_version_flag("--version", "qnm-cardsim " CARDSIM_VERSION);
-    app.footer("While it runs, lines on standard input change cards; \"help\" lists them.");
+    app.footer(
+        "Cards announce themselves and answer managers: registers, EEPROM, VLAN ID, Reset and MMS\n"
+        "pages. While it runs, lines on standard input look into cards and change them; \"help\"\n"
+        "lists them. EEPROMs that have a file in the scenario are saved at the end.");
 }
 
 // Cards without an Ethernet type of their own follow the new one.

@@ -1,6 +1,7 @@
 // Scenarios: what they make, and errors that lead to the place.
 #include <gtest/gtest.h>
 
+#include <map>
 #include <ostream>
 
 #include "cardsim.h"
@@ -87,6 +88,31 @@ TEST(Scenario, TablesInsideTheCard) {
     EXPECT_EQ(read.cards[0].down_ports[3].com_port.memory_limit, 0xFFF0);
 }
 
+TEST(Scenario, RegistersAndEeprom) {
+    const card made = parsed(card_text("register_default = 0xFFFFFFFF\neeprom_fill = 0\n"
+                                       "eeprom_file = \"a.eeprom\"\n"
+                                       "silent_registers = [0x20, 0x24]\nfault_seed = 7\n"
+                                       "lose_answers = 50\n"
+                                       "[card.registers]\n0x1000 = 0x12345678\n\"4\" = 5\n"
+                                       "[card.eeprom]\n0x10 = \"SERIAL\"\n0x20 = 0x01020304\n"))
+                          .cards[0];
+    EXPECT_EQ(made.device.register_default, 0xFFFFFFFFU);
+    EXPECT_EQ(made.device.eeprom_fill, 0);
+    EXPECT_EQ(made.device.eeprom_file, "a.eeprom");
+    EXPECT_EQ(made.device.registers,
+              (std::map<std::uint32_t, std::uint32_t>{{0x1000, 0x12345678}, {4, 5}}));
+    EXPECT_EQ(made.device.eeprom,
+              (std::map<std::uint32_t, std::string>{{0x10, "SERIAL"}, {0x20, "\4\3\2\1"}}));
+    EXPECT_EQ(made.faults.silent_registers, (std::vector<std::uint32_t>{0x20, 0x24}));
+    EXPECT_EQ(made.faults.seed, 7U);
+    EXPECT_EQ(made.faults.lose_answers, 50);
+}
+
+TEST(Scenario, NoSilentRegisterIsAnEmptyList) {
+    EXPECT_TRUE(
+        parsed(card_text("silent_registers = []\n")).cards[0].faults.silent_registers.empty());
+}
+
 TEST(Scenario, CountUnfoldsWithAscendingIdsSpreadOverTheInterval) {
     const scenario read = parsed(card_text("count = 4\ninterval_ms = 1000\n"));
     ASSERT_EQ(read.cards.size(), 4U);
@@ -159,6 +185,33 @@ INSTANTIATE_TEST_SUITE_P(
         wrong{"Count", card_text("count = 0\n"), "test.toml:6: \"count\" takes at least 1"},
         wrong{"Burst", card_text("count = 2\nburst = 1\n"),
               "test.toml:7: \"burst\" takes true or false"},
+        wrong{"AnsweringKey", card_text("lose_anwsers = 1\n"),
+              "test.toml:6: no key \"lose_anwsers\"; the nearest is \"lose_answers\""},
+        wrong{"Rate", card_text("wrong_tag = 1001\n"),
+              "test.toml:6: \"wrong_tag\" takes a number from 0 to 1000, not \"1001\""},
+        wrong{"RegisterAddress", card_text("[card.registers]\n0x400000 = 1\n"),
+              "test.toml:7: \"address\" takes a number from 0 to 4194300, not \"0x400000\""},
+        wrong{"RegisterName", card_text("[card.registers]\nserial = 1\n"),
+              "test.toml:7: \"address\" takes a number from 0 to 4194300, not \"serial\""},
+        wrong{"RegisterValue", card_text("[card.registers]\n0x10 = 0x100000000\n"),
+              "test.toml:7: \"0x10\" takes a number from 0 to 4294967295, not \"4294967296\""},
+        wrong{"RegisterUneven", card_text("[card.registers]\n0x11 = 1\n"),
+              "test.toml:1: card \"a\": register address 0x000011: an address is a multiple of "
+              "4, at most 0x3ffffc"},
+        wrong{"RegisterOfEeprom", card_text("[card.registers]\n0x5010 = 1\n"),
+              "test.toml:1: card \"a\": register 0x005010 belongs to the EEPROM and cannot be "
+              "preset"},
+        wrong{"RegistersNoTable", card_text("registers = 1\n"),
+              "test.toml:6: \"registers\" is a table, written with [ ]"},
+        wrong{"EepromAddress", card_text("[card.eeprom]\n2048 = 1\n"),
+              "test.toml:7: \"address\" takes a number from 0 to 2047, not \"2048\""},
+        wrong{"EepromEnd", card_text("[card.eeprom]\n2045 = 1\n"),
+              "test.toml:1: card \"a\": the EEPROM preset at 0x0007fd goes beyond its 2048 "
+              "bytes"},
+        wrong{"SilentRegister", card_text("silent_registers = [\"x\"]\n"),
+              "test.toml:6: \"silent_registers\" takes a number from 0 to 4194300, not \"x\""},
+        wrong{"SameEepromFile", card_text("count = 2\neeprom_file = \"f\"\n"),
+              "test.toml:1: card \"a-1\": the EEPROM file \"f\" is that of card \"a-0\" already"},
         wrong{"NoCard", "ports = [\"x\"]\n", "test.toml: no [[card]] in this scenario"},
         wrong{"ThreePorts", "ports = [\"x\", \"y\", \"z\"]\n" + card_text(),
               "test.toml:1: \"ports\" lists one or two interfaces"}),
@@ -181,6 +234,9 @@ TEST(Scenario, ExamplesLoad) {
     const scenario demo = cardsim::load_scenario(SCENARIO_DIR "/demo.toml");
     EXPECT_EQ(demo.cards.size(), 6U);
     EXPECT_EQ(demo.ports, (std::vector<std::string>{"qsim0", "qsim1"}));
+    EXPECT_EQ(demo.cards[0].device.registers.at(0x1000), 0x20261121U);
+    EXPECT_EQ(demo.cards[0].device.eeprom.at(0), "SERVER CARD 10G");
+    EXPECT_TRUE(demo.cards[1].device.id_lock);
     EXPECT_EQ(cardsim::load_scenario(SCENARIO_DIR "/rack.toml").cards.size(), 2000U);
 }
 
