@@ -45,6 +45,14 @@ struct StubbornLock : Lock, testing::WithParamInterface<bool> {
     void look() {
         settings.id_lock ? read_lock_holder(lock, settings) : read_lock_bits(lock, settings);
     }
+    void take_as_manager() {
+        settings.id_lock ? request_lock(lock, mine)
+                         : write_lock_bits(lock, settings, lock.held.bits | mine);
+    }
+    void release_as_manager() {
+        settings.id_lock ? release_lock(lock, settings, mine)
+                         : write_lock_bits(lock, settings, lock.held.bits & ~mine);
+    }
 };
 
 INSTANTIATE_TEST_SUITE_P(BitsAndIds, StubbornLock, testing::Bool());
@@ -90,11 +98,12 @@ TEST_F(IdLock, FirstRequesterHoldsAndTheLowestWaitingFollows) {
 
 TEST_F(IdLock, OneThatWaitsLeavesWithoutMovingTheHolder) {
     request_lock(lock, theirs);
+    request_lock(lock, 0x2);
     request_lock(lock, mine);
     release_lock(lock, settings, mine);
-    expect(theirs, theirs);
-    release_lock(lock, settings, 0x2);  // of nobody
-    expect(theirs, theirs);
+    expect(theirs | 0x2, theirs);
+    release_lock(lock, settings, 0x10);  // of nobody
+    expect(theirs | 0x2, theirs);
 }
 
 TEST_F(IdLock, AllAreReleasedAtOnce) {
@@ -168,22 +177,27 @@ TEST_P(StubbornLock, IsTakenBackAfterSomeLooks) {
     }
 }
 
-TEST_P(StubbornLock, StaysFreeWhenTheOthersDropIt) {
+TEST_P(StubbornLock, IsTheManagersWhenTheOthersDropIt) {
     take_lock_by_others(lock, settings, theirs);
     free_by_force();
     drop_lock_of_others(lock);
+    take_as_manager();
     look();
     look();
     EXPECT_FALSE(is_theirs());
+    EXPECT_EQ(settings.id_lock ? lock.held.holder : lock.held.bits, mine);
 }
 
-TEST_P(StubbornLock, IsNotTakenBackFromAManagerThatReleasesItsOwn) {
-    settings.lock_retake_reads = 0;
+TEST_P(StubbornLock, ManagerThatLeavesIsNoReasonToWaitLonger) {
+    settings.lock_retake_reads = 2;
     take_lock_by_others(lock, settings, theirs);
-    drop_lock_of_others(lock);
-    settings.id_lock ? request_lock(lock, mine) : write_lock_bits(lock, settings, mine);
-    settings.id_lock ? release_lock(lock, settings, mine) : write_lock_bits(lock, settings, 0);
-    EXPECT_EQ(lock.held.bits | lock.held.requests | lock.held.holder, 0U);
+    take_as_manager();
+    free_by_force();
+    look();
+    release_as_manager();
+    EXPECT_FALSE(is_theirs());
+    look();
+    EXPECT_TRUE(is_theirs());
 }
 
 TEST_P(StubbornLock, TakenBackIdsPushTheManagerOut) {

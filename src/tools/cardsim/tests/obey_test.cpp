@@ -148,6 +148,11 @@ TEST_F(Obey, SilencedPathNeitherHearsNorAnswers) {
     ask(fast_id | 1, read_of(3), 1);
     EXPECT_EQ(tags(first), frame_bytes{2});
     EXPECT_EQ(tags(second), frame_bytes{3});
+    sim.wake("fast", 0, 1);
+    sim.silence("fast", 0, 0);
+    ask(fast_id, read_of(4));
+    ask(fast_id | 1, read_of(5));
+    EXPECT_EQ(tags(first), (frame_bytes{2, 5}));
 }
 
 TEST_F(Obey, RemovedCardIsSilentAndItsSuccessorNew) {
@@ -296,6 +301,9 @@ TEST_F(Obey, ReorderedAnswerLeavesBehindTheNextOne) {
     ask(fast_id, read_of(9));  // another card's: of no concern
     ask(slow_id, read_of(2));
     EXPECT_EQ(tags(first), (frame_bytes{9, 2, 1}));
+    ask(slow_id, read_of(3));
+    EXPECT_EQ(tags(first), (frame_bytes{9, 2, 1}));
+    EXPECT_EQ(sim.count().reordered, 2U);
 }
 
 TEST_F(Obey, WrongPortIsTheOtherOneIfTheCardIsHeardThere) {
@@ -345,7 +353,7 @@ TEST_F(Obey, DelayedAnswerComesLaterWithTheValueOfThen) {
     EXPECT_GE(std::chrono::steady_clock::now() - asked, std::chrono::milliseconds(20));
     sim.stop();
     sim.wait();
-    EXPECT_EQ(tags(first), (frame_bytes{2, 1}));
+    ASSERT_EQ(tags(first), (frame_bytes{2, 1}));
     EXPECT_EQ(first.frames[1][24], 7);
     EXPECT_EQ(sim.count().delayed, 1U);
 }
@@ -375,6 +383,20 @@ TEST_F(Obey, DelayedAnswerOfACardThatIsGoneNeverLeaves) {
     sim.stop();
     sim.wait();
     EXPECT_EQ(tags(first), frame_bytes{2});
+}
+
+TEST_F(Obey, NewSeedBeginsTheSequenceAnew) {
+    sim.set("slow", "lose_answers", "500");
+    const auto answered_of_64 = [&] {
+        first.frames.clear();
+        sim.set("slow", "fault_seed", "0");
+        sim.set("slow", "fault_seed", "5");
+        for (std::uint8_t tag = 0; tag < 64; ++tag)
+            ask(slow_id, read_of(tag));
+        return tags(first);
+    };
+    const frame_bytes once = answered_of_64();
+    EXPECT_EQ(answered_of_64(), once);
 }
 
 // Each run of the same requests against the same seed.
