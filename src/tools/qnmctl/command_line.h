@@ -10,6 +10,8 @@
 #include <variant>
 #include <vector>
 
+#include "fields.h"
+#include "operands.h"
 #include "qnm.h"
 
 namespace qnmctl {
@@ -32,10 +34,37 @@ struct settings {
 
 enum class monitor_action { stop, restart };
 
+enum class card_kind { server, device };
+
+// The cards that a verb is for: those that are named, or of the known ones those that fit.
+struct selection {
+    std::vector<std::uint64_t> ids = {};  // empty: by what follows
+    bool all = false;
+    std::optional<card_kind> kind = {};
+    std::optional<std::uint16_t> group = {};
+
+    bool by_property() const { return all || kind || group; }
+};
+
+// How a card is accessed.
+struct access_options {
+    std::optional<std::uint32_t> retries = {};   // not given: as configured
+    std::optional<std::uint32_t> interval = {};  // milliseconds; likewise
+    std::uint32_t flags = 0;                     // QNM_FLAG_LIVECHECK and so on
+};
+
 // A verb and what was said with it.
 struct request {
     const verb* asked = nullptr;
     std::uint64_t id = 0;
+    selection cards = {};
+    std::vector<std::uint32_t> numbers = {};  // the operands in their order
+    std::string file = {};                    // the operand that is one
+    access_options how = {};
+    std::string raw = {};  // --raw
+    bool yes = false;
+    std::optional<double> wait = {};  // --wait; not given: the verb's
+    qnm_log_level_t level = QNM_LOGLVL_NONE;
     monitor_action action = monitor_action::stop;
     bool verbose = false;
     bool as_json = false;
@@ -52,16 +81,26 @@ enum takes : unsigned {
     takes_json = 1U << 3,
     takes_for = 1U << 4,
     takes_count = 1U << 5,
+    takes_ids = 1U << 6,    // several, or options that choose cards
+    takes_wait = 1U << 7,   // for the cards to be heard
+    takes_retry = 1U << 8,  // --retries and --interval
+    takes_livecheck = 1U << 9,
+    takes_verify = 1U << 10,
+    takes_force_lock = 1U << 11,
+    takes_raw = 1U << 12,
+    takes_yes = 1U << 13,
+    takes_level = 1U << 14,
 };
 
 struct verb {
-    const char* name;
+    const char* name;       // one word, or two of which the first is that of a group
     const char* help;       // one line
     const char* more_help;  // further lines for its own --help; may be empty
     unsigned takes;
     double seconds;                            // of --for, when it is not given
     int (*run)(context&, const request&);      // from the command line; nullptr: only in lines
     void (*answer)(context&, const request&);  // from a line; nullptr: only on the command line
+    std::span<const operand> operands = {};    // behind the IDs
 };
 
 struct command_line {
@@ -76,6 +115,12 @@ std::variant<command_line, int> parse_command_line(std::span<const verb> verbs, 
 
 // The text says what is wrong with the line. A blank line is a request without a verb.
 std::variant<request, std::string> parse_line(std::span<const verb> verbs, const std::string& line);
+
+// Of the cards that are known, those that fit; each once, by ascending ID.
+std::vector<std::uint64_t> fitting_ids(const std::vector<card>& known, const selection& wanted);
+
+// As --log-level takes it; "none" when it is no level.
+const char* level_word(qnm_log_level_t level);
 
 // The answer to "help".
 std::string lines_help(std::span<const verb> verbs);

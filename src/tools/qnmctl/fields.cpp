@@ -191,12 +191,6 @@ std::vector<section> some_sections(const card& of, int down_ports) {
     return all;
 }
 
-std::string hex_text(std::uint64_t value, int digits) {
-    char text[24];
-    std::snprintf(text, sizeof text, "0x%0*lx", digits, static_cast<unsigned long>(value));
-    return text;
-}
-
 std::string bytes_text(std::uint64_t value, int bytes) {
     std::string text;
     for (int byte = bytes - 1; byte >= 0; --byte) {

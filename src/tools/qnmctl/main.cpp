@@ -51,6 +51,9 @@ int main(int argc, char** argv) {
     if (const int* status = std::get_if<int>(&parsed)) return *status;
     try {
         return run(std::get<qnmctl::command_line>(parsed), signals);
+    } catch (const qnmctl::usage_error& e) {
+        std::fputs(qnmctl::message_text(e.what()).c_str(), stderr);
+        return qnmctl::exit_usage;
     } catch (const std::exception& e) {
         std::fputs(qnmctl::message_text(e.what()).c_str(), stderr);
         return qnmctl::exit_failed;

@@ -98,6 +98,12 @@ std::string id_text(std::uint64_t id) {
     return text;
 }
 
+std::string hex_text(std::uint64_t value, int digits) {
+    char text[24];
+    std::snprintf(text, sizeof text, "0x%0*lx", digits, static_cast<unsigned long>(value));
+    return text;
+}
+
 std::string mac_text(std::uint64_t mac) {
     std::string text;
     for (int byte = mac_bytes - 1; byte >= 0; --byte) {

@@ -18,6 +18,11 @@ struct error : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+// What is asked for in a wrong way.
+struct usage_error : error {
+    using error::error;
+};
+
 using wall_time = std::chrono::system_clock::time_point;
 
 wall_time from_milliseconds(std::uint64_t since_epoch);
@@ -26,8 +31,9 @@ wall_time from_milliseconds(std::uint64_t since_epoch);
 std::string time_text(wall_time when);
 std::string iso_time_text(wall_time when);
 
-std::string id_text(std::uint64_t id);    // "0x001122334455"
-std::string mac_text(std::uint64_t mac);  // "00:11:22:33:44:55"
+std::string hex_text(std::uint64_t value, int digits);  // "0x001f"
+std::string id_text(std::uint64_t id);                  // "0x001122334455"
+std::string mac_text(std::uint64_t mac);                // "00:11:22:33:44:55"
 
 // A card ID as an operator types it, 0x and up to twelve hexadecimal digits or a MAC address;
 // nothing when it is neither.

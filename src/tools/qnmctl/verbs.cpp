@@ -1,168 +1,23 @@
 // What the verbs do.
 //
-// Everything is done by the main thread, which waits for events, lines of standard input and
-// signals at once, so that no two texts can mix. From the command line a verb starts the manager,
-// listens, and answers; from a line it only answers, by the same function.
+// From the command line a verb starts the manager, listens, and answers; from a line it only
+// answers, by the same function.
 #include "verbs.h"
 
-#include <poll.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <chrono>
-#include <cstdio>
-#include <cstring>
-#include <functional>
-#include <iterator>
 #include <string>
 
+#include "access.h"
 #include "config_file.h"
+#include "device_verbs.h"
+#include "listen.h"
 #include "report.h"
-#include "start.h"
 #include "text.h"
 
 namespace qnmctl {
 
 namespace {
 
-using clock = std::chrono::steady_clock;
-
-// How long to listen, and what to do meanwhile.
-struct listening {
-    double seconds = 0;                      // 0: without limit
-    std::uint64_t count = 0;                 // events told; 0: without limit
-    bool tells = false;                      // events are printed
-    bool takes_lines = false;                // from standard input
-    std::function<bool()> enough = nullptr;  // asked after each batch of events
-};
-
-// ---- Texts --------------------------------------------------------------------------------------
-
-void print_json(context& with, const json& object) {
-    with.out.write(object.dump(-1, ' ', false, json::error_handler_t::replace) + '\n');
-}
-
-void print_error(const std::string& text) {
-    std::fputs(message_text(text).c_str(), stderr);
-}
-
-void tell_event(context& with, const observed& seen) {
-    if (with.as_json) {
-        print_json(with, event_json(seen, with.known));
-    } else {
-        with.out.write(event_line(seen, with.known, with.coloured) + '\n');
-    }
-}
-
-// ---- Lines --------------------------------------------------------------------------------------
-
-void answer_line(context& with, const std::string& line) {
-    const std::variant<request, std::string> parsed = parse_line(verbs, line);
-    if (const auto* wrong = std::get_if<std::string>(&parsed)) return print_error(*wrong);
-    const auto& asked = std::get<request>(parsed);
-    if (asked.asked == nullptr) return;
-    try {
-        asked.asked->answer(with, asked);
-    } catch (const error& e) {
-        print_error(e.what());
-    }
-}
-
-// Reads what there is and answers the lines that are whole; false at the end of standard input.
-bool answer_input(context& with, std::string& pending) {
-    char chunk[4096];
-    const ssize_t length = read(STDIN_FILENO, chunk, sizeof chunk);
-    if (length < 0 && (errno == EINTR || errno == EAGAIN)) return true;
-    if (length > 0)
-        pending.append(chunk, static_cast<std::size_t>(length));
-    else if (!pending.empty())
-        pending += '\n';  // a last line without its end
-    for (std::size_t end = 0; !with.quit && (end = pending.find('\n')) != std::string::npos;) {
-        const std::string line = pending.substr(0, end);
-        pending.erase(0, end + 1);
-        answer_line(with, line);
-    }
-    return length > 0;
-}
-
-// ---- Listening ----------------------------------------------------------------------------------
-
-// Prints what has been queued, up to the wanted number; false when that is reached.
-bool tell_events(context& with, const listening& how, std::uint64_t& told) {
-    const session::batch batch = with.manager->take();
-    if (how.tells && batch.lost != 0) {
-        print_error(std::to_string(batch.lost) + " events lost, the output is too slow");
-    }
-    for (const observed& seen : batch.events) {
-        if (!how.tells) break;
-        tell_event(with, seen);
-        if (++told == how.count) return false;
-    }
-    return !how.enough || !how.enough();
-}
-
-void check_running(const context& with) {
-    const auto ended = with.manager->result();
-    if (!ended) return;
-    std::string text = std::string("the manager has ended: ") + code_name(*ended);
-    const std::string log = with.where.temporary
-                                ? with.where.log.string()
-                                : file_of_logger(read_text(with.where.properties()), "logfile");
-    if (!log.empty()) text += "\nIts log is " + log;
-    throw error(text);
-}
-
-int milliseconds_until(clock::time_point deadline) {
-    if (deadline == clock::time_point::max()) return -1;
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - clock::now());
-    return static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, 60'000));
-}
-
-clock::time_point deadline_after(double seconds) {
-    if (seconds == 0) return clock::time_point::max();
-    return clock::now() +
-           std::chrono::duration_cast<clock::duration>(std::chrono::duration<double>(seconds));
-}
-
-// Until time, number, signal, "quit" or the end of the reader. Throws error when the manager ends.
-void listen(context& with, const listening& how) {
-    enum { signal, wake, out, input };
-    pollfd waited[] = {{with.signals, POLLIN, 0},
-                       {with.manager->wake_fd(), POLLIN, 0},
-                       {with.out.fd(), 0, 0},  // only that its reader has gone
-                       {how.takes_lines ? STDIN_FILENO : -1, POLLIN, 0}};
-    const clock::time_point deadline = deadline_after(how.seconds);
-    std::string pending;
-    std::uint64_t told = 0;
-    while (!with.quit && !with.out.closed() && clock::now() < deadline) {
-        if (poll(waited, std::size(waited), milliseconds_until(deadline)) < 0) {
-            if (errno == EINTR) continue;
-            throw error(std::string("cannot wait: ") + std::strerror(errno));
-        }
-        if (waited[signal].revents != 0 || (waited[out].revents & POLLERR) != 0) return;
-        if (waited[wake].revents != 0) {
-            if (!tell_events(with, how, told)) return;
-            check_running(with);
-        }
-        if (waited[input].revents != 0 && !answer_input(with, pending)) waited[input].fd = -1;
-    }
-}
-
-void start(context& with, const request& asked) {
-    with.as_json = asked.as_json;
-    with.manager = start_manager(with.where, with.log_level);
-}
-
 // ---- watch --------------------------------------------------------------------------------------
-
-void listen_and_tell(context& with, const request& asked) {
-    if (isatty(STDIN_FILENO) == 1 && isatty(STDERR_FILENO) == 1) {
-        std::fputs("watching; \"help\" lists the commands, \"quit\" ends\n", stderr);
-    }
-    listen(with,
-           {.seconds = asked.seconds, .count = asked.count, .tells = true, .takes_lines = true});
-}
 
 int run_watch(context& with, const request& asked) {
     start(with, asked);
@@ -302,13 +157,103 @@ void answer_quit(context& with, const request&) {
     with.quit = true;
 }
 
+// ---- The table ----------------------------------------------------------------------------------
+
 constexpr unsigned takes_limits = takes_for | takes_count;
+constexpr unsigned takes_cards = takes_ids | takes_wait | takes_json;  // one or many
+constexpr unsigned takes_card = takes_id | takes_wait | takes_json;    // one alone
+constexpr unsigned takes_reach = takes_retry | takes_livecheck;
+
+constexpr double seconds_to_hear = 10;
+
+constexpr std::uint64_t last_register = 0x3FFFFC;  // cards see the low 22 bits of an address
+constexpr std::uint64_t last_eeprom_word = eeprom_bytes - word_bytes;
+
+constexpr operand reg_addr = {.name = "ADDR",
+                              .help = "Address of the register, a multiple of 4",
+                              .most = last_register,
+                              .step = word_bytes};
+constexpr operand eeprom_addr = {.name = "ADDR",
+                                 .help = "Address in the EEPROM, a multiple of 4 up to 2044",
+                                 .most = last_eeprom_word,
+                                 .step = word_bytes};
+constexpr operand value = {.name = "VALUE", .help = "The word, 32 bits"};
+constexpr operand mask = {.name = "MASK", .help = "The bits of it that count; others are kept"};
+
+constexpr operand reg_addr_only[] = {reg_addr};
+constexpr operand reg_addr_value[] = {reg_addr, value};
+constexpr operand reg_addr_value_mask[] = {reg_addr, value, mask};
+constexpr operand reg_range[] = {
+    {.name = "START",
+     .help = "Address of the first register",
+     .most = last_register,
+     .step = word_bytes},
+    {.name = "END",
+     .help = "Address behind the last register",
+     .least = word_bytes,
+     .most = last_register + word_bytes,
+     .step = word_bytes},
+};
+constexpr operand eeprom_addr_only[] = {eeprom_addr};
+constexpr operand eeprom_addr_value[] = {eeprom_addr, value};
+constexpr operand eeprom_range[] = {
+    {.name = "START",
+     .help = "Address of the first word (default: 0)",
+     .most = last_eeprom_word,
+     .step = word_bytes,
+     .optional = true},
+    {.name = "END",
+     .help = "Address behind the last word (default: 2048)",
+     .least = word_bytes,
+     .most = eeprom_bytes,
+     .step = word_bytes,
+     .optional = true},
+};
+constexpr operand image_file[] = {
+    {.name = "FILE", .help = "Image, as --raw of a dump writes it", .form = operand_form::file}};
+constexpr operand vlan_id[] = {
+    {.name = "VLANID", .help = "New VLAN ID (group), 16 to 4094", .least = 16, .most = 4094}};
+constexpr operand reset_status[] = {
+    {.name = "STATUS", .help = "Status byte of the reset frame", .most = 0xFF}};
+constexpr operand page_and_file[] = {
+    {.name = "PAGE", .help = "Number of the page, 0 to 1023", .most = 1023},
+    {.name = "FILE",
+     .help = "The 128 bytes of the page, in the order in which they travel",
+     .form = operand_form::file},
+};
+
+constexpr char cards_help[] =
+    "Several IDs, or --all, --kind and --group, access many cards at once; the results are told\n"
+    "in the order asked, and the exit status is 1 when one of them failed. Numbers are decimal,\n"
+    "0x1F or 0b11.";
+
+constexpr char dump_help[] =
+    "Four words a line: address, words, and their bytes as text. --raw writes the bytes to a file\n"
+    "by ascending address, the least significant one of each word first; the file appears whole "
+    "or\n"
+    "not at all. Ctrl-C ends the dump between two words.";
+
+constexpr char restore_help[] =
+    "Reads the EEPROM, shows the words that differ from the image, asks, and then writes and\n"
+    "verifies them one by one. An image that is shorter than the EEPROM is that of its beginning.\n"
+    "Ctrl-C ends it between two words; the same command writes the rest.";
+
+constexpr char unlock_help[] =
+    "Takes the lock away from every other party. An access of theirs that is under way goes wrong.";
+
+constexpr char reset_help[] =
+    "The frame goes to the broadcast address on the card's VLAN, over the card's path: every card\n"
+    "there can hear it. It is not answered.";
+
+constexpr char loglevel_help[] =
+    "The level is that of the running manager, and the manager runs in this very process. So the\n"
+    "command goes on like watch. In a running watch, the line \"loglevel LEVEL\" does the same.";
 
 constexpr char watch_help[] =
     "One line for every event: local time, event, kind and ID of the card, what changed. Ends at\n"
     "Ctrl-C, SIGTERM, or when its reader has gone. While it runs, lines on standard input are\n"
     "commands: list, show ID, stats [-v], monitor stop|restart ID, help, quit. Their end does not\n"
-    "end it.";
+    "end it. All other commands except eeprom restore work in lines, too, on cards already heard.";
 
 constexpr char list_help[] =
     "C under a path (P local port, M path on the card) is connected, D disconnected.";
@@ -332,6 +277,43 @@ constexpr verb table[] = {
      takes_verbose | takes_json | takes_for, 3, run_stats, answer_stats},
     {"monitor", "Stops or restarts the monitoring of a card", monitor_help,
      takes_action | takes_id | takes_json | takes_limits, 0, run_monitor, answer_monitor},
+    {"reg read", "Reads a register", cards_help, takes_cards | takes_reach, seconds_to_hear,
+     run_access<access_kind::reg_read>, answer_access<access_kind::reg_read>, reg_addr_only},
+    {"reg write", "Writes a register", cards_help, takes_cards | takes_reach | takes_verify,
+     seconds_to_hear, run_access<access_kind::reg_write>, answer_access<access_kind::reg_write>,
+     reg_addr_value},
+    {"reg modify", "Changes some bits of a register", cards_help,
+     takes_cards | takes_reach | takes_verify, seconds_to_hear, run_access<access_kind::reg_modify>,
+     answer_access<access_kind::reg_modify>, reg_addr_value_mask},
+    {"reg dump", "Reads the registers from START up to END", dump_help,
+     takes_card | takes_reach | takes_raw, seconds_to_hear, run_reg_dump, answer_reg_dump,
+     reg_range},
+    {"eeprom read", "Reads a word of the EEPROM", cards_help,
+     takes_cards | takes_reach | takes_force_lock, seconds_to_hear,
+     run_access<access_kind::eeprom_read>, answer_access<access_kind::eeprom_read>,
+     eeprom_addr_only},
+    {"eeprom write", "Writes a word of the EEPROM", cards_help,
+     takes_cards | takes_reach | takes_verify | takes_force_lock, seconds_to_hear,
+     run_access<access_kind::eeprom_write>, answer_access<access_kind::eeprom_write>,
+     eeprom_addr_value},
+    {"eeprom dump", "Reads the EEPROM, or the part from START up to END", dump_help,
+     takes_card | takes_reach | takes_force_lock | takes_raw, seconds_to_hear, run_eeprom_dump,
+     answer_eeprom_dump, eeprom_range},
+    {"eeprom restore", "Writes an image to the EEPROM", restore_help,
+     takes_card | takes_reach | takes_force_lock | takes_yes, seconds_to_hear, run_restore, nullptr,
+     image_file},
+    {"eeprom unlock", "Frees an EEPROM lock that another party holds", unlock_help, takes_cards,
+     seconds_to_hear, run_access<access_kind::eeprom_unlock>,
+     answer_access<access_kind::eeprom_unlock>},
+    {"vlan", "Sets the VLAN ID of a card", cards_help, takes_cards | takes_reach | takes_verify,
+     seconds_to_hear, run_access<access_kind::vlan>, answer_access<access_kind::vlan>, vlan_id},
+    {"reset", "Sends a reset frame", reset_help, takes_cards, seconds_to_hear,
+     run_access<access_kind::reset>, answer_access<access_kind::reset>, reset_status},
+    {"mms", "Writes an MMS page of a multi-root QNIO card", cards_help,
+     takes_cards | takes_livecheck, seconds_to_hear, run_access<access_kind::mms>,
+     answer_access<access_kind::mms>, page_and_file},
+    {"loglevel", "Sets the level of the library's log", loglevel_help,
+     takes_level | takes_json | takes_limits, 0, run_loglevel, answer_loglevel},
     {"help", "Lists these commands", "", takes_nothing, 0, nullptr, answer_help},
     {"quit", "Ends", "", takes_nothing, 0, nullptr, answer_quit},
 };

@@ -1,145 +1,20 @@
 // The command as a program: its exit status, what it prints, how it ends. Where a manager has to
 // run, it runs on the loopback device of a private network namespace, on which no card announces
 // itself.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <array>
-#include <chrono>
 #include <csignal>
-#include <filesystem>
 #include <nlohmann/json.hpp>
-#include <string>
-#include <vector>
 
 #include "config_file.h"
 #include "installation.h"
+#include "program.h"
 #include "text.h"
 
 namespace qnmctl {
 namespace {
 
-namespace fs = std::filesystem;
-
-using words = std::vector<std::string>;
-
-constexpr std::chrono::seconds limit(60);
 constexpr int no_namespace = 125;
-
-// A running program; its standard error goes to a file, and its temporary files into a directory.
-class program {
-  public:
-    explicit program(words command) {
-        std::array<int, 2> in{};
-        std::array<int, 2> out{};
-        if (pipe2(in.data(), O_CLOEXEC) != 0 || pipe2(out.data(), O_CLOEXEC) != 0) std::abort();
-        pid_ = fork();
-        if (pid_ == 0) become(std::move(command), in[0], out[1]);
-        close(in[0]);
-        close(out[1]);
-        in_ = in[1];
-        out_ = out[0];
-    }
-    ~program() {
-        if (pid_ > 0) {
-            kill(pid_, SIGKILL);
-            waitpid(pid_, nullptr, 0);
-        }
-        close_input();
-        close_output();
-    }
-    program(const program&) = delete;
-    program& operator=(const program&) = delete;
-
-    void say(const std::string& line) const {
-        const std::string text = line + '\n';
-        EXPECT_EQ(static_cast<ssize_t>(text.size()), write(in_, text.data(), text.size()));
-    }
-    void signal(int number) const { kill(pid_, number); }
-    void close_input() { close_end(in_); }
-    void close_output() { close_end(out_); }
-
-    // Reads on until the text has been seen, or the end; everything read so far.
-    const std::string& read_until(const std::string& text) {
-        const auto deadline = std::chrono::steady_clock::now() + limit;
-        while (seen_.find(text) == std::string::npos && read_some(deadline)) {
-        }
-        return seen_;
-    }
-    const std::string& read_all() {
-        const auto deadline = std::chrono::steady_clock::now() + limit;
-        while (read_some(deadline)) {
-        }
-        return seen_;
-    }
-    // The exit status, 128 + the number of a signal that ended it.
-    int end() {
-        if (out_ >= 0) read_all();
-        int status = 0;
-        waitpid(pid_, &status, 0);
-        pid_ = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    }
-    std::string errors() const { return read_text(dir_.path() / "errors"); }
-    bool left_something() const {
-        for (const auto& entry : fs::directory_iterator(dir_.path())) {
-            if (entry.path().filename().string().starts_with("qnmctl.")) return true;
-        }
-        return false;
-    }
-
-  private:
-    [[noreturn]] void become(words command, int in, int out) const {
-        const int errors = open((dir_.path() / "errors").c_str(), O_WRONLY | O_CREAT, 0600);
-        dup2(in, STDIN_FILENO);
-        dup2(out, STDOUT_FILENO);
-        dup2(errors, STDERR_FILENO);
-        setenv("TMPDIR", dir_.path().c_str(), 1);
-        std::vector<char*> arguments;
-        for (std::string& word : command)
-            arguments.push_back(word.data());
-        arguments.push_back(nullptr);
-        execv(arguments[0], arguments.data());
-        _exit(127);
-    }
-    bool read_some(std::chrono::steady_clock::time_point deadline) {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
-        pollfd waited{out_, POLLIN, 0};
-        if (left.count() <= 0 || poll(&waited, 1, static_cast<int>(left.count())) <= 0) {
-            ADD_FAILURE() << "nothing more after: " << seen_;
-            kill(pid_, SIGKILL);
-            return false;
-        }
-        char chunk[4096];
-        const ssize_t length = read(out_, chunk, sizeof chunk);
-        if (length > 0) seen_.append(chunk, static_cast<std::size_t>(length));
-        return length > 0;
-    }
-    static void close_end(int& fd) {
-        if (fd >= 0) close(fd);
-        fd = -1;
-    }
-
-    temporary_dir dir_;
-    pid_t pid_ = -1;
-    int in_ = -1;
-    int out_ = -1;
-    std::string seen_;
-};
-
-words command(const words& arguments) {
-    words all = {QNMCTL_PROGRAM};
-    all.insert(all.end(), arguments.begin(), arguments.end());
-    return all;
-}
-
-bool holds(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
 
 TEST(Command, WithoutAVerbIsWrongUsage) {
     program run(command({}));
@@ -156,7 +31,8 @@ TEST(Command, WithAnUnknownVerbIsWrongUsage) {
 TEST(Command, HelpNamesEveryVerb) {
     program run(command({"--help"}));
     const std::string help = run.read_all();
-    for (const char* const name : {"watch", "list", "show", "stats", "monitor"}) {
+    for (const char* const name : {"watch", "list", "show", "stats", "monitor", "reg", "eeprom",
+                                   "vlan", "reset", "mms", "loglevel"}) {
         EXPECT_TRUE(holds(help, std::string("\n  ") + name + " ")) << name;
     }
     EXPECT_EQ(0, run.end());

@@ -1,0 +1,57 @@
+// Images of registers and EEPROMs in files.
+//
+// A file holds the bytes in ascending order of address, so each word starts with its least
+// significant byte.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace qnmctl {
+
+using word_list = std::vector<std::uint32_t>;
+
+inline constexpr std::uint32_t word_bytes = 4;
+
+std::string to_bytes(const word_list& words);
+word_list from_bytes(const std::string& bytes);  // as many as are whole
+
+// A whole file. Throws error when it cannot be read or is longer than `limit`.
+std::string read_file(const std::string& name, std::size_t limit);
+
+// An EEPROM image: 1 to `limit` bytes, in whole words. Throws error.
+word_list read_image(const std::string& name, std::size_t limit);
+
+// A file that appears whole or not at all, and leaves an older one as it was until then. It is
+// opened before the work begins that its contents take, so that a place that cannot be written to
+// shows at once.
+class new_file {
+  public:
+    explicit new_file(const std::string& name);  // throws error
+    ~new_file();
+    new_file(const new_file&) = delete;
+    new_file& operator=(const new_file&) = delete;
+
+    // Writes it and puts it in its place. Throws error.
+    void commit(const std::string& contents);
+
+  private:
+    [[noreturn]] void fail(int code) const;
+
+    std::filesystem::path target_;
+    std::string temporary_;
+    int fd_ = -1;
+};
+
+struct difference {
+    std::uint32_t addr;
+    std::uint32_t before;
+    std::uint32_t after;
+};
+
+// What has to be written so that `now` becomes `wanted`, which is not the longer one.
+std::vector<difference> differences(const word_list& now, const word_list& wanted);
+
+}  // namespace qnmctl

@@ -1,0 +1,36 @@
+// What verbs share while the manager runs: starting it, waiting, and printing.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "command_line.h"
+#include "verbs.h"
+
+namespace qnmctl {
+
+// How long to listen, and what to do meanwhile.
+struct listening {
+    double seconds = 0;                      // 0: without limit
+    std::uint64_t count = 0;                 // events told; 0: without limit
+    bool tells = false;                      // events are printed
+    bool takes_lines = false;                // from standard input
+    std::function<bool()> enough = nullptr;  // asked after each batch of events
+};
+
+void start(context& with, const request& asked);
+
+// Until time, number, signal, "quit" or the end of the reader. Throws error when the manager ends.
+void listen(context& with, const listening& how);
+
+// Listens, tells the events and answers lines, as long as was asked for.
+void listen_and_tell(context& with, const request& asked);
+
+// Whether a signal waits to be obeyed.
+bool is_signalled(const context& with);
+
+void print_json(context& with, const json& object);  // on one line
+void print_error(const std::string& text);
+
+}  // namespace qnmctl

@@ -1,0 +1,62 @@
+// The command as a program that a test runs: its exit status, what it prints, how it ends.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "installation.h"
+
+namespace qnmctl {
+
+using words = std::vector<std::string>;
+
+// The words that run qnmctl with these arguments.
+words command(const words& arguments);
+
+bool holds(const std::string& text, const std::string& part);
+
+enum class standard_files { pipes, terminal };
+
+// A running program; its temporary files go into a directory of its own. With pipes its standard
+// error goes to a file there; a terminal is all three of its standard files.
+class program {
+  public:
+    explicit program(words command, standard_files files = standard_files::pipes);
+    ~program();
+    program(const program&) = delete;
+    program& operator=(const program&) = delete;
+
+    void say(const std::string& line) const;
+    void signal(int number) const;
+    void close_input() { close_end(in_); }
+    void close_output() { close_end(out_); }
+
+    // Reads on until the text has been seen, or the end; everything read so far.
+    const std::string& read_until(const std::string& text);
+    const std::string& read_all();
+
+    // The exit status, 128 + the number of a signal that ended it.
+    int end();
+
+    std::string errors() const;
+    bool left_something() const;
+
+  private:
+    void open_pipes();
+    void open_terminal();
+    [[noreturn]] void become(words command) const;
+    bool read_some(std::chrono::steady_clock::time_point deadline);
+    static void close_end(int& fd);
+
+    temporary_dir dir_;
+    int theirs_[3] = {-1, -1, -1};  // the program's ends
+    pid_t pid_ = -1;
+    int in_ = -1;
+    int out_ = -1;
+    std::string seen_;
+};
+
+}  // namespace qnmctl

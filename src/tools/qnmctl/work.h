@@ -1,0 +1,32 @@
+// Work that takes its time, on threads beside the one that signals and the terminal belong to.
+//
+// A call into a card may block for seconds, and ending in the middle of one could leave the card's
+// EEPROM lock behind. So the first signal only asks the jobs to end, which they do between calls;
+// the second one gives up the calls under way.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+
+namespace qnmctl {
+
+struct work_state {
+    std::atomic<bool> ending = false;      // asked of the jobs
+    std::atomic<std::uint64_t> steps = 0;  // done, counted by the jobs
+};
+
+struct work {
+    std::string label;     // of the progress line
+    std::size_t jobs = 1;  // a few of them run at the same time, in order of their number
+    std::uint64_t steps;   // of all jobs
+    std::function<void(std::size_t job, work_state& state)> run;  // must not throw
+    std::function<void()> give_up;  // makes the calls under way return
+};
+
+// Returns when every job has returned or will never be started; false when a signal came.
+bool run_work(const work& wanted, int signals);
+
+}  // namespace qnmctl
