@@ -24,17 +24,7 @@ uint64_t received(const uint64_t* counters) {
     return total;
 }
 
-struct cards : testing::Test {
-    cables wires;
-    installation install{k_two_ports};
-    manager host{install.path()};
-    std::unique_ptr<cardsim::simulator> cards_ = make_cards();
-
-    void SetUp() override {
-        ASSERT_TRUE(host.is_running()) << install.log();
-        cards_->start();
-    }
-
+struct cards : running_manager {
     void add(card_kind kind, card_speed speed, const std::function<void(cardsim::card&)>& change) {
         cardsim::card card = lively(kind, speed, k_id);
         change(card);

@@ -7,6 +7,8 @@
 // Every wait is for a condition; the limit only says when a test gives up.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <chrono>
 #include <functional>
@@ -99,5 +101,20 @@ std::unique_ptr<cardsim::simulator> make_cards();
 cardsim::card lively(cardsim::card_kind kind, cardsim::card_speed speed, uint64_t id);
 
 constexpr char k_two_ports[] = "ether_port = qnm0,qnm1\ndevinfo_expire_time = 1000\n";
+
+// A manager that runs on both ports, with more lines of configuration if need be, and no card yet.
+struct running_manager : testing::Test {
+    explicit running_manager(const std::string& more = "") : install(k_two_ports + more) {}
+
+    cables wires;
+    installation install;
+    manager host{install.path()};
+    std::unique_ptr<cardsim::simulator> cards_ = make_cards();
+
+    void SetUp() override {
+        ASSERT_TRUE(host.is_running()) << install.log();
+        cards_->start();
+    }
+};
 
 }  // namespace e2e

@@ -1,0 +1,118 @@
+// locks_test.cpp - two managers, each in a network namespace of its own, on one card's EEPROM.
+//
+//     this process, port 0   qnm0 ==== qsim0   the card
+//     another one,  port 0   qnm1 ==== qsim1   the same card
+//
+// All managers are one party to the card's locks: they are told apart from other parties, not from
+// each other. So what is tried is that none is stuck, that every call ends as documented, and that
+// no lock stays behind.
+
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+
+#include "rig.h"
+
+namespace e2e {
+namespace {
+
+using cardsim::card_kind;
+using cardsim::card_speed;
+
+constexpr uint64_t k_id = 0x020000001000;
+constexpr unsigned k_words = 30;
+constexpr qnm_retry_t k_retry = {20, 100};
+const std::string k_brisk = "eeprom_verify_count = 5\neeprom_retry_interval = 10\n";
+
+bool is_documented(qnm_api_code_t ret) {
+    return ret == QNM_API_SUCCESS || ret == QNM_API_EBUSY || ret == QNM_API_ETIMEDOUT;
+}
+
+// Reads and writes words by turns, also by force; the number of calls that ended otherwise than
+// documented.
+int fight(uint32_t seed) {
+    int wrong = 0;
+    for (uint32_t n = 0; n < k_words; n++) {
+        const uint32_t flags = n % 3 == 0 ? QNM_FLAG_FORCELOCK : 0;
+        const uint32_t address = 4 * (seed + n);
+        uint32_t word = 0;
+        const qnm_api_code_t ret = n % 2 == 0
+                                       ? qnm_write_eeprom(k_id, address, n, &k_retry, flags)
+                                       : qnm_read_eeprom(k_id, address, &word, &k_retry, flags);
+        if (!is_documented(ret)) wrong++;
+    }
+    return wrong;
+}
+
+// The other manager's process: waits until it has been given its cable, then fights.
+[[noreturn]] void run_other(int go) {
+    char byte = 0;
+    if (unshare(CLONE_NEWNET) != 0) _exit(100);
+    if (write(go, "r", 1) != 1 || read(go, &byte, 1) != 1) _exit(101);
+    run("ip link set qnm1 up");
+    int wrong = 102;
+    {
+        const installation install("ether_port = qnm1\n" + k_brisk);
+        manager host(install.path());
+        if (host.is_running() && wait_for([] { return !paths(k_id).empty(); })) wrong = fight(64);
+    }
+    _exit(wrong);
+}
+
+struct locks : testing::TestWithParam<bool> {};
+
+INSTANTIATE_TEST_SUITE_P(by_bits_and_by_id, locks, testing::Bool());
+
+TEST_P(locks, two_managers_fight_and_none_is_stuck) {
+    const cables wires;
+    int go[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, go), 0);
+    const pid_t other = fork();
+    if (other == 0) run_other(go[1]);
+    char byte = 0;
+    ASSERT_EQ(read(go[0], &byte, 1), 1);
+    run("ip link set qnm1 netns " + std::to_string(other));
+
+    const auto cards = make_cards();
+    cardsim::card card = lively(card_kind::qnio, card_speed::g40, k_id);
+    card.device.id_lock = GetParam();
+    cards->add(card);
+    cards->start();
+    const installation install("ether_port = qnm0\n" + k_brisk);
+    manager host(install.path());
+    ASSERT_TRUE(host.is_running()) << install.log();
+    ASSERT_TRUE(wait_for([] { return !paths(k_id).empty(); }));
+    ASSERT_EQ(write(go[0], "g", 1), 1);
+    std::atomic<bool> over = false;
+    std::thread third([&] {
+        while (!over) {
+            cards->take_lock(k_id, 8);
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            cards->drop_lock(k_id);
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+    });
+    EXPECT_EQ(fight(0), 0);
+    int status = 0;
+    EXPECT_EQ(waitpid(other, &status, 0), other);
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    over = true;
+    third.join();
+    EXPECT_EQ(host.stop(), QNM_API_SUCCESS);
+    const cardsim::lock_holders left = cards->lock(k_id);
+    EXPECT_EQ(left.bits, 0U);
+    EXPECT_EQ(left.requests, 0U);
+    EXPECT_EQ(left.holder, 0U);
+    close(go[0]);
+    close(go[1]);
+}
+
+}  // namespace
+}  // namespace e2e
