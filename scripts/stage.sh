@@ -240,6 +240,13 @@ ask() {
   repeated=
 }
 
+# expect_answer WHAT REGEX: shows the last answer of the cards, which has to match.
+expect_answer() {
+  show_answer
+  [[ $answer =~ $2 ]] || fail "$1"
+  passed "$1"
+}
+
 # await_end PROGRAM PID OUTPUT: shows the last lines of a program, and has a look at how it ends.
 await_end() {
   local line status=0
