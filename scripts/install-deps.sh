@@ -2,13 +2,15 @@
 # Installs the Debian packages that building, testing and the demonstration need.
 # Where nothing is missing it changes nothing and needs no privilege.
 #
+#   usage: install-deps.sh [--with-bench]     also what the benchmarks need
+#
 #   QNM_SKIP_DEPS=1   trust that everything is there, for systems that name their packages otherwise
 set -euo pipefail
 # shellcheck source=scripts/common.sh
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 # What is needed, and what for. "a|b" is met by either; the first is the one that gets installed.
-readonly needed=(
+needed=(
   g++ cmake ninja-build 'pkg-config|pkgconf' # the build
   libpcap-dev liblog4cxx-dev                 # the library
   libcli11-dev nlohmann-json3-dev            # qnmctl
@@ -16,7 +18,8 @@ readonly needed=(
   libgtest-dev libgmock-dev binutils         # the tests; nm lists what the library exports
   iproute2 util-linux                        # network namespaces: ip, unshare
 )
-readonly commands=(g++ cmake ninja pkg-config nm ip unshare)
+readonly needed_by_bench=(libbenchmark-dev gnuplot-nox) # timing, plotting
+commands=(g++ cmake ninja pkg-config nm ip unshare)
 readonly cmake_minimum=3.25
 
 is_installed() {
@@ -74,6 +77,10 @@ check_commands() {
 
 main() {
   local missing
+  if [[ ${1:-} == --with-bench ]]; then
+    needed+=("${needed_by_bench[@]}")
+    commands+=(gnuplot)
+  fi
   if [[ ${QNM_SKIP_DEPS:-0} != 1 ]]; then
     mapfile -t missing < <(list_missing)
     if ((${#missing[@]} > 0)); then

@@ -1,0 +1,114 @@
+// table.cpp - 100,000 cards: learning them, listing them, looking whether they are still there, and
+// what they weigh.
+
+#include <malloc.h>
+
+#include <algorithm>
+#include <stdexcept>
+#include <thread>
+
+#include "figures.h"
+#include "floors.h"
+#include "host.h"
+
+namespace bench {
+
+namespace {
+
+constexpr size_t k_cards = 100'000;
+constexpr int k_lists = 11;
+
+// Bytes in use on all heaps, the allocator's own headers included.
+size_t heap_in_use() {
+    const struct mallinfo2 info = mallinfo2();
+    return info.uordblks + info.hblkhd;
+}
+
+// Sends each card's announcement to a bare reader, never more ahead than the library is sent.
+double floor_seconds() {
+    announcer far_end(k_floor_cable.far, cardsim::card_speed::g40, k_cards);
+    const auto reader = take_one_per_poll();
+    const auto start = stopwatch::now();
+    send_ahead(far_end, k_cards, [&] { return reader->taken(); });
+    return seconds_since(start);
+}
+
+double list_ms() {
+    std::vector<double> ms;
+    for (int n = 0; n < k_lists; n++) {
+        uint64_t* ids = nullptr;
+        uint32_t count = 0;
+        const auto start = stopwatch::now();
+        const qnm_api_code_t ret = qnm_get_qnsvids(&ids, &count);
+        ms.push_back(seconds_since(start) * 1000);
+        qnm_free_idlist(ids);
+        if (ret != QNM_API_SUCCESS || count != k_cards) throw std::runtime_error("cards missing");
+    }
+    std::nth_element(ms.begin(), ms.begin() + k_lists / 2, ms.end());
+    return ms[k_lists / 2];
+}
+
+// Waits until the manager's thread has used processor time and come to rest again: that was one
+// keepalive pass, for between two the thread only sleeps. Returns the time it used.
+uint64_t await_pass(const host& library) {
+    constexpr auto k_look = std::chrono::milliseconds(1);
+    constexpr int k_rest = 50;
+    const uint64_t before = library.manager_cpu_ns();
+    uint64_t last = before;
+    for (int resting = 0; last == before || resting < k_rest; resting++) {
+        std::this_thread::sleep_for(k_look);
+        const uint64_t now = library.manager_cpu_ns();
+        if (now != last) resting = 0;
+        last = now;
+    }
+    return last - before;
+}
+
+// The mean of some passes; the first may have begun before the look at it.
+double keepalive_ms(const host& library, int passes) {
+    constexpr double k_ns_per_ms = 1e6;
+    await_pass(library);
+    uint64_t total = 0;
+    for (int n = 0; n < passes; n++)
+        total += await_pass(library);
+    return static_cast<double>(total) / k_ns_per_ms / passes;
+}
+
+void count_event(uint64_t, qnm_evt_type_t, void* counter) {
+    (*static_cast<std::atomic<size_t>*>(counter))++;
+}
+
+void run_table(benchmark::State& state, int passes) {
+    std::atomic<size_t> told = 0;
+    const host library;
+    host::on(QNM_EVT_NEWDEVINFO, count_event, &told);
+    announcer far_end(k_library_cable.far, cardsim::card_speed::g40, k_cards);
+    for ([[maybe_unused]] auto _ : state) {
+        const size_t heap_before = heap_in_use();
+        const auto start = stopwatch::now();
+        learn_cards(far_end, k_cards);
+        e2e::wait_for([&] { return told == k_cards; });
+        const double seconds = seconds_since(start);
+        state.SetIterationTime(seconds);
+        const double per_card = static_cast<double>(heap_in_use() - heap_before) / k_cards;
+
+        state.counters["learnt_per_second"] = k_cards / seconds;
+        state.counters["floor_per_second"] = k_cards / floor_seconds();
+        state.counters["bytes_beyond_record"] = per_card - sizeof(qnm_qnsv_t);
+        state.counters["get_ids_ms"] = list_ms();
+        state.counters["keepalive_ms"] = keepalive_ms(library, passes);
+    }
+}
+
+}  // namespace
+
+void register_table(const options& wanted) {
+    const int passes = wanted.either(20, 5);
+    benchmark::RegisterBenchmark("table/100000",
+                                 [=](benchmark::State& state) { run_table(state, passes); })
+        ->Iterations(1)
+        ->UseManualTime()
+        ->Unit(benchmark::kMillisecond);
+}
+
+}  // namespace bench

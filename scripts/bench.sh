@@ -1,0 +1,50 @@
+#!/usr/bin/env bash
+# Measures the library on veth pairs in a private network namespace, beside the least that the same
+# machine can do with the same frames. Prints a table with ratios and targets, and writes it with all
+# figures and a plot into bench/results/. Installs what is missing and builds first.
+#
+#   usage: bench.sh [--quick] [OPTION...]
+#
+#   --quick                       some 2 minutes instead of 15: fewer samples, shorter stretches
+#   --reads=N                     register reads per story
+#   --benchmark_filter=PATTERN    only these stories, for example ^read/
+#
+# A missed target is a result and not a failure; a wrong value or a lost frame is a failure. Figures
+# need a machine with nothing else to do.
+set -euo pipefail
+# shellcheck source=scripts/common.sh
+. "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+
+readonly build=$root/build/bench
+readonly results=$root/bench/results
+
+# A tree of its own: the benchmarks need packages that the library does not.
+build_benchmarks() {
+  (
+    cd "$root" || exit
+    cmake --preset release -B "$build" -DQNM_BUILD_BENCH=ON -DBUILD_TESTING=OFF
+    cmake --build "$build" --target qnm-bench \
+      --parallel "${CMAKE_BUILD_PARALLEL_LEVEL:-$(nproc)}"
+  )
+}
+
+# Where the figures come from.
+describe_machine() {
+  echo "Measured on $(nproc) cores ($(sed -n 's/^model name\s*: //p' /proc/cpuinfo | head -1))," \
+    "Linux $(uname -r), $(date --utc +%F)."
+  echo
+}
+
+main() {
+  "$root/scripts/install-deps.sh" --with-bench
+  build_benchmarks
+  mkdir -p "$results"
+  "$root/scripts/in-netns.sh" "$build/bin/qnm-bench" --results="$results" "$@"
+  describe_machine | cat - "$results/table.md" >"$results/results.md"
+  gnuplot -e "results='$results'" "$root/bench/plot.gnuplot"
+  rm "$results"/*.dat "$results/table.md"
+  echo
+  echo "The table, all figures and the plot are in $results."
+}
+
+main "$@"
