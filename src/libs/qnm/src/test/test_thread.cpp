@@ -331,6 +331,17 @@ TEST_F(Event, reports_a_spurious_wake_up_like_a_signal) {
     EXPECT_EQ(_qnm_event_wait(&evt_), 0);
 }
 
+TEST_F(Event, is_signalled_when_its_mutex_is_free) {
+    int locked = -1;
+    fail::on(fail::call::pthread_cond_signal, [&](uint64_t) {
+        locked = pthread_mutex_trylock(&evt_.eev_mutex);
+        if (locked == 0) pthread_mutex_unlock(&evt_.eev_mutex);
+        return fail::pass;
+    });
+    EXPECT_EQ(_qnm_event_set(&evt_), 0);
+    EXPECT_EQ(locked, 0);
+}
+
 TEST_F(Event, returns_what_the_signal_call_returned) {
     fail::nth(fail::call::pthread_cond_signal, 1, EINVAL);
     EXPECT_EQ(_qnm_event_set(&evt_), EINVAL);
