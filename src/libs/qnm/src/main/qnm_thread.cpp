@@ -102,8 +102,9 @@ int _qnm_event_destroy(qnm_event_t* evt) {
 
 int _qnm_event_set(qnm_event_t* evt) {
     if (pthread_mutex_lock(&evt->eev_mutex) != 0) return EPROTO;
-    // Signalled with the mutex free, which the woken thread would otherwise block on at once. Nothing
-    // is lost by it: a waiter holds the mutex from the look at its condition until it sleeps.
+    // Signalled with the mutex free, which the woken thread would otherwise block on at once.
+    // Nothing is lost by it: a waiter holds the mutex from the look at its condition until it
+    // sleeps.
     pthread_mutex_unlock(&evt->eev_mutex);
     return pthread_cond_signal(&evt->eev_cond);
 }
