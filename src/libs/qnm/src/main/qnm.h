@@ -362,8 +362,9 @@ qnm_api_code_t qnm_unregister_callback(qnm_cbid_t id);
  * Register writes and modifications, and all EEPROM calls but qnm_unlock_eeprom(), exclude each
  * other on one card within this manager; a register read may come between them at any time.
  *
- * A frame lasts (retry count + 1) x retry interval at most; a live check adds up to four times as
- * much, with the values configured for it.
+ * A register read lasts (retry count + 1) x retry interval at most; what is verified is written and
+ * read up to retry count + 1 times; a live check adds up to four reads, with the values configured
+ * for it.
  *
  * All of them may return, beside what each lists:
  *
@@ -471,11 +472,11 @@ qnm_api_code_t qnm_dump_register(uint64_t id, uint32_t startaddr, uint32_t endad
  * EEPROM calls reach the card's 2048 bytes through registers that it shares among several parties,
  * so each word is accessed under a lock that the card keeps. A word takes milliseconds when all
  * goes well; a lock that another party holds is waited for some seconds, and one that has to be
- * taken by force can take a minute (see the eeprom_ keys of the configuration). retry_param, which
+ * taken by force can take minutes (see the eeprom_ keys of the configuration). retry_param, which
  * may be NULL, holds for every register frame, and its count for the attempts at a word, too.
  *
- * When the manager is stopped during such a call, the card may be left locked, until the next
- * EEPROM access by any manager of this library.
+ * When the manager is stopped during such a call, or frames cannot be sent any more, the card may
+ * be left locked, until the next EEPROM access by any manager of this library.
  */
 
 /**
@@ -523,8 +524,7 @@ qnm_api_code_t qnm_write_eeprom(uint64_t id, uint32_t addr, uint32_t data,
  * @param id           card ID
  * @param startaddr    a multiple of 4, at most 2044
  * @param endaddr      a multiple of 4 above startaddr, at most 2048
- * @param data         the caller's array; its elements are filled in ascending order of address
- * @param len          as for qnm_dump_register()
+ * @param data, len    as for qnm_dump_register()
  * @param retry_param  may be NULL
  * @param flags        QNM_FLAG_LIVECHECK, QNM_FLAG_FORCELOCK
  * @retval QNM_API_SUCCESS    all words were read

@@ -12,10 +12,12 @@
 //
 // A Completion names nothing but its tag. One that comes after its reader has sent again or given
 // up must not meet another reader, so the tag of a frame that stayed unanswered rests for a while
-// before it is handed out again, unless no other is left.
+// before it is handed out again, unless no other is left. At most half of the tags rest: the others
+// have to stay enough for a rotation that keeps repeated Completions from new owners.
 
 #include "qnm_completion.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <iterator>
 
@@ -94,9 +96,12 @@ int init_tags(const char* func) {
     return err;
 }
 
+bool is_resting(const completion_tag& tag) {
+    return tag.cmp_tag_state == k_resting && _qnm_get_msec_monotonic() < tag.cmp_rest_end;
+}
+
 bool is_free(const completion_tag& tag) {
-    return tag.cmp_tag_state == k_free ||
-           (tag.cmp_tag_state == k_resting && _qnm_get_msec_monotonic() >= tag.cmp_rest_end);
+    return tag.cmp_tag_state != k_allocated && !is_resting(tag);
 }
 
 bool is_free_or_resting(const completion_tag& tag) {
@@ -117,6 +122,13 @@ int find_tag() {
     if (!is_valid(static_cast<int>(cmp_pre_tag))) cmp_pre_tag = qnm_config.tag_min;
     const int tag = next_tag(is_free);
     return tag != -1 ? tag : next_tag(is_free_or_resting);
+}
+
+// Whether one more tag may rest.
+bool has_room_to_rest() {
+    const auto first = std::begin(cmp_tags) + qnm_config.tag_min;
+    const auto last = std::begin(cmp_tags) + qnm_config.tag_max + 1;
+    return std::count_if(first, last, is_resting) < (last - first) / 2;
 }
 
 // Ends the use of a tag.
@@ -211,7 +223,7 @@ int _qnm_rest_tag(int tag) {
     if (!check_tag(__func__, tag)) return 0;
     const qnm::mutex_guard lock(cmp_mutex);
     cmp_tags[tag].cmp_rest_end = _qnm_get_msec_monotonic() + k_rest_ms;
-    give_back(cmp_tags[tag], k_resting);
+    give_back(cmp_tags[tag], has_room_to_rest() ? k_resting : k_free);
     return 0;
 }
 

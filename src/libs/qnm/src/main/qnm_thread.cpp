@@ -1,7 +1,7 @@
 // qnm_thread.cpp - mutex, event and thread primitives over POSIX threads.
 //
-// None of the functions keeps state of its own. An event's mutex is held only around the wait and
-// the signal.
+// None of the functions keeps state of its own. An event's mutex is held only around a wait,
+// and for a moment before a signal.
 
 #include "qnm_thread.h"
 
@@ -30,6 +30,7 @@ int wait_until(qnm_event_t* evt, uint32_t timeout_ms, ends wait_ends, qnm_event_
         ret = pthread_cond_timedwait(&evt->eev_cond, &evt->eev_mutex, &deadline);
         if (wait_ends == ends::on_signal) break;
     }
+    if (ret == ETIMEDOUT && holds(arg) != 0) ret = 0;
     pthread_mutex_unlock(&evt->eev_mutex);
     if (ret == 0 || ret == ETIMEDOUT) return ret;
     return EPROTO;

@@ -266,6 +266,19 @@ TEST_F(completion, a_resting_tag_is_passed_over) {
     EXPECT_TRUE(logs.lines().empty());
 }
 
+TEST_F(completion, half_of_the_tags_rest_at_most) {
+    std::vector<int> tags;
+    EXPECT_TRUE(wait_until([&] {
+        use_range(1, 5);
+        const auto start = steady_clock::now();
+        for (int n = 0; n < 5; n++)
+            EXPECT_EQ(_qnm_rest_tag(get()), 0);
+        tags = get_and_release(4);
+        return steady_clock::now() - start < 990ms;
+    }));
+    EXPECT_THAT(tags, ElementsAre(4, 5, 1, 4)) << "2 and 3 rest";
+}
+
 TEST_F(completion, a_tag_rests_for_a_second) {
     use_range(1, 2);
     ASSERT_EQ(get(), 2);

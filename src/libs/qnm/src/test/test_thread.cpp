@@ -493,6 +493,16 @@ TEST_F(Event, is_awaited_on_after_wake_ups_that_bring_nothing) {
     EXPECT_TRUE(state.locked);
 }
 
+TEST_F(Event, is_looked_at_once_more_at_the_limit) {
+    condition state{.evt = &evt_};
+    fail::on(fail::call::pthread_cond_timedwait, [&](uint64_t) {
+        state.holds = 1;
+        return fail::outcome(ETIMEDOUT);
+    });
+    EXPECT_EQ(_qnm_event_await(&evt_, 50, look, &state), 0);
+    EXPECT_TRUE(state.locked);
+}
+
 TEST_F(Event, has_one_limit_for_all_the_sleeps_of_a_wait) {
     condition state{.evt = &evt_};
     fail::on(fail::call::pthread_cond_timedwait,
