@@ -58,6 +58,33 @@ std::string system_reason() {
     return errno != 0 ? std::strerror(errno) : "input/output error";
 }
 
+// Nothing on success, otherwise the reason.
+std::string write_bytes(const eeprom_bytes& bytes, const std::filesystem::path& file) {
+    errno = 0;
+    std::ofstream out(file, std::ios::binary | std::ios::trunc);
+    if (!out) return system_reason();
+    out.write(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    out.close();
+    return out ? "" : system_reason();
+}
+
+// The bytes are written beside the file and take its place when they are whole, so that a full disk
+// leaves the old ones.
+std::string replace_file(const eeprom_bytes& bytes, const std::filesystem::path& file) {
+    std::error_code failed;
+    const std::filesystem::path target = std::filesystem::weakly_canonical(file, failed);
+    if (failed) return failed.message();
+    std::filesystem::path fresh = target;
+    fresh += ".new";
+    std::string reason = write_bytes(bytes, fresh);
+    if (reason.empty()) {
+        std::filesystem::rename(fresh, target, failed);
+        if (failed) reason = failed.message();
+    }
+    if (!reason.empty()) std::filesystem::remove(fresh, failed);
+    return reason;
+}
+
 }  // namespace
 
 eeprom_bytes& contents_of(eeprom_state& state, const device_settings& settings) {
@@ -137,12 +164,12 @@ void load_eeprom_file(eeprom_state& state, const device_settings& settings,
 void save_eeprom_file(eeprom_state& state, const device_settings& settings,
                       const std::filesystem::path& file) {
     const eeprom_bytes& bytes = contents_of(state, settings);
-    errno = 0;
-    std::ofstream out(file, std::ios::binary | std::ios::trunc);
-    if (!out) fail("cannot write", file, system_reason());
-    out.write(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-    out.close();
-    if (!out) fail("cannot write", file, system_reason());
+    std::error_code unknown;
+    const auto type = std::filesystem::status(file, unknown).type();
+    const bool ordinary = type == std::filesystem::file_type::regular ||
+                          type == std::filesystem::file_type::not_found;
+    const std::string reason = ordinary ? replace_file(bytes, file) : write_bytes(bytes, file);
+    if (!reason.empty()) fail("cannot write", file, reason);
     if (file == settings.eeprom_file) state.changed = false;
 }
 

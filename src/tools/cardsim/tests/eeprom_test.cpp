@@ -2,7 +2,9 @@
 #include "eeprom.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
+#include <csignal>
 #include <fstream>
 #include <numeric>
 
@@ -277,6 +279,48 @@ TEST_F(EepromFile, MissingFileAndDirectoryAreNamed) {
     file = "/dev";
     EXPECT_EQ(load(), named("cannot read", "Is a directory"));
     EXPECT_EQ(save(), named("cannot write", "Is a directory"));
+}
+
+// No file of this process may grow beyond a size for the life of this.
+class file_size_limit {
+  public:
+    explicit file_size_limit(rlim_t size) {
+        getrlimit(RLIMIT_FSIZE, &before_);
+        const rlimit limit = {size, before_.rlim_max};
+        handler_ = std::signal(SIGXFSZ, SIG_IGN);
+        setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ~file_size_limit() {
+        setrlimit(RLIMIT_FSIZE, &before_);
+        std::signal(SIGXFSZ, handler_);
+    }
+    file_size_limit(const file_size_limit&) = delete;
+    file_size_limit& operator=(const file_size_limit&) = delete;
+
+  private:
+    rlimit before_{};
+    void (*handler_)(int);
+};
+
+TEST_F(EepromFile, SavingThatFailsLeavesTheOldOne) {
+    write_file(eeprom_size);
+    {
+        const file_size_limit limit(100);
+        EXPECT_EQ(save(), named("cannot write", "File too large"));
+    }
+    EXPECT_EQ(load(), "done");
+    EXPECT_EQ(bytes()[0], 'x');
+    EXPECT_FALSE(std::filesystem::exists(file.string() + ".new"));
+}
+
+TEST_F(EepromFile, SavingKeepsALink) {
+    write_file(1);
+    file += "-link";
+    std::filesystem::create_symlink(own.path, file);
+    EXPECT_EQ(save(), "done");
+    EXPECT_TRUE(std::filesystem::is_symlink(file));
+    EXPECT_EQ(std::filesystem::file_size(own.path), eeprom_size);
+    std::filesystem::remove(file);
 }
 
 TEST_F(EepromFile, FullDiskIsNoticed) {
