@@ -6,6 +6,7 @@
 
 #include "cardsim.h"
 #include "fake_port.h"
+#include "refusal.h"
 #include "temporary_file.h"
 
 namespace {
@@ -16,15 +17,6 @@ card named(const std::string& name, std::uint64_t id) {
     card made = make_card(name, card_kind::qnio, card_speed::g1_10, id);
     made.interval_ms = 0;
     return made;
-}
-
-std::string refusal(auto work) {
-    try {
-        work();
-    } catch (const error& e) {
-        return e.what();
-    }
-    return "done";
 }
 
 frame_bytes content_of(const std::filesystem::path& file) {
@@ -44,11 +36,11 @@ TEST_F(Access, RegistersOfEachCardAreItsOwn) {
     sim.write_register("a", 0x1000, 5);
     EXPECT_EQ(sim.read_register(0x10, 0x1000), 5U);
     EXPECT_EQ(sim.read_register("b", 0x1000), 0U);
-    EXPECT_EQ(refusal([&] { sim.read_register("a", 0x1001); }),
+    EXPECT_EQ(refusal_of([&] { sim.read_register("a", 0x1001); }),
               "register address 0x001001: an address is a multiple of 4, at most 0x3ffffc");
-    EXPECT_EQ(refusal([&] { sim.write_register("a", 0x400000, 1); }),
+    EXPECT_EQ(refusal_of([&] { sim.write_register("a", 0x400000, 1); }),
               "register address 0x400000: an address is a multiple of 4, at most 0x3ffffc");
-    EXPECT_EQ(refusal([&] { sim.read_register("c", 0); }), "no card \"c\"");
+    EXPECT_EQ(refusal_of([&] { sim.read_register("c", 0); }), "no card \"c\"");
 }
 
 TEST_F(Access, NewDefaultsShowAtOnceAndWrittenValuesStay) {
@@ -69,12 +61,12 @@ TEST_F(Access, EepromAsBytesAndWords) {
     sim.set_eeprom_word("a", 2044, 0x01020304);
     EXPECT_EQ(sim.eeprom("a")[2047], 1);
     EXPECT_EQ(sim.eeprom("a")[2043], 0);
-    EXPECT_EQ(refusal([&] { sim.set_eeprom("a", frame_bytes(2047)); }),
+    EXPECT_EQ(refusal_of([&] { sim.set_eeprom("a", frame_bytes(2047)); }),
               "an EEPROM has 2048 bytes, not 2047");
     for (const std::uint32_t address : {2U, 2048U}) {
-        EXPECT_EQ(refusal([&] { sim.eeprom_word("a", address); }),
+        EXPECT_EQ(refusal_of([&] { sim.eeprom_word("a", address); }),
                   "an EEPROM address is a multiple of 4, at most 2044");
-        EXPECT_EQ(refusal([&] { sim.set_eeprom_word("a", address, 0); }),
+        EXPECT_EQ(refusal_of([&] { sim.set_eeprom_word("a", address, 0); }),
                   "an EEPROM address is a multiple of 4, at most 2044");
     }
 }
@@ -169,14 +161,14 @@ TEST_F(AccessFile, IsSavedWhenTheCardIsRemoved) {
 
 TEST_F(AccessFile, OfTheWrongSizeKeepsTheCardOut) {
     write_file(100);
-    EXPECT_EQ(refusal([&] { sim.add(kept("kept", 0x12)); }),
+    EXPECT_EQ(refusal_of([&] { sim.add(kept("kept", 0x12)); }),
               "cannot use the EEPROM file \"" + own.path.string() +
                   "\": it has 100 bytes, an EEPROM has 2048");
     EXPECT_THROW(sim.get("kept"), error);
 }
 
 TEST_F(AccessFile, CannotBeChangedOnALivingCard) {
-    EXPECT_EQ(refusal([&] { sim.update("a", [](card& c) { c.device.eeprom_file = "x"; }); }),
+    EXPECT_EQ(refusal_of([&] { sim.update("a", [](card& c) { c.device.eeprom_file = "x"; }); }),
               "card \"a\": id, name, kind, speed and eeprom_file stay; add another card");
 }
 
@@ -187,9 +179,9 @@ TEST_F(AccessFile, OneThatFailsDoesNotKeepTheOthersFromBeingSaved) {
     sim.add(kept("kept", 0x12));
     sim.set_eeprom_word("lost", 0, 1);
     sim.set_eeprom_word("kept", 0, 1);
-    EXPECT_EQ(refusal([&] { sim.save_eeproms(); }), "cannot write the EEPROM file \"" +
-                                                        lost.device.eeprom_file +
-                                                        "\": No such file or directory");
+    EXPECT_EQ(refusal_of([&] { sim.save_eeproms(); }), "cannot write the EEPROM file \"" +
+                                                           lost.device.eeprom_file +
+                                                           "\": No such file or directory");
     EXPECT_EQ(content_of(own.path).size(), eeprom_size);
 }
 

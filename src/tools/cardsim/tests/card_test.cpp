@@ -6,6 +6,7 @@
 
 #include "cardsim.h"
 #include "fields.h"
+#include "refusal.h"
 
 namespace {
 
@@ -21,12 +22,7 @@ card io_card() {
 
 std::string refusal(std::string_view field, std::string_view value) {
     card changed = io_card();
-    try {
-        set_field(changed, field, value);
-    } catch (const cardsim::error& e) {
-        return e.what();
-    }
-    return "accepted";
+    return refusal_of([&] { set_field(changed, field, value); });
 }
 
 TEST(Fields, EveryFieldChangesTheFrame) {

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include "refusal.h"
+
 namespace {
 
 using namespace cardsim;
@@ -16,12 +18,7 @@ struct Device : testing::Test {
         write_device(behind, owner, address, value);
     }
     std::string refusal() const {
-        try {
-            check_device(owner);
-        } catch (const error& e) {
-            return e.what();
-        }
-        return "accepted";
+        return refusal_of([&] { check_device(owner); });
     }
 };
 

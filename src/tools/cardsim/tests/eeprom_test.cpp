@@ -8,6 +8,7 @@
 #include <fstream>
 #include <numeric>
 
+#include "refusal.h"
 #include "temporary_file.h"
 
 namespace {
@@ -217,19 +218,11 @@ struct EepromFile : Eeprom {
 
     void write_file(std::size_t size) const { std::ofstream(file) << std::string(size, 'x'); }
 
-    std::string refusal(auto work) {
-        try {
-            work();
-        } catch (const error& e) {
-            return e.what();
-        }
-        return "done";
-    }
     std::string load() {
-        return refusal([&] { load_eeprom_file(state, owner.device, file); });
+        return refusal_of([&] { load_eeprom_file(state, owner.device, file); });
     }
     std::string save() {
-        return refusal([&] { save_eeprom_file(state, owner.device, file); });
+        return refusal_of([&] { save_eeprom_file(state, owner.device, file); });
     }
     std::string named(const std::string& what, const std::string& why) const {
         return what + " the EEPROM file \"" + file.string() + "\": " + why;
@@ -240,24 +233,24 @@ TEST_F(EepromFile, SavedContentsAreLoadedByAnother) {
     eeprom_bytes& written = contents_of(state, owner.device);
     std::iota(written.begin(), written.end(), std::uint8_t{3});
     const eeprom_bytes before = written;
-    EXPECT_EQ(save(), "done");
+    EXPECT_EQ(save(), "accepted");
     EXPECT_EQ(std::filesystem::file_size(file), eeprom_size);
     state = {};
-    EXPECT_EQ(load(), "done");
+    EXPECT_EQ(load(), "accepted");
     EXPECT_EQ(bytes(), before);
 }
 
 TEST_F(EepromFile, OnlyTheCardsOwnFileMakesItUnchanged) {
     write_file(eeprom_size);
-    EXPECT_EQ(load(), "done");
+    EXPECT_EQ(load(), "accepted");
     EXPECT_TRUE(state.changed);
-    EXPECT_EQ(save(), "done");
+    EXPECT_EQ(save(), "accepted");
     EXPECT_TRUE(state.changed);
     owner.device.eeprom_file = file.string();
-    EXPECT_EQ(save(), "done");
+    EXPECT_EQ(save(), "accepted");
     EXPECT_FALSE(state.changed);
     state.changed = true;
-    EXPECT_EQ(load(), "done");
+    EXPECT_EQ(load(), "accepted");
     EXPECT_FALSE(state.changed);
 }
 
@@ -308,7 +301,7 @@ TEST_F(EepromFile, SavingThatFailsLeavesTheOldOne) {
         const file_size_limit limit(100);
         EXPECT_EQ(save(), named("cannot write", "File too large"));
     }
-    EXPECT_EQ(load(), "done");
+    EXPECT_EQ(load(), "accepted");
     EXPECT_EQ(bytes()[0], 'x');
     EXPECT_FALSE(std::filesystem::exists(file.string() + ".new"));
 }
@@ -317,7 +310,7 @@ TEST_F(EepromFile, SavingKeepsALink) {
     write_file(1);
     file += "-link";
     std::filesystem::create_symlink(own.path, file);
-    EXPECT_EQ(save(), "done");
+    EXPECT_EQ(save(), "accepted");
     EXPECT_TRUE(std::filesystem::is_symlink(file));
     EXPECT_EQ(std::filesystem::file_size(own.path), eeprom_size);
     std::filesystem::remove(file);

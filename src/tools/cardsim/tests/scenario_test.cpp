@@ -5,6 +5,7 @@
 #include <ostream>
 
 #include "cardsim.h"
+#include "refusal.h"
 
 namespace {
 
@@ -17,12 +18,7 @@ scenario parsed(const std::string& text) {
 }
 
 std::string refusal(const std::string& text) {
-    try {
-        parsed(text);
-    } catch (const cardsim::error& e) {
-        return e.what();
-    }
-    return "accepted";
+    return refusal_of([&] { parsed(text); });
 }
 
 // The least a card needs, on lines 1 to 5; `more` begins on line 6.
