@@ -95,13 +95,15 @@ std::string operands_text(const verb& of) {
     return text;
 }
 
+[[noreturn]] void fail_few_words(const verb& defined) {
+    throw CLI::ValidationError("too few words; needed are ID..." + operands_text(defined) +
+                               ", without ID where --all, --kind or --group choose the cards");
+}
+
 // All words in one: how many of them are IDs shows in the end only.
 void set_words(const verb& defined, const std::vector<std::string>& words, request& asked) {
     const std::size_t least = defined.operands.size() + (asked.cards.by_property() ? 0 : 1);
-    if (words.size() < least) {
-        throw CLI::ValidationError("too few words; needed are ID..." + operands_text(defined) +
-                                   ", without ID where --all, --kind or --group choose the cards");
-    }
+    if (words.size() < least) fail_few_words(defined);
     const std::size_t ids = words.size() - defined.operands.size();
     for (std::size_t at = 0; at < ids; ++at)
         asked.cards.ids.push_back(checked_id(words[at]));
@@ -354,8 +356,12 @@ bool starts_with(const std::vector<std::string>& line, const std::vector<std::st
     return line.size() >= words.size() && std::equal(words.begin(), words.end(), line.begin());
 }
 
+// Words that are all missing have not been looked at before.
 void check_request(const request& asked) {
-    if (asked.asked->takes & takes_ids) check_selection(asked.cards);
+    if ((asked.asked->takes & takes_ids) == 0) return;
+    check_selection(asked.cards);
+    const bool none = asked.numbers.empty() && asked.file.empty();
+    if (none && !asked.asked->operands.empty()) fail_few_words(*asked.asked);
 }
 
 // In the help, what is among the words of the IDs is required like any other operand.

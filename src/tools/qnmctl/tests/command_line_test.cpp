@@ -207,8 +207,9 @@ INSTANTIATE_TEST_SUITE_P(
     Access, WrongUsage,
     testing::Values("reg", "reg frob", "read 0x1 0", "reg read", "reg read 0", "reg read 0x1",
                     "reg read 0x1 2", "reg read 0x1 0x1000", "reg read 0x1 -4", "reg read 0x1 12 0",
-                    "reg read 0x1 0 --all", "reg read 0x1 0 --kind qnsv", "reg read --kind both 0",
-                    "reg read --group 0 0", "reg read --group 4095 0", "reg read 0x1 0 --verify",
+                    "reg read --all", "reg write --kind qnio", "reg read 0x1 0 --all",
+                    "reg read 0x1 0 --kind qnsv", "reg read --kind both 0", "reg read --group 0 0",
+                    "reg read --group 4095 0", "reg read 0x1 0 --verify",
                     "reg read 0x1 0 --retries -1", "reg read 0x1 0 --retries few",
                     "reg read 0x1 0 --interval 0", "reg read 0x1 0 --interval 0x100000000",
                     "reg read 0x1 0 --wait 0", "reg write 0x1 0", "reg write 0x1 0 0x100000000",
@@ -259,6 +260,7 @@ TEST(Line, SaysWhatIsWrong) {
     EXPECT_NE(std::string::npos, line_error("eeprom restore 0x1 a").find("unknown command"));
     EXPECT_NE(std::string::npos, line_error("reg read 0x1 3").find("ADDR: 3 is no multiple of 4"));
     EXPECT_NE(std::string::npos, line_error("reg read 8").find("too few words"));
+    EXPECT_NE(std::string::npos, line_error("reg read --all").find("too few words"));
     EXPECT_NE(std::string::npos, line_error("eeprom unlock").find("no card is named"));
     EXPECT_NE(std::string::npos, line_error("reg write 0x1").find("usage: reg write ID... ADDR"));
     EXPECT_NE(std::string::npos, line_error("reg read 0x1 0 --wait 1").find("usage: reg read"));
