@@ -28,11 +28,6 @@
 
 namespace {
 
-// Of cmp_tag_state.
-constexpr uint32_t k_free = 0;
-constexpr uint32_t k_allocated = 1;
-constexpr uint32_t k_resting = 2;
-
 // How late a Completion is still expected.
 constexpr uint64_t k_rest_ms = 1000;
 
@@ -42,12 +37,12 @@ constexpr uint32_t k_waiting = 1;
 constexpr uint32_t k_received = 2;
 
 struct completion_tag {
-    uint32_t cmp_tag_state;   // k_free, k_allocated or k_resting
+    uint32_t cmp_tag_state;   // 1 = allocated
     uint32_t cmp_comp_state;  // k_idle, k_waiting or k_received
     uint64_t cmp_mac;         // whom the read was sent to
     int32_t cmp_port;         // and by which port
     uint32_t cmp_data;        // the value that the Completion brought
-    uint64_t cmp_rest_end;    // of a resting tag, in milliseconds of the monotonic clock
+    uint64_t cmp_rest_end;    // in milliseconds of the monotonic clock; 0 = it need not rest
     qnm_event_t cmp_signal;
 };
 
@@ -97,15 +92,15 @@ int init_tags(const char* func) {
 }
 
 bool is_resting(const completion_tag& tag) {
-    return tag.cmp_tag_state == k_resting && _qnm_get_msec_monotonic() < tag.cmp_rest_end;
+    return tag.cmp_rest_end != 0 && _qnm_get_msec_monotonic() < tag.cmp_rest_end;
 }
 
 bool is_free(const completion_tag& tag) {
-    return tag.cmp_tag_state != k_allocated && !is_resting(tag);
+    return tag.cmp_tag_state == 0 && !is_resting(tag);
 }
 
 bool is_free_or_resting(const completion_tag& tag) {
-    return tag.cmp_tag_state != k_allocated;
+    return tag.cmp_tag_state == 0;
 }
 
 // The next tag in rotation that will do; cmp_pre_tag itself comes last. -1 when there is none.
@@ -132,8 +127,9 @@ bool has_room_to_rest() {
 }
 
 // Ends the use of a tag.
-void give_back(completion_tag& tag, uint32_t tag_state) {
-    tag.cmp_tag_state = tag_state;
+void give_back(completion_tag& tag, uint64_t rest_end) {
+    tag.cmp_tag_state = 0;
+    tag.cmp_rest_end = rest_end;
     qnm::store(tag.cmp_comp_state, k_idle);
     tag.cmp_data = 0;
 }
@@ -205,7 +201,8 @@ int _qnm_get_tag(int* tag_out) {
         qnm_log_error("%s: Can't get a tag value, because all tags are used.", __func__);
         return -1;
     }
-    cmp_tags[tag].cmp_tag_state = k_allocated;
+    cmp_tags[tag].cmp_tag_state = 1;
+    cmp_tags[tag].cmp_rest_end = 0;
     qnm::store(cmp_tags[tag].cmp_comp_state, k_idle);
     cmp_pre_tag = static_cast<uint32_t>(tag);
     *tag_out = tag;
@@ -215,15 +212,14 @@ int _qnm_get_tag(int* tag_out) {
 int _qnm_release_tag(int tag) {
     if (!check_tag(__func__, tag)) return 0;
     const qnm::mutex_guard lock(cmp_mutex);
-    give_back(cmp_tags[tag], k_free);
+    give_back(cmp_tags[tag], 0);
     return 0;
 }
 
 int _qnm_rest_tag(int tag) {
     if (!check_tag(__func__, tag)) return 0;
     const qnm::mutex_guard lock(cmp_mutex);
-    cmp_tags[tag].cmp_rest_end = _qnm_get_msec_monotonic() + k_rest_ms;
-    give_back(cmp_tags[tag], has_room_to_rest() ? k_resting : k_free);
+    give_back(cmp_tags[tag], has_room_to_rest() ? _qnm_get_msec_monotonic() + k_rest_ms : 0);
     return 0;
 }
 
