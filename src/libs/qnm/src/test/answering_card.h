@@ -18,11 +18,9 @@
 #include <utility>
 #include <vector>
 
-#include "fake_netif.h"
 #include "fake_pcap.h"
+#include "ports.h"
 #include "qnm_completion.h"
-#include "qnm_socket.h"
-#include "units.h"
 #include "wait.h"
 
 // Any thread may use it; hooks run with its lock held and may use it as well. It has to live until
@@ -48,15 +46,13 @@ class answering_card {
 
     explicit answering_card(uint64_t mac) : mac_(mac & ~uint64_t{1}) {
         for (int port = 0; port < 2; port++) {
-            fake_pcap::on_send(port_name(port), [this, port](const fake_pcap::frame_t& frame) {
+            fake_pcap::on_send(ports::name(port), [this, port](const fake_pcap::frame_t& frame) {
                 take(frame, port);
             });
         }
     }
     answering_card(const answering_card&) = delete;
     answering_card& operator=(const answering_card&) = delete;
-
-    static std::string port_name(int port) { return "port" + std::to_string(port); }
 
     // Registers are 0 until they are set.
     void set(uint32_t addr, uint32_t value) {
@@ -185,22 +181,17 @@ class answering_card {
 
 // Both ports open and up, the tags ready, and one card: connected by P0M0, in the QNSV table and
 // with a write lock. A retry waits 1 ms, so that silence costs little time.
-struct card_units : units {
+struct card_units : ports {
     static constexpr uint64_t k_id = 0x001122334454;
     static constexpr uint64_t k_mac = 0x020000001000;
     static constexpr qnm_retry_t k_retry = {.er_retry_count = 2, .er_retry_interval = 1};
 
-    answering_card card{(fake_pcap::reset(), k_mac)};
+    answering_card card{k_mac};
     qnm_com_dev_t dev = record(k_id, k_mac);  // connected by P0M0
 
     card_units() {
-        fake_netif::reset();
-        for (int port = 0; port < 2; port++) {
-            const std::string name = answering_card::port_name(port);
-            fake_netif::set(name, {.index = 5 + port, .mac = 0x0A0000000000U + port});
-            strcpy(qnm_config.ether_port_name[port], name.c_str());
-            EXPECT_EQ(_qnm_socket_open(name.c_str(), 0, &qnm_root.er_port_info[port]), 0);
-        }
+        for (int port = 0; port < 2; port++)
+            strcpy(qnm_config.ether_port_name[port], name(port).c_str());
         EXPECT_EQ(_qnm_cmp_init(), 0);
         EXPECT_EQ(_qnm_create_reg_lock_node(k_id), 0);
         store(dev);
@@ -210,9 +201,6 @@ struct card_units : units {
     ~card_units() override {
         expect_all_tags_free();
         _qnm_cmp_fini();
-        for (qnm_port_info_t& port : qnm_root.er_port_info)
-            _qnm_socket_close(&port);
-        EXPECT_EQ(fake_pcap::open_handles(), 0U);
     }
 
     static void expect_all_tags_free() {
