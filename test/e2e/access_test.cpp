@@ -13,10 +13,6 @@
 namespace e2e {
 namespace {
 
-using cardsim::card_kind;
-using cardsim::card_speed;
-
-constexpr uint64_t k_id = 0x020000001000;
 constexpr uint32_t k_register = 0x1230;
 constexpr qnm_retry_t k_patient = {20, 500};
 constexpr qnm_retry_t k_hasty = {1, 50};

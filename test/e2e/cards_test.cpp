@@ -11,11 +11,6 @@
 namespace e2e {
 namespace {
 
-using cardsim::card_kind;
-using cardsim::card_speed;
-
-constexpr uint64_t k_id = 0x020000001000;
-
 // Frames received on a port, as its counters tell.
 uint64_t received(const uint64_t* counters) {
     pthread_mutex_lock(&qnm_stats_mutex.em_mutex);

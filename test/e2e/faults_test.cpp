@@ -17,10 +17,6 @@
 namespace e2e {
 namespace {
 
-using cardsim::card_kind;
-using cardsim::card_speed;
-
-constexpr uint64_t k_id = 0x020000001000;
 constexpr size_t k_cards = 16;
 constexpr unsigned k_threads = 8;
 constexpr unsigned k_accesses = 1250;  // of each thread

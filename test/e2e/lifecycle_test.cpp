@@ -19,11 +19,6 @@
 namespace e2e {
 namespace {
 
-using cardsim::card_kind;
-using cardsim::card_speed;
-
-constexpr uint64_t k_id = 0x020000001000;
-
 size_t entries(const char* directory) {
     return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(directory), {}));
 }

@@ -22,10 +22,6 @@
 namespace e2e {
 namespace {
 
-using cardsim::card_kind;
-using cardsim::card_speed;
-
-constexpr uint64_t k_id = 0x020000001000;
 constexpr unsigned k_words = 30;
 constexpr qnm_retry_t k_retry = {20, 100};
 const std::string k_brisk = "eeprom_verify_count = 5\neeprom_retry_interval = 10\n";

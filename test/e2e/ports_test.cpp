@@ -12,11 +12,7 @@
 namespace e2e {
 namespace {
 
-using cardsim::card_kind;
-using cardsim::card_speed;
 using testing::HasSubstr;
-
-constexpr uint64_t k_id = 0x020000001000;
 
 // A card with all four paths, learnt over those that are expected.
 std::unique_ptr<cardsim::simulator> play_card(const std::string& expected_paths) {

@@ -178,7 +178,7 @@ std::unique_ptr<cardsim::simulator> make_cards() {
     return std::make_unique<cardsim::simulator>(std::move(ports));
 }
 
-cardsim::card lively(cardsim::card_kind kind, cardsim::card_speed speed, uint64_t id) {
+cardsim::card lively(card_kind kind, card_speed speed, uint64_t id) {
     cardsim::card card = cardsim::make_card("card" + std::to_string(id), kind, speed, id);
     for (auto& port : card.heard) {
         for (size_t path = 0; path < cardsim::path_count(speed); path++)

@@ -24,6 +24,12 @@
 
 namespace e2e {
 
+using cardsim::card_kind;
+using cardsim::card_speed;
+
+// The first card; further ones have the even IDs after it.
+constexpr uint64_t k_id = 0x020000001000;
+
 constexpr std::chrono::seconds k_limit{60};
 
 // Whether the condition came true within the limit.
@@ -98,7 +104,7 @@ std::string paths(uint64_t id);
 std::unique_ptr<cardsim::simulator> make_cards();
 
 // A card that is heard on the given paths and announces itself ten times a second.
-cardsim::card lively(cardsim::card_kind kind, cardsim::card_speed speed, uint64_t id);
+cardsim::card lively(card_kind kind, card_speed speed, uint64_t id);
 
 constexpr char k_two_ports[] = "ether_port = qnm0,qnm1\ndevinfo_expire_time = 1000\n";
 

@@ -16,10 +16,6 @@
 namespace e2e {
 namespace {
 
-using cardsim::card_kind;
-using cardsim::card_speed;
-
-constexpr uint64_t k_id = 0x020000001000;
 constexpr uint64_t k_other = k_id + 2;
 constexpr uint32_t k_silent_register = 0x3000;
 constexpr qnm_retry_t k_hours = {100, 3600 * 1000};
