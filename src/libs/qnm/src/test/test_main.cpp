@@ -6,13 +6,9 @@
 #include <numeric>
 #include <thread>
 
-#include "config_file.h"
-#include "fake_netif.h"
-#include "fake_pcap.h"
 #include "frames.h"
 #include "qnm_util.h"
-#include "units.h"
-#include "wait.h"
+#include "whole_manager.h"
 
 namespace {
 
@@ -21,61 +17,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsSupersetOf;
 
-constexpr char k_conf[] = "ether_port = port0,port1\ndevinfo_flag_check_interval = 1\n";
-
-struct main_unit : testing::Test {
-    fail::guard guard;
-    log_capture logs;
-    install_dir dir{k_conf};
-    std::thread manager;
-    qnm_api_code_t result = QNM_API_CODE_MAX;
-
-    main_unit() {
-        fake_pcap::reset();
-        fake_netif::reset();
-        fake_netif::set("port0", {.index = 3, .mac = 1});
-        fake_netif::set("port1", {.index = 4, .mac = 2});
-    }
-
-    ~main_unit() override {
-        stop();
-        EXPECT_EQ(fake_pcap::open_handles(), 0U);
-        EXPECT_EQ(fake_netif::listeners(), 0U);
-        EXPECT_EQ(qnm::load(internal_err), 0);
-        EXPECT_EQ(qnm::load(qnm_root.er_init_flag), 1U);
-        for (const int fd : {qnm_terminate_fd_recv[0][0], qnm_terminate_fd_recv[1][1],
-                             qnm_terminate_fd_link[0], qnm_terminate_fd_link[1]}) {
-            EXPECT_EQ(fd, -1);
-        }
-        qnm::store(g_log_level, QNM_LOGLVL_INFO);
-    }
-
-    static bool is_up() { return qnm::is_usable(); }
-
-    void start(qnm_log_level_t level = QNM_LOGLVL_NONE) {
-        manager = std::thread([this, level] { result = init(level); });
-        ASSERT_TRUE(wait_until(is_up));
-    }
-
-    qnm_api_code_t stop() {
-        if (manager.joinable()) {
-            EXPECT_EQ(qnm_fini_manager(), QNM_API_SUCCESS);
-            manager.join();
-        }
-        return result;
-    }
-
-    // For a start that is going to fail.
-    qnm_api_code_t init(qnm_log_level_t level = QNM_LOGLVL_NONE) {
-        return qnm_init_manager(dir.path().c_str(), level);
-    }
-
-    // After any failure the manager starts again as if nothing had been.
-    void expect_restart() {
-        start();
-        EXPECT_EQ(stop(), QNM_API_SUCCESS);
-    }
-
+struct main_unit : whole_manager {
     std::vector<std::string> infos_with(const std::string& end) const {
         std::vector<std::string> found;
         for (const std::string& text : logs.texts("logfile", k_info)) {
