@@ -10,8 +10,7 @@
 #include "wait.h"
 
 struct whole_manager : testing::Test {
-    static constexpr char k_conf[] =
-        "ether_port = port0,port1\ndevinfo_flag_check_interval = 1\n";
+    static constexpr char k_conf[] = "ether_port = port0,port1\ndevinfo_flag_check_interval = 1\n";
 
     fail::guard guard;
     log_capture logs;

@@ -13,11 +13,12 @@ namespace alloc {
 namespace {
 
 constinit thread_local counts_t t_counts;
-constinit thread_local std::uint64_t t_until_failure = 0;           // 0: none is due
+constinit thread_local std::uint64_t t_until_failure = 0;  // 0: none is due
+constinit thread_local std::uint64_t t_until_throw = 0;
 constinit std::atomic<std::uint64_t> g_until_failure_anywhere = 0;  // 0: none is due
 
-bool due_here() {
-    return t_until_failure != 0 && --t_until_failure == 0;
+bool due(std::uint64_t& until_failure) {
+    return until_failure != 0 && --until_failure == 0;
 }
 
 bool due_anywhere() {
@@ -39,6 +40,11 @@ void* take(std::size_t size, std::size_t alignment) noexcept {
 }
 
 void* take_or_throw(std::size_t size, std::size_t alignment) {
+    if (due(t_until_throw)) {
+        t_counts.allocations++;
+        t_counts.failed++;
+        throw std::bad_alloc();
+    }
     void* block = take(size, alignment);
     if (block == nullptr) throw std::bad_alloc();
     return block;
@@ -46,7 +52,7 @@ void* take_or_throw(std::size_t size, std::size_t alignment) {
 
 void* take_or_null(std::size_t size, std::size_t alignment) noexcept {
     t_counts.nothrow++;
-    const bool here = due_here();
+    const bool here = due(t_until_failure);
     const bool anywhere = due_anywhere();
     if (!here && !anywhere) return take(size, alignment);
     t_counts.allocations++;
@@ -75,13 +81,18 @@ void fail_nth(std::uint64_t n) {
     t_until_failure = n;
 }
 
+void fail_nth_throwing(std::uint64_t n) {
+    t_until_throw = n;
+}
+
 void fail_nth_anywhere(std::uint64_t n) {
     g_until_failure_anywhere = n;
 }
 
 bool all_used() {
-    const bool used = t_until_failure == 0 && g_until_failure_anywhere == 0;
+    const bool used = t_until_failure == 0 && t_until_throw == 0 && g_until_failure_anywhere == 0;
     t_until_failure = 0;
+    t_until_throw = 0;
     g_until_failure_anywhere = 0;
     return used;
 }

@@ -1,9 +1,9 @@
 // alloc.h - counts heap allocations and makes them fail on demand.
 //
 // alloc.cpp replaces the global operators new and delete in all their forms, on top of malloc and
-// free, so that the sanitizers keep watching. Only the forms with std::nothrow can be made to fail,
-// as those are the only ones that the library uses; what GoogleTest, log4cxx and the test itself
-// allocate goes through the throwing forms and always succeeds.
+// free, so that the sanitizers keep watching. The library allocates by the forms with std::nothrow
+// alone, so the others, which log4cxx, GoogleTest and the test itself use, succeed unless a test
+// asks for them by name.
 //
 // Counts and failures belong to the calling thread, unless the name says otherwise. A failure is
 // used up when it has happened.
@@ -16,7 +16,7 @@ namespace alloc {
 struct counts_t {
     std::uint64_t allocations = 0;  // all forms, nothrow and failed ones included
     std::uint64_t nothrow = 0;      // the nothrow forms among them
-    std::uint64_t failed = 0;       // of those, the ones made to fail
+    std::uint64_t failed = 0;       // the ones made to fail
     std::uint64_t frees = 0;        // deletes of anything but a null pointer
 };
 
@@ -26,11 +26,15 @@ counts_t counts();
 // The n-th nothrow allocation from now (1 = the next) on this thread fails; 0 takes it back.
 void fail_nth(std::uint64_t n);
 
+// The same for the n-th throwing allocation on this thread; for the logging, behind which log4cxx
+// allocates.
+void fail_nth_throwing(std::uint64_t n);
+
 // The same for the n-th nothrow allocation on whichever thread; for code that runs on threads of
 // its own. Independent of fail_nth.
 void fail_nth_anywhere(std::uint64_t n);
 
-// Takes back both, and tells whether nothing was left to take back.
+// Takes back all, and tells whether nothing was left to take back.
 bool all_used();
 
 // Allocations that body makes on this thread.

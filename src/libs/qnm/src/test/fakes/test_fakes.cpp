@@ -292,6 +292,22 @@ TEST(Alloc, NthNothrowAllocationFailsOnce) {
     EXPECT_TRUE(nothrow_works<int>());
 }
 
+TEST(Alloc, NthThrowingAllocationFailsOnce) {
+    const std::uint64_t failed = alloc::counts().failed;
+    alloc::fail_nth_throwing(2);
+    EXPECT_TRUE(nothrow_works<int>()) << "not counted";
+    const auto make = [] {
+        int* const block = new int;
+        g_block = block;
+        delete block;
+    };
+    make();
+    EXPECT_THROW(make(), std::bad_alloc);
+    make();
+    EXPECT_TRUE(alloc::all_used());
+    EXPECT_EQ(alloc::counts().failed, failed + 1);
+}
+
 TEST(Alloc, FailureBelongsToTheThreadUnlessAnywhere) {
     bool works = false;
     const auto try_on_thread = [&] { std::thread([&] { works = nothrow_works<int>(); }).join(); };

@@ -1,0 +1,199 @@
+// failing.h - lives of the whole manager in which something fails, and what has to hold after each.
+//
+// A sweep lets the first occurrence of a failure come, then the second and so on, until none is
+// left, each in a life of its own. What each leads to stands in a table. Whatever that is, the same
+// act succeeds in the same life afterwards, the life ends without a trace, and the next one begins.
+#pragma once
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "whole_manager.h"
+
+// What that many occurrences in a row lead to: the result of the act, and a line of the log; an
+// empty text stands for none.
+struct consequence {
+    unsigned times;
+    qnm_api_code_t code;
+    int level;
+    std::string text;
+    std::string logger = "logfile";
+};
+using consequences = std::vector<consequence>;
+
+// A way to fail: arm makes the n-th occurrence from now fail, disarm takes that back and tells
+// whether it has come.
+struct failure {
+    std::function<void(unsigned n)> arm;
+    std::function<bool()> disarm;
+};
+
+// Allocations of this thread, or of all.
+inline failure allocation_here() {
+    return {alloc::fail_nth, alloc::all_used};
+}
+
+inline failure allocation_anywhere() {
+    return {alloc::fail_nth_anywhere, alloc::all_used};
+}
+
+// Calls of the library on whatever thread; for calls that only one of them makes.
+inline failure call_anywhere(fail::call which, int err) {
+    return {[=](unsigned n) { fail::nth(which, n, err); },
+            [=] {
+                const bool came = fail::all_used();
+                fail::clear(which);
+                return came;
+            }};
+}
+
+// Calls of the library on this thread.
+inline failure call_here(fail::call which, int err) {
+    const auto left = std::make_shared<unsigned>(0);  // used by this thread only
+    const std::thread::id self = std::this_thread::get_id();
+    const auto decide = [=](uint64_t) -> fail::outcome {
+        if (std::this_thread::get_id() != self || *left == 0 || --*left != 0) return fail::pass;
+        return err;
+    };
+    return {[=](unsigned n) {
+                *left = n;
+                fail::on(which, decide);
+            },
+            [=] {
+                fail::clear(which);
+                return *left == 0;
+            }};
+}
+
+struct failing : whole_manager {
+    static constexpr char k_quick_conf[] =
+        "ether_port = port0,port1\n"
+        "devinfo_flag_check_interval = 1\n"
+        "devinfo_check_interval = 100000\n"  // no keepalive check comes between
+        "devinfo_expire_time = 100000\n"
+        "vlan_check_interval = 1\n"
+        "eeprom_verify_count = 1\n";
+
+    size_t descriptors = 0;
+    size_t threads = 0;
+
+    failing() {
+        dir.write_conf(k_quick_conf);
+        begin();  // what stays open from the first life on belongs to the logging and the fakes
+        end(QNM_API_SUCCESS);
+        descriptors = fail::open_descriptors();
+        threads = count_threads();
+    }
+
+    static size_t count_threads() {
+        const std::filesystem::directory_iterator entries("/proc/self/task");
+        return static_cast<size_t>(
+            std::distance(std::filesystem::begin(entries), std::filesystem::end(entries)));
+    }
+
+    // Whether the calling thread has begun a worker's task, told by the first line of that.
+    bool is_on(const std::string& first_line) const {
+        const auto lines = logs.lines();
+        return std::any_of(lines.begin(), lines.end(), [&](const log_line& line) {
+            return line.thread == std::this_thread::get_id() && line.text == first_line;
+        });
+    }
+
+    // The event thread would see a stop once a second; waits that end early cost these many lives
+    // less time.
+    void hurry_event_thread() {
+        fail::on(fail::call::pthread_cond_timedwait, [this](uint64_t) -> fail::outcome {
+            static thread_local const bool is_event_thread = is_on("_qnm_event_task_com: start.");
+            if (!is_event_thread) return fail::pass;
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            return fail::done;
+        });
+    }
+
+    void begin() {
+        logs.clear();
+        hurry_event_thread();
+        start(QNM_LOGLVL_TRACE);
+        EXPECT_EQ(qnm_start_manager(), QNM_API_SUCCESS);
+    }
+
+    // The life ends with this result, by a stop where it does not end by itself.
+    void end(qnm_api_code_t code) {
+        if (code == QNM_API_SUCCESS) {
+            stop();
+        } else {
+            EXPECT_TRUE(wait_until([] { return !is_up(); }));
+            manager.join();
+        }
+        EXPECT_EQ(result, code);
+        expect_no_trace();
+    }
+
+    void expect_no_trace() const {
+        expect_down();
+        expect_balance();
+        if (threads == 0) return;  // the first life
+        EXPECT_EQ(fail::open_descriptors(), descriptors);
+        EXPECT_EQ(count_threads(), threads);
+    }
+
+    static void expect_balance() {
+        EXPECT_EQ(qnm_stats.est_sv_node_al, qnm_stats.est_sv_node_fr);
+        EXPECT_EQ(qnm_stats.est_io_node_al, qnm_stats.est_io_node_fr);
+        EXPECT_EQ(qnm_stats.est_bl_node_al, qnm_stats.est_bl_node_fr);
+        EXPECT_EQ(qnm_stats.est_evt_node_al, qnm_stats.est_evt_node_fr);
+        EXPECT_EQ(qnm_stats.est_wreg_node_al, qnm_stats.est_wreg_node_fr);
+        EXPECT_EQ(qnm_stats.est_idlist_al, qnm_stats.est_idlist_fr);
+        EXPECT_EQ(qnm_stats.est_cbinfo_al, qnm_stats.est_cbinfo_fr);
+        EXPECT_EQ(qnm_stats.est_addrs_al, qnm_stats.est_addrs_fr);
+        EXPECT_EQ(qnm_stats.est_cb_call, qnm_stats.est_cb_return);
+    }
+
+    static unsigned total(const consequences& expected) {
+        unsigned sum = 0;
+        for (const consequence& it : expected)
+            sum += it.times;
+        return sum;
+    }
+
+    static const consequence& nth(const consequences& expected, unsigned n) {
+        auto it = expected.begin();
+        for (; n > it->times; ++it)
+            n -= it->times;
+        return *it;
+    }
+
+    // The log is looked at when its line has been written, if by another thread.
+    void expect_line(const consequence& due) const {
+        if (due.text.empty()) return;
+        EXPECT_TRUE(logs.wait_for(due.level, due.text, 1, due.logger, std::chrono::seconds(30)))
+            << due.text;
+    }
+
+    // What fails while the manager runs: before() prepares act(), which is `good` without failure.
+    template <typename Before, typename Act>
+    void sweep(const failure& how, Before before, Act act, const consequences& expected,
+               qnm_api_code_t good = QNM_API_SUCCESS) {
+        const unsigned all = total(expected);
+        for (unsigned n = 1; n <= all + 1; n++) {
+            SCOPED_TRACE(testing::Message() << "occurrence " << n);
+            begin();
+            before();
+            how.arm(n);
+            const qnm_api_code_t code = act();
+            ASSERT_EQ(how.disarm(), n <= all) << "there are others than " << all;
+            hurry_event_thread();
+            EXPECT_EQ(code, n <= all ? nth(expected, n).code : good);
+            if (n <= all) expect_line(nth(expected, n));
+            before();
+            EXPECT_EQ(act(), good) << "afterwards";
+            end(QNM_API_SUCCESS);
+        }
+    }
+};

@@ -1,0 +1,249 @@
+// test_failing_memory.cpp - every allocation fails in turn: in each public call and while each kind
+// of frame is taken in.
+
+#include <cerrno>
+#include <fstream>
+
+#include "public_calls.h"
+
+namespace {
+
+struct failing_memory : public_calls {
+    // Every failure of the library's own allocations is counted, once.
+    static failure counted(const failure& how) {
+        return {how.arm, [=] {
+                    const bool came = how.disarm();
+                    const qnm::mutex_guard lock(qnm_stats_mutex);
+                    EXPECT_EQ(qnm_stats.est_alloc_err, came ? 1U : 0U);
+                    return came;
+                }};
+    }
+};
+
+// ---- Public calls -------------------------------------------------------------------------------
+
+// The calls that allocate; all others do not.
+const std::map<std::string, consequence> k_allocating = {
+    {"qnm_get_qnsvids", {1, QNM_API_ENOMEM, k_info, "qnm_get_qnsvids: (OUT) ret=5"}},
+    {"qnm_get_qnioids", {1, QNM_API_ENOMEM, k_info, "qnm_get_qnioids: (OUT) ret=5"}},
+    {"qnm_get_update_qnsvids", {1, QNM_API_ENOMEM, k_info, "qnm_get_update_qnsvids: (OUT) ret=5"}},
+    {"qnm_get_update_qnioids", {1, QNM_API_ENOMEM, k_info, "qnm_get_update_qnioids: (OUT) ret=5"}},
+    {"qnm_get_group_qnsvids",
+     {1, QNM_API_ENOMEM, k_info, "qnm_get_group_qnsvids: (OUT) ret=5, groupid=10"}},
+    {"qnm_get_group_qnioids",
+     {1, QNM_API_ENOMEM, k_info, "qnm_get_group_qnioids: (OUT) ret=5, groupid=10"}},
+    {"qnm_stop_monitor",
+     {1, QNM_API_ENOMEM, k_error, "qnm_stop_monitor: can't alloc memory for qnm_bl_node_t."}},
+    {"qnm_register_callback",
+     {1, QNM_API_ENOMEM, k_error, "qnm_register_callback: Failed to _cbinfo_create()."}},
+};
+
+TEST_F(failing_memory, every_public_call_survives_each_failed_allocation) {
+    for (const public_call& row : k_public_calls) {
+        const auto found = k_allocating.find(row.name);
+        consequences expected;
+        if (found != k_allocating.end()) expected.push_back(found->second);
+        sweep_call(*this, row, counted(allocation_here()), expected);
+    }
+}
+
+TEST_F(failing_memory, a_whole_life_without_cards_allocates_nothing) {
+    alloc::fail_nth_anywhere(1);
+    expect_restart();
+    EXPECT_FALSE(alloc::all_used());
+}
+
+// The names of data, which cannot be called, and of what brings each life about.
+const std::set<std::string> k_not_in_table = {
+    "g_log_level",      "internal_err",     "qnm_config",           "qnm_flag",
+    "qnm_root",         "qnm_stats",        "qnm_stats_mutex",      "qnm_terminate_fd_link",
+    "qnm_fini_manager", "qnm_init_manager", "qnm_terminate_fd_recv"};
+
+TEST_F(failing_memory, no_exported_function_is_left_out) {
+    std::set<std::string> names = k_not_in_table;
+    for (const public_call& row : k_public_calls)
+        names.insert(row.name);
+    std::set<std::string> exported;
+    std::ifstream file(QNM_EXPORTS);
+    for (std::string name; file >> name;)
+        exported.insert(name);
+    EXPECT_EQ(names, exported);
+}
+
+// ---- Frames -------------------------------------------------------------------------------------
+
+// An announcement of one kind: what of it tells the kinds apart, and what the log calls them.
+struct frame_kind {
+    frames::announcement announcement;
+    std::string kind;
+
+    bool is_server() const { return announcement.host == 0; }
+};
+
+constexpr uint64_t k_new = 0x020000003000;
+constexpr char k_new_text[] = "id=0x020000003000";
+
+// Every subtype, card, card version and arrangement of the header.
+std::vector<frame_kind> all_kinds() {
+    std::vector<frame_kind> kinds;
+    for (const uint8_t subtype : {0x10, 0x11, 0x18, 0x19}) {
+        for (const uint8_t ver : {0, 1}) {
+            if (subtype < 0x18 && ver != 0) continue;
+            for (const bool vlan_change_mode : {false, true}) {
+                frames::announcement it = {
+                    .subtype = subtype, .mac = k_new, .ver = ver, .sw_status = {0, 0, 1}};
+                it.vlan_change_mode = vlan_change_mode;
+                kinds.push_back({it, "qnsv"});
+                it.host = 1;
+                kinds.push_back({it, "qnio"});
+                it.sw_status[1] = 1;
+                kinds.push_back({it, "qnio"});
+            }
+        }
+    }
+    return kinds;
+}
+
+std::string text_of(const frame_kind& it) {
+    const frames::announcement& frame = it.announcement;
+    return it.kind + " subtype " + std::to_string(frame.subtype) + " ver " +
+           std::to_string(frame.ver) + " version " + std::to_string(frame.sw_status[1]) + " mode " +
+           std::to_string(frame.vlan_change_mode);
+}
+
+// Whether the new card is known.
+qnm_api_code_t look_up(const frame_kind& it) {
+    qnm_qnsv_t server;
+    qnm_qnio_t io;
+    return it.is_server() ? qnm_get_qnsv(k_new, &server) : qnm_get_qnio(k_new, &io);
+}
+
+consequence lost_event(const std::string& func, const std::string& event,
+                       const std::string& id = k_new_text) {
+    return {1, QNM_API_SUCCESS, k_warn, func + ": Failed to _qnm_add_event(" + event + ") " + id};
+}
+
+TEST_F(failing_memory, a_new_card_of_each_kind_survives_each_failed_allocation) {
+    for (const frame_kind& it : all_kinds()) {
+        SCOPED_TRACE(text_of(it));
+        const std::string func = "_add_" + it.kind + "_devinfo";
+        const consequences expected = {
+            {1, QNM_API_ENOENT, k_warn,
+             func + ": Failed to _qnm_create_reg_lock_node(). Drop DEVINFO Frame. err=12, " +
+                 k_new_text},
+            {1, QNM_API_ENOENT, k_error,
+             func + ": Failed to _qnm_set_" + it.kind + "(). err=12, " + k_new_text},
+            lost_event(func, "QNM_EVT_NEWDEVINFO"),
+            lost_event(func, "QNM_EVT_MAJORMINORERROR"),
+        };
+        const auto announce = [&] {
+            deliver(frames::build(it.announcement));
+            return look_up(it);
+        };
+        sweep(
+            counted(allocation_anywhere()), [] {}, announce, expected);
+    }
+}
+
+// The same card with everything changed that raises an event, by its other port.
+frames::frame_t changed(const frame_kind& it) {
+    frames::announcement next = it.announcement;
+    next.info = 0x03;
+    next.sw_status[2] = 0x03;
+    frames::frame_t frame = frames::build(next);
+    frame[it.is_server() ? frames::down_port(0) + 1 : 29] |= 0x02;
+    return frame;
+}
+
+TEST_F(failing_memory, a_changed_card_of_each_kind_survives_each_failed_allocation) {
+    for (const frame_kind& it : all_kinds()) {
+        SCOPED_TRACE(text_of(it));
+        const std::string func = "_update_" + it.kind + "_devinfo";
+        consequences expected = {lost_event(func, "QNM_EVT_UPDATEDEVINFO"),
+                                 lost_event(func, "QNM_EVT_CONNECTIONCHANGE"),
+                                 lost_event(func, "QNM_EVT_MAJORMINORERROR")};
+        if (!it.is_server()) expected.push_back(lost_event(func, "QNM_EVT_PATHSTATECHANGE"));
+        expected.push_back(lost_event(func, "QNM_EVT_CHANNELSTATECHANGE"));
+        const auto learn_anew = [&] {
+            qnm_delete_qnsv(k_new);
+            qnm_delete_qnio(k_new);
+            deliver(frames::build(it.announcement));
+        };
+        const auto announce = [&] {
+            deliver(changed(it), 1);
+            return look_up(it);
+        };
+        sweep(counted(allocation_anywhere()), learn_anew, announce, expected);
+    }
+}
+
+TEST_F(failing_memory, a_port_that_goes_down_survives_each_failed_allocation) {
+    const frame_kind it = {{.mac = k_new}, "qnsv"};
+    const auto set_link = [](bool up) {
+        fake_netif::set_link("port0", up);
+        fake_netif::notify();
+        EXPECT_TRUE(wait_until(
+            [up] { return qnm::load(qnm_root.er_port_info[0].epi_link_state) == (up ? 1U : 0U); }));
+    };
+    const auto come_up = [&] {
+        EXPECT_TRUE(fake_netif::wait_listener());
+        set_link(true);
+        deliver(frames::build(it.announcement));
+    };
+    const std::string line =
+        "_qnm_all_disconnect: QNSV id=0x020000003000 state change to disconnect. P0M0: DISCONNECT, "
+        "P0M1: DISCONNECT, P1M0: DISCONNECT, P1M1: DISCONNECT";
+    const auto go_down = [&] {
+        const size_t before = logs.count(k_info, line);
+        set_link(false);
+        EXPECT_TRUE(logs.wait_for(k_info, line, before + 1));
+        return look_up(it);
+    };
+    sweep(counted(allocation_anywhere()), come_up, go_down,
+          {lost_event("_qnm_all_disconnect", "QNM_EVT_UPDATEDEVINFO"),
+           lost_event("_qnm_all_disconnect", "QNM_EVT_CHANNELSTATECHANGE")});
+}
+
+// Frames that are dropped, and Completions, cost nothing that could fail.
+TEST_F(failing_memory, other_frames_allocate_nothing) {
+    using frames::announcement;
+    const frames::frame_t dropped[] = {
+        frames::build({.mac = k_new, .length = 27}),
+        frames::build({.mac = k_new, .length = 271}),
+        frames::build({.subtype = 0x18, .mac = k_new, .length = 495}),
+        frames::build({.mac = k_new, .host = 1, .length = 43}),
+        frames::build({.subtype = 0x12, .mac = k_new}),
+        frames::build({.mac = k_new, .host = 2}),
+        frames::build({.mac = k_new, .ver = 1}),
+        frames::build({.mac = k_new, .tci = 0x000A}),
+        frames::build_completion({.mac = k_new}),
+        frames::build_completion({.tag = 255, .mac = k_new}),
+    };
+    const frame_kind it = {{.mac = k_new}, "qnsv"};
+    const auto take_all = [&] {
+        for (const frames::frame_t& frame : dropped)
+            deliver(frame);
+        return look_up(it);
+    };
+    sweep(
+        counted(allocation_anywhere()), [] {}, take_all, {}, QNM_API_ENOENT);
+}
+
+// ---- Log lines ----------------------------------------------------------------------------------
+
+// log4cxx reports a lack of memory by an exception, which must reach no host program.
+TEST_F(failing_memory, a_log_line_without_memory_is_lost_and_nothing_else) {
+    const std::string text(300, 'x');
+    bool written = false;
+    unsigned n = 0;
+    while (!written && ++n < 1000) {
+        logs.clear();
+        alloc::fail_nth_throwing(n);
+        EXPECT_NO_THROW(qnm_log_error("%s", text.c_str()));
+        written = !alloc::all_used();
+    }
+    EXPECT_GT(n, 1U);
+    EXPECT_TRUE(logs.has(k_error, text));
+}
+
+}  // namespace
