@@ -6,6 +6,7 @@
 #pragma once
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <functional>
@@ -27,11 +28,12 @@ struct consequence {
 };
 using consequences = std::vector<consequence>;
 
-// A way to fail: arm makes the n-th occurrence from now fail, disarm takes that back and tells
-// whether it has come.
+// A way to fail: arm makes the n-th occurrence from now fail, came tells whether it has, and disarm
+// takes back what has not come.
 struct failure {
     std::function<void(unsigned n)> arm;
-    std::function<bool()> disarm;
+    std::function<bool()> came;
+    std::function<void()> disarm = [] {};
 };
 
 // Allocations of this thread, or of all.
@@ -45,30 +47,32 @@ inline failure allocation_anywhere() {
 
 // Calls of the library on whatever thread; for calls that only one of them makes.
 inline failure call_anywhere(fail::call which, int err) {
-    return {[=](unsigned n) { fail::nth(which, n, err); },
-            [=] {
-                const bool came = fail::all_used();
-                fail::clear(which);
-                return came;
-            }};
+    return {[=](unsigned n) { fail::nth(which, n, err); }, fail::all_used,
+            [=] { fail::clear(which); }};
 }
 
-// Calls of the library on this thread.
-inline failure call_here(fail::call which, int err) {
-    const auto left = std::make_shared<unsigned>(0);  // used by this thread only
-    const std::thread::id self = std::this_thread::get_id();
+// Calls of the library on the threads that is_meant holds for.
+inline failure call_where(fail::call which, int err, std::function<bool()> is_meant) {
+    const auto left = std::make_shared<std::atomic<unsigned>>(0);
     const auto decide = [=](uint64_t) -> fail::outcome {
-        if (std::this_thread::get_id() != self || *left == 0 || --*left != 0) return fail::pass;
+        if (*left == 0 || !is_meant() || --*left != 0) return fail::pass;
         return err;
     };
     return {[=](unsigned n) {
                 *left = n;
                 fail::on(which, decide);
             },
-            [=] {
-                fail::clear(which);
-                return *left == 0;
-            }};
+            [=] { return *left == 0; }, [=] { fail::clear(which); }};
+}
+
+// One after the other of a list of failures, each ordered by a call of its own.
+inline failure each_of(std::vector<std::function<void()>> orders) {
+    const auto ordered = std::make_shared<bool>(false);
+    return {[=](unsigned n) {
+                *ordered = n <= orders.size();
+                if (*ordered) orders[n - 1]();
+            },
+            [=] { return *ordered; }};
 }
 
 struct failing : whole_manager {
@@ -187,7 +191,9 @@ struct failing : whole_manager {
             before();
             how.arm(n);
             const qnm_api_code_t code = act();
-            ASSERT_EQ(how.disarm(), n <= all) << "there are others than " << all;
+            const bool came = how.came();
+            how.disarm();
+            ASSERT_EQ(came, n <= all) << "there are others than " << all;
             hurry_event_thread();
             EXPECT_EQ(code, n <= all ? nth(expected, n).code : good);
             if (n <= all) expect_line(nth(expected, n));

@@ -11,12 +11,13 @@ namespace {
 struct failing_memory : public_calls {
     // Every failure of the library's own allocations is counted, once.
     static failure counted(const failure& how) {
-        return {how.arm, [=] {
-                    const bool came = how.disarm();
-                    const qnm::mutex_guard lock(qnm_stats_mutex);
-                    EXPECT_EQ(qnm_stats.est_alloc_err, came ? 1U : 0U);
-                    return came;
-                }};
+        const auto came = [=] {
+            const bool has_come = how.came();
+            const qnm::mutex_guard lock(qnm_stats_mutex);
+            EXPECT_EQ(qnm_stats.est_alloc_err, has_come ? 1U : 0U);
+            return has_come;
+        };
+        return {how.arm, came, how.disarm};
     }
 };
 

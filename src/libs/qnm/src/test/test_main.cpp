@@ -169,19 +169,6 @@ TEST_F(main_unit, without_any_port_the_start_fails) {
     expect_restart();
 }
 
-TEST_F(main_unit, a_pipe_that_cannot_be_made_leaves_no_descriptor) {
-    const size_t before = fail::open_descriptors();
-    for (unsigned n = 1; n <= 3; n++) {
-        fail::nth(fail::call::pipe, n, EMFILE);
-        EXPECT_EQ(init(), QNM_API_EPROTO);
-        EXPECT_EQ(fail::open_descriptors(), before);
-    }
-    EXPECT_EQ(
-        logs.count(k_error, "qnm_init_manager: Failed to _qnm_terminate_event_create(). err=71"),
-        3U);
-    expect_restart();
-}
-
 // Which thread does not start, and what the log calls it.
 struct thread_row {
     unsigned number;

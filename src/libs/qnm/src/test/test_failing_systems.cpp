@@ -1,0 +1,622 @@
+// test_failing_systems.cpp - the calls to the system and to libpcap fail in turn: while the manager
+// starts, in its threads, in each public call, while frames are taken in, and at its stop.
+
+#include <linux/if_packet.h>
+#include <linux/sockios.h>
+#include <poll.h>
+
+#include <cerrno>
+#include <filesystem>
+
+#include "fake_pcap_create.h"
+#include "public_calls.h"
+
+namespace {
+
+using fail::call;
+
+struct failing_systems : public_calls {
+    // A failure that the manager meets by itself, from its start on: it ends with the code due, or
+    // goes on until its stop.
+    bool live_with(const failure& how, unsigned n, const consequences& expected) {
+        SCOPED_TRACE(testing::Message() << "occurrence " << n);
+        const bool due = n <= total(expected);
+        const qnm_api_code_t code = due ? nth(expected, n).code : QNM_API_SUCCESS;
+        logs.clear();
+        hurry_event_thread();
+        how.arm(n);
+        result = QNM_API_CODE_MAX;
+        std::atomic<bool> ended = false;
+        manager = std::thread([&] {
+            result = init(QNM_LOGLVL_TRACE);
+            ended = true;
+        });
+        EXPECT_TRUE(wait_until([&] { return is_up() || ended; }));
+        if (due) {
+            expect_line(nth(expected, n));
+            EXPECT_TRUE(wait_until(how.came, std::chrono::seconds(30)));
+        }
+        EXPECT_TRUE(wait_until([&] { return code == QNM_API_SUCCESS || ended; }));
+        stop();
+        EXPECT_EQ(how.came(), due) << "there are others than " << total(expected);
+        how.disarm();
+        EXPECT_EQ(result, code);
+        expect_no_trace();
+        return !HasFailure();
+    }
+
+    // Calls of the library in one thread, told by the first line of its work.
+    failure call_in(const std::string& thread, call which, int err) {
+        return call_where(which, err, [=, this] { return is_on(thread); });
+    }
+
+    // The first poll of that thread finds something on an entry, and the call upon it fails.
+    failure poll_in(const std::string& thread, unsigned entry, short revents,
+                    std::optional<call> which, int err) {
+        const auto found = std::make_shared<std::atomic<bool>>(false);
+        const auto find = [=, this](auto, int) -> std::optional<fail::poll_result> {
+            if (*found || !is_on(thread)) return std::nullopt;
+            *found = true;
+            std::vector<short> events(2, 0);
+            events[entry] = revents;
+            return fail::poll_events(events);
+        };
+        const failure upon = which.has_value() ? call_in(thread, *which, err) : each_of({[] {}});
+        return {[=](unsigned n) {
+                    upon.arm(n);
+                    fail::on_poll(find);
+                },
+                [=] { return *found && upon.came(); },
+                [=] {
+                    fail::on_poll(nullptr);
+                    upon.disarm();
+                }};
+    }
+
+    // Frames sent by the first port, which all cards are connected to.
+    failure failed_send() {
+        const auto count = [this] {
+            return logs.count(k_error, "_qnm_send: Failed to pcap_sendpacket().");
+        };
+        const auto before = std::make_shared<size_t>(0);
+        return {[=](unsigned n) {
+                    *before = count();
+                    fake_pcap::set_send_failure("port0", n);
+                },
+                [=] { return count() > *before; }, [] { fake_pcap::set_send_failure("port0", 0); }};
+    }
+
+    void sweep_lives(const failure& how, const consequences& expected) {
+        for (unsigned n = 1; n <= total(expected) + 1; n++) {
+            if (!live_with(how, n, expected)) return;
+        }
+        begin();
+        end(QNM_API_SUCCESS);
+    }
+};
+
+// ---- Start-up -----------------------------------------------------------------------------------
+
+struct start_row {
+    call which;
+    int err;
+    consequences expected;
+};
+
+std::string failed_thread(const std::string& label) {
+    return "qnm_init_manager: Failed to _qnm_thread_create(" + label + "). err=11";
+}
+
+const start_row k_starts[] = {
+    // The directory; the log's properties, before which nothing can be logged; the configuration,
+    // which may be missing.
+    {call::stat,
+     EACCES,
+     {{1, QNM_API_EINVAL, k_error, ""},
+      {1, QNM_API_EPROTO, k_error, ""},
+      {1, QNM_API_SUCCESS, k_warn, "_qnm_config_read: Failed to _qnm_file_exist(). path={conf}"}}},
+    {call::fopen,
+     EMFILE,
+     {{1, QNM_API_EPROTO, k_error, "_qnm_config_read: file open error: {conf}. erno=24"}}},
+    // The events of the statistics, of the event thread and of the tags.
+    {call::pthread_condattr_setclock,
+     EINVAL,
+     {{1, QNM_API_EPROTO, k_error, "_qnm_stats_init: Failed to _qnm_event_init(). err=22"},
+      {1, QNM_API_EPROTO, k_error,
+       "_qnm_event_cb_init: Failed to _qnm_event_init() for event_sig. err=22"},
+      {256, QNM_API_EPROTO, k_error, "_qnm_cmp_init: Failed to _qnm_event_init()"}}},
+    // Three per port: the index, the address, the link.
+    {call::ioctl,
+     EIO,
+     {{1, QNM_API_SUCCESS, k_error, "_qnm_socket_open_lin: Failed to ioctl(SIOCGIFINDEX). errno=5"},
+      {1, QNM_API_SUCCESS, k_error,
+       "_qnm_socket_open_lin: Failed to ioctl(SIOCGIFHWADDR). errno=5"},
+      {1, QNM_API_SUCCESS, k_error,
+       "_qnm_get_linkstate_lin_impl: Failed to ioctl(SIOCETHTOOL). errno=5"},
+      {3, QNM_API_SUCCESS, k_error,
+       "qnm_init_manager: Failed to _qnm_socket_open(). port=1, err=71"}}},
+    // A capture that does not tell how it delivers is used as it is.
+    {call::getsockopt, EIO, {{2, QNM_API_SUCCESS, k_error, ""}}},
+    {call::pipe,
+     EMFILE,
+     {{3, QNM_API_EPROTO, k_error,
+       "qnm_init_manager: Failed to _qnm_terminate_event_create(). err=71"}}},
+    // One receive thread is enough.
+    {call::pthread_create,
+     EAGAIN,
+     {{1, QNM_API_SUCCESS, k_error, failed_thread("recv port0")},
+      {1, QNM_API_SUCCESS, k_error, failed_thread("recv port1")},
+      {1, QNM_API_EPROTO, k_error, failed_thread("event_task")},
+      {1, QNM_API_EPROTO, k_error, failed_thread("watch_link")},
+      {1, QNM_API_EPROTO, k_error, failed_thread("stats_task")}}},
+    {call::socket,
+     EMFILE,
+     {{1, QNM_API_EPROTO, k_fatal, "_qnm_watch_linkstate_lin: Failed to socket(). errno=24"}}},
+    {call::bind,
+     EPERM,
+     {{1, QNM_API_EPROTO, k_fatal, "_qnm_watch_linkstate_lin: Failed to bind(). errno=1"}}},
+};
+
+TEST_F(failing_systems, the_start_survives_each_failed_call) {
+    fake_netif::set("eth0", {.index = 5, .mac = 3});  // for a start without a configuration
+    for (const start_row& row : k_starts) {
+        consequences expected = row.expected;
+        for (consequence& it : expected) {
+            const size_t place = it.text.find("{conf}");
+            if (place != std::string::npos) it.text.replace(place, 6, dir.conf());
+        }
+        SCOPED_TRACE(testing::Message() << "call " << static_cast<int>(row.which));
+        sweep_lives(call_anywhere(row.which, row.err), expected);
+        if (HasFatalFailure()) return;
+    }
+}
+
+TEST_F(failing_systems, the_start_survives_each_failed_call_of_libpcap) {
+    using fake_pcap::set_fileno;
+    using fake_pcap::set_next_open_failure;
+    sweep_lives(
+        each_of({[] { set_next_open_failure("port0", "gone"); },
+                 [] { set_next_open_failure("port1", "gone"); }}),
+        {{2, QNM_API_SUCCESS, k_error, "_qnm_socket_open_lin: Failed to pcap_open_live(). gone"}});
+    sweep_lives(each_of({[] { set_fileno("port0", -1); },
+                         [] {
+                             set_fileno("port0", std::nullopt);
+                             set_fileno("port1", -1);
+                         }}),
+                {{2, QNM_API_SUCCESS, k_error, "_qnm_socket_open_lin: Failed to pcap_fileno()."}});
+    set_fileno("port1", std::nullopt);
+}
+
+// A capture that cannot be had without delay is used with it.
+TEST_F(failing_systems, the_start_survives_each_failed_step_of_the_reopening) {
+    using fake_pcap::step;
+    fake_netif::set_packet_version(TPACKET_V3);
+    std::vector<std::function<void()>> orders;
+    for (const step it : {step::create, step::snaplen, step::promisc, step::timeout,
+                          step::immediate_mode, step::buffer_size, step::activate}) {
+        orders.push_back([it] { fake_pcap::set_next_result(it, -1); });
+    }
+    sweep_lives(each_of(orders), {{7, QNM_API_SUCCESS, k_error, ""}});
+}
+
+// What cannot be made is noticed where it is used; a mutex that was in use in an earlier life tells
+// then that it is none.
+TEST_F(failing_systems, mutexes_and_conditions_that_cannot_be_made_end_no_life_in_disorder) {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "the use of a mutex that was not made is reported";
+#endif
+    sweep_lives(call_anywhere(call::pthread_mutex_init, EAGAIN),
+                {{1, QNM_API_SUCCESS, k_warn,
+                  "_qnm_stats_task_com: Failed to _qnm_event_timedwait() err=38"},
+                 {1, QNM_API_EPROTO, k_fatal,
+                  "_qnm_event_task_com: Failed to _qnm_event_timedwait(). err=38"},
+                 {QNM_EVT_MAX + 256, QNM_API_SUCCESS, k_error, ""}});
+    sweep_lives(call_anywhere(call::pthread_cond_init, EAGAIN),
+                {{2 + 256, QNM_API_SUCCESS, k_error, ""}});
+}
+
+// ---- Threads ------------------------------------------------------------------------------------
+
+constexpr char k_event[] = "_qnm_event_task_com: start.";
+constexpr char k_stats[] = "_qnm_stats_task_com: start.";
+constexpr char k_link[] = "_qnm_watch_linkstate: start.";
+constexpr char k_keepalive[] = "_qnm_interval_check: start.";
+constexpr char k_recv0[] = "_qnm_recv_task: start. if_index=3, mac=000000000001";
+constexpr char k_recv1[] = "_qnm_recv_task: start. if_index=4, mac=000000000002";
+
+// A thread, told by the first line of its work, and a call that fails in it.
+struct thread_row {
+    const char* thread;
+    call which;
+    int err;
+    consequence expected;
+};
+
+const thread_row k_threads[] = {
+    {k_event,
+     call::pthread_cond_timedwait,
+     EINVAL,
+     {1, QNM_API_EPROTO, k_fatal, "_qnm_event_task_com: Failed to _qnm_event_timedwait(). err=71"}},
+    {k_event,
+     call::clock_gettime,
+     EINVAL,
+     {3, QNM_API_EPROTO, k_fatal, "_qnm_event_task_com: Failed to _qnm_event_timedwait(). err=71"}},
+    {k_stats,
+     call::pthread_cond_timedwait,
+     EINVAL,
+     {1, QNM_API_SUCCESS, k_warn, "_qnm_stats_task_com: Failed to _qnm_event_timedwait() err=71"}},
+    {k_stats,
+     call::clock_gettime,
+     EINVAL,
+     {1, QNM_API_SUCCESS, k_warn, "_qnm_stats_task_com: Failed to _qnm_event_timedwait() err=71"}},
+    {k_stats,
+     call::localtime_r,
+     EOVERFLOW,
+     {1, QNM_API_SUCCESS, k_info, "***  qnm status dump (v0)", "statslogfile"}},
+    {k_stats, call::time, EFAULT, {1, QNM_API_SUCCESS, k_info, ""}},
+    {k_keepalive, call::clock_gettime, EINVAL, {3, QNM_API_SUCCESS, k_error, ""}},
+    {k_keepalive, call::clock_nanosleep, EINTR, {3, QNM_API_SUCCESS, k_error, ""}},
+    {k_keepalive, call::clock_nanosleep, EINVAL, {3, QNM_API_SUCCESS, k_error, ""}},
+    {k_recv0,
+     call::poll,
+     EBADF,
+     {1, QNM_API_EPROTO, k_fatal, "_qnm_recv_lin: poll() returned -1. errno=9, port_num=0"}},
+    {k_recv1,
+     call::poll,
+     ENOMEM,
+     {1, QNM_API_EPROTO, k_fatal, "_qnm_recv_lin: poll() returned -1. errno=12, port_num=1"}},
+    {k_link,
+     call::poll,
+     EINVAL,
+     {1, QNM_API_EPROTO, k_fatal, "_qnm_watch_linkstate_lin: poll() returned -1. errno=22"}},
+};
+
+TEST_F(failing_systems, the_threads_survive_each_failed_call) {
+    for (const thread_row& row : k_threads) {
+        SCOPED_TRACE(testing::Message() << row.thread << " call " << static_cast<int>(row.which));
+        for (unsigned n = 1; n <= row.expected.times; n++)
+            live_with(call_in(row.thread, row.which, row.err), n, {row.expected});
+    }
+}
+
+// What a poll of a thread finds on one of its two entries, and how the call upon it fails.
+struct poll_row {
+    const char* thread;
+    unsigned entry;
+    short revents;
+    std::optional<call> which;
+    int err;
+    consequence expected;
+};
+
+const poll_row k_polls[] = {
+    {k_recv0,
+     0,
+     POLLHUP,
+     std::nullopt,
+     0,
+     {1, QNM_API_EPROTO, k_fatal,
+      "_qnm_recv_lin: poll error event has occurred (in receive wait). port_num=0, revents=0x10"}},
+    {k_recv1,
+     0,
+     POLLNVAL,
+     std::nullopt,
+     0,
+     {1, QNM_API_EPROTO, k_fatal,
+      "_qnm_recv_lin: poll error event has occurred (in receive wait). port_num=1, revents=0x20"}},
+    {k_recv0,
+     0,
+     POLLERR,
+     call::recv,
+     EIO,
+     {1, QNM_API_EPROTO, k_error, "_qnm_recv_lin: Failed to recv(). err=-1, errno=5, port_num=0"}},
+    {k_recv0,
+     0,
+     POLLERR,
+     call::recv,
+     ENETDOWN,
+     {1, QNM_API_SUCCESS, k_info,
+      "_qnm_recv_lin: POLLERR event has occurred (in receive wait). Because interface is not up. "
+      "port_num=0, revents=0x8"}},
+    {k_recv0,
+     1,
+     POLLHUP,
+     std::nullopt,
+     0,
+     {1, QNM_API_EPROTO, k_fatal,
+      "_qnm_recv_lin: poll error event has occurred (in terminate event wait). port_num=0, "
+      "revents=0x10"}},
+    {k_recv1,
+     1,
+     POLLERR,
+     call::read,
+     EIO,
+     {1, QNM_API_EPROTO, k_error, "_qnm_recv_lin: Failed to read(). err=-1, errno=5, port_num=1"}},
+    {k_link,
+     0,
+     POLLHUP,
+     std::nullopt,
+     0,
+     {1, QNM_API_EPROTO, k_fatal,
+      "_qnm_watch_linkstate_lin: poll error event has occurred (in link state check wait). "
+      "revents=0x10"}},
+    {k_link,
+     0,
+     POLLERR,
+     call::recv,
+     ENOBUFS,
+     {1, QNM_API_EPROTO, k_error,
+      "_qnm_watch_linkstate_lin: Failed to recv(). revent is POLLERR. err=-1, errno=105, "
+      "revents=0x8"}},
+    {k_link,
+     0,
+     POLLIN,
+     call::recv,
+     ENOBUFS,
+     {1, QNM_API_EPROTO, k_fatal,
+      "_qnm_watch_linkstate_lin: Failed to recv(). revent is POLLIN. err=-1, errno=105, "
+      "revents=0x1"}},
+    {k_link,
+     1,
+     POLLNVAL,
+     std::nullopt,
+     0,
+     {1, QNM_API_EPROTO, k_fatal,
+      "_qnm_watch_linkstate_lin: poll error event has occurred (in terminate event wait). "
+      "revents=0x20"}},
+    {k_link,
+     1,
+     POLLERR,
+     call::read,
+     EIO,
+     {1, QNM_API_EPROTO, k_error, "_qnm_watch_linkstate_lin: Failed to read(). err=-1, errno=5"}},
+};
+
+TEST_F(failing_systems, the_threads_survive_each_error_that_a_poll_finds) {
+    for (const poll_row& row : k_polls) {
+        SCOPED_TRACE(testing::Message() << row.thread << " entry " << row.entry << " revents "
+                                        << row.revents << " errno " << row.err);
+        live_with(poll_in(row.thread, row.entry, row.revents, row.which, row.err), 1,
+                  {row.expected});
+    }
+}
+
+TEST_F(failing_systems, the_receive_threads_survive_each_failed_result_of_the_capture) {
+    const consequences expected = {
+        {2, QNM_API_EPROTO, k_fatal, "_qnm_recv_pcap: Failed to pcap_next_ex()."},
+        {2, QNM_API_EPROTO, k_error, "_qnm_recv_pcap: Failed to pcap_next_ex(). err = -2"},
+        {1, QNM_API_SUCCESS, k_debug,
+         "_qnm_recv_frame: _qnm_recv_pcap() returned ETIMEDOUT. port_num=0"}};
+    // Pushed when both ports are open, with the last pipe.
+    const auto pushing = [](const char* port, int found) {
+        return [=] {
+            fail::on(call::pipe, [=, last = fail::count(call::pipe) + 3](uint64_t number) {
+                if (number == last) fake_pcap::push_result(port, found);
+                return fail::pass;
+            });
+        };
+    };
+    sweep_lives(each_of({pushing("port0", -1), pushing("port1", -1), pushing("port0", -2),
+                         pushing("port1", -2), pushing("port0", 0)}),
+                expected);
+}
+
+// ---- Stop ---------------------------------------------------------------------------------------
+
+struct stop_row {
+    call which;
+    int err;
+    unsigned times;
+};
+
+// The three pipes are written; the mutexes and conditions are those of all events and, of the
+// mutexes, one per kind of event.
+constexpr stop_row k_stops[] = {
+    {call::write, EIO, 3},
+    {call::pthread_mutex_destroy, EBUSY, 2 + QNM_EVT_MAX + 256},
+    {call::pthread_cond_destroy, EBUSY, 2 + 256},
+};
+
+TEST_F(failing_systems, the_stop_survives_each_failed_call) {
+    for (const stop_row& row : k_stops) {
+        for (unsigned n = 1; n <= row.times + 1; n++) {
+            SCOPED_TRACE(testing::Message() << "call " << static_cast<int>(row.which) << ", " << n);
+            const failure how = call_anywhere(row.which, row.err);
+            begin();
+            how.arm(n);
+            end(QNM_API_SUCCESS);
+            ASSERT_EQ(how.came(), n <= row.times);
+            how.disarm();
+        }
+    }
+}
+
+// ---- What fails for good ------------------------------------------------------------------------
+
+struct lasting_row {
+    call which;
+    int err;
+    consequence expected;
+};
+
+const lasting_row k_lasting[] = {
+    {call::stat, EIO, {1, QNM_API_EINVAL, k_error, ""}},
+    {call::ioctl,
+     ENODEV,
+     {1, QNM_API_EPROTO, k_error,
+      "qnm_init_manager: Failed to _qnm_socket_open(). port=1, err=71"}},
+    {call::pthread_create, EAGAIN, {1, QNM_API_EPROTO, k_error, failed_thread("recv port1")}},
+    {call::poll,
+     ENOMEM,
+     {1, QNM_API_EPROTO, k_fatal,
+      "_qnm_fini_manager: LFI will terminate by reason of internal error."}},
+    {call::clock_gettime,
+     EINVAL,
+     {1, QNM_API_EPROTO, k_fatal, "_qnm_event_task_com: Failed to _qnm_event_timedwait(). err=71"}},
+    {call::clock_nanosleep, EINVAL, {1, QNM_API_SUCCESS, k_error, ""}},
+    {call::time, EFAULT, {1, QNM_API_SUCCESS, k_error, ""}},
+    {call::getsockopt, EIO, {1, QNM_API_SUCCESS, k_error, ""}},
+};
+
+failure lasting(call which, int err) {
+    const auto before = std::make_shared<uint64_t>(0);
+    return {[=](unsigned) {
+                *before = fail::count(which);
+                fail::always(which, err);
+            },
+            [=] { return fail::count(which) > *before; }, [=] { fail::clear(which); }};
+}
+
+TEST_F(failing_systems, calls_that_fail_for_good_end_a_life_in_order) {
+    for (const lasting_row& row : k_lasting) {
+        SCOPED_TRACE(testing::Message() << "call " << static_cast<int>(row.which));
+        live_with(lasting(row.which, row.err), 1, {row.expected});
+        begin();
+        end(QNM_API_SUCCESS);
+    }
+}
+
+// Threads that are not woken see the stop within the second that their polls last.
+TEST_F(failing_systems, pipes_that_fail_for_good_do_not_keep_the_manager_up) {
+    for (const call which : {call::write, call::read}) {
+        const failure how = lasting(which, EIO);
+        begin();
+        how.arm(1);
+        end(QNM_API_SUCCESS);
+        how.disarm();
+    }
+}
+
+// ---- Frames -------------------------------------------------------------------------------------
+
+// A card is learnt although the clock or its lock fail.
+TEST_F(failing_systems, frames_survive_each_failed_call) {
+    const auto forget = [] { qnm_delete_qnsv(k_server); };
+    const auto announce = [this] {
+        qnm_qnsv_t card;
+        deliver(server_frame(k_group));
+        return qnm_get_qnsv(k_server, &card);
+    };
+    for (const call which : {call::gettimeofday, call::pthread_mutex_init}) {
+        sweep(call_anywhere(which, EAGAIN), forget, announce, {{1, QNM_API_SUCCESS, k_error, ""}});
+    }
+}
+
+// ---- Public calls -------------------------------------------------------------------------------
+
+struct send_row {
+    const char* name;
+    consequences expected;
+};
+
+consequence failed_sender(unsigned times, const std::string& sender) {
+    return {times, QNM_API_EPROTO, k_error,
+            "_qnm_send_" + sender + ": Failed to _qnm_send(). err=71"};
+}
+
+consequence failed_step(unsigned times, const std::string& name, const std::string& step) {
+    return {times, QNM_API_EPROTO, k_error, name + ": Failed to " + step + "(). err=71"};
+}
+
+// The lock is not given back for lack of a way, which is no matter of the word.
+consequence failed_unlock(unsigned times, const std::string& name) {
+    return {times, QNM_API_SUCCESS, k_error, name + ": Failed to _qnm_unlock_eeprom(). err=71"};
+}
+
+const send_row k_sends[] = {
+    {"qnm_read_register", {failed_sender(1, "regread")}},
+    {"qnm_write_register", {failed_sender(1, "regwrite"), failed_sender(1, "regread")}},
+    {"qnm_modify_register",
+     {failed_sender(1, "regread"), failed_sender(1, "regwrite"), failed_sender(1, "regread")}},
+    {"qnm_dump_register", {failed_sender(3, "regread")}},
+    {"qnm_read_eeprom",
+     {failed_step(1, "qnm_read_eeprom", "_qnm_get_locktype"),
+      failed_step(4, "qnm_read_eeprom", "_qnm_lock_eeprom"),
+      failed_step(8, "qnm_read_eeprom", "_qnm_read_eeprom"), failed_unlock(3, "qnm_read_eeprom")}},
+    {"qnm_write_eeprom",
+     {failed_step(1, "qnm_write_eeprom", "_qnm_get_locktype"),
+      failed_step(4, "qnm_write_eeprom", "_qnm_lock_eeprom"),
+      failed_step(17, "qnm_write_eeprom", "_qnm_write_eeprom"),
+      failed_unlock(3, "qnm_write_eeprom")}},
+    {"qnm_dump_eeprom",
+     {failed_step(1, "_qnm_dump_eeprom", "_qnm_get_locktype"),
+      failed_step(15, "qnm_dump_eeprom", "_qnm_dump_eeprom")}},
+    {"qnm_unlock_eeprom",
+     {failed_step(1, "qnm_unlock_eeprom", "_qnm_get_locktype"),
+      failed_step(3, "qnm_unlock_eeprom", "_qnm_unlock_eeprom_impl")}},
+    {"qnm_set_vlanid", {failed_sender(1, "vlanset")}},
+    {"qnm_send_resetframe", {failed_sender(1, "reset")}},
+    {"qnm_write_mmspage", {failed_sender(1, "mms")}},
+};
+
+TEST_F(failing_systems, every_public_call_survives_each_failed_send) {
+    for (const public_call& row : k_public_calls) {
+        const auto found =
+            std::find_if(std::begin(k_sends), std::end(k_sends),
+                         [&](const auto& it) { return std::string(it.name) == row.name; });
+        sweep_call(*this, row, failed_send(),
+                   found != std::end(k_sends) ? found->expected : consequences());
+    }
+}
+
+struct call_row {
+    const char* name;
+    call which;
+    int err;
+    consequences expected;
+};
+
+// A wait whose end cannot be told is no wait.
+consequences failed_waits(unsigned times, const std::string& name) {
+    return {{times, QNM_API_EPROTO, k_info, name + ": (OUT) ret=6, id=0x020000001000"}};
+}
+
+const consequence k_no_date = {1, QNM_API_SUCCESS, k_info, "***  qnm status dump (v1)",
+                               "statslogfile"};
+
+// A sleep that cannot be timed is left out.
+const consequence k_no_sleep = {1, QNM_API_SUCCESS, k_error, ""};
+
+const call_row k_calls[] = {
+    {"qnm_read_register", call::clock_gettime, EINVAL, failed_waits(1, "qnm_read_register")},
+    {"qnm_write_register", call::clock_gettime, EINVAL, failed_waits(1, "qnm_write_register")},
+    {"qnm_modify_register", call::clock_gettime, EINVAL, failed_waits(2, "qnm_modify_register")},
+    {"qnm_dump_register", call::clock_gettime, EINVAL, failed_waits(3, "qnm_dump_register")},
+    {"qnm_read_eeprom",
+     call::clock_gettime,
+     EINVAL,
+     {failed_step(1, "qnm_read_eeprom", "_qnm_get_locktype"),
+      failed_step(2, "qnm_read_eeprom", "_qnm_lock_eeprom"), k_no_sleep,
+      failed_step(1, "qnm_read_eeprom", "_qnm_lock_eeprom"),
+      failed_step(2, "qnm_read_eeprom", "_qnm_read_eeprom"), k_no_sleep,
+      failed_step(3, "qnm_read_eeprom", "_qnm_read_eeprom"), failed_unlock(2, "qnm_read_eeprom")}},
+    {"qnm_read_eeprom", call::clock_nanosleep, EINVAL, {k_no_sleep, k_no_sleep}},
+    {"qnm_stdump", call::time, EFAULT, {{1, QNM_API_SUCCESS, k_error, ""}}},
+    {"qnm_stdump", call::localtime_r, EOVERFLOW, {k_no_date}},
+    {"qnm_stdump", call::strftime, ERANGE, {k_no_date}},
+};
+
+failure call_here(call which, int err) {
+    return call_where(which, err, [self = std::this_thread::get_id()] {
+        return std::this_thread::get_id() == self;
+    });
+}
+
+TEST_F(failing_systems, public_calls_survive_each_failed_call) {
+    for (const call_row& row : k_calls) {
+        SCOPED_TRACE(testing::Message() << "call " << static_cast<int>(row.which));
+        sweep_call(*this, public_call_of(row.name), call_here(row.which, row.err), row.expected);
+    }
+}
+
+TEST_F(failing_systems, a_read_whose_wait_fails_is_an_internal_error) {
+    const public_call read_lossy = {"qnm_read_register", [](public_calls& at) {
+                                        uint32_t data = 0;
+                                        return qnm_read_register(at.k_server, at.k_lossy, &data,
+                                                                 &at.k_retry, 0);
+                                    }};
+    sweep_call(*this, read_lossy, call_here(call::pthread_cond_timedwait, EINVAL),
+               failed_waits(1, "qnm_read_register"));
+}
+
+}  // namespace
