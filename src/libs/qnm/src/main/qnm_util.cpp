@@ -65,7 +65,7 @@ void _qnm_id2mac(uint64_t id, uint8_t mac[6]) {
 }
 
 uint64_t _qnm_get_usec_timenow_lin(void) {
-    struct timeval now;
+    struct timeval now = {};  // what it stays when the clock cannot be read
     gettimeofday(&now, nullptr);
     return static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_usec);
 }

@@ -180,6 +180,15 @@ TEST_P(NowString, leaves_a_buffer_of_no_bytes_alone_when_the_time_cannot_be_conv
     EXPECT_STREQ(text, "before");
 }
 
+TEST(wall_clock, is_zero_when_it_cannot_be_read) {
+    const fail::guard fail;
+    for (auto* const now : {_qnm_get_usec_timenow, _qnm_get_usec_timenow_lin, _qnm_get_msec_timenow,
+                            _qnm_get_msec_timenow_lin}) {
+        fail::nth(fail::call::gettimeofday, 1, EFAULT);
+        EXPECT_EQ(now(), 0u);
+    }
+}
+
 // ---- Deadlines and sleep ------------------------------------------------------------------------
 
 std::chrono::nanoseconds since_boot(const struct timespec& time) {
