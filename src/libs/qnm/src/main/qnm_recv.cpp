@@ -619,10 +619,14 @@ void* _qnm_recv_task(void* arg) {
 }
 
 void _qnm_recv_lin(int port) {
-    struct pollfd fds[2] = {
-        {pcap_get_selectable_fd(qnm_root.er_port_info[port].epi_pcap), POLLIN, 0},
-        {qnm_terminate_fd_recv[port][0], POLLIN, 0},
-    };
+    const int capture = pcap_get_selectable_fd(qnm_root.er_port_info[port].epi_pcap);
+    if (capture == -1) {
+        // A poll would pass over it: the port would seem open and receive nothing.
+        qnm_log_fatal("%s: Failed to pcap_get_selectable_fd(). port_num=%d", __func__, port);
+        _qnm_fini_manager();
+        return;
+    }
+    struct pollfd fds[2] = {{capture, POLLIN, 0}, {qnm_terminate_fd_recv[port][0], POLLIN, 0}};
     while (qnm::is_running() && receive_once(port, fds)) {
     }
 }

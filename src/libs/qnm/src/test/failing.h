@@ -65,14 +65,16 @@ inline failure call_where(fail::call which, int err, std::function<bool()> is_me
             [=] { return *left == 0; }, [=] { fail::clear(which); }};
 }
 
-// One after the other of a list of failures, each ordered by a call of its own.
-inline failure each_of(std::vector<std::function<void()>> orders) {
+// One after the other of a list of failures, each ordered by a call of its own; those that last are
+// taken back by another.
+inline failure each_of(
+    std::vector<std::function<void()>> orders, std::function<void()> take_back = [] {}) {
     const auto ordered = std::make_shared<bool>(false);
     return {[=](unsigned n) {
                 *ordered = n <= orders.size();
                 if (*ordered) orders[n - 1]();
             },
-            [=] { return *ordered; }};
+            [=] { return *ordered; }, std::move(take_back)};
 }
 
 struct failing : whole_manager {

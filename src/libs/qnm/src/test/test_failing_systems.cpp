@@ -178,13 +178,29 @@ TEST_F(failing_systems, the_start_survives_each_failed_call_of_libpcap) {
         each_of({[] { set_next_open_failure("port0", "gone"); },
                  [] { set_next_open_failure("port1", "gone"); }}),
         {{2, QNM_API_SUCCESS, k_error, "_qnm_socket_open_lin: Failed to pcap_open_live(). gone"}});
-    sweep_lives(each_of({[] { set_fileno("port0", -1); },
-                         [] {
-                             set_fileno("port0", std::nullopt);
-                             set_fileno("port1", -1);
-                         }}),
+    sweep_lives(each_of({[] { set_fileno("port0", -1); }, [] { set_fileno("port1", -1); }},
+                        [] {
+                            set_fileno("port0", std::nullopt);
+                            set_fileno("port1", std::nullopt);
+                        }),
                 {{2, QNM_API_SUCCESS, k_error, "_qnm_socket_open_lin: Failed to pcap_fileno()."}});
-    set_fileno("port1", std::nullopt);
+}
+
+// It would otherwise seem open and receive nothing.
+TEST_F(failing_systems, a_capture_that_cannot_be_polled_ends_the_manager) {
+    using fake_pcap::set_selectable_fd;
+    const auto failed = [](const char* port) {
+        return consequence{
+            1, QNM_API_EPROTO, k_fatal,
+            "_qnm_recv_lin: Failed to pcap_get_selectable_fd(). port_num=" + std::string(port)};
+    };
+    sweep_lives(
+        each_of({[] { set_selectable_fd("port0", -1); }, [] { set_selectable_fd("port1", -1); }},
+                [] {
+                    set_selectable_fd("port0", std::nullopt);
+                    set_selectable_fd("port1", std::nullopt);
+                }),
+        {failed("0"), failed("1")});
 }
 
 // A capture that cannot be had without delay is used with it.
