@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <fstream>
 
+#include "frame_kinds.h"
 #include "public_calls.h"
 
 namespace {
@@ -72,52 +73,6 @@ TEST_F(failing_memory, no_exported_function_is_left_out) {
 }
 
 // ---- Frames -------------------------------------------------------------------------------------
-
-// An announcement of one kind: what of it tells the kinds apart, and what the log calls them.
-struct frame_kind {
-    frames::announcement announcement;
-    std::string kind;
-
-    bool is_server() const { return announcement.host == 0; }
-};
-
-constexpr uint64_t k_new = 0x020000003000;
-constexpr char k_new_text[] = "id=0x020000003000";
-
-// Every subtype, card, card version and arrangement of the header.
-std::vector<frame_kind> all_kinds() {
-    std::vector<frame_kind> kinds;
-    for (const uint8_t subtype : {0x10, 0x11, 0x18, 0x19}) {
-        for (const uint8_t ver : {0, 1}) {
-            if (subtype < 0x18 && ver != 0) continue;
-            for (const bool vlan_change_mode : {false, true}) {
-                frames::announcement it = {
-                    .subtype = subtype, .mac = k_new, .ver = ver, .sw_status = {0, 0, 1}};
-                it.vlan_change_mode = vlan_change_mode;
-                kinds.push_back({it, "qnsv"});
-                it.host = 1;
-                kinds.push_back({it, "qnio"});
-                it.sw_status[1] = 1;
-                kinds.push_back({it, "qnio"});
-            }
-        }
-    }
-    return kinds;
-}
-
-std::string text_of(const frame_kind& it) {
-    const frames::announcement& frame = it.announcement;
-    return it.kind + " subtype " + std::to_string(frame.subtype) + " ver " +
-           std::to_string(frame.ver) + " version " + std::to_string(frame.sw_status[1]) + " mode " +
-           std::to_string(frame.vlan_change_mode);
-}
-
-// Whether the new card is known.
-qnm_api_code_t look_up(const frame_kind& it) {
-    qnm_qnsv_t server;
-    qnm_qnio_t io;
-    return it.is_server() ? qnm_get_qnsv(k_new, &server) : qnm_get_qnio(k_new, &io);
-}
 
 consequence lost_event(const std::string& func, const std::string& event,
                        const std::string& id = k_new_text) {

@@ -9,6 +9,7 @@
 #include <filesystem>
 
 #include "fake_pcap_create.h"
+#include "frame_kinds.h"
 #include "public_calls.h"
 
 namespace {
@@ -505,16 +506,18 @@ TEST_F(failing_systems, pipes_that_fail_for_good_do_not_keep_the_manager_up) {
 
 // ---- Frames -------------------------------------------------------------------------------------
 
-// A card is learnt although the clock or its lock fail.
-TEST_F(failing_systems, frames_survive_each_failed_call) {
-    const auto forget = [] { qnm_delete_qnsv(k_server); };
-    const auto announce = [this] {
-        qnm_qnsv_t card;
-        deliver(server_frame(k_group));
-        return qnm_get_qnsv(k_server, &card);
-    };
-    for (const call which : {call::gettimeofday, call::pthread_mutex_init}) {
-        sweep(call_anywhere(which, EAGAIN), forget, announce, {{1, QNM_API_SUCCESS, k_error, ""}});
+// A card is learnt although the clock or the making of its lock fails.
+TEST_F(failing_systems, a_new_card_of_each_kind_survives_each_failed_call) {
+    for (const frame_kind& it : all_kinds()) {
+        SCOPED_TRACE(text_of(it));
+        const auto announce = [&] {
+            deliver(frames::build(it.announcement));
+            return look_up(it);
+        };
+        for (const call which : {call::gettimeofday, call::pthread_mutex_init}) {
+            sweep(call_anywhere(which, EAGAIN), [] {}, announce,
+                  {{1, QNM_API_SUCCESS, k_error, ""}});
+        }
     }
 }
 
@@ -633,6 +636,19 @@ TEST_F(failing_systems, a_read_whose_wait_fails_is_an_internal_error) {
                                     }};
     sweep_call(*this, read_lossy, call_here(call::pthread_cond_timedwait, EINVAL),
                failed_waits(1, "qnm_read_register"));
+}
+
+// Without a clock the call would wait for ever, but the manager does not go on without one.
+TEST_F(failing_systems, a_wait_under_a_clock_that_fails_for_good_ends_with_the_manager) {
+    begin();
+    prepare();
+    const failure how = lasting(call::clock_gettime, EINVAL);
+    how.arm(1);
+    EXPECT_EQ(qnm_set_vlanid(k_server, k_new_group + 1, nullptr, QNM_FLAG_VERIFY), QNM_API_ENOSYS);
+    end(QNM_API_EPROTO);
+    how.disarm();
+    begin();
+    end(QNM_API_SUCCESS);
 }
 
 }  // namespace
