@@ -24,11 +24,16 @@ struct qnm_bl_node_t {
 };
 
 struct qnm_bl_info_t {
-    qnm_rbtree_t ebi_rbtree;
-    qnm_mutex_t ebi_mutex;  // guards the map
+    qnm_rbtree_t ebi_rbtree QNM_GUARDED_BY(qnm::blacklist_lock);
+    qnm_mutex_t ebi_mutex;  // the blacklist lock
 };
 
-qnm_bl_info_t qnm_bl = {{}, QNM_MUTEX_STATIC_INIT};
+qnm_bl_info_t qnm_bl = {{}, QNM_MUTEX_OF_LEVEL(QNM_LOCK_BLACKLIST)};
+
+// All that know the lock come to the map by here.
+qnm_rbtree_t* listed_ids() QNM_REQUIRES(qnm::blacklist_lock) {
+    return &qnm_bl.ebi_rbtree;
+}
 
 qnm_bl_node_t* node_of(qnm_rbnode_t* links) {
     return reinterpret_cast<qnm_bl_node_t*>(links);
@@ -40,19 +45,20 @@ qnm_cptr_t key_of(const qnm_rbnode_t* links) {
 
 void free_node(qnm_rbnode_t* links, qnm_ptr_t) {
     delete node_of(links);
-    qnm::count(qnm_stats.est_bl_node_fr);
+    qnm::count(&qnm_stats.est_bl_node_fr);
 }
 
 // Sets the ignore state of the ID's card in both tables; an ID that a table lacks is passed over.
-void set_ignore_state(uint64_t id, uint32_t ignore_state, uint32_t valid_param) {
+void set_ignore_state(uint64_t id, uint32_t ignore_state, uint32_t valid_param)
+    QNM_REQUIRES(qnm_qn.eei_mutex) {
     _qnm_set_qnsv(id, nullptr, ignore_state, 0, valid_param);
     _qnm_set_qnio(id, nullptr, ignore_state, 0, valid_param);
 }
 
 // Lists the ID. EEXIST is no failure.
-int put_node(const char* func, qnm_bl_node_t* node) {
+int put_node(const char* func, qnm_bl_node_t* node) QNM_REQUIRES(qnm::blacklist_lock) {
     const uint64_t id = node->ebn_id;
-    const int err = _qnm_rbtree_put(&qnm_bl.ebi_rbtree, &node->ebn_rbnode);
+    const int err = _qnm_rbtree_put(listed_ids(), &node->ebn_rbnode);
     if (err == 0) return 0;
     if (err == EEXIST) {
         qnm_log_trace("%s: The ID already exist in black list. id=0x%.12lx", func, id);
@@ -67,11 +73,11 @@ int stop_monitor(const char* func, uint64_t id) {
     // Before any lock is taken, so that nothing is allocated under one.
     auto* const node = new (std::nothrow) qnm_bl_node_t{{}, id};
     if (node == nullptr) {
-        qnm::count(qnm_stats.est_alloc_err);
+        qnm::count(&qnm_stats.est_alloc_err);
         qnm_log_error("%s: can't alloc memory for qnm_bl_node_t.", func);
         return ENOMEM;
     }
-    qnm::count(qnm_stats.est_bl_node_al);
+    qnm::count(&qnm_stats.est_bl_node_al);
     const qnm::table_guard table_lock;
     const qnm::blacklist_guard blacklist_lock;
     const int err = put_node(func, node);
@@ -82,7 +88,7 @@ int stop_monitor(const char* func, uint64_t id) {
 int restart_monitor(const char* func, uint64_t id) {
     const qnm::table_guard table_lock;
     const qnm::blacklist_guard blacklist_lock;
-    qnm_rbnode_t* const links = _qnm_rbtree_remove(&qnm_bl.ebi_rbtree, qnm::id_key(id));
+    qnm_rbnode_t* const links = _qnm_rbtree_remove(listed_ids(), qnm::id_key(id));
     if (links != nullptr) {
         free_node(links, nullptr);
     } else {
@@ -121,26 +127,26 @@ int _qnm_blacklist_fini(void) {
     qnm_log_info("%s: start.", __func__);
     {
         const qnm::blacklist_guard lock;
-        _qnm_rbtree_clear(&qnm_bl.ebi_rbtree, free_node, nullptr);
+        _qnm_rbtree_clear(listed_ids(), free_node, nullptr);
     }
     qnm_log_info("%s: end.", __func__);
     return 0;
 }
 
-int _qnm_lock_blacklist(void) {
+int _qnm_lock_blacklist(void) QNM_UNCHECKED {
     _qnm_mutex_lock(&qnm_bl.ebi_mutex);
     qnm_log_trace("%s: blacklist lock", __func__);
     return 0;
 }
 
-int _qnm_unlock_blacklist(void) {
+int _qnm_unlock_blacklist(void) QNM_UNCHECKED {
     _qnm_mutex_unlock(&qnm_bl.ebi_mutex);
     qnm_log_trace("%s: blacklist unlock", __func__);
     return 0;
 }
 
 int _qnm_get_monitor_state(uint64_t id, uint32_t* state) {
-    *state = _qnm_rbtree_get(&qnm_bl.ebi_rbtree, qnm::id_key(id)) != nullptr ? 1 : 0;
+    *state = _qnm_rbtree_get(listed_ids(), qnm::id_key(id)) != nullptr ? 1 : 0;
     return 0;
 }
 
@@ -148,9 +154,9 @@ void _qnm_bl_stats_print(void) {
     qnm_statslog("  - Black list ids");
     {
         const qnm::blacklist_guard lock;
-        qnm_rbnode_t* links = _qnm_rbtree_next(&qnm_bl.ebi_rbtree, nullptr);
+        qnm_rbnode_t* links = _qnm_rbtree_next(listed_ids(), nullptr);
         if (links == nullptr) qnm_statslog("    no entry.");
-        for (; links != nullptr; links = _qnm_rbtree_next(&qnm_bl.ebi_rbtree, links)) {
+        for (; links != nullptr; links = _qnm_rbtree_next(listed_ids(), links)) {
             qnm_statslog("    0x%.12lx", node_of(links)->ebn_id);
         }
     }

@@ -36,20 +36,22 @@ constexpr uint32_t k_idle = 0;
 constexpr uint32_t k_waiting = 1;
 constexpr uint32_t k_received = 2;
 
+qnm_mutex_t cmp_mutex = QNM_MUTEX_OF_LEVEL(QNM_LOCK_TAGS);
+
 struct completion_tag {
-    uint32_t cmp_tag_state;   // 1 = allocated
-    uint32_t cmp_comp_state;  // k_idle, k_waiting or k_received
-    uint64_t cmp_mac;         // whom the read was sent to
-    int32_t cmp_port;         // and by which port
-    uint32_t cmp_data;        // the value that the Completion brought
-    uint64_t cmp_rest_end;    // in milliseconds of the monotonic clock; 0 = it need not rest
+    uint32_t cmp_tag_state QNM_GUARDED_BY(cmp_mutex);  // 1 = allocated
+    uint32_t cmp_comp_state;                           // k_idle, k_waiting or k_received
+    uint64_t cmp_mac QNM_GUARDED_BY(cmp_mutex);        // whom the read was sent to
+    int32_t cmp_port QNM_GUARDED_BY(cmp_mutex);        // and by which port
+    uint32_t cmp_data QNM_GUARDED_BY(cmp_mutex);       // the value that the Completion brought
+    // In milliseconds of the monotonic clock; 0 = it need not rest.
+    uint64_t cmp_rest_end QNM_GUARDED_BY(cmp_mutex);
     qnm_event_t cmp_signal;
 };
 
 completion_tag cmp_tags[256];
-uint32_t cmp_pre_tag;  // handed out last
-qnm_mutex_t cmp_mutex = QNM_MUTEX_STATIC_INIT;
-uint32_t cmp_woken;  // 1 = no wait lasts any more
+uint32_t cmp_pre_tag QNM_GUARDED_BY(cmp_mutex);  // handed out last
+uint32_t cmp_woken;                              // 1 = no wait lasts any more
 
 bool is_valid(int tag) {
     return tag >= 0 && static_cast<uint32_t>(tag) >= qnm_config.tag_min &&
@@ -77,7 +79,8 @@ int init_events(const char* func) {
     return 0;
 }
 
-int init_tags(const char* func) {
+// Nobody else is there yet, and the lock not to be taken before it has been initialised.
+int init_tags(const char* func) QNM_UNCHECKED {
     for (completion_tag& tag : cmp_tags)
         tag = {};
     cmp_pre_tag = qnm_config.tag_min;
@@ -91,20 +94,20 @@ int init_tags(const char* func) {
     return err;
 }
 
-bool is_resting(const completion_tag& tag) {
+bool is_resting(const completion_tag& tag) QNM_REQUIRES(cmp_mutex) {
     return tag.cmp_rest_end != 0 && _qnm_get_msec_monotonic() < tag.cmp_rest_end;
 }
 
-bool is_free(const completion_tag& tag) {
+bool is_free(const completion_tag& tag) QNM_REQUIRES(cmp_mutex) {
     return tag.cmp_tag_state == 0 && !is_resting(tag);
 }
 
-bool is_free_or_resting(const completion_tag& tag) {
+bool is_free_or_resting(const completion_tag& tag) QNM_REQUIRES(cmp_mutex) {
     return tag.cmp_tag_state == 0;
 }
 
 // The next tag in rotation that will do; cmp_pre_tag itself comes last. -1 when there is none.
-int next_tag(bool (*will_do)(const completion_tag&)) {
+int next_tag(bool (*will_do)(const completion_tag&)) QNM_REQUIRES(cmp_mutex) {
     uint32_t tag = cmp_pre_tag;
     do {
         tag = tag < qnm_config.tag_max ? tag + 1 : qnm_config.tag_min;
@@ -113,21 +116,21 @@ int next_tag(bool (*will_do)(const completion_tag&)) {
     return -1;
 }
 
-int find_tag() {
+int find_tag() QNM_REQUIRES(cmp_mutex) {
     if (!is_valid(static_cast<int>(cmp_pre_tag))) cmp_pre_tag = qnm_config.tag_min;
     const int tag = next_tag(is_free);
     return tag != -1 ? tag : next_tag(is_free_or_resting);
 }
 
 // Whether one more tag may rest.
-bool has_room_to_rest() {
+bool has_room_to_rest() QNM_REQUIRES(cmp_mutex) {
     const auto first = std::begin(cmp_tags) + qnm_config.tag_min;
     const auto last = std::begin(cmp_tags) + qnm_config.tag_max + 1;
     return std::count_if(first, last, is_resting) < (last - first) / 2;
 }
 
 // Ends the use of a tag.
-void give_back(completion_tag& tag, uint64_t rest_end) {
+void give_back(completion_tag& tag, uint64_t rest_end) QNM_REQUIRES(cmp_mutex) {
     tag.cmp_tag_state = 0;
     tag.cmp_rest_end = rest_end;
     qnm::store(tag.cmp_comp_state, k_idle);

@@ -66,18 +66,17 @@ struct qnm_evt_node_t {
 };
 
 struct qnm_cbevt_t {
-    qnm_list cl_head;
-    qnm_mutex_t cl_mutex;
+    qnm_list cl_head QNM_GUARDED_BY(cl_mutex);
+    qnm_mutex_t cl_mutex = QNM_MUTEX_OF_LEVEL(QNM_LOCK_CALLBACKS);
 };
 
 struct qnm_evt_queue_t {
-    qnm_list evt_head;
-    qnm_mutex_t evt_mutex;
+    qnm_list evt_head QNM_GUARDED_BY(evt_mutex) = {&evt_head, &evt_head};
+    qnm_mutex_t evt_mutex = QNM_MUTEX_OF_LEVEL(QNM_LOCK_EVENT_QUEUE);
 };
 
 qnm_cbevt_t cb_evt_tbl[QNM_EVT_MAX];
-qnm_evt_queue_t qnm_event_queue = {{&qnm_event_queue.evt_head, &qnm_event_queue.evt_head},
-                                   QNM_MUTEX_STATIC_INIT};
+qnm_evt_queue_t qnm_event_queue;
 qnm_event_t event_sig;
 
 constexpr const char* k_event_names[] = {
@@ -92,11 +91,11 @@ qnm_cbinfo_t* cbinfo_of(qnm_list* links) {
 
 // A counted record on the heap; null, with a log line, when there is no memory for it.
 template <typename Record>
-Record* make_counted(const char* func, const char* type_name, uint32_t& allocated,
+Record* make_counted(const char* func, const char* type_name, uint32_t* allocated,
                      const Record& value) {
     auto* const record = new (std::nothrow) Record(value);
     if (record == nullptr) {
-        qnm::count(qnm_stats.est_alloc_err);
+        qnm::count(&qnm_stats.est_alloc_err);
         qnm_log_error("%s: can't alloc memory for %s", func, type_name);
         return nullptr;
     }
@@ -105,23 +104,23 @@ Record* make_counted(const char* func, const char* type_name, uint32_t& allocate
 }
 
 qnm_cbinfo_t* _cbinfo_create(qnm_evt_type_t type, qnm_cbfunc_t func, const void* arg) {
-    return make_counted(__func__, "qnm_cbinfo_t", qnm_stats.est_cbinfo_al,
+    return make_counted(__func__, "qnm_cbinfo_t", &qnm_stats.est_cbinfo_al,
                         qnm_cbinfo_t{{}, func, const_cast<void*>(arg), type});
 }
 
 void cbinfo_free(qnm_cbinfo_t* info) {
     delete info;
-    qnm::count(qnm_stats.est_cbinfo_fr);
+    qnm::count(&qnm_stats.est_cbinfo_fr);
 }
 
 qnm_evt_node_t* _evt_node_create(qnm_evt_type_t event_type, uint64_t id) {
-    return make_counted(__func__, "qnm_evt_node_t", qnm_stats.est_evt_node_al,
+    return make_counted(__func__, "qnm_evt_node_t", &qnm_stats.est_evt_node_al,
                         qnm_evt_node_t{{}, event_type, id});
 }
 
 void evt_node_free(qnm_evt_node_t* node) {
     delete node;
-    qnm::count(qnm_stats.est_evt_node_fr);
+    qnm::count(&qnm_stats.est_evt_node_fr);
 }
 
 // The oldest event, taken off the queue; null when there is none.
@@ -137,9 +136,9 @@ void _qnm_do_callback(const qnm_cbinfo_t& info, const qnm_evt_node_t& node) {
     qnm_log_debug("%s: start. id=0x%.12lx, event_type=%d, cb_func=%p", __func__, node.een_id,
                   node.een_event, reinterpret_cast<void*>(info.cb_func));
     if (info.cb_func != nullptr) {
-        qnm::count(qnm_stats.est_cb_call);
+        qnm::count(&qnm_stats.est_cb_call);
         info.cb_func(node.een_id, node.een_event, info.cb_arg);
-        qnm::count(qnm_stats.est_cb_return);
+        qnm::count(&qnm_stats.est_cb_return);
     }
     qnm_log_debug("%s: end.", __func__);
 }
@@ -175,8 +174,8 @@ void clear_callbacks(qnm_cbevt_t& table) {
     }
 }
 
-// The callback tables; on failure those made so far are undone.
-int init_tables(const char* func) {
+// The callback tables; on failure those made so far are undone. Nobody else knows them yet.
+int init_tables(const char* func) QNM_UNCHECKED {
     for (int i = 0; i < QNM_EVT_MAX; i++) {
         list_make_empty(cb_evt_tbl[i].cl_head);
         const int err = _qnm_mutex_init(&cb_evt_tbl[i].cl_mutex);
@@ -275,7 +274,7 @@ int _qnm_add_event(qnm_evt_type_t event_type, uint64_t id) {
         const qnm::mutex_guard lock(qnm_event_queue.evt_mutex);
         list_push_tail(qnm_event_queue.evt_head, node->een_list);
     }
-    qnm::count(qnm_stats.est_evt[event_type]);
+    qnm::count(&qnm_stats.est_evt[event_type]);
     _qnm_event_set(&event_sig);
     return 0;
 }

@@ -44,7 +44,7 @@ void _qnm_link_state_update(int port) {
                     info.epi_mac, info.epi_if_index, state_word(old_state), state_word(state));
     qnm::store(info.epi_link_state, state);
     if (state == 1) return;
-    qnm::count(port == 0 ? qnm_stats.est_port0_down_total : qnm_stats.est_port1_down_total);
+    qnm::count(port == 0 ? &qnm_stats.est_port0_down_total : &qnm_stats.est_port1_down_total);
     const qnm::table_guard lock;
     _qnm_all_disconnect(port);
 }

@@ -47,41 +47,53 @@ qnm_cptr_t key_of(const qnm_rbnode_t* links) {
     return qnm::id_key((node->*Kind::card.*Kind::com_dev).ecd_id);
 }
 
+// Map, number of cards and number per group; all uses of them come by these. A pointer to a member
+// tells the analysis nothing, so that they name the lock.
 template <typename Kind>
-typename Kind::node* find_node(uint64_t id) {
-    return node_of<Kind>(_qnm_rbtree_get(&(qnm_qn.*Kind::tree), qnm::id_key(id)));
+qnm_rbtree_t* map_of() QNM_REQUIRES(qnm_qn.eei_mutex) {
+    return &(qnm_qn.*Kind::tree);
+}
+
+template <typename Kind>
+uint32_t& total_of() QNM_REQUIRES(qnm_qn.eei_mutex) {
+    return qnm_qn.*Kind::total;
+}
+
+template <typename Kind>
+uint32_t& group_count(uint32_t vlan_id) QNM_REQUIRES(qnm_qn.eei_mutex) {
+    return (qnm_qn.*Kind::groups)[std::min<uint32_t>(vlan_id, QNM_GROUP_MAX)];
+}
+
+template <typename Kind>
+typename Kind::node* find_node(uint64_t id) QNM_REQUIRES(qnm_qn.eei_mutex) {
+    return node_of<Kind>(_qnm_rbtree_get(map_of<Kind>(), qnm::id_key(id)));
 }
 
 // The next card in ascending ID order; the first after null, null after the last.
 template <typename Kind>
-typename Kind::node* next_node(typename Kind::node* node) {
+typename Kind::node* next_node(typename Kind::node* node) QNM_REQUIRES(qnm_qn.eei_mutex) {
     qnm_rbnode_t* const links = node != nullptr ? &(node->*Kind::links) : nullptr;
-    return node_of<Kind>(_qnm_rbtree_next(&(qnm_qn.*Kind::tree), links));
+    return node_of<Kind>(_qnm_rbtree_next(map_of<Kind>(), links));
 }
 
 template <typename Kind, typename Work>
-void for_each_node(Work work) {
+void for_each_node(Work work) QNM_REQUIRES(qnm_qn.eei_mutex) {
     for (auto* node = next_node<Kind>(nullptr); node != nullptr; node = next_node<Kind>(node)) {
         work(*node);
     }
 }
 
 template <typename Kind>
-uint32_t& group_count(uint32_t vlan_id) {
-    return (qnm_qn.*Kind::groups)[std::min<uint32_t>(vlan_id, QNM_GROUP_MAX)];
-}
-
-template <typename Kind>
 void free_node(qnm_rbnode_t* links, qnm_ptr_t) {
     delete node_of<Kind>(links);
-    qnm::count(qnm_stats.*Kind::freed);
+    qnm::count(&(qnm_stats.*Kind::freed));
 }
 
 // ---- Get and set --------------------------------------------------------------------------------
 
 template <typename Kind>
 int get_card(uint64_t id, typename Kind::record* record, uint32_t* ignore_state,
-             uint32_t* check_count, uint32_t valid_param) {
+             uint32_t* check_count, uint32_t valid_param) QNM_REQUIRES(qnm_qn.eei_mutex) {
     if (((valid_param & QNM_VALID_RECORD) != 0 && record == nullptr) ||
         ((valid_param & QNM_VALID_IGNORE_STATE) != 0 && ignore_state == nullptr) ||
         ((valid_param & QNM_VALID_CHECK_COUNT) != 0 && check_count == nullptr)) {
@@ -97,30 +109,31 @@ int get_card(uint64_t id, typename Kind::record* record, uint32_t* ignore_state,
 
 template <typename Kind>
 int add_card(uint64_t id, const typename Kind::record& record, uint32_t ignore_state,
-             uint32_t check_count) {
+             uint32_t check_count) QNM_REQUIRES(qnm_qn.eei_mutex) {
     auto* const node = new (std::nothrow) typename Kind::node{};
     if (node == nullptr) {
-        qnm::count(qnm_stats.est_alloc_err);
+        qnm::count(&qnm_stats.est_alloc_err);
         return ENOMEM;
     }
-    qnm::count(qnm_stats.*Kind::allocated);
+    qnm::count(&(qnm_stats.*Kind::allocated));
     node->*Kind::card = record;
     node->*Kind::ignore_state = ignore_state;
     node->*Kind::check_count = check_count;
-    const int err = _qnm_rbtree_put(&(qnm_qn.*Kind::tree), &(node->*Kind::links));
+    const int err = _qnm_rbtree_put(map_of<Kind>(), &(node->*Kind::links));
     if (err != 0) {
         qnm_log_warn("%s: Failed to _qnm_rbtree_put(). err=%d, id=0x%.12lx", Kind::add_name, err,
                      id);
         free_node<Kind>(&(node->*Kind::links), nullptr);
         return EPROTO;
     }
-    (qnm_qn.*Kind::total)++;
+    total_of<Kind>()++;
     group_count<Kind>((record.*Kind::com_dev).ecd_vlan_id)++;
     return 0;
 }
 
 template <typename Kind>
-void update_card(typename Kind::node& node, const typename Kind::record& record) {
+void update_card(typename Kind::node& node, const typename Kind::record& record)
+    QNM_REQUIRES(qnm_qn.eei_mutex) {
     const uint32_t old_group = com_dev_of<Kind>(node).ecd_vlan_id;
     const uint32_t new_group = (record.*Kind::com_dev).ecd_vlan_id;
     node.*Kind::card = record;
@@ -131,7 +144,7 @@ void update_card(typename Kind::node& node, const typename Kind::record& record)
 
 template <typename Kind>
 int set_card(uint64_t id, const typename Kind::record* record, uint32_t ignore_state,
-             uint32_t check_count, uint32_t valid_param) {
+             uint32_t check_count, uint32_t valid_param) QNM_REQUIRES(qnm_qn.eei_mutex) {
     auto* const node = find_node<Kind>(id);
     if (node == nullptr) {
         const int err = valid_param == QNM_VALID_ALL && record != nullptr
@@ -155,11 +168,11 @@ int set_card(uint64_t id, const typename Kind::record* record, uint32_t ignore_s
 template <typename Kind>
 int delete_card(uint64_t id) {
     const table_guard lock;
-    qnm_rbnode_t* const links = _qnm_rbtree_remove(&(qnm_qn.*Kind::tree), qnm::id_key(id));
+    qnm_rbnode_t* const links = _qnm_rbtree_remove(map_of<Kind>(), qnm::id_key(id));
     if (links == nullptr) return ENOENT;
     const uint32_t group = com_dev_of<Kind>(*node_of<Kind>(links)).ecd_vlan_id;
     free_node<Kind>(links, nullptr);
-    (qnm_qn.*Kind::total)--;
+    total_of<Kind>()--;
     group_count<Kind>(group)--;
     return 0;
 }
@@ -168,7 +181,7 @@ int delete_card(uint64_t id) {
 // is the result of the whole lookup.
 template <typename Kind>
 bool look_up(const char* func, uint64_t id, typename Kind::record* record, uint32_t* ignore_state,
-             int* err) {
+             int* err) QNM_REQUIRES(qnm_qn.eei_mutex) {
     *err = Kind::get(id, record, ignore_state, nullptr, QNM_VALID_RECORD | QNM_VALID_IGNORE_STATE);
     if (*err == ENOENT) return false;
     if (*err != 0) {
@@ -198,10 +211,10 @@ int list_ids(const char* func, uint64_t** id_list, uint32_t* num, Count count, M
     }
     auto* const ids = new (std::nothrow) uint64_t[wanted];
     if (ids == nullptr) {
-        qnm::count(qnm_stats.est_alloc_err);
+        qnm::count(&qnm_stats.est_alloc_err);
         return ENOMEM;
     }
-    qnm::count(qnm_stats.est_idlist_al);
+    qnm::count(&qnm_stats.est_idlist_al);
     uint32_t stored = 0;
     for (auto* node = next_node<Kind>(nullptr); node != nullptr; node = next_node<Kind>(node)) {
         const qnm_com_dev_t& dev = com_dev_of<Kind>(*node);
@@ -222,7 +235,7 @@ template <typename Kind>
 qnm_api_code_t get_ids(const char* name, uint64_t** id_list, uint32_t* num) {
     return qnm::public_call(Kind::count_ids, qnm::needs::running_manager, name, [=] {
         return list_ids<Kind>(
-            name, id_list, num, [] { return qnm_qn.*Kind::total; },
+            name, id_list, num, []() QNM_REQUIRES(qnm_qn.eei_mutex) { return total_of<Kind>(); },
             [](const qnm_com_dev_t&) { return true; });
     });
 }
@@ -231,7 +244,7 @@ template <typename Kind>
 qnm_api_code_t get_update_ids(const char* name, uint64_t time, uint64_t** id_list, uint32_t* num) {
     return qnm::public_call(Kind::count_update_ids, qnm::needs::running_manager, name, [=] {
         const auto match = [=](const qnm_com_dev_t& dev) { return dev.ecd_updatetime >= time; };
-        const auto count = [=] {
+        const auto count = [=]() QNM_REQUIRES(qnm_qn.eei_mutex) {
             uint32_t matching = 0;
             for_each_node<Kind>([&](typename Kind::node& node) {
                 if (match(com_dev_of<Kind>(node))) matching++;
@@ -251,7 +264,8 @@ qnm_api_code_t get_group_ids(const char* name, uint16_t groupid, uint64_t** id_l
         [=] {
             if (groupid < 1 || groupid > 4094) return EINVAL;
             return list_ids<Kind>(
-                name, id_list, num, [=] { return group_count<Kind>(groupid); },
+                name, id_list, num,
+                [=]() QNM_REQUIRES(qnm_qn.eei_mutex) { return group_count<Kind>(groupid); },
                 [=](const qnm_com_dev_t& dev) { return dev.ecd_vlan_id == groupid; });
         },
         [=](qnm_api_code_t ret) {
@@ -324,7 +338,8 @@ bool _update_keepalive_state(typename Kind::node& node, uint64_t now, uint32_t e
 }
 
 template <typename Kind>
-void _devinfo_keepalive_check(uint64_t now, uint32_t expire_time, uint32_t restart_checks) {
+void _devinfo_keepalive_check(uint64_t now, uint32_t expire_time, uint32_t restart_checks)
+    QNM_REQUIRES(qnm_qn.eei_mutex) {
     const char* const name = __func__;
     for_each_node<Kind>([=](typename Kind::node& node) {
         if (_update_keepalive_state<Kind>(node, now, expire_time, restart_checks)) {
@@ -345,7 +360,7 @@ void check_once(const char* func, uint32_t expire_time, uint32_t restart_checks)
 }
 
 template <typename Kind>
-void disconnect_port(const char* func, int port, uint64_t now) {
+void disconnect_port(const char* func, int port, uint64_t now) QNM_REQUIRES(qnm_qn.eei_mutex) {
     for_each_node<Kind>([=](typename Kind::node& node) {
         if (node.*Kind::ignore_state == QNM_IGNORE) return;
         qnm_com_dev_t& dev = com_dev_of<Kind>(node);
@@ -479,7 +494,7 @@ void print_own_fields(const qnm_qnio_t& card) {
 }
 
 template <typename Kind>
-void print_details() {
+void print_details() QNM_REQUIRES(qnm_qn.eei_mutex) {
     for_each_node<Kind>([](typename Kind::node& node) {
         const qnm_com_dev_t& dev = com_dev_of<Kind>(node);
         qnm_statslog("    ID: 0x%.12lx", dev.ecd_id);
@@ -542,7 +557,7 @@ void print_row(const qnm_qnio_node_t& node) {
 }
 
 template <typename Kind>
-void print_table() {
+void print_table() QNM_REQUIRES(qnm_qn.eei_mutex) {
     qnm_statslog("    [%s]", Kind::name);
     if (next_node<Kind>(nullptr) == nullptr) {
         qnm_statslog("    no entry.");
@@ -552,7 +567,7 @@ void print_table() {
     for_each_node<Kind>([](const typename Kind::node& node) { print_row(node); });
 }
 
-void print_counts() {
+void print_counts() QNM_REQUIRES(qnm_qn.eei_mutex) {
     qnm_statslog("  - QN card num");
     qnm_statslog("    qnsv total: %u", qnm_qn.eei_total_qnsv);
     qnm_statslog("    qnio total: %u", qnm_qn.eei_total_qnio);
@@ -569,15 +584,15 @@ void print_counts() {
 // ---- Lifecycle ----------------------------------------------------------------------------------
 
 template <typename Kind>
-void make_empty() {
-    _qnm_rbtree_init(&(qnm_qn.*Kind::tree), qnm_rbtree_uint64_compare, key_of<Kind>);
-    qnm_qn.*Kind::total = 0;
+void make_empty() QNM_REQUIRES(qnm_qn.eei_mutex) {
+    _qnm_rbtree_init(map_of<Kind>(), qnm_rbtree_uint64_compare, key_of<Kind>);
+    total_of<Kind>() = 0;
     std::fill(std::begin(qnm_qn.*Kind::groups), std::end(qnm_qn.*Kind::groups), 0);
 }
 
 template <typename Kind>
-void clear() {
-    _qnm_rbtree_clear(&(qnm_qn.*Kind::tree), free_node<Kind>, nullptr);
+void clear() QNM_REQUIRES(qnm_qn.eei_mutex) {
+    _qnm_rbtree_clear(map_of<Kind>(), free_node<Kind>, nullptr);
     make_empty<Kind>();
 }
 
@@ -585,7 +600,8 @@ void clear() {
 
 extern "C" {
 
-int _qnm_qn_init(void) {
+// Nobody else is there yet, and the lock not to be taken before it has been initialised.
+int _qnm_qn_init(void) QNM_UNCHECKED {
     qnm_log_info("%s: start.", __func__);
     make_empty<qnsv_kind>();
     make_empty<qnio_kind>();
@@ -758,7 +774,7 @@ qnm_api_code_t qnm_free_idlist(uint64_t* id_list) {
     return qnm::public_call(QNM_STATS_FREE_IDLIST, qnm::needs::nothing, __func__, [=] {
         if (id_list == nullptr) return 0;
         delete[] id_list;
-        qnm::count(qnm_stats.est_idlist_fr);
+        qnm::count(&qnm_stats.est_idlist_fr);
         return 0;
     });
 }

@@ -51,13 +51,13 @@ enum { QNM_GROUP_MAX = 4096 };
 
 // The totals and group counts always equal what the maps hold.
 typedef struct qnm_qn_info {
-    qnm_rbtree_t eei_rbtree_svid;
-    qnm_rbtree_t eei_rbtree_ioid;
-    qnm_mutex_t eei_mutex;
-    uint32_t eei_total_qnsv;
-    uint32_t eei_total_qnio;
-    uint32_t eei_total_svgid[QNM_GROUP_MAX + 1];
-    uint32_t eei_total_iogid[QNM_GROUP_MAX + 1];
+    qnm_rbtree_t eei_rbtree_svid QNM_GUARDED_BY(eei_mutex);
+    qnm_rbtree_t eei_rbtree_ioid QNM_GUARDED_BY(eei_mutex);
+    qnm_mutex_t eei_mutex = QNM_MUTEX_OF_LEVEL(QNM_LOCK_TABLE);
+    uint32_t eei_total_qnsv QNM_GUARDED_BY(eei_mutex);
+    uint32_t eei_total_qnio QNM_GUARDED_BY(eei_mutex);
+    uint32_t eei_total_svgid[QNM_GROUP_MAX + 1] QNM_GUARDED_BY(eei_mutex);
+    uint32_t eei_total_iogid[QNM_GROUP_MAX + 1] QNM_GUARDED_BY(eei_mutex);
 } qnm_qn_info_t;
 
 extern "C" {
@@ -68,35 +68,36 @@ int _qnm_qn_init(void);
 int _qnm_qn_fini(void);
 
 // The device-table lock. Every call below, down to _qnm_all_disconnect(), needs it held.
-int _qnm_qn_lock(void);
-int _qnm_qn_unlock(void);
+int _qnm_qn_lock(void) QNM_ACQUIRE(qnm_qn.eei_mutex);
+int _qnm_qn_unlock(void) QNM_RELEASE(qnm_qn.eei_mutex);
 
 // Copy what valid_param names: 0; 22 when a wanted output is null; 2 when the ID is unknown.
 int _qnm_get_qnsv(uint64_t id, qnm_qnsv_t* qnsv, uint32_t* ignore_state, uint32_t* check_count,
-                  uint32_t valid_param);
+                  uint32_t valid_param) QNM_REQUIRES(qnm_qn.eei_mutex);
 int _qnm_get_qnio(uint64_t id, qnm_qnio_t* qnio, uint32_t* ignore_state, uint32_t* check_count,
-                  uint32_t valid_param);
+                  uint32_t valid_param) QNM_REQUIRES(qnm_qn.eei_mutex);
 
 // Store what valid_param names; an unknown ID is added, which needs all of it: 0; 22; 12; 71.
 int _qnm_set_qnsv(uint64_t id, qnm_qnsv_t* qnsv, uint32_t ignore_state, uint32_t check_count,
-                  uint32_t valid_param);
+                  uint32_t valid_param) QNM_REQUIRES(qnm_qn.eei_mutex);
 int _qnm_set_qnio(uint64_t id, qnm_qnio_t* qnio, uint32_t ignore_state, uint32_t check_count,
-                  uint32_t valid_param);
+                  uint32_t valid_param) QNM_REQUIRES(qnm_qn.eei_mutex);
 
 // Look an ID up among cards of both kinds: 0, 2 or 71. dev_info and resource_id may be null.
 int _qnm_get_qndev_rid(uint64_t id, qnm_com_dev_t* dev_info, uint32_t* ignore_state,
-                       uint16_t* resource_id);
-int _qnm_get_qndev(uint64_t id, qnm_com_dev_t* dev_info);
-int _qnm_get_qndev_ign(uint64_t id, qnm_com_dev_t* dev_info, uint32_t* ignore_state);
+                       uint16_t* resource_id) QNM_REQUIRES(qnm_qn.eei_mutex);
+int _qnm_get_qndev(uint64_t id, qnm_com_dev_t* dev_info) QNM_REQUIRES(qnm_qn.eei_mutex);
+int _qnm_get_qndev_ign(uint64_t id, qnm_com_dev_t* dev_info, uint32_t* ignore_state)
+    QNM_REQUIRES(qnm_qn.eei_mutex);
 
 // Disconnects every card on a local port whose link has gone down.
-void _qnm_all_disconnect(int port);
+void _qnm_all_disconnect(int port) QNM_REQUIRES(qnm_qn.eei_mutex);
 
 // The device-table section of the status dump. Takes the lock itself.
-void _qnm_qn_stats_print(uint32_t verbose);
+void _qnm_qn_stats_print(uint32_t verbose) QNM_EXCLUDES(qnm_qn.eei_mutex);
 
 // The keepalive loop; returns 0 when a stop has been requested. Takes the lock itself.
-int _qnm_interval_check(void);
+int _qnm_interval_check(void) QNM_EXCLUDES(qnm_qn.eei_mutex);
 
 // Logs "<kind> id=... state change to <change> P0M0: ..." in the name of func.
 void _qnm_log_state_change(const char* func, const char* kind, const qnm_com_dev_t* dev,
@@ -106,7 +107,14 @@ void _qnm_log_state_change(const char* func, const char* kind, const qnm_com_dev
 
 namespace qnm {
 
-using table_guard = scoped<_qnm_qn_lock, _qnm_qn_unlock>;
+// Holds the device-table lock for a scope.
+class QNM_SCOPED_CAPABILITY table_guard {
+  public:
+    table_guard() QNM_ACQUIRE(qnm_qn.eei_mutex) { _qnm_qn_lock(); }
+    ~table_guard() QNM_RELEASE() { _qnm_qn_unlock(); }
+    table_guard(const table_guard&) = delete;
+    table_guard& operator=(const table_guard&) = delete;
+};
 
 inline const char* connect_word(uint32_t state) {
     return state == 1 ? "CONNECT" : "DISCONNECT";

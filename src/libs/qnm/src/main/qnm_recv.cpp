@@ -252,7 +252,8 @@ void raise_change_events(const update<Kind>& change) {
 
 // Stores a known card as watched; false when that failed.
 template <typename Kind>
-bool store_watched(typename Kind::record& card, const char* ignore_state) {
+bool store_watched(typename Kind::record& card, const char* ignore_state)
+    QNM_REQUIRES(qnm_qn.eei_mutex) {
     const uint64_t id = (card.*Kind::com_dev).ecd_id;
     const int err = Kind::set(id, &card, QNM_WATCH, 0, QNM_VALID_ALL);
     if (err == 0) return true;
@@ -282,7 +283,7 @@ void _update_state(update<Kind>& change, const arrival& from) {
 }
 
 template <typename Kind>
-void update_watched(update<Kind>& change, const arrival& from) {
+void update_watched(update<Kind>& change, const arrival& from) QNM_REQUIRES(qnm_qn.eei_mutex) {
     const char* const func = k_names<Kind>.update;
     const qnm_com_dev_t& dev = change.new_dev();
     _update_state<Kind>(change, from);
@@ -296,7 +297,7 @@ void update_watched(update<Kind>& change, const arrival& from) {
 
 // The first frame after monitoring was restarted: the record begins afresh.
 template <typename Kind>
-void update_restarted(update<Kind>& change) {
+void update_restarted(update<Kind>& change) QNM_REQUIRES(qnm_qn.eei_mutex) {
     const char* const func = k_names<Kind>.update;
     const qnm_com_dev_t& dev = change.new_dev();
     // The line of a failure names IGNORE although the card was restarted; log readers rely on it.
@@ -311,7 +312,7 @@ void update_restarted(update<Kind>& change) {
 
 template <typename Kind>
 void update_card(const typename Kind::record& old_card, typename Kind::record& new_card,
-                 uint32_t ignore_state, const arrival& from) {
+                 uint32_t ignore_state, const arrival& from) QNM_REQUIRES(qnm_qn.eei_mutex) {
     update<Kind> change = {old_card, new_card, false, false};
     switch (ignore_state) {
         case QNM_WATCH:
@@ -327,7 +328,7 @@ void update_card(const typename Kind::record& old_card, typename Kind::record& n
 
 // Adds a card to the table unless its monitoring is stopped; whether it was added.
 template <typename Kind>
-bool add_unless_stopped(typename Kind::record& card) {
+bool add_unless_stopped(typename Kind::record& card) QNM_REQUIRES(qnm_qn.eei_mutex) {
     const char* const func = k_names<Kind>.add;
     const qnm_com_dev_t& dev = card.*Kind::com_dev;
     const qnm::blacklist_guard lock;
@@ -348,7 +349,7 @@ bool add_unless_stopped(typename Kind::record& card) {
 }
 
 template <typename Kind>
-void add_card(typename Kind::record& card) {
+void add_card(typename Kind::record& card) QNM_REQUIRES(qnm_qn.eei_mutex) {
     const char* const func = k_names<Kind>.add;
     const qnm_com_dev_t& dev = card.*Kind::com_dev;
     const int err = _qnm_create_reg_lock_node(dev.ecd_id);

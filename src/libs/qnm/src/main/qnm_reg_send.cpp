@@ -27,16 +27,21 @@ namespace {
 struct qnm_write_reg_node_t {
     qnm_rbnode_t wrn_rbnode;  // first: the node and its links share one address
     uint64_t wrn_id;
-    qnm_mutex_t wrn_mutex;
+    qnm_mutex_t wrn_mutex = QNM_MUTEX_OF_LEVEL(QNM_LOCK_CARD_WRITE);
 };
 
 struct qnm_write_reg_mng_t {
-    qnm_rbtree_t wrm_rbtree;
+    qnm_rbtree_t wrm_rbtree QNM_GUARDED_BY(wrm_mutex);
     qnm_mutex_t wrm_mutex;
     uint32_t wrm_initialized;
 };
 
-qnm_write_reg_mng_t qnm_write_reg_lock_mng = {{}, QNM_MUTEX_STATIC_INIT, 0};
+qnm_write_reg_mng_t qnm_write_reg_lock_mng = {{}, QNM_MUTEX_OF_LEVEL(QNM_LOCK_WRITE_LOCKS), 0};
+
+// All uses of the map come by here.
+qnm_rbtree_t* write_locks() QNM_REQUIRES(qnm_write_reg_lock_mng.wrm_mutex) {
+    return &qnm_write_reg_lock_mng.wrm_rbtree;
+}
 
 qnm_write_reg_node_t* node_of(qnm_rbnode_t* links) {
     return reinterpret_cast<qnm_write_reg_node_t*>(links);
@@ -48,7 +53,7 @@ qnm_cptr_t key_of(const qnm_rbnode_t* links) {
 
 void free_node(qnm_write_reg_node_t* node) {
     delete node;
-    qnm::count(qnm_stats.est_wreg_node_fr);
+    qnm::count(&qnm_stats.est_wreg_node_fr);
 }
 
 void destroy_node(qnm_rbnode_t* links, qnm_ptr_t) {
@@ -56,18 +61,18 @@ void destroy_node(qnm_rbnode_t* links, qnm_ptr_t) {
     free_node(node_of(links));
 }
 
-void make_map_empty() {
-    _qnm_rbtree_init(&qnm_write_reg_lock_mng.wrm_rbtree, qnm_rbtree_uint64_compare, key_of);
+void make_map_empty() QNM_REQUIRES(qnm_write_reg_lock_mng.wrm_mutex) {
+    _qnm_rbtree_init(write_locks(), qnm_rbtree_uint64_compare, key_of);
 }
 
 qnm_write_reg_node_t* _write_reg_create(uint64_t id) {
-    auto* const node = new (std::nothrow) qnm_write_reg_node_t{{}, id, {}};
+    auto* const node = new (std::nothrow) qnm_write_reg_node_t{{}, id};
     if (node == nullptr) {
-        qnm::count(qnm_stats.est_alloc_err);
+        qnm::count(&qnm_stats.est_alloc_err);
         qnm_log_warn("%s: Failed to _write_reg_node_alloc()", __func__);
         return nullptr;
     }
-    qnm::count(qnm_stats.est_wreg_node_al);
+    qnm::count(&qnm_stats.est_wreg_node_al);
     if (_qnm_mutex_init(&node->wrn_mutex) != 0) {
         qnm_log_warn("%s: Failed to _qnm_mutex_init()", __func__);
         free_node(node);
@@ -78,7 +83,7 @@ qnm_write_reg_node_t* _write_reg_create(uint64_t id) {
 
 qnm_write_reg_node_t* find_node(uint64_t id) {
     const qnm::mutex_guard lock(qnm_write_reg_lock_mng.wrm_mutex);
-    return node_of(_qnm_rbtree_get(&qnm_write_reg_lock_mng.wrm_rbtree, qnm::id_key(id)));
+    return node_of(_qnm_rbtree_get(write_locks(), qnm::id_key(id)));
 }
 
 // Locks or unlocks a card's own mutex, with wrm_mutex released.
@@ -216,7 +221,8 @@ void disconnect(qnm_com_dev_t& dev) {
 
 extern "C" {
 
-int _qnm_reg_init(void) {
+// Nobody else is there yet, and the lock not to be taken before it has been initialised.
+int _qnm_reg_init(void) QNM_UNCHECKED {
     qnm_log_info("%s: start.", __func__);
     int ret = 0;
     if (qnm_write_reg_lock_mng.wrm_initialized == 1) {
@@ -247,7 +253,7 @@ int _qnm_create_reg_lock_node(uint64_t id) {
     int err = 0;
     {
         const qnm::mutex_guard lock(qnm_write_reg_lock_mng.wrm_mutex);
-        err = _qnm_rbtree_put(&qnm_write_reg_lock_mng.wrm_rbtree, &node->wrn_rbnode);
+        err = _qnm_rbtree_put(write_locks(), &node->wrn_rbnode);
     }
     if (err == 0) return 0;
     if (err == EEXIST) {
@@ -269,7 +275,7 @@ int _qnm_write_reg_unlock(uint64_t id) {
 
 void _qnm_destroy_all_reg_lock_node(void) {
     const qnm::mutex_guard lock(qnm_write_reg_lock_mng.wrm_mutex);
-    _qnm_rbtree_clear(&qnm_write_reg_lock_mng.wrm_rbtree, destroy_node, nullptr);
+    _qnm_rbtree_clear(write_locks(), destroy_node, nullptr);
     make_map_empty();
 }
 

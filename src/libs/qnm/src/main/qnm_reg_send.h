@@ -14,6 +14,7 @@
 #include "qnm.h"
 #include "qnm_api.h"
 #include "qnm_config.h"
+#include "qnm_qn_info.h"
 
 extern "C" {
 
@@ -42,7 +43,7 @@ int _qnm_livecheck(qnm_com_dev_t* dev);
 int _qnm_create_reg_lock_node(uint64_t id);
 
 // Take and release a card's lock: 0, or 2 when it has none.
-int _qnm_write_reg_lock(uint64_t id);
+int _qnm_write_reg_lock(uint64_t id) QNM_EXCLUDES(qnm_qn.eei_mutex);
 int _qnm_write_reg_unlock(uint64_t id);
 
 // Frees all locks; none may be held.
@@ -99,11 +100,14 @@ struct retry_text {
     char text[48];
 };
 
+inline constexpr lock_name card_write_lock{};
+
 // A card's write lock for a scope, where the card has one.
-class write_lock_guard {
+class QNM_SCOPED_CAPABILITY write_lock_guard {
   public:
-    explicit write_lock_guard(uint64_t id) : id_(id), err_(_qnm_write_reg_lock(id)) {}
-    ~write_lock_guard() {
+    explicit write_lock_guard(uint64_t id) QNM_ACQUIRE(card_write_lock)
+        : id_(id), err_(_qnm_write_reg_lock(id)) {}
+    ~write_lock_guard() QNM_RELEASE() {
         if (err_ == 0) _qnm_write_reg_unlock(id_);
     }
     write_lock_guard(const write_lock_guard&) = delete;

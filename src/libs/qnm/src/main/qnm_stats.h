@@ -93,8 +93,8 @@ typedef struct qnm_sd_stats {
 
 extern "C" {
 
-extern qnm_sd_stats_t qnm_stats;
 extern qnm_mutex_t qnm_stats_mutex;
+extern qnm_sd_stats_t qnm_stats QNM_GUARDED_BY(qnm_stats_mutex);
 
 int _qnm_stats_init(void);
 int _qnm_stats_fini(void);
@@ -115,10 +115,11 @@ void _qnm_stats_count_call(qnm_stats_func_t func, qnm_api_code_t ret);
 
 namespace qnm {
 
+// Raises a counter of qnm_stats by one.
 template <typename Counter>
-void count(Counter& counter) {
+void count(Counter* counter) {
     const mutex_guard lock(qnm_stats_mutex);
-    counter++;
+    (*counter)++;
 }
 
 }  // namespace qnm

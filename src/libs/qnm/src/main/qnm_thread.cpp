@@ -13,6 +13,10 @@
 
 namespace {
 
+#ifndef QNM_CHECK_LOCK_ORDER
+static_assert(sizeof(qnm_mutex_t) == sizeof(pthread_mutex_t));
+#endif
+
 // What ends a wait before its time.
 enum class ends { on_signal, on_condition };
 
@@ -20,18 +24,37 @@ int never(void*) {
     return 0;
 }
 
+void note_taking([[maybe_unused]] const qnm_mutex_t& mutex) {
+#ifdef QNM_CHECK_LOCK_ORDER
+    _qnm_lock_order_take(&mutex, mutex.em_level);
+#endif
+}
+
+// An event's own mutex.
+int lock(qnm_event_t* evt) {
+    _qnm_lock_order_take(evt, QNM_LOCK_EVENT);
+    const int err = pthread_mutex_lock(&evt->eev_mutex);
+    if (err != 0) _qnm_lock_order_release(evt);
+    return err;
+}
+
+int unlock(qnm_event_t* evt) {
+    _qnm_lock_order_release(evt);
+    return pthread_mutex_unlock(&evt->eev_mutex);
+}
+
 int wait_until(qnm_event_t* evt, uint32_t timeout_ms, ends wait_ends, qnm_event_cond_t holds,
                void* arg) {
     struct timespec deadline;
     if (_qnm_get_deadline(timeout_ms, &deadline) != 0) return EPROTO;
-    if (pthread_mutex_lock(&evt->eev_mutex) != 0) return ENOSYS;
+    if (lock(evt) != 0) return ENOSYS;
     int ret = 0;
     while (ret == 0 && holds(arg) == 0) {
         ret = pthread_cond_timedwait(&evt->eev_cond, &evt->eev_mutex, &deadline);
         if (wait_ends == ends::on_signal) break;
     }
     if (ret == ETIMEDOUT && holds(arg) != 0) ret = 0;
-    pthread_mutex_unlock(&evt->eev_mutex);
+    unlock(evt);
     if (ret == 0 || ret == ETIMEDOUT) return ret;
     return EPROTO;
 }
@@ -57,11 +80,16 @@ int _qnm_mutex_destroy_st(qnm_mutex_t*) {
     return 0;
 }
 
-int _qnm_mutex_lock(qnm_mutex_t* mutex) {
-    return pthread_mutex_lock(&mutex->em_mutex);
+// The analysis ends at these two: POSIX has no annotations.
+int _qnm_mutex_lock(qnm_mutex_t* mutex) QNM_UNCHECKED {
+    note_taking(*mutex);
+    const int err = pthread_mutex_lock(&mutex->em_mutex);
+    if (err != 0) _qnm_lock_order_release(mutex);
+    return err;
 }
 
-int _qnm_mutex_unlock(qnm_mutex_t* mutex) {
+int _qnm_mutex_unlock(qnm_mutex_t* mutex) QNM_UNCHECKED {
+    _qnm_lock_order_release(mutex);
     return pthread_mutex_unlock(&mutex->em_mutex);
 }
 
@@ -102,18 +130,18 @@ int _qnm_event_destroy(qnm_event_t* evt) {
 }
 
 int _qnm_event_set(qnm_event_t* evt) {
-    if (pthread_mutex_lock(&evt->eev_mutex) != 0) return EPROTO;
+    if (lock(evt) != 0) return EPROTO;
     // Signalled with the mutex free, which the woken thread would otherwise block on at once.
     // Nothing is lost by it: a waiter holds the mutex from the look at its condition until it
     // sleeps.
-    pthread_mutex_unlock(&evt->eev_mutex);
+    unlock(evt);
     return pthread_cond_signal(&evt->eev_cond);
 }
 
 int _qnm_event_wait(qnm_event_t* evt) {
-    if (pthread_mutex_lock(&evt->eev_mutex) != 0) return ENOSYS;
+    if (lock(evt) != 0) return ENOSYS;
     const int ret = pthread_cond_wait(&evt->eev_cond, &evt->eev_mutex);
-    pthread_mutex_unlock(&evt->eev_mutex);
+    unlock(evt);
     return ret != 0 ? EPROTO : 0;
 }
 

@@ -11,8 +11,14 @@
 #include <atomic>
 #include <cstdint>
 
-typedef struct qnm_mutex {
+#include "qnm_annotations.h"
+#include "qnm_lock_order.h"
+
+typedef struct QNM_CAPABILITY("mutex") qnm_mutex {
     pthread_mutex_t em_mutex;
+#ifdef QNM_CHECK_LOCK_ORDER
+    qnm_lock_level_t em_level = QNM_LOCK_UNORDERED;
+#endif
 } qnm_mutex_t;
 
 typedef struct qnm_event {
@@ -30,14 +36,22 @@ typedef uint8_t qnm_bool_t;
 #define QNM_MUTEX_STATIC_INIT \
     { PTHREAD_MUTEX_INITIALIZER }
 
+// The same with the mutex's place in the order of locks, which _qnm_mutex_init() leaves as it is.
+#ifdef QNM_CHECK_LOCK_ORDER
+#define QNM_MUTEX_OF_LEVEL(level) \
+    { PTHREAD_MUTEX_INITIALIZER, level }
+#else
+#define QNM_MUTEX_OF_LEVEL(level) QNM_MUTEX_STATIC_INIT
+#endif
+
 extern "C" {
 
 int _qnm_mutex_init(qnm_mutex_t* mutex);  // always 0
 int _qnm_mutex_init_st(qnm_mutex_t* mutex);
 int _qnm_mutex_destroy(qnm_mutex_t* mutex);
 int _qnm_mutex_destroy_st(qnm_mutex_t* mutex);
-int _qnm_mutex_lock(qnm_mutex_t* mutex);
-int _qnm_mutex_unlock(qnm_mutex_t* mutex);
+int _qnm_mutex_lock(qnm_mutex_t* mutex) QNM_ACQUIRE(mutex);
+int _qnm_mutex_unlock(qnm_mutex_t* mutex) QNM_RELEASE(mutex);
 
 typedef void* (*qnm_thread_func_t)(void*);
 
@@ -81,20 +95,13 @@ void store(Word& word, Word value) {
     std::atomic_ref<Word>(word).store(value);
 }
 
-// Holds a lock for a scope, given the pair of functions that take and release it.
-template <auto Lock, auto Unlock>
-class scoped {
+// Holds a mutex for a scope.
+class QNM_SCOPED_CAPABILITY mutex_guard {
   public:
-    scoped() { Lock(); }
-    ~scoped() { Unlock(); }
-    scoped(const scoped&) = delete;
-    scoped& operator=(const scoped&) = delete;
-};
-
-class mutex_guard {
-  public:
-    explicit mutex_guard(qnm_mutex_t& mutex) : mutex_(mutex) { _qnm_mutex_lock(&mutex_); }
-    ~mutex_guard() { _qnm_mutex_unlock(&mutex_); }
+    explicit mutex_guard(qnm_mutex_t& mutex) QNM_ACQUIRE(mutex) : mutex_(mutex) {
+        _qnm_mutex_lock(&mutex);
+    }
+    ~mutex_guard() QNM_RELEASE() { _qnm_mutex_unlock(&mutex_); }
     mutex_guard(const mutex_guard&) = delete;
     mutex_guard& operator=(const mutex_guard&) = delete;
 

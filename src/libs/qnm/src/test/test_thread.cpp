@@ -89,16 +89,6 @@ TEST_F(Mutex, guard_holds_it_for_a_scope) {
     pthread_mutex_unlock(&mutex.em_mutex);
 }
 
-int scope_depth = 0;
-
-TEST_F(Mutex, scoped_pairs_two_functions) {
-    {
-        const qnm::scoped<[] { scope_depth++; }, [] { scope_depth--; }> scope;
-        EXPECT_EQ(scope_depth, 1);
-    }
-    EXPECT_EQ(scope_depth, 0);
-}
-
 TEST_F(Mutex, lets_one_thread_in_at_a_time) {
     qnm_mutex_t mutex = QNM_MUTEX_STATIC_INIT;
     constexpr int k_rounds = 20000;

@@ -1,0 +1,133 @@
+// test_lock_order.cpp - a thread that takes the library's locks out of order is stopped, with both
+// names. In builds that check the order only; elsewhere a mutex is the system's and nothing more.
+
+#include <cerrno>
+#include <thread>
+
+#include "units.h"
+
+namespace {
+
+constexpr uint64_t k_id = 0x001122334454;
+
+struct lock_order : units {
+    lock_order() {
+        // The check looks at the dying thread alone; the fork copies no other.
+        GTEST_FLAG_SET(death_test_style, "fast");
+    }
+};
+
+using lock_order_death = lock_order;
+
+void take_two(qnm_mutex_t& outer, qnm_mutex_t& inner) {
+    const qnm::mutex_guard first(outer);
+    const qnm::mutex_guard second(inner);
+}
+
+TEST_F(lock_order_death, the_table_after_the_blacklist) {
+    EXPECT_DEATH(
+        {
+            const qnm::blacklist_guard blacklist_lock;
+            const qnm::table_guard table_lock;
+        },
+        "lock order broken: device table taken while blacklist is held");
+}
+
+TEST_F(lock_order_death, anything_after_the_statistics) {
+    EXPECT_DEATH(take_two(qnm_stats_mutex, qnm_qn.eei_mutex),
+                 "device table taken while statistics is held");
+    EXPECT_DEATH(
+        {
+            const qnm::mutex_guard lock(qnm_stats_mutex);
+            _qnm_add_event(QNM_EVT_NEWDEVINFO, k_id);
+        },
+        "statistics taken while statistics is held");
+}
+
+TEST_F(lock_order_death, a_cards_write_lock_after_the_table) {
+    _qnm_create_reg_lock_node(k_id);
+    EXPECT_DEATH(
+        {
+            const qnm::table_guard lock;
+            _qnm_write_reg_lock(k_id);
+        },
+        "write lock of a card taken while device table is held");
+}
+
+TEST_F(lock_order_death, the_write_locks_of_two_cards) {
+    _qnm_create_reg_lock_node(k_id);
+    _qnm_create_reg_lock_node(k_id + 2);
+    EXPECT_DEATH(
+        {
+            const qnm::write_lock_guard first(k_id);
+            const qnm::write_lock_guard second(k_id + 2);
+        },
+        "write lock of a card taken while write lock of a card is held");
+}
+
+TEST_F(lock_order_death, the_same_lock_twice) {
+    EXPECT_DEATH(take_two(qnm_qn.eei_mutex, qnm_qn.eei_mutex),
+                 "device table taken while device table is held");
+}
+
+void register_for(uint64_t, qnm_evt_type_t, void* type) {
+    qnm_cbid_t id = nullptr;
+    qnm_register_callback(*static_cast<qnm_evt_type_t*>(type), register_for, type, &id);
+}
+
+// Delivers one event of the type NEWDEVINFO to a callback that registers for another type.
+void deliver(qnm_evt_type_t other) {
+    qnm_cbid_t id = nullptr;
+    qnm_register_callback(QNM_EVT_NEWDEVINFO, register_for, &other, &id);
+    _qnm_add_event(QNM_EVT_NEWDEVINFO, k_id);
+    std::thread task(_qnm_event_task, nullptr);
+    while (qnm::load(qnm_stats.est_cb_return) == 0)
+        std::this_thread::yield();
+    qnm::store(qnm_root.er_fini_flag, 0U);
+    task.join();
+    set_running();
+}
+
+TEST_F(lock_order_death, a_callback_that_registers_for_its_own_type) {
+    EXPECT_DEATH(deliver(QNM_EVT_NEWDEVINFO), "callback list taken while callback list is held");
+}
+
+TEST_F(lock_order, a_callback_may_register_for_another_type) {
+    deliver(QNM_EVT_UPDATEDEVINFO);
+    EXPECT_EQ(qnm_stats.est_cbinfo_al, 2u);
+}
+
+TEST_F(lock_order, all_levels_may_be_held_at_once) {
+    _qnm_create_reg_lock_node(k_id);
+    const qnm::table_guard table_lock;
+    const qnm::blacklist_guard blacklist_lock;
+    EXPECT_EQ(_qnm_add_event(QNM_EVT_NEWDEVINFO, k_id), 0);
+    EXPECT_EQ(_qnm_create_reg_lock_node(k_id), EEXIST);
+}
+
+TEST_F(lock_order, a_released_lock_binds_nobody) {
+    { const qnm::blacklist_guard lock; }
+    const qnm::table_guard lock;
+}
+
+TEST_F(lock_order, locks_may_be_released_in_any_order) {
+    _qnm_mutex_lock(&qnm_qn.eei_mutex);
+    _qnm_mutex_lock(&qnm_stats_mutex);
+    _qnm_mutex_unlock(&qnm_qn.eei_mutex);
+    _qnm_mutex_unlock(&qnm_stats_mutex);
+    take_two(qnm_qn.eei_mutex, qnm_stats_mutex);
+}
+
+TEST_F(lock_order, a_lock_that_was_not_got_binds_nobody) {
+    fail::nth(fail::call::pthread_mutex_lock, 1, EDEADLK);
+    EXPECT_EQ(_qnm_mutex_lock(&qnm_stats_mutex), EDEADLK);
+    take_two(qnm_qn.eei_mutex, qnm_stats_mutex);
+}
+
+TEST_F(lock_order, each_thread_has_an_order_of_its_own) {
+    const qnm::mutex_guard lock(qnm_stats_mutex);
+    std::thread other([] { const qnm::blacklist_guard blacklist_lock; });
+    other.join();
+}
+
+}  // namespace
