@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <log4cxx/appenderskeleton.h>
+#include <log4cxx/file.h>
 #include <log4cxx/level.h>
 #include <log4cxx/logger.h>
 #include <log4cxx/logmanager.h>
@@ -30,6 +31,8 @@ namespace {
 std::vector<std::string> asked;
 std::optional<int> answer;
 
+bool configuring_throws = false;
+
 }  // namespace
 
 extern "C" {
@@ -40,6 +43,16 @@ int __wrap__qnm_file_exist(const char* path);
 int __wrap__qnm_file_exist(const char* path) {
     asked.push_back(path);
     return answer.has_value() ? *answer : __real__qnm_file_exist(path);
+}
+
+// log4cxx::PropertyConfigurator::configure(const File&). This version of log4cxx catches by itself
+// what goes wrong in a file.
+int __real__ZN7log4cxx20PropertyConfigurator9configureERKNS_4FileE(const log4cxx::File& file);
+int __wrap__ZN7log4cxx20PropertyConfigurator9configureERKNS_4FileE(const log4cxx::File& file);
+
+int __wrap__ZN7log4cxx20PropertyConfigurator9configureERKNS_4FileE(const log4cxx::File& file) {
+    if (configuring_throws) throw std::runtime_error("no space left on device");
+    return __real__ZN7log4cxx20PropertyConfigurator9configureERKNS_4FileE(file);
 }
 
 }  // extern "C"
@@ -316,12 +329,19 @@ TEST_F(LogInit, may_be_repeated_and_reads_the_file_again) {
     EXPECT_NE(text.find("Log initialize is done."), std::string::npos);
 }
 
-TEST_F(LogInit, logs_the_directory_as_given_and_survives_what_log4cxx_throws) {
+TEST_F(LogInit, logs_the_directory_as_given_and_survives_broken_lines) {
     EXPECT_EQ(qnm_log_init(dir_.path().c_str()), QNM_API_SUCCESS);
     EXPECT_TRUE(
         log_.has(3, "qnm_log_init: Log initialize is done. logconfig_filepath:" + dir_.path()));
     std::ofstream(dir_.properties(), std::ios::binary) << "log4j.rootLogger=\\u12\nno such=\\";
     EXPECT_EQ(qnm_log_init(dir_.path().c_str()), QNM_API_SUCCESS);
+}
+
+TEST_F(LogInit, survives_what_log4cxx_throws) {
+    configuring_throws = true;
+    EXPECT_EQ(qnm_log_init(dir_.path().c_str()), QNM_API_SUCCESS);
+    configuring_throws = false;
+    EXPECT_TRUE(log_.lines().empty());
 }
 
 }  // namespace

@@ -17,6 +17,18 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsSupersetOf;
 
+extern "C" int __real__qnm_make_filename(const char* path, const char* file, char* name,
+                                         size_t size);
+
+// Which name cannot be made, by its end; null = none.
+const char* g_refused_name = nullptr;
+
+extern "C" int __wrap__qnm_make_filename(const char* path, const char* file, char* name,
+                                         size_t size) {
+    if (g_refused_name != nullptr && strcmp(file, g_refused_name) == 0) return EPROTO;
+    return __real__qnm_make_filename(path, file, name, size);
+}
+
 struct main_unit : whole_manager {
     std::vector<std::string> infos_with(const std::string& end) const {
         std::vector<std::string> found;
@@ -130,6 +142,16 @@ TEST_F(main_unit, a_bad_configuration_ends_the_start) {
                 ElementsAre("_qnm_config_read: Unknown config parameter: frob",
                             "qnm_init_manager: Failed to _qnm_config_read() err=71"));
     dir.write_conf(k_conf);
+    expect_restart();
+}
+
+// The properties file's name is the longer one, so that a long directory fails there already.
+TEST_F(main_unit, a_configuration_whose_name_cannot_be_made_ends_the_start) {
+    g_refused_name = "conf/qnm.conf";
+    EXPECT_EQ(init(), QNM_API_EPROTO);
+    g_refused_name = nullptr;
+    EXPECT_THAT(logs.texts("logfile", k_error),
+                ElementsAre("qnm_init_manager: Failed to make_conf_filename()"));
     expect_restart();
 }
 
