@@ -2,7 +2,11 @@
 # Installs the Debian packages that building, testing and the demonstration need.
 # Where nothing is missing it changes nothing and needs no privilege.
 #
-#   usage: install-deps.sh [--with-bench]     also what the benchmarks need
+#   usage: install-deps.sh [OPTION...]
+#
+#   --with-analysis   also what scripts/analyse.sh needs
+#   --with-bench      also what the benchmarks need
+#   --with-coverage   also what scripts/coverage.sh needs
 #
 #   QNM_SKIP_DEPS=1   trust that everything is there, for systems that name their packages otherwise
 set -euo pipefail
@@ -18,7 +22,6 @@ needed=(
   libgtest-dev libgmock-dev binutils         # the tests; nm lists what the library exports
   iproute2 util-linux                        # network namespaces: ip, unshare
 )
-readonly needed_by_bench=(libbenchmark-dev gnuplot-nox) # timing, plotting
 commands=(g++ cmake ninja pkg-config nm ip unshare)
 readonly cmake_minimum=3.25
 
@@ -75,12 +78,32 @@ check_commands() {
     die "$(command -v cmake) is version $version, but at least $cmake_minimum is needed."
 }
 
+# Adds what an option asks for.
+add_option() {
+  case $1 in
+    --with-analysis)
+      needed+=(clang clang-tidy cppcheck)
+      commands+=(clang++ clang-tidy run-clang-tidy cppcheck)
+      ;;
+    --with-bench)
+      needed+=(libbenchmark-dev gnuplot-nox) # timing, plotting
+      commands+=(gnuplot)
+      ;;
+    --with-coverage)
+      needed+=(gcovr)
+      commands+=(gcov gcovr)
+      ;;
+    *)
+      die "unknown option '$1'"
+      ;;
+  esac
+}
+
 main() {
-  local missing
-  if [[ ${1:-} == --with-bench ]]; then
-    needed+=("${needed_by_bench[@]}")
-    commands+=(gnuplot)
-  fi
+  local missing option
+  for option in "$@"; do
+    add_option "$option"
+  done
   if [[ ${QNM_SKIP_DEPS:-0} != 1 ]]; then
     mapfile -t missing < <(list_missing)
     if ((${#missing[@]} > 0)); then

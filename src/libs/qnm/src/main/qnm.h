@@ -39,6 +39,11 @@
 extern "C" {
 #endif
 
+/* The library is compiled with all else hidden. */
+#ifdef __GNUC__
+#pragma GCC visibility push(default)
+#endif
+
 /* In C++ the enumerations may hold any int, so that a wrong value is refused and not undefined. */
 #ifdef __cplusplus
 #define QNM_ANY_INT : int
@@ -657,6 +662,10 @@ int qnm_rbtree_int32_compare(qnm_cptr_t a, qnm_cptr_t b);
 int qnm_rbtree_uint32_compare(qnm_cptr_t a, qnm_cptr_t b);
 int qnm_rbtree_int64_compare(qnm_cptr_t a, qnm_cptr_t b);
 int qnm_rbtree_uint64_compare(qnm_cptr_t a, qnm_cptr_t b);
+
+#ifdef __GNUC__
+#pragma GCC visibility pop
+#endif
 
 #ifdef __cplusplus
 }

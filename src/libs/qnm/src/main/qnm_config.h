@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "qnm.h"
+#include "qnm_export.h"
 
 typedef struct qnm_conf {
     char ether_port_name[2][256];  // interface names of port 0 and port 1
@@ -82,8 +83,8 @@ typedef struct qnm_flg {
 
 extern "C" {
 
-extern qnm_conf_t qnm_config;
-extern qnm_conf_flag_t qnm_flag;
+extern QNM_EXPORTED qnm_conf_t qnm_config;
+extern QNM_EXPORTED qnm_conf_flag_t qnm_flag;
 
 // Stores all defaults. Always 0.
 int _qnm_config_init(void);

@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "qnm.h"
+#include "qnm_export.h"
 
 namespace log4cxx {
 class Logger;
@@ -13,7 +14,7 @@ extern "C" {
 
 // The running level: calls above it format nothing. A plain word that any thread reads while
 // qnm_set_loglevel() writes it; use qnm::load and qnm::store.
-extern qnm_log_level_t g_log_level;
+extern QNM_EXPORTED qnm_log_level_t g_log_level;
 
 // Writes msg to the logger at the log4cxx level that matches level, if the logger has that level
 // enabled. A level outside 0 to 5 writes nothing.

@@ -7,6 +7,7 @@
 #include <cstdint>
 
 #include "qnm.h"
+#include "qnm_export.h"
 #include "qnm_socket.h"
 #include "qnm_thread.h"
 
@@ -21,14 +22,14 @@ typedef struct qnm_root_info {
 
 extern "C" {
 
-extern qnm_root_info_t qnm_root;
+extern QNM_EXPORTED qnm_root_info_t qnm_root;
 
 // 0, or the errno-style code of the internal error that ended the manager.
-extern int internal_err;
+extern QNM_EXPORTED int internal_err;
 
 // One pipe per receive thread and one for the link watcher: [0] is polled, [1] written.
-extern int qnm_terminate_fd_recv[2][2];
-extern int qnm_terminate_fd_link[2];
+extern QNM_EXPORTED int qnm_terminate_fd_recv[2][2];
+extern QNM_EXPORTED int qnm_terminate_fd_link[2];
 
 // Requests the stop because of an internal error. Wakes no thread.
 void _qnm_fini_manager(void);

@@ -7,6 +7,7 @@
 #include <cstdint>
 
 #include "qnm.h"
+#include "qnm_export.h"
 #include "qnm_thread.h"
 
 // Frames by kind, received and sent; index into est_stats_p0 and est_stats_p1.
@@ -93,8 +94,8 @@ typedef struct qnm_sd_stats {
 
 extern "C" {
 
-extern qnm_mutex_t qnm_stats_mutex;
-extern qnm_sd_stats_t qnm_stats QNM_GUARDED_BY(qnm_stats_mutex);
+extern QNM_EXPORTED qnm_mutex_t qnm_stats_mutex;
+extern QNM_EXPORTED qnm_sd_stats_t qnm_stats QNM_GUARDED_BY(qnm_stats_mutex);
 
 int _qnm_stats_init(void);
 int _qnm_stats_fini(void);

@@ -1,0 +1,26 @@
+# check_visibility.cmake - looks in the objects of an archive for names that other objects see
+# although they are not in a list. Needs ARCHIVE, EXPECTED (a file with a name a line) and READELF.
+# Weak names are instances of templates, among them those of the C++ library.
+
+execute_process(COMMAND ${READELF} --symbols --wide ${ARCHIVE}
+    OUTPUT_VARIABLE symbols COMMAND_ERROR_IS_FATAL ANY)
+file(STRINGS ${EXPECTED} expected)
+
+# A line is "number: value size type binding visibility section name"; UND is defined elsewhere.
+string(REGEX MATCHALL " GLOBAL DEFAULT +[0-9]+ [^\n]+" lines "${symbols}")
+set(visible "")
+foreach(line IN LISTS lines)
+    string(REGEX REPLACE ".* " "" name "${line}")
+    list(APPEND visible ${name})
+endforeach()
+
+set(unexpected ${visible})
+list(REMOVE_ITEM unexpected ${expected})
+foreach(name IN LISTS unexpected)
+    message(SEND_ERROR "not hidden: ${name}")
+endforeach()
+list(LENGTH visible count)
+list(LENGTH expected wanted)
+if(NOT count EQUAL wanted)
+    message(SEND_ERROR "${count} names are visible, of ${wanted} that are exported")
+endif()
