@@ -63,7 +63,8 @@ std::string write_bytes(const eeprom_bytes& bytes, const std::filesystem::path& 
     errno = 0;
     std::ofstream out(file, std::ios::binary | std::ios::trunc);
     if (!out) return system_reason();
-    out.write(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    out.write(reinterpret_cast<const char*>(bytes.data()),
+              static_cast<std::streamsize>(bytes.size()));
     out.close();
     return out ? "" : system_reason();
 }

@@ -99,7 +99,7 @@ struct simulator::impl {
     void answer_due();
     std::optional<steady::time_point> next_due() const;
     void take_frame(std::size_t port, frame_view frame);
-    void receive_from(std::size_t port);
+    void receive_from(std::size_t index);
     void loop();
 
     void wake() const;
