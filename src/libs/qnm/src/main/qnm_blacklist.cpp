@@ -30,7 +30,7 @@ struct qnm_bl_info_t {
 
 qnm_bl_info_t qnm_bl = {{}, QNM_MUTEX_OF_LEVEL(QNM_LOCK_BLACKLIST)};
 
-// All that know the lock come to the map by here.
+// All uses of the map come by here.
 qnm_rbtree_t* listed_ids() QNM_REQUIRES(qnm::blacklist_lock) {
     return &qnm_bl.ebi_rbtree;
 }
@@ -133,6 +133,7 @@ int _qnm_blacklist_fini(void) {
     return 0;
 }
 
+// blacklist_lock is the name of ebi_mutex for other units.
 int _qnm_lock_blacklist(void) QNM_UNCHECKED {
     _qnm_mutex_lock(&qnm_bl.ebi_mutex);
     qnm_log_trace("%s: blacklist lock", __func__);

@@ -40,7 +40,7 @@ qnm_mutex_t cmp_mutex = QNM_MUTEX_OF_LEVEL(QNM_LOCK_TAGS);
 
 struct completion_tag {
     uint32_t cmp_tag_state QNM_GUARDED_BY(cmp_mutex);  // 1 = allocated
-    uint32_t cmp_comp_state;                           // k_idle, k_waiting or k_received
+    uint32_t cmp_comp_state;                           // k_idle, k_waiting or k_received; atomic
     uint64_t cmp_mac QNM_GUARDED_BY(cmp_mutex);        // whom the read was sent to
     int32_t cmp_port QNM_GUARDED_BY(cmp_mutex);        // and by which port
     uint32_t cmp_data QNM_GUARDED_BY(cmp_mutex);       // the value that the Completion brought

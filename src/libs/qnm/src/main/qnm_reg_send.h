@@ -100,6 +100,7 @@ struct retry_text {
     char text[48];
 };
 
+// Stands for the lock of whichever card.
 inline constexpr lock_name card_write_lock{};
 
 // A card's write lock for a scope, where the card has one.
