@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <iterator>
 #include <numeric>
 #include <span>
 #include <thread>
@@ -102,18 +103,22 @@ TEST_F(reg_send, a_node_is_made_once_per_card) {
     EXPECT_EQ(_qnm_write_reg_unlock(k_id), 0);
 }
 
+// Makes and takes the locks one after the other, each with those before it held; on threads of
+// their own, as a thread has one at a time.
+void take_all(const uint64_t* id, const uint64_t* end) {
+    if (id == end) return;
+    EXPECT_EQ(_qnm_write_reg_lock(*id), ENOENT);
+    EXPECT_EQ(_qnm_create_reg_lock_node(*id), 0);
+    EXPECT_EQ(_qnm_write_reg_lock(*id), 0);
+    std::thread(take_all, id + 1, end).join();
+    EXPECT_EQ(_qnm_create_reg_lock_node(*id), EEXIST);
+    EXPECT_EQ(_qnm_write_reg_unlock(*id), 0);
+}
+
 TEST_F(reg_send, ids_that_differ_in_any_bit_have_locks_of_their_own) {
     constexpr uint64_t k_top = uint64_t{1} << 63;
     const uint64_t ids[] = {0, 1, k_top, k_top + 1, uint64_t{1} << 32, UINT64_MAX};
-    for (const uint64_t id : ids) {
-        EXPECT_EQ(_qnm_write_reg_lock(id), ENOENT);
-        EXPECT_EQ(_qnm_create_reg_lock_node(id), 0);
-        EXPECT_EQ(_qnm_write_reg_lock(id), 0);  // with those before it held
-    }
-    for (const uint64_t id : ids) {
-        EXPECT_EQ(_qnm_create_reg_lock_node(id), EEXIST);
-        EXPECT_EQ(_qnm_write_reg_unlock(id), 0);
-    }
+    take_all(std::begin(ids), std::end(ids));
 }
 
 TEST_F(reg_send, no_memory_for_a_node_is_reported) {
