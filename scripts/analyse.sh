@@ -5,8 +5,7 @@
 #   usage: analyse.sh
 #
 # What is looked for, and what is not and why, stands in .clang-tidy and .cppcheck. The tests are left
-# to the compilers: clang-tidy would take a quarter of an hour for the macros of GoogleTest, and
-# cppcheck cannot read them.
+# to the compilers: the macros of GoogleTest take clang-tidy long, and cppcheck cannot read them.
 set -euo pipefail
 # shellcheck source=scripts/common.sh
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
