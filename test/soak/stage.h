@@ -1,0 +1,78 @@
+// stage.h - what the two processes of the soak share: which cards there are, what is in them, and a
+// page of memory by which the host asks the cards for calm and learns what they announce.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+namespace soak {
+
+// ---- Cards -------------------------------------------------------------------------------------
+// Cards are numbered. The first ones last, and keep what is written into them; of the others some
+// are always away. Even ones are QNSV cards, odd ones QNIO cards; every second pair is 40G.
+
+constexpr size_t k_cards = 1200;    // that ever appear
+constexpr size_t k_present = 1000;  // at any time
+constexpr size_t k_lasting = 64;
+
+constexpr uint64_t card_id(size_t number) {
+    return 0x020000000000 + 0x10 * number;
+}
+
+// Every twentieth card, a multi-root QNIO card, is in a group of its own, which alone gets resets:
+// a reset between the steps of an EEPROM access makes a card forget which word is meant.
+constexpr uint16_t k_reset_vlan = 4094;
+constexpr uint16_t k_first_vlan = 16;
+constexpr uint16_t k_vlans = 200;
+
+constexpr bool is_reset_often(size_t number) {
+    return number >= k_lasting && number % 20 == 19;
+}
+
+// ---- Values ------------------------------------------------------------------------------------
+// Registers and words that nobody writes hold values known everywhere.
+
+constexpr uint32_t k_preset_registers = 0x2000;
+constexpr uint32_t k_preset_words = 0x100;
+constexpr uint32_t k_presets = 16;  // of each
+
+constexpr uint32_t preset_value(uint64_t id, uint32_t address) {
+    uint64_t value = (id << 16 ^ address) * 0x9E3779B97F4A7C15;
+    value ^= value >> 29;
+    return static_cast<uint32_t>(value * 0xBF58476D1CE4E5B9 >> 32);
+}
+
+// Each thread has its own register and its own EEPROM word in every lasting card.
+constexpr uint32_t k_own_registers = 0x3000;
+constexpr uint32_t k_own_words = 0x400;
+
+// ---- The shared page ---------------------------------------------------------------------------
+
+// What a card announces, as far as a record of it shows that at once.
+struct announced {
+    bool present;
+    bool uid_switch;
+    uint8_t int_vector;
+    uint16_t vlan_id;
+    std::array<bool, 4> paths;  // P0M0, P0M1, P1M0, P1M1
+};
+
+struct stage {
+    std::atomic<bool> host_ready;   // signals are handled from now on
+    std::atomic<bool> calm_wanted;  // by the host
+    std::atomic<bool> calm;         // the cards rest, the links are up, `cards` holds
+    std::array<announced, k_cards> cards;
+
+    std::atomic<uint64_t> frames;  // announcements and answers sent
+    std::atomic<uint64_t> faulty;  // frames of the host that break a rule of the protocol
+    std::atomic<uint64_t> swaps;   // a card gone, another one come
+    std::atomic<uint64_t> changes;
+    std::atomic<uint64_t> flaps;
+    std::atomic<uint64_t> signals;
+};
+
+static_assert(std::atomic<uint64_t>::is_always_lock_free);
+
+}  // namespace soak

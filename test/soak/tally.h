@@ -1,0 +1,53 @@
+// tally.h - what all threads of the host count together: calls, their results, the slowest one, and
+// what went wrong.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <initializer_list>
+#include <mutex>
+#include <string>
+
+#include "qnm.h"
+
+namespace soak {
+
+// A set of result codes.
+using codes = unsigned;
+
+constexpr codes any_of(std::initializer_list<qnm_api_code_t> members) {
+    codes set = 0;
+    for (const qnm_api_code_t code : members)
+        set |= 1U << code;
+    return set;
+}
+
+struct slow_call {
+    const char* name = "none";
+    std::chrono::nanoseconds lasted{0};
+};
+
+class tally {
+  public:
+    // A call that has returned; a code that is not documented for it is a failure.
+    void count(const char* name, qnm_api_code_t ret, codes documented,
+               std::chrono::nanoseconds lasted);
+
+    // Something is wrong. The first ones are printed at once.
+    void fail(const std::string& what);
+
+    uint64_t failures() const { return failures_; }
+    uint64_t calls() const;
+    std::string errors() const;  // how often each code but success came
+    slow_call take_slowest();    // since this was last asked
+
+  private:
+    std::array<std::atomic<uint64_t>, QNM_API_CODE_MAX> results_{};
+    std::atomic<uint64_t> failures_ = 0;
+    std::mutex mutex_;
+    slow_call slowest_;
+};
+
+}  // namespace soak

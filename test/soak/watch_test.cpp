@@ -1,0 +1,66 @@
+// watch_test.cpp - what counts as growth.
+
+#include "watch.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <random>
+#include <thread>
+
+namespace soak {
+namespace {
+
+constexpr size_t k_allowance = 1024;
+
+std::vector<size_t> noise(size_t base, size_t count) {
+    std::mt19937 random(1);
+    std::vector<size_t> samples;
+    for (size_t n = 0; n < count; n++)
+        samples.push_back(base + random() % k_allowance);
+    return samples;
+}
+
+TEST(growth, noise_is_none) {
+    EXPECT_EQ(growth(noise(20000, 600), k_allowance), "");
+}
+
+TEST(growth, of_the_first_third_does_not_count) {
+    std::vector<size_t> samples = noise(20000, 600);
+    for (size_t n = 0; n < 200; n++)
+        samples[n] = 50 * n;
+    EXPECT_EQ(growth(samples, k_allowance), "");
+}
+
+TEST(growth, peaks_are_none) {
+    std::vector<size_t> samples = noise(20000, 600);
+    for (size_t n = 400; n < 600; n += 3)
+        samples[n] += 100000;
+    EXPECT_EQ(growth(samples, k_allowance), "");
+}
+
+TEST(growth, a_slow_leak_is_seen) {
+    std::vector<size_t> samples = noise(20000, 600);
+    for (size_t n = 0; n < samples.size(); n++)
+        samples[n] += 10 * n;
+    EXPECT_NE(growth(samples, k_allowance), "");
+}
+
+TEST(growth, needs_nine_samples) {
+    EXPECT_EQ(growth({1, 2, 3, 4, 5, 6, 7, 80000}, 1), "");
+    EXPECT_NE(growth({1, 2, 3, 4, 5, 6, 7, 80000, 90000}, 1), "");
+}
+
+TEST(figures, show_what_this_process_has) {
+    const size_t before = descriptors();
+    const std::unique_ptr<FILE, int (*)(FILE*)> file(fopen("/dev/null", "r"), fclose);
+    EXPECT_EQ(descriptors(), before + 1);
+    EXPECT_GE(threads(), 1U);
+    const size_t memory = resident();
+    constexpr size_t k_mib = 64;
+    const std::vector<char> filled(k_mib << 20, 1);
+    EXPECT_GE(resident(), memory + (k_mib << 10) / 2);
+}
+
+}  // namespace
+}  // namespace soak

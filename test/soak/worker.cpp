@@ -1,0 +1,348 @@
+// worker.cpp - the operations, with how often each is drawn and which results are documented.
+
+#include "worker.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <numeric>
+#include <span>
+#include <string>
+
+namespace soak {
+
+namespace {
+
+using clock = std::chrono::steady_clock;
+
+constexpr qnm_retry_t k_register_retry = {30, 20};
+constexpr qnm_retry_t k_eeprom_retry = {8, 20};
+
+constexpr codes k_plain = any_of({QNM_API_SUCCESS, QNM_API_ENOSYS});
+constexpr codes k_query = k_plain | any_of({QNM_API_ENOENT});
+constexpr codes k_send = k_query | any_of({QNM_API_ENOLINK, QNM_API_EPROTO});
+constexpr codes k_answered = k_send | any_of({QNM_API_ETIMEDOUT});
+constexpr codes k_eeprom = k_answered | any_of({QNM_API_EBUSY});
+
+void ignore_event(uint64_t, qnm_evt_type_t, void*) {}
+
+}  // namespace
+
+// ---- What a place may hold ---------------------------------------------------------------------
+
+void contents::written(uint32_t value, bool surely) {
+    if (surely) possible_.clear();
+    if (std::find(possible_.begin(), possible_.end(), value) == possible_.end()) {
+        possible_.push_back(value);
+    }
+}
+
+bool contents::read(uint32_t value) {
+    if (std::find(possible_.begin(), possible_.end(), value) == possible_.end()) return false;
+    possible_.assign(1, value);
+    return true;
+}
+
+// ---- The operations ----------------------------------------------------------------------------
+
+struct worker::operation {
+    unsigned weight;
+    void (worker::*run)();
+};
+
+const worker::operation worker::k_operations[] = {
+    {300, &worker::read_preset_register},
+    {40, &worker::dump_preset_registers},
+    {300, &worker::use_own_register},
+    {30, &worker::read_preset_word},
+    {8, &worker::dump_preset_words},
+    {30, &worker::use_own_word},
+    {4, &worker::unlock_eeprom},
+    {10, &worker::set_vlan},
+    {5, &worker::reset},
+    {5, &worker::write_page},
+    {200, &worker::query},
+    {40, &worker::list},
+    {10, &worker::forget},
+    {10, &worker::stop_monitor},
+    {30, &worker::restart_monitor},
+    {40, &worker::register_callback},
+    {4, &worker::change_level},
+    {1, &worker::dump_status},
+};
+
+worker::worker(unsigned number, uint64_t seed, tally& counted)
+    : number_(number), random_(seed), counted_(counted) {}
+
+void worker::step() {
+    static const unsigned total =
+        std::accumulate(std::begin(k_operations), std::end(k_operations), 0U,
+                        [](unsigned sum, const operation& it) { return sum + it.weight; });
+    unsigned drawn = draw(total);
+    const operation* it = k_operations;
+    for (; drawn >= it->weight; it++)
+        drawn -= it->weight;
+    (this->*it->run)();
+}
+
+template <typename Call>
+qnm_api_code_t worker::call(const char* name, codes documented, Call call) {
+    const auto start = clock::now();
+    since_ = start;
+    name_ = name;
+    const qnm_api_code_t ret = call();
+    name_ = nullptr;
+    counted_.count(name, ret, documented, clock::now() - start);
+    return ret;
+}
+
+slow_call worker::under_way() const {
+    const char* const name = name_;
+    if (name == nullptr) return {};
+    return {name, clock::now() - since_.load()};
+}
+
+void worker::check(bool right, const char* what, uint64_t id) {
+    if (right) return;
+    char text[96];
+    snprintf(text, sizeof text, "wrong %s of card 0x%012lx", what, id);
+    counted_.fail(text);
+}
+
+uint64_t worker::steady_card() {
+    size_t number = 0;
+    do {
+        number = draw(4) == 0 ? draw(k_cards) : draw(k_lasting);
+    } while (is_reset_often(number));
+    return card_id(number);
+}
+
+// ---- Registers ---------------------------------------------------------------------------------
+
+void worker::read_preset_register() {
+    const uint64_t id = any_card();
+    const uint32_t address = k_preset_registers + 4 * draw(k_presets);
+    uint32_t value = 0;
+    const auto ret = call("qnm_read_register", k_answered, [&] {
+        return qnm_read_register(id, address, &value, &k_register_retry, any_flags());
+    });
+    if (ret == QNM_API_SUCCESS) check(value == preset_value(id, address), "register", id);
+}
+
+void worker::check_dump(uint64_t id, uint32_t start, size_t words, size_t length,
+                        const std::array<uint32_t, k_presets>& data, bool success) {
+    check(length % 4 == 0 && length <= 4 * words && (!success || length == 4 * words),
+          "length of a dump", id);
+    for (size_t n = 0; n < length / 4 && n < words; n++)
+        check(data[n] == preset_value(id, start + static_cast<uint32_t>(4 * n)), "dump", id);
+}
+
+void worker::dump_preset_registers() {
+    const uint64_t id = any_card();
+    std::array<uint32_t, k_presets> data{};
+    size_t length = sizeof data;
+    const auto ret = call("qnm_dump_register", k_answered, [&] {
+        return qnm_dump_register(id, k_preset_registers, k_preset_registers + 4 * k_presets,
+                                 data.data(), &length, &k_register_retry, any_flags());
+    });
+    check_dump(id, k_preset_registers, k_presets, length, data, ret == QNM_API_SUCCESS);
+}
+
+void worker::use_own_register() {
+    const size_t number = draw(k_lasting);
+    const uint64_t id = card_id(number);
+    const uint32_t address = k_own_registers + 4 * number_;
+    const auto value = static_cast<uint32_t>(random_());
+    const auto mask = static_cast<uint32_t>(random_());
+    contents& held = registers_[number];
+    const uint32_t flags = any_flags() | (draw(2) == 0 ? QNM_FLAG_VERIFY : 0);
+    const bool verified = (flags & QNM_FLAG_VERIFY) != 0;
+    const uint32_t kind = draw(3);
+    if (kind == 0) {
+        const auto ret = call("qnm_write_register", k_answered, [&] {
+            return qnm_write_register(id, address, value, &k_register_retry, flags);
+        });
+        held.written(value, verified && ret == QNM_API_SUCCESS);
+    } else if (kind == 1 && held.is_known()) {
+        const auto ret = call("qnm_modify_register", k_answered, [&] {
+            return qnm_modify_register(id, address, value, mask, &k_register_retry, flags);
+        });
+        held.written((held.value() & ~mask) | (value & mask), verified && ret == QNM_API_SUCCESS);
+    } else {
+        uint32_t found = 0;
+        const auto ret = call("qnm_read_register", k_answered, [&] {
+            return qnm_read_register(id, address, &found, &k_register_retry, flags);
+        });
+        if (ret == QNM_API_SUCCESS) check(held.read(found), "register written", id);
+    }
+}
+
+// ---- EEPROM ------------------------------------------------------------------------------------
+
+void worker::read_preset_word() {
+    const uint64_t id = steady_card();
+    const uint32_t address = k_preset_words + 4 * draw(k_presets);
+    uint32_t value = 0;
+    const auto ret = call("qnm_read_eeprom", k_eeprom, [&] {
+        return qnm_read_eeprom(id, address, &value, &k_eeprom_retry, any_flags());
+    });
+    if (ret == QNM_API_SUCCESS) check(value == preset_value(id, address), "EEPROM word", id);
+}
+
+void worker::dump_preset_words() {
+    const uint64_t id = steady_card();
+    const size_t words = 1 + draw(k_presets);
+    std::array<uint32_t, k_presets> data{};
+    size_t length = sizeof data;
+    const auto ret = call("qnm_dump_eeprom", k_eeprom, [&] {
+        return qnm_dump_eeprom(id, k_preset_words,
+                               k_preset_words + static_cast<uint32_t>(4 * words), data.data(),
+                               &length, &k_eeprom_retry, any_flags());
+    });
+    check_dump(id, k_preset_words, words, length, data, ret == QNM_API_SUCCESS);
+}
+
+void worker::use_own_word() {
+    const size_t number = draw(k_lasting);
+    const uint64_t id = card_id(number);
+    const uint32_t address = k_own_words + 4 * number_;
+    contents& held = words_[number];
+    if (draw(2) == 0) {
+        const auto value = static_cast<uint32_t>(random_());
+        const uint32_t flags = draw(2) == 0 ? QNM_FLAG_VERIFY : 0;
+        const auto ret = call("qnm_write_eeprom", k_eeprom, [&] {
+            return qnm_write_eeprom(id, address, value, &k_eeprom_retry, flags);
+        });
+        held.written(value, ret == QNM_API_SUCCESS);
+        return;
+    }
+    uint32_t found = 0;
+    const auto ret = call("qnm_read_eeprom", k_eeprom,
+                          [&] { return qnm_read_eeprom(id, address, &found, &k_eeprom_retry, 0); });
+    if (ret == QNM_API_SUCCESS) check(held.read(found), "EEPROM word written", id);
+}
+
+void worker::unlock_eeprom() {
+    const uint64_t id = steady_card();
+    call("qnm_unlock_eeprom", k_answered, [&] { return qnm_unlock_eeprom(id); });
+}
+
+// ---- Commands to cards -------------------------------------------------------------------------
+
+// Each lasting card gets its VLAN ID from one thread only, and never one that it had lately: an ID
+// that stands in the record already would seem confirmed.
+void worker::set_vlan() {
+    const size_t number = number_ + k_workers * draw(k_lasting / k_workers);
+    const auto vlan = static_cast<uint16_t>(k_first_vlan + vlans_set_++ % k_vlans);
+    const uint32_t flags = draw(4) == 0 ? 0 : QNM_FLAG_VERIFY;
+    constexpr qnm_retry_t k_retry = {10, 200};
+    const auto ret = call("qnm_set_vlanid", k_answered,
+                          [&] { return qnm_set_vlanid(card_id(number), vlan, &k_retry, flags); });
+    vlans_[number] = ret == QNM_API_SUCCESS && flags != 0 ? vlan : 0;
+}
+
+void worker::reset() {
+    const uint64_t id = card_id(k_lasting + 15 + 20 * draw(50));
+    call("qnm_send_resetframe", k_send, [&] {
+        return qnm_send_resetframe(id, static_cast<unsigned char>(draw(256)), nullptr, 0);
+    });
+}
+
+void worker::write_page() {
+    const uint64_t id = card_id(k_lasting + 15 + 20 * draw(50));
+    uint32_t page[32];
+    std::iota(std::begin(page), std::end(page), static_cast<uint32_t>(random_()));
+    call("qnm_write_mmspage", k_send,
+         [&] { return qnm_write_mmspage(id, draw(1024), page, any_flags()); });
+}
+
+// ---- The tables --------------------------------------------------------------------------------
+
+void worker::query() {
+    const size_t number = draw(k_cards);
+    const uint64_t id = card_id(number);
+    qnm_com_dev_t found{};
+    qnm_api_code_t ret;
+    if (number % 2 == 0) {
+        qnm_qnsv_t record;
+        ret = call("qnm_get_qnsv", k_query, [&] { return qnm_get_qnsv(id, &record); });
+        if (ret == QNM_API_SUCCESS) found = record.esv_com_dev;
+    } else {
+        qnm_qnio_t record;
+        ret = call("qnm_get_qnio", k_query, [&] { return qnm_get_qnio(id, &record); });
+        if (ret == QNM_API_SUCCESS) found = record.eio_com_dev;
+    }
+    if (ret != QNM_API_SUCCESS) return;
+    check(found.ecd_id == id && (found.ecd_type != 0) == (number / 2 % 2 != 0), "record", id);
+    check(is_reset_often(number)
+              ? found.ecd_vlan_id == k_reset_vlan
+              : found.ecd_vlan_id >= k_first_vlan && found.ecd_vlan_id < k_first_vlan + k_vlans,
+          "group", id);
+}
+
+void worker::list() {
+    uint64_t* ids = nullptr;
+    uint32_t count = 0;
+    qnm_api_code_t ret;
+    const auto group = static_cast<uint16_t>(k_first_vlan + draw(k_vlans));
+    switch (draw(4)) {
+        case 0:
+            ret = call("qnm_get_qnsvids", k_plain, [&] { return qnm_get_qnsvids(&ids, &count); });
+            break;
+        case 1:
+            ret = call("qnm_get_qnioids", k_plain, [&] { return qnm_get_qnioids(&ids, &count); });
+            break;
+        case 2:
+            ret = call("qnm_get_update_qnsvids", k_plain,
+                       [&] { return qnm_get_update_qnsvids(0, &ids, &count); });
+            break;
+        default:
+            ret = call("qnm_get_group_qnioids", k_plain,
+                       [&] { return qnm_get_group_qnioids(group, &ids, &count); });
+    }
+    if (ret != QNM_API_SUCCESS) return;
+    const std::span<const uint64_t> all(ids, count);
+    const bool right = count <= k_cards / 2 && (ids == nullptr) == (count == 0) &&
+                       std::is_sorted(all.begin(), all.end());
+    if (!right) counted_.fail("wrong list of " + std::to_string(count) + " cards");
+    call("qnm_free_idlist", any_of({QNM_API_SUCCESS}), [&] { return qnm_free_idlist(ids); });
+}
+
+void worker::forget() {
+    const size_t number = draw(k_cards);
+    const auto forget = number % 2 == 0 ? qnm_delete_qnsv : qnm_delete_qnio;
+    call(number % 2 == 0 ? "qnm_delete_qnsv" : "qnm_delete_qnio", k_query,
+         [&] { return forget(card_id(number)); });
+}
+
+void worker::stop_monitor() {
+    const uint64_t id = passing_card();
+    call("qnm_stop_monitor", k_plain, [&] { return qnm_stop_monitor(id); });
+}
+
+void worker::restart_monitor() {
+    const uint64_t id = passing_card();
+    call("qnm_restart_monitor", k_plain, [&] { return qnm_restart_monitor(id); });
+}
+
+// ---- Callbacks, log and statistics -------------------------------------------------------------
+
+void worker::register_callback() {
+    qnm_cbid_t handle = nullptr;
+    const auto type = static_cast<qnm_evt_type_t>(draw(QNM_EVT_MAX));
+    const auto ret = call("qnm_register_callback", k_plain, [&] {
+        return qnm_register_callback(type, ignore_event, nullptr, &handle);
+    });
+    if (ret != QNM_API_SUCCESS) return;
+    call("qnm_unregister_callback", k_plain, [&] { return qnm_unregister_callback(handle); });
+}
+
+void worker::change_level() {
+    const auto level = static_cast<qnm_log_level_t>(draw(QNM_LOGLVL_TRACE + 2) + QNM_LOGLVL_NONE);
+    call("qnm_set_loglevel", k_plain, [&] { return qnm_set_loglevel(level); });
+}
+
+void worker::dump_status() {
+    call("qnm_stdump", k_plain, [&] { return qnm_stdump(draw(8) == 0 ? 1 : 0); });
+}
+
+}  // namespace soak

@@ -1,0 +1,93 @@
+// worker.h - one of the threads that use the library at random and know what must come back.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <random>
+#include <vector>
+
+#include "stage.h"
+#include "tally.h"
+
+namespace soak {
+
+constexpr unsigned k_workers = 8;
+
+// What a place that one thread alone writes may hold: one value, or after a write whose effect is
+// not known both the old and the new one.
+class contents {
+  public:
+    explicit contents(uint32_t initial) : possible_{initial} {}
+
+    bool is_known() const { return possible_.size() == 1; }
+    uint32_t value() const { return possible_.front(); }
+    void written(uint32_t value, bool surely);
+    bool read(uint32_t value);  // whether it may be this one
+
+  private:
+    std::vector<uint32_t> possible_;
+};
+
+class worker {
+  public:
+    worker(unsigned number, uint64_t seed, tally& counted);
+
+    void step();  // one operation, drawn at random
+    std::chrono::microseconds rest() { return std::chrono::microseconds(draw(4000)); }
+
+    // The VLAN ID that this worker has given to one of its cards, or 0 when it is not known.
+    uint16_t vlan_of(size_t lasting) const { return vlans_[lasting]; }
+
+    // The call under way, if any, and for how long.
+    slow_call under_way() const;
+
+  private:
+    struct operation;
+    static const operation k_operations[];
+
+    template <typename Call>
+    qnm_api_code_t call(const char* name, codes documented, Call call);
+    void check(bool right, const char* what, uint64_t id);
+
+    uint32_t draw(uint32_t below) { return static_cast<uint32_t>(random_() % below); }
+    uint64_t any_card() { return card_id(draw(k_cards)); }
+    uint64_t passing_card() { return card_id(k_lasting + draw(k_cards - k_lasting)); }
+    uint64_t steady_card();  // gets no resets
+    uint32_t any_flags() { return draw(8) == 0 ? QNM_FLAG_LIVECHECK : 0; }
+
+    void read_preset_register();
+    void dump_preset_registers();
+    void use_own_register();
+    void read_preset_word();
+    void dump_preset_words();
+    void use_own_word();
+    void unlock_eeprom();
+    void set_vlan();
+    void reset();
+    void write_page();
+    void query();
+    void list();
+    void forget();
+    void stop_monitor();
+    void restart_monitor();
+    void register_callback();
+    void change_level();
+    void dump_status();
+
+    void check_dump(uint64_t id, uint32_t start, size_t words, size_t length,
+                    const std::array<uint32_t, k_presets>& data, bool success);
+
+    const unsigned number_;
+    std::mt19937_64 random_;
+    tally& counted_;
+    std::vector<contents> registers_{k_lasting, contents(0)};
+    std::vector<contents> words_{k_lasting, contents(0xFFFFFFFF)};
+    std::array<uint16_t, k_lasting> vlans_{};
+    uint32_t vlans_set_ = 0;
+    std::atomic<const char*> name_ = nullptr;  // of the call under way
+    std::atomic<std::chrono::steady_clock::time_point> since_{};
+};
+
+}  // namespace soak
