@@ -21,8 +21,9 @@ needed=(
   libtomlplusplus-dev                        # qnm-cardsim
   libgtest-dev libgmock-dev binutils         # the tests; nm lists what the library exports
   iproute2 util-linux                        # network namespaces: ip, unshare
+  libcap2-bin                                # file capabilities: setcap
 )
-commands=(g++ cmake ninja pkg-config nm ip unshare)
+commands=(g++ cmake ninja pkg-config nm ip unshare setcap)
 readonly cmake_minimum=3.25
 
 is_installed() {
