@@ -19,6 +19,15 @@ die() {
 # Words put before every program that runs what was built, for example setarch with an option.
 launcher=()
 
+# ThreadSanitizer and AddressSanitizer reserve fixed address ranges, into which a kernel with much
+# address randomisation puts other things ("unexpected memory mapping"). Programs built with them do
+# without it where that is permitted.
+keep_addresses() {
+  if setarch --addr-no-randomize true 2>/dev/null; then
+    launcher=(setarch --addr-no-randomize)
+  fi
+}
+
 # Configures a preset and builds it: all of it, or only the targets named after it.
 build_preset() {
   local preset=$1

@@ -7,6 +7,7 @@
 #   --with-analysis   also what scripts/analyse.sh needs
 #   --with-bench      also what the benchmarks need
 #   --with-coverage   also what scripts/coverage.sh needs
+#   --with-fuzz       also what the fuzzers need
 #
 #   QNM_SKIP_DEPS=1   trust that everything is there, for systems that name their packages otherwise
 set -euo pipefail
@@ -93,6 +94,10 @@ add_option() {
     --with-coverage)
       needed+=(gcovr)
       commands+=(gcov gcovr)
+      ;;
+    --with-fuzz)
+      needed+=(clang 'libclang-rt-dev|libclang-rt-14-dev') # libFuzzer, the sanitizers
+      commands+=(clang clang++)
       ;;
     *)
       die "unknown option '$1'"

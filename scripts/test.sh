@@ -10,17 +10,11 @@ set -euo pipefail
 # shellcheck source=scripts/common.sh
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
-# ThreadSanitizer and AddressSanitizer reserve fixed address ranges, into which a kernel with much
-# address randomisation puts other things ("unexpected memory mapping"). Their presets do without it
-# where that is permitted; the build too, because it asks each test program for its tests.
+# The build runs programs, too, because it asks each test program for its tests.
 choose_launcher() {
   launcher=()
   case $1 in
-    asan | tsan)
-      if setarch --addr-no-randomize true 2>/dev/null; then
-        launcher=(setarch --addr-no-randomize)
-      fi
-      ;;
+    asan | tsan) keep_addresses ;;
   esac
 }
 
