@@ -310,7 +310,7 @@ int _qnm_config_read(char* path) {
         qnm_log_warn("%s: Failed to _qnm_file_exist(). path=%s", __func__, path);
         return ENOENT;
     }
-    const std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(path, "r"), fclose);
+    const std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(path, "re"), fclose);
     if (file == nullptr) {
         qnm_log_error("%s: file open error: %s. erno=%d", __func__, path, errno);
         return EPROTO;

@@ -100,7 +100,7 @@ bool watch_once(struct pollfd (&fds)[2]) {
 
 // A socket that receives the link notifications; -1 on failure, which is logged.
 int open_netlink() {
-    const int fd = socket(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE);
+    const int fd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
     if (fd == -1) {
         qnm_log_fatal("%s: Failed to socket(). errno=%d", k_name, errno);
         _qnm_fini_manager();

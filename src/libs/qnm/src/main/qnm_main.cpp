@@ -174,6 +174,8 @@ int _qnm_terminate_event_create() {
             _qnm_terminate_event_destroy();
             return EPROTO;
         }
+        _qnm_close_on_exec(fds[0]);
+        _qnm_close_on_exec(fds[1]);
     }
     return 0;
 }

@@ -111,6 +111,7 @@ int learn_port(const char* func, const char* port_name, qnm_port_info_t* port_in
         qnm_log_error("%s: Failed to pcap_fileno().", func);
         return EPROTO;
     }
+    _qnm_close_on_exec(fd);
     struct ifreq request;
     int err = make_request(func, port_name, "interface index.", &request);
     if (err != 0) return err;

@@ -2,6 +2,7 @@
 
 #include "qnm_util.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 
@@ -119,6 +120,10 @@ void _qnm_msleep(uint32_t ms) {
     if (_qnm_get_deadline(ms, &deadline) != 0) return;
     while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &deadline, nullptr) == EINTR) {
     }
+}
+
+void _qnm_close_on_exec(int fd) {
+    fcntl(fd, F_SETFD, FD_CLOEXEC);
 }
 
 int _qnm_make_filename(const char* dir, const char* file, char* name, size_t size) {

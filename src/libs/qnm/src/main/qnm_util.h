@@ -49,6 +49,9 @@ uint64_t _qnm_get_msec_monotonic(void);
 // Sleeps for ms milliseconds; a signal does not cut it short.
 void _qnm_msleep(uint32_t ms);
 
+// Keeps a descriptor to this program: one that the host executes does not inherit it.
+void _qnm_close_on_exec(int fd);
+
 // The name of a file of the installation in directory dir (null or empty: the default one). 0, or
 // 71 when it does not fit into size bytes.
 int _qnm_make_filename(const char* dir, const char* file, char* name, size_t size);
