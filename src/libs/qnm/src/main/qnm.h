@@ -26,6 +26,63 @@
  *  - Time is wall-clock time in milliseconds since the epoch.
  *  - Output arguments are written only on success, unless stated.
  *  - Strings and records passed in stay the caller's; the library keeps no pointer to them.
+ *  - Signals: no call is cut short by one, and the library's own threads take none. From a signal
+ *    handler only qnm_err2retcode() and the comparisons may be called; a handler that is to stop
+ *    the manager has a thread call qnm_fini_manager().
+ *  - fork(): the manager stays with the parent and is not disturbed. In the child only the same
+ *    functions may be called. Programs that are executed inherit no port, socket or pipe.
+ *  - Cancellation: a thread inside a call must not be cancelled.
+ *
+ * What the calls promise one by one. Manager: in which state the call can succeed. In a callback:
+ * whether a callback may call it. Takes: what the call waits for, short locks and the log apart. At
+ * a stop: what becomes of a call that is under way. Memory: whose memory a result is in.
+ *
+ *   call                     manager      in a callback  takes           at a stop  memory
+ *   qnm_err2retcode          any          yes            at once         completes  -
+ *   qnm_init_manager         not running  refused        until the stop  returns    -
+ *   qnm_start_manager        running      yes            at once         completes  -
+ *   qnm_fini_manager         any          yes            at once         completes  -
+ *   qnm_get_qnsv             running      yes            at once         completes  caller's
+ *   qnm_get_qnio             running      yes            at once         completes  caller's
+ *   qnm_get_qnsvids          running      yes            per card        completes  list to free
+ *   qnm_get_qnioids          running      yes            per card        completes  list to free
+ *   qnm_get_update_qnsvids   running      yes            per card        completes  list to free
+ *   qnm_get_update_qnioids   running      yes            per card        completes  list to free
+ *   qnm_get_group_qnsvids    running      yes            per card        completes  list to free
+ *   qnm_get_group_qnioids    running      yes            per card        completes  list to free
+ *   qnm_delete_qnsv          running      yes            at once         completes  -
+ *   qnm_delete_qnio          running      yes            at once         completes  -
+ *   qnm_free_idlist          any          yes            at once         completes  frees list
+ *   qnm_stop_monitor         running      yes            at once         completes  -
+ *   qnm_restart_monitor      running      yes            at once         completes  -
+ *   qnm_register_callback    running      other type     callback        completes  handle
+ *   qnm_unregister_callback  running      other type     callback        completes  frees handle
+ *   qnm_read_register        running      yes            answers         ends       caller's
+ *   qnm_write_register       running      yes            turn, answers   ends       -
+ *   qnm_modify_register      running      yes            turn, answers   ends       -
+ *   qnm_dump_register        running      yes            answers         ends       caller's
+ *   qnm_read_eeprom          running      yes            turn, answers   ends       caller's
+ *   qnm_write_eeprom         running      yes            turn, answers   ends       -
+ *   qnm_dump_eeprom          running      yes            turn, answers   ends       caller's
+ *   qnm_unlock_eeprom        running      yes            answers         ends       -
+ *   qnm_set_vlanid           running      yes            answers         ends       -
+ *   qnm_send_resetframe      running      yes            at once         completes  -
+ *   qnm_write_mmspage        running      yes            answers         ends       -
+ *   qnm_set_loglevel         running      yes            at once         completes  -
+ *   qnm_stdump               running      yes            per card        completes  -
+ *   qnm_log_init             any          yes            file            completes  -
+ *   qnm_log_*                any          yes            at once         completes  -
+ *   qnm_syslog_*             any          yes            at once         completes  -
+ *   qnm_statslog             any          yes            at once         completes  -
+ *   qnm_rbtree_*_compare     any          yes            at once         completes  -
+ *
+ *   at once     microseconds; locks are held for moments only
+ *   per card    the same for every card that is known
+ *   callback    until a callback of the same event type that is running returns
+ *   answers     frames of the card, no longer than the retry parameters say
+ *   turn        other writing and EEPROM calls to the same card first
+ *   completes   the stop waits for it
+ *   ends        it is woken and returns QNM_API_ENOSYS
  *
  * Link with -lqnm. The header is plain C99 and C++.
  */
