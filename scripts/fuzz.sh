@@ -13,7 +13,8 @@
 #   FUZZ_JOBS   how many run at the same time; default: all cores
 #
 # A target ends at its first finding. The input is kept and named; exit status 1. What a run has
-# learnt stays in build/fuzz/corpus, and the next one goes on from there.
+# learnt stays in build/fuzz/corpus, and the next one goes on from there. Findings of an earlier run
+# are moved to a directory named after the time.
 set -euo pipefail
 # shellcheck source=scripts/common.sh
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
@@ -24,7 +25,7 @@ readonly findings=$build/findings logs=$build/logs
 
 # Inputs beyond this size add time and no new path.
 readonly longest_input=2048
-# A hang: no input takes a second.
+# A hang: an input takes milliseconds, on a busy machine with the sanitizers a second at most.
 readonly seconds_per_input=20
 
 # Quarantine as large as by default would need more memory than the targets themselves.
@@ -55,6 +56,12 @@ fuzz_target() {
     -max_total_time="$seconds" -timeout="$seconds_per_input" -max_len="$longest_input" \
     -len_control=20 -print_final_stats=1 -artifact_prefix="$findings/$target-" \
     "$build/corpus/$target" "$targets_dir/corpus/$target" >"$logs/$target.log" 2>&1
+}
+
+put_findings_aside() {
+  if [[ -n $(find "$findings" -type f -print -quit 2>/dev/null) ]]; then
+    mv "$findings" "$findings-$(date +%Y%m%dT%H%M%S)"
+  fi
 }
 
 # All targets, as many at the same time as there is room for.
@@ -145,7 +152,8 @@ main() {
   "$root/scripts/install-deps.sh" --with-fuzz
   keep_addresses
   build_preset fuzz
-  rm -rf "$findings" "$logs"
+  put_findings_aside
+  rm -rf "$logs"
   mkdir -p "$findings" "$logs"
   fuzz_all $((minutes * 60)) "${targets[@]}"
   print_table "${targets[@]}"

@@ -3,13 +3,13 @@
 //
 // The library's own loops run on this one thread: the receive loop until a port has no more frames,
 // the keepalive loop for one check, the link watcher for one notification, the event thread until
-// its queue is empty. So an input always means the same. After the steps the tables have to agree
-// with what the public calls tell of them, and the counters with the tables.
+// its queue is empty. So an input always means the same. After every step the tables have to agree
+// with their totals, and in the end with what the public calls tell of them, and with the counters.
 
 #include <poll.h>
 
 #include <algorithm>
-#include <map>
+#include <array>
 #include <numeric>
 
 #include "library.h"
@@ -22,8 +22,8 @@ using fuzz::require;
 using std::chrono::milliseconds;
 
 constexpr std::size_t k_most_steps = 400;
-constexpr std::size_t k_longest_frame = 1600;
-constexpr std::size_t k_most_dumps = 4;  // of thousands of lines each
+constexpr std::size_t k_longest_frame = 9300;  // more than a jumbo frame
+constexpr std::size_t k_most_dumps = 4;        // of thousands of lines each
 
 std::uint32_t pending_events() {
     return qnm_stats.est_evt_node_al - qnm_stats.est_evt_node_fr;
@@ -128,11 +128,13 @@ void complete(network& net, reader& in) {
     arrive(net, in, frames::build_completion(it));
 }
 
-// Nothing is right by itself, not even the length.
+// Nothing is right by itself, not even the length. A few bytes make a long frame: they are
+// repeated.
 void arrive_raw(network& net, reader& in) {
     frames::frame_t frame(in.u16() % k_longest_frame);
-    const fuzz::bytes contents = in.take(in.u8());
-    std::copy_n(contents.begin(), std::min(contents.size(), frame.size()), frame.begin());
+    const fuzz::bytes pattern = in.take(in.u8());
+    for (std::size_t n = 0; n < frame.size() && !pattern.empty(); n++)
+        frame[n] = pattern[n % pattern.size()];
     arrive(net, in, frame);
 }
 
@@ -261,7 +263,7 @@ qnm_api_code_t get_ids(std::uint64_t** ids, std::uint32_t* count) {
 
 struct table_view {
     std::vector<std::uint64_t> ids;
-    std::map<std::uint32_t, std::uint32_t> groups;
+    std::array<std::uint32_t, QNM_GROUP_MAX + 1> groups = {};
 };
 
 template <typename Kind>
@@ -297,17 +299,20 @@ table_view walk_table() {
 }
 
 template <typename Kind>
-void check_table() {
-    const table_view seen = walk_table<Kind>();
+table_view check_table() {
+    table_view seen = walk_table<Kind>();
     require(std::is_sorted(seen.ids.begin(), seen.ids.end(), std::less_equal()), "IDs ascend");
     require(qnm_qn.*Kind::total == seen.ids.size(), "the total is that of the table");
-    for (std::uint32_t group = 0; group <= QNM_GROUP_MAX; group++) {
-        const auto found = seen.groups.find(group);
-        const std::uint32_t count = found != seen.groups.end() ? found->second : 0;
-        require((qnm_qn.*Kind::groups)[group] == count, "the group counts are those of the table");
-    }
+    require(std::equal(seen.groups.begin(), seen.groups.end(), qnm_qn.*Kind::groups),
+            "the group counts are those of the table");
     require(qnm_stats.*Kind::allocated - qnm_stats.*Kind::freed == seen.ids.size(),
             "as many records are in memory as in the table");
+    return seen;
+}
+
+template <typename Kind>
+void check_list() {
+    const table_view seen = check_table<Kind>();
     std::uint64_t* ids = nullptr;
     std::uint32_t count = 0;
     require(get_ids<Kind>(&ids, &count) == QNM_API_SUCCESS, "IDs can be asked for");
@@ -342,6 +347,12 @@ void check_counters(const network& net) {
     require(pending_events() == 0, "no event is left in memory");
 }
 
+void take_step(network& net, reader& in) {
+    k_steps[in.below(std::size(k_steps))](net, in);
+    check_table<qnm::qnsv_kind>();
+    check_table<qnm::qnio_kind>();
+}
+
 void configure(reader& in) {
     const std::uint8_t choice = in.u8();
     qnm_config.update_evt_mask = (choice & 1) != 0 ? 1 : 2;
@@ -358,15 +369,15 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     network net(in.u8() < 0xE0 ? QNM_LOGLVL_WARN : QNM_LOGLVL_TRACE);
     configure(in);
     for (std::size_t n = 0; n < k_most_steps && !in.is_empty() && !net.is_stopped(); n++)
-        k_steps[in.below(std::size(k_steps))](net, in);
+        take_step(net, in);
     alloc::all_used();
     qnm::store(internal_err, 0);
     set_flags(0, 0, 1);
     qnm_config.id_list_upper_limit = 0xFFFFFFFF;
     reader nothing({});
     deliver_events(net, nothing);
-    check_table<qnm::qnsv_kind>();
-    check_table<qnm::qnio_kind>();
+    check_list<qnm::qnsv_kind>();
+    check_list<qnm::qnio_kind>();
     check_counters(net);
     return 0;
 }
