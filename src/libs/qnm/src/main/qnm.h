@@ -374,7 +374,8 @@ typedef enum qnm_evt_type QNM_ANY_INT {
  * A callback. It runs on the library's event thread, one event at a time, in the order in which
  * the events arose and the callbacks were registered. It may call every public function except
  * qnm_register_callback() and qnm_unregister_callback() for its own event type, which would
- * deadlock. While it runs, further events wait. It must not throw.
+ * deadlock. While it runs, further events wait; those that still wait at a stop are dropped. It must
+ * not throw.
  *
  * @param id     card ID
  * @param event  event type
