@@ -142,6 +142,9 @@ constexpr field<card> answering_fields[] = {
     {"wrong_port", number, whole, into_faults<&fault_settings::wrong_port>},
     {"wrong_mac", number, whole, into_faults<&fault_settings::wrong_mac>},
     {"wrong_tag", number, whole, into_faults<&fault_settings::wrong_tag>},
+    {"lose_announcements", number, whole, into_faults<&fault_settings::lose_announcements>},
+    {"duplicate_announcements", number, whole,
+     into_faults<&fault_settings::duplicate_announcements>},
     {"delay_min_ms", number, day_ms, into_faults<&fault_settings::delay_min_ms>},
     {"delay_max_ms", number, day_ms, into_faults<&fault_settings::delay_max_ms>},
 };

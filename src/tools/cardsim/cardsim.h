@@ -90,8 +90,9 @@ struct device_settings {
     std::uint32_t eeprom_busy_polls = 1;  // polls that find a command still at work
 };
 
-// What goes wrong between a manager's request and the card's answer. Rates are per thousand; the
-// same seed gives the same faults for the same requests.
+// What goes wrong between a manager's request and the card's answer, and on the way of the card's
+// announcements (DEVINFO and NOTIFY frames). Rates are per thousand; the same seed gives the same
+// faults for the same requests and for the same announcements, in whatever order the two come.
 struct fault_settings {
     std::uint64_t seed = 0;
     std::uint16_t lose_requests = 0;
@@ -101,6 +102,8 @@ struct fault_settings {
     std::uint16_t wrong_port = 0;       // answer by the other port, if the card is heard there
     std::uint16_t wrong_mac = 0;        // answer from the other path's MAC
     std::uint16_t wrong_tag = 0;
+    std::uint16_t lose_announcements = 0;
+    std::uint16_t duplicate_announcements = 0;  // of those that are not lost
     std::uint32_t delay_min_ms = 0;  // every answer waits for a random time between the two
     std::uint32_t delay_max_ms = 0;  // below delay_min_ms: exactly that one
     std::vector<std::uint32_t> silent_registers;  // reads of these are not answered
@@ -351,6 +354,8 @@ struct counters {
     std::uint64_t wrong_port = 0;
     std::uint64_t wrong_mac = 0;
     std::uint64_t wrong_tag = 0;
+    std::uint64_t lost_announcements = 0;
+    std::uint64_t duplicated_announcements = 0;
 };
 
 struct reset_history {

@@ -47,6 +47,8 @@ constexpr std::pair<std::string_view, std::uint64_t counters::*> shown_counters[
     {"wrong_port", &counters::wrong_port},
     {"wrong_mac", &counters::wrong_mac},
     {"wrong_tag", &counters::wrong_tag},
+    {"lost_announcements", &counters::lost_announcements},
+    {"duplicated_announcements", &counters::duplicated_announcements},
 };
 
 constexpr std::size_t any_number = ~std::size_t{0};

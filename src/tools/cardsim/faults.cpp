@@ -15,13 +15,13 @@ std::uint64_t mix(std::uint64_t value) {
     return value ^ value >> 31;
 }
 
-std::uint64_t draw(fault_state& state) {
-    state.random += 0x9E3779B97F4A7C15;
-    return mix(state.random);
+std::uint64_t draw(std::uint64_t& sequence) {
+    sequence += 0x9E3779B97F4A7C15;
+    return mix(sequence);
 }
 
-bool hits(fault_state& state, std::uint16_t rate) {
-    return rate != 0 && draw(state) % 1000 < rate;
+bool hits(std::uint64_t& sequence, std::uint16_t rate) {
+    return rate != 0 && draw(sequence) % 1000 < rate;
 }
 
 void send_twice(reply& given) {
@@ -58,17 +58,18 @@ constexpr spoiling spoilings[] = {
 std::chrono::milliseconds draw_delay(fault_state& state, const fault_settings& faults) {
     const std::uint32_t least = faults.delay_min_ms;
     const std::uint64_t span = std::max(least, faults.delay_max_ms) - least + std::uint64_t{1};
-    return std::chrono::milliseconds(least + (span > 1 ? draw(state) % span : 0));
+    return std::chrono::milliseconds(least + (span > 1 ? draw(state.random) % span : 0));
 }
 
 }  // namespace
 
 void seed_faults(fault_state& state, const card& owner) {
     state.random = mix(owner.faults.seed) ^ owner.id;
+    state.announcing_random = ~state.random;
 }
 
 bool request_lost(fault_state& state, const fault_settings& faults, counters& counted) {
-    if (!hits(state, faults.lose_requests)) return false;
+    if (!hits(state.random, faults.lose_requests)) return false;
     ++counted.lost_requests;
     return true;
 }
@@ -80,17 +81,27 @@ bool read_silenced(const fault_settings& faults, std::uint32_t address, counters
     return true;
 }
 
+unsigned announcement_copies(fault_state& state, const fault_settings& faults, counters& counted) {
+    if (hits(state.announcing_random, faults.lose_announcements)) {
+        ++counted.lost_announcements;
+        return 0;
+    }
+    if (!hits(state.announcing_random, faults.duplicate_announcements)) return 1;
+    ++counted.duplicated_announcements;
+    return 2;
+}
+
 fate decide(fault_state& state, const fault_settings& faults, reply& given, counters& counted) {
-    if (hits(state, faults.lose_answers)) {
+    if (hits(state.random, faults.lose_answers)) {
         ++counted.lost_answers;
         return {.what = verdict::lost};
     }
     for (const spoiling& row : spoilings) {
-        if (!hits(state, faults.*row.rate)) continue;
+        if (!hits(state.random, faults.*row.rate)) continue;
         row.apply(given);
         ++(counted.*row.counter);
     }
-    if (!state.held && hits(state, faults.reorder_answers)) {
+    if (!state.held && hits(state.random, faults.reorder_answers)) {
         state.held = std::make_unique<reply>(given);
         ++counted.reordered;
         return {.what = verdict::held};

@@ -1,6 +1,6 @@
 // The fate of what goes between a manager and a card: lost, late, twice, or wrong.
 //
-// Each card has its own sequence of random numbers, drawn from its seed and its ID, so that the
+// Each card has its own sequences of random numbers, drawn from its seed and its ID, so that the
 // same requests meet the same faults in every run, whatever other cards do.
 #pragma once
 
@@ -20,14 +20,18 @@ struct reply {
 
 struct fault_state {
     std::uint64_t random = 0;
-    std::unique_ptr<reply> held;  // until the next answer has left
+    std::uint64_t announcing_random = 0;  // own, so that what is asked meets the same faults
+    std::unique_ptr<reply> held;          // until the next answer has left
 };
 
-// The start of the card's sequence.
+// The start of the card's sequences.
 void seed_faults(fault_state& state, const card& owner);
 
 bool request_lost(fault_state& state, const fault_settings& faults, counters& counted);
 bool read_silenced(const fault_settings& faults, std::uint32_t address, counters& counted);
+
+// How often the frame of an announcement is to be sent.
+unsigned announcement_copies(fault_state& state, const fault_settings& faults, counters& counted);
 
 enum class verdict { leave, wait, held, lost };
 

@@ -105,13 +105,17 @@ bool simulator::impl::send(std::size_t port, frame_view frame, std::uint64_t& se
     return true;
 }
 
-std::size_t simulator::impl::send_everywhere(const card& source, message kind) {
+std::size_t simulator::impl::send_everywhere(slot& announced, message kind) {
+    const card& source = announced.held;
     std::uint64_t& total = kind == message::devinfo ? counted.devinfo : counted.notify;
     std::size_t left = 0;
     for (std::size_t path = 0; path < path_count(source.speed); ++path) {
         const frame_bytes frame = encode(source, kind, path);
         for (std::size_t p = 0; p < ports.size() && p < port_limit; ++p) {
-            if (source.heard[p][path] && send(p, frame, total)) ++left;
+            if (!source.heard[p][path]) continue;
+            unsigned copies = announcement_copies(announced.faults, source.faults, counted);
+            for (; copies > 0; --copies)
+                left += send(p, frame, total) ? 1 : 0;
         }
     }
     return left;
@@ -151,7 +155,7 @@ void simulator::impl::announce_due() {
         const auto found = slots.find(up.id);
         if (found == slots.end() || found->second.generation != up.generation) continue;
         slot& announced = found->second;
-        send_everywhere(announced.held, message::devinfo);
+        send_everywhere(announced, message::devinfo);
         const milliseconds interval(announced.held.interval_ms);
         const milliseconds jitter(random() % (std::uint64_t{announced.held.jitter_ms} + 1));
         // A round that came too late is not made up for: that would be a burst.
@@ -290,19 +294,19 @@ void simulator::wake(const card_ref& ref, std::size_t port, std::size_t path) {
 
 std::size_t simulator::devinfo(const card_ref& ref) {
     const std::scoped_lock lock(impl_->mutex);
-    return impl_->send_everywhere(impl_->find(ref).held, message::devinfo);
+    return impl_->send_everywhere(impl_->find(ref), message::devinfo);
 }
 
 std::size_t simulator::notify(const card_ref& ref) {
     const std::scoped_lock lock(impl_->mutex);
-    return impl_->send_everywhere(impl_->find(ref).held, message::notify);
+    return impl_->send_everywhere(impl_->find(ref), message::notify);
 }
 
 std::size_t simulator::announce_all() {
     const std::scoped_lock lock(impl_->mutex);
     std::size_t left = 0;
-    for (const auto& [id, known] : impl_->slots) {
-        left += impl_->send_everywhere(known.held, message::devinfo);
+    for (auto& [id, known] : impl_->slots) {
+        left += impl_->send_everywhere(known, message::devinfo);
     }
     return left;
 }

@@ -81,7 +81,7 @@ struct simulator::impl {
     void replace(slot& changed, card next);
     void count_failure(const send_report& report);
     bool send(std::size_t port, frame_view frame, std::uint64_t& sent);
-    std::size_t send_everywhere(const card& source, message kind);
+    std::size_t send_everywhere(slot& announced, message kind);
     const port& port_at(std::size_t index) const;
     void set_heard(const card_ref& ref, std::size_t port, std::size_t path, bool heard);
 

@@ -64,6 +64,8 @@ TEST(Fields, EveryAnsweringFieldHasAPlaceOfItsOwn) {
         numbered("wrong_port", faults.wrong_port),
         numbered("wrong_mac", faults.wrong_mac),
         numbered("wrong_tag", faults.wrong_tag),
+        numbered("lose_announcements", faults.lose_announcements),
+        numbered("duplicate_announcements", faults.duplicate_announcements),
         numbered("delay_min_ms", faults.delay_min_ms),
         numbered("delay_max_ms", faults.delay_max_ms),
     };

@@ -75,7 +75,8 @@ TEST_F(Command, SendSaysWhyNothingLeft) {
               "ok devinfo=0 notify=0 raw=0 retries=0 link_down=2 lost=0 failed=0 received=0 "
               "faulty=0 unheard=0 reads=0 writes=0 vlan_sets=0 resets=0 mms_writes=0 answers=0 "
               "lost_requests=0 lost_answers=0 silent=0 duplicated=0 reordered=0 delayed=0 "
-              "wrong_port=0 wrong_mac=0 wrong_tag=0");
+              "wrong_port=0 wrong_mac=0 wrong_tag=0 lost_announcements=0 "
+              "duplicated_announcements=0");
 }
 
 TEST_F(Command, ListAndRemove) {

@@ -430,4 +430,42 @@ TEST(ObeyAgain, SameSeedGivesTheSameAnswersWhateverOthersDo) {
     EXPECT_NE(run_with(8, false), once);
 }
 
+TEST_F(Obey, LostAnnouncementDoesNotLeave) {
+    sim.set("fast", "lose_announcements", "1000");
+    EXPECT_EQ(sim.devinfo("fast"), 0U);
+    EXPECT_EQ(sim.notify("fast"), 0U);
+    EXPECT_TRUE(first.frames.empty() && second.frames.empty());
+    EXPECT_EQ(sim.count().lost_announcements, 8U);
+    EXPECT_EQ(sim.count().devinfo + sim.count().notify, 0U);
+}
+
+TEST_F(Obey, DuplicatedAnnouncementLeavesTwice) {
+    sim.set("slow", "duplicate_announcements", "1000");
+    EXPECT_EQ(sim.devinfo("slow"), 4U);
+    ASSERT_EQ(first.frames.size(), 2U);
+    EXPECT_EQ(first.frames[0], first.frames[1]);
+    EXPECT_EQ(second.frames, first.frames);
+    EXPECT_EQ(sim.count().duplicated_announcements, 2U);
+    EXPECT_EQ(sim.count().devinfo, 4U);
+}
+
+// What is asked meets the same faults, however often the card has announced itself before.
+TEST(ObeyAgain, AnnouncementsDrawFromASequenceOfTheirOwn) {
+    const auto answered = [](int announcements) {
+        cable out;
+        simulator sim({out.port("p0")});
+        card made = make_card("a", card_kind::qnio, card_speed::g1_10, slow_id);
+        made.faults.lose_requests = made.faults.lose_announcements = 500;
+        made.faults.duplicate_announcements = 500;
+        sim.add(made);
+        for (; announcements > 0; --announcements)
+            sim.devinfo("a");
+        out.frames.clear();
+        for (int n = 0; n < 200; ++n)
+            sim.deliver(0, manager_frame(slow_id, 1, false, read_of(static_cast<std::uint8_t>(n))));
+        return out.frames;
+    };
+    EXPECT_EQ(answered(0), answered(50));
+}
+
 }  // namespace
