@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Runs the library for a long time, in a private network namespace: a thousand simulated cards that
-# come, go and change behind two links that flap; lost, late and repeated answers; eight threads
+# come, go and change behind two links that flap; lost and repeated announcements; lost, late and
+# repeated answers; eight threads
 # that read, write and dump registers and EEPROMs at random; callbacks that come and go; log files
 # that rotate; signals for every thread; restarts of the manager. Installs what is missing and
 # builds first.
@@ -10,9 +11,10 @@
 #   QNM_SOAK_SEED=N   the random numbers of an earlier run
 #
 # Prints a line a minute. Fails when a value was wrong, a call returned a code that is not
-# documented for it or did not return, the manager did not stop, a counter pair did not balance
-# after a stop, a descriptor or thread was left, the tables differed from what the cards announce,
-# or memory still grew after the first tenth of the run.
+# documented for it or did not return, a call never succeeded, one of these troubles did not occur,
+# an allocation failed, the manager did not stop, a counter pair did not balance after a stop, a
+# descriptor or thread was left, the tables differed from what the cards announce, or memory still
+# grew after the first tenth of the run.
 set -euo pipefail
 # shellcheck source=scripts/common.sh
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"

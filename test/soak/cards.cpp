@@ -52,6 +52,8 @@ void add_faults(card& made, size_t number) {
     made.faults.lose_requests = 30;
     made.faults.lose_answers = 30;
     made.faults.duplicate_answers = late ? 0 : 100;
+    made.faults.lose_announcements = 50;
+    made.faults.duplicate_announcements = 50;
     made.faults.wrong_port = 10;
     made.faults.wrong_mac = 10;
     made.faults.delay_max_ms = late ? 30 : 3;
@@ -118,24 +120,39 @@ class far_end {
                 shared_.calm = false;
                 rest.unlock();
             }
-            const cardsim::counters counted = simulator_->count();
-            shared_.frames = counted.devinfo + counted.notify + counted.raw + counted.answers;
-            shared_.faulty = counted.faulty;
+            count();
             std::this_thread::sleep_for(milliseconds(20));
         }
         return status;
     }
 
+    void count() {
+        const cardsim::counters counted = simulator_->count();
+        shared_.frames = counted.devinfo + counted.notify + counted.raw + counted.answers;
+        shared_.faulty = counted.faulty;
+        shared_.lost_announcements = counted.lost_announcements;
+        shared_.repeated_announcements = counted.duplicated_announcements;
+        shared_.lost_requests = counted.lost_requests;
+        shared_.lost_answers = counted.lost_answers;
+        shared_.repeated_answers = counted.duplicated;
+        shared_.stray_answers = counted.wrong_port + counted.wrong_mac;
+        shared_.late_answers = counted.delayed;
+    }
+
     void publish() {
         shared_.cards = {};
         for (const card& it : simulator_->cards()) {
-            const size_t number = (it.id - card_id(0)) / 0x10;
-            shared_.cards[number] = {
-                true,
-                it.uid_switch,
-                it.int_vector,
-                it.vlan_id,
-                {it.heard[0][0], it.heard[0][1], it.heard[1][0], it.heard[1][1]}};
+            announced& out = shared_.cards[(it.id - card_id(0)) / 0x10];
+            out.present = true;
+            out.uid_switch = it.uid_switch;
+            out.int_vector = it.int_vector;
+            out.vlan_id = it.vlan_id;
+            out.power = it.power;
+            out.link0_fault = it.link0_fault;
+            out.io_substate1 = it.io_substate[1];
+            for (size_t port = 0; port < out.port_status1.size(); port++)
+                out.port_status1[port] = it.down_ports[port].port_status[1];
+            out.paths = {it.heard[0][0], it.heard[0][1], it.heard[1][0], it.heard[1][1]};
         }
     }
 
@@ -213,6 +230,7 @@ class far_end {
             const cardsim::frame_bytes whole = cardsim::encode(it, cardsim::message::devinfo, 0);
             send_part(random() % 2, std::span(whole).first(14 + random() % 20));
         }
+        shared_.oddities++;
     }
 
     void send_part(size_t port, cardsim::frame_view part) {

@@ -51,6 +51,13 @@ constexpr seconds k_calm_limit{120};
 constexpr size_t k_running_allowance = 1024;
 constexpr size_t k_stopped_allowance = 512;
 
+constexpr int k_samples = 240;  // of the memory, while the long-lived manager runs
+
+// Nobody says how fast the machine is: a call counts as failing for good after so many attempts, or
+// when it has not succeeded once in a run of this length.
+constexpr uint64_t k_enough_calls = 200;
+constexpr seconds k_all_succeed_after{300};
+
 // Small files that are replaced all the time.
 void install_rotation(const std::string& directory) {
     std::ofstream out(directory + "/conf/qnm_log4c.properties");
@@ -107,6 +114,27 @@ constexpr counter_pair k_pairs[] = {
     {"callback", &qnm_sd_stats_t::est_cb_call, &qnm_sd_stats_t::est_cb_return},
 };
 
+struct counted_stress {
+    const char* name;
+    std::atomic<uint64_t> stage::*counter;
+};
+
+constexpr counted_stress k_stress[] = {
+    {"frames", &stage::frames},
+    {"cards swapped", &stage::swaps},
+    {"cards changed", &stage::changes},
+    {"oddities", &stage::oddities},
+    {"link flaps", &stage::flaps},
+    {"signals sent", &stage::signals},
+    {"announcements lost", &stage::lost_announcements},
+    {"announcements repeated", &stage::repeated_announcements},
+    {"requests lost", &stage::lost_requests},
+    {"answers lost", &stage::lost_answers},
+    {"answers repeated", &stage::repeated_answers},
+    {"answers from elsewhere", &stage::stray_answers},
+    {"answers late", &stage::late_answers},
+};
+
 // Looks into the tables now and then, and now and then makes the events behind it wait.
 void on_event(uint64_t id, qnm_evt_type_t, void* arg) {
     const uint64_t number = ++*static_cast<std::atomic<uint64_t>*>(arg);
@@ -128,7 +156,7 @@ class host {
         take_signals();
         for (unsigned number = 0; number < k_workers; number++) {
             workers_.push_back(
-                std::make_unique<worker>(number, planned.seed * 100 + number, tally_));
+                std::make_unique<worker>(number, planned.seed * 100 + number, life_, tally_));
             threads_.emplace_back([this, self = workers_.back().get()] { work(*self); });
         }
     }
@@ -199,10 +227,12 @@ class host {
             });
         }
         if (qnm_start_manager() != QNM_API_SUCCESS) give_up("the manager does not start");
+        life_++;
     }
 
     // Under load; the next one is not started before all calls have returned.
     void stop() {
+        life_++;
         qnm_fini_manager();
         const auto limit = clock::now() + k_stop_limit;
         while (!ended_) {
@@ -227,6 +257,9 @@ class host {
             tally_.fail(std::string("counters of ") + it.name + " do not balance: " +
                         std::to_string(got) + " and " + std::to_string(given_back));
         }
+        if (now.est_alloc_err != 0) {
+            tally_.fail("failed allocations: " + std::to_string(now.est_alloc_err));
+        }
         // A thread that was joined may be on its way out of the process still.
         if (!e2e::wait_for([&] { return threads() == tasks_; })) {
             tally_.fail("threads are left: " + std::to_string(threads()));
@@ -235,7 +268,7 @@ class host {
             tally_.fail("descriptors are left: " + std::to_string(descriptors()) + " instead of " +
                         std::to_string(descriptors_));
         }
-        stopped_.push_back(resident());
+        stopped_.push_back(held());
     }
 
     void restart_for(milliseconds time) {
@@ -256,15 +289,18 @@ class host {
 
     // ---- Watching ------------------------------------------------------------------------------
 
-    // Lets the manager run, and takes a sample of the memory every second.
+    // Lets the manager run, and takes samples of the memory; not too many, because each gives back
+    // what the allocator keeps.
     void stay(milliseconds time, std::vector<size_t>* samples) {
         const auto end = clock::now() + time;
+        const auto sample_every = std::max(milliseconds(1000), time / k_samples);
         auto sample_at = clock::now();
         while (clock::now() < end) {
             if (clock::now() >= report_at_) report();
             if (samples != nullptr && clock::now() >= sample_at) {
-                samples->push_back(resident());
-                sample_at += seconds(1);
+                peak_ = std::max(peak_, resident());
+                samples->push_back(held());
+                sample_at += sample_every;
             }
             look_for_hangs();
             backlog_ = std::max(backlog_, backlog());
@@ -290,13 +326,14 @@ class host {
         const auto minutes =
             std::chrono::duration<double, std::ratio<60>>(clock::now() - begin_).count();
         printf(
-            "%6.1f min  resident %zu KiB, descriptors %zu, threads %zu, backlog up to %u, cards "
+            "%6.1f min  resident %zu KiB, held %zu KiB, descriptors %zu, threads %zu, backlog up "
+            "to %u, cards "
             "%u, "
             "frames %lu, events %lu, calls %lu, slowest %.0f ms %s, failures %lu, "
             "errors: %s\n",
-            minutes, resident(), descriptors(), threads(), std::exchange(backlog_, 0),
-            e2e::qnsv_total() + e2e::qnio_total(), frames_before_ + frames_of_this_manager(),
-            events_.load(), tally_.calls(),
+            minutes, std::max(std::exchange(peak_, 0), resident()), held(), descriptors(),
+            threads(), std::exchange(backlog_, 0), e2e::qnsv_total() + e2e::qnio_total(),
+            frames_before_ + frames_of_this_manager(), events_.load(), tally_.calls(),
             std::chrono::duration<double, std::milli>(slowest.lasted).count(), slowest.name,
             tally_.failures(), tally_.errors().c_str());
         fflush(stdout);
@@ -333,30 +370,44 @@ class host {
         for (size_t number = 0; number < k_cards; number++) {
             const announced& expected = shared_.cards[number];
             const std::string name = "card " + std::to_string(number);
-            qnm_com_dev_t dev{};
             const auto server = e2e::qnsv(card_id(number));
             const auto io = e2e::qnio(card_id(number));
+            const bool silent = expected.paths == decltype(expected.paths){};
             if (!server && !io) {
-                const bool silent = expected.paths == decltype(expected.paths){};
                 if (expected.present && !silent) return name + " is not known";
                 continue;
             }
-            dev = server ? server->esv_com_dev : io->eio_com_dev;
+            const qnm_com_dev_t& dev = server ? server->esv_com_dev : io->eio_com_dev;
             for (size_t path = 0; path < 4; path++) {
                 if ((dev.ecd_state[path / 2][path % 2] == 1) != expected.paths[path]) {
                     return name + " has a wrong path " + std::to_string(path);
                 }
             }
-            if (!is_same(dev, expected)) return name + " has a wrong record";
+            if (silent) continue;  // it keeps its last record
+            const bool right = is_same(dev, expected) &&
+                               (server ? is_same(*server, expected) : is_same(*io, expected));
+            if (!right) return name + " has a wrong record";
         }
         return "";
     }
 
-    // A card that is not heard any more keeps its last record.
     static bool is_same(const qnm_com_dev_t& dev, const announced& expected) {
-        if (expected.paths == decltype(expected.paths){}) return true;
         return dev.ecd_uidsw == (expected.uid_switch ? 1U : 0U) &&
+               dev.ecd_power == (expected.power ? 1U : 0U) &&
                dev.ecd_int_vector == expected.int_vector && dev.ecd_vlan_id == expected.vlan_id;
+    }
+
+    static bool is_same(const qnm_qnsv_t& card, const announced& expected) {
+        for (size_t port = 0; port < expected.port_status1.size(); port++) {
+            if (card.esv_down_port[port].edp_port_status[1] != expected.port_status1[port])
+                return false;
+        }
+        return true;
+    }
+
+    static bool is_same(const qnm_qnio_t& card, const announced& expected) {
+        return card.eio_link0fault == (expected.link0_fault ? 1 : 0) &&
+               card.eio_substate[1] == expected.io_substate1;
     }
 
     void compare_vlans() {
@@ -373,10 +424,14 @@ class host {
         if (planned_.judge_memory) {
             const std::string running = growth(running_, k_running_allowance);
             if (!running.empty()) tally_.fail("memory grows while the manager runs " + running);
+            const std::string early = growth_from_start(running_, k_running_allowance);
+            if (!early.empty()) tally_.fail("memory has grown while the manager ran " + early);
             const std::string stopped = growth(stopped_, k_stopped_allowance);
             if (!stopped.empty()) tally_.fail("memory grows from stop to stop " + stopped);
         }
         if (planned_.rotate_logs) check_rotation();
+        tally_.require_successes(planned_.duration < k_all_succeed_after ? k_enough_calls : 0);
+        require_stress();
         if (shared_.faulty != 0) tally_.fail("frames that break a rule of the protocol");
         report();
         printf(
@@ -384,6 +439,15 @@ class host {
             "swapped, %lu changed, %lu link flaps, %lu failures\n",
             restarts_, tally_.calls(), events_.load(), signals_taken.load(), shared_.signals.load(),
             shared_.swaps.load(), shared_.changes.load(), shared_.flaps.load(), tally_.failures());
+    }
+
+    // What did not happen proves nothing.
+    void require_stress() {
+        for (const counted_stress& it : k_stress) {
+            if (shared_.*it.counter == 0) tally_.fail(std::string("there were no ") + it.name);
+        }
+        if (signals_taken == 0) tally_.fail("no signals were taken");
+        if (events_ == 0) tally_.fail("there were no events");
     }
 
     void check_rotation() {
@@ -396,7 +460,8 @@ class host {
     stage& shared_;
     const plan planned_;
     e2e::installation installation_;
-    tally tally_;
+    tally tally_{k_called};
+    std::atomic<unsigned> life_ = 0;  // odd from the start of a manager to its stop
     std::vector<std::unique_ptr<worker>> workers_;
     std::vector<std::thread> threads_;
     std::atomic<bool> over_ = false;
@@ -413,6 +478,7 @@ class host {
 
     size_t descriptors_ = 0;  // before the first manager
     size_t tasks_ = 0;
+    size_t peak_ = 0;              // resident memory, the most since the last report
     std::vector<size_t> running_;  // samples of the memory, while the long-lived manager runs
     std::vector<size_t> stopped_;  // and after each stop
     const clock::time_point begin_ = clock::now();

@@ -50,13 +50,17 @@ constexpr uint32_t k_own_words = 0x400;
 
 // ---- The shared page ---------------------------------------------------------------------------
 
-// What a card announces, as far as a record of it shows that at once.
+// What a card announces: all that changes while it is there.
 struct announced {
     bool present;
     bool uid_switch;
     uint8_t int_vector;
     uint16_t vlan_id;
-    std::array<bool, 4> paths;  // P0M0, P0M1, P1M0, P1M1
+    bool power;
+    bool link0_fault;                     // QNIO
+    uint8_t io_substate1;                 // QNIO
+    std::array<uint8_t, 8> port_status1;  // QNSV
+    std::array<bool, 4> paths;            // P0M0, P0M1, P1M0, P1M1
 };
 
 struct stage {
@@ -70,7 +74,17 @@ struct stage {
     std::atomic<uint64_t> swaps;   // a card gone, another one come
     std::atomic<uint64_t> changes;
     std::atomic<uint64_t> flaps;
+    std::atomic<uint64_t> oddities;
     std::atomic<uint64_t> signals;
+
+    // Faults done
+    std::atomic<uint64_t> lost_announcements;
+    std::atomic<uint64_t> repeated_announcements;
+    std::atomic<uint64_t> lost_requests;
+    std::atomic<uint64_t> lost_answers;
+    std::atomic<uint64_t> repeated_answers;
+    std::atomic<uint64_t> stray_answers;  // from the wrong port or address
+    std::atomic<uint64_t> late_answers;
 };
 
 static_assert(std::atomic<uint64_t>::is_always_lock_free);

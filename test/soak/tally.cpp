@@ -17,6 +17,11 @@ static_assert(std::size(k_code_names) == QNM_API_CODE_MAX);
 
 }  // namespace
 
+tally::tally(std::span<const char* const> names) {
+    for (const char* const name : names)
+        by_name_[name] = {};
+}
+
 void tally::count(const char* name, qnm_api_code_t ret, codes documented,
                   std::chrono::nanoseconds lasted) {
     if (ret < 0 || ret >= QNM_API_CODE_MAX || (documented >> ret & 1) == 0) {
@@ -26,6 +31,18 @@ void tally::count(const char* name, qnm_api_code_t ret, codes documented,
     }
     const std::lock_guard lock(mutex_);
     if (lasted > slowest_.lasted) slowest_ = {name, lasted};
+    if ((documented >> QNM_API_ENOSYS & 1) != 0) return;
+    call_count& counted = by_name_[name];
+    counted.made++;
+    if (ret == QNM_API_SUCCESS) counted.succeeded++;
+}
+
+void tally::require_successes(uint64_t tried) {
+    const std::lock_guard lock(mutex_);
+    for (const auto& [name, counted] : by_name_) {
+        if (counted.succeeded > 0 || counted.made < tried) continue;
+        fail(std::string(name) + " never succeeded in " + std::to_string(counted.made) + " calls");
+    }
 }
 
 void tally::fail(const std::string& what) {

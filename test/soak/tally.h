@@ -7,8 +7,11 @@
 #include <chrono>
 #include <cstdint>
 #include <initializer_list>
+#include <map>
 #include <mutex>
+#include <span>
 #include <string>
+#include <string_view>
 
 #include "qnm.h"
 
@@ -29,11 +32,23 @@ struct slow_call {
     std::chrono::nanoseconds lasted{0};
 };
 
+// Of one function: its calls during which one manager ran all the time.
+struct call_count {
+    uint64_t made = 0;
+    uint64_t succeeded = 0;
+};
+
 class tally {
   public:
-    // A call that has returned; a code that is not documented for it is a failure.
+    explicit tally(std::span<const char* const> names);
+
+    // A call that has returned; a code that is not documented for it is a failure. Whoever finds
+    // that a manager ran all the time leaves ENOSYS out of what is documented.
     void count(const char* name, qnm_api_code_t ret, codes documented,
                std::chrono::nanoseconds lasted);
+
+    // Fails for each function that has never succeeded, though it was called `tried` times.
+    void require_successes(uint64_t tried);
 
     // Something is wrong. The first ones are printed at once.
     void fail(const std::string& what);
@@ -46,8 +61,9 @@ class tally {
   private:
     std::array<std::atomic<uint64_t>, QNM_API_CODE_MAX> results_{};
     std::atomic<uint64_t> failures_ = 0;
-    std::mutex mutex_;
+    std::mutex mutex_;  // guards everything below
     slow_call slowest_;
+    std::map<std::string_view, call_count> by_name_;
 };
 
 }  // namespace soak

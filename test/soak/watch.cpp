@@ -9,6 +9,7 @@
 #include <fstream>
 #include <iterator>
 #include <span>
+#include <string_view>
 
 namespace soak {
 
@@ -26,6 +27,23 @@ size_t median(std::span<const size_t> part) {
     return *middle;
 }
 
+size_t status_kib(std::string_view name) {
+    std::ifstream status("/proc/self/status");
+    for (std::string word; status >> word;) {
+        size_t kib = 0;
+        if (word == name && status >> kib) return kib;
+    }
+    return 0;
+}
+
+std::string rise(std::span<const size_t> earlier, std::span<const size_t> later, size_t allowance) {
+    const size_t before = median(earlier);
+    const size_t after = median(later);
+    if (after <= before + allowance) return "";
+    return "from " + std::to_string(before) + " to " + std::to_string(after) + " KiB, more than " +
+           std::to_string(allowance) + " KiB";
+}
+
 }  // namespace
 
 size_t descriptors() {
@@ -37,24 +55,26 @@ size_t threads() {
 }
 
 size_t resident() {
+    return status_kib("VmRSS:");
+}
+
+size_t held() {
     malloc_trim(0);
-    std::ifstream status("/proc/self/status");
-    for (std::string word; status >> word;) {
-        size_t kib = 0;
-        if (word == "RssAnon:" && status >> kib) return kib;
-    }
-    return 0;
+    return status_kib("RssAnon:");
 }
 
 std::string growth(const std::vector<size_t>& samples, size_t allowance) {
     const size_t third = samples.size() / 3;
     if (third < 3) return "";
     const std::span all(samples);
-    const size_t before = median(all.last(2 * third).first(third));
-    const size_t after = median(all.last(third));
-    if (after <= before + allowance) return "";
-    return "from " + std::to_string(before) + " to " + std::to_string(after) + " KiB, more than " +
-           std::to_string(allowance) + " KiB";
+    return rise(all.last(2 * third).first(third), all.last(third), allowance);
+}
+
+std::string growth_from_start(const std::vector<size_t>& samples, size_t allowance) {
+    const size_t third = samples.size() / 3;
+    if (third < 3) return "";
+    const std::span all(samples);
+    return rise(all.first(samples.size() / 8), all.last(third), allowance);
 }
 
 }  // namespace soak

@@ -15,6 +15,22 @@ namespace soak {
 
 constexpr unsigned k_workers = 8;
 
+// All functions that the workers call.
+constexpr const char* k_called[] = {"qnm_read_register",      "qnm_dump_register",
+                                    "qnm_write_register",     "qnm_modify_register",
+                                    "qnm_read_eeprom",        "qnm_dump_eeprom",
+                                    "qnm_write_eeprom",       "qnm_unlock_eeprom",
+                                    "qnm_set_vlanid",         "qnm_send_resetframe",
+                                    "qnm_write_mmspage",      "qnm_get_qnsv",
+                                    "qnm_get_qnio",           "qnm_get_qnsvids",
+                                    "qnm_get_qnioids",        "qnm_get_update_qnsvids",
+                                    "qnm_get_update_qnioids", "qnm_get_group_qnsvids",
+                                    "qnm_get_group_qnioids",  "qnm_free_idlist",
+                                    "qnm_delete_qnsv",        "qnm_delete_qnio",
+                                    "qnm_stop_monitor",       "qnm_restart_monitor",
+                                    "qnm_register_callback",  "qnm_unregister_callback",
+                                    "qnm_set_loglevel",       "qnm_stdump"};
+
 // What a place that one thread alone writes may hold: one value, or after a write whose effect is
 // not known both the old and the new one.
 class contents {
@@ -32,7 +48,8 @@ class contents {
 
 class worker {
   public:
-    worker(unsigned number, uint64_t seed, tally& counted);
+    // `life` is odd while a manager runs, and another number for each.
+    worker(unsigned number, uint64_t seed, const std::atomic<unsigned>& life, tally& counted);
 
     void step();  // one operation, drawn at random
     std::chrono::microseconds rest() { return std::chrono::microseconds(draw(4000)); }
@@ -55,12 +72,14 @@ class worker {
     uint64_t any_card() { return card_id(draw(k_cards)); }
     uint64_t passing_card() { return card_id(k_lasting + draw(k_cards - k_lasting)); }
     uint64_t steady_card();  // gets no resets
+    uint64_t own_card();     // a steady one whose EEPROM no other worker uses
     uint32_t any_flags() { return draw(8) == 0 ? QNM_FLAG_LIVECHECK : 0; }
 
     void read_preset_register();
     void dump_preset_registers();
     void use_own_register();
     void read_preset_word();
+    void force_preset_word();
     void dump_preset_words();
     void use_own_word();
     void unlock_eeprom();
@@ -81,6 +100,7 @@ class worker {
 
     const unsigned number_;
     std::mt19937_64 random_;
+    const std::atomic<unsigned>& life_;
     tally& counted_;
     std::vector<contents> registers_{k_lasting, contents(0)};
     std::vector<contents> words_{k_lasting, contents(0xFFFFFFFF)};
