@@ -23,6 +23,10 @@ using steps::what;
 constexpr uint64_t k_sequences = 16;
 constexpr size_t k_shown = 12;  // of the last steps
 
+// Each list call after each step would be most of the work; every so many steps find as much, as
+// what a list is made of is compared after each.
+constexpr uint64_t k_lists_every = 4;
+
 // ---- The steps done to the model ----------------------------------------------------------------
 
 outcome change_link(model::state& s, const step& it) {
@@ -55,6 +59,17 @@ outcome use_callback_wrongly(model::state& s, const step& it) {
     return unregister_callback(s, 0, -1);
 }
 
+// What the counters were at the end is the record.
+outcome restart(model::state& s) {
+    finish(s);
+    const auto* const bytes = reinterpret_cast<const unsigned char*>(&s.counters);
+    outcome done = {.record = {bytes, bytes + sizeof s.counters}};
+    begin(s);
+    for (int recorder = steps::k_registrations; recorder < steps::k_recorders_end; recorder++)
+        register_callback(s, steps::type_of(recorder), recorder, false);
+    return done;
+}
+
 outcome dispatch(model::state& s, const step& it) {
     switch (it.what) {
         case what::frame:
@@ -85,6 +100,10 @@ outcome dispatch(model::state& s, const step& it) {
             return use_callback(s, it);
         case what::wrong_callback:
             return use_callback_wrongly(s, it);
+        case what::access:
+            return use_card(s, it.id, it.access);
+        case what::restart:
+            return restart(s);
     }
     return {};
 }
@@ -112,6 +131,12 @@ std::vector<callback_call> deliver(model::state& s) {
 void print(std::ostream& out, const outcome& it) {
     out << "result " << it.result << ", list " << static_cast<int>(it.pointer) << ", num " << it.num
         << ", " << it.ids.size() << " IDs, " << it.record.size() << " bytes of a record";
+    for (const model::sent_frame& sent : it.sent) {
+        out << "\n  by port " << sent.port << std::hex;
+        for (size_t at = 0; at < sent.frame.size(); at++)
+            out << (at % 4 == 0 ? " " : "") << sent.frame[at] / 16U << sent.frame[at] % 16U;
+        out << std::dec;
+    }
 }
 
 std::string different_results(const outcome& is, const outcome& wanted) {
@@ -159,6 +184,21 @@ struct ModelSequence : library, testing::WithParamInterface<uint64_t> {
         return text + difference(expected);
     }
 
+    // Both are asked for every kind of list.
+    std::string ask_for_lists(steps::source& source) {
+        std::string text;
+        for (const model::kind which : model::k_kinds) {
+            for (const auto cards :
+                 {model::wanted::all, model::wanted::updated, model::wanted::group}) {
+                const step it = source.list(expected, which, cards);
+                const std::string differences =
+                    different_results(library::apply(it), ::apply(expected, it));
+                if (!differences.empty()) text += describe(it) + "\n" + differences;
+            }
+        }
+        return text;
+    }
+
     std::string history() const {
         std::ostringstream out;
         for (const step& it : last_steps)
@@ -174,13 +214,17 @@ TEST_P(ModelSequence, agrees_with_the_library_after_every_step) {
     const uint64_t count = model::step_count() / k_sequences;
     steps::source source(seed);
     expected.set = source.draw_settings();
+    for (int port = 0; port < 2; port++)
+        expected.set.port_mac[port] = k_port_mac[port];
     expected.now = k_now;
     expected.counters = qnm_stats;
     configure(expected.set);
+    ASSERT_EQ(walk({.what = what::restart}), "");  // registers the recorders
     for (uint64_t number = 1; number <= count; number++) {
         last_steps.push_back(source.next(expected));
         if (last_steps.size() > k_shown) last_steps.pop_front();
-        const std::string text = walk(last_steps.back());
+        std::string text = walk(last_steps.back());
+        if (number % k_lists_every == 0) text += ask_for_lists(source);
         if (text.empty() && !HasFailure()) continue;
         FAIL() << text << "seed " << seed << ", step " << number << ", the last of:\n" << history();
     }

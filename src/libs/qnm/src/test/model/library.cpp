@@ -50,6 +50,25 @@ outcome forget(const step& it) {
                 it.which == model::k_server ? qnm_delete_qnsv(it.id) : qnm_delete_qnio(it.id)};
 }
 
+qnm_api_code_t call_card(uint64_t id, const model::access& it, uint32_t* data) {
+    constexpr qnm_retry_t k_once = {.er_retry_count = 0, .er_retry_interval = 1};
+    const uint32_t flags = it.live_check ? QNM_FLAG_LIVECHECK : 0;
+    switch (it.call) {
+        case model::access_call::read:
+            return qnm_read_register(id, it.argument, data, &k_once, flags);
+        case model::access_call::write:
+            return qnm_write_register(id, it.argument, it.data, nullptr, flags);
+        case model::access_call::set_vlanid:
+            return qnm_set_vlanid(id, static_cast<uint16_t>(it.argument), &k_once, flags);
+        default:
+            break;
+    }
+    return qnm_send_resetframe(id, static_cast<unsigned char>(it.argument), nullptr, flags);
+}
+
+constexpr size_t k_subtype_at = 18, k_tag_at = 23;
+constexpr unsigned char k_register_read = 0x91;
+
 }  // namespace
 
 library::library() {
@@ -58,16 +77,21 @@ library::library() {
     EXPECT_EQ(pipe(qnm_terminate_fd_link), 0);
     for (int port = 0; port < 2; port++)
         strcpy(qnm_config.ether_port_name[port], name(port).c_str());
-    for (int registration = 0; registration < steps::k_registrations; registration++)
+    for (int registration = 0; registration < steps::k_recorders_end; registration++)
         listeners_.push_back({this, registration});
+    for (int port = 0; port < 2; port++) {
+        fake_pcap::on_send(
+            name(port), [this, port](const fake_pcap::frame_t& frame) { take_sent(port, frame); });
+    }
     fail::on_sleep([this](std::chrono::nanoseconds duration) { on_sleep(duration); });
     fail::on_poll([this](auto, int) {
         on_poll();
         return std::nullopt;
     });
-    // The event thread waits when it has nothing to do; then it is told to end.
-    fail::on(fail::call::pthread_cond_timedwait, [](auto) {
-        qnm::store(qnm_root.er_fini_flag, 0U);
+    // The event thread waits when it has nothing to do; then it is told to end. A read waits when
+    // it has no answer; none comes.
+    fail::on(fail::call::pthread_cond_timedwait, [this](auto) {
+        if (delivers_) qnm::store(qnm_root.er_fini_flag, 0U);
         return fail::outcome(ETIMEDOUT);
     });
 }
@@ -88,6 +112,9 @@ void library::configure(const model::settings& set) {
     qnm_config.id_list_upper_limit = set.id_list_upper_limit;
     qnm_config.use_port_num_linux = set.ports;
     qnm_config.ether_type = set.ether_type;
+    qnm_config.broadcast_mac = set.broadcast_mac;
+    qnm_config.frame_retry_count = 0;
+    qnm_config.frame_retry_count_lc = 0;
 }
 
 // ---- The loops of the manager's threads ---------------------------------------------------------
@@ -129,7 +156,9 @@ outcome library::change_link(const step& it) {
 
 std::vector<callback_call> library::deliver() {
     calls_.clear();
+    delivers_ = true;
     _qnm_event_task(nullptr);
+    delivers_ = false;
     set_running();
     return calls_;
 }
@@ -175,18 +204,20 @@ outcome library::get(const step& it) {
                                        : copy_record(qnm_get_qnio, it);
 }
 
+qnm_api_code_t library::register_for(int registration) {
+    qnm_cbid_t handle = nullptr;
+    const auto type = static_cast<qnm_evt_type_t>(steps::type_of(registration));
+    listener& arg = listeners_[static_cast<size_t>(registration)];
+    const qnm_api_code_t ret = qnm_register_callback(type, on_event, &arg, &handle);
+    EXPECT_EQ(handle != nullptr, ret == QNM_API_SUCCESS);
+    if (ret == QNM_API_SUCCESS) handles_[registration] = handle;
+    return ret;
+}
+
 outcome library::use_callback(const step& it) {
     const int registration = static_cast<int>(it.number);
     const auto known = handles_.find(registration);
-    if (known == handles_.end()) {
-        qnm_cbid_t handle = nullptr;
-        const auto type = static_cast<qnm_evt_type_t>(steps::type_of(registration));
-        listener& arg = listeners_[static_cast<size_t>(registration)];
-        const qnm_api_code_t ret = qnm_register_callback(type, on_event, &arg, &handle);
-        EXPECT_EQ(handle != nullptr, ret == QNM_API_SUCCESS);
-        if (ret == QNM_API_SUCCESS) handles_[registration] = handle;
-        return {.result = ret};
-    }
+    if (known == handles_.end()) return {.result = register_for(registration)};
     const qnm_api_code_t ret = qnm_unregister_callback(known->second);
     if (ret == QNM_API_SUCCESS) handles_.erase(known);
     return {.result = ret};
@@ -201,6 +232,69 @@ outcome library::use_callback_wrongly(const step& it) {
     EXPECT_EQ(qnm_register_callback(type, on_event, nullptr, nullptr), done.result);
     EXPECT_EQ(qnm_unregister_callback(nullptr), done.result);
     EXPECT_EQ(handle, nullptr);
+    return done;
+}
+
+// ---- Device access ------------------------------------------------------------------------------
+
+void library::take_sent(int port, fake_pcap::frame_t frame) {
+    const uint32_t path = 2 * static_cast<uint32_t>(port) + (frame[5] & 1);
+    const bool is_read = frame[k_subtype_at] == k_register_read;
+    if (is_read && (access_.reach >> path & 1) != 0) answer(port, frame);
+    if (is_read) frame[k_tag_at] = 0;  // any that is free will do
+    sent_.push_back({port, std::move(frame)});
+}
+
+// The card's answer comes in as a frame of its own before the send has returned.
+void library::answer(int port, const fake_pcap::frame_t& request) {
+    frames::completion it = {.tag = request[k_tag_at], .mac = 0};
+    for (size_t i = 0; i < 6; i++)
+        it.mac = it.mac << 8 | request[i];
+    memcpy(it.data, &access_.data, sizeof it.data);
+    frames::frame_t frame = frames::build_completion(it);
+    frame[16] = static_cast<unsigned char>(qnm_config.ether_type >> 8);
+    frame[17] = static_cast<unsigned char>(qnm_config.ether_type);
+    EXPECT_EQ(receive(frame, port), 0);
+}
+
+outcome library::use_card(const step& it) {
+    access_ = it.access;
+    sent_.clear();
+    outcome done;
+    done.result = call_card(it.id, it.access, it.access.null_data ? nullptr : &done.num);
+    done.sent = std::move(sent_);
+    return done;
+}
+
+// ---- Stop and restart ---------------------------------------------------------------------------
+
+void library::open_ports() {
+    for (int port = 0; port < 2; port++) {
+        qnm_port_info_t* const info = &qnm_root.er_port_info[port];
+        _qnm_socket_close(info);
+        EXPECT_EQ(_qnm_socket_open(name(port).c_str(), 0, info), 0);
+    }
+}
+
+// In the manager's order. What the counters were at the end is the record.
+outcome library::restart() {
+    _qnm_destroy_all_reg_lock_node();
+    _qnm_reg_fini();
+    _qnm_cmp_fini();
+    _qnm_event_cb_fini();
+    _qnm_blacklist_fini();
+    _qnm_qn_fini();
+    _qnm_stats_fini();
+    handles_.clear();
+    const auto* const bytes = reinterpret_cast<const unsigned char*>(&qnm_stats);
+    outcome done = {.record = {bytes, bytes + sizeof qnm_stats}};
+    for (int (*const init)() : {_qnm_stats_init, _qnm_qn_init, _qnm_blacklist_init,
+                                _qnm_event_cb_init, _qnm_cmp_init, _qnm_reg_init}) {
+        EXPECT_EQ(init(), 0);
+    }
+    open_ports();
+    for (int recorder = steps::k_registrations; recorder < steps::k_recorders_end; recorder++)
+        EXPECT_EQ(register_for(recorder), QNM_API_SUCCESS);
     return done;
 }
 
@@ -232,6 +326,10 @@ outcome library::dispatch(const step& it) {
             return use_callback(it);
         case what::wrong_callback:
             return use_callback_wrongly(it);
+        case what::access:
+            return use_card(it);
+        case what::restart:
+            return restart();
     }
     return {};
 }

@@ -50,6 +50,13 @@ struct library : ports {
     model::outcome get(const steps::step& it);
     model::outcome use_callback(const steps::step& it);
     model::outcome use_callback_wrongly(const steps::step& it);
+    model::outcome use_card(const steps::step& it);
+    model::outcome restart();
+
+    qnm_api_code_t register_for(int registration);
+    void open_ports();
+    void take_sent(int port, fake_pcap::frame_t frame);
+    void answer(int port, const fake_pcap::frame_t& request);
 
     void on_sleep(std::chrono::nanoseconds duration);
     void on_poll();
@@ -60,4 +67,7 @@ struct library : ports {
     std::map<int, qnm_cbid_t> handles_;  // by registration
     std::vector<listener> listeners_;
     std::vector<callback_call> calls_;
+    bool delivers_ = false;
+    model::access access_ = {};  // the one under way
+    std::vector<model::sent_frame> sent_;
 };

@@ -449,6 +449,176 @@ outcome remove_callback(state& s, int type, int number) {
     return {};
 }
 
+// ---- Device access ------------------------------------------------------------------------------
+
+struct path {
+    int port;
+    int number;
+};
+
+bool find_path(const qnm_com_dev_t& dev, path& found) {
+    for (int port = 0; port < 2; port++) {
+        for (int number = 0; number < 2; number++) {
+            if (dev.ecd_state[port][number] != 1) continue;
+            found = {port, number};
+            return true;
+        }
+    }
+    return false;
+}
+
+void put(frame_t& frame, size_t at, uint64_t value, size_t bytes) {
+    for (size_t i = 0; i < bytes; i++)
+        frame[at + i] = static_cast<unsigned char>(value >> 8 * (bytes - 1 - i));
+}
+
+// A frame to the card, but for its message.
+frame_t address_card(const state& s, const qnm_com_dev_t& dev, const path& by, uint8_t subtype) {
+    const bool changed = dev.ecd_vlan_mode != 0;
+    frame_t frame(60);
+    memcpy(frame.data(), dev.ecd_macaddr, 6);
+    if (by.number == 1) frame[5] |= 1;
+    put(frame, 6, s.set.port_mac[by.port], 6);
+    put(frame, changed ? 14 : 12, k_tpid, 2);
+    put(frame, changed ? 16 : 14, 0x8000U | dev.ecd_vlan_id, 2);
+    put(frame, changed ? 12 : 16, s.set.ether_type, 2);
+    frame[18] = subtype;
+    frame[19] = frame[20] = 0xFF;
+    return frame;
+}
+
+void count_frame(state& s, int port, qnm_stats_type_t type, qnm_stats_type_t total) {
+    uint64_t* const counters = port == 0 ? s.counters.est_stats_p0 : s.counters.est_stats_p1;
+    counters[type]++;
+    counters[total]++;
+}
+
+void leave(state& s, outcome& done, int port, const frame_t& frame, qnm_stats_type_t type) {
+    done.sent.push_back({port, frame});
+    count_frame(s, port, type, QNM_STATS_T_TOTAL);
+}
+
+void put_register(frame_t& frame, uint32_t address) {
+    put(frame, 24, (address & 0x3FF000) << 4 | (address & 0xFFF), 4);
+}
+
+// One Register Read, whose answer is a frame like any other.
+int ask(state& s, const qnm_com_dev_t& dev, uint32_t address, uint32_t reach, outcome& done) {
+    path by = {};
+    if (!find_path(dev, by)) return QNM_API_ENOLINK;
+    frame_t frame = address_card(s, dev, by, 0x91);
+    put_register(frame, address);
+    leave(s, done, by.port, frame, QNM_STATS_T_REGR);
+    if ((reach >> (2 * by.port + (frame[5] & 1)) & 1) == 0) return QNM_API_ETIMEDOUT;
+    if (s.manager.start == 1) return QNM_API_ETIMEDOUT;
+    count_frame(s, by.port, QNM_STATS_R_COMP, QNM_STATS_R_TOTAL);
+    return QNM_API_SUCCESS;
+}
+
+// Asks a card that is connected nowhere by each path in turn until it answers.
+int check_alive(state& s, qnm_com_dev_t& dev, uint32_t reach, outcome& done) {
+    path known = {};
+    if (find_path(dev, known)) return QNM_API_SUCCESS;
+    for (int port = 0; port < (s.set.ports >= 2 ? 2 : 1); port++) {
+        for (int number = 0; number < (dev.ecd_type != 0 ? 2 : 1); number++) {
+            if (!s.link_seen[port]) continue;
+            dev.ecd_state[port][number] = 1;
+            if (ask(s, dev, 0, reach, done) == QNM_API_SUCCESS) return QNM_API_SUCCESS;
+            dev.ecd_state[port][number] = 0;
+        }
+    }
+    return QNM_API_ENOLINK;
+}
+
+int write(state& s, const qnm_com_dev_t& dev, const access& request, outcome& done) {
+    path by = {};
+    if (!find_path(dev, by)) return QNM_API_ENOLINK;
+    frame_t frame = address_card(s, dev, by, 0x90);
+    put_register(frame, request.argument);
+    memcpy(&frame[28], &request.data, sizeof request.data);
+    leave(s, done, by.port, frame, QNM_STATS_T_REGW);
+    return QNM_API_SUCCESS;
+}
+
+int set_vlanid(state& s, const qnm_com_dev_t& dev, const access& request, outcome& done) {
+    path by = {};
+    if (!find_path(dev, by)) return QNM_API_ENOLINK;
+    frame_t frame = address_card(s, dev, by, 0x80);
+    put(frame, 24, request.argument, 2);
+    leave(s, done, by.port, frame, QNM_STATS_T_VLANSET);
+    return QNM_API_SUCCESS;
+}
+
+int reset(state& s, const qnm_com_dev_t& dev, const access& request, outcome& done) {
+    path by = {};
+    if (!find_path(dev, by)) return QNM_API_ENOLINK;
+    frame_t frame = address_card(s, dev, by, 0x30);
+    put(frame, 0, s.set.broadcast_mac, 6);
+    frame[23] = static_cast<unsigned char>(request.argument);
+    leave(s, done, by.port, frame, QNM_STATS_T_RESET);
+    return QNM_API_SUCCESS;
+}
+
+int read(state& s, const qnm_com_dev_t& dev, const access& request, outcome& done) {
+    const int result = ask(s, dev, request.argument, request.reach, done);
+    if (result == QNM_API_SUCCESS) done.num = request.data;
+    return result;
+}
+
+bool is_good(const access& request) {
+    switch (request.call) {
+        case access_call::read:
+            return request.argument % 4 == 0 && !request.null_data;
+        case access_call::write:
+            return request.argument % 4 == 0;
+        case access_call::set_vlanid:
+            return request.argument >= 16 && request.argument <= 4094;
+        default:
+            return true;
+    }
+}
+
+// A card of either kind; a QNSV card goes before a QNIO card of the same ID.
+const card* find_card(const state& s, uint64_t id, kind& which) {
+    for (const kind each : k_kinds) {
+        const auto known = s.tables[each].find(id);
+        if (known == s.tables[each].end()) continue;
+        which = each;
+        return &known->second;
+    }
+    return nullptr;
+}
+
+using work_t = int (*)(state& s, const qnm_com_dev_t& dev, const access& request, outcome& done);
+
+int access_card(state& s, uint64_t id, const access& request, work_t work, outcome& done) {
+    if (!is_usable(s)) return QNM_API_ENOSYS;
+    if (!is_good(request)) return QNM_API_EINVAL;
+    kind which = k_server;
+    const card* const known = find_card(s, id, which);
+    if (known == nullptr) return QNM_API_ENOENT;
+    qnm_com_dev_t dev = dev_of(which, *known);
+    const bool live_check = request.live_check && request.call != access_call::reset;
+    if (known->ignore_state == k_ignore) {
+        if (!live_check) return QNM_API_ENOLINK;
+        memset(dev.ecd_state, 0, sizeof dev.ecd_state);
+    }
+    const int result = live_check ? check_alive(s, dev, request.reach, done) : QNM_API_SUCCESS;
+    return result != QNM_API_SUCCESS ? result : work(s, dev, request, done);
+}
+
+struct access_row {
+    qnm_stats_func_t func;
+    work_t work;
+};
+
+constexpr access_row k_accesses[] = {
+    {QNM_STATS_READ_REGISTER, read},
+    {QNM_STATS_WRITE_REGISTER, write},
+    {QNM_STATS_SET_VLANID, set_vlanid},
+    {QNM_STATS_SEND_RESETFRAME, reset},
+};
+
 qnm_stats_type_t counter_of(uint8_t subtype) {
     switch (subtype) {
         case 0x10:
@@ -473,9 +643,7 @@ const qnm_com_dev_t& dev_of(kind which, const card& it) {
 int receive(state& s, int port, const frame_t& frame) {
     if (!is_taken(s, frame)) return 0;
     if (is_announcement(frame[18])) take_announcement(s, port, frame);
-    uint64_t* const counters = port == 0 ? s.counters.est_stats_p0 : s.counters.est_stats_p1;
-    counters[counter_of(frame[18])]++;
-    counters[QNM_STATS_R_TOTAL]++;
+    count_frame(s, port, counter_of(frame[18]), QNM_STATS_R_TOTAL);
     return 0;
 }
 
@@ -530,12 +698,42 @@ outcome restart_monitor(state& s, uint64_t id) {
     return count(s, QNM_STATS_RESTART_MONITOR, restart_stopped(s, id));
 }
 
+outcome use_card(state& s, uint64_t id, const access& request) {
+    const access_row& row = k_accesses[static_cast<int>(request.call)];
+    outcome done;
+    done.result = access_card(s, id, request, row.work, done);
+    return count(s, row.func, std::move(done));
+}
+
 outcome register_callback(state& s, int type, int number, bool null_argument) {
     return count(s, QNM_STATS_REGISTER_CALLBACK, add_callback(s, type, number, null_argument));
 }
 
 outcome unregister_callback(state& s, int type, int number) {
     return count(s, QNM_STATS_UNREGISTER_CALLBACK, remove_callback(s, type, number));
+}
+
+void finish(state& s) {
+    for (const kind which : k_kinds) {
+        freed(s, which) += static_cast<uint32_t>(s.tables[which].size());
+        s.tables[which].clear();
+    }
+    for (std::vector<int>& registered : s.callbacks) {
+        s.counters.est_cbinfo_fr += static_cast<uint32_t>(registered.size());
+        registered.clear();
+    }
+    s.counters.est_bl_node_fr += static_cast<uint32_t>(s.blacklist.size());
+    s.counters.est_wreg_node_fr += static_cast<uint32_t>(s.write_locks.size());
+    s.counters.est_evt_node_fr += static_cast<uint32_t>(s.queue.size());
+    s.blacklist.clear();
+    s.write_locks.clear();
+    s.queue.clear();
+}
+
+void begin(state& s) {
+    s.counters = {};
+    for (int port = 0; port < 2; port++)
+        s.link_seen[port] = s.link_up[port];
 }
 
 }  // namespace model

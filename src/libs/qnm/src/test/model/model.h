@@ -34,6 +34,8 @@ struct settings {
     uint32_t id_list_upper_limit;
     uint32_t ports;
     uint16_t ether_type;
+    uint64_t broadcast_mac;
+    uint64_t port_mac[2];
 };
 
 // The record of the card's kind is filled, the other one stays zero.
@@ -74,6 +76,13 @@ struct state {
 // What an ID-list call has done to the caller's pointer.
 enum class list { untouched, null, given };
 
+// A frame that has left by a port; its tag is 0.
+struct sent_frame {
+    int port;
+    frame_t frame;
+    bool operator==(const sent_frame&) const = default;
+};
+
 // All that a step gives back.
 struct outcome {
     int result = 0;
@@ -81,6 +90,7 @@ struct outcome {
     uint32_t num = 0;
     std::vector<uint64_t> ids = {};
     std::vector<unsigned char> record = {};
+    std::vector<sent_frame> sent = {};
     bool operator==(const outcome&) const = default;
 };
 
@@ -133,7 +143,31 @@ outcome get(state& s, kind which, uint64_t id, bool null_record);
 outcome forget(state& s, kind which, uint64_t id);
 outcome stop_monitor(state& s, uint64_t id);
 outcome restart_monitor(state& s, uint64_t id);
+
+enum class access_call { read, write, set_vlanid, reset };
+
+// A call on a card, which answers a Register Read by the paths in reach: bit 2 * port + path. No
+// call repeats a frame or waits for an announcement.
+struct access {
+    access_call call = access_call::read;
+    uint32_t argument = 0;  // address, VLAN ID or status
+    uint32_t data = 0;      // answered or written
+    bool live_check = false;
+    bool null_data = false;
+    uint32_t reach = 0;
+};
+
+outcome use_card(state& s, uint64_t id, const access& request);
+
 outcome register_callback(state& s, int type, int number, bool null_argument);
 outcome unregister_callback(state& s, int type, int number);  // number -1: a null handle
+
+// ---- Stop and restart ---------------------------------------------------------------------------
+
+// All units end: what is left is freed, and the counters say so.
+void finish(state& s);
+
+// They begin anew, and have read the links.
+void begin(state& s);
 
 }  // namespace model

@@ -79,6 +79,26 @@ void draw_list(source& from, const model::state& now, step& it) {
     it.null_num = from.one_in(30);
 }
 
+// Arguments that are good for one call and bad for another.
+void draw_access(source& from, const model::state&, step& it) {
+    constexpr model::access_call k_calls[] = {
+        model::access_call::read, model::access_call::read, model::access_call::write,
+        model::access_call::set_vlanid, model::access_call::reset};
+    constexpr uint32_t k_arguments[] = {0, 15, 16, 80, 4094, 4095, 0x1234, 0x3FFFFC, 0xFFFC, 0x61};
+    constexpr uint32_t k_reaches[] = {0, 0xF, 0xF, 0x8, 0x3};
+    it.access = {.call = pick(from, k_calls),
+                 .argument = pick(from, k_arguments),
+                 .data = static_cast<uint32_t>(from.below(uint64_t{1} << 32)),
+                 .live_check = from.one_in(3),
+                 .null_data = from.one_in(30),
+                 .reach = pick(from, k_reaches)};
+}
+
+void draw_restart(source&, const model::state&, step& it) {
+    it.manager = {};
+    it.failing_allocation = 0;
+}
+
 void draw_nothing(source&, const model::state&, step&) {}
 
 void draw_card(source& from, const model::state&, step& it) {
@@ -116,6 +136,8 @@ constexpr row k_rows[] = {
     {what::restart_monitor, "restart monitor", 50, draw_card},
     {what::callback, "callback", 20, draw_callback},
     {what::wrong_callback, "wrong callback", 5, draw_wrong_callback},
+    {what::access, "access", 60, draw_access},
+    {what::restart, "restart", 1, draw_restart},
 };
 
 constexpr uint32_t total_weight() {
@@ -160,6 +182,7 @@ model::settings source::draw_settings() {
     constexpr uint32_t k_check_intervals[] = {1000, 1100, 2000};
     constexpr uint32_t k_expire_times[] = {1000, 3000, 5000};
     constexpr uint32_t k_masks[] = {1, 2, 2, 2, 3};
+    constexpr uint64_t k_broadcasts[] = {0x0300FFFFFFFF, 0xFFFFFFFFFFFF};
     constexpr uint32_t k_limits[] = {0xFFFFFFFF, 0xFFFFFFFF, 8, 0};
     return {
         .check_interval = pick(*this, k_check_intervals),
@@ -169,6 +192,8 @@ model::settings source::draw_settings() {
         .id_list_upper_limit = pick(*this, k_limits),
         .ports = one_in(4) ? 1U : 2U,
         .ether_type = static_cast<uint16_t>(one_in(2) ? 0x88B6 : 0x1234),
+        .broadcast_mac = pick(*this, k_broadcasts),
+        .port_mac = {},
     };
 }
 
@@ -262,6 +287,12 @@ step source::next(const model::state& now) {
     return it;
 }
 
+step source::list(const model::state& now, model::kind which, model::wanted cards) {
+    step it = {.what = what::list, .which = which, .cards = cards};
+    it.number = list_value(*this, now, it);
+    return it;
+}
+
 step reaction(int registration, uint64_t id) {
     constexpr what k_reactions[] = {what::get,          what::forget,
                                     what::stop_monitor, what::restart_monitor,
@@ -289,6 +320,12 @@ std::string describe(const step& it) {
     if (it.delivers) out << ", delivers";
     if (it.failing_allocation != 0) out << ", allocation " << it.failing_allocation << " fails";
     out << ", flags " << it.manager.init << it.manager.start << it.manager.fini;
+    if (it.what == what::access) {
+        out << ", call " << static_cast<int>(it.access.call) << " argument " << it.access.argument
+            << " data " << it.access.data << " reach " << it.access.reach
+            << (it.access.live_check ? ", live check" : "")
+            << (it.access.null_data ? ", null data" : "");
+    }
     if (!it.frame.empty()) out << ", " << it.frame.size() << " bytes:" << std::hex;
     for (size_t at = 0; at < it.frame.size(); at++)
         out << (at % 4 == 0 ? " " : "") << (it.frame[at] < 16 ? "0" : "") << unsigned{it.frame[at]};

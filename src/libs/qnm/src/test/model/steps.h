@@ -28,8 +28,10 @@ enum class what {
     forget,
     stop_monitor,
     restart_monitor,
-    callback,       // registers registration number, or unregisters it when it is registered
-    wrong_callback  // registers for type number, or with null_argument; unregisters a null handle
+    callback,        // registers registration number, or unregisters it when it is registered
+    wrong_callback,  // registers for type number, or with null_argument; unregisters a null handle
+    access,          // a call on a card, as in access
+    restart          // all units end and begin anew; the recorders are registered
 };
 
 struct step {
@@ -48,10 +50,13 @@ struct step {
     bool notify = false;
     bool query_fails = false;
     model::frame_t frame = {};
+    model::access access = {};
 };
 
-// Registrations are numbered, and each is for one type.
+// Registrations are numbered, and each is for one type. Steps register and unregister the first
+// ones; the recorders, one for each type, stay, so that no event passes unseen.
 constexpr int k_registrations = 24;
+constexpr int k_recorders_end = k_registrations + QNM_EVT_MAX;
 
 inline int type_of(int registration) {
     return registration % QNM_EVT_MAX;
@@ -70,6 +75,7 @@ class source {
 
     model::settings draw_settings();
     step next(const model::state& now);
+    step list(const model::state& now, model::kind which, model::wanted cards);
 
     uint64_t below(uint64_t limit) { return random_() % limit; }
     bool one_in(uint64_t n) { return below(n) == 0; }
