@@ -1,7 +1,8 @@
 // qnm_lock_order.cpp - aborts where a thread takes the library's locks out of order.
 //
 // Every thread has a list of its own of the locks that it holds; nothing is shared. A thread that
-// waits for an event counts as holding the event's mutex meanwhile: it takes no other lock then.
+// waits for an event counts as holding the event's mutex meanwhile, as it does when it looks at
+// what it waits for: that look may take locks, but only such as may follow an event object.
 
 #include "qnm_lock_order.h"
 
@@ -15,11 +16,33 @@
 
 namespace {
 
-constexpr const char* k_names[] = {
-    "unordered lock", "callback list", "write lock of a card", "device table",    "blacklist",
-    "event object",   "event queue",   "map of write locks",   "completion tags", "statistics",
+constexpr unsigned held(qnm_lock_level_t level) {
+    return 1U << level;
+}
+
+// What may be held when a lock is taken.
+constexpr unsigned k_by_calls = held(QNM_LOCK_CALLBACKS) | held(QNM_LOCK_CARD_WRITE);
+constexpr unsigned k_by_tables = k_by_calls | held(QNM_LOCK_TABLE) | held(QNM_LOCK_BLACKLIST);
+constexpr unsigned k_by_all = ~held(QNM_LOCK_STATS);
+
+struct level_rule {
+    const char* name;
+    unsigned may_follow;
 };
-static_assert(std::size(k_names) == QNM_LOCK_LEVEL_MAX);
+
+constexpr level_rule k_rules[] = {
+    {"unordered lock", 0},
+    {"callback list", held(QNM_LOCK_CALLBACKS)},
+    {"write lock of a card", held(QNM_LOCK_CALLBACKS)},
+    {"device table", k_by_calls},
+    {"blacklist", k_by_calls | held(QNM_LOCK_TABLE)},
+    {"event object", k_by_tables},
+    {"event queue", k_by_tables | held(QNM_LOCK_EVENT)},
+    {"map of write locks", k_by_calls | held(QNM_LOCK_TABLE)},
+    {"completion tags", k_by_calls},
+    {"statistics", k_by_all},
+};
+static_assert(std::size(k_rules) == QNM_LOCK_LEVEL_MAX);
 
 struct held_lock {
     const void* lock;
@@ -31,11 +54,9 @@ constexpr size_t k_held_max = 32;
 thread_local held_lock held_locks[k_held_max];
 thread_local size_t held_count;
 
+// A callback list may follow another one, but no lock itself.
 bool may_follow(const held_lock& outer, const held_lock& inner) {
-    if (outer.level == QNM_LOCK_CALLBACKS && inner.level == QNM_LOCK_CALLBACKS) {
-        return outer.lock != inner.lock;
-    }
-    return outer.level < inner.level;
+    return outer.lock != inner.lock && (k_rules[inner.level].may_follow & held(outer.level)) != 0;
 }
 
 }  // namespace
@@ -46,10 +67,10 @@ void _qnm_lock_order_take(const void* lock, qnm_lock_level_t level) {
     const held_lock* const end = held_locks + held_count;
     const held_lock* const broken =
         std::find_if(std::cbegin(held_locks), end,
-                     [&](const held_lock& held) { return !may_follow(held, wanted); });
+                     [&](const held_lock& outer) { return !may_follow(outer, wanted); });
     if (broken != end || held_count == k_held_max) {
-        fprintf(stderr, "libqnm: lock order broken: %s taken while %s is held\n", k_names[level],
-                broken != end ? k_names[broken->level] : "too much");
+        fprintf(stderr, "libqnm: lock order broken: %s taken while %s is held\n",
+                k_rules[level].name, broken != end ? k_rules[broken->level].name : "too much");
         abort();
     }
     held_locks[held_count++] = wanted;
@@ -58,7 +79,7 @@ void _qnm_lock_order_take(const void* lock, qnm_lock_level_t level) {
 void _qnm_lock_order_release(const void* lock) {
     held_lock* const end = held_locks + held_count;
     held_lock* const found =
-        std::find_if(held_locks, end, [&](const held_lock& held) { return held.lock == lock; });
+        std::find_if(held_locks, end, [&](const held_lock& one) { return one.lock == lock; });
     if (found == end) return;
     std::move(found + 1, end, found);
     held_count--;

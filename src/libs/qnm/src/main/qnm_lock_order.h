@@ -1,23 +1,25 @@
 // qnm_lock_order.h - the order in which a thread takes the library's locks.
 //
-// A lock is taken only while locks of lower levels are held. Builds with QNM_CHECK_LOCK_ORDER,
-// which debug builds are, keep the levels in the mutexes and abort with both names where a thread
-// breaks the order, whether or not it would have blocked this time. In other builds none of it
-// exists.
+// Builds with QNM_CHECK_LOCK_ORDER, which debug builds are, keep the levels in the mutexes and
+// abort with both names where a thread breaks the order, whether or not it would have blocked this
+// time. In other builds none of it exists.
 #pragma once
 
-// Outermost first.
+// Outermost first. No lock is taken while one of its own or of a lower line is held; the lines say
+// which of the upper ones may be. Whatever an event type's callbacks may call, may follow that
+// type's list.
 typedef enum qnm_lock_level {
-    QNM_LOCK_UNORDERED,   // not checked
-    QNM_LOCK_CALLBACKS,   // callbacks of one event type; those of another may follow
-    QNM_LOCK_CARD_WRITE,  // a card's write lock
-    QNM_LOCK_TABLE,
-    QNM_LOCK_BLACKLIST,
-    QNM_LOCK_EVENT,  // within an event object
-    QNM_LOCK_EVENT_QUEUE,
-    QNM_LOCK_WRITE_LOCKS,  // the map of the cards' write locks
-    QNM_LOCK_TAGS,
-    QNM_LOCK_STATS,
+    QNM_LOCK_UNORDERED,    // not checked
+    QNM_LOCK_CALLBACKS,    // callbacks of one event type; after those of another only
+    QNM_LOCK_CARD_WRITE,   // a card's write lock; after a callback list only
+    QNM_LOCK_TABLE,        // after a callback list or a write lock
+    QNM_LOCK_BLACKLIST,    // after the same and the table
+    QNM_LOCK_EVENT,        // within an event object; after the same and the blacklist
+    QNM_LOCK_EVENT_QUEUE,  // after the same and the event object, by which its thread is woken
+    QNM_LOCK_WRITE_LOCKS,  // the map of the cards' write locks; after those that the table follows,
+                           // and after the table
+    QNM_LOCK_TAGS,         // after a callback list or a write lock: of all others it is taken alone
+    QNM_LOCK_STATS,        // after any other, and followed by none
     QNM_LOCK_LEVEL_MAX
 } qnm_lock_level_t;
 

@@ -2,8 +2,10 @@
 // names. In builds that check the order only; elsewhere a mutex is the system's and nothing more.
 
 #include <cerrno>
+#include <iterator>
 #include <thread>
 
+#include "qnm_completion.h"
 #include "units.h"
 
 namespace {
@@ -18,6 +20,8 @@ struct lock_order : units {
 };
 
 using lock_order_death = lock_order;
+
+void ignore_event(uint64_t, qnm_evt_type_t, void*) {}
 
 void take_two(qnm_mutex_t& outer, qnm_mutex_t& inner) {
     const qnm::mutex_guard first(outer);
@@ -65,6 +69,110 @@ TEST_F(lock_order_death, the_write_locks_of_two_cards) {
         "write lock of a card taken while write lock of a card is held");
 }
 
+// One per level: a lock that has lost its level would pass.
+
+TEST_F(lock_order_death, a_callback_list_after_the_table) {
+    qnm_cbid_t id = nullptr;
+    EXPECT_DEATH(
+        {
+            const qnm::table_guard lock;
+            qnm_register_callback(QNM_EVT_NEWDEVINFO, ignore_event, nullptr, &id);
+        },
+        "callback list taken while device table is held");
+}
+
+TEST_F(lock_order_death, an_event_object_after_the_statistics) {
+    qnm_event_t event;
+    ASSERT_EQ(_qnm_event_init(&event), 0);
+    EXPECT_DEATH(
+        {
+            const qnm::mutex_guard lock(qnm_stats_mutex);
+            _qnm_event_set(&event);
+        },
+        "event object taken while statistics is held");
+    EXPECT_EQ(_qnm_event_destroy(&event), 0);
+}
+
+TEST_F(lock_order_death, the_event_queue_after_the_statistics) {
+    EXPECT_DEATH(
+        {
+            const qnm::mutex_guard lock(qnm_stats_mutex);
+            _qnm_event_cb_fini();
+        },
+        "event queue taken while statistics is held");
+}
+
+TEST_F(lock_order_death, the_map_of_write_locks_after_the_blacklist) {
+    EXPECT_DEATH(
+        {
+            const qnm::blacklist_guard lock;
+            _qnm_create_reg_lock_node(k_id);
+        },
+        "map of write locks taken while blacklist is held");
+}
+
+TEST_F(lock_order_death, the_tags_after_the_table) {
+    int tag = 0;
+    EXPECT_DEATH(
+        {
+            const qnm::table_guard lock;
+            _qnm_get_tag(&tag);
+        },
+        "completion tags taken while device table is held");
+}
+
+// Locks of every level, in their order.
+struct all_levels {
+    qnm_mutex_t callbacks = QNM_MUTEX_OF_LEVEL(QNM_LOCK_CALLBACKS);
+    qnm_mutex_t card_write = QNM_MUTEX_OF_LEVEL(QNM_LOCK_CARD_WRITE);
+    qnm_mutex_t table = QNM_MUTEX_OF_LEVEL(QNM_LOCK_TABLE);
+    qnm_mutex_t blacklist = QNM_MUTEX_OF_LEVEL(QNM_LOCK_BLACKLIST);
+    qnm_mutex_t event = QNM_MUTEX_OF_LEVEL(QNM_LOCK_EVENT);
+    qnm_mutex_t event_queue = QNM_MUTEX_OF_LEVEL(QNM_LOCK_EVENT_QUEUE);
+    qnm_mutex_t write_locks = QNM_MUTEX_OF_LEVEL(QNM_LOCK_WRITE_LOCKS);
+    qnm_mutex_t tags = QNM_MUTEX_OF_LEVEL(QNM_LOCK_TAGS);
+    qnm_mutex_t statistics = QNM_MUTEX_OF_LEVEL(QNM_LOCK_STATS);
+};
+
+constexpr qnm_mutex_t all_levels::*k_levels[] = {
+    &all_levels::callbacks,   &all_levels::card_write, &all_levels::table,
+    &all_levels::blacklist,   &all_levels::event,      &all_levels::event_queue,
+    &all_levels::write_locks, &all_levels::tags,       &all_levels::statistics,
+};
+static_assert(std::size(k_levels) + 1 == QNM_LOCK_LEVEL_MAX);
+
+TEST_F(lock_order_death, anything_but_the_statistics_after_a_lock_of_single_steps) {
+    for (const auto outer :
+         {&all_levels::event_queue, &all_levels::write_locks, &all_levels::tags}) {
+        for (const auto inner : k_levels) {
+            all_levels of;
+            if (inner == &all_levels::statistics) {
+                take_two(of.*outer, of.*inner);
+            } else {
+                EXPECT_DEATH(take_two(of.*outer, of.*inner), "lock order broken");
+            }
+        }
+    }
+}
+
+TEST_F(lock_order_death, anything_after_the_statistics_of_any_level) {
+    for (const auto inner : k_levels) {
+        all_levels of;
+        EXPECT_DEATH(take_two(of.statistics, of.*inner), "taken while statistics is held");
+    }
+}
+
+TEST_F(lock_order_death, the_tags_after_anything_but_what_a_call_holds) {
+    for (const auto outer : k_levels) {
+        all_levels of;
+        if (outer == &all_levels::callbacks || outer == &all_levels::card_write) {
+            take_two(of.*outer, of.tags);
+        } else {
+            EXPECT_DEATH(take_two(of.*outer, of.tags), "completion tags taken while");
+        }
+    }
+}
+
 TEST_F(lock_order_death, the_same_lock_twice) {
     EXPECT_DEATH(take_two(qnm_qn.eei_mutex, qnm_qn.eei_mutex),
                  "device table taken while device table is held");
@@ -97,11 +205,15 @@ TEST_F(lock_order, a_callback_may_register_for_another_type) {
     EXPECT_EQ(qnm_stats.est_cbinfo_al, 2u);
 }
 
-TEST_F(lock_order, all_levels_may_be_held_at_once) {
-    _qnm_create_reg_lock_node(k_id);
+TEST_F(lock_order, the_tables_may_be_held_together_when_an_event_is_added) {
     const qnm::table_guard table_lock;
     const qnm::blacklist_guard blacklist_lock;
     EXPECT_EQ(_qnm_add_event(QNM_EVT_NEWDEVINFO, k_id), 0);
+}
+
+TEST_F(lock_order, a_card_gets_its_write_lock_with_the_table_held) {
+    const qnm::table_guard table_lock;
+    EXPECT_EQ(_qnm_create_reg_lock_node(k_id), 0);
     EXPECT_EQ(_qnm_create_reg_lock_node(k_id), EEXIST);
 }
 
