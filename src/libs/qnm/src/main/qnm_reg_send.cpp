@@ -33,7 +33,7 @@ struct qnm_write_reg_node_t {
 struct qnm_write_reg_mng_t {
     qnm_rbtree_t wrm_rbtree QNM_GUARDED_BY(wrm_mutex);
     qnm_mutex_t wrm_mutex;
-    uint32_t wrm_initialized;
+    uint32_t wrm_initialized;  // without a lock: only a start looks at it, before other threads are
 };
 
 qnm_write_reg_mng_t qnm_write_reg_lock_mng = {{}, QNM_MUTEX_OF_LEVEL(QNM_LOCK_WRITE_LOCKS), 0};
