@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
-# Runs the command on simulated cards as an ordinary user whose only capability is CAP_NET_RAW, with
-# all others out of reach; then looks whether it learns the cards and reaches into them.
+# Runs the command and a host program on simulated cards as an ordinary user whose only capability
+# is CAP_NET_RAW, with all others out of reach; then looks whether they learn the cards and whether
+# the command reaches into them.
 #
 #   usage: least_privilege.sh WAY QNMCTL CARDSIM LIBRARY HOST      in a network namespace of its own
 #
-#   ambient   the capability is handed down by whoever starts the command
-#   file      the file of the command has it
-#   none      nobody has it: the command must say so, and HOST, a host program, see its start fail
+#   ambient   the capability is handed down by whoever starts the programs
+#   file      the files of the programs have it
+#   none      nobody has it: the command must say so, and HOST, the host program, see its start fail
 #
 # Exit status 77: not possible here; the last line says why.
 set -euo pipefail
@@ -17,6 +18,7 @@ readonly user=65534
 readonly net_raw=0000000000002000 # bit 13
 readonly no_caps=0000000000000000
 readonly card=0x020000001000
+readonly cards_in_scenario=6
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 readonly scenario=$root/src/tools/cardsim/scenarios/demo.toml
 
@@ -74,7 +76,8 @@ choose_user() {
 
 give_to_file() {
   local told
-  told=$(setcap cap_net_raw+ep "$work/qnmctl" 2>&1) || skip "$work takes no file capability: $told"
+  told=$(setcap cap_net_raw+ep "$work/qnmctl" cap_net_raw+ep "$work/host" 2>&1) ||
+    skip "$work takes no file capability: $told"
   # Such a program does not look at LD_LIBRARY_PATH, but where it was built to.
   "${as_user[@]}" "$work/qnmctl" --version >"$work/version" 2>&1 ||
     skip "a program with a file capability does not run here: $(<"$work/version")"
@@ -132,8 +135,35 @@ check_credentials() {
   fi
 }
 
+# What the host program reads; its log is $work/tmp/qnm.log.
+install_settings() {
+  mkdir "$work/conf"
+  echo 'ether_port = qnm0,qnm1' >"$work/conf/qnm.conf"
+  sed "s#/var/log/qnm#$work/tmp#" "$root/conf/qnm_log4c.properties" \
+    >"$work/conf/qnm_log4c.properties"
+}
+
+# The host program is told of each card once, and ends well when it is asked to.
+check_host() {
+  local tries count=0 status=0 host
+  install_settings
+  "${as_user[@]}" "$work/host" "$work" <&"$orders" >"$work/events" 2>&1 &
+  host=$!
+  for ((tries = 0; tries < 600 && count < cards_in_scenario; tries++)); do
+    sleep 0.1
+    count=$(grep -c '^new 0x' "$work/events") || true
+  done
+  echo >&"$orders"
+  wait "$host" || status=$?
+  ((status == 0)) || fail "the host program ended with $status: $(<"$work/events")"
+  count=$(grep '^new 0x' "$work/events" | sort -u | wc -l) || true
+  ((count == cards_in_scenario)) || fail "not all cards are reported: $(<"$work/events")"
+  ! grep -q 'ended with code' "$work/events" || fail "$(<"$work/events")"
+}
+
 check_work() {
   check_credentials
+  check_host
   ask list --for 1 || fail "$answer"
   expect '2 QNSV, 4 QNIO'
   ask reg read "$card" 0x1000 || fail "$answer"
@@ -151,10 +181,7 @@ check_refusal() {
   expect 'sudo setcap cap_net_raw\+ep .*/qnmctl'
   [[ -z $(ls -A "$work/tmp") ]] || fail "something is left in $work/tmp"
 
-  mkdir "$work/conf"
-  echo 'ether_port = qnm0,qnm1' >"$work/conf/qnm.conf"
-  sed "s#/var/log/qnm#$work/tmp#" "$root/conf/qnm_log4c.properties" \
-    >"$work/conf/qnm_log4c.properties"
+  install_settings
   answer=$("${as_user[@]}" "$work/host" "$work" </dev/null 2>&1) || fail "$answer"
   expect 'the manager ended with code 6'
   answer=$(<"$work/tmp/qnm.log")
