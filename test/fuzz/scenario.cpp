@@ -25,16 +25,21 @@ bool has_long_number(std::string_view line) {
     return false;
 }
 
-// A million cards in one line are welcome, but not here: whether a great number may stand behind
-// the key for it. The key could be written with escapes as well.
-bool may_ask_for_many(std::string_view text) {
-    constexpr std::string_view key = "count";
-    if (text.find("\\u") != text.npos || text.find("\\U") != text.npos) return true;
+// Whether a great number may be given in a line to a key that ends with, or has within it, this.
+bool gives_many(std::string_view text, std::string_view key) {
     for (std::size_t at = text.find(key); at != text.npos; at = text.find(key, at)) {
         at += key.size();
-        if (has_long_number(text.substr(at, text.find('\n', at) - at))) return true;
+        const std::string_view line = text.substr(at, text.find('\n', at) - at);
+        const std::size_t equals = line.find('=');
+        if (equals != line.npos && has_long_number(line.substr(equals))) return true;
     }
     return false;
+}
+
+// A million cards in one line are welcome, but not here. The key could be written with escapes as
+// well.
+bool may_ask_for_many(std::string_view text) {
+    return gives_many(text, "count") || gives_many(text, "\\u") || gives_many(text, "\\U");
 }
 
 void check_announcements(const cardsim::card& made) {
