@@ -32,7 +32,7 @@ run_cppcheck() {
   echo "cppcheck: $(list_sources | wc -l) files"
   list_sources | cppcheck --file-list=- -j "$jobs" --quiet --language=c++ --std=c++20 \
     --enable=warning,style,performance,portability --library=posix --library=gnu \
-    -D__GNUC__ -Isrc/libs/qnm/src/main -Isrc/tools/cardsim -Isrc/tools/qnmctl \
+    -D__GNUC__ -Isrc/libs/qnm/src/main -Isrc/tools/cardsim -Isrc/tools/qnmctl -Isrc/tools \
     --suppressions-list=.cppcheck --error-exitcode=1 || die "cppcheck has findings."
 }
 

@@ -15,6 +15,7 @@
 #include <string>
 
 #include "cardsim.h"
+#include "input_lines.h"
 
 namespace {
 
@@ -83,11 +84,10 @@ int open_signals() {
     return fd;
 }
 
-// Answers every whole line in `pending` and takes it out; true when one of them was "quit".
-bool answer_lines(cardsim::simulator& target, std::string& pending) {
-    for (std::size_t end = 0; (end = pending.find('\n')) != std::string::npos;) {
-        const cardsim::answer given = execute(target, std::string_view(pending).substr(0, end));
-        pending.erase(0, end + 1);
+// Answers every whole line that has come; true when one of them was "quit".
+bool answer_lines(cardsim::simulator& target, input_lines& input) {
+    while (const auto line = input.next()) {
+        const cardsim::answer given = execute(target, *line);
         if (!given.text.empty()) print_line(stdout, given.text);
         if (given.quit) return true;
     }
@@ -98,7 +98,7 @@ bool answer_lines(cardsim::simulator& target, std::string& pending) {
 void serve(cardsim::simulator& target, int signals) {
     pollfd waited[] = {{.fd = signals, .events = POLLIN, .revents = 0},
                        {.fd = STDIN_FILENO, .events = POLLIN, .revents = 0}};
-    std::string pending;
+    input_lines input;
     while (true) {
         if (poll(waited, std::size(waited), -1) < 0) continue;
         if (waited[0].revents != 0) return;
@@ -106,12 +106,12 @@ void serve(cardsim::simulator& target, int signals) {
         char chunk[4096];
         const ssize_t length = read(STDIN_FILENO, chunk, sizeof chunk);
         if (length > 0) {
-            pending.append(chunk, static_cast<std::size_t>(length));
+            input.add({chunk, static_cast<std::size_t>(length)});
         } else {
             waited[1].fd = -1;
-            if (!pending.empty()) pending += '\n';  // a last line without its end
+            input.end();
         }
-        if (answer_lines(target, pending)) return;
+        if (answer_lines(target, input)) return;
     }
 }
 

@@ -14,6 +14,7 @@
 #include <string>
 
 #include "config_file.h"
+#include "input_lines.h"
 #include "report.h"
 #include "start.h"
 #include "text.h"
@@ -47,18 +48,18 @@ void answer_line(context& with, const std::string& line) {
 }
 
 // Reads what there is and answers the lines that are whole; false at the end of standard input.
-bool answer_input(context& with, std::string& pending) {
+bool answer_input(context& with, input_lines& input) {
     char chunk[4096];
     const ssize_t length = read(STDIN_FILENO, chunk, sizeof chunk);
     if (length < 0 && (errno == EINTR || errno == EAGAIN)) return true;
     if (length > 0)
-        pending.append(chunk, static_cast<std::size_t>(length));
-    else if (!pending.empty())
-        pending += '\n';  // a last line without its end
-    for (std::size_t end = 0; !with.quit && (end = pending.find('\n')) != std::string::npos;) {
-        const std::string line = pending.substr(0, end);
-        pending.erase(0, end + 1);
-        answer_line(with, line);
+        input.add({chunk, static_cast<std::size_t>(length)});
+    else
+        input.end();
+    while (!with.quit) {
+        const auto line = input.next();
+        if (!line) break;
+        answer_line(with, *line);
     }
     return length > 0;
 }
@@ -119,7 +120,7 @@ void listen(context& with, const listening& how) {
                        {with.out.fd(), 0, 0},  // only that its reader has gone
                        {how.takes_lines ? STDIN_FILENO : -1, POLLIN, 0}};
     const clock::time_point deadline = deadline_after(how.seconds);
-    std::string pending;
+    input_lines lines;
     std::uint64_t told = 0;
     while (!with.quit && !with.out.closed() && clock::now() < deadline) {
         if (poll(waited, std::size(waited), milliseconds_until(deadline)) < 0) {
@@ -131,7 +132,7 @@ void listen(context& with, const listening& how) {
             if (!tell_events(with, how, told)) return;
             check_running(with);
         }
-        if (waited[input].revents != 0 && !answer_input(with, pending)) waited[input].fd = -1;
+        if (waited[input].revents != 0 && !answer_input(with, lines)) waited[input].fd = -1;
     }
 }
 
