@@ -113,7 +113,8 @@ int _qnm_thread_destroy(qnm_thread_id_t*) {
 
 int _qnm_event_init(qnm_event_t* evt) {
     pthread_condattr_t attr;
-    pthread_condattr_init(&attr);
+    const int err = pthread_condattr_init(&attr);
+    if (err != 0) return err;
     const int ret = pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
     if (ret == 0) {
         pthread_mutex_init(&evt->eev_mutex, nullptr);

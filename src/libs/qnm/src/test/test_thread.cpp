@@ -195,16 +195,22 @@ TEST(Words, written_by_one_thread_reach_another) {
 
 // ---- Events: creation and end -------------------------------------------------------------------
 
-TEST(EventInit, fails_with_the_clock_and_initialises_nothing) {
+class EventInit : public testing::TestWithParam<fail::call> {};
+
+INSTANTIATE_TEST_SUITE_P(of_its_attribute, EventInit,
+                         testing::Values(fail::call::pthread_condattr_init,
+                                         fail::call::pthread_condattr_setclock));
+
+TEST_P(EventInit, fails_with_its_attribute_and_initialises_nothing) {
     const fail::guard fail;
     qnm_event_t evt;
-    fail::nth(fail::call::pthread_condattr_setclock, 1, EINVAL);
+    fail::nth(GetParam(), 1, EINVAL);
     EXPECT_EQ(_qnm_event_init(&evt), EINVAL);
     EXPECT_EQ(fail::count(fail::call::pthread_mutex_init), 0u);
     EXPECT_EQ(fail::count(fail::call::pthread_cond_init), 0u);
 }
 
-TEST(EventInit, initialises_the_mutex_and_the_condition_variable) {
+TEST(EventMaking, initialises_the_mutex_and_the_condition_variable) {
     const fail::guard fail;
     qnm_event_t evt;
     EXPECT_EQ(_qnm_event_init(&evt), 0);

@@ -6,8 +6,10 @@
 
 #include "fail.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <sys/ioctl.h>
@@ -186,6 +188,10 @@ std::optional<struct timeval> wall_clock() {
 
 // ---- The test's side ----------------------------------------------------------------------------
 
+const char* name_of(call which) {
+    return k_names[static_cast<std::size_t>(which)];
+}
+
 void nth(call which, unsigned n, int err) {
     const std::lock_guard lock(g_mutex);
     order_t& it = order(which);
@@ -330,6 +336,17 @@ int fail_clock_nanosleep(clockid_t clock, int flags, const struct timespec* requ
     });
 }
 
+// What the library gives it is a number, not a pointer.
+int fail_fcntl(int fd, int command, ...) {
+    va_list args;
+    va_start(args, command);
+    const int arg = va_arg(args, int);
+    va_end(args);
+    return run<call::fcntl>([&] { return fcntl(fd, command, arg); });
+}
+
+int fail_fcntl64(int fd, int command, ...) __attribute__((alias("fail_fcntl")));
+
 char* fail_fgets(char* buf, int size, FILE* stream) {
     return run<call::fgets>([&] { return fgets(buf, size, stream); });
 }
@@ -419,6 +436,10 @@ int fail_pthread_cond_wait(pthread_cond_t* cond, pthread_mutex_t* mutex) {
     return run<call::pthread_cond_wait>([&] { return pthread_cond_wait(cond, mutex); });
 }
 
+int fail_pthread_condattr_init(pthread_condattr_t* attr) {
+    return run<call::pthread_condattr_init>([&] { return pthread_condattr_init(attr); });
+}
+
 int fail_pthread_condattr_setclock(pthread_condattr_t* attr, clockid_t clock) {
     return run<call::pthread_condattr_setclock>(
         [&] { return pthread_condattr_setclock(attr, clock); });
@@ -443,6 +464,10 @@ int fail_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* a
 
 int fail_pthread_mutex_lock(pthread_mutex_t* mutex) {
     return run<call::pthread_mutex_lock>([&] { return pthread_mutex_lock(mutex); });
+}
+
+int fail_pthread_sigmask(int how, const sigset_t* set, sigset_t* before) {
+    return run<call::pthread_sigmask>([&] { return pthread_sigmask(how, set, before); });
 }
 
 ssize_t fail_read(int fd, void* buf, size_t count) {

@@ -42,6 +42,16 @@ enum class call {
 #undef FAIL_ALIAS
 };
 
+inline constexpr call k_all_calls[] = {
+#define FAIL_CALL(name, kind) call::name,
+#define FAIL_ALIAS(symbol, name)
+#include "fail_calls.def"
+#undef FAIL_CALL
+#undef FAIL_ALIAS
+};
+
+const char* name_of(call which);
+
 // The n-th call from now (1 = the next) fails with this error number. May be given several times.
 void nth(call which, unsigned n, int err);
 

@@ -2,6 +2,7 @@
 
 #include "redirected_calls.h"
 
+#include <fcntl.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -17,6 +18,10 @@ int do_clock_gettime(clockid_t clock, struct timespec* now) {
 
 int do_clock_nanosleep(clockid_t clock, int flags, const struct timespec* until) {
     return clock_nanosleep(clock, flags, until, nullptr);
+}
+
+int do_fcntl(int fd, int command, int arg) {
+    return fcntl(fd, command, arg);
 }
 
 char* do_fgets(char* buf, int size, FILE* stream) {
@@ -71,6 +76,10 @@ int do_cond_wait(pthread_cond_t* cond, pthread_mutex_t* mutex) {
     return pthread_cond_wait(cond, mutex);
 }
 
+int do_condattr_init(pthread_condattr_t* attr) {
+    return pthread_condattr_init(attr);
+}
+
 int do_condattr_setclock(pthread_condattr_t* attr, clockid_t clock) {
     return pthread_condattr_setclock(attr, clock);
 }
@@ -93,6 +102,10 @@ int do_mutex_init(pthread_mutex_t* mutex) {
 
 int do_mutex_lock(pthread_mutex_t* mutex) {
     return pthread_mutex_lock(mutex);
+}
+
+int do_sigmask(int how, const sigset_t* set, sigset_t* before) {
+    return pthread_sigmask(how, set, before);
 }
 
 ssize_t do_read(int fd, void* buf, size_t size) {

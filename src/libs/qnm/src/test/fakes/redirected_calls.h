@@ -7,6 +7,7 @@
 
 #include <poll.h>
 #include <pthread.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -19,6 +20,7 @@ namespace redirected {
 int do_bind(int fd, const struct sockaddr* addr, socklen_t len);
 int do_clock_gettime(clockid_t clock, struct timespec* now);
 int do_clock_nanosleep(clockid_t clock, int flags, const struct timespec* until);
+int do_fcntl(int fd, int command, int arg);
 char* do_fgets(char* buf, int size, FILE* stream);
 FILE* do_fopen(const char* path, const char* mode);
 int do_getsockopt(int fd, int level, int option, void* value, socklen_t* len);
@@ -32,12 +34,14 @@ int do_cond_init(pthread_cond_t* cond);
 int do_cond_signal(pthread_cond_t* cond);
 int do_cond_timedwait(pthread_cond_t* cond, pthread_mutex_t* mutex, const struct timespec* until);
 int do_cond_wait(pthread_cond_t* cond, pthread_mutex_t* mutex);
+int do_condattr_init(pthread_condattr_t* attr);
 int do_condattr_setclock(pthread_condattr_t* attr, clockid_t clock);
 int do_thread_create(pthread_t* thread, void* (*routine)(void*), void* arg);
 int do_thread_join(pthread_t thread);
 int do_mutex_destroy(pthread_mutex_t* mutex);
 int do_mutex_init(pthread_mutex_t* mutex);
 int do_mutex_lock(pthread_mutex_t* mutex);
+int do_sigmask(int how, const sigset_t* set, sigset_t* before);
 ssize_t do_read(int fd, void* buf, size_t size);
 ssize_t do_recv(int fd, void* buf, size_t size);
 int do_socket(int domain, int type, int protocol);

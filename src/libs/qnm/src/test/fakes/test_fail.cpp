@@ -1,5 +1,6 @@
 // test_fail.cpp - self-test of the failing calls and the fake network interfaces.
 
+#include <fcntl.h>
 #include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 #include <linux/ethtool.h>
@@ -77,6 +78,7 @@ const call_row k_rows[] = {
          const struct timespec past = {0, 0};
          return redirected::do_clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &past);
      }},
+    {call::fcntl, "fcntl", [] { return minus_one(redirected::do_fcntl(-1, F_SETFD, 0)); }},
     {call::fgets, "fgets", [] { return null(redirected::do_fgets(g_buf, sizeof g_buf, stdin)); }},
     {call::fopen, "fopen", [] { return null(redirected::do_fopen("/dev/null", "r")); }},
     {call::getsockopt, "getsockopt",
@@ -112,6 +114,11 @@ const call_row k_rows[] = {
      }},
     {call::pthread_cond_wait, "pthread_cond_wait",
      [] { return redirected::do_cond_wait(&g_cond, &g_mutex); }},
+    {call::pthread_condattr_init, "pthread_condattr_init",
+     [] {
+         pthread_condattr_t attr;
+         return redirected::do_condattr_init(&attr);
+     }},
     {call::pthread_condattr_setclock, "pthread_condattr_setclock",
      [] {
          pthread_condattr_t attr;
@@ -129,6 +136,11 @@ const call_row k_rows[] = {
      [] { return redirected::do_mutex_init(&g_mutex); }},
     {call::pthread_mutex_lock, "pthread_mutex_lock",
      [] { return redirected::do_mutex_lock(&g_mutex); }},
+    {call::pthread_sigmask, "pthread_sigmask",
+     [] {
+         sigset_t before;
+         return redirected::do_sigmask(SIG_BLOCK, nullptr, &before);
+     }},
     {call::read, "read", [] { return minus_one(redirected::do_read(-1, g_buf, 1)); }},
     {call::recv, "recv", [] { return minus_one(redirected::do_recv(-1, g_buf, 1)); }},
     {call::socket, "socket",
