@@ -90,6 +90,17 @@ class answering_card {
         }
     }
 
+    // The n-th read from now (1 = the next) is not answered; 0 takes it back.
+    void lose(size_t n) {
+        const std::lock_guard lock(mutex_);
+        reads_until_lost_ = n;
+    }
+
+    bool is_to_lose() {
+        const std::lock_guard lock(mutex_);
+        return reads_until_lost_ != 0;
+    }
+
     // The frames to this card so far, in order.
     std::vector<access> accesses() {
         const std::lock_guard lock(mutex_);
@@ -156,6 +167,7 @@ class answering_card {
     }
 
     void read(const access& it) {
+        if (reads_until_lost_ != 0 && --reads_until_lost_ == 0) return;
         std::optional<uint32_t> value = registers_[it.addr];
         if (const read_hook hook = read_hooks_[it.addr]) value = hook(*value);
         if (value.has_value()) answer(it, *value);
@@ -176,6 +188,7 @@ class answering_card {
     std::map<uint32_t, read_hook> read_hooks_;
     std::map<uint32_t, write_hook> write_hooks_;
     bool reachable_[2][2] = {{true, true}, {true, true}};
+    size_t reads_until_lost_ = 0;
     std::vector<access> accesses_;
 };
 

@@ -14,23 +14,17 @@
 struct public_calls : failing {
     static constexpr uint64_t k_server = 0x020000001000, k_io = 0x020000002000;
     static constexpr uint16_t k_group = 10, k_new_group = 100;
-    static constexpr uint32_t k_lossy = 0x100;  // a register whose first read is not answered
 
     answering_card server{k_server};
     std::map<uint32_t, uint32_t> memory;  // of its EEPROM, by address
-    bool lost = false;                    // the answer of the lossy register
     uint64_t* ids = nullptr;
     qnm_cbid_t registration = nullptr;
 
     public_calls() {
         server.on_write(k_control, [this](uint32_t command) { obey(command); });
-        server.on_read(k_lossy, [this](uint32_t value) -> std::optional<uint32_t> {
-            if (!std::exchange(lost, true)) return std::nullopt;
-            return value;
-        });
-        // A new VLAN ID is announced at once.
+        // A new VLAN ID is announced at once, and known when the send has returned.
         fake_pcap::on_send("port0", [this](const fake_pcap::frame_t& frame) {
-            if (frame[18] == 0x80) fake_pcap::push_frame("port0", server_frame(k_new_group));
+            if (frame[18] == 0x80) deliver(server_frame(k_new_group));
         });
     }
 
@@ -54,13 +48,14 @@ struct public_calls : failing {
         return frames::build({.mac = k_io, .host = 1, .sw_status = {0, 1, 0}});
     }
 
-    // Takes a frame in, and waits until that is done.
+    // Takes a frame in, and waits until that is done; a manager that ends may leave it.
     void deliver(const frames::frame_t& frame, int port = 0) {
         const std::string taken =
             "_qnm_recv_frame: end. port_num=" + std::to_string(port) + ", ret=0";
         const size_t before = logs.count(k_trace, taken);
         fake_pcap::push_frame(ports::name(port), frame);
-        EXPECT_TRUE(logs.wait_for(k_trace, taken, before + 1));
+        EXPECT_TRUE(
+            wait_until([&] { return logs.count(k_trace, taken) > before || !qnm::is_running(); }));
     }
 
     // Both cards known and as they were.
@@ -70,7 +65,6 @@ struct public_calls : failing {
         server.set(k_control, 0x40000000);
         server.set(k_bit_lock, 0);
         server.set(k_plain, 0);
-        lost = false;
     }
 
     // ---- For the table ----
@@ -247,14 +241,16 @@ inline const public_call& public_call_of(const std::string& name) {
     throw std::logic_error("no public call " + name);
 }
 
+// The cards and what the call needs besides.
+inline void prepare_for(public_calls& at, const public_call& row) {
+    at.prepare();
+    EXPECT_TRUE(row.before == nullptr || row.before(at) == QNM_API_SUCCESS);
+}
+
 // One way of failing, under one call, from the first occurrence to the last.
 inline void sweep_call(public_calls& at, const public_call& row, const failure& how,
                        const consequences& expected) {
     SCOPED_TRACE(row.name);
-    const auto before = [&] {
-        at.prepare();
-        EXPECT_TRUE(row.before == nullptr || row.before(at) == QNM_API_SUCCESS);
-    };
     at.sweep(
-        how, before, [&] { return row.run(at); }, expected);
+        how, [&] { prepare_for(at, row); }, [&] { return row.run(at); }, expected);
 }

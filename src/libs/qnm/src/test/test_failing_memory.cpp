@@ -26,18 +26,23 @@ struct failing_memory : public_calls {
 
 // The calls that allocate; all others do not.
 const std::map<std::string, consequence> k_allocating = {
-    {"qnm_get_qnsvids", {1, QNM_API_ENOMEM, k_info, "qnm_get_qnsvids: (OUT) ret=5"}},
-    {"qnm_get_qnioids", {1, QNM_API_ENOMEM, k_info, "qnm_get_qnioids: (OUT) ret=5"}},
-    {"qnm_get_update_qnsvids", {1, QNM_API_ENOMEM, k_info, "qnm_get_update_qnsvids: (OUT) ret=5"}},
-    {"qnm_get_update_qnioids", {1, QNM_API_ENOMEM, k_info, "qnm_get_update_qnioids: (OUT) ret=5"}},
+    {"qnm_get_qnsvids", {1, QNM_API_ENOMEM, {{k_info, "qnm_get_qnsvids: (OUT) ret=5"}}}},
+    {"qnm_get_qnioids", {1, QNM_API_ENOMEM, {{k_info, "qnm_get_qnioids: (OUT) ret=5"}}}},
+    {"qnm_get_update_qnsvids",
+     {1, QNM_API_ENOMEM, {{k_info, "qnm_get_update_qnsvids: (OUT) ret=5"}}}},
+    {"qnm_get_update_qnioids",
+     {1, QNM_API_ENOMEM, {{k_info, "qnm_get_update_qnioids: (OUT) ret=5"}}}},
     {"qnm_get_group_qnsvids",
-     {1, QNM_API_ENOMEM, k_info, "qnm_get_group_qnsvids: (OUT) ret=5, groupid=10"}},
+     {1, QNM_API_ENOMEM, {{k_info, "qnm_get_group_qnsvids: (OUT) ret=5, groupid=10"}}}},
     {"qnm_get_group_qnioids",
-     {1, QNM_API_ENOMEM, k_info, "qnm_get_group_qnioids: (OUT) ret=5, groupid=10"}},
+     {1, QNM_API_ENOMEM, {{k_info, "qnm_get_group_qnioids: (OUT) ret=5, groupid=10"}}}},
     {"qnm_stop_monitor",
-     {1, QNM_API_ENOMEM, k_error, "qnm_stop_monitor: can't alloc memory for qnm_bl_node_t."}},
+     {1, QNM_API_ENOMEM, {{k_error, "qnm_stop_monitor: can't alloc memory for qnm_bl_node_t."}}}},
     {"qnm_register_callback",
-     {1, QNM_API_ENOMEM, k_error, "qnm_register_callback: Failed to _cbinfo_create()."}},
+     {1,
+      QNM_API_ENOMEM,
+      {{k_error, "_cbinfo_create: can't alloc memory for qnm_cbinfo_t"},
+       {k_error, "qnm_register_callback: Failed to _cbinfo_create()."}}}},
 };
 
 TEST_F(failing_memory, every_public_call_survives_each_failed_allocation) {
@@ -76,7 +81,10 @@ TEST_F(failing_memory, no_exported_function_is_left_out) {
 
 consequence lost_event(const std::string& func, const std::string& event,
                        const std::string& id = k_new_text) {
-    return {1, QNM_API_SUCCESS, k_warn, func + ": Failed to _qnm_add_event(" + event + ") " + id};
+    return {1,
+            QNM_API_SUCCESS,
+            {{k_error, "_evt_node_create: can't alloc memory for qnm_evt_node_t"},
+             {k_warn, func + ": Failed to _qnm_add_event(" + event + ") " + id}}};
 }
 
 TEST_F(failing_memory, a_new_card_of_each_kind_survives_each_failed_allocation) {
@@ -84,11 +92,15 @@ TEST_F(failing_memory, a_new_card_of_each_kind_survives_each_failed_allocation) 
         SCOPED_TRACE(text_of(it));
         const std::string func = "_add_" + it.kind + "_devinfo";
         const consequences expected = {
-            {1, QNM_API_ENOENT, k_warn,
-             func + ": Failed to _qnm_create_reg_lock_node(). Drop DEVINFO Frame. err=12, " +
-                 k_new_text},
-            {1, QNM_API_ENOENT, k_error,
-             func + ": Failed to _qnm_set_" + it.kind + "(). err=12, " + k_new_text},
+            {1,
+             QNM_API_ENOENT,
+             {{k_warn, "_write_reg_create: Failed to _write_reg_node_alloc()"},
+              {k_warn, func +
+                           ": Failed to _qnm_create_reg_lock_node(). Drop DEVINFO Frame. err=12, " +
+                           k_new_text}}},
+            {1,
+             QNM_API_ENOENT,
+             {{k_error, func + ": Failed to _qnm_set_" + it.kind + "(). err=12, " + k_new_text}}},
             lost_event(func, "QNM_EVT_NEWDEVINFO"),
             lost_event(func, "QNM_EVT_MAJORMINORERROR"),
         };
