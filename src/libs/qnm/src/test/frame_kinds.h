@@ -1,10 +1,11 @@
-// frame_kinds.h - announcements of every kind, by a card that is not known yet.
+// frame_kinds.h - announcements of every kind, by a card that is not known yet, and by one that is.
 #pragma once
 
 #include <string>
 #include <vector>
 
 #include "frames.h"
+#include "public_calls.h"
 #include "qnm.h"
 
 // An announcement of one kind: what of it tells the kinds apart, and what the log calls them.
@@ -51,4 +52,46 @@ inline qnm_api_code_t look_up(const frame_kind& it) {
     qnm_qnsv_t server;
     qnm_qnio_t io;
     return it.is_server() ? qnm_get_qnsv(k_new, &server) : qnm_get_qnio(k_new, &io);
+}
+
+// What the tables say of its monitoring.
+inline uint32_t ignore_state_of(const frame_kind& it) {
+    const qnm::table_guard lock;
+    uint32_t state = QNM_IGNORE;
+    if (it.is_server()) {
+        _qnm_get_qnsv(k_new, nullptr, &state, nullptr, QNM_VALID_IGNORE_STATE);
+    } else {
+        _qnm_get_qnio(k_new, nullptr, &state, nullptr, QNM_VALID_IGNORE_STATE);
+    }
+    return state;
+}
+
+// The card known again as from its first announcement.
+inline void learn_anew(public_calls& at, const frame_kind& it) {
+    qnm_delete_qnsv(k_new);
+    qnm_delete_qnio(k_new);
+    at.deliver(frames::build(it.announcement));
+}
+
+// The same, and its monitoring stopped and restarted: the next frame begins its record afresh.
+inline void learn_and_restart(public_calls& at, const frame_kind& it) {
+    learn_anew(at, it);
+    EXPECT_EQ(qnm_stop_monitor(k_new), QNM_API_SUCCESS);
+    EXPECT_EQ(qnm_restart_monitor(k_new), QNM_API_SUCCESS);
+    EXPECT_EQ(ignore_state_of(it), QNM_WATCH_RESTART);
+}
+
+// The same card with everything changed that raises an event, by its other port.
+inline frames::frame_t changed(const frame_kind& it) {
+    frames::announcement next = it.announcement;
+    next.info = 0x03;
+    next.sw_status[2] = 0x03;
+    frames::frame_t frame = frames::build(next);
+    frame[it.is_server() ? frames::down_port(0) + 1 : 29] |= 0x02;
+    return frame;
+}
+
+inline qnm_api_code_t announce_change(public_calls& at, const frame_kind& it) {
+    at.deliver(changed(it), 1);
+    return look_up(it);
 }

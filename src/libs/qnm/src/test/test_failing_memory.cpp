@@ -113,36 +113,46 @@ TEST_F(failing_memory, a_new_card_of_each_kind_survives_each_failed_allocation) 
     }
 }
 
-// The same card with everything changed that raises an event, by its other port.
-frames::frame_t changed(const frame_kind& it) {
-    frames::announcement next = it.announcement;
-    next.info = 0x03;
-    next.sw_status[2] = 0x03;
-    frames::frame_t frame = frames::build(next);
-    frame[it.is_server() ? frames::down_port(0) + 1 : 29] |= 0x02;
-    return frame;
+// The events of changed(), in order, each of which may be lost.
+consequences lost_changes(const frame_kind& it) {
+    const std::string func = "_update_" + it.kind + "_devinfo";
+    consequences expected = {lost_event(func, "QNM_EVT_UPDATEDEVINFO"),
+                             lost_event(func, "QNM_EVT_CONNECTIONCHANGE"),
+                             lost_event(func, "QNM_EVT_MAJORMINORERROR")};
+    if (!it.is_server()) expected.push_back(lost_event(func, "QNM_EVT_PATHSTATECHANGE"));
+    expected.push_back(lost_event(func, "QNM_EVT_CHANNELSTATECHANGE"));
+    return expected;
 }
 
 TEST_F(failing_memory, a_changed_card_of_each_kind_survives_each_failed_allocation) {
     for (const frame_kind& it : all_kinds()) {
         SCOPED_TRACE(text_of(it));
-        const std::string func = "_update_" + it.kind + "_devinfo";
-        consequences expected = {lost_event(func, "QNM_EVT_UPDATEDEVINFO"),
-                                 lost_event(func, "QNM_EVT_CONNECTIONCHANGE"),
-                                 lost_event(func, "QNM_EVT_MAJORMINORERROR")};
-        if (!it.is_server()) expected.push_back(lost_event(func, "QNM_EVT_PATHSTATECHANGE"));
-        expected.push_back(lost_event(func, "QNM_EVT_CHANNELSTATECHANGE"));
-        const auto learn_anew = [&] {
-            qnm_delete_qnsv(k_new);
-            qnm_delete_qnio(k_new);
-            deliver(frames::build(it.announcement));
-        };
-        const auto announce = [&] {
-            deliver(changed(it), 1);
-            return look_up(it);
-        };
-        sweep(counted(allocation_anywhere()), learn_anew, announce, expected);
+        sweep(
+            counted(allocation_anywhere()), [&] { learn_anew(*this, it); },
+            [&] { return announce_change(*this, it); }, lost_changes(it));
     }
+}
+
+// The card is watched again with the first frame, whatever is lost of that.
+TEST_F(failing_memory, a_restarted_card_of_each_kind_survives_each_failed_allocation) {
+    for (const frame_kind& it : all_kinds()) {
+        SCOPED_TRACE(text_of(it));
+        const auto announce = [&] {
+            const qnm_api_code_t code = announce_change(*this, it);
+            EXPECT_EQ(ignore_state_of(it), QNM_WATCH);
+            return code;
+        };
+        sweep(
+            counted(allocation_anywhere()), [&] { learn_and_restart(*this, it); }, announce,
+            lost_changes(it));
+    }
+}
+
+// Written when the events of a lost path have been raised.
+std::string disconnect_line(const std::string& func, const frame_kind& it) {
+    return func + ": " + (it.is_server() ? "QNSV " : "QNIO ") + k_new_text +
+           " state change to disconnect. P0M0: DISCONNECT, P0M1: DISCONNECT, P1M0: DISCONNECT, "
+           "P1M1: DISCONNECT";
 }
 
 TEST_F(failing_memory, a_port_that_goes_down_survives_each_failed_allocation) {
@@ -158,9 +168,7 @@ TEST_F(failing_memory, a_port_that_goes_down_survives_each_failed_allocation) {
         set_link(true);
         deliver(frames::build(it.announcement));
     };
-    const std::string line =
-        "_qnm_all_disconnect: QNSV id=0x020000003000 state change to disconnect. P0M0: DISCONNECT, "
-        "P0M1: DISCONNECT, P1M0: DISCONNECT, P1M1: DISCONNECT";
+    const std::string line = disconnect_line("_qnm_all_disconnect", it);
     const auto go_down = [&] {
         const size_t before = logs.count(k_info, line);
         set_link(false);
@@ -170,6 +178,31 @@ TEST_F(failing_memory, a_port_that_goes_down_survives_each_failed_allocation) {
     sweep(counted(allocation_anywhere()), come_up, go_down,
           {lost_event("_qnm_all_disconnect", "QNM_EVT_UPDATEDEVINFO"),
            lost_event("_qnm_all_disconnect", "QNM_EVT_CHANNELSTATECHANGE")});
+}
+
+// The keepalive check finds the card silent for too long.
+TEST_F(failing_memory, a_card_that_falls_silent_survives_each_failed_allocation) {
+    dir.write_conf(
+        "ether_port = port0,port1\n"
+        "devinfo_flag_check_interval = 1000\n"
+        "devinfo_check_interval = 1000\n"
+        "devinfo_expire_time = 100000\n");
+    for (const frame_kind& it :
+         {frame_kind{{.mac = k_new}, "qnsv"}, frame_kind{{.mac = k_new, .host = 1}, "qnio"}}) {
+        SCOPED_TRACE(text_of(it));
+        fail::on_sleep([](auto) { std::this_thread::sleep_for(std::chrono::milliseconds(1)); });
+        fail::set_wall_clock(std::chrono::hours(1));
+        const std::string line = disconnect_line("_devinfo_keepalive_check", it);
+        const auto fall_silent = [&] {
+            const size_t before = logs.count(k_info, line);
+            fail::advance_wall_clock(std::chrono::seconds(101));
+            EXPECT_TRUE(logs.wait_for(k_info, line, before + 1));
+            return look_up(it);
+        };
+        sweep(counted(allocation_anywhere()), [&] { learn_anew(*this, it); }, fall_silent,
+              {lost_event("_devinfo_keepalive_check", "QNM_EVT_UPDATEDEVINFO"),
+               lost_event("_devinfo_keepalive_check", "QNM_EVT_CHANNELSTATECHANGE")});
+    }
 }
 
 // Frames that are dropped, and Completions, cost nothing that could fail.
@@ -212,6 +245,37 @@ TEST_F(failing_memory, a_log_line_without_memory_is_lost_and_nothing_else) {
     }
     EXPECT_GT(n, 1U);
     EXPECT_TRUE(logs.has(k_error, text));
+}
+
+// Calls the body with the first, second, ... throwing allocation failing, until none is left; how
+// many there were.
+template <typename Body>
+unsigned fail_each_throwing(const Body& body) {
+    for (unsigned n = 1;; n++) {
+        alloc::fail_nth_throwing(n);
+        EXPECT_NO_THROW(body());
+        if (!alloc::all_used()) return n - 1;
+    }
+}
+
+TEST_F(failing_memory, properties_that_cannot_be_read_for_lack_of_memory_are_no_failure) {
+    const auto read = [&] { EXPECT_EQ(qnm_log_init(dir.path().c_str()), QNM_API_SUCCESS); };
+    EXPECT_GT(fail_each_throwing(read), 0U);
+    logs.clear();
+    read();
+    EXPECT_EQ(logs.count_level(k_info), 1U);
+    begin();
+    end(QNM_API_SUCCESS);
+}
+
+TEST_F(failing_memory, a_dump_without_memory_loses_lines_and_nothing_else) {
+    begin();
+    const auto dump = [] { EXPECT_EQ(qnm_stdump(0), QNM_API_SUCCESS); };
+    EXPECT_GT(fail_each_throwing(dump), 0U);
+    logs.clear();
+    dump();
+    EXPECT_TRUE(logs.has_part(k_info, "qnm status dump (v0)", "statslogfile"));
+    end(QNM_API_SUCCESS);
 }
 
 }  // namespace
