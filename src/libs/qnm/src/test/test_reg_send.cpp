@@ -308,11 +308,14 @@ TEST_F(reg_loops, an_answer_that_comes_as_the_wait_expires_counts) {
     card.set_reachable(false);
     std::thread late;
     fail::on(fail::call::pthread_cond_timedwait, [&](uint64_t) {
-        // On another thread: this one holds the mutex of the tag's event.
+        // On other threads: this one holds the mutex of the tag's event.
         const answering_card::access asked = card.accesses().front();
         late = std::thread([this, asked] { card.answer(asked, 0x55); });
-        uint32_t data = 0;
-        EXPECT_TRUE(wait_until([&] { return _qnm_get_readreg(asked.tag, &data) == 0; }));
+        std::thread look([asked] {
+            uint32_t data = 0;
+            EXPECT_TRUE(wait_until([&] { return _qnm_get_readreg(asked.tag, &data) == 0; }));
+        });
+        look.join();
         return ETIMEDOUT;
     });
     EXPECT_EQ(read(0x10, 1, 5), 0);
