@@ -565,11 +565,15 @@ TEST_F(failing_systems, calls_that_fail_for_good_end_a_life_in_order) {
     }
 }
 
-// Threads that are not woken see the stop within the second that their polls last.
+// Threads that are not woken see the stop within the second that their polls last. One that is not
+// in its poll yet would see it without reading its pipe.
 TEST_F(failing_systems, pipes_that_fail_for_good_do_not_keep_the_manager_up) {
+    constexpr uint64_t polling_threads = 3;
     for (const call which : {call::write, call::read}) {
         const failure how = lasting(which, EIO);
+        const uint64_t polls = fail::count(call::poll);
         begin();
+        ASSERT_TRUE(wait_until([&] { return fail::count(call::poll) >= polls + polling_threads; }));
         how.arm(1);
         end(QNM_API_SUCCESS);
         EXPECT_TRUE(how.came());
