@@ -25,8 +25,8 @@ readonly findings=$build/findings logs=$build/logs
 
 # Inputs beyond this size add time and no new path.
 readonly longest_input=2048
-# A hang: an input takes milliseconds, on a busy machine with the sanitizers a second at most.
-readonly seconds_per_input=20
+# A hang: an input takes milliseconds, with the sanitizers on a machine that is short of time seconds.
+readonly seconds_per_input=60
 
 # Quarantine as large as by default would need more memory than the targets themselves.
 export ASAN_OPTIONS=strict_string_checks=1:detect_stack_use_after_return=1:quarantine_size_mb=32
@@ -53,8 +53,9 @@ fuzz_target() {
   fi
   mkdir -p "$build/corpus/$target"
   exec "${launcher[@]}" "$build/bin/fuzz-$target" "${dictionary[@]}" \
-    -max_total_time="$seconds" -timeout="$seconds_per_input" -max_len="$longest_input" \
-    -len_control=20 -print_final_stats=1 -artifact_prefix="$findings/$target-" \
+    -max_total_time="$seconds" -timeout="$seconds_per_input" \
+    -report_slow_units="$seconds_per_input" -max_len="$longest_input" -len_control=20 \
+    -print_final_stats=1 -artifact_prefix="$findings/$target-" \
     "$build/corpus/$target" "$targets_dir/corpus/$target" >"$logs/$target.log" 2>&1
 }
 
