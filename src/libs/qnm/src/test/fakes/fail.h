@@ -82,7 +82,8 @@ class guard {
 // ---- Any call: a hook ---------------------------------------------------------------------------
 
 // What a hook decides: go on to the real call (nullopt), or skip it and report this error number;
-// 0 reports success (a result of 0), for example a wake-up from a wait without a signal.
+// 0 reports success (a result of 0), for example a wake-up from a wait without a signal; a wait
+// with a deadline gives its mutex away for a millisecond first.
 using outcome = std::optional<int>;
 inline constexpr outcome pass = std::nullopt;
 inline constexpr outcome done = 0;

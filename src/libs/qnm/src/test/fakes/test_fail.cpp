@@ -23,6 +23,7 @@
 #include "fake_netif.h"
 #include "fake_pcap.h"
 #include "redirected_calls.h"
+#include "wait.h"
 
 namespace {
 
@@ -247,6 +248,34 @@ TEST_F(Fail, HookSeesTheNumberAndDecides) {
     EXPECT_EQ(std::memcmp(&untouched, &before, sizeof before), 0);
     EXPECT_EQ(stat_root(), ELOOP);
     EXPECT_EQ(numbers, (std::vector<std::uint64_t>{1, 2, 3}));
+}
+
+TEST_F(Fail, AWaitThatEndsWithoutASignalLeavesItsMutexToOthers) {
+    fail::on(call::pthread_cond_timedwait, [](std::uint64_t) { return fail::done; });
+    pthread_condattr_t attr;
+    pthread_condattr_init(&attr);
+    pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
+    pthread_cond_t cond;
+    pthread_cond_init(&cond, &attr);
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+    bool taken = false;
+
+    pthread_mutex_lock(&mutex);
+    std::thread other([&] {
+        pthread_mutex_lock(&mutex);
+        taken = true;
+        pthread_mutex_unlock(&mutex);
+    });
+    const auto wait_again = [&] {
+        constexpr struct timespec never = {std::numeric_limits<time_t>::max(), 0};
+        EXPECT_EQ(redirected::do_cond_timedwait(&cond, &mutex, &never), 0);
+        return taken;
+    };
+    EXPECT_TRUE(wait_until(wait_again));
+    pthread_mutex_unlock(&mutex);
+    other.join();
+    pthread_cond_destroy(&cond);
+    pthread_condattr_destroy(&attr);
 }
 
 TEST(FailGuard, ReportsFailuresThatDidNotCome) {
