@@ -23,8 +23,9 @@ needed=(
   libgtest-dev libgmock-dev binutils         # the tests; nm lists what the library exports
   iproute2 util-linux                        # network namespaces: ip, unshare
   libcap2-bin                                # file capabilities: setcap
+  tshark                                     # the tests of the dissector for Wireshark
 )
-commands=(g++ cmake ninja pkg-config nm ip unshare setcap)
+commands=(g++ cmake ninja pkg-config nm ip unshare setcap tshark)
 readonly cmake_minimum=3.25
 
 is_installed() {

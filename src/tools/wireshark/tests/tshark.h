@@ -1,0 +1,53 @@
+// tshark.h - what tshark makes of a capture with the dissector.
+//
+// Only the dissector of the source tree is loaded, whatever is installed or configured.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "capture.h"
+
+// An empty directory, removed with all that has come into it.
+class scratch_directory {
+  public:
+    scratch_directory();
+    ~scratch_directory();
+    scratch_directory(const scratch_directory&) = delete;
+    scratch_directory& operator=(const scratch_directory&) = delete;
+    const std::filesystem::path& path() const { return path_; }
+
+  private:
+    std::filesystem::path path_;
+};
+
+namespace tshark {
+
+using words = std::vector<std::string>;
+
+// The values of a frame's fields, by name without "quillnet."; several where a field occurs more
+// than once, in their order, and none for a field that does not occur. Numbers are decimal. Under
+// k_note stand the texts of all notes.
+using row = std::map<std::string, words>;
+constexpr char k_note[] = "note";
+
+// As values stand in a row.
+std::string number(std::uint64_t value);
+std::string mac(std::uint64_t value);
+std::string bytes(std::span<const std::uint8_t> value);
+std::string duration(std::uint64_t nanoseconds);
+
+// What tshark prints. A command that fails throws, with what it said.
+std::string run(const words& arguments);
+
+// A row per frame of all fields that the dissector has. A failure of the dissector throws.
+std::vector<row> read(const capture& taken, const words& options = {});
+
+// The dissector's fields and notes, without "quillnet.".
+const words& names();
+
+}  // namespace tshark
