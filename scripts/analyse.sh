@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Looks at the library and the tools without running them: clang compiles them and checks what the
-# locks guard, then clang-tidy and cppcheck look for mistakes. Fails on the first finding.
+# locks guard, then clang-tidy, cppcheck and luacheck look for mistakes. Fails on the first finding.
 #
 #   usage: analyse.sh
 #
@@ -36,12 +36,20 @@ run_cppcheck() {
     --suppressions-list=.cppcheck --error-exitcode=1 || die "cppcheck has findings."
 }
 
+# The names are those that Wireshark gives its plugins; "min" is what all versions of Lua have.
+run_luacheck() {
+  luacheck --quiet --no-color --std min --max-line-length 100 \
+    --read-globals Proto ProtoField ProtoExpert Pref base frametype expert DissectorTable Address \
+    NSTime -- src/tools/wireshark || die "luacheck has findings."
+}
+
 main() {
   "$root/scripts/install-deps.sh" --with-analysis
   build_preset analysis
   cd "$root"
   run_clang_tidy
   run_cppcheck
+  run_luacheck
   echo "No findings."
 }
 

@@ -85,8 +85,8 @@ check_commands() {
 add_option() {
   case $1 in
     --with-analysis)
-      needed+=(clang clang-tidy cppcheck)
-      commands+=(clang++ clang-tidy run-clang-tidy cppcheck)
+      needed+=(clang clang-tidy cppcheck lua-check)
+      commands+=(clang++ clang-tidy run-clang-tidy cppcheck luacheck)
       ;;
     --with-bench)
       needed+=(libbenchmark-dev gnuplot-nox) # timing, plotting
