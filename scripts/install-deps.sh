@@ -24,8 +24,9 @@ needed=(
   iproute2 util-linux                        # network namespaces: ip, unshare
   libcap2-bin                                # file capabilities: setcap
   tshark                                     # the tests of the dissector for Wireshark
+  abigail-tools                              # the library's ABI: abidw, abidiff
 )
-commands=(g++ cmake ninja pkg-config nm ip unshare setcap tshark)
+commands=(g++ cmake ninja pkg-config nm ip unshare setcap tshark abidw abidiff)
 readonly cmake_minimum=3.25
 
 is_installed() {
