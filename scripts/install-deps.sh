@@ -25,6 +25,7 @@ needed=(
   libcap2-bin                                # file capabilities: setcap
   tshark                                     # the tests of the dissector for Wireshark
   abigail-tools                              # the library's ABI: abidw, abidiff
+  dpkg-dev file lintian                      # the Debian packages
 )
 commands=(g++ cmake ninja pkg-config nm ip unshare setcap tshark abidw abidiff)
 readonly cmake_minimum=3.25
