@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Looks at the library and the tools without running them: clang compiles them and checks what the
-# locks guard, then clang-tidy, cppcheck and luacheck look for mistakes. Fails on the first finding.
+# locks guard, then clang-tidy, cppcheck and luacheck look for mistakes, and mypy for wrong types in
+# the Python module. Fails on the first finding.
 #
 #   usage: analyse.sh
 #
@@ -43,6 +44,12 @@ run_luacheck() {
     NSTime -- src/tools/wireshark || die "luacheck has findings."
 }
 
+run_mypy() {
+  echo "mypy: the Python module"
+  mypy --strict --no-error-summary --cache-dir="$build/mypy" src/python/qnm src/python/tests \
+    docs/examples/watch.py || die "mypy has findings."
+}
+
 main() {
   "$root/scripts/install-deps.sh" --with-analysis
   build_preset analysis
@@ -50,6 +57,7 @@ main() {
   run_clang_tidy
   run_cppcheck
   run_luacheck
+  run_mypy
   echo "No findings."
 }
 

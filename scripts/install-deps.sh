@@ -26,8 +26,9 @@ needed=(
   tshark                                     # the tests of the dissector for Wireshark
   abigail-tools                              # the library's ABI: abidw, abidiff
   dpkg-dev file lintian                      # the Debian packages
+  python3                                    # the Python module
 )
-commands=(g++ cmake ninja pkg-config nm ip unshare setcap tshark abidw abidiff)
+commands=(g++ cmake ninja pkg-config nm ip unshare setcap tshark abidw abidiff python3)
 readonly cmake_minimum=3.25
 
 is_installed() {
@@ -87,8 +88,8 @@ check_commands() {
 add_option() {
   case $1 in
     --with-analysis)
-      needed+=(clang clang-tidy cppcheck lua-check)
-      commands+=(clang++ clang-tidy run-clang-tidy cppcheck luacheck)
+      needed+=(clang clang-tidy cppcheck lua-check mypy)
+      commands+=(clang++ clang-tidy run-clang-tidy cppcheck luacheck mypy)
       ;;
     --with-bench)
       needed+=(libbenchmark-dev gnuplot-nox) # timing, plotting

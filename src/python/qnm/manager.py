@@ -1,0 +1,202 @@
+"""The manager on a thread of its own, and its events as something to iterate over."""
+
+from __future__ import annotations
+
+import atexit
+import collections
+import contextlib
+import signal
+import threading
+import time
+from collections.abc import Callable, Iterable, Iterator
+from types import TracebackType
+
+from . import calls
+from .calls import Event, Path
+from .codes import Error, EventType, LogLevel, NotFoundError, NotRunningError
+
+__all__ = ["Manager"]
+
+
+class _EventQueue:
+    """Events from the library's event thread to whoever asks. Full, it loses the oldest."""
+
+    def __init__(self, limit: int) -> None:
+        self._events: collections.deque[Event] = collections.deque(maxlen=limit)
+        self._changed = threading.Condition()
+        self._closed = False
+        self.lost = 0
+
+    def put(self, event: Event) -> None:
+        with self._changed:
+            self.lost += len(self._events) == self._events.maxlen
+            self._events.append(event)
+            self._changed.notify()
+
+    def close(self) -> None:
+        """No event comes any more; those that are there can still be taken."""
+        with self._changed:
+            self._closed = True
+            self._changed.notify_all()
+
+    def take(self, deadline: float | None) -> Event | None:
+        """The next event, or None when none came in time or the queue is closed and empty."""
+        with self._changed:
+            while not self._events and not self._closed:
+                left = None if deadline is None else deadline - time.monotonic()
+                if left is not None and left <= 0:
+                    break
+                self._changed.wait(left)
+            return self._events.popleft() if self._events else None
+
+
+class Manager:
+    """Runs the manager of the library on a thread of its own, for the length of a with statement:
+
+        with qnm.Manager("/opt/tarvo/qnm") as manager:
+            for event in manager.events():
+                print(event)
+
+    A process can have one at a time. The start is complete when the with statement is entered:
+    ports are open and frames are taken. What ended the manager by itself, or kept it from starting,
+    is raised as an exception, with the details in the log.
+
+    path       installation directory; None means /opt/tarvo/qnm
+    log_level  running log level; NONE means the configured one
+    types      the types of events that are wanted
+    on_event   called for every event on the library's event thread, as by register_callback();
+               without it events() has them. An asyncio program gives one that hands the event on
+               by loop.call_soon_threadsafe().
+    backlog    the most events that are kept for events(); beyond that the oldest are lost
+    """
+
+    def __init__(
+        self,
+        path: Path = None,
+        log_level: int = LogLevel.NONE,
+        *,
+        types: Iterable[EventType] = EventType,
+        on_event: Callable[[Event], object] | None = None,
+        backlog: int = 100_000,
+    ) -> None:
+        self._path = path
+        self._log_level = log_level
+        self._types = tuple(types)
+        self._on_event = on_event
+        self._backlog = backlog
+        self._events = _EventQueue(backlog)
+        self._thread: threading.Thread | None = None
+        self._failure: Error | None = None
+
+    def __enter__(self) -> Manager:
+        self.start()
+        return self
+
+    def __exit__(
+        self,
+        kind: type[BaseException] | None,
+        value: BaseException | None,
+        traceback: TracebackType | None,
+    ) -> None:
+        try:
+            self.stop()
+        except Error as failure:
+            if value is None:
+                raise
+            value.add_note(f"The manager has ended: {failure}")
+
+    @property
+    def running(self) -> bool:
+        """Whether the manager runs; false also when it has ended by itself."""
+        return self._thread is not None and self._thread.is_alive()
+
+    @property
+    def lost(self) -> int:
+        """How many events were lost because events() was not asked for them."""
+        return self._events.lost
+
+    def start(self) -> None:
+        """Starts the manager; the with statement does this."""
+        if self._thread is not None:
+            raise RuntimeError("this manager has been started and not been stopped")
+        self._start_thread()
+        atexit.register(self._stop_quietly)
+        try:
+            self._open()
+        except BaseException as failure:
+            self._stop_quietly()
+            if isinstance(failure, NotRunningError) and self._failure is not None:
+                raise self._failure from None
+            raise
+
+    def stop(self) -> None:
+        """Stops the manager and waits for its end; the with statement does this."""
+        if calls.in_callback() is not None:
+            raise RuntimeError("a callback cannot wait for the stop; it may call fini_manager()")
+        if self._thread is None:
+            return
+        while self._thread.is_alive():  # in a child of this process it is not
+            calls.fini_manager()  # again and again: before the start it is forgotten
+            self._thread.join(0.1)
+        self._thread = None
+        atexit.unregister(self._stop_quietly)
+        if self._failure is not None:
+            raise self._failure
+
+    def events(self, timeout: float | None = None) -> Iterator[Event]:
+        """Events in the order in which they arose, until the manager ends.
+
+        timeout  end, too, when no event has come for so many seconds
+        """
+        while True:
+            deadline = None if timeout is None else time.monotonic() + timeout
+            event = self._events.take(deadline)
+            if event is None:
+                return
+            yield event
+
+    def _start_thread(self) -> None:
+        claim = calls.claim_manager()
+        with contextlib.suppress(Error):  # the start of the manager tells better what is wrong
+            calls.log_init(self._path)
+        self._events = _EventQueue(self._backlog)
+        self._failure = None
+        # A daemon, so that the end of the program does not wait for it, but stops it.
+        thread = threading.Thread(target=self._run, name="qnm-manager", daemon=True)
+        try:
+            thread.start()
+        except RuntimeError:
+            claim.release()
+            raise
+        self._thread = thread
+
+    def _run(self) -> None:
+        signal.pthread_sigmask(signal.SIG_BLOCK, signal.valid_signals())  # the main thread's
+        try:
+            calls.run_claimed_manager(self._path, self._log_level)
+        except Error as failure:
+            self._failure = failure
+        finally:
+            self._events.close()
+
+    def _open(self) -> None:
+        self._await_start()
+        for event_type in self._types:
+            calls.register_callback(event_type, self._on_event or self._events.put)
+        calls.start_manager()
+
+    def _await_start(self) -> None:
+        thread = self._thread
+        while True:
+            try:
+                calls.get_qnsv(0)
+            except NotFoundError:
+                return
+            except NotRunningError:
+                if thread is None or not thread.is_alive():
+                    raise
+            time.sleep(0.005)
+
+    def _stop_quietly(self) -> None:
+        with contextlib.suppress(Error):
+            self.stop()

@@ -1,0 +1,158 @@
+"""What the module says of types, constants and calls is what qnm.h says."""
+
+import ctypes
+import enum
+import os
+import pathlib
+import re
+import subprocess
+import tempfile
+import unittest
+
+import qnm
+from qnm import _library
+
+HEADER = pathlib.Path(os.environ["QNM_HEADER"])
+
+RECORDS = {
+    "qnm_com_dev_t": qnm.ComDev,
+    "qnm_com_port_t": qnm.ComPort,
+    "qnm_up_port_t": qnm.ComPort,
+    "qnm_down_port_t": qnm.DownPort,
+    "qnm_qnsv_t": qnm.Qnsv,
+    "qnm_qnio_t": qnm.Qnio,
+    "qnm_retry_t": qnm.Retry,
+}
+ENUMERATIONS: dict[str, type[enum.IntEnum] | type[enum.IntFlag]] = {
+    "QNM_API_": qnm.ResultCode,
+    "QNM_LOGLVL_": qnm.LogLevel,
+    "QNM_EVT_": qnm.EventType,
+    "QNM_FLAG_": qnm.Flag,
+}
+# Numbers of constants; not constants themselves.
+COUNTS = {"QNM_API_CODE_MAX", "QNM_EVT_MAX"}
+
+# Types of arguments and results, without const.
+TYPES = {
+    "void": None,
+    "int": ctypes.c_int,
+    "qnm_api_code_t": ctypes.c_int,
+    "qnm_log_level_t": ctypes.c_int,
+    "qnm_evt_type_t": ctypes.c_int,
+    "unsigned char": ctypes.c_ubyte,
+    "uint16_t": ctypes.c_uint16,
+    "uint32_t": ctypes.c_uint32,
+    "uint64_t": ctypes.c_uint64,
+    "char*": ctypes.c_char_p,
+    "void*": ctypes.c_void_p,
+    "qnm_cptr_t": ctypes.c_void_p,
+    "uint32_t*": ctypes.POINTER(ctypes.c_uint32),
+    "uint64_t*": ctypes.POINTER(ctypes.c_uint64),
+    "uint64_t**": ctypes.POINTER(ctypes.POINTER(ctypes.c_uint64)),
+    "size_t*": ctypes.POINTER(ctypes.c_size_t),
+    "qnm_qnsv_t*": ctypes.POINTER(qnm.Qnsv),
+    "qnm_qnio_t*": ctypes.POINTER(qnm.Qnio),
+    "qnm_retry_t*": ctypes.POINTER(qnm.Retry),
+    "qnm_cbfunc_t": _library.Callback,
+    "qnm_cbid_t": ctypes.c_void_p,
+    "qnm_cbid_t*": ctypes.POINTER(ctypes.c_void_p),
+    "...": ctypes.c_char_p,  # "%s" is the only format, and takes one
+}
+
+
+def declarations() -> str:
+    """The header without comments and preprocessor lines."""
+    text = re.sub(r"/\*.*?\*/", "", HEADER.read_text(), flags=re.DOTALL)
+    return re.sub(r"^#.*(\\\n.*)*$", "", text, flags=re.MULTILINE)
+
+
+def functions() -> dict[str, tuple[str, str]]:
+    """By name: the result's type and the list of arguments, as in the header."""
+    found = re.findall(r"^([\w ]+?)\s+\*?(qnm_\w+)\(([^)]*)\)", declarations(), flags=re.MULTILINE)
+    return {name: (result, arguments) for result, name, arguments in found}
+
+
+def type_of(argument: str) -> str:
+    """An argument without const and its name."""
+    argument = " ".join(argument.replace("const ", "").split())
+    return argument if argument in TYPES else argument.rsplit(" ", 1)[0].strip()
+
+
+def run_probe(body: str) -> dict[str, int]:
+    """Compiles a C program around statements that print names and numbers, and runs it."""
+    source = f"#include <stdio.h>\n#include <qnm.h>\nint main(void) {{\n{body}\nreturn 0;\n}}\n"
+    with tempfile.TemporaryDirectory() as directory:
+        program = f"{directory}/probe"
+        compiler = [os.environ.get("CC", "cc"), "-std=c99", f"-I{HEADER.parent}", "-xc", "-"]
+        subprocess.run([*compiler, "-o", program], input=source, text=True, check=True)
+        output = subprocess.run([program], capture_output=True, text=True, check=True).stdout
+    return {name: int(number) for name, number in (line.split() for line in output.splitlines())}
+
+
+def show(name: str, expression: str) -> str:
+    return f'printf("{name} %ld\\n", (long)({expression}));'
+
+
+class Layout(unittest.TestCase):
+    def test_records_lie_in_memory_as_in_c(self) -> None:
+        body, expected = [], {}
+        for c_name, record in RECORDS.items():
+            body.append(show(c_name, f"sizeof({c_name})"))
+            expected[c_name] = ctypes.sizeof(record)
+            for field, *_ in record._fields_:
+                name = f"{c_name}.{field}"
+                body.append(show(f"{name}.at", f"offsetof({c_name}, {field})"))
+                body.append(show(f"{name}.size", f"sizeof((({c_name}*)0)->{field})"))
+                expected[f"{name}.at"] = getattr(record, field).offset
+                expected[f"{name}.size"] = getattr(record, field).size
+        self.assertEqual(run_probe("\n".join(body)), expected)
+
+    def test_no_field_of_a_record_is_missing(self) -> None:
+        structures = re.findall(r"typedef struct (\w+) \{(.*?)\} ([\w, ]+);", declarations(), re.S)
+        for _, body, names in structures:
+            fields = re.findall(r"(\w+)(?:\[\w+\])*;", body)
+            for name in names.split(", "):
+                self.assertEqual(fields, [field[0] for field in RECORDS[name]._fields_], name)
+        self.assertEqual({n for *_, names in structures for n in names.split(", ")}, set(RECORDS))
+
+
+class Constants(unittest.TestCase):
+    def test_constants_have_the_names_and_values_of_the_header(self) -> None:
+        names = set(re.findall(r"^\s+(QNM_\w+) = ", declarations(), flags=re.MULTILINE)) - COUNTS
+        in_c = run_probe("\n".join(show(name, name) for name in names))
+        in_python = {
+            prefix + member.name: member.value
+            for prefix, enumeration in ENUMERATIONS.items()
+            for member in enumeration
+            if member is not qnm.Flag.NONE
+        }
+        self.assertEqual(in_python, in_c)
+
+    def test_every_failure_has_its_exception(self) -> None:
+        failures = [code for code in qnm.ResultCode if code is not qnm.ResultCode.SUCCESS]
+        exceptions = {error.code: error for error in qnm.Error.__subclasses__()}
+        self.assertEqual(sorted(exceptions), failures)
+        for code, error in exceptions.items():
+            self.assertIn(error.__name__, qnm.__dict__)
+            self.assertEqual(str(error("qnm_call")), f"qnm_call: {error.meaning}")
+            self.assertIs(_library.error_of("qnm_call", code).code, code)
+
+
+class Calls(unittest.TestCase):
+    def test_every_call_is_declared_as_in_the_header(self) -> None:
+        in_c = {
+            name: (TYPES[result], *(TYPES[type_of(a)] for a in arguments.split(",") if a != "void"))
+            for name, (result, arguments) in functions().items()
+        }
+        self.assertGreater(len(in_c), 40)
+        self.assertEqual(_library.PROTOTYPES, in_c)
+
+    def test_every_call_is_wrapped_and_described(self) -> None:
+        for name in set(functions()) - {"qnm_free_idlist"}:
+            function = getattr(qnm, name.removeprefix("qnm_"))
+            self.assertTrue(callable(function), name)
+            self.assertTrue(function.__doc__, name)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,47 @@
+"""The component "python" of the installation: it has the whole module, and nothing else."""
+
+import os
+import pathlib
+import subprocess
+import sys
+import tempfile
+import unittest
+
+SOURCE = pathlib.Path(__file__).parents[1] / "qnm"
+
+
+class Install(unittest.TestCase):
+    def setUp(self) -> None:
+        directory = tempfile.TemporaryDirectory()
+        self.addCleanup(directory.cleanup)
+        self.root = pathlib.Path(directory.name)
+        subprocess.run(
+            [os.environ["QNM_CMAKE"], "--install", os.environ["QNM_BUILD"]]
+            + ["--component", "python", "--prefix", "/usr"],
+            env=os.environ | {"DESTDIR": directory.name},
+            stdout=subprocess.DEVNULL,
+            check=True,
+        )
+        self.packages = next((self.root / "usr/lib").glob("python3*/dist-packages"))
+
+    def test_it_has_all_files_of_the_module_and_its_description(self) -> None:
+        installed = [path for path in self.root.rglob("*") if path.is_file()]
+        module = {path.name for path in installed if path.parent == self.packages / "qnm"}
+        self.assertEqual(module, {path.name for path in SOURCE.iterdir() if path.is_file()})
+        self.assertEqual(len(installed) - len(module), 1)
+
+    def test_python_imports_it_and_knows_its_version(self) -> None:
+        program = "import importlib.metadata as m, qnm; print(qnm.__file__, m.version('qnm'))"
+        done = subprocess.run(
+            [sys.executable, "-c", program],
+            env=os.environ | {"PYTHONPATH": str(self.packages)},
+            capture_output=True,
+            text=True,
+        )
+        path, version = done.stdout.split() or ["", done.stderr]
+        self.assertEqual(path, f"{self.packages}/qnm/__init__.py")
+        self.assertRegex(version, r"^\d+\.\d+\.\d+$")
+
+
+if __name__ == "__main__":
+    unittest.main()
