@@ -1,5 +1,5 @@
-# debian.cmake - the Debian packages libqnm1, libqnm-dev and qnm-tools, made by cpack from the
-# installed components. scripts/package.sh builds and checks them.
+# debian.cmake - the Debian packages libqnm1, libqnm-dev, qnm-tools and python3-qnm, made by cpack from
+# the installed components. scripts/package.sh builds and checks them.
 
 # The changelog says which release of the packages this is.
 file(STRINGS debian/changelog heading LIMIT_COUNT 1)
@@ -63,6 +63,12 @@ qnm_package(tools qnm-tools net
     "Quillnet adapter cards carry PCI Express over Ethernet. This package has the
 command qnmctl, which watches cards and reads and writes their registers and
 EEPROMs, and qnm-cardsim, which simulates cards on any Ethernet interface.")
+qnm_package(python python3-qnm python
+    "Manager library for Quillnet adapter cards - Python module"
+    "Quillnet adapter cards carry PCI Express over Ethernet. The library libqnm
+learns the cards on up to two Ethernet ports and reaches into them.
+.
+This package has the module qnm for Python 3, with every call of the library.")
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME libqnm)
@@ -72,6 +78,7 @@ set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "") # each package has a title of its own
 set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
 set(CPACK_VERBATIM_VARIABLES ON)
 set(CPACK_STRIP_FILES ON)
+set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_SOURCE_DIR}/debian_finish.cmake)
 set(CPACK_SET_DESTDIR ON) # the configuration lies outside the prefix
 set(CPACK_INSTALL_PREFIX /usr)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
@@ -92,7 +99,17 @@ set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 set(version ${PROJECT_VERSION}-${revision})
 set(CPACK_DEBIAN_DEVEL_PACKAGE_DEPENDS "libqnm1 (= ${version})")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libqnm1 (>= ${version})")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "libqnm1 (>= ${version}), python3 (>= 3.11)")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SUGGESTS qnm-tools)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "tshark | wireshark")
+
+# Nothing in it is compiled when it is made; its scripts do that for the Python that is there.
+set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA
+    ${CMAKE_CURRENT_SOURCE_DIR}/debian/python3-qnm/postinst
+    ${CMAKE_CURRENT_SOURCE_DIR}/debian/python3-qnm/prerm)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
 # The trigger has the linker's cache renewed. cpack would add scripts that do the same by hand, but
 # not where it is given some; it passes over the names of files that do not exist.

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Makes the Debian packages, has lintian read them, installs them by dpkg below a root of its own, and
-# uses what is there. At the end an update comes, and all is removed again.
+# uses what is there. At the end an update comes, and all is removed again. contents/ has the files
+# that belong into each package.
 set -euo pipefail
 # shellcheck source=test/install/hosts.sh
 . "$(dirname "${BASH_SOURCE[0]}")/hosts.sh"
@@ -13,9 +14,33 @@ make_packages() {
   library=("$work"/packages/libqnm1_*.deb)
   development=("$work"/packages/libqnm-dev_*.deb)
   tools=("$work"/packages/qnm-tools_*.deb)
-  packages=("${library[@]}" "${development[@]}" "${tools[@]}")
-  ((${#packages[@]} == 3)) || fail "made ${packages[*]}"
+  python=("$work"/packages/python3-qnm_*_all.deb)
+  packages=("$work"/packages/*.deb)
+  ((${#packages[@]} == 4)) || fail "made ${packages[*]}"
   quietly lintian --allow-root --fail-on error "${packages[@]}"
+}
+
+# check_contents PACKAGE: every file is one that belongs there, and all are there.
+check_contents() {
+  local name file pattern
+  local -a patterns files
+  name=$(dpkg-deb --field "$1" Package)
+  mapfile -t patterns < <(sed "/^#/d; s#LIBDIR#$libdir#" "$source/test/install/contents/$name")
+  mapfile -t files < <(dpkg-deb --fsys-tarfile "$1" | tar --list | sed -n 's#^\./\(.*[^/]\)$#\1#p')
+  for file in "${files[@]}"; do
+    for pattern in "${patterns[@]}"; do
+      # shellcheck disable=SC2053 # it is a pattern
+      [[ $file == $pattern ]] && continue 2
+    done
+    fail "$name has $file, which test/install/contents/$name does not"
+  done
+  for pattern in "${patterns[@]}"; do
+    for file in "${files[@]}"; do
+      # shellcheck disable=SC2053
+      [[ $file == $pattern ]] && continue 2
+    done
+    fail "$name lacks $pattern"
+  done
 }
 
 # expect_field PACKAGE FIELD REGEX
@@ -26,10 +51,11 @@ expect_field() {
 }
 
 check_fields() {
-  local package scripts
+  local package
   expect_field "${library[0]}" Depends 'libc6 .*liblog4cxx.*libpcap0\.8.*libstdc\+\+6'
   expect_field "${development[0]}" Depends '^libqnm1 \(= [0-9.]+-[0-9]+\)$'
   expect_field "${tools[0]}" Depends 'libqnm1 \(>= [0-9.]+-[0-9]+\), .*libstdc\+\+6'
+  expect_field "${python[0]}" Depends '^libqnm1 \(>= [0-9.]+-[0-9]+\), python3 \(>= 3\.11\)$'
   dpkg-deb --info "${library[0]}" triggers >"$work/said"
   grep -qx 'activate-noawait ldconfig' "$work/said" ||
     fail "nothing renews the linker's cache"
@@ -37,10 +63,20 @@ check_fields() {
   grep -qE '^libqnm 1 libqnm1 \(>= [0-9.]+-[0-9]+\)$' "$work/said" ||
     fail "programs that link the library would not depend on its package"
   for package in "${packages[@]}"; do
-    scripts=$(dpkg-deb --info "$package" | grep -E '(pre|post)(inst|rm)') &&
-      fail "${package##*/} has scripts: $scripts"
     dpkg-deb --fsys-tarfile "$package" | tar --extract --to-stdout >"$work/content"
     ! grep -qaF "$source" "$work/content" || fail "${package##*/} tells where it was built"
+  done
+}
+
+# Only the Python module has something to do beyond its files: it is compiled.
+check_scripts() {
+  local package scripts expected
+  for package in "${packages[@]}"; do
+    expected=
+    [[ $package == "${python[0]}" ]] && expected='postinst prerm '
+    scripts=$(dpkg-deb --ctrl-tarfile "$package" | tar --list |
+      sed -nE 's#^\./(preinst|postinst|prerm|postrm|config)$#\1#p' | sort | tr '\n' ' ')
+    [[ $scripts == "$expected" ]] || fail "${package##*/} has scripts: $scripts"
   done
 }
 
@@ -58,7 +94,8 @@ make_root() {
 }
 
 in_root() {
-  quietly dpkg "--root=$scratch" --force-unsafe-io --force-confold "$@" </dev/null
+  quietly dpkg "--root=$scratch" --force-script-chrootless --force-unsafe-io --force-confold \
+    "$@" </dev/null
 }
 
 # The same package a revision later, with other samples.
@@ -88,7 +125,7 @@ check_update() {
 }
 
 check_removal() {
-  in_root --remove libqnm1 qnm-tools
+  in_root --remove libqnm1 qnm-tools python3-qnm
   expect_same "$conf/qnm.conf" "$work/edited"
   in_root --purge libqnm1
   local left
@@ -99,7 +136,11 @@ check_removal() {
 main() {
   need cpack dpkg dpkg-deb dpkg-shlibdeps file gzip lintian pkg-config cmake ninja
   make_packages
+  for package in "${packages[@]}"; do
+    check_contents "$package"
+  done
   check_fields
+  check_scripts
   make_root
   in_root --install "${packages[@]}"
   use_installation "$scratch"

@@ -1,0 +1,12 @@
+# debian_finish.cmake - what cpack does to the staged files before it packs them: manual pages are
+# compressed, as everywhere on Debian, always to the same bytes.
+file(GLOB pages "${CPACK_TEMPORARY_DIRECTORY}/*/usr/share/man/man*/*")
+foreach(page IN LISTS pages)
+    if(IS_SYMLINK "${page}") # another name of the same page
+        file(READ_SYMLINK "${page}" target)
+        file(CREATE_LINK "${target}.gz" "${page}.gz" SYMBOLIC)
+        file(REMOVE "${page}")
+    else()
+        execute_process(COMMAND gzip --best --no-name "${page}" COMMAND_ERROR_IS_FATAL ANY)
+    endif()
+endforeach()
