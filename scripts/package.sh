@@ -1,22 +1,22 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and makes the Debian packages libqnm1, libqnm-dev and qnm-tools,
-# which lintian then reads.
+# Installs what is missing, builds, and makes the Debian packages libqnm1, libqnm-dev, qnm-tools and
+# python3-qnm, which lintian then reads.
 #
 #   usage: package.sh
 #
-# The packages are in build/release/packages; the last lines name them.
+# The packages are in build/packages; the last lines name them.
 set -euo pipefail
 # shellcheck source=scripts/common.sh
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
-readonly packages=$root/build/release/packages
+readonly packages=$root/build/packages
 
 # What cpack says is of interest only when it fails; it complains of scripts that are meant to be
 # missing.
 make_packages() {
   local said
   rm -rf "$packages"
-  if ! said=$(cpack --config "$root/build/release/CPackConfig.cmake" -B "$packages" 2>&1); then
+  if ! said=$(cpack --config "$root/build/package/CPackConfig.cmake" -B "$packages" 2>&1); then
     die "cpack made no packages:"$'\n'"$said"
   fi
   rm -rf "$packages/_CPack_Packages"
@@ -24,7 +24,7 @@ make_packages() {
 
 main() {
   "$root/scripts/install-deps.sh"
-  build_preset release qnm qnmctl qnm-cardsim
+  build_preset package
   make_packages
   lintian --allow-root --fail-on error "$packages"/*.deb
   printf '%s\n' "$packages"/*.deb
