@@ -8,6 +8,7 @@
 #   --with-bench      also what the benchmarks need
 #   --with-coverage   also what scripts/coverage.sh needs
 #   --with-fuzz       also what the fuzzers need
+#   --with-trial      also what scripts/try-packages.sh needs
 #
 #   QNM_SKIP_DEPS=1   trust that everything is there, for systems that name their packages otherwise
 set -euo pipefail
@@ -102,6 +103,10 @@ add_option() {
     --with-fuzz)
       needed+=(clang 'libclang-rt-dev|libclang-rt-14-dev') # libFuzzer, the sanitizers
       commands+=(clang clang++)
+      ;;
+    --with-trial)
+      needed+=(mmdebstrap)
+      commands+=(mmdebstrap)
       ;;
     *)
       die "unknown option '$1'"

@@ -77,10 +77,12 @@ run_host() {
 }
 
 # Everything that an installation is for.
-#   usage: use_installation ROOT
+#   usage: use_installation ROOT     ROOT is empty for the system itself
 use_installation() {
   local root=$1 way language listed
-  export LD_LIBRARY_PATH=$root/usr/$libdir
+  if [[ -n $root ]]; then
+    export LD_LIBRARY_PATH=$root/usr/$libdir
+  fi
   build_hosts "$root"
   configure "$root"
   start_cards "$root"
