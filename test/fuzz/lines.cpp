@@ -33,8 +33,8 @@ constexpr operand page_file[] = {value, {.name = "FILE", .help = "", .form = ope
 
 // Everything that may stand behind a verb, in the combinations that are in use.
 constexpr verb table[] = {
-    {"watch", "", "", takes_json | takes_for | takes_count, 0, run, nullptr},
-    {"show", "", "", takes_id | takes_json | takes_for, 10, run, answer},
+    {"watch", "", "", takes_filter | takes_for | takes_count, 0, run, nullptr},
+    {"show", "", "", takes_id | takes_for, 10, run, answer},
     {"stats", "", "", takes_verbose | takes_for, 3, run, answer},
     {"monitor", "", "", takes_action | takes_id, 0, run, answer},
     {"reg read", "", "", takes_ids | takes_wait | takes_retry | takes_livecheck, 0, run, answer,

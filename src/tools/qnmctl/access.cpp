@@ -19,11 +19,7 @@ constexpr std::uint32_t default_interval = 100;
 constexpr double seconds_to_hear_all = 3;
 
 std::uint32_t configured(const context& with, const char* key, std::uint32_t otherwise) {
-    const auto line = find_key(read_text(with.where.config()), key);
-    if (!line) return otherwise;
-    const std::vector<std::string> words = split(line->value, " \t\r");
-    const auto value = words.empty() ? std::nullopt : parse_number(words.front());
-    return value && *value <= UINT32_MAX ? static_cast<std::uint32_t>(*value) : otherwise;
+    return configured_number(read_text(with.where.config()), key, otherwise);
 }
 
 bool is_known(std::uint64_t id) {
@@ -47,7 +43,7 @@ retry_param::retry_param(const context& with, const access_options& how) {
 }
 
 void start_and_hear(context& with, const request& asked) {
-    start(with, asked);
+    start(with);
     const std::vector<std::uint64_t> ids = named_ids(asked);
     if (ids.empty()) {
         listen(with, {.seconds = asked.wait.value_or(seconds_to_hear_all)});
@@ -62,12 +58,15 @@ std::vector<std::uint64_t> wanted_ids(const request& asked) {
     std::vector<std::uint64_t> ids = named_ids(asked);
     if (ids.size() == 1 && !is_known(ids.front())) {
         throw error("no card " + id_text(ids.front()) +
-                    " has been heard\n\"list\" shows the cards that are; --wait gives it more "
-                    "time.");
+                        " has been heard\n\"list\" shows the cards that are; --wait gives it more "
+                        "time.",
+                    QNM_API_ENOENT);
     }
     if (ids.empty()) ids = fitting_ids(read_cards(), asked.cards);
-    if (ids.empty())
-        throw error("no card that fits has been heard\n\"list\" shows those that are.");
+    if (ids.empty()) {
+        throw error("no card that fits has been heard\n\"list\" shows those that are.",
+                    QNM_API_ENOENT);
+    }
     return ids;
 }
 

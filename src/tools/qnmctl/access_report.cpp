@@ -83,10 +83,6 @@ bool is_verified(const access_told& told) {
     return told.words->verified != nullptr && (told.flags & QNM_FLAG_VERIFY) != 0;
 }
 
-json code_json(std::optional<qnm_api_code_t> code) {
-    return code ? json(code_name(*code)) : json();
-}
-
 std::string printable(const std::string& bytes) {
     std::string text = bytes;
     std::replace_if(

@@ -47,7 +47,7 @@ std::vector<change> compare(const card& before, const card& after, std::optional
             const field& is = within.fields[at];
             if (about && is.about != *about) continue;
             if (((was.value ^ is.value) & is.compared) == 0) continue;
-            found.push_back({section_title(within), full_name(within, is), was, is});
+            found.push_back({section_title(within), full_name(within, is), was, is, {}});
         }
     }
     return found;
@@ -66,18 +66,30 @@ told_change tell(known_cards& known, qnm_evt_type_t type, const card& now) {
         added || type == QNM_EVT_NEWDEVINFO || last_told[type].index() != now.index();
     if (first) {
         last_told.fill(now);
-        return {true, {}};
+        return {.first = true, .changes = {}};
     }
-    told_change told{false, compare(last_told[type], now, events[type].about)};
+    told_change told{.changes = compare(last_told[type], now, events[type].about),
+                     .restarted = is_restarted(known.facts, now)};
+    for (change& one : told.changes)
+        one.why = find_reason(known.facts, now, one.before, one.after);
     last_told[type] = now;
     return told;
 }
 
 std::string change_text(const change& told) {
-    const std::string title = told.section_title + told.after.title + ' ';
-    // With two words only, the one tells the other.
-    if (told.after.form->how == style::two_words) return title + value_text(told.after);
-    return title + value_text(told.before) + " -> " + value_text(told.after);
+    return told.section_title + told.after.title + ' ' + value_text(told.before) + " -> " +
+           value_text(told.after);
+}
+
+std::string changes_text(const std::vector<change>& all) {
+    std::string text;
+    for (std::size_t at = 0; at < all.size(); ++at) {
+        if (at > 0) text += ", ";
+        text += change_text(all[at]);
+        const bool last = at + 1 == all.size() || all[at + 1].why != all[at].why;
+        if (last) text += " (" + reason_text(all[at].why) + ')';
+    }
+    return text;
 }
 
 std::string present_text(qnm_evt_type_t type, const card& now) {

@@ -12,8 +12,13 @@
 #include <vector>
 
 #include "fields.h"
+#include "reason.h"
 
 namespace qnmctl {
+
+// The name of what watch tells of its own accord: that the operator has stopped or restarted the
+// monitoring of a card.
+inline constexpr char monitor_event[] = "MONITOR";
 
 // The name of an event type without its prefix, "NEWDEVINFO".
 const char* event_name(qnm_evt_type_t type);
@@ -23,22 +28,28 @@ struct change {
     std::string name;  // "vlan_id", "state.P0M0", "down_port[3].io_mac"
     field before;
     field after;
+    reason why = {};
 };
 
 struct told_change {
-    bool first = false;  // the card was not known here before, or is told as new
+    bool first = false;  // the card was not known here before, or is told as new: by announcement
     std::vector<change> changes;
+    bool restarted = false;  // the event is news of the restart, even where it changes nothing
 };
 
 struct known_cards {
-    std::map<std::uint64_t, std::array<card, QNM_EVT_MAX>> last_told;
+    std::map<std::uint64_t, std::array<card, QNM_EVT_MAX>> last_told = {};
+    watch_facts facts = {};
 };
 
 // What the event changed, and remembers the record as told.
 told_change tell(known_cards& known, qnm_evt_type_t type, const card& now);
 
-// "VLAN ID 10 -> 11", "path P1M0 connected".
+// "VLAN ID 10 -> 11", "path P1M0 disconnected -> connected"; without why.
 std::string change_text(const change& told);
+
+// All of them, each with its reason, which is said once for neighbours that have the same.
+std::string changes_text(const std::vector<change>& all);
 
 // What an event says when nothing differs from what was told before, since a record is read after
 // the event arose and can be ahead of it: the present state of what the event is about.

@@ -13,12 +13,10 @@
 #include "fields.h"
 #include "operands.h"
 #include "qnm.h"
+#include "text.h"
+#include "writer.h"
 
 namespace qnmctl {
-
-inline constexpr int exit_ok = 0;
-inline constexpr int exit_failed = 1;
-inline constexpr int exit_usage = 2;
 
 struct context;  // what a running verb works with; see verbs.h
 struct verb;
@@ -36,7 +34,8 @@ enum class monitor_action { stop, restart };
 
 enum class card_kind { server, device };
 
-// The cards that a verb is for: those that are named, or of the known ones those that fit.
+// The cards that a verb is for: those that are named, or of the known ones those that fit. Where it
+// is a filter, what is not given lets every card through.
 struct selection {
     std::vector<std::uint64_t> ids = {};  // empty: by what follows
     bool all = false;
@@ -67,18 +66,19 @@ struct request {
     qnm_log_level_t level = QNM_LOGLVL_NONE;
     monitor_action action = monitor_action::stop;
     bool verbose = false;
-    bool as_json = false;
-    double seconds = 0;       // --for; 0: without limit
-    std::uint64_t count = 0;  // --count; 0: without limit
+    output_form form = output_form::text;
+    std::vector<std::string> events = {};  // --event; empty: every event
+    double seconds = 0;                    // --for; 0: without limit
+    std::uint64_t count = 0;               // --count; 0: without limit
 };
 
-// What may stand behind a verb.
+// What may stand behind a verb; all_options() has the rows for each bit.
 enum takes : unsigned {
     takes_nothing = 0,
     takes_action = 1U << 0,
     takes_id = 1U << 1,
     takes_verbose = 1U << 2,
-    takes_json = 1U << 3,
+    takes_filter = 1U << 3,  // of events
     takes_for = 1U << 4,
     takes_count = 1U << 5,
     takes_ids = 1U << 6,    // several, or options that choose cards
@@ -90,22 +90,40 @@ enum takes : unsigned {
     takes_raw = 1U << 12,
     takes_yes = 1U << 13,
     takes_level = 1U << 14,
+
+    // Not for rows of the table of verbs.
+    takes_output = 1U << 30,  // every verb does
+    takes_global = 1U << 31,  // what may stand in front of the verb
 };
 
 struct verb {
-    const char* name;       // one word, or two of which the first is that of a group
-    const char* help;       // one line
-    const char* more_help;  // further lines for its own --help; may be empty
-    unsigned takes;
-    double seconds;                            // of --for, when it is not given
-    int (*run)(context&, const request&);      // from the command line; nullptr: only in lines
-    void (*answer)(context&, const request&);  // from a line; nullptr: only on the command line
-    std::span<const operand> operands = {};    // behind the IDs
+    const char* name = "";       // one word, or two of which the first is that of a group
+    const char* help = "";       // one line
+    const char* more_help = "";  // further lines for its own --help
+    unsigned takes = takes_nothing;
+    double seconds = 0;  // of --for, when it is not given
+    int (*run)(context&,
+               const request&) = nullptr;  // from the command line; nullptr: only in lines
+    void (*answer)(context&, const request&) = nullptr;  // from a line; nullptr: not in lines
+    std::span<const operand> operands = {};              // behind the IDs
+    bool streams = false;                                // goes on and tells events as they come
+    bool hidden = false;  // for scripts of its own; neither in help nor in the manual page
 };
 
+// The first words of verbs that have two.
+struct verb_group {
+    const char* name;
+    const char* help;
+};
+
+std::span<const verb_group> verb_groups();
+
+// What stands behind a verb beside its options, "stop|restart ID", "ID... ADDR [END]".
+std::string words_text(const verb& of);
+
 struct command_line {
-    settings global;
-    request asked;
+    settings global = {};
+    request asked = {};
 };
 
 // The exit status stands for a command line that leaves nothing to run: help, or wrong usage, both
@@ -121,6 +139,9 @@ std::vector<std::uint64_t> fitting_ids(const std::vector<card>& known, const sel
 
 // As --log-level takes it; "none" when it is no level.
 const char* level_word(qnm_log_level_t level);
+
+// Whether a card gets through a filter.
+bool fits(const card& one, const selection& wanted);
 
 // The answer to "help".
 std::string lines_help(std::span<const verb> verbs);

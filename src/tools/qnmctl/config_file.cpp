@@ -5,6 +5,7 @@
 #include <iterator>
 #include <sstream>
 
+#include "operands.h"
 #include "text.h"
 
 namespace qnmctl {
@@ -42,6 +43,15 @@ std::optional<config_line> find_key(const std::string& config, std::string_view 
         return config_line{number, equals < line.size() ? line.substr(equals + 1) : ""};
     }
     return std::nullopt;
+}
+
+std::uint32_t configured_number(const std::string& config, std::string_view key,
+                                std::uint32_t otherwise) {
+    const auto line = find_key(config, key);
+    if (!line) return otherwise;
+    const std::vector<std::string> words = split(line->value, blanks);
+    const auto value = words.empty() ? std::nullopt : parse_number(words.front());
+    return value && *value <= UINT32_MAX ? static_cast<std::uint32_t>(*value) : otherwise;
 }
 
 std::vector<std::string> configured_ports(const std::string& config) {

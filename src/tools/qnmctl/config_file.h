@@ -2,6 +2,7 @@
 // decides what they mean; nothing here is needed for a start that succeeds.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -16,6 +17,10 @@ struct config_line {
 
 // The line of qnm.conf in which a key stands first, which is the one that counts.
 std::optional<config_line> find_key(const std::string& config, std::string_view key);
+
+// The number that a key has in qnm.conf; `otherwise` where it has none.
+std::uint32_t configured_number(const std::string& config, std::string_view key,
+                                std::uint32_t otherwise);
 
 // The interfaces that qnm.conf names, or the library's defaults.
 std::vector<std::string> configured_ports(const std::string& config);

@@ -124,40 +124,33 @@ std::vector<outcome> access_cards(context& with, const request& asked, const acc
     return outcomes;
 }
 
-void print_outcomes(context& with, const std::vector<outcome>& all, const access_told& told) {
-    if (!with.as_json) {
-        for (const outcome& one : all) {
-            if (one.code == QNM_API_SUCCESS) with.out.write(outcome_text(one, told) + '\n');
-        }
-        return;
+void tell_outcomes(context& with, const std::vector<outcome>& all, const access_told& told) {
+    for (const outcome& one : all) {
+        if (one.code == QNM_API_SUCCESS) with.told.text(outcome_text(one, told) + '\n');
+        with.told.record("result", outcome_json(one, told));
     }
-    json array = json::array();
-    for (const outcome& one : all)
-        array.push_back(outcome_json(one, told));
-    print_json(with, {{"results", array}});
 }
 
-// False when there is one.
-bool print_failures(const std::vector<outcome>& all, const access_words& words) {
+// The exit status: that of the first card whose call failed.
+int tell_failures(context& with, const std::vector<outcome>& all, const access_words& words) {
     std::size_t unreached = 0;
-    bool fine = true;
+    int status = exit_ok;
     for (const outcome& one : all) {
         if (!one.code) ++unreached;
-        if (one.code == QNM_API_SUCCESS) continue;
-        fine = false;
-        if (one.code) print_error(failure_text(one.id, words.call, words.scope, *one.code));
+        if (!one.code || one.code == QNM_API_SUCCESS) continue;
+        if (status == exit_ok) status = code_status(*one.code);
+        tell_failure(with, failure_text(one.id, words.call, words.scope, *one.code), one.code);
     }
-    if (unreached != 0) {
-        print_error("ended by a signal; cards not accessed: " + std::to_string(unreached));
-    }
-    return fine;
+    if (unreached == 0) return status;
+    tell_failure(with, "ended by a signal; cards not accessed: " + std::to_string(unreached));
+    return status == exit_ok ? exit_failed : status;
 }
 
 int access_and_tell(context& with, const request& asked, access_kind kind) {
     const access_row& row = access_calls[static_cast<std::size_t>(kind)];
     const auto outcomes = access_cards(with, asked, row, wanted_ids(asked));
-    print_outcomes(with, outcomes, {&row.words, asked.numbers, asked.how.flags});
-    return print_failures(outcomes, row.words) ? exit_ok : exit_failed;
+    tell_outcomes(with, outcomes, {&row.words, asked.numbers, asked.how.flags});
+    return tell_failures(with, outcomes, row.words);
 }
 
 // ---- Dumps --------------------------------------------------------------------------------------
@@ -176,12 +169,9 @@ dump_range range_of(const request& asked) {
     throw usage_error("nothing to dump: START is not below END");
 }
 
-void print_dump(context& with, const dump_result& of) {
-    if (with.as_json) {
-        print_json(with, dump_json(of.read, of.code));
-    } else {
-        with.out.write(dump_text(of.read));
-    }
+void tell_dump(context& with, const dump_result& of) {
+    with.told.text(dump_text(of.read));
+    with.told.record("dump", dump_json(of.read, of.code));
 }
 
 // What has been read is told in full when the file cannot have it.
@@ -190,11 +180,11 @@ void store_dump(context& with, const request& asked, const dump_result& of, new_
     try {
         raw.commit(bytes);
     } catch (const error&) {
-        print_dump(with, of);
+        tell_dump(with, of);
         throw;
     }
-    if (with.as_json) return print_dump(with, of);
-    with.out.write(std::to_string(bytes.size()) + " bytes written to " + asked.raw + '\n');
+    with.told.text(std::to_string(bytes.size()) + " bytes written to " + asked.raw + '\n');
+    with.told.record("dump", dump_json(of.read, of.code));
 }
 
 int dump_and_tell(context& with, const request& asked, const dump_source& from) {
@@ -204,15 +194,17 @@ int dump_and_tell(context& with, const request& asked, const dump_source& from) 
     if (!asked.raw.empty()) raw = std::make_unique<new_file>(asked.raw);
     const dump_result result = read_dump(with, from, asked, range.start, range.end);
     if (result.code != QNM_API_SUCCESS) {
-        print_dump(with, result);
-        print_error(incomplete_text(from, result, range.end) +
-                    (raw == nullptr ? "" : '\n' + asked.raw + " is as it was before."));
-        return exit_failed;
+        tell_dump(with, result);
+        tell_failure(with,
+                     incomplete_text(from, result, range.end) +
+                         (raw == nullptr ? "" : '\n' + asked.raw + " is as it was before."),
+                     result.code);
+        return status_of(result.code);
     }
     if (raw != nullptr) {
         store_dump(with, asked, result, *raw);
     } else {
-        print_dump(with, result);
+        tell_dump(with, result);
     }
     return exit_ok;
 }
@@ -257,15 +249,12 @@ void answer_eeprom_dump(context& with, const request& asked) {
 void answer_loglevel(context& with, const request& asked) {
     const qnm_api_code_t code = qnm_set_loglevel(asked.level);
     if (code != QNM_API_SUCCESS) throw failed_call("qnm_set_loglevel", code);
-    if (with.as_json) {
-        print_json(with, {{"loglevel", level_word(asked.level)}, {"result", code_name(code)}});
-    } else {
-        with.out.write(std::string("log level ") + level_word(asked.level) + '\n');
-    }
+    with.told.text(std::string("log level ") + level_word(asked.level) + '\n');
+    with.told.record("loglevel", {{"level", level_word(asked.level)}, {"result", code_name(code)}});
 }
 
 int run_loglevel(context& with, const request& asked) {
-    start(with, asked);
+    start(with);
     answer_loglevel(with, asked);
     listen_and_tell(with, asked);
     return exit_ok;

@@ -17,7 +17,7 @@ constexpr format hex8{style::hex, 2};
 constexpr format hex16{style::hex, 4};
 constexpr format hex24{style::hex, 6};
 constexpr format hex32{style::hex, 8};
-constexpr format card_id{style::hex, 12};
+constexpr format card_id{style::id};
 constexpr format mac{style::mac};
 constexpr format two_bytes{style::bytes, 2};
 constexpr format three_bytes{style::bytes, 3};
@@ -191,15 +191,27 @@ std::vector<section> some_sections(const card& of, int down_ports) {
     return all;
 }
 
+// The first byte is the most significant one.
+std::uint64_t byte_at(std::uint64_t value, int bytes, int at) {
+    return value >> (8 * (bytes - 1 - at)) & 0xFF;
+}
+
 std::string bytes_text(std::uint64_t value, int bytes) {
     std::string text;
-    for (int byte = bytes - 1; byte >= 0; --byte) {
+    for (int at = 0; at < bytes; ++at) {
         char part[4];
-        std::snprintf(part, sizeof part, "%02x", static_cast<unsigned>(value >> (8 * byte) & 0xFF));
+        std::snprintf(part, sizeof part, "%02x", static_cast<unsigned>(byte_at(value, bytes, at)));
         if (!text.empty()) text += ' ';
         text += part;
     }
     return text;
+}
+
+json bytes_json(std::uint64_t value, int bytes) {
+    json all = json::array();
+    for (int at = 0; at < bytes; ++at)
+        all.push_back(byte_at(value, bytes, at));
+    return all;
 }
 
 }  // namespace
@@ -220,6 +232,8 @@ std::string value_text(const field& shown) {
             return std::to_string(shown.value);
         case style::hex:
             return hex_text(shown.value, form.digits);
+        case style::id:
+            return id_text(shown.value);
         case style::mac:
             return mac_text(shown.value);
         case style::bytes:
@@ -235,11 +249,13 @@ std::string value_text(const field& shown) {
 json value_json(const field& shown) {
     switch (shown.form->how) {
         case style::decimal:
+        case style::hex:
         case style::time:
             return shown.value;
-        case style::hex:
-        case style::mac:
         case style::bytes:
+            return bytes_json(shown.value, shown.form->digits);
+        case style::id:
+        case style::mac:
         case style::two_words:
             return value_text(shown);
     }

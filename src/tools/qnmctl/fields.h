@@ -7,16 +7,14 @@
 #pragma once
 
 #include <cstdint>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <variant>
 #include <vector>
 
 #include "qnm.h"
+#include "writer.h"
 
 namespace qnmctl {
-
-using json = nlohmann::ordered_json;
 
 using card = std::variant<qnm_qnsv_t, qnm_qnio_t>;
 
@@ -26,7 +24,7 @@ const char* kind_text(const card& of);  // "QNSV" or "QNIO"
 // What a field is about, so that an event is told with the fields it is about.
 enum class aspect { general, path, connection, error_vector, link_fault };
 
-enum class style { decimal, hex, mac, bytes, time, two_words };
+enum class style { decimal, hex, id, mac, bytes, time, two_words };
 
 struct format {
     style how;
@@ -44,6 +42,7 @@ struct field {
     std::uint64_t value;
 };
 
+// For scripts a number stays a number, and bytes are an array of them.
 std::string value_text(const field& shown);
 json value_json(const field& shown);
 

@@ -25,11 +25,28 @@ namespace {
 
 using clock = std::chrono::steady_clock;
 
+constexpr std::uint32_t default_expire_ms = 5000;  // the library's
+
+bool is_wanted(const event_filter& filter, const char* event, std::uint64_t id,
+               const std::optional<card>& record) {
+    const auto& names = filter.events;
+    if (!names.empty() && std::find(names.begin(), names.end(), event) == names.end()) return false;
+    if (record) return fits(*record, filter.cards);
+    const auto& ids = filter.cards.ids;
+    return ids.empty() ? !filter.cards.by_property()
+                       : std::find(ids.begin(), ids.end(), id) != ids.end();
+}
+
+// What changed is found out of every event, because the next one is compared with it.
 void tell_event(context& with, const observed& seen) {
-    if (with.as_json) {
-        print_json(with, event_json(seen, with.known));
+    const told_change told =
+        seen.record ? tell(with.known, seen.type, *seen.record) : told_change{};
+    if (!is_wanted(with.filter, event_name(seen.type), seen.id, seen.record)) return;
+    ++with.told_events;
+    if (with.told.is_text()) {
+        with.told.text(event_line(seen, told, with.how.coloured) + '\n');
     } else {
-        with.out.write(event_line(seen, with.known, with.coloured) + '\n');
+        with.told.record("event", event_json(seen, told));
     }
 }
 
@@ -37,13 +54,15 @@ void tell_event(context& with, const observed& seen) {
 
 void answer_line(context& with, const std::string& line) {
     const std::variant<request, std::string> parsed = parse_line(verbs, line);
-    if (const auto* wrong = std::get_if<std::string>(&parsed)) return print_error(*wrong);
+    if (const auto* wrong = std::get_if<std::string>(&parsed)) {
+        return with.told.failure(*wrong, exit_usage, std::nullopt);
+    }
     const auto& asked = std::get<request>(parsed);
     if (asked.asked == nullptr) return;
     try {
         asked.asked->answer(with, asked);
     } catch (const error& e) {
-        print_error(e.what());
+        with.told.failure(e.what(), e.status, e.code);
     }
 }
 
@@ -66,18 +85,21 @@ bool answer_input(context& with, input_lines& input) {
 
 // ---- Listening ----------------------------------------------------------------------------------
 
-// Prints what has been queued, up to the wanted number; false when that is reached.
-bool tell_events(context& with, const listening& how, std::uint64_t& told) {
+bool is_counted_out(const context& with, const listening& how) {
+    return how.count != 0 && with.told_events >= how.count;
+}
+
+// Prints what has been queued, up to the wanted number; false when enough has been heard.
+bool tell_events(context& with, const listening& how) {
     const session::batch batch = with.manager->take();
     if (how.tells && batch.lost != 0) {
-        print_error(std::to_string(batch.lost) + " events lost, the output is too slow");
+        tell_failure(with, std::to_string(batch.lost) + " events lost, the output is too slow");
     }
     for (const observed& seen : batch.events) {
-        if (!how.tells) break;
+        if (!how.tells || is_counted_out(with, how)) break;
         tell_event(with, seen);
-        if (++told == how.count) return false;
     }
-    return !how.enough || !how.enough();
+    return !is_counted_out(with, how) && (!how.enough || !how.enough());
 }
 
 void check_running(const context& with) {
@@ -88,7 +110,7 @@ void check_running(const context& with) {
                                 ? with.where.log.string()
                                 : file_of_logger(read_text(with.where.properties()), "logfile");
     if (!log.empty()) text += "\nIts log is " + log;
-    throw error(text);
+    throw error(text, *ended);
 }
 
 int milliseconds_until(clock::time_point deadline) {
@@ -105,12 +127,8 @@ clock::time_point deadline_after(double seconds) {
 
 }  // namespace
 
-void print_json(context& with, const json& object) {
-    with.out.write(object.dump(-1, ' ', false, json::error_handler_t::replace) + '\n');
-}
-
-void print_error(const std::string& text) {
-    std::fputs(message_text(text).c_str(), stderr);
+void tell_failure(context& with, const std::string& text, std::optional<qnm_api_code_t> code) {
+    with.told.failure(text, status_of(code), code);
 }
 
 void listen(context& with, const listening& how) {
@@ -121,23 +139,42 @@ void listen(context& with, const listening& how) {
                        {how.takes_lines ? STDIN_FILENO : -1, POLLIN, 0}};
     const clock::time_point deadline = deadline_after(how.seconds);
     input_lines lines;
-    std::uint64_t told = 0;
-    while (!with.quit && !with.out.closed() && clock::now() < deadline) {
+    with.told_events = 0;
+    const auto is_over = [&] {
+        return with.quit || with.out.closed() || is_counted_out(with, how) ||
+               clock::now() >= deadline;
+    };
+    while (!is_over()) {
         if (poll(waited, std::size(waited), milliseconds_until(deadline)) < 0) {
             if (errno == EINTR) continue;
             throw error(std::string("cannot wait: ") + std::strerror(errno));
         }
         if (waited[signal].revents != 0 || (waited[out].revents & POLLERR) != 0) return;
         if (waited[wake].revents != 0) {
-            if (!tell_events(with, how, told)) return;
+            if (!tell_events(with, how)) return;
             check_running(with);
         }
         if (waited[input].revents != 0 && !answer_input(with, lines)) waited[input].fd = -1;
     }
 }
 
-void start(context& with, const request& asked) {
-    with.as_json = asked.as_json;
+void tell_monitor(context& with, std::uint64_t id, bool restarted) {
+    const auto now = std::chrono::system_clock::now();
+    const bool was_on = restarted ? with.stopped.erase(id) == 0 : with.stopped.insert(id).second;
+    if (restarted) with.known.facts.restarted[id] = {to_milliseconds(now)};
+    const monitor_change told = {now, id, read_card(id), was_on, restarted};
+    if (!is_wanted(with.filter, monitor_event, id, told.record)) return;
+    ++with.told_events;
+    if (with.told.is_text()) {
+        with.told.text(monitor_line(told, with.how.coloured) + '\n');
+    } else {
+        with.told.record("event", monitor_json(told));
+    }
+}
+
+void start(context& with) {
+    with.known.facts.expire_ms =
+        configured_number(read_text(with.where.config()), "devinfo_expire_time", default_expire_ms);
     with.manager = start_manager(with.where, with.log_level);
 }
 

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 
 #include "command_line.h"
@@ -19,7 +20,7 @@ struct listening {
     std::function<bool()> enough = nullptr;  // asked after each batch of events
 };
 
-void start(context& with, const request& asked);
+void start(context& with);
 
 // Until time, number, signal, "quit" or the end of the reader. Throws error when the manager ends.
 void listen(context& with, const listening& how);
@@ -27,10 +28,14 @@ void listen(context& with, const listening& how);
 // Listens, tells the events and answers lines, as long as was asked for.
 void listen_and_tell(context& with, const request& asked);
 
+// Tells that the monitoring of a card was stopped or restarted just now; an event like others.
+void tell_monitor(context& with, std::uint64_t id, bool restarted);
+
 // Whether a signal waits to be obeyed.
 bool is_signalled(const context& with);
 
-void print_json(context& with, const json& object);  // on one line
-void print_error(const std::string& text);
+// What went wrong with a part of what was asked; the rest goes on.
+void tell_failure(context& with, const std::string& text,
+                  std::optional<qnm_api_code_t> code = std::nullopt);
 
 }  // namespace qnmctl

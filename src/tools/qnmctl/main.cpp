@@ -2,7 +2,7 @@
 // public interface, as any host program does.
 //
 // Signals are blocked in every thread and read as input, so a command ends by returning, and what
-// it has made is removed. Exit status: 0 success, 1 failure, 2 wrong usage.
+// it has made is removed.
 #include <sys/signalfd.h>
 #include <unistd.h>
 
@@ -29,18 +29,32 @@ int open_signals() {
     return fd;
 }
 
-int run(const qnmctl::command_line& given, int signals) {
+int run(const qnmctl::command_line& given, qnmctl::writer& told, qnmctl::output& out, int signals) {
     qnmctl::installation where;
     qnmctl::install(given.global, where);
-    qnmctl::output out(STDOUT_FILENO, signals);
     qnmctl::context with{.where = where,
                          .log_level = given.global.log_level,
                          .out = out,
+                         .told = told,
                          .signals = signals,
-                         .coloured = qnmctl::wants_colour(STDOUT_FILENO),
-                         .manager = nullptr,
-                         .known = {}};
+                         .how = qnmctl::look_of(STDOUT_FILENO),
+                         .filter = {given.asked.cards, given.asked.events}};
     return given.asked.asked->run(with, given.asked);
+}
+
+// The exit status. What is told of a failure is a record, too, so the document ends behind it.
+int run_and_tell(const qnmctl::command_line& given, int signals) {
+    qnmctl::output out(STDOUT_FILENO, signals);
+    qnmctl::writer told(out, given.asked.form, given.asked.asked->name);
+    int status = qnmctl::exit_failed;
+    try {
+        status = run(given, told, out, signals);
+    } catch (const qnmctl::error& e) {
+        status = e.status;
+        told.failure(e.what(), e.status, e.code);
+    }
+    told.end(status);
+    return status;
 }
 
 }  // namespace
@@ -50,10 +64,7 @@ int main(int argc, char** argv) {
     const auto parsed = qnmctl::parse_command_line(qnmctl::verbs, argc, argv);
     if (const int* status = std::get_if<int>(&parsed)) return *status;
     try {
-        return run(std::get<qnmctl::command_line>(parsed), signals);
-    } catch (const qnmctl::usage_error& e) {
-        std::fputs(qnmctl::message_text(e.what()).c_str(), stderr);
-        return qnmctl::exit_usage;
+        return run_and_tell(std::get<qnmctl::command_line>(parsed), signals);
     } catch (const std::exception& e) {
         std::fputs(qnmctl::message_text(e.what()).c_str(), stderr);
         return qnmctl::exit_failed;

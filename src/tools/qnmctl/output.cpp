@@ -2,6 +2,7 @@
 #include "output.h"
 
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "operands.h"
 #include "text.h"
 
 namespace qnmctl {
@@ -43,9 +45,44 @@ void output::write(std::string_view text) {
     }
 }
 
-bool wants_colour(int fd) {
-    const char* const refused = std::getenv("NO_COLOR");
-    return isatty(fd) == 1 && (refused == nullptr || *refused == '\0');
+namespace {
+
+bool is_set(const char* name) {
+    const char* const value = std::getenv(name);
+    return value != nullptr && *value != '\0';
+}
+
+// As every program of the C library takes it, by the first that is set.
+bool has_unicode() {
+    for (const char* const name : {"LC_ALL", "LC_CTYPE", "LANG"}) {
+        if (!is_set(name)) continue;
+        const std::string locale = std::getenv(name);
+        return locale.find("UTF-8") != std::string::npos ||
+               locale.find("utf8") != std::string::npos;
+    }
+    return false;
+}
+
+std::size_t width_at(int fd) {
+    if (is_set("COLUMNS")) {
+        const auto given = parse_number(std::getenv("COLUMNS"));
+        if (given && *given > 0) return *given;
+    }
+    winsize size{};
+    if (ioctl(fd, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) return size.ws_col;
+    return SIZE_MAX;
+}
+
+}  // namespace
+
+look look_of(int fd) {
+    return {.coloured = isatty(fd) == 1 && !is_set("NO_COLOR"),
+            .unicode = has_unicode(),
+            .width = width_at(fd)};
+}
+
+std::string in_colour(const std::string& text, const char* colour, bool coloured) {
+    return coloured ? colour + text + "\033[0m" : text;
 }
 
 }  // namespace qnmctl

@@ -4,6 +4,9 @@
 // nothing, so that the command can always end. Afterwards every text is dropped.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
+#include <string>
 #include <string_view>
 
 namespace qnmctl {
@@ -27,7 +30,17 @@ class output {
     bool closed_ = false;
 };
 
-// Whether texts may be coloured: a terminal, and NO_COLOR is not set.
-bool wants_colour(int fd);
+// How texts are to look where they are written to.
+struct look {
+    bool coloured = false;         // a terminal, and NO_COLOR is not set
+    bool unicode = false;          // lines of trees, as the locale says
+    std::size_t width = SIZE_MAX;  // of a terminal, or as COLUMNS says; elsewhere without limit
+};
+
+look look_of(int fd);
+
+// What a terminal is told before a text that it shall show so, and behind it.
+inline constexpr char bold[] = "\033[1m";
+std::string in_colour(const std::string& text, const char* colour, bool coloured);
 
 }  // namespace qnmctl

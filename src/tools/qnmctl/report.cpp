@@ -6,12 +6,11 @@
 #include <iterator>
 #include <string_view>
 
+#include "table.h"
+
 namespace qnmctl {
 
 namespace {
-
-constexpr char bold[] = "\033[1m";
-constexpr char plain[] = "\033[0m";
 
 // Indexed by qnm_evt_type_t.
 constexpr const char* event_colours[] = {
@@ -23,10 +22,6 @@ constexpr const char* event_colours[] = {
     "\033[35m",  // path: magenta
 };
 static_assert(std::size(event_colours) == QNM_EVT_MAX);
-
-std::string in_colour(const std::string& text, const char* colour, bool coloured) {
-    return coloured ? colour + text + plain : text;
-}
 
 std::string padded(std::string text, int width) {
     const auto wanted = static_cast<std::size_t>(std::abs(width));
@@ -64,35 +59,65 @@ std::string summary(const card& of) {
     return words + (paths.empty() ? ", no path connected" : ", connected " + join(paths, " "));
 }
 
-std::string event_words(const observed& seen, known_cards& known) {
+std::string event_words(const observed& seen, const told_change& told) {
     if (!seen.record) return "the card is no longer known";
-    const told_change told = tell(known, seen.type, *seen.record);
-    if (told.first) return summary(*seen.record);
-    if (told.changes.empty()) return present_text(seen.type, *seen.record);
-    std::vector<std::string> parts;
-    for (const change& one : told.changes)
-        parts.push_back(change_text(one));
-    return join(parts, ", ");
+    if (told.first) return summary(*seen.record) + " (" + reason_text({}) + ')';
+    if (told.changes.empty()) {
+        return present_text(seen.type, *seen.record) +
+               (told.restarted ? " (" + reason_text({.why = cause::restarted}) + ')' : "");
+    }
+    return changes_text(told.changes);
 }
 
 json change_json(const change& one) {
-    return {{"field", one.name}, {"old", value_json(one.before)}, {"new", value_json(one.after)}};
+    return {{"field", one.name},
+            {"old", value_json(one.before)},
+            {"new", value_json(one.after)},
+            {"why", reason_json(one.why)}};
+}
+
+const char* kind_or_unknown(const std::optional<card>& of) {
+    return of ? kind_text(*of) : "????";
+}
+
+json kind_json(const std::optional<card>& of) {
+    return of ? json(kind_text(*of)) : json();
+}
+
+std::string line_text(wall_time when, const char* event, const char* colour,
+                      const std::optional<card>& record, std::uint64_t id,
+                      const std::string& words) {
+    constexpr int name_width = -18;
+    return time_text(when) + ' ' + in_colour(padded(event, name_width), colour, colour != nullptr) +
+           ' ' + kind_or_unknown(record) + ' ' + id_text(id) + "  " + words;
+}
+
+reason reason_of(const monitor_change& of) {
+    return {.why = of.restarted ? cause::restarted : cause::stopped};
+}
+
+const char* on_off(bool on) {
+    return on ? "on" : "off";
 }
 
 // A column of the table of cards: the field that it shows.
-struct column {
-    const char* heading;
-    int width;  // negative: to the left
+struct card_column {
+    table_column column;
     const char* name;
     const char* key;
 };
 
-constexpr column columns[] = {
-    {"ID", -14, "id", ""},         {"TYPE", -5, "type", ""},
-    {"VLAN", 4, "vlan_id", ""},    {"VER", 3, "ver", ""},
-    {"P0M0", 4, "state", "P0M0"},  {"P0M1", 4, "state", "P0M1"},
-    {"P1M0", 4, "state", "P1M0"},  {"P1M1", 4, "state", "P1M1"},
-    {"MODE", -6, "vlan_mode", ""}, {"R-ID", 4, "mr_resource_num", ""},
+constexpr card_column card_columns[] = {
+    {{.heading = "ID", .width = 14}, "id", ""},
+    {{.heading = "TYPE", .width = 5, .spare = 2}, "type", ""},
+    {{.heading = "VLAN", .right = true, .spare = 1}, "vlan_id", ""},
+    {{.heading = "VER", .right = true, .spare = 3}, "ver", ""},
+    {{.heading = "P0M0", .right = true}, "state", "P0M0"},
+    {{.heading = "P0M1", .right = true}, "state", "P0M1"},
+    {{.heading = "P1M0", .right = true}, "state", "P1M0"},
+    {{.heading = "P1M1", .right = true}, "state", "P1M1"},
+    {{.heading = "MODE", .width = 6, .spare = 4}, "vlan_mode", ""},
+    {{.heading = "R-ID", .right = true, .spare = 5}, "mr_resource_num", ""},
 };
 
 std::string cell(const field* shown) {
@@ -115,73 +140,84 @@ json section_json(const section& of) {
 
 }  // namespace
 
-std::string event_line(const observed& seen, known_cards& known, bool coloured) {
-    constexpr int name_width = -18;
-    const std::string words = event_words(seen, known);
-    const std::string name = padded(event_name(seen.type), name_width);
-    const char* const kind = seen.record ? kind_text(*seen.record) : "????";
-    return time_text(seen.when) + ' ' + in_colour(name, event_colours[seen.type], coloured) + ' ' +
-           kind + ' ' + id_text(seen.id) + "  " + words;
+std::string event_line(const observed& seen, const told_change& told, bool coloured) {
+    return line_text(seen.when, event_name(seen.type),
+                     coloured ? event_colours[seen.type] : nullptr, seen.record, seen.id,
+                     event_words(seen, told));
 }
 
-json event_json(const observed& seen, known_cards& known) {
-    json object = {{"time", iso_time_text(seen.when)}, {"event", event_name(seen.type)}};
-    object["kind"] = seen.record ? json(kind_text(*seen.record)) : json();
-    object["id"] = id_text(seen.id);
+json event_json(const observed& seen, const told_change& told) {
+    json object = {{"time", iso_time_text(seen.when)},
+                   {"event", event_name(seen.type)},
+                   {"kind", kind_json(seen.record)},
+                   {"id", id_text(seen.id)}};
     if (!seen.record) return object;
-    const told_change told = tell(known, seen.type, *seen.record);
     if (told.first) {
         object["card"] = card_json(*seen.record);
+        object["why"] = reason_json({});
         return object;
     }
     object["changes"] = json::array();
     for (const change& one : told.changes)
         object["changes"].push_back(change_json(one));
+    if (told.changes.empty() && told.restarted) {
+        object["why"] = reason_json({.why = cause::restarted});
+    }
     return object;
 }
 
-std::string table_text(const std::vector<card>& cards, bool coloured) {
-    std::string heading = "KIND";
-    for (const column& of : columns)
-        heading += ' ' + padded(of.heading, of.width);
-    std::string text = in_colour(heading, bold, coloured) + '\n';
+std::string monitor_line(const monitor_change& of, bool coloured) {
+    const std::string words = std::string("monitoring ") + on_off(of.was_on) + " -> " +
+                              on_off(of.restarted) + " (" + reason_text(reason_of(of)) + ')';
+    return line_text(of.when, monitor_event, coloured ? bold : nullptr, of.record, of.id, words);
+}
+
+json monitor_json(const monitor_change& of) {
+    return {{"time", iso_time_text(of.when)},
+            {"event", monitor_event},
+            {"kind", kind_json(of.record)},
+            {"id", id_text(of.id)},
+            {"changes", json::array({{{"field", "monitoring"},
+                                      {"old", on_off(of.was_on)},
+                                      {"new", on_off(of.restarted)},
+                                      {"why", reason_json(reason_of(of))}}})}};
+}
+
+std::string cards_text(const std::vector<card>& cards, const look& how) {
+    table shown{.columns = {{.heading = "KIND"}}};
+    for (const card_column& of : card_columns)
+        shown.columns.push_back(of.column);
     std::size_t servers = 0;
-    for (const card& shown : cards) {
-        servers += std::holds_alternative<qnm_qnsv_t>(shown) ? 1U : 0U;
-        const std::vector<field> fields = sections(shown).front().fields;
-        std::string line = kind_text(shown);
-        for (const column& of : columns) {
-            line += ' ' + padded(cell(find_field(fields, of.name, of.key)), of.width);
-        }
-        text += trimmed(line) + '\n';
+    for (const card& one : cards) {
+        servers += std::holds_alternative<qnm_qnsv_t>(one) ? 1U : 0U;
+        const std::vector<field> fields = sections(one).front().fields;
+        std::vector<std::string>& row = shown.rows.emplace_back();
+        row.emplace_back(kind_text(one));
+        for (const card_column& of : card_columns)
+            row.push_back(cell(find_field(fields, of.name, of.key)));
     }
-    return text + std::to_string(servers) + " QNSV, " + std::to_string(cards.size() - servers) +
-           " QNIO\n";
+    return table_text(shown, how) + std::to_string(servers) + " QNSV, " +
+           std::to_string(cards.size() - servers) + " QNIO\n";
 }
 
-json table_json(const std::vector<card>& cards) {
-    json all = json::array();
-    for (const card& shown : cards)
-        all.push_back(card_json(shown));
-    return all;
-}
-
-std::string card_text(const card& shown, bool coloured) {
+std::string card_text(const card& shown, const look& how) {
     constexpr int title_width = -32;
     constexpr int name_width = -18;
+    constexpr std::size_t width_with_names = 78;
     std::string text =
         in_colour(std::string(kind_text(shown)) + " card " + id_text(common(shown).ecd_id), bold,
-                  coloured) +
+                  how.coloured) +
         '\n';
     for (const section& within : sections(shown)) {
         const std::string title = section_title(within);
         const bool indented = !title.empty();
-        if (indented) text += in_colour("  " + trimmed(title), bold, coloured) + '\n';
+        if (indented) text += in_colour("  " + trimmed(title), bold, how.coloured) + '\n';
         for (const field& of : within.fields) {
             const std::string name =
                 of.key == nullptr ? of.name : of.name + (std::string(".") + of.key);
-            text += (indented ? "    " : "  ") + padded(of.title, title_width) + ' ' +
-                    padded(name, name_width) + ' ' + value_text(of) + '\n';
+            text += (indented ? "    " : "  ") + padded(of.title, title_width) + ' ';
+            if (how.width >= width_with_names) text += padded(name, name_width) + ' ';
+            text += value_text(of) + '\n';
         }
     }
     return text;

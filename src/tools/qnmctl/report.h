@@ -7,6 +7,7 @@
 
 #include "changes.h"
 #include "fields.h"
+#include "output.h"
 #include "text.h"
 
 namespace qnmctl {
@@ -19,16 +20,28 @@ struct observed {
     std::optional<card> record;
 };
 
-// One line without its end; `known` is brought up to date.
-std::string event_line(const observed& seen, known_cards& known, bool coloured);
-json event_json(const observed& seen, known_cards& known);
+// One line without its end. `told` is what tell() made of the event; nothing of a card that is
+// gone.
+std::string event_line(const observed& seen, const told_change& told, bool coloured);
+json event_json(const observed& seen, const told_change& told);
+
+// The operator has stopped or restarted the monitoring of a card, which may be unknown.
+struct monitor_change {
+    wall_time when;
+    std::uint64_t id = 0;
+    std::optional<card> record;
+    bool was_on = true;
+    bool restarted = false;
+};
+
+std::string monitor_line(const monitor_change& of, bool coloured);
+json monitor_json(const monitor_change& of);
 
 // A heading, a row for every card and a line with their numbers.
-std::string table_text(const std::vector<card>& cards, bool coloured);
-json table_json(const std::vector<card>& cards);
+std::string cards_text(const std::vector<card>& cards, const look& how);
 
 // Every field of a card, one a line: title, name, value.
-std::string card_text(const card& shown, bool coloured);
+std::string card_text(const card& shown, const look& how);
 json card_json(const card& shown);
 
 }  // namespace qnmctl

@@ -56,27 +56,28 @@ restore_result write_words(context& with, const request& asked,
 void tell_result(context& with, const request& asked, const std::vector<difference>& changes,
                  const restore_result& result) {
     const std::string count = std::to_string(result.written);
-    if (with.as_json) {
-        print_json(with, {{"id", id_text(asked.id)},
-                          {"file", asked.file},
-                          {"differences", difference_json(changes)},
-                          {"written", result.written},
-                          {"result", result.code ? json(code_name(*result.code)) : json()}});
-    } else {
-        with.out.write(changes.empty() ? "the EEPROM holds the image already\n"
-                                       : "words written and verified: " + count + '\n');
-    }
+    with.told.text(changes.empty() ? "the EEPROM holds the image already\n"
+                                   : "words written and verified: " + count + '\n');
+    with.told.record("restore", {{"id", id_text(asked.id)},
+                                 {"file", asked.file},
+                                 {"differences", difference_json(changes)},
+                                 {"written", result.written},
+                                 {"result", code_json(result.code)}});
     if (result.code == QNM_API_SUCCESS) return;
     const std::string reason =
         result.code ? failure_text(asked.id, "qnm_write_eeprom", access_scope::eeprom, *result.code)
                     : id_text(asked.id) + ": ended by a signal";
-    print_error(reason + "\nOf " + std::to_string(changes.size()) + " words " + count +
-                " were written. The same command writes the rest.");
+    tell_failure(with,
+                 reason + "\nOf " + std::to_string(changes.size()) + " words " + count +
+                     " were written. The same command writes the rest.",
+                 result.code);
 }
 
 void check_usage(const request& asked) {
     if (asked.yes) return;
-    if (asked.as_json) throw usage_error("--json leaves no room for a question\nAdd --yes.");
+    if (asked.form != output_form::text) {
+        throw usage_error("JSON leaves no room for a question\nAdd --yes.");
+    }
     if (isatty(STDIN_FILENO) != 1) {
         throw usage_error(
             "there is no terminal to ask on whether the EEPROM shall be written\nAdd --yes to "
@@ -94,11 +95,12 @@ int run_restore(context& with, const request& asked) {
     wanted_ids(asked);
     const dump_result before = read_dump(with, eeprom_source, asked, 0, end);
     if (before.code != QNM_API_SUCCESS) {
-        print_error(incomplete_text(eeprom_source, before, end) + "\nNothing was written.");
-        return exit_failed;
+        tell_failure(with, incomplete_text(eeprom_source, before, end) + "\nNothing was written.",
+                     before.code);
+        return status_of(before.code);
     }
     const std::vector<difference> changes = differences(before.read.words, image);
-    if (!with.as_json) with.out.write(difference_text(changes));
+    with.told.text(difference_text(changes));
     const std::string question = "Write " + std::to_string(changes.size()) +
                                  " words to the EEPROM of card " + id_text(asked.id) + '?';
     if (!changes.empty() && !asked.yes && !is_confirmed(with, question)) {
@@ -106,7 +108,7 @@ int run_restore(context& with, const request& asked) {
     }
     const restore_result result = write_words(with, asked, changes);
     tell_result(with, asked, changes, result);
-    return result.code == QNM_API_SUCCESS ? exit_ok : exit_failed;
+    return status_of(result.code);
 }
 
 }  // namespace qnmctl

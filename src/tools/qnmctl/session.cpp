@@ -50,8 +50,9 @@ void append_cards(std::vector<card>& to, const char* name, list_call list, read_
 
 }  // namespace
 
-failed_call::failed_call(const char* call, qnm_api_code_t code)
-    : error(std::string(call) + " failed: " + code_name(code) + '\n' + code_remedy(code)) {}
+failed_call::failed_call(const char* call, qnm_api_code_t result)
+    : error(std::string(call) + " failed: " + code_name(result) + '\n' + code_remedy(result),
+            result) {}
 
 session::session(const std::string& dir, qnm_log_level_t level)
     : wake_fd_(make_event_fd()), result_(still_running) {

@@ -25,7 +25,7 @@ namespace qnmctl {
 
 // A public call that did not succeed.
 struct failed_call : error {
-    failed_call(const char* call, qnm_api_code_t code);
+    failed_call(const char* call, qnm_api_code_t result);
 };
 
 class session {

@@ -41,7 +41,7 @@ std::unique_ptr<session> start_manager(const installation& where, qnm_log_level_
         const std::vector<std::string> lines =
             where.temporary ? error_lines(read_text(where.log).substr(old_log))
                             : lines_of_second_try(where);
-        throw error(failed_start_text(*code, where, lines));
+        throw error(failed_start_text(*code, where, lines), *code);
     }
     warn_of_ports(where);
     return std::get<std::unique_ptr<session>>(std::move(started));

@@ -13,23 +13,34 @@ namespace {
 
 constexpr int mac_bytes = 6;
 
+constexpr int code_statuses = 10;  // behind it they stand in the order of the codes
+
 struct code_words {
     const char* name;
+    const char* meaning;
     const char* remedy;
 };
 
 // Indexed by qnm_api_code_t.
 constexpr code_words codes[] = {
-    {"QNM_API_SUCCESS", "The call succeeded."},
-    {"QNM_API_EINVAL", "An argument was refused. Check the directory and the values given."},
-    {"QNM_API_ERANGE", "A value or a list is too long. Raise id_list_upper_limit in qnm.conf."},
-    {"QNM_API_ENOENT", "No card has that ID. \"qnmctl list\" shows the cards that can be heard."},
-    {"QNM_API_ENOLINK", "There is no link to the card. Check its cable and the port."},
-    {"QNM_API_ENOMEM", "The memory is used up. Free some and try again."},
-    {"QNM_API_EPROTO", "Something failed inside the library. Its log tells what."},
-    {"QNM_API_ETIMEDOUT", "The card did not answer in time. Check that it is connected."},
-    {"QNM_API_EBUSY", "The manager or the card is busy. Try again later."},
-    {"QNM_API_ENOSYS", "The manager is not running. Its log tells why it ended."},
+    {"QNM_API_SUCCESS", "success", "The call succeeded."},
+    {"QNM_API_EINVAL", "an argument was refused",
+     "An argument was refused. Check the directory and the values given."},
+    {"QNM_API_ERANGE", "a value or a list is too long",
+     "A value or a list is too long. Raise id_list_upper_limit in qnm.conf."},
+    {"QNM_API_ENOENT", "no such card",
+     "No card has that ID. \"qnmctl list\" shows the cards that can be heard."},
+    {"QNM_API_ENOLINK", "no link to the card",
+     "There is no link to the card. Check its cable and the port."},
+    {"QNM_API_ENOMEM", "out of memory", "The memory is used up. Free some and try again."},
+    {"QNM_API_EPROTO", "protocol or internal error",
+     "Something failed inside the library. Its log tells what."},
+    {"QNM_API_ETIMEDOUT", "no answer in time",
+     "The card did not answer in time. Check that it is connected."},
+    {"QNM_API_EBUSY", "the manager or the card is busy",
+     "The manager or the card is busy. Try again later."},
+    {"QNM_API_ENOSYS", "the manager is not running",
+     "The manager is not running. Its log tells why it ended."},
 };
 static_assert(std::size(codes) == QNM_API_CODE_MAX);
 
@@ -78,6 +89,11 @@ std::optional<std::uint64_t> parse_mac(std::string_view text) {
 
 wall_time from_milliseconds(std::uint64_t since_epoch) {
     return wall_time(std::chrono::milliseconds(since_epoch));
+}
+
+std::uint64_t to_milliseconds(wall_time when) {
+    const auto since = std::chrono::floor<std::chrono::milliseconds>(when.time_since_epoch());
+    return static_cast<std::uint64_t>(since.count());
 }
 
 std::string time_text(wall_time when) {
@@ -129,6 +145,25 @@ const char* code_name(qnm_api_code_t code) {
 
 const char* code_remedy(qnm_api_code_t code) {
     return words_of(code).remedy;
+}
+
+int code_status(qnm_api_code_t code) {
+    if (code == QNM_API_SUCCESS) return exit_ok;
+    const bool known = code > 0 && code < QNM_API_CODE_MAX;
+    return code_statuses + (known ? code : QNM_API_EPROTO);
+}
+
+std::vector<status_row> exit_statuses() {
+    std::vector<status_row> rows = {
+        {exit_ok, "success"},
+        {exit_failed, "failed without a result code, or ended by a signal before all was done"},
+        {exit_usage, "wrong usage"}};
+    for (int code = QNM_API_SUCCESS + 1; code < QNM_API_CODE_MAX; ++code) {
+        const code_words& words = codes[code];
+        rows.push_back({code_status(static_cast<qnm_api_code_t>(code)),
+                        std::string(words.name) + ": " + words.meaning});
+    }
+    return rows;
 }
 
 std::string message_text(const std::string& text) {

@@ -1,167 +1,20 @@
-// What the verbs do.
+// The table of verbs, and the operands behind them.
 //
-// From the command line a verb starts the manager, listens, and answers; from a line it only
-// answers, by the same function.
+// A new verb is a row here, with a function that tells what it finds to the writer, and a row in
+// options.cpp for each option that no other verb has. The help follows from the rows.
 #include "verbs.h"
 
-#include <string>
-
 #include "access.h"
-#include "config_file.h"
+#include "basic_verbs.h"
 #include "device_verbs.h"
-#include "listen.h"
-#include "report.h"
-#include "text.h"
 
 namespace qnmctl {
 
 namespace {
 
-// ---- watch --------------------------------------------------------------------------------------
-
-int run_watch(context& with, const request& asked) {
-    start(with, asked);
-    listen_and_tell(with, asked);
-    return exit_ok;
-}
-
-// ---- list ---------------------------------------------------------------------------------------
-
-void answer_list(context& with, const request&) {
-    const std::vector<card> cards = read_cards();
-    if (with.as_json) {
-        print_json(with, {{"cards", table_json(cards)}});
-    } else {
-        with.out.write(table_text(cards, with.coloured));
-    }
-}
-
-int run_list(context& with, const request& asked) {
-    start(with, asked);
-    listen(with, {.seconds = asked.seconds});
-    if (with.as_json) {
-        with.out.write(table_json(read_cards()).dump(2) + '\n');
-    } else {
-        answer_list(with, asked);
-    }
-    return exit_ok;
-}
-
-// ---- show ---------------------------------------------------------------------------------------
-
-void answer_show(context& with, const request& asked) {
-    const std::optional<card> known = read_card(asked.id);
-    if (!known) {
-        throw error("no card " + id_text(asked.id) +
-                    " has been heard\n\"list\" shows the cards that are.");
-    }
-    if (with.as_json) {
-        print_json(with, card_json(*known));
-    } else {
-        with.out.write(card_text(*known, with.coloured));
-    }
-}
-
-int run_show(context& with, const request& asked) {
-    start(with, asked);
-    listen(with, {.seconds = asked.seconds,
-                  .enough = [&asked] { return read_card(asked.id).has_value(); }});
-    answer_show(with, asked);
-    return exit_ok;
-}
-
-// ---- stats --------------------------------------------------------------------------------------
-
-void print_dump(context& with, const std::string& dump) {
-    if (with.as_json) {
-        print_json(with, {{"stats", dump}});
-    } else {
-        with.out.write(dump);
-    }
-}
-
-// Of an operator's installation the dump is in a log of his; it may hold anything else, too.
-void tell_dump_place(context& with) {
-    const std::string properties = with.where.properties().string();
-    const std::string file = file_of_logger(read_text(properties), "statslogfile");
-    const std::string place =
-        file.empty() ? "where " + properties + " sends the logger statslogfile" : "to " + file;
-    print_dump(with, "The status dump was written " + place + '\n');
-}
-
-void answer_stats(context& with, const request& asked) {
-    const std::size_t before = with.where.temporary ? read_text(with.where.stats).size() : 0;
-    const qnm_api_code_t code = qnm_stdump(asked.verbose ? 1 : 0);
-    if (code != QNM_API_SUCCESS) throw failed_call("qnm_stdump", code);
-    if (!with.where.temporary) return tell_dump_place(with);
-    print_dump(with, read_text(with.where.stats).substr(before));
-}
-
-int run_stats(context& with, const request& asked) {
-    start(with, asked);
-    listen(with, {.seconds = asked.seconds});
-    answer_stats(with, asked);
-    return exit_ok;
-}
-
-// ---- monitor ------------------------------------------------------------------------------------
-
-struct monitor_words {
-    const char* name;
-    const char* call_name;
-    qnm_api_code_t (*call)(std::uint64_t);
-    const char* meaning;
-};
-
-// Indexed by monitor_action.
-constexpr monitor_words monitor_calls[] = {
-    {"stop", "qnm_stop_monitor", qnm_stop_monitor,
-     "its announcements are dropped until monitoring is restarted"},
-    {"restart", "qnm_restart_monitor", qnm_restart_monitor,
-     "its next announcement brings its record up to date"},
-};
-
-void answer_monitor(context& with, const request& asked) {
-    const monitor_words& words = monitor_calls[static_cast<std::size_t>(asked.action)];
-    const qnm_api_code_t code = words.call(asked.id);
-    if (code != QNM_API_SUCCESS) throw failed_call(words.call_name, code);
-    if (with.as_json) {
-        print_json(
-            with,
-            {{"monitor", words.name}, {"id", id_text(asked.id)}, {"result", code_name(code)}});
-    } else {
-        with.out.write(std::string("monitor ") + words.name + ' ' + id_text(asked.id) + ": " +
-                       code_name(code) + ", " + words.meaning + '\n');
-    }
-}
-
-int run_monitor(context& with, const request& asked) {
-    start(with, asked);
-    answer_monitor(with, asked);
-    listen_and_tell(with, asked);
-    return exit_ok;
-}
-
-// ---- Lines only ---------------------------------------------------------------------------------
-
-void answer_help(context& with, const request&) {
-    const std::string help = lines_help(verbs);
-    if (with.as_json) {
-        print_json(with, {{"help", help}});
-    } else {
-        with.out.write(help);
-    }
-}
-
-void answer_quit(context& with, const request&) {
-    with.quit = true;
-}
-
-// ---- The table ----------------------------------------------------------------------------------
-
 constexpr unsigned takes_limits = takes_for | takes_count;
-constexpr unsigned takes_cards = takes_ids | takes_wait | takes_json;  // one or many
-constexpr unsigned takes_card = takes_id | takes_wait | takes_json;    // one alone
+constexpr unsigned takes_cards = takes_ids | takes_wait;  // one or many
+constexpr unsigned takes_card = takes_id | takes_wait;    // one alone
 constexpr unsigned takes_reach = takes_retry | takes_livecheck;
 
 constexpr double seconds_to_hear = 10;
@@ -224,8 +77,8 @@ constexpr operand page_and_file[] = {
 
 constexpr char cards_help[] =
     "Several IDs, or --all, --kind and --group, access many cards at once; the results are told\n"
-    "in the order asked, and the exit status is 1 when one of them failed. Numbers are decimal,\n"
-    "0x1F or 0b11.";
+    "in the order asked, and the exit status is that of the first one that failed. Numbers are\n"
+    "decimal, 0x1F or 0b11.";
 
 constexpr char dump_help[] =
     "Four words a line: address, words, and their bytes as text. --raw writes the bytes to a file\n"
@@ -250,13 +103,28 @@ constexpr char loglevel_help[] =
     "command goes on like watch. In a running watch, the line \"loglevel LEVEL\" does the same.";
 
 constexpr char watch_help[] =
-    "One line for every event: local time, event, kind and ID of the card, what changed. Ends at\n"
-    "Ctrl-C, SIGTERM, or when its reader has gone. While it runs, lines on standard input are\n"
-    "commands: list, show ID, stats [-v], monitor stop|restart ID, help, quit. Their end does not\n"
-    "end it. All other commands except eeprom restore work in lines, too, on cards already heard.";
+    "One line for every event: local time, event, kind and ID of the card, and what changed, from\n"
+    "what to what, with the reason behind it: announced, expired after so long a silence, link\n"
+    "down on a port, stopped or restarted by the operator. With several filters an event has to\n"
+    "pass all of them. Ends at Ctrl-C, SIGTERM, or when its reader has gone. While it runs, lines "
+    "on\n"
+    "standard input are commands, on cards already heard: \"help\" lists them, \"quit\" ends it, "
+    "the\n"
+    "end of standard input does not.";
 
 constexpr char list_help[] =
-    "C under a path (P local port, M path on the card) is connected, D disconnected.";
+    "C under a path (P local port, M path on the card) is connected, D disconnected. A terminal "
+    "that\n"
+    "is too narrow gets the columns that matter most.";
+
+constexpr char show_help[] =
+    "Beside the title of a field stands its name in JSON. A QNSV card has its bridge settings and\n"
+    "its downstream ports behind the fields that cards of both kinds have.";
+
+constexpr char mms_help[] =
+    "Every card that is named gets the page; the cards do not acknowledge it. A multi-root card "
+    "is\n"
+    "a QNIO card of version 1.";
 
 constexpr char stats_help[] =
     "With --ports the dump is printed. With --dir it goes where the operator's\n"
@@ -268,54 +136,143 @@ constexpr char monitor_help[] =
     "the lines \"monitor stop ID\" and \"monitor restart ID\" do the same.";
 
 constexpr verb table[] = {
-    {"watch", "Tells events as they come", watch_help, takes_json | takes_limits, 0, run_watch,
-     nullptr},
-    {"list", "Lists the known cards", list_help, takes_json | takes_for, 3, run_list, answer_list},
-    {"show", "Prints every field of a card, as soon as it is known", "",
-     takes_id | takes_json | takes_for, 10, run_show, answer_show},
-    {"stats", "Prints the manager's status dump", stats_help,
-     takes_verbose | takes_json | takes_for, 3, run_stats, answer_stats},
-    {"monitor", "Stops or restarts the monitoring of a card", monitor_help,
-     takes_action | takes_id | takes_json | takes_limits, 0, run_monitor, answer_monitor},
-    {"reg read", "Reads a register", cards_help, takes_cards | takes_reach, seconds_to_hear,
-     run_access<access_kind::reg_read>, answer_access<access_kind::reg_read>, reg_addr_only},
-    {"reg write", "Writes a register", cards_help, takes_cards | takes_reach | takes_verify,
-     seconds_to_hear, run_access<access_kind::reg_write>, answer_access<access_kind::reg_write>,
-     reg_addr_value},
-    {"reg modify", "Changes some bits of a register", cards_help,
-     takes_cards | takes_reach | takes_verify, seconds_to_hear, run_access<access_kind::reg_modify>,
-     answer_access<access_kind::reg_modify>, reg_addr_value_mask},
-    {"reg dump", "Reads the registers from START up to END", dump_help,
-     takes_card | takes_reach | takes_raw, seconds_to_hear, run_reg_dump, answer_reg_dump,
-     reg_range},
-    {"eeprom read", "Reads a word of the EEPROM", cards_help,
-     takes_cards | takes_reach | takes_force_lock, seconds_to_hear,
-     run_access<access_kind::eeprom_read>, answer_access<access_kind::eeprom_read>,
-     eeprom_addr_only},
-    {"eeprom write", "Writes a word of the EEPROM", cards_help,
-     takes_cards | takes_reach | takes_verify | takes_force_lock, seconds_to_hear,
-     run_access<access_kind::eeprom_write>, answer_access<access_kind::eeprom_write>,
-     eeprom_addr_value},
-    {"eeprom dump", "Reads the EEPROM, or the part from START up to END", dump_help,
-     takes_card | takes_reach | takes_force_lock | takes_raw, seconds_to_hear, run_eeprom_dump,
-     answer_eeprom_dump, eeprom_range},
-    {"eeprom restore", "Writes an image to the EEPROM", restore_help,
-     takes_card | takes_reach | takes_force_lock | takes_yes, seconds_to_hear, run_restore, nullptr,
-     image_file},
-    {"eeprom unlock", "Frees an EEPROM lock that another party holds", unlock_help, takes_cards,
-     seconds_to_hear, run_access<access_kind::eeprom_unlock>,
-     answer_access<access_kind::eeprom_unlock>},
-    {"vlan", "Sets the VLAN ID of a card", cards_help, takes_cards | takes_reach | takes_verify,
-     seconds_to_hear, run_access<access_kind::vlan>, answer_access<access_kind::vlan>, vlan_id},
-    {"reset", "Sends a reset frame", reset_help, takes_cards, seconds_to_hear,
-     run_access<access_kind::reset>, answer_access<access_kind::reset>, reset_status},
-    {"mms", "Writes an MMS page of a multi-root QNIO card", cards_help,
-     takes_cards | takes_livecheck, seconds_to_hear, run_access<access_kind::mms>,
-     answer_access<access_kind::mms>, page_and_file},
-    {"loglevel", "Sets the level of the library's log", loglevel_help,
-     takes_level | takes_json | takes_limits, 0, run_loglevel, answer_loglevel},
-    {"help", "Lists these commands", "", takes_nothing, 0, nullptr, answer_help},
-    {"quit", "Ends", "", takes_nothing, 0, nullptr, answer_quit},
+    {.name = "watch",
+     .help = "Tells events as they come, and why",
+     .more_help = watch_help,
+     .takes = takes_limits | takes_filter,
+     .run = run_watch,
+     .streams = true},
+    {.name = "list",
+     .help = "Lists the known cards",
+     .more_help = list_help,
+     .takes = takes_for,
+     .seconds = 3,
+     .run = run_list,
+     .answer = answer_list},
+    {.name = "show",
+     .help = "Prints every field of a card, as soon as it is known",
+     .more_help = show_help,
+     .takes = takes_id | takes_for,
+     .seconds = seconds_to_hear,
+     .run = run_show,
+     .answer = answer_show},
+    {.name = "stats",
+     .help = "Prints the manager's status dump",
+     .more_help = stats_help,
+     .takes = takes_verbose | takes_for,
+     .seconds = 3,
+     .run = run_stats,
+     .answer = answer_stats},
+    {.name = "monitor",
+     .help = "Stops or restarts the monitoring of a card",
+     .more_help = monitor_help,
+     .takes = takes_action | takes_id | takes_limits,
+     .run = run_monitor,
+     .answer = answer_monitor,
+     .streams = true},
+    {.name = "reg read",
+     .help = "Reads a register",
+     .more_help = cards_help,
+     .takes = takes_cards | takes_reach,
+     .seconds = seconds_to_hear,
+     .run = run_access<access_kind::reg_read>,
+     .answer = answer_access<access_kind::reg_read>,
+     .operands = reg_addr_only},
+    {.name = "reg write",
+     .help = "Writes a register",
+     .more_help = cards_help,
+     .takes = takes_cards | takes_reach | takes_verify,
+     .seconds = seconds_to_hear,
+     .run = run_access<access_kind::reg_write>,
+     .answer = answer_access<access_kind::reg_write>,
+     .operands = reg_addr_value},
+    {.name = "reg modify",
+     .help = "Changes some bits of a register",
+     .more_help = cards_help,
+     .takes = takes_cards | takes_reach | takes_verify,
+     .seconds = seconds_to_hear,
+     .run = run_access<access_kind::reg_modify>,
+     .answer = answer_access<access_kind::reg_modify>,
+     .operands = reg_addr_value_mask},
+    {.name = "reg dump",
+     .help = "Reads the registers from START up to END",
+     .more_help = dump_help,
+     .takes = takes_card | takes_reach | takes_raw,
+     .seconds = seconds_to_hear,
+     .run = run_reg_dump,
+     .answer = answer_reg_dump,
+     .operands = reg_range},
+    {.name = "eeprom read",
+     .help = "Reads a word of the EEPROM",
+     .more_help = cards_help,
+     .takes = takes_cards | takes_reach | takes_force_lock,
+     .seconds = seconds_to_hear,
+     .run = run_access<access_kind::eeprom_read>,
+     .answer = answer_access<access_kind::eeprom_read>,
+     .operands = eeprom_addr_only},
+    {.name = "eeprom write",
+     .help = "Writes a word of the EEPROM",
+     .more_help = cards_help,
+     .takes = takes_cards | takes_reach | takes_verify | takes_force_lock,
+     .seconds = seconds_to_hear,
+     .run = run_access<access_kind::eeprom_write>,
+     .answer = answer_access<access_kind::eeprom_write>,
+     .operands = eeprom_addr_value},
+    {.name = "eeprom dump",
+     .help = "Reads the EEPROM, or the part from START up to END",
+     .more_help = dump_help,
+     .takes = takes_card | takes_reach | takes_force_lock | takes_raw,
+     .seconds = seconds_to_hear,
+     .run = run_eeprom_dump,
+     .answer = answer_eeprom_dump,
+     .operands = eeprom_range},
+    {.name = "eeprom restore",
+     .help = "Writes an image to the EEPROM",
+     .more_help = restore_help,
+     .takes = takes_card | takes_reach | takes_force_lock | takes_yes,
+     .seconds = seconds_to_hear,
+     .run = run_restore,
+     .operands = image_file},
+    {.name = "eeprom unlock",
+     .help = "Frees an EEPROM lock that another party holds",
+     .more_help = unlock_help,
+     .takes = takes_cards,
+     .seconds = seconds_to_hear,
+     .run = run_access<access_kind::eeprom_unlock>,
+     .answer = answer_access<access_kind::eeprom_unlock>},
+    {.name = "vlan",
+     .help = "Sets the VLAN ID of a card",
+     .more_help = cards_help,
+     .takes = takes_cards | takes_reach | takes_verify,
+     .seconds = seconds_to_hear,
+     .run = run_access<access_kind::vlan>,
+     .answer = answer_access<access_kind::vlan>,
+     .operands = vlan_id},
+    {.name = "reset",
+     .help = "Sends a reset frame",
+     .more_help = reset_help,
+     .takes = takes_cards,
+     .seconds = seconds_to_hear,
+     .run = run_access<access_kind::reset>,
+     .answer = answer_access<access_kind::reset>,
+     .operands = reset_status},
+    {.name = "mms",
+     .help = "Writes an MMS page of a multi-root QNIO card",
+     .more_help = mms_help,
+     .takes = takes_cards | takes_livecheck,
+     .seconds = seconds_to_hear,
+     .run = run_access<access_kind::mms>,
+     .answer = answer_access<access_kind::mms>,
+     .operands = page_and_file},
+    {.name = "loglevel",
+     .help = "Sets the level of the library's log",
+     .more_help = loglevel_help,
+     .takes = takes_level | takes_limits,
+     .run = run_loglevel,
+     .answer = answer_loglevel,
+     .streams = true},
+    {.name = "help", .help = "Lists these commands", .answer = answer_help},
+    {.name = "quit", .help = "Ends", .answer = answer_quit},
 };
 
 }  // namespace

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+#include <set>
 #include <span>
 
 #include "changes.h"
@@ -9,23 +10,33 @@
 #include "installation.h"
 #include "output.h"
 #include "session.h"
+#include "writer.h"
 
 namespace qnmctl {
 
 extern const std::span<const verb> verbs;
+
+// Which events are told; what is empty lets all through.
+struct event_filter {
+    selection cards = {};
+    std::vector<std::string> events = {};  // names
+};
 
 // What a verb works with while it runs.
 struct context {
     const installation& where;
     qnm_log_level_t log_level;
     output& out;
-    int signals;    // readable when the command is to end
-    bool coloured;  // texts on standard output
+    writer& told;  // what is written there
+    int signals;   // readable when the command is to end
+    look how;      // texts on standard output
 
-    std::unique_ptr<session> manager;
-    known_cards known;
-    bool as_json = false;
-    bool quit = false;  // asked for by a line
+    std::unique_ptr<session> manager = nullptr;
+    event_filter filter = {};
+    known_cards known = {};
+    std::set<std::uint64_t> stopped = {};  // cards that are not monitored
+    bool quit = false;                     // asked for by a line
+    std::uint64_t told_events = 0;         // since it listens
 };
 
 }  // namespace qnmctl

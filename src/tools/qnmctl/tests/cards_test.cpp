@@ -96,11 +96,11 @@ class Cards : public testing::Test {
         const int status = started.end();
         return {status, started.read_all(), started.errors()};
     }
-    static json run_json(words arguments, int status = 0) {
+    static json records(words arguments, int status = 0) {
         arguments.emplace_back("--json");
         const ended result = run(arguments);
         EXPECT_EQ(status, result.status) << result.errors;
-        return json::parse(result.out);
+        return json::parse(result.out).at("records");
     }
 
     void fill_eeprom() {
@@ -148,27 +148,27 @@ TEST_F(Cards, ReadsManyCardsInTheOrderAsked) {
 }
 
 TEST_F(Cards, AreChosenByProperty) {
-    EXPECT_EQ(2U, run_json({"reg", "read", "--all", "0"}).at("results").size());
-    const json devices = run_json({"reg", "read", "--kind", "qnio", "0"}).at("results");
+    EXPECT_EQ(2U, records({"reg", "read", "--all", "0"}).size());
+    const json devices = records({"reg", "read", "--kind", "qnio", "0"});
     ASSERT_EQ(1U, devices.size());
     EXPECT_EQ(device, devices[0].at("id"));
-    const json group = run_json({"reg", "read", "--group", "10", "0"}).at("results");
+    const json group = records({"reg", "read", "--group", "10", "0"});
     ASSERT_EQ(1U, group.size());
     EXPECT_EQ(server, group[0].at("id"));
 }
 
 TEST_F(Cards, ThatDoNotFitAreNotThere) {
     const ended result = run({"reg", "read", "--group", "11", "0", "--wait", "0.5"});
-    EXPECT_EQ(1, result.status);
+    EXPECT_EQ(code_status(QNM_API_ENOENT), result.status);
     EXPECT_TRUE(holds(result.errors, "no card that fits has been heard")) << result.errors;
 }
 
 TEST_F(Cards, ThatAreNotHeardAreNamed) {
     const ended one = run({"reg", "read", "0x99", "0", "--wait", "0.5"});
-    EXPECT_EQ(1, one.status);
+    EXPECT_EQ(code_status(QNM_API_ENOENT), one.status);
     EXPECT_TRUE(holds(one.errors, "no card 0x000000000099 has been heard")) << one.errors;
     const ended two = run({"reg", "read", "0x99", server, "0", "--wait", "3"});
-    EXPECT_EQ(1, two.status);
+    EXPECT_EQ(code_status(QNM_API_ENOENT), two.status);
     EXPECT_EQ("0x020000001000 register 0x00000000: 0x00000000\n", two.out);
     EXPECT_TRUE(
         holds(two.errors, "0x000000000099: qnm_read_register failed: QNM_API_ENOENT\n  No card"))
@@ -185,16 +185,16 @@ TEST_F(Cards, TakeVerifiedWritesAndChangesOfSomeBits) {
 }
 
 TEST_F(Cards, TellJsonOfAWrite) {
-    EXPECT_EQ(json::parse(R"({"results": [{"id": "0x020000001000", "addr": 256, "value": 7,
-                              "verified": true, "result": "QNM_API_SUCCESS"}]})"),
-              run_json({"reg", "write", server, "0x100", "7", "--verify"}));
+    EXPECT_EQ(json::parse(R"([{"record": "result", "id": "0x020000001000", "addr": 256, "value": 7,
+                              "verified": true, "result": "QNM_API_SUCCESS"}])"),
+              records({"reg", "write", server, "0x100", "7", "--verify"}));
 }
 
 TEST_F(Cards, ThatDoNotAnswerFailWithCodeAndAdvice) {
     cards.update("sv", [](cardsim::card& changed) { changed.faults.silent_registers = {0x100}; });
     const ended result =
         run({"reg", "read", server, device, "0x100", "--retries", "1", "--interval", "20"});
-    EXPECT_EQ(1, result.status);
+    EXPECT_EQ(code_status(QNM_API_ETIMEDOUT), result.status);
     EXPECT_EQ("0x020000002000 register 0x00000100: 0x00000000\n", result.out);
     EXPECT_EQ(
         "qnmctl: 0x020000001000: qnm_read_register failed: QNM_API_ETIMEDOUT\n"
@@ -223,7 +223,7 @@ TEST_F(Cards, DumpRegistersAsFarAsTheyAnswer) {
     cards.update("sv", [](cardsim::card& changed) { changed.faults.silent_registers = {0x108}; });
     const ended result =
         run({"reg", "dump", server, "0x100", "0x120", "--retries", "0", "--interval", "20"});
-    EXPECT_EQ(1, result.status);
+    EXPECT_EQ(code_status(QNM_API_ETIMEDOUT), result.status);
     EXPECT_EQ("0x00000100  00000000 00000000                    |........|\n", result.out);
     EXPECT_TRUE(holds(result.errors, "Read up to 0x00000108, of 0x00000120.")) << result.errors;
 }
@@ -252,7 +252,7 @@ TEST_F(Cards, KeepAWordInTheEeprom) {
 TEST_F(Cards, RefuseTheEepromThatAnotherPartyKeeps) {
     cards.take_lock("sv", other_bit);
     const ended refused = run({"--set", "eeprom_retry_count=2", "eeprom", "read", server, "8"});
-    EXPECT_EQ(1, refused.status);
+    EXPECT_EQ(code_status(QNM_API_EBUSY), refused.status);
     EXPECT_TRUE(holds(refused.errors, "qnm_read_eeprom failed: QNM_API_EBUSY\n  Another party"))
         << refused.errors;
     EXPECT_TRUE(holds(refused.errors, "--force-lock"));
@@ -286,7 +286,7 @@ TEST_F(Cards, DumpTheEepromIntoAFile) {
 
 TEST_F(Cards, DumpAPartAsJson) {
     fill_eeprom();
-    const json dump = run_json({"eeprom", "dump", server, "0x10", "0x18"});
+    const json dump = records({"eeprom", "dump", server, "0x10", "0x18"}).at(0);
     EXPECT_EQ(server, dump.at("id"));
     EXPECT_EQ(0x10, dump.at("addr"));
     EXPECT_EQ((json{cards.eeprom_word("sv", 0x10), cards.eeprom_word("sv", 0x14)}),
@@ -356,7 +356,7 @@ TEST_F(Restore, WritesTheWordsThatDiffer) {
 }
 
 TEST_F(Restore, TellsJson) {
-    const json told = run_json({"eeprom", "restore", server, file("image"), "--yes"});
+    const json told = records({"eeprom", "restore", server, file("image"), "--yes"}).at(0);
     EXPECT_EQ(2U, told.at("differences").size());
     EXPECT_EQ(2, told.at("written"));
     EXPECT_EQ("QNM_API_SUCCESS", told.at("result"));
@@ -418,7 +418,7 @@ TEST_F(Restore, TakesNoFileThatIsNoImage) {
 TEST_F(Restore, EndsAtTheFirstWordThatFails) {
     cards.set("sv", "eeprom_refusing", "true");
     const ended result = run({"eeprom", "restore", server, file("image"), "--yes"});
-    EXPECT_EQ(1, result.status);
+    EXPECT_EQ(code_status(QNM_API_EPROTO), result.status);
     EXPECT_TRUE(holds(result.errors, "QNM_API_EPROTO")) << result.errors;
     EXPECT_TRUE(holds(result.errors, "Nothing was written.")) << result.errors;
     EXPECT_TRUE(eeprom() == changed);
@@ -495,7 +495,7 @@ TEST_F(Cards, AreGivenUpAtASecondSignal) {
     ASSERT_TRUE(comes_true([&] { return cards.count().silent > 0; }));
     run.signal(SIGINT);
     run.signal(SIGTERM);
-    EXPECT_EQ(1, run.end());
+    EXPECT_EQ(code_status(QNM_API_ENOSYS), run.end());
     EXPECT_TRUE(holds(run.errors(), "qnm_read_register failed: QNM_API_ENOSYS")) << run.errors();
 }
 
@@ -520,7 +520,7 @@ TEST_F(Cards, ThatKeepTheirVlanIdAreTold) {
     cards.set("sv", "vlan_frozen", "true");
     const ended result =
         run({"vlan", server, "30", "--verify", "--retries", "1", "--interval", "50"});
-    EXPECT_EQ(1, result.status);
+    EXPECT_EQ(code_status(QNM_API_ETIMEDOUT), result.status);
     EXPECT_TRUE(holds(result.errors, "qnm_set_vlanid failed: QNM_API_ETIMEDOUT\n  The card did"))
         << result.errors;
 }
@@ -543,7 +543,7 @@ TEST_F(Cards, TakeAnMmsPage) {
     EXPECT_EQ(0x03020100U, cards.mms_page("io", 1023)->front());
     EXPECT_EQ(0x7F7E7D7CU, cards.mms_page("io", 1023)->back());
     const ended server_card = run({"mms", server, "0", file("page")});
-    EXPECT_EQ(1, server_card.status);
+    EXPECT_EQ(code_status(QNM_API_ENOENT), server_card.status);
     EXPECT_TRUE(holds(server_card.errors, "QNM_API_ENOENT\n  No multi-root")) << server_card.errors;
 }
 

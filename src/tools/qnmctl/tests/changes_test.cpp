@@ -34,8 +34,9 @@ TEST(Tell, AnUpdateIsComparedInEveryField) {
     record.eio_link0fault = 1;
     const told_change told = tell(known, QNM_EVT_UPDATEDEVINFO, record);
     EXPECT_FALSE(told.first);
-    EXPECT_EQ((lines{"VLAN ID 30 -> 31", "path P0M1 connected", "path P1M1 disconnected",
-                     "interrupt vector 0x00 -> 0x03", "link 0 fault raised"}),
+    EXPECT_EQ((lines{"VLAN ID 30 -> 31", "path P0M1 disconnected -> connected",
+                     "path P1M1 connected -> disconnected", "interrupt vector 0x00 -> 0x03",
+                     "link 0 fault cleared -> raised"}),
               texts(told));
     EXPECT_EQ("state.P0M1", told.changes[1].name);
 }
@@ -47,12 +48,13 @@ TEST(Tell, EveryEventIsComparedInWhatItIsAboutOnly) {
     record.eio_com_dev.ecd_int_vector = 3;
     record.eio_link1fault = 1;
     record.eio_substate[1] = 0x02;
-    EXPECT_EQ((lines{"binding to a QNSV card connected"}),
+    EXPECT_EQ((lines{"binding to a QNSV card disconnected -> connected"}),
               texts(tell(known, QNM_EVT_CONNECTIONCHANGE, record)));
     EXPECT_EQ((lines{"interrupt vector 0x00 -> 0x03"}),
               texts(tell(known, QNM_EVT_MAJORMINORERROR, record)));
-    EXPECT_EQ((lines{"link 1 fault raised"}), texts(tell(known, QNM_EVT_PATHSTATECHANGE, record)));
-    EXPECT_EQ((lines{"path P1M1 disconnected"}),
+    EXPECT_EQ((lines{"link 1 fault cleared -> raised"}),
+              texts(tell(known, QNM_EVT_PATHSTATECHANGE, record)));
+    EXPECT_EQ((lines{"path P1M1 connected -> disconnected"}),
               texts(tell(known, QNM_EVT_CHANNELSTATECHANGE, record)));
 }
 
@@ -62,9 +64,9 @@ TEST(Tell, ADownPortIsNamedWithItsNumber) {
     record.esv_down_port[3].edp_port_status[1] = 0x02;
     record.esv_down_port[3].edp_io_mac[5] = 0x30;
     const told_change connection = tell(known, QNM_EVT_CONNECTIONCHANGE, record);
-    EXPECT_EQ((lines{"down port 3 QNIO card connected"}), texts(connection));
+    EXPECT_EQ((lines{"down port 3 QNIO card disconnected -> connected"}), texts(connection));
     const told_change update = tell(known, QNM_EVT_UPDATEDEVINFO, record);
-    EXPECT_EQ((lines{"down port 3 QNIO card connected",
+    EXPECT_EQ((lines{"down port 3 QNIO card disconnected -> connected",
                      "down port 3 QNIO card MAC address 00:00:00:00:00:00 -> 00:00:00:00:00:30"}),
               texts(update));
     EXPECT_EQ("down_port[3].io_mac", update.changes[1].name);
@@ -93,7 +95,8 @@ TEST(Tell, TheSwitchStatusIsToldForItsOwnBitsOnly) {
     record.eio_com_dev.ecd_swstatus[1] = 0x60;
     record.eio_com_dev.ecd_swstatus[2] = 0x01;
     record.eio_com_dev.ecd_port0_link = 1;
-    EXPECT_EQ((lines{"card port 0 link up"}), texts(tell(known, QNM_EVT_UPDATEDEVINFO, record)));
+    EXPECT_EQ((lines{"card port 0 link down -> up"}),
+              texts(tell(known, QNM_EVT_UPDATEDEVINFO, record)));
     record.eio_com_dev.ecd_swstatus[0] = 0x80;
     EXPECT_EQ((lines{"switch status 00 60 01 -> 80 60 01"}),
               texts(tell(known, QNM_EVT_UPDATEDEVINFO, record)));
@@ -112,6 +115,23 @@ TEST(Tell, ACardThatChangedItsKindIsFirst) {
     server.esv_com_dev.ecd_id = device.eio_com_dev.ecd_id;
     EXPECT_TRUE(tell(known, QNM_EVT_UPDATEDEVINFO, server).first);
     EXPECT_FALSE(tell(known, QNM_EVT_CHANNELSTATECHANGE, server).first);
+}
+
+TEST(ChangesText, SaysWhyOnceForNeighbours) {
+    qnm_qnio_t record = sample_device();
+    known_cards known = knowing(record);
+    known.facts.expire_ms = 2000;
+    record.eio_com_dev.ecd_vlan_id = 31;
+    record.eio_com_dev.ecd_state[0][0] = 1;
+    record.eio_com_dev.ecd_state[1][1] = 0;
+    record.eio_com_dev.ecd_recvtime[1][1] = 1'000;
+    record.eio_com_dev.ecd_updatetime = 3'003;
+    record.eio_link0fault = 1;
+    EXPECT_EQ(
+        "VLAN ID 30 -> 31, path P0M0 disconnected -> connected (announced), "
+        "path P1M1 connected -> disconnected (expired after 2003 ms), "
+        "link 0 fault cleared -> raised (announced)",
+        changes_text(tell(known, QNM_EVT_UPDATEDEVINFO, record).changes));
 }
 
 TEST(PresentText, SaysHowThingsAre) {

@@ -23,12 +23,18 @@ constexpr operand range[] = {{.name = "START", .help = "", .optional = true},
 constexpr operand file[] = {{.name = "FILE", .help = "", .form = operand_form::file}};
 
 constexpr verb table[] = {
-    {"watch", "Watches", "", takes_json | takes_for | takes_count, 0, run, nullptr},
-    {"show", "Shows", "", takes_id | takes_json | takes_for, 10, run, answer},
+    {.name = "watch",
+     .help = "Watches",
+     .takes = takes_filter | takes_for | takes_count,
+     .run = run,
+     .streams = true},
+    {.name = "graph", .help = "Draws", .takes = takes_dot, .run = run},
+    {.name = "rest", .help = "Takes all", .takes = takes_rest, .run = run, .hidden = true},
+    {"show", "Shows", "", takes_id | takes_for, 10, run, answer},
     {"stats", "Dumps", "", takes_verbose | takes_for, 3, run, answer},
     {"monitor", "Controls", "", takes_action | takes_id, 0, run, answer},
-    {"reg read", "Reads", "", takes_ids | takes_json | takes_wait | takes_retry | takes_livecheck,
-     0, run, answer, addr_only},
+    {"reg read", "Reads", "", takes_ids | takes_wait | takes_retry | takes_livecheck, 0, run,
+     answer, addr_only},
     {"reg write", "Writes", "", takes_ids | takes_verify | takes_force_lock, 0, run, answer,
      addr_value},
     {"eeprom dump", "Dumps", "", takes_id | takes_raw, 0, run, answer, range},
@@ -57,6 +63,14 @@ int status(const std::vector<const char*>& words) {
     return std::get<int>(parse(words));
 }
 
+std::string help_of(std::vector<const char*> words) {
+    words.insert(words.begin(), "qnmctl");
+    words.push_back("--help");
+    testing::internal::CaptureStdout();
+    parse_command_line(table, static_cast<int>(words.size()), words.data());
+    return testing::internal::GetCapturedStdout();
+}
+
 TEST(CommandLine, GlobalOptionsStandBeforeOrBehindTheVerb) {
     for (const command_line& line :
          {parsed({"--ports", "qnm0,qnm1", "--set", "a=1", "--set", "b=2", "watch"}),
@@ -81,13 +95,61 @@ TEST(CommandLine, TimeHasTheVerbsDefault) {
 }
 
 TEST(CommandLine, VerbsTakeTheirOwnOptions) {
-    const request watch = parsed({"watch", "--json", "--count", "7"}).asked;
-    EXPECT_TRUE(watch.as_json);
-    EXPECT_EQ(7U, watch.count);
+    EXPECT_EQ(7U, parsed({"watch", "--count", "7"}).asked.count);
     EXPECT_TRUE(parsed({"stats", "-v"}).asked.verbose);
     const request monitor = parsed({"monitor", "restart", "02:00:00:00:10:00"}).asked;
     EXPECT_EQ(monitor_action::restart, monitor.action);
     EXPECT_EQ(0x020000001000U, monitor.id);
+}
+
+TEST(CommandLine, EveryVerbHasItsOutputInAForm) {
+    EXPECT_EQ(output_form::text, parsed({"show", "0x1"}).asked.form);
+    EXPECT_EQ(output_form::text, parsed({"show", "0x1", "-o", "text"}).asked.form);
+    EXPECT_EQ(output_form::json_document, parsed({"show", "0x1", "-o", "json"}).asked.form);
+    EXPECT_EQ(output_form::json_lines, parsed({"loglevel", "warn", "-o", "jsonl"}).asked.form);
+    EXPECT_EQ(output_form::json_lines, parsed({"stats", "--output=jsonl"}).asked.form);
+    EXPECT_EQ(output_form::dot, parsed({"graph", "-o", "dot"}).asked.form);
+    EXPECT_EQ(output_form::json_document, parsed({"graph", "-o", "json"}).asked.form);
+    EXPECT_EQ(exit_usage, status({"show", "0x1", "-o", "dot"}));
+    EXPECT_EQ(exit_usage, status({"show", "0x1", "-o", "xml"}));
+}
+
+// What reads a stream reads lines.
+TEST(CommandLine, JsonIsShortForTheFormThatFits) {
+    EXPECT_EQ(output_form::json_document, parsed({"show", "0x1", "--json"}).asked.form);
+    EXPECT_EQ(output_form::json_document, parsed({"graph", "--json"}).asked.form);
+    EXPECT_EQ(output_form::json_lines, parsed({"watch", "--json"}).asked.form);
+}
+
+TEST(CommandLine, EventsAreFiltered) {
+    const request watch = parsed({"watch", "--card", "0x1", "--card", "0x2", "--kind", "qnio",
+                                  "--group", "20", "--event", "NEWDEVINFO", "--event", "MONITOR"})
+                              .asked;
+    EXPECT_EQ((std::vector<std::uint64_t>{1, 2}), watch.cards.ids);
+    EXPECT_EQ(card_kind::device, watch.cards.kind);
+    EXPECT_EQ(20, watch.cards.group);
+    EXPECT_EQ((std::vector<std::string>{"NEWDEVINFO", "MONITOR"}), watch.events);
+    EXPECT_EQ(exit_usage, status({"watch", "--event", "EVERYTHING"}));
+    EXPECT_EQ(exit_usage, status({"watch", "--card", "12"}));
+}
+
+TEST(CommandLine, TheRestIsTakenAsItIs) {
+    EXPECT_EQ((std::vector<std::string>{"--ports", "a", "show", ""}),
+              parsed({"rest", "--", "--ports", "a", "show", ""}).asked.rest);
+}
+
+TEST(CommandLine, HiddenVerbsAreNotInTheHelp) {
+    const std::string help = help_of({});
+    EXPECT_NE(std::string::npos, help.find("\n  watch "));
+    EXPECT_EQ(std::string::npos, help.find("rest"));
+}
+
+TEST(CommandLine, HelpHasEveryExitStatus) {
+    const std::string help = help_of({});
+    for (const status_row& row : exit_statuses()) {
+        EXPECT_NE(std::string::npos, help.find(std::to_string(row.status) + "  " + row.meaning))
+            << help;
+    }
 }
 
 TEST(CommandLine, OperandsStandBehindTheIds) {
@@ -154,14 +216,6 @@ TEST(CommandLine, LevelsOfTheRunningLogIncludeNone) {
     EXPECT_EQ(QNM_LOGLVL_NONE, parsed({"loglevel", "none"}).asked.level);
     EXPECT_STREQ("trace", level_word(QNM_LOGLVL_TRACE));
     EXPECT_STREQ("none", level_word(QNM_LOGLVL_NONE));
-}
-
-std::string help_of(std::vector<const char*> words) {
-    words.insert(words.begin(), "qnmctl");
-    words.push_back("--help");
-    testing::internal::CaptureStdout();
-    parse_command_line(table, static_cast<int>(words.size()), words.data());
-    return testing::internal::GetCapturedStdout();
 }
 
 TEST(CommandLine, HelpShowsOperandsInTheirOrder) {

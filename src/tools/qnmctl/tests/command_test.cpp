@@ -10,6 +10,7 @@
 #include "installation.h"
 #include "program.h"
 #include "text.h"
+#include "verbs.h"
 
 namespace qnmctl {
 namespace {
@@ -31,9 +32,10 @@ TEST(Command, WithAnUnknownVerbIsWrongUsage) {
 TEST(Command, HelpNamesEveryVerb) {
     program run(command({"--help"}));
     const std::string help = run.read_all();
-    for (const char* const name : {"watch", "list", "show", "stats", "monitor", "reg", "eeprom",
-                                   "vlan", "reset", "mms", "loglevel"}) {
-        EXPECT_TRUE(holds(help, std::string("\n  ") + name + " ")) << name;
+    for (const verb& one : verbs) {
+        if (one.run == nullptr || one.hidden) continue;
+        const std::string start = "\n  " + split(one.name, " ").front() + ' ';
+        EXPECT_TRUE(holds(help, start)) << one.name;
     }
     EXPECT_EQ(0, run.end());
 }
@@ -84,15 +86,38 @@ TEST_F(Manager, ListsNoCardsWhereThereAreNone) {
     EXPECT_FALSE(run.left_something());
 }
 
-TEST_F(Manager, ListsAsAJsonArray) {
+TEST_F(Manager, ListsAsADocument) {
     program run(in_namespace({"--ports", "lo", "list", "--for", "0.1", "--json"}));
-    EXPECT_EQ(nlohmann::json::array(), nlohmann::json::parse(run.read_all()));
+    const auto wanted =
+        nlohmann::json::parse(R"({"schema": 1, "command": "list", "records": [], "status": 0})");
+    EXPECT_EQ(wanted, nlohmann::json::parse(run.read_all()));
     EXPECT_EQ(0, run.end());
+}
+
+TEST_F(Manager, TellsAFailureInTheDocument) {
+    program run(in_namespace({"--ports", "lo", "show", "0x1", "--for", "0.1", "-o", "json"}));
+    const auto told = nlohmann::json::parse(run.read_all());
+    EXPECT_EQ(13, run.end());
+    EXPECT_EQ(13, told.at("status"));
+    ASSERT_EQ(1U, told.at("records").size());
+    EXPECT_EQ("error", told.at("records")[0].at("record"));
+    EXPECT_EQ("QNM_API_ENOENT", told.at("records")[0].at("result"));
+}
+
+TEST_F(Manager, ClosesTheDocumentAtASignal) {
+    program run(in_namespace({"--ports", "lo", "watch", "-o", "json"}));
+    run.say("help");
+    run.read_until("Ends");
+    run.signal(SIGTERM);
+    const auto told = nlohmann::json::parse(run.read_all());
+    EXPECT_EQ(0, run.end());
+    EXPECT_EQ(1U, told.at("records").size());
+    EXPECT_EQ(0, told.at("status"));
 }
 
 TEST_F(Manager, ShowsNoCardThatIsNotHeard) {
     program run(in_namespace({"--ports", "lo", "show", "0x1", "--for", "0.1"}));
-    EXPECT_EQ(1, run.end());
+    EXPECT_EQ(code_status(QNM_API_ENOENT), run.end());
     EXPECT_TRUE(holds(run.errors(), "no card 0x000000000001 has been heard"));
 }
 
@@ -133,11 +158,19 @@ TEST_F(Manager, AnswersInJsonLinesWhenAsked) {
     for (const std::string& line : split(run.read_all(), "\n")) {
         objects.push_back(nlohmann::json::parse(line));
     }
-    ASSERT_EQ(4U, objects.size());
-    EXPECT_TRUE(objects[0]["cards"].empty());
-    EXPECT_TRUE(objects[1]["stats"].is_string());
-    EXPECT_EQ("0x000000001000", objects[2]["id"]);
-    EXPECT_EQ("QNM_API_SUCCESS", objects[2]["result"]);
+    ASSERT_EQ(3U, objects.size());  // of no card there is no record
+    EXPECT_EQ("stats", objects[0]["record"]);
+    EXPECT_TRUE(objects[0]["text"].is_string());
+    EXPECT_EQ("0x000000001000", objects[1]["id"]);
+    EXPECT_EQ("QNM_API_SUCCESS", objects[1]["result"]);
+    EXPECT_EQ("help", objects[2]["record"]);
+}
+
+TEST_F(Manager, CountsWhatTheOperatorDoes) {
+    program run(in_namespace({"--ports", "lo", "watch", "--event", "MONITOR", "--count", "1"}));
+    run.say("monitor stop 0x1000");
+    EXPECT_TRUE(holds(run.read_all(), "monitoring on -> off (stopped)"));
+    EXPECT_EQ(0, run.end());
 }
 
 TEST_F(Manager, WatchesOnAfterTheEndOfStandardInput) {
@@ -181,7 +214,7 @@ TEST_F(Manager, EndsAtASignalWhileItsReaderTakesNothing) {
 
 TEST_F(Manager, NamesAKeyThatIsUnknown) {
     program run(in_namespace({"--ports", "lo", "--set", "frob=1", "list"}));
-    EXPECT_EQ(1, run.end());
+    EXPECT_EQ(code_status(QNM_API_EPROTO), run.end());
     EXPECT_TRUE(holds(run.errors(), "--set: Unknown config parameter: frob\n")) << run.errors();
     EXPECT_FALSE(run.left_something());
 }
@@ -190,7 +223,7 @@ TEST_F(Manager, NamesFileAndLineOfAnOperatorsUnknownKey) {
     installation where;
     install({.ports = {"lo"}, .keys = {"frob=1"}}, where);
     program run(in_namespace({"--dir", where.dir, "list"}));
-    EXPECT_EQ(1, run.end());
+    EXPECT_EQ(code_status(QNM_API_EPROTO), run.end());
     EXPECT_TRUE(
         holds(run.errors(), where.config().string() + ":2: Unknown config parameter: frob\n"))
         << run.errors();
@@ -208,7 +241,7 @@ TEST_F(Manager, SaysWhereAnOperatorsDumpWent) {
 
 TEST_F(Manager, NamesAnInterfaceThatIsMissing) {
     program run(in_namespace({"--ports", "qnmctl-none", "list"}));
-    EXPECT_EQ(1, run.end());
+    EXPECT_EQ(code_status(QNM_API_EPROTO), run.end());
     EXPECT_TRUE(holds(run.errors(), "no such interface: \"qnmctl-none\"")) << run.errors();
 }
 
@@ -223,7 +256,7 @@ TEST_F(Manager, NamesAnInterfaceThatIsDown) {
     const words own = command({"--ports", "lo", "list"});
     all.insert(all.end(), own.begin(), own.end());
     program run(all);
-    EXPECT_EQ(1, run.end());
+    EXPECT_EQ(code_status(QNM_API_EPROTO), run.end());
     EXPECT_TRUE(holds(run.errors(), "interface \"lo\" is down")) << run.errors();
     EXPECT_TRUE(holds(run.errors(), "sudo ip link set lo up"));
 }

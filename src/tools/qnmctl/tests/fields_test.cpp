@@ -110,11 +110,17 @@ TEST(Fields, OfADownPortAreThatPortsOwn) {
 }
 
 TEST(ValueJson, KeepsNumbersAndTimesAsNumbers) {
-    const section own = sections(sample_server()).front();
+    qnm_qnsv_t record = sample_server();
+    record.esv_com_dev.ecd_int_vector = 12;
+    record.esv_com_dev.ecd_swstatus[0] = 0x80;
+    record.esv_com_dev.ecd_swstatus[2] = 1;
+    const section own = sections(record).front();
     EXPECT_EQ(json(10), value_json(find(own, "vlan_id")));
     EXPECT_EQ(json(1'700'000'000'123), value_json(find(own, "recvtime", "P0M0")));
     EXPECT_EQ(json("0x020000001000"), value_json(find(own, "id")));
     EXPECT_EQ(json("02:00:00:00:10:00"), value_json(find(own, "macaddr")));
+    EXPECT_EQ(json(12), value_json(find(own, "int_vector")));
+    EXPECT_EQ(json({0x80, 0, 1}), value_json(find(own, "swstatus")));
 }
 
 }  // namespace

@@ -17,40 +17,64 @@ std::string without_time(const std::string& line) {
     return line.substr(time_text(from_milliseconds(0)).size() + 1);
 }
 
+std::string line_of(const observed& event, known_cards& known, bool coloured) {
+    const told_change told = event.record ? tell(known, event.type, *event.record) : told_change{};
+    return event_line(event, told, coloured);
+}
+
+json object_of(const observed& event, known_cards& known) {
+    const told_change told = event.record ? tell(known, event.type, *event.record) : told_change{};
+    return event_json(event, told);
+}
+
 TEST(EventLine, TellsANewCard) {
     known_cards known;
     EXPECT_EQ(time_text(from_milliseconds(1'700'000'000'007)) +
                   " NEWDEVINFO         QNIO 0x020000003000  40G, VLAN ID 30, version 1, "
-                  "resource ID 7, connected P1M1",
-              event_line(seen(QNM_EVT_NEWDEVINFO, sample_device()), known, false));
+                  "resource ID 7, connected P1M1 (announced)",
+              line_of(seen(QNM_EVT_NEWDEVINFO, sample_device()), known, false));
 }
 
 TEST(EventLine, TellsWhatChanged) {
     known_cards known;
     qnm_qnsv_t record = sample_server();
-    event_line(seen(QNM_EVT_NEWDEVINFO, record), known, false);
+    line_of(seen(QNM_EVT_NEWDEVINFO, record), known, false);
     record.esv_com_dev.ecd_state[0][0] = 0;
-    EXPECT_EQ("CHANNELSTATECHANGE QNSV 0x020000001000  path P0M0 disconnected",
-              without_time(event_line(seen(QNM_EVT_CHANNELSTATECHANGE, record), known, false)));
+    record.esv_com_dev.ecd_updatetime = record.esv_com_dev.ecd_recvtime[0][0] + 4999;
+    EXPECT_EQ(
+        "CHANNELSTATECHANGE QNSV 0x020000001000  path P0M0 connected -> disconnected (link "
+        "down on port 0)",
+        without_time(line_of(seen(QNM_EVT_CHANNELSTATECHANGE, record), known, false)));
+}
+
+TEST(EventLine, SaysWhyWhereNothingChanged) {
+    known_cards known;
+    qnm_qnsv_t record = sample_server();
+    line_of(seen(QNM_EVT_NEWDEVINFO, record), known, false);
+    EXPECT_EQ("CHANNELSTATECHANGE QNSV 0x020000001000  now: path P0M0 connected",
+              without_time(line_of(seen(QNM_EVT_CHANNELSTATECHANGE, record), known, false)));
+    known.facts.restarted[record.esv_com_dev.ecd_id] = {.when = 1};
+    EXPECT_EQ("CHANNELSTATECHANGE QNSV 0x020000001000  now: path P0M0 connected (restarted)",
+              without_time(line_of(seen(QNM_EVT_CHANNELSTATECHANGE, record), known, false)));
 }
 
 TEST(EventLine, SaysWhenTheCardIsGone) {
     known_cards known;
     const observed gone{from_milliseconds(0), QNM_EVT_UPDATEDEVINFO, 0x1000, std::nullopt};
     EXPECT_EQ("UPDATEDEVINFO      ???? 0x000000001000  the card is no longer known",
-              without_time(event_line(gone, known, false)));
+              without_time(line_of(gone, known, false)));
 }
 
 TEST(EventLine, HasColourOnlyWhenAsked) {
     known_cards known;
     const observed event = seen(QNM_EVT_NEWDEVINFO, sample_server());
-    EXPECT_EQ(std::string::npos, event_line(event, known, false).find('\033'));
-    EXPECT_NE(std::string::npos, event_line(event, known, true).find("\033[32mNEWDEVINFO"));
+    EXPECT_EQ(std::string::npos, line_of(event, known, false).find('\033'));
+    EXPECT_NE(std::string::npos, line_of(event, known, true).find("\033[32mNEWDEVINFO"));
 }
 
 TEST(EventJson, HoldsTheWholeCardWhenItIsNew) {
     known_cards known;
-    const json object = event_json(seen(QNM_EVT_NEWDEVINFO, sample_device()), known);
+    const json object = object_of(seen(QNM_EVT_NEWDEVINFO, sample_device()), known);
     EXPECT_EQ("NEWDEVINFO", object["event"]);
     EXPECT_EQ("QNIO", object["kind"]);
     EXPECT_EQ("0x020000003000", object["id"]);
@@ -60,10 +84,11 @@ TEST(EventJson, HoldsTheWholeCardWhenItIsNew) {
 TEST(EventJson, HoldsOldAndNewValues) {
     known_cards known;
     qnm_qnsv_t record = sample_server();
-    event_json(seen(QNM_EVT_NEWDEVINFO, record), known);
+    object_of(seen(QNM_EVT_NEWDEVINFO, record), known);
     record.esv_com_dev.ecd_vlan_id = 11;
-    const json object = event_json(seen(QNM_EVT_UPDATEDEVINFO, record), known);
-    const json wanted = {{{"field", "vlan_id"}, {"old", 10}, {"new", 11}}};
+    const json object = object_of(seen(QNM_EVT_UPDATEDEVINFO, record), known);
+    const json wanted = {
+        {{"field", "vlan_id"}, {"old", 10}, {"new", 11}, {"why", {{"reason", "announced"}}}}};
     EXPECT_EQ(wanted, object["changes"]);
     EXPECT_FALSE(object.contains("card"));
 }
@@ -71,34 +96,57 @@ TEST(EventJson, HoldsOldAndNewValues) {
 TEST(EventJson, SaysWhenTheCardIsGone) {
     known_cards known;
     const json object =
-        event_json({from_milliseconds(0), QNM_EVT_UPDATEDEVINFO, 1, std::nullopt}, known);
+        object_of({from_milliseconds(0), QNM_EVT_UPDATEDEVINFO, 1, std::nullopt}, known);
     EXPECT_TRUE(object["kind"].is_null());
     EXPECT_FALSE(object.contains("changes"));
 }
 
-TEST(TableText, HasARowForEveryCard) {
+TEST(MonitorLine, TellsFromWhatToWhatAndWhy) {
+    const monitor_change stop = {from_milliseconds(0), 0x020000001000, sample_server(), true,
+                                 false};
+    EXPECT_EQ("MONITOR            QNSV 0x020000001000  monitoring on -> off (stopped)",
+              without_time(monitor_line(stop, false)));
+    const monitor_change restart = {from_milliseconds(0), 0x1, std::nullopt, false, true};
+    EXPECT_EQ("MONITOR            ???? 0x000000000001  monitoring off -> on (restarted)",
+              without_time(monitor_line(restart, false)));
+}
+
+TEST(CardsText, LeavesOutWhatDoesNotFit) {
+    EXPECT_EQ(
+        "KIND ID             TYPE  VLAN P0M0 P0M1 P1M0 P1M1\n"
+        "QNIO 0x020000003000 40G     30    D    D    D    C\n"
+        "0 QNSV, 1 QNIO\n",
+        cards_text({sample_device()}, {.width = 50}));
+    EXPECT_EQ(
+        "KIND ID             P0M0 P0M1 P1M0 P1M1\n"
+        "QNIO 0x020000003000    D    D    D    C\n"
+        "0 QNSV, 1 QNIO\n",
+        cards_text({sample_device()}, {.width = 40}));
+}
+
+TEST(CardText, LeavesOutTheNamesOnANarrowTerminal) {
+    const std::string text = card_text(sample_server(), {.width = 77});
+    EXPECT_NE(std::string::npos, text.find("\n  VLAN ID                          10\n")) << text;
+}
+
+TEST(CardsText, HasARowForEveryCard) {
     EXPECT_EQ(
         "KIND ID             TYPE  VLAN VER P0M0 P0M1 P1M0 P1M1 MODE   R-ID\n"
         "QNSV 0x020000001000 1/10G   10   0    C    D    D    D NORMAL    -\n"
         "QNIO 0x020000003000 40G     30   1    D    D    D    C NORMAL    7\n"
         "1 QNSV, 1 QNIO\n",
-        table_text({sample_server(), sample_device()}, false));
+        cards_text({sample_server(), sample_device()}, {}));
 }
 
-TEST(TableText, OfNoCardsHasTheNumbersStill) {
+TEST(CardsText, OfNoCardsHasTheNumbersStill) {
     EXPECT_EQ(
         "KIND ID             TYPE  VLAN VER P0M0 P0M1 P1M0 P1M1 MODE   R-ID\n"
         "0 QNSV, 0 QNIO\n",
-        table_text({}, false));
-}
-
-TEST(TableJson, IsAnArrayOfCards) {
-    EXPECT_EQ(json::array(), table_json({}));
-    EXPECT_EQ(json::array({card_json(sample_server())}), table_json({sample_server()}));
+        cards_text({}, {}));
 }
 
 TEST(CardText, HasALineForEveryField) {
-    const std::string text = card_text(sample_server(), false);
+    const std::string text = card_text(sample_server(), {});
     EXPECT_EQ(0U, text.find("QNSV card 0x020000001000\n"));
     EXPECT_NE(std::string::npos,
               text.find("\n  VLAN ID                          vlan_id            10\n"));

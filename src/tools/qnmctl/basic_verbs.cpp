@@ -1,0 +1,148 @@
+// What the verbs do that watch and ask.
+//
+// From the command line a verb starts the manager, listens, and answers; from a line it only
+// answers, by the same function.
+#include "basic_verbs.h"
+
+#include <string>
+
+#include "config_file.h"
+#include "listen.h"
+#include "report.h"
+#include "text.h"
+
+namespace qnmctl {
+
+// ---- watch --------------------------------------------------------------------------------------
+
+int run_watch(context& with, const request& asked) {
+    start(with);
+    listen_and_tell(with, asked);
+    return exit_ok;
+}
+
+// ---- list ---------------------------------------------------------------------------------------
+
+void answer_list(context& with, const request&) {
+    const std::vector<card> cards = read_cards();
+    if (with.told.is_text()) return with.told.text(cards_text(cards, with.how));
+    for (const card& known : cards)
+        with.told.record("card", card_json(known));
+}
+
+int run_list(context& with, const request& asked) {
+    start(with);
+    listen(with, {.seconds = asked.seconds});
+    answer_list(with, asked);
+    return exit_ok;
+}
+
+// ---- show ---------------------------------------------------------------------------------------
+
+void answer_show(context& with, const request& asked) {
+    const std::optional<card> known = read_card(asked.id);
+    if (!known) {
+        throw error(
+            "no card " + id_text(asked.id) + " has been heard\n\"list\" shows the cards that are.",
+            QNM_API_ENOENT);
+    }
+    with.told.text(card_text(*known, with.how));
+    with.told.record("card", card_json(*known));
+}
+
+int run_show(context& with, const request& asked) {
+    start(with);
+    listen(with, {.seconds = asked.seconds,
+                  .enough = [&asked] { return read_card(asked.id).has_value(); }});
+    answer_show(with, asked);
+    return exit_ok;
+}
+
+// ---- stats --------------------------------------------------------------------------------------
+
+namespace {
+
+void tell_stats(context& with, const std::string& dump) {
+    with.told.text(dump);
+    with.told.record("stats", {{"text", dump}});
+}
+
+// Of an operator's installation the dump is in a log of his; it may hold anything else, too.
+void tell_dump_place(context& with) {
+    const std::string properties = with.where.properties().string();
+    const std::string file = file_of_logger(read_text(properties), "statslogfile");
+    const std::string place =
+        file.empty() ? "where " + properties + " sends the logger statslogfile" : "to " + file;
+    tell_stats(with, "The status dump was written " + place + '\n');
+}
+
+}  // namespace
+
+void answer_stats(context& with, const request& asked) {
+    const std::size_t before = with.where.temporary ? read_text(with.where.stats).size() : 0;
+    const qnm_api_code_t code = qnm_stdump(asked.verbose ? 1 : 0);
+    if (code != QNM_API_SUCCESS) throw failed_call("qnm_stdump", code);
+    if (!with.where.temporary) return tell_dump_place(with);
+    tell_stats(with, read_text(with.where.stats).substr(before));
+}
+
+int run_stats(context& with, const request& asked) {
+    start(with);
+    listen(with, {.seconds = asked.seconds});
+    answer_stats(with, asked);
+    return exit_ok;
+}
+
+// ---- monitor ------------------------------------------------------------------------------------
+
+namespace {
+
+struct monitor_words {
+    const char* name;
+    const char* call_name;
+    qnm_api_code_t (*call)(std::uint64_t);
+    const char* meaning;
+};
+
+// Indexed by monitor_action.
+constexpr monitor_words monitor_calls[] = {
+    {"stop", "qnm_stop_monitor", qnm_stop_monitor,
+     "its announcements are dropped until monitoring is restarted"},
+    {"restart", "qnm_restart_monitor", qnm_restart_monitor,
+     "its next announcement brings its record up to date"},
+};
+
+}  // namespace
+
+void answer_monitor(context& with, const request& asked) {
+    const monitor_words& words = monitor_calls[static_cast<std::size_t>(asked.action)];
+    const qnm_api_code_t code = words.call(asked.id);
+    if (code != QNM_API_SUCCESS) throw failed_call(words.call_name, code);
+    with.told.text(std::string("monitor ") + words.name + ' ' + id_text(asked.id) + ": " +
+                   code_name(code) + ", " + words.meaning + '\n');
+    with.told.record(
+        "monitor",
+        {{"action", words.name}, {"id", id_text(asked.id)}, {"result", code_name(code)}});
+    tell_monitor(with, asked.id, asked.action == monitor_action::restart);
+}
+
+int run_monitor(context& with, const request& asked) {
+    start(with);
+    answer_monitor(with, asked);
+    listen_and_tell(with, asked);
+    return exit_ok;
+}
+
+// ---- Lines only ---------------------------------------------------------------------------------
+
+void answer_help(context& with, const request&) {
+    const std::string help = lines_help(verbs);
+    with.told.text(help);
+    with.told.record("help", {{"text", help}});
+}
+
+void answer_quit(context& with, const request&) {
+    with.quit = true;
+}
+
+}  // namespace qnmctl

@@ -1,0 +1,21 @@
+// What --help and the manual page tell in common, beside the tables of verbs and options.
+#pragma once
+
+#include <span>
+#include <string>
+
+namespace qnmctl {
+
+inline constexpr char summary[] = "Watches and queries Quillnet adapter cards";
+
+struct example {
+    const char* command;
+    const char* meaning;
+};
+
+std::span<const example> examples();
+
+// Examples and exit statuses, behind the help.
+std::string help_footer();
+
+}  // namespace qnmctl
