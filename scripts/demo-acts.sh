@@ -184,6 +184,16 @@ show_table() {
     'two server cards, four I/O cards' '^2 QNSV, 4 QNIO$'
 }
 
+show_topology() {
+  act 'Which card stands behind which' \
+    'Both sides report it. sv-10g lost the I/O card behind its down port 0, but io-10g still says' \
+    'that it is bound to sv-10g. Expected: that is marked; what both sides report is not.'
+  ask topology \
+    'io-40g behind sv-40g' "port 15 QNIO $io_40g  40G, VLAN ID 20\$" \
+    'io-10g, which sv-10g does not report' "no port QNIO $io_10g .*! the QNSV card reports it" \
+    'a card without a server card' "QNIO $io_tagchange  1/10G, VLAN ID 40\$"
+}
+
 access_registers() {
   act 'Registers' \
     'The operator reads a register of sv-10g; writes one and has it read back until it holds; and' \
@@ -241,6 +251,7 @@ lose_path
 lose_port
 stop_monitoring
 show_table
+show_topology
 access_registers
 access_eeprom
 set_vlan

@@ -10,6 +10,7 @@
 #include "listen.h"
 #include "report.h"
 #include "text.h"
+#include "topology.h"
 
 namespace qnmctl {
 
@@ -55,6 +56,25 @@ int run_show(context& with, const request& asked) {
     listen(with, {.seconds = asked.seconds,
                   .enough = [&asked] { return read_card(asked.id).has_value(); }});
     answer_show(with, asked);
+    return exit_ok;
+}
+
+// ---- topology -----------------------------------------------------------------------------------
+
+void answer_topology(context& with, const request&) {
+    const topology found = make_topology(read_cards());
+    if (with.told.form() == output_form::dot) return with.told.text(topology_dot(found));
+    with.told.text(topology_text(found, with.how));
+    for (const topology_server& one : found.servers)
+        with.told.record("qnsv", server_json(one));
+    for (const card& one : found.unbound)
+        with.told.record("unbound", unbound_json(one));
+}
+
+int run_topology(context& with, const request& asked) {
+    start(with);
+    listen(with, {.seconds = asked.seconds});
+    answer_topology(with, asked);
     return exit_ok;
 }
 

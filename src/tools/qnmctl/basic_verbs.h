@@ -14,6 +14,9 @@ void answer_list(context& with, const request& asked);
 int run_show(context& with, const request& asked);
 void answer_show(context& with, const request& asked);
 
+int run_topology(context& with, const request& asked);
+void answer_topology(context& with, const request& asked);
+
 int run_stats(context& with, const request& asked);
 void answer_stats(context& with, const request& asked);
 

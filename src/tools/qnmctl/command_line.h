@@ -90,6 +90,7 @@ enum takes : unsigned {
     takes_raw = 1U << 12,
     takes_yes = 1U << 13,
     takes_level = 1U << 14,
+    takes_dot = 1U << 16,  // a graph is a form of output, too
 
     // Not for rows of the table of verbs.
     takes_output = 1U << 30,  // every verb does

@@ -26,6 +26,7 @@ constexpr const char* level_words[] = {"fatal", "error", "warn", "info", "debug"
 constexpr const char* running_level_words[] = {"fatal", "error", "warn", "info",
                                                "debug", "trace", "none"};
 constexpr const char* form_words[] = {"text", "json", "jsonl"};
+constexpr const char* graph_form_words[] = {"text", "json", "jsonl", "dot"};
 constexpr const char* event_words[] = {"NEWDEVINFO",      "UPDATEDEVINFO",   "CONNECTIONCHANGE",
                                        "MAJORMINORERROR", "PATHSTATECHANGE", "CHANNELSTATECHANGE",
                                        monitor_event};
@@ -150,7 +151,7 @@ problem set_count(const std::string& word, command_line& into) {
 }
 
 problem set_form(const std::string& word, command_line& into) {
-    into.asked.form = value_of<output_form>(form_words, word);
+    into.asked.form = value_of<output_form>(graph_form_words, word);
     return std::nullopt;
 }
 
@@ -285,7 +286,17 @@ constexpr option rows[] = {
      .offered = offers::words,
      .words = form_words,
      .set = set_form},
-    {.taken = takes_output, .names = "--json", .help = "Short for -o json", .set = set_json},
+    {.taken = takes_dot,
+     .names = "-o,--output",
+     .value = "FORM",
+     .help = "text (default), json: one document, jsonl: one object a line, or dot: for Graphviz",
+     .offered = offers::words,
+     .words = graph_form_words,
+     .set = set_form},
+    {.taken = takes_output | takes_dot,
+     .names = "--json",
+     .help = "Short for -o json",
+     .set = set_json},
     {.taken = takes_global,
      .names = "--dir",
      .value = "DIR",
@@ -341,11 +352,12 @@ std::vector<const option*> global_options() {
 }
 
 std::vector<const option*> options_of(const verb& defined) {
-    return options_with(defined.takes | takes_output);
+    const unsigned output = (defined.takes & takes_dot) != 0 ? 0U : unsigned{takes_output};
+    return options_with(defined.takes | output);
 }
 
 std::vector<const option*> options_in_lines(const verb& defined) {
-    return options_with(defined.takes & ~not_in_lines);
+    return options_with(defined.takes & ~(not_in_lines | takes_dot));
 }
 
 std::string option_help(const option& of, const verb& defined) {

@@ -117,6 +117,12 @@ constexpr char list_help[] =
     "that\n"
     "is too narrow gets the columns that matter most.";
 
+constexpr char topology_help[] =
+    "A QNSV card reports the MAC address behind each of its downstream ports, a QNIO card that of\n"
+    "the QNSV card it is bound to. Where only one of them reports a link, or the other one is not\n"
+    "heard, an exclamation mark says so. -o dot is for Graphviz: qnmctl --ports eth1 topology -o\n"
+    "dot | dot -Tsvg.";
+
 constexpr char show_help[] =
     "Beside the title of a field stands its name in JSON. A QNSV card has its bridge settings and\n"
     "its downstream ports behind the fields that cards of both kinds have.";
@@ -156,6 +162,13 @@ constexpr verb table[] = {
      .seconds = seconds_to_hear,
      .run = run_show,
      .answer = answer_show},
+    {.name = "topology",
+     .help = "Shows which QNIO card stands behind which port of which QNSV card",
+     .more_help = topology_help,
+     .takes = takes_for | takes_dot,
+     .seconds = 3,
+     .run = run_topology,
+     .answer = answer_topology},
     {.name = "stats",
      .help = "Prints the manager's status dump",
      .more_help = stats_help,

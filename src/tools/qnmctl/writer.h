@@ -26,7 +26,7 @@ namespace qnmctl {
 
 using json = nlohmann::ordered_json;
 
-enum class output_form { text, json_document, json_lines };
+enum class output_form { text, json_document, json_lines, dot };
 
 // Of the records and the document; raised when a reader of the old ones would misread the new.
 inline constexpr int schema_number = 1;
@@ -38,8 +38,9 @@ class writer {
     writer(const writer&) = delete;
     writer& operator=(const writer&) = delete;
 
-    // Whether the form is for people.
-    bool is_text() const { return form_ == output_form::text; }
+    // Whether the form is for people (or for another program than those that read JSON).
+    bool is_text() const { return form_ == output_form::text || form_ == output_form::dot; }
+    output_form form() const { return form_; }
 
     void text(std::string_view words);                  // nothing in other forms
     void record(const char* name, const json& fields);  // nothing in a text
