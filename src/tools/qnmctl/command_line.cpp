@@ -188,6 +188,20 @@ void mark_required(CLI::App& app, const verb& defined) {
         app.get_option(wanted.name)->required(!wanted.optional);
 }
 
+// A verb that takes the rest of the line as it is. The parser would look for options in it.
+std::optional<request> parse_rest(std::span<const verb> verbs, int argc, const char* const* argv) {
+    if (argc < 2) return std::nullopt;
+    const auto named = std::find_if(verbs.begin(), verbs.end(), [&](const verb& defined) {
+        return (defined.takes & takes_rest) != 0 && std::string_view(argv[1]) == defined.name;
+    });
+    if (named == verbs.end()) return std::nullopt;
+    request asked;
+    asked.asked = &*named;
+    asked.rest.assign(argv + 2, argv + argc);
+    if (!asked.rest.empty() && asked.rest.front() == "--") asked.rest.erase(asked.rest.begin());
+    return asked;
+}
+
 }  // namespace
 
 std::span<const verb_group> verb_groups() {
@@ -207,6 +221,7 @@ std::string words_text(const verb& of) {
 
 std::variant<command_line, int> parse_command_line(std::span<const verb> verbs, int argc,
                                                    const char* const* argv) {
+    if (const auto asked = parse_rest(verbs, argc, argv)) return command_line{{}, *asked};
     CLI::App app(summary, "qnmctl");
     app.set_version_flag("--version", "qnmctl " QNMCTL_VERSION);
     app.footer(help_footer());
@@ -218,7 +233,7 @@ std::variant<command_line, int> parse_command_line(std::span<const verb> verbs, 
         define_option(app, *row, row->help, global);
     std::map<CLI::App*, command_line> requests;
     for (const verb& defined : verbs) {
-        if (defined.run == nullptr) continue;
+        if (defined.run == nullptr || (defined.takes & takes_rest) != 0) continue;
         CLI::App& own = verb_app(app, defined);
         define_verb(own, defined, options_of(defined), requests[&own]);
     }

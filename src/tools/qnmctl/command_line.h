@@ -68,6 +68,8 @@ struct request {
     bool verbose = false;
     output_form form = output_form::text;
     std::vector<std::string> events = {};  // --event; empty: every event
+    std::string word = {};                 // a fixed word that has no field of its own
+    std::vector<std::string> rest = {};    // of takes_rest
     double seconds = 0;                    // --for; 0: without limit
     std::uint64_t count = 0;               // --count; 0: without limit
 };
@@ -90,7 +92,9 @@ enum takes : unsigned {
     takes_raw = 1U << 12,
     takes_yes = 1U << 13,
     takes_level = 1U << 14,
-    takes_dot = 1U << 16,  // a graph is a form of output, too
+    takes_shell = 1U << 15,
+    takes_dot = 1U << 16,   // a graph is a form of output, too
+    takes_rest = 1U << 17,  // all that follows, as it is
 
     // Not for rows of the table of verbs.
     takes_output = 1U << 30,  // every verb does

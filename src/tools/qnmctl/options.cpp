@@ -27,6 +27,7 @@ constexpr const char* running_level_words[] = {"fatal", "error", "warn", "info",
                                                "debug", "trace", "none"};
 constexpr const char* form_words[] = {"text", "json", "jsonl"};
 constexpr const char* graph_form_words[] = {"text", "json", "jsonl", "dot"};
+constexpr const char* shell_words[] = {"bash", "zsh"};
 constexpr const char* event_words[] = {"NEWDEVINFO",      "UPDATEDEVINFO",   "CONNECTIONCHANGE",
                                        "MAJORMINORERROR", "PATHSTATECHANGE", "CHANNELSTATECHANGE",
                                        monitor_event};
@@ -72,6 +73,11 @@ problem set_action(const std::string& word, command_line& into) {
 problem set_level(const std::string& word, command_line& into) {
     into.asked.level =
         word == "none" ? QNM_LOGLVL_NONE : value_of<qnm_log_level_t>(level_words, word);
+    return std::nullopt;
+}
+
+problem set_word(const std::string& word, command_line& into) {
+    into.asked.word = word;
     return std::nullopt;
 }
 
@@ -202,6 +208,12 @@ constexpr option rows[] = {
      .offered = offers::words,
      .words = action_words,
      .set = set_action},
+    {.taken = takes_shell,
+     .names = "SHELL",
+     .help = "bash or zsh",
+     .offered = offers::words,
+     .words = shell_words,
+     .set = set_word},
     {.taken = takes_id, .names = "ID", .help = id_help, .offered = offers::cards, .set = set_id},
     {.taken = takes_ids, .names = "--all", .help = "All known cards", .set = set_all},
     {.taken = takes_filter,

@@ -1,12 +1,14 @@
 // The table of verbs, and the operands behind them.
 //
 // A new verb is a row here, with a function that tells what it finds to the writer, and a row in
-// options.cpp for each option that no other verb has. The help follows from the rows.
+// options.cpp for each option that no other verb has. Help, completion and manual page follow from
+// the rows; a record of a new name belongs into the schema, too.
 #include "verbs.h"
 
 #include "access.h"
 #include "basic_verbs.h"
 #include "device_verbs.h"
+#include "help_verbs.h"
 
 namespace qnmctl {
 
@@ -101,6 +103,12 @@ constexpr char reset_help[] =
 constexpr char loglevel_help[] =
     "The level is that of the running manager, and the manager runs in this very process. So the\n"
     "command goes on like watch. In a running watch, the line \"loglevel LEVEL\" does the same.";
+
+constexpr char completion_help[] =
+    "\"source <(qnmctl completion bash)\" switches it on for a running shell; packages install it "
+    "for\n"
+    "all. Card IDs are completed where --ports or --dir stand on the line: the cards that can be\n"
+    "heard within a second are offered.";
 
 constexpr char watch_help[] =
     "One line for every event: local time, event, kind and ID of the card, and what changed, from\n"
@@ -284,6 +292,17 @@ constexpr verb table[] = {
      .run = run_loglevel,
      .answer = answer_loglevel,
      .streams = true},
+    {.name = "completion",
+     .help = "Prints the completion script of a shell",
+     .more_help = completion_help,
+     .takes = takes_shell,
+     .run = run_completion},
+    {.name = "complete",
+     .help = "Lists what can come next on a line",
+     .takes = takes_rest,
+     .run = run_complete,
+     .hidden = true},
+    {.name = "man-page", .help = "Prints the manual page", .run = run_man_page, .hidden = true},
     {.name = "help", .help = "Lists these commands", .answer = answer_help},
     {.name = "quit", .help = "Ends", .answer = answer_quit},
 };

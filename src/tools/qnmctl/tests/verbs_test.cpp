@@ -1,4 +1,5 @@
-// The command's own tables: nothing in them is without its text.
+// The command's own tables: nothing in them is without its text, and help, completion and manual
+// page have it all.
 #include "verbs.h"
 
 #include <gtest/gtest.h>
@@ -7,6 +8,8 @@
 #include <cctype>
 #include <set>
 
+#include "completion.h"
+#include "man_page.h"
 #include "options.h"
 #include "text.h"
 
@@ -17,6 +20,31 @@ bool is_sentence(const std::string& text) {
     return !text.empty() && (std::isupper(static_cast<unsigned char>(text.front())) ||
                              text.find(' ') != std::string::npos);
 }
+
+bool holds(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+// As the manual page writes it.
+std::string in_man_page(const std::string& text) {
+    std::string made;
+    for (const char c : text)
+        made += c == '-' ? std::string("\\-") : std::string(1, c);
+    return made;
+}
+
+std::vector<std::string> words_of(const candidates& of) {
+    std::vector<std::string> words;
+    for (const candidate& one : of.words)
+        words.push_back(one.word);
+    return words;
+}
+
+bool contains(const std::vector<std::string>& words, const std::string& word) {
+    return std::find(words.begin(), words.end(), word) != words.end();
+}
+
+const card_source no_cards = [](const settings&) { return std::vector<candidate>{}; };
 
 TEST(Verbs, HaveTheirTexts) {
     for (const verb& one : verbs) {
@@ -68,6 +96,53 @@ TEST(Options, OfAVerbHaveNamesOfTheirOwn) {
             for (const std::string& name : names_of(*row))
                 EXPECT_TRUE(names.insert(name).second) << user.name << ' ' << name;
         }
+    }
+}
+
+TEST(ManPage, HasEveryVerbWithItsOptions) {
+    const std::string page = man_page(verbs);
+    for (const verb& one : verbs) {
+        const std::string start = ".SS \"" + in_man_page(one.name + words_text(one)) + "\"\n";
+        const bool shown = one.run != nullptr && !one.hidden;
+        ASSERT_EQ(shown, holds(page, start)) << start;
+        if (!shown) continue;
+        const std::size_t at = page.find(start) + start.size();
+        const std::string part = page.substr(at, page.find("\n.S", at) - at);
+        EXPECT_TRUE(holds(part, in_man_page(one.help))) << one.name;
+        for (const option* const row : options_of(one)) {
+            EXPECT_TRUE(holds(part, in_man_page(names_of(*row).back())))
+                << one.name << ' ' << row->names;
+            EXPECT_TRUE(holds(part, in_man_page(option_help(*row, one))))
+                << one.name << ' ' << row->names;
+        }
+        for (const operand& wanted : one.operands)
+            EXPECT_TRUE(holds(part, in_man_page(wanted.help))) << one.name << ' ' << wanted.name;
+    }
+}
+
+TEST(ManPage, HasGlobalOptionsAndExitStatuses) {
+    const std::string page = man_page(verbs);
+    for (const option* const row : global_options())
+        EXPECT_TRUE(holds(page, in_man_page(row->help))) << row->names;
+    for (const status_row& row : exit_statuses()) {
+        EXPECT_TRUE(holds(page, ".B \"" + std::to_string(row.status) + "\"\n" + row.meaning + '\n'))
+            << row.status;
+    }
+}
+
+TEST(Completion, KnowsEveryVerbAndItsOptions) {
+    for (const verb& one : verbs) {
+        if (one.run == nullptr) continue;
+        std::vector<std::string> line = split(one.name, " ");
+        EXPECT_EQ(!one.hidden, contains(words_of(complete(verbs, line, no_cards)), line.back()))
+            << one.name;
+        line.emplace_back("--");
+        const std::vector<std::string> offered = words_of(complete(verbs, line, no_cards));
+        for (const option* const row : options_of(one)) {
+            if (row->is_word() || one.hidden) continue;
+            EXPECT_TRUE(contains(offered, names_of(*row).back())) << one.name << ' ' << row->names;
+        }
+        EXPECT_TRUE(contains(offered, "--ports")) << one.name;
     }
 }
 

@@ -1,0 +1,177 @@
+// Writes the tables in the man(7) language.
+#include "man_page.h"
+
+#include <vector>
+
+#include "options.h"
+#include "text.h"
+#include "usage.h"
+
+namespace qnmctl {
+
+namespace {
+
+struct entry {
+    const char* title;
+    const char* text;
+};
+
+constexpr char description[] =
+    "runs a manager of libqnm in its own process, on up to two Ethernet interfaces, and tells what "
+    "it learns of the Quillnet adapter cards that announce themselves there. It needs the "
+    "capability CAP_NET_RAW, and nothing else of root's.";
+
+constexpr char output_form_text[] =
+    "With -o text a command writes for people: tables that fit the terminal, and colours where "
+    "standard output is one. With -o jsonl every line is an object, a record, that says by "
+    "\"record\" what it is and by \"schema\" which version of the schema it keeps to. With -o json "
+    "the same records stand in the array \"records\" of one document, which ends with the exit "
+    "status. IDs are strings (\"0x001122334455\"), values are numbers, and a list is an array even "
+    "when it is empty. What failed is told on standard error and is a record, too.";
+
+// Of this file's texts, not of the build, which is to make the same page every time.
+constexpr char changed[] = "2026-11-21";
+
+constexpr entry environment[] = {
+    {"NO_COLOR", "When it is set to anything, nothing is coloured."},
+    {"COLUMNS", "Width that tables have to fit, in place of that of the terminal."},
+    {"TMPDIR", "Where the directory that --ports makes is put, in place of /tmp."},
+};
+
+constexpr entry files[] = {
+    {"/opt/tarvo/qnm/conf/qnm.conf", "Configuration, where neither --dir nor --ports is given."},
+    {"/opt/tarvo/qnm/conf/qnm_log4c.properties", "Where the library logs to."},
+};
+
+// ---- The language -------------------------------------------------------------------------------
+
+// A hyphen that is typed is not one that text may be broken at, and a line must not begin as a
+// request does.
+std::string escaped(const std::string& text) {
+    std::string made;
+    for (const char c : text) {
+        const bool starts_line = made.empty() || made.back() == '\n';
+        if (starts_line && (c == '.' || c == '\'')) made += "\\&";
+        if (c == '\\') {
+            made += "\\e";
+        } else if (c == '-') {
+            made += "\\-";
+        } else {
+            made += c;
+        }
+    }
+    return made;
+}
+
+// Of a request: blanks are kept together by the quotes.
+std::string argument(const std::string& text) {
+    std::string made;
+    for (const char c : escaped(text))
+        made += c == '"' ? std::string("\\(dq") : std::string(1, c);
+    return '"' + made + '"';
+}
+
+std::string heading(const char* title) {
+    return std::string(".SH ") + argument(title) + '\n';
+}
+
+// A term in bold, and what it means.
+std::string tagged(const std::string& term, const std::string& meaning) {
+    return ".TP\n.B " + argument(term) + '\n' + escaped(meaning) + '\n';
+}
+
+std::string tagged(std::span<const entry> entries) {
+    std::string text;
+    for (const entry& one : entries)
+        text += tagged(one.title, one.text);
+    return text;
+}
+
+// ---- The tables ---------------------------------------------------------------------------------
+
+// "-v, --verbose", "--for SECONDS"
+std::string option_term(const option& of) {
+    std::string term = join(names_of(of), ", ");
+    if (of.value != nullptr) term += std::string(" ") + of.value;
+    return term;
+}
+
+std::string verb_section(const verb& of) {
+    std::string text =
+        ".SS " + argument(of.name + words_text(of)) + '\n' + escaped(of.help) + ".\n";
+    if (of.more_help[0] != '\0') text += escaped(of.more_help) + '\n';
+    if ((of.takes & takes_ids) != 0) text += tagged("ID", id_help);
+    for (const option* const row : options_of(of)) {
+        if (row->is_word()) text += tagged(row->names, option_help(*row, of));
+    }
+    for (const operand& wanted : of.operands)
+        text += tagged(operand_text(wanted), wanted.help);
+    for (const option* const row : options_of(of)) {
+        if (!row->is_word()) text += tagged(option_term(*row), option_help(*row, of));
+    }
+    return text;
+}
+
+std::string commands(std::span<const verb> verbs) {
+    std::string text;
+    for (const verb& one : verbs) {
+        if (one.run != nullptr && !one.hidden) text += verb_section(one);
+    }
+    return text;
+}
+
+std::string lines(std::span<const verb> verbs) {
+    std::string text = escaped(
+                           "A running watch, monitor or loglevel takes commands as lines of "
+                           "standard input, on cards already heard:") +
+                       '\n';
+    for (const verb& one : verbs) {
+        if (one.answer != nullptr) text += tagged(one.name + words_text(one), one.help);
+    }
+    return text;
+}
+
+std::string globals() {
+    std::string text = escaped("They stand in front of the command or behind it.") + '\n';
+    for (const option* const row : global_options())
+        text += tagged(option_term(*row), row->help);
+    text += tagged("-h, --help", "Print help and end; behind a command, that of the command");
+    return text + tagged("--version", "Print the version and end");
+}
+
+std::string statuses() {
+    std::string text;
+    for (const status_row& row : exit_statuses())
+        text += tagged(std::to_string(row.status), row.meaning);
+    return text;
+}
+
+std::string example_list() {
+    std::string text;
+    for (const example& one : examples())
+        text += tagged(one.command, one.meaning);
+    return text;
+}
+
+}  // namespace
+
+std::string man_page(std::span<const verb> verbs) {
+    std::string text = ".\\\" Made from the tables of the command; not to be edited.\n";
+    text += std::string(".TH QNMCTL 1 ") + changed +
+            " \"libqnm " QNMCTL_VERSION "\" \"User Commands\"\n";
+    text += heading("NAME") + "qnmctl \\- " + escaped(summary) + '\n';
+    text +=
+        heading("SYNOPSIS") + ".B qnmctl\n.RI [ options ]\n.I command\n.RI [ argument .\\|.\\|.]\n";
+    text += heading("DESCRIPTION") + ".B qnmctl\n" + escaped(description) + '\n';
+    text += heading("OPTIONS") + globals();
+    text += heading("COMMANDS") + commands(verbs);
+    text += heading("LINES") + lines(verbs);
+    text += heading("OUTPUT") + escaped(output_form_text) + '\n';
+    text += heading("EXIT STATUS") + statuses();
+    text += heading("ENVIRONMENT") + tagged(environment);
+    text += heading("FILES") + tagged(files);
+    text += heading("EXAMPLES") + example_list();
+    return text + heading("SEE ALSO") + ".BR qnm (7),\n.BR qnm.conf (5),\n.BR qnm\\-cardsim (1)\n";
+}
+
+}  // namespace qnmctl
