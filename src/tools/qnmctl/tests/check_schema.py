@@ -1,0 +1,73 @@
+#!/usr/bin/env python3
+"""Checks what qnmctl told in JSON against its schema.
+
+  usage: check_schema.py SCHEMA FILE...     *.json: one document, *.jsonl: a record a line
+
+Every record is then spoilt in several ways, and has to be refused each time: a schema that
+lets everything through finds nothing.
+"""
+import copy
+import json
+import sys
+
+import jsonschema
+
+
+def spoilt(record):
+    """What no longer is the record it was."""
+    yield {**record, "surplus": 1}
+    yield {**record, "record": "unheard-of"}
+    for name, value in record.items():
+        yield {key: kept for key, kept in record.items() if key != name} if name == "record" else {
+            **record,
+            name: {"of": "another type"},
+        }
+        if name == "id":
+            yield {**record, name: int(value, 16)}
+
+
+def check(path, document, record):
+    """The number of records in the file."""
+    with open(path, encoding="utf-8") as file:
+        if path.endswith(".jsonl"):
+            validator, told = record, [json.loads(line) for line in file]
+            for one in told:
+                record.validate(one)
+        else:
+            validator, whole = document, json.load(file)
+            document.validate(whole)
+            told = whole["records"]
+    for one in told:
+        for wrong in spoilt(one):
+            tried = wrong if path.endswith(".jsonl") else {**whole, "records": [wrong]}
+            if validator.is_valid(tried):
+                raise ValueError(f"the schema does not refuse {json.dumps(wrong)}")
+    if not path.endswith(".jsonl"):
+        for name in whole:
+            less = copy.deepcopy(whole)
+            del less[name]
+            if document.is_valid(less):
+                raise ValueError(f"the schema does not miss {name}")
+    return len(told)
+
+
+def main():
+    with open(sys.argv[1], encoding="utf-8") as file:
+        schema = json.load(file)
+    jsonschema.Draft202012Validator.check_schema(schema)
+    document = jsonschema.Draft202012Validator(schema)
+    line = {"$defs": schema["$defs"], "$ref": "#/$defs/line"}
+    record = jsonschema.Draft202012Validator(line)
+    count = 0
+    for path in sys.argv[2:]:
+        try:
+            count += check(path, document, record)
+        except (ValueError, jsonschema.ValidationError) as wrong:
+            sys.exit(f"{path}: {wrong}")
+    if count == 0:
+        sys.exit("no record was checked")
+    print(f"{len(sys.argv) - 2} files, {count} records")
+
+
+if __name__ == "__main__":
+    main()

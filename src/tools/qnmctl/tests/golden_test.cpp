@@ -1,0 +1,124 @@
+// What is told in JSON, to the letter: whoever reads it relies on that. The files in golden/ are
+// checked against the schema as well. QNMCTL_WRITE_GOLDEN=1 writes them anew.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <fstream>
+
+#include "access_report.h"
+#include "config_file.h"
+#include "report.h"
+#include "sample_cards.h"
+#include "topology.h"
+#include "written.h"
+
+namespace qnmctl {
+namespace {
+
+struct golden {
+    const char* file;
+    const char* command;
+    output_form form;
+    void (*fill)(writer&);
+};
+
+void tell_cards(writer& told) {
+    told.record("card", card_json(sample_server()));
+    told.record("card", card_json(sample_device()));
+    told.end(exit_ok);
+}
+
+void tell_events(writer& told) {
+    known_cards known;
+    qnm_qnsv_t record = sample_server();
+    const wall_time when = from_milliseconds(1'700'000'000'007);
+    const auto tell_now = [&](qnm_evt_type_t type) {
+        const observed seen = {when, type, record.esv_com_dev.ecd_id, record};
+        told.record("event", event_json(seen, tell(known, type, record)));
+    };
+    tell_now(QNM_EVT_NEWDEVINFO);
+    record.esv_com_dev.ecd_vlan_id = 11;
+    tell_now(QNM_EVT_UPDATEDEVINFO);
+    tell_now(QNM_EVT_UPDATEDEVINFO);  // nothing new
+    record.esv_com_dev.ecd_state[0][0] = 0;
+    record.esv_com_dev.ecd_updatetime = record.esv_com_dev.ecd_recvtime[0][0] + 100;
+    tell_now(QNM_EVT_CHANNELSTATECHANGE);
+    record.esv_com_dev.ecd_updatetime += 6000;
+    tell_now(QNM_EVT_UPDATEDEVINFO);
+    record.esv_com_dev.ecd_swstatus[0] = 0x80;
+    tell_now(QNM_EVT_UPDATEDEVINFO);
+    known.facts.restarted[record.esv_com_dev.ecd_id] = {.when = 1};
+    tell_now(QNM_EVT_UPDATEDEVINFO);
+    told.record("event", event_json({when, QNM_EVT_UPDATEDEVINFO, 1, std::nullopt}, {}));
+    told.record("event", monitor_json({when, 1, std::nullopt, true, false}));
+    told.record("event", monitor_json({when, 0x020000001000, sample_server(), false, true}));
+    told.end(exit_ok);
+}
+
+constexpr access_item read_items[] = {{"addr", "", 0, 8}, {"value", "", from_card, 8}};
+constexpr access_words read_words = {"qnm_read_register", access_scope::registers, read_items, "",
+                                     nullptr};
+
+void tell_results(writer& told) {
+    const access_told how = {&read_words, {0x100}, 0};
+    told.record("result", outcome_json({1, QNM_API_SUCCESS, 0xFFFFFFFF}, how));
+    told.record("result", outcome_json({2, QNM_API_ETIMEDOUT, 0}, how));
+    told.record("result", outcome_json({3, std::nullopt, 0}, how));
+    told.failure("0x000000000002: qnm_read_register failed", code_status(QNM_API_ETIMEDOUT),
+                 QNM_API_ETIMEDOUT);
+    told.end(code_status(QNM_API_ETIMEDOUT));
+}
+
+void tell_dump(writer& told) {
+    told.record("dump", dump_json({1, 8, {1, 0xFFFFFFFF}}, QNM_API_SUCCESS));
+    told.end(exit_ok);
+}
+
+void tell_topology(writer& told) {
+    qnm_qnsv_t server = sample_server();
+    server.esv_down_port[3].edp_port_status[1] = 0x02;
+    server.esv_down_port[3].edp_io_mac[5] = 1;
+    qnm_qnio_t device = sample_device();
+    for (const topology_server& one : make_topology({server, device}).servers)
+        told.record("qnsv", server_json(one));
+    told.record("unbound", unbound_json(device));
+    told.end(exit_ok);
+}
+
+void tell_nothing(writer& told) {
+    told.end(exit_ok);
+}
+
+constexpr golden files[] = {
+    {"list.json", "list", output_form::json_document, tell_cards},
+    {"list.jsonl", "list", output_form::json_lines, tell_cards},
+    {"list-empty.json", "list", output_form::json_document, tell_nothing},
+    {"watch.json", "watch", output_form::json_document, tell_events},
+    {"watch.jsonl", "watch", output_form::json_lines, tell_events},
+    {"reg-read.json", "reg read", output_form::json_document, tell_results},
+    {"reg-dump.jsonl", "reg dump", output_form::json_lines, tell_dump},
+    {"topology.json", "topology", output_form::json_document, tell_topology},
+};
+
+class Golden : public testing::TestWithParam<golden> {};
+
+TEST_P(Golden, IsToldToTheLetter) {
+    setenv("TZ", "UTC", 1);
+    tzset();
+    const golden& wanted = GetParam();
+    const std::string path = std::string(QNMCTL_GOLDEN) + '/' + wanted.file;
+    const std::string told = written(wanted.form, wanted.command, wanted.fill);
+    if (std::getenv("QNMCTL_WRITE_GOLDEN") != nullptr) std::ofstream(path) << told;
+    EXPECT_EQ(read_text(path), told);
+}
+
+INSTANTIATE_TEST_SUITE_P(Files, Golden, testing::ValuesIn(files), [](const auto& of) {
+    std::string name = of.param.file;
+    for (char& c : name)
+        c = c == '.' || c == '-' ? '_' : c;
+    return name;
+});
+
+}  // namespace
+}  // namespace qnmctl
