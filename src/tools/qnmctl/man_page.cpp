@@ -3,6 +3,7 @@
 
 #include <vector>
 
+#include "man_language.h"
 #include "options.h"
 #include "text.h"
 #include "usage.h"
@@ -10,6 +11,11 @@
 namespace qnmctl {
 
 namespace {
+
+using man_language::argument;
+using man_language::escaped;
+using man_language::heading;
+using man_language::tagged;
 
 struct entry {
     const char* title;
@@ -42,43 +48,6 @@ constexpr entry files[] = {
     {"/opt/tarvo/qnm/conf/qnm.conf", "Configuration, where neither --dir nor --ports is given."},
     {"/opt/tarvo/qnm/conf/qnm_log4c.properties", "Where the library logs to."},
 };
-
-// ---- The language -------------------------------------------------------------------------------
-
-// A hyphen that is typed is not one that text may be broken at, and a line must not begin as a
-// request does.
-std::string escaped(const std::string& text) {
-    std::string made;
-    for (const char c : text) {
-        const bool starts_line = made.empty() || made.back() == '\n';
-        if (starts_line && (c == '.' || c == '\'')) made += "\\&";
-        if (c == '\\') {
-            made += "\\e";
-        } else if (c == '-') {
-            made += "\\-";
-        } else {
-            made += c;
-        }
-    }
-    return made;
-}
-
-// Of a request: blanks are kept together by the quotes.
-std::string argument(const std::string& text) {
-    std::string made;
-    for (const char c : escaped(text))
-        made += c == '"' ? std::string("\\(dq") : std::string(1, c);
-    return '"' + made + '"';
-}
-
-std::string heading(const char* title) {
-    return std::string(".SH ") + argument(title) + '\n';
-}
-
-// A term in bold, and what it means.
-std::string tagged(const std::string& term, const std::string& meaning) {
-    return ".TP\n.B " + argument(term) + '\n' + escaped(meaning) + '\n';
-}
 
 std::string tagged(std::span<const entry> entries) {
     std::string text;
