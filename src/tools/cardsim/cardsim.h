@@ -460,6 +460,13 @@ struct answer {
 
 answer execute(simulator& target, std::string_view line);
 
+struct command_text {
+    std::string_view name;
+    std::string_view usage;  // behind the name
+    std::string_view help;   // without a full stop
+};
+std::vector<command_text> command_texts();
+
 std::string describe(const counters& values);  // one line
 
 }  // namespace cardsim

@@ -19,6 +19,7 @@ struct command {
     std::size_t least;       // words behind the name
     std::size_t most;
     std::string (*work)(simulator&, const words&);  // what follows "ok"
+    std::string_view help;
 };
 
 constexpr std::pair<std::string_view, std::uint64_t counters::*> shown_counters[] = {
@@ -266,23 +267,31 @@ std::string work_on_lock(simulator& target, const words& given) {
 constexpr std::string_view quit_name = "quit";
 
 constexpr command commands[] = {
-    {"silence", " CARD PORT PATH", 3, 3, silence_path},
-    {"wake", " CARD PORT PATH", 3, 3, wake_path},
-    {"set", " CARD FIELD VALUE", 3, 3, set_card_field},
-    {"notify", " CARD", 1, 1, send_notify},
-    {"devinfo", " CARD", 1, 1, send_devinfo},
-    {"burst", "", 0, 0, send_burst},
-    {"send", " PORT HEXBYTES", 2, any_number, send_bytes},
-    {"remove", " CARD", 1, 1, remove_card},
-    {"reg", " CARD ADDR [VALUE]", 2, 3, access_register},
-    {"eeprom", eeprom_usage, 2, 3, work_on_eeprom},
-    {"lock", lock_usage, 1, 3, work_on_lock},
-    {"mms", " CARD PAGE", 2, 2, show_mms_page},
-    {"resets", " CARD", 1, 1, show_resets},
-    {"list", "", 0, 0, list_cards},
-    {"counters", "", 0, 0, show_counters},
-    {"help", "", 0, 0, help},
-    {quit_name, "", 0, 0, quit},
+    {"silence", " CARD PORT PATH", 3, 3, silence_path, "The card is no longer heard on this path"},
+    {"wake", " CARD PORT PATH", 3, 3, wake_path, "The card is heard on this path again"},
+    {"set", " CARD FIELD VALUE", 3, 3, set_card_field,
+     "Changes what the card announces, or how it answers; FIELD is a key of the scenario, also "
+     "up_port.KEY and down_port.N.KEY"},
+    {"notify", " CARD", 1, 1, send_notify,
+     "Sends a NOTIFY frame of the card over each of its paths"},
+    {"devinfo", " CARD", 1, 1, send_devinfo,
+     "Sends a DEVINFO frame of the card over each of its paths"},
+    {"burst", "", 0, 0, send_burst, "All cards announce themselves at once"},
+    {"send", " PORT HEXBYTES", 2, any_number, send_bytes,
+     "Sends any frame, from the destination address on"},
+    {"remove", " CARD", 1, 1, remove_card, "Takes the card away"},
+    {"reg", " CARD ADDR [VALUE]", 2, 3, access_register, "Shows a register, or writes it"},
+    {"eeprom", eeprom_usage, 2, 3, work_on_eeprom,
+     "Shows a word of the EEPROM, or sets it; loads it all from a file, or saves it"},
+    {"lock", lock_usage, 1, 3, work_on_lock,
+     "Shows who holds the lock of the EEPROM; takes it for other parties, or drops theirs"},
+    {"mms", " CARD PAGE", 2, 2, show_mms_page, "Shows an MMS page as it was written last"},
+    {"resets", " CARD", 1, 1, show_resets,
+     "Shows how many Reset frames have come, and the status of the last"},
+    {"list", "", 0, 0, list_cards, "Lists the cards with the paths they are heard on"},
+    {"counters", "", 0, 0, show_counters, "Shows what was sent and what has come"},
+    {"help", "", 0, 0, help, "Lists the commands"},
+    {quit_name, "", 0, 0, quit, "Ends the simulation, as SIGINT and SIGTERM do"},
 };
 
 std::string help(simulator&, const words&) {
@@ -312,6 +321,13 @@ std::string work(simulator& target, const std::string& name, const words& given)
 }
 
 }  // namespace
+
+std::vector<command_text> command_texts() {
+    std::vector<command_text> texts;
+    for (const command& row : commands)
+        texts.push_back({row.name, row.usage, row.help});
+    return texts;
+}
 
 answer execute(simulator& target, std::string_view line) {
     std::istringstream in{std::string(line)};

@@ -19,6 +19,7 @@ inline constexpr std::string_view silent_registers_name = "silent_registers";
 std::vector<std::string_view> card_field_names();
 std::vector<std::string_view> answering_field_names();
 std::vector<std::string_view> settable_field_names();  // both
+std::vector<std::string_view> making_key_names();      // of a [[card]], beside those
 std::vector<std::string_view> bridge_field_names();
 std::vector<std::string_view> down_port_field_names();  // bridge fields included
 

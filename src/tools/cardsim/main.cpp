@@ -16,6 +16,7 @@
 
 #include "cardsim.h"
 #include "input_lines.h"
+#include "man_page.h"
 
 namespace {
 
@@ -35,10 +36,12 @@ void define_options(CLI::App& app, options& given) {
     app.add_option("SCENARIO", given.scenario, "TOML file that names the cards")->required();
     app.add_option("--ports", given.ports,
                    "Interfaces of port 0 and port 1, instead of the scenario's")
+        ->type_name("IF0[,IF1]")
         ->delimiter(',')
         ->expected(1, static_cast<int>(cardsim::port_limit));
     app.add_option("--ether-type", given.ether_type,
-                   "Ethernet type, instead of the scenario's (0x88B6 where none is given)");
+                   "Ethernet type, instead of the scenario's (0x88B6 where none is given)")
+        ->type_name("TYPE");
     app.add_flag("--quiet", given.quiet, "Say nothing of frames that arrive");
     app.add_flag("--check", given.check, "Read the scenario and end");
     app.set_version_flag("--version", "qnm-cardsim " CARDSIM_VERSION);
@@ -46,6 +49,19 @@ void define_options(CLI::App& app, options& given) {
         "Cards announce themselves and answer managers: registers, EEPROM, VLAN ID, Reset and MMS\n"
         "pages. While it runs, lines on standard input look into cards and change them; \"help\"\n"
         "lists them. EEPROMs that have a file in the scenario are saved at the end.");
+}
+
+// For the build, which makes the manual page.
+void print_man_page(const CLI::App& app) {
+    std::vector<cardsim::option_text> options;
+    for (const CLI::Option* const option : app.get_options()) {
+        std::string term = option->get_name(option->get_positional(), true);
+        if (!option->get_positional() && !option->get_type_name().empty()) {
+            term += ' ' + option->get_type_name();
+        }
+        options.push_back({term, option->get_description()});
+    }
+    std::fputs(cardsim::man_page(options, CARDSIM_VERSION).c_str(), stdout);
 }
 
 // Cards without an Ethernet type of their own follow the new one.
@@ -154,6 +170,10 @@ int main(int argc, char** argv) {
     CLI::App app("Simulated cards on Ethernet interfaces", "qnm-cardsim");
     options given;
     define_options(app, given);
+    if (argc == 2 && argv[1] == std::string_view("--man-page")) {
+        print_man_page(app);
+        return exit_ok;
+    }
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

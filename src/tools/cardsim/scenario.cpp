@@ -186,7 +186,8 @@ auto required(const source& from, const toml::table& table, std::string_view key
 
 void check_card_keys(const source& from, const toml::table& table) {
     std::vector<std::string_view> known = settable_field_names();
-    known.insert(known.end(), std::begin(making_keys), std::end(making_keys));
+    const std::vector<std::string_view> making = making_key_names();
+    known.insert(known.end(), making.begin(), making.end());
     for (const auto& [key, node] : table) {
         if (std::find(known.begin(), known.end(), key.str()) == known.end()) {
             from.fail(key.source(), unknown_name("key", key.str(), known));
@@ -331,6 +332,10 @@ scenario read_scenario(const source& from, const toml::table& table,
 }
 
 }  // namespace
+
+std::vector<std::string_view> making_key_names() {
+    return {std::begin(making_keys), std::end(making_keys)};
+}
 
 scenario parse_scenario(std::string_view text, std::string_view file_name,
                         const std::vector<std::string>& ports) {
