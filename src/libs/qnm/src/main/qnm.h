@@ -84,7 +84,8 @@
  *   completes   the stop waits for it
  *   ends        it is woken and returns QNM_API_ENOSYS
  *
- * Link with -lqnm. The header is plain C99 and C++.
+ * Link with -lqnm. The header is plain C99 and C++. The manual pages in section 3 are made from the
+ * comments that begin with two stars and from the table above.
  */
 #ifndef QNM_H
 #define QNM_H
@@ -116,7 +117,7 @@ extern "C" {
 
 /* ---- Result codes ---------------------------------------------------------------------------- */
 
-/** Result of every public call. */
+/** Result of every public call that can fail. */
 typedef enum qnm_api_code QNM_ANY_INT {
     QNM_API_SUCCESS = 0,   /**< success */
     QNM_API_EINVAL = 1,    /**< invalid argument */
@@ -132,8 +133,19 @@ typedef enum qnm_api_code QNM_ANY_INT {
 } qnm_api_code_t;
 
 /**
- * Maps an internal errno-style code (0, 2, 12, 16, 22, 34, 38, 67, 71, 110) to a result code.
- * Every other value, negative ones included, becomes QNM_API_EPROTO. Needs no running manager.
+ * Maps an internal errno-style code to a result code. Needs no running manager.
+ *
+ * @param[in] err  a code as the library's log shows it
+ * @retval QNM_API_SUCCESS    for 0
+ * @retval QNM_API_EINVAL     for 22
+ * @retval QNM_API_ERANGE     for 34
+ * @retval QNM_API_ENOENT     for 2
+ * @retval QNM_API_ENOLINK    for 67
+ * @retval QNM_API_ENOMEM     for 12
+ * @retval QNM_API_EPROTO     for 71 and every other value, negative ones included
+ * @retval QNM_API_ETIMEDOUT  for 110
+ * @retval QNM_API_EBUSY      for 16
+ * @retval QNM_API_ENOSYS     for 38
  */
 qnm_api_code_t qnm_err2retcode(int err);
 
@@ -142,12 +154,12 @@ qnm_api_code_t qnm_err2retcode(int err);
 /** Log level: a line is written when its level is at or below the running level. */
 typedef enum qnm_log_level QNM_ANY_INT {
     QNM_LOGLVL_NONE = -1, /**< as an argument: take the level from the configuration file */
-    QNM_LOGLVL_FATAL = 0,
-    QNM_LOGLVL_ERROR = 1,
-    QNM_LOGLVL_WARN = 2,
-    QNM_LOGLVL_INFO = 3,
-    QNM_LOGLVL_DEBUG = 4,
-    QNM_LOGLVL_TRACE = 5
+    QNM_LOGLVL_FATAL = 0, /**< what ends the manager */
+    QNM_LOGLVL_ERROR = 1, /**< what failed */
+    QNM_LOGLVL_WARN = 2,  /**< what is unexpected and can be gone on with */
+    QNM_LOGLVL_INFO = 3,  /**< calls, and changes of cards and ports */
+    QNM_LOGLVL_DEBUG = 4, /**< steps within a call */
+    QNM_LOGLVL_TRACE = 5  /**< the finest steps, locks among them */
 } qnm_log_level_t;
 
 /**
@@ -155,11 +167,12 @@ typedef enum qnm_log_level QNM_ANY_INT {
  * worker threads and then stays inside until qnm_fini_manager() is called or an internal error
  * ends the manager. Afterwards it may be called again.
  *
- * @param path       installation directory that holds conf/qnm.conf and conf/qnm_log4c.properties,
- *                   at most 485 characters; NULL or "" means /opt/tarvo/qnm. A missing qnm.conf
- *                   means defaults; a missing qnm_log4c.properties is an error.
- * @param log_level  running log level, QNM_LOGLVL_NONE (the level of the configuration file) to
- *                   QNM_LOGLVL_TRACE.
+ * @param[in] path       installation directory that holds conf/qnm.conf and
+ *                       conf/qnm_log4c.properties, at most 485 characters; NULL or "" means
+ *                       /opt/tarvo/qnm. A missing qnm.conf means defaults; a missing
+ *                       qnm_log4c.properties is an error.
+ * @param[in] log_level  running log level, QNM_LOGLVL_NONE (the level of the configuration file) to
+ *                       QNM_LOGLVL_TRACE.
  * @retval QNM_API_SUCCESS  the manager ran and was stopped by qnm_fini_manager()
  * @retval QNM_API_EINVAL   log_level out of range, or path is not a directory
  * @retval QNM_API_EPROTO   path too long, properties file missing, configuration invalid, no port
@@ -181,7 +194,7 @@ qnm_api_code_t qnm_init_manager(const char* path, qnm_log_level_t log_level);
 qnm_api_code_t qnm_start_manager(void);
 
 /**
- * Requests the stop and returns at once; the stop is complete when qnm_init_manager() returns on
+ * Requests the stop, and returns at once; the stop is complete when qnm_init_manager() returns on
  * its own thread, at the latest one devinfo_flag_check_interval plus one second later (plus the
  * time that callbacks take for the events raised by then). A request made during start-up ends the
  * manager as soon as it is complete; one made while no manager is running is forgotten by the next
@@ -193,18 +206,15 @@ qnm_api_code_t qnm_fini_manager(void);
 
 /* ---- Card records ---------------------------------------------------------------------------- */
 
-/*
- * Index convention [port][path] of the arrays below: the first index is the local port (0 or 1)
- * that a frame came in by, the second the path on the card (0 or 1, the lowest bit of a 40G card's
- * source MAC; a 1G/10G card always uses path 0). Logs write P0M0, P0M1, P1M0, P1M1.
- * Bytes named pad are reserved and always zero.
+/**
+ * What cards of both kinds report. Arrays are indexed [port][path]: the first index is the local
+ * port (0 or 1) that a frame came in by, the second the path on the card (0 or 1, the lowest bit of
+ * a 40G card's source MAC; a 1G/10G card always uses path 0). Logs write P0M0, P0M1, P1M0, P1M1.
  */
-
-/** What cards of both kinds report. */
 typedef struct qnm_com_dev {
     uint64_t ecd_id;             /**< card ID */
-    uint64_t ecd_recvtime[2][2]; /**< time of the last announcement over [port][path]; 0 = none */
-    uint64_t ecd_updatetime;     /**< time of the last change of this record that was reported */
+    uint64_t ecd_recvtime[2][2]; /**< time (ms) of the last announcement per path; 0 = none */
+    uint64_t ecd_updatetime;     /**< time (ms) of the last change that was reported */
     uint32_t ecd_state[2][2];    /**< per [port][path]: 1 = connected, 0 = disconnected */
     uint32_t ecd_uidsw;          /**< UID switch, 0 or 1 */
     uint32_t ecd_power;          /**< power bit, 0 or 1 */
@@ -219,51 +229,51 @@ typedef struct qnm_com_dev {
     uint8_t ecd_linkstatus;      /**< link-status byte as announced */
     uint8_t ecd_int_vector;      /**< interrupt vector: pending major and minor errors */
     uint8_t ecd_ver;             /**< card version, 4 bits */
-    uint8_t ecd_pad1[7];
+    uint8_t ecd_pad1[7];         /**< reserved, always zero */
 } qnm_com_dev_t;
 
 /** Bridge settings of one PCIe port of a card; multi-byte values as the card announced them. */
 typedef struct qnm_com_port_s {
-    uint32_t ecp_pre_base_upper;  /**< upper 32 bits of the prefetchable base */
-    uint32_t ecp_pre_limit_upper; /**< upper 32 bits of the prefetchable limit */
-    uint16_t ecp_memory_base;
-    uint16_t ecp_memory_limit;
-    uint16_t ecp_pre_memory_base;
-    uint16_t ecp_pre_memory_limit;
-    uint8_t ecp_pri_bus_num; /**< primary bus number */
-    uint8_t ecp_sec_bus_num; /**< secondary bus number */
-    uint8_t ecp_sub_bus_num; /**< subordinate bus number */
-    uint8_t ecp_command;
-    uint8_t ecp_pad1[4];
+    uint32_t ecp_pre_base_upper;   /**< upper 32 bits of the prefetchable base */
+    uint32_t ecp_pre_limit_upper;  /**< upper 32 bits of the prefetchable limit */
+    uint16_t ecp_memory_base;      /**< memory base */
+    uint16_t ecp_memory_limit;     /**< memory limit */
+    uint16_t ecp_pre_memory_base;  /**< prefetchable memory base, lower part */
+    uint16_t ecp_pre_memory_limit; /**< prefetchable memory limit, lower part */
+    uint8_t ecp_pri_bus_num;       /**< primary bus number */
+    uint8_t ecp_sec_bus_num;       /**< secondary bus number */
+    uint8_t ecp_sub_bus_num;       /**< subordinate bus number */
+    uint8_t ecp_command;           /**< command byte of the bridge */
+    uint8_t ecp_pad1[4];           /**< reserved, always zero */
 } qnm_com_port_t, qnm_up_port_t;
 
 /** One downstream port of a QNSV card. */
 typedef struct qnm_down_port {
     qnm_com_port_t edp_com_port; /**< zero unless a QNIO card is connected behind the port */
-    uint8_t edp_port_status[2];  /**< bit 1 of [1]: a QNIO card is connected */
+    uint8_t edp_port_status[2];  /**< as announced; bit 1 of [1]: a QNIO card is connected */
     uint8_t edp_io_mac[6];       /**< MAC address of the QNIO card behind the port */
 } qnm_down_port_t;
 
 /** A QNSV card: the server side. */
 typedef struct qnm_qnsv {
-    qnm_com_dev_t esv_com_dev;
-    qnm_up_port_t esv_up_port;
+    qnm_com_dev_t esv_com_dev;         /**< what cards of both kinds report */
+    qnm_up_port_t esv_up_port;         /**< the upstream port */
     qnm_down_port_t esv_down_port[16]; /**< 0 to 7 on a 1G/10G card, 0 to 15 on a 40G card */
 } qnm_qnsv_t;
 
 /** A QNIO card: the I/O side. */
 typedef struct qnm_qnio {
-    qnm_com_dev_t eio_com_dev;
+    qnm_com_dev_t eio_com_dev;    /**< what cards of both kinds report */
     uint32_t eio_class_code;      /**< 24-bit PCI class code */
     uint16_t eio_device_id;       /**< PCI device ID as announced */
     uint16_t eio_vendor_id;       /**< PCI vendor ID as announced */
     uint16_t eio_mr_resource_num; /**< resource ID of a multi-root card, else 0 */
     uint8_t eio_sermacaddr[6];    /**< MAC address of the QNSV card this card is bound to */
-    uint8_t eio_substate[2];
-    uint8_t eio_link0fault;    /**< 0 or 1 */
-    uint8_t eio_link1fault;    /**< 0 or 1 */
-    uint8_t eio_pcie_presence; /**< 0 or 1 */
-    uint8_t eio_pad1[3];
+    uint8_t eio_substate[2];      /**< as announced; bit 1 of [1]: bound to a QNSV card */
+    uint8_t eio_link0fault;       /**< fault of the link at the card's port 0, 0 or 1 */
+    uint8_t eio_link1fault;       /**< fault of the link at the card's port 1, 0 or 1 */
+    uint8_t eio_pcie_presence;    /**< PCIe presence bit, 0 or 1 */
+    uint8_t eio_pad1[3];          /**< reserved, always zero */
 } qnm_qnio_t;
 
 /* ---- Card queries ---------------------------------------------------------------------------- */
@@ -271,8 +281,8 @@ typedef struct qnm_qnio {
 /**
  * Copies the record of one card.
  *
- * @param id    card ID
- * @param qnsv  (qnio) filled with the record; the caller's memory
+ * @param[in] id     card ID
+ * @param[out] qnsv  filled with the record (qnio: likewise); the caller's memory
  * @retval QNM_API_SUCCESS  the record was copied
  * @retval QNM_API_EINVAL   the pointer is NULL
  * @retval QNM_API_ENOENT   no card of this kind has that ID
@@ -284,10 +294,10 @@ qnm_api_code_t qnm_get_qnio(uint64_t id, qnm_qnio_t* qnio); /**< as qnm_get_qnsv
 /**
  * Lists the IDs of all known cards of one kind in ascending order.
  *
- * @param id_list  receives the list, NULL when it is empty. The library allocates it; the caller
- *                 owns it and gives it back through qnm_free_idlist().
- * @param num      in: the most IDs accepted, 0 for the configured id_list_upper_limit; out: the
- *                 number of IDs in the list, or with QNM_API_ERANGE the number needed
+ * @param[out] id_list  receives the list, NULL when it is empty. The library allocates it; the
+ *                      caller owns it and gives it back through qnm_free_idlist().
+ * @param[in,out] num   in: the most IDs accepted, 0 for the configured id_list_upper_limit; out:
+ *                      the number of IDs in the list, or with QNM_API_ERANGE the number needed
  * @retval QNM_API_SUCCESS  the list was made; it may be empty
  * @retval QNM_API_EINVAL   id_list or num is NULL
  * @retval QNM_API_ERANGE   more cards than accepted; nothing was allocated
@@ -298,18 +308,38 @@ qnm_api_code_t qnm_get_qnsvids(uint64_t** id_list, uint32_t* num);
 qnm_api_code_t qnm_get_qnioids(uint64_t** id_list, uint32_t* num); /**< as qnm_get_qnsvids() */
 
 /**
- * Lists, like qnm_get_qnsvids(), the cards whose ecd_updatetime is at or after a given time.
+ * Lists the IDs of the cards of one kind whose ecd_updatetime is at or after a given time, in
+ * ascending order of ID.
  *
- * @param time  milliseconds since the epoch
+ * @param[in] time      milliseconds since the epoch
+ * @param[out] id_list  receives the list, NULL when it is empty. The library allocates it; the
+ *                      caller owns it and gives it back through qnm_free_idlist().
+ * @param[in,out] num   in: the most IDs accepted, 0 for the configured id_list_upper_limit; out:
+ *                      the number of IDs in the list, or with QNM_API_ERANGE the number needed
+ * @retval QNM_API_SUCCESS  the list was made; it may be empty
+ * @retval QNM_API_EINVAL   id_list or num is NULL
+ * @retval QNM_API_ERANGE   more cards than accepted; nothing was allocated
+ * @retval QNM_API_ENOMEM   the list could not be allocated
+ * @retval QNM_API_ENOSYS   the manager is not running
  */
 qnm_api_code_t qnm_get_update_qnsvids(uint64_t time, uint64_t** id_list, uint32_t* num);
 qnm_api_code_t qnm_get_update_qnioids(uint64_t time, uint64_t** id_list,
                                       uint32_t* num); /**< as qnm_get_update_qnsvids() */
 
 /**
- * Lists, like qnm_get_qnsvids(), the cards of one group, that is, with one VLAN ID.
+ * Lists the IDs of the cards of one kind in one group, that is, with one VLAN ID, in ascending
+ * order.
  *
- * @param groupid  1 to 4094, otherwise QNM_API_EINVAL
+ * @param[in] groupid   VLAN ID, 1 to 4094
+ * @param[out] id_list  receives the list, NULL when it is empty. The library allocates it; the
+ *                      caller owns it and gives it back through qnm_free_idlist().
+ * @param[in,out] num   in: the most IDs accepted, 0 for the configured id_list_upper_limit; out:
+ *                      the number of IDs in the list, or with QNM_API_ERANGE the number needed
+ * @retval QNM_API_SUCCESS  the list was made; it may be empty
+ * @retval QNM_API_EINVAL   groupid out of range, or id_list or num is NULL
+ * @retval QNM_API_ERANGE   more cards than accepted; nothing was allocated
+ * @retval QNM_API_ENOMEM   the list could not be allocated
+ * @retval QNM_API_ENOSYS   the manager is not running
  */
 qnm_api_code_t qnm_get_group_qnsvids(uint16_t groupid, uint64_t** id_list, uint32_t* num);
 qnm_api_code_t qnm_get_group_qnioids(uint16_t groupid, uint64_t** id_list,
@@ -318,6 +348,7 @@ qnm_api_code_t qnm_get_group_qnioids(uint16_t groupid, uint64_t** id_list,
 /**
  * Forgets one card. No event is raised; a card that still announces itself is learnt again as new.
  *
+ * @param[in] id  card ID
  * @retval QNM_API_SUCCESS  the card was forgotten
  * @retval QNM_API_ENOENT   no card of this kind has that ID
  * @retval QNM_API_ENOSYS   the manager is not running
@@ -326,9 +357,11 @@ qnm_api_code_t qnm_delete_qnsv(uint64_t id);
 qnm_api_code_t qnm_delete_qnio(uint64_t id); /**< as qnm_delete_qnsv() */
 
 /**
- * Gives back a list handed out by one of the calls above. NULL is accepted. Needs no running
+ * Gives back a list of IDs, whichever call handed it out. NULL is accepted. Needs no running
  * manager.
  *
+ * @param[in] id_list  a list that was handed out and not given back yet, or NULL; anything else is
+ *                     undefined
  * @retval QNM_API_SUCCESS  always
  */
 qnm_api_code_t qnm_free_idlist(uint64_t* id_list);
@@ -340,6 +373,7 @@ qnm_api_code_t qnm_free_idlist(uint64_t* id_list);
  * record unchanged, connected paths included. The ID need not be known; an unknown one is not
  * learnt until it is restarted. Stopping twice is no error.
  *
+ * @param[in] id  card ID
  * @retval QNM_API_SUCCESS  the ID is stopped
  * @retval QNM_API_ENOMEM   the ID could not be remembered
  * @retval QNM_API_EPROTO   internal error
@@ -352,6 +386,7 @@ qnm_api_code_t qnm_stop_monitor(uint64_t id);
  * none comes, it is declared disconnected after about devinfo_expire_time. Restarting an ID that
  * was never stopped is no error and starts that wait all the same.
  *
+ * @param[in] id  card ID
  * @retval QNM_API_SUCCESS  the ID is monitored
  * @retval QNM_API_ENOSYS   the manager is not running
  */
@@ -371,15 +406,15 @@ typedef enum qnm_evt_type QNM_ANY_INT {
 } qnm_evt_type_t;
 
 /**
- * A callback. It runs on the library's event thread, one event at a time, in the order in which
- * the events arose and the callbacks were registered. It may call every public function except
- * qnm_register_callback() and qnm_unregister_callback() for its own event type, which would
- * deadlock. While it runs, further events wait; those that still wait at a stop are dropped. It must
- * not throw.
+ * A function that is told of events. It runs on the library's event thread, one event at a time, in
+ * the order in which the events arose and the callbacks were registered. It may call every public
+ * function except qnm_register_callback() and qnm_unregister_callback() for its own event type,
+ * which would deadlock. While it runs, further events wait; those that still wait at a stop are
+ * dropped. It must not throw.
  *
- * @param id     card ID
- * @param event  event type
- * @param arg    the pointer given at registration
+ * @param[in] id     card ID
+ * @param[in] event  event type
+ * @param[in] arg    the pointer given at registration
  */
 typedef void (*qnm_cbfunc_t)(uint64_t id, qnm_evt_type_t event, void* arg);
 
@@ -390,10 +425,10 @@ typedef struct __qnm_cbid* qnm_cbid_t;
  * Registers a callback for one event type. The same function may be registered any number of
  * times; each registration is called on its own.
  *
- * @param type     QNM_EVT_NEWDEVINFO to QNM_EVT_CHANNELSTATECHANGE
- * @param cb_func  the function to call
- * @param cb_arg   passed to it untouched; may be NULL
- * @param id       receives the handle
+ * @param[in] type     QNM_EVT_NEWDEVINFO to QNM_EVT_CHANNELSTATECHANGE
+ * @param[in] cb_func  the function to call
+ * @param[in] cb_arg   passed to it untouched; may be NULL
+ * @param[out] id      receives the handle
  * @retval QNM_API_SUCCESS  registered
  * @retval QNM_API_EINVAL   type out of range, or cb_func or id is NULL
  * @retval QNM_API_ENOMEM   out of memory
@@ -406,7 +441,7 @@ qnm_api_code_t qnm_register_callback(qnm_evt_type_t type, qnm_cbfunc_t cb_func, 
  * Ends one registration. When the call returns, the callback is not running and will not be called
  * again for it. Waits while a callback of the same event type runs.
  *
- * @param id  a handle that is registered, or NULL; anything else is undefined
+ * @param[in] id  a handle that is registered, or NULL; anything else is undefined
  * @retval QNM_API_SUCCESS  the callback is no longer registered
  * @retval QNM_API_EINVAL   id is NULL or not registered
  * @retval QNM_API_ENOSYS   the manager is not running
@@ -415,8 +450,10 @@ qnm_api_code_t qnm_unregister_callback(qnm_cbid_t id);
 
 /* ---- Device access --------------------------------------------------------------------------- */
 
-/*
- * The calls below reach into a card, by frames that it obeys or answers. They work on the caller's
+/**
+ * @defgroup device Access to cards
+ *
+ * These calls reach into a card, by frames that it obeys or answers. They work on the caller's
  * thread and block it: a read sends one frame and waits for the answer, and sends again when none
  * came in time; what is written is not acknowledged by the card, and is confirmed, when asked for,
  * by reading it back. A card is reached over the first of its connected paths P0M0, P0M1, P1M0,
@@ -431,12 +468,13 @@ qnm_api_code_t qnm_unregister_callback(qnm_cbid_t id);
  *
  * All of them may return, beside what each lists:
  *
- *   QNM_API_ENOENT     the card ID is not known
- *   QNM_API_ENOLINK    no path to the card is connected, or its monitoring is stopped (reading,
- *                      writing and QNM_FLAG_LIVECHECK: see there)
- *   QNM_API_EPROTO     a frame could not be sent, all completion tags are in use, or an internal
- *                      error
- *   QNM_API_ENOSYS     the manager is not running; a stop ends a call that is under way, too
+ * @retval QNM_API_ENOENT     the card ID is not known
+ * @retval QNM_API_ENOLINK    no path to the card is connected, or its monitoring is stopped and
+ *                            QNM_FLAG_LIVECHECK is not given or found no path
+ * @retval QNM_API_EPROTO     a frame could not be sent, all completion tags are in use, or an
+ *                            internal error
+ * @retval QNM_API_ENOSYS     the manager is not running; a stop ends a call that is under way, too
+ * @{
  */
 
 /**
@@ -464,11 +502,11 @@ enum {
 /**
  * Reads one 32-bit register.
  *
- * @param id           card ID
- * @param addr         byte address, a multiple of 4; cards see the low 22 bits
- * @param data         receives the value; untouched on failure
- * @param retry_param  may be NULL
- * @param flags        QNM_FLAG_LIVECHECK
+ * @param[in] id           card ID
+ * @param[in] addr         byte address, a multiple of 4; cards see the low 22 bits
+ * @param[out] data        receives the value; untouched on failure
+ * @param[in] retry_param  NULL for the configured values
+ * @param[in] flags        QNM_FLAG_LIVECHECK
  * @retval QNM_API_SUCCESS    the value was read
  * @retval QNM_API_EINVAL     addr is no multiple of 4, data is NULL, or the retry interval is 0
  * @retval QNM_API_ETIMEDOUT  no answer to any of retry count + 1 frames
@@ -479,12 +517,12 @@ qnm_api_code_t qnm_read_register(uint64_t id, uint32_t addr, uint32_t* data,
 /**
  * Writes one 32-bit register. Without QNM_FLAG_VERIFY, success means that the frame was sent.
  *
- * @param id           card ID
- * @param addr         byte address, a multiple of 4; cards see the low 22 bits
- * @param data         the value
- * @param retry_param  may be NULL; with QNM_FLAG_VERIFY of each reading back, and how often to
- *                     write again
- * @param flags        QNM_FLAG_LIVECHECK, QNM_FLAG_VERIFY
+ * @param[in] id           card ID
+ * @param[in] addr         byte address, a multiple of 4; cards see the low 22 bits
+ * @param[in] data         the value
+ * @param[in] retry_param  with QNM_FLAG_VERIFY: of each reading back, and how often to write again;
+ *                         NULL for the configured values
+ * @param[in] flags        QNM_FLAG_LIVECHECK, QNM_FLAG_VERIFY
  * @retval QNM_API_SUCCESS    the value was sent, or with QNM_FLAG_VERIFY read back
  * @retval QNM_API_EINVAL     addr is no multiple of 4, or the retry interval is 0
  * @retval QNM_API_ETIMEDOUT  QNM_FLAG_VERIFY: no answer, or another value after retry count + 1
@@ -497,12 +535,12 @@ qnm_api_code_t qnm_write_register(uint64_t id, uint32_t addr, uint32_t data,
  * Changes the bits of a register that mask names, and keeps the others. Nothing is written when
  * they hold the wanted values already.
  *
- * @param id           card ID
- * @param addr         byte address, a multiple of 4; cards see the low 22 bits
- * @param data         the wanted bits; those outside mask do not matter
- * @param mask         the bits to change
- * @param retry_param  may be NULL; as for qnm_write_register()
- * @param flags        QNM_FLAG_LIVECHECK, QNM_FLAG_VERIFY
+ * @param[in] id           card ID
+ * @param[in] addr         byte address, a multiple of 4; cards see the low 22 bits
+ * @param[in] data         the wanted bits; those outside mask do not matter
+ * @param[in] mask         the bits to change
+ * @param[in] retry_param  as for qnm_write_register()
+ * @param[in] flags        QNM_FLAG_LIVECHECK, QNM_FLAG_VERIFY
  * @retval QNM_API_SUCCESS    the bits hold, or without QNM_FLAG_VERIFY were sent
  * @retval QNM_API_EINVAL     addr is no multiple of 4, or the retry interval is 0
  * @retval QNM_API_ETIMEDOUT  no answer, or QNM_FLAG_VERIFY: other bits after retry count + 1 writes
@@ -511,18 +549,18 @@ qnm_api_code_t qnm_modify_register(uint64_t id, uint32_t addr, uint32_t data, ui
                                    const qnm_retry_t* retry_param, uint32_t flags);
 
 /**
- * Reads the registers from startaddr up to, not including, endaddr.
+ * Reads consecutive registers: those from startaddr up to, not including, endaddr.
  *
- * @param id           card ID
- * @param startaddr    a multiple of 4
- * @param endaddr      a multiple of 4 above startaddr
- * @param data         the caller's array; its elements are filled in ascending order of address,
- *                     up to the one that failed
- * @param len          in: size of the array in bytes, at least endaddr - startaddr; out: bytes
- *                     read, on every result: a failure tells how far it came, 0 when it came
- *                     before the first register
- * @param retry_param  may be NULL
- * @param flags        QNM_FLAG_LIVECHECK
+ * @param[in] id           card ID
+ * @param[in] startaddr    a multiple of 4
+ * @param[in] endaddr      a multiple of 4 above startaddr
+ * @param[out] data        the caller's array; its elements are filled in ascending order of
+ *                         address, up to the one that failed
+ * @param[in,out] len      in: size of the array in bytes, at least endaddr - startaddr; out: bytes
+ *                         read, on every result: a failure tells how far it came, 0 when it came
+ *                         before the first register
+ * @param[in] retry_param  NULL for the configured values
+ * @param[in] flags        QNM_FLAG_LIVECHECK
  * @retval QNM_API_SUCCESS    all were read
  * @retval QNM_API_EINVAL     an address, the order of the two or *len does not fit, data or len is
  *                            NULL, or the retry interval is 0
@@ -531,25 +569,28 @@ qnm_api_code_t qnm_modify_register(uint64_t id, uint32_t addr, uint32_t data, ui
 qnm_api_code_t qnm_dump_register(uint64_t id, uint32_t startaddr, uint32_t endaddr, uint32_t* data,
                                  size_t* len, const qnm_retry_t* retry_param, uint32_t flags);
 
-/*
+/**
+ * @defgroup eeprom Access to EEPROMs
+ *
  * EEPROM calls reach the card's 2048 bytes through registers that it shares among several parties,
  * so each word is accessed under a lock that the card keeps. A word takes milliseconds when all
  * goes well; a lock that another party holds is waited for some seconds, and one that has to be
- * taken by force can take minutes (see the eeprom_ keys of the configuration). retry_param, which
- * may be NULL, holds for every register frame, and its count for the attempts at a word, too.
+ * taken by force can take minutes (see the eeprom_ keys of the configuration). retry_param holds
+ * for every register frame, and its count for the attempts at a word, too.
  *
  * When the manager is stopped during such a call, or frames cannot be sent any more, the card may
  * be left locked, until the next EEPROM access by any manager of this library.
+ * @{
  */
 
 /**
  * Reads one 32-bit word of the EEPROM.
  *
- * @param id           card ID
- * @param addr         byte address, a multiple of 4, at most 2044
- * @param data         receives the word; untouched on failure
- * @param retry_param  may be NULL
- * @param flags        QNM_FLAG_LIVECHECK, QNM_FLAG_FORCELOCK
+ * @param[in] id           card ID
+ * @param[in] addr         byte address, a multiple of 4, at most 2044
+ * @param[out] data        receives the word; untouched on failure
+ * @param[in] retry_param  NULL for the configured values
+ * @param[in] flags        QNM_FLAG_LIVECHECK, QNM_FLAG_FORCELOCK
  * @retval QNM_API_SUCCESS    the word was read
  * @retval QNM_API_EINVAL     addr is no multiple of 4 or above 2044, data is NULL, or the retry
  *                            interval is 0
@@ -564,11 +605,11 @@ qnm_api_code_t qnm_read_eeprom(uint64_t id, uint32_t addr, uint32_t* data,
 /**
  * Writes one 32-bit word of the EEPROM.
  *
- * @param id           card ID
- * @param addr         byte address, a multiple of 4, at most 2044
- * @param data         the word
- * @param retry_param  may be NULL
- * @param flags        QNM_FLAG_LIVECHECK, QNM_FLAG_VERIFY, QNM_FLAG_FORCELOCK
+ * @param[in] id           card ID
+ * @param[in] addr         byte address, a multiple of 4, at most 2044
+ * @param[in] data         the word
+ * @param[in] retry_param  NULL for the configured values
+ * @param[in] flags        QNM_FLAG_LIVECHECK, QNM_FLAG_VERIFY, QNM_FLAG_FORCELOCK
  * @retval QNM_API_SUCCESS    the card reported the write complete, or with QNM_FLAG_VERIFY the word
  *                            was read back
  * @retval QNM_API_EINVAL     addr is no multiple of 4 or above 2044, or the retry interval is 0
@@ -581,19 +622,25 @@ qnm_api_code_t qnm_write_eeprom(uint64_t id, uint32_t addr, uint32_t data,
                                 const qnm_retry_t* retry_param, uint32_t flags);
 
 /**
- * Reads the EEPROM words from startaddr up to, not including, endaddr. The EEPROM lock is taken and
- * released for every word, so that other parties come to their turn.
+ * Reads consecutive EEPROM words: those from startaddr up to, not including, endaddr. The EEPROM
+ * lock is taken and released for every word, so that other parties come to their turn.
  *
- * @param id           card ID
- * @param startaddr    a multiple of 4, at most 2044
- * @param endaddr      a multiple of 4 above startaddr, at most 2048
- * @param data, len    as for qnm_dump_register()
- * @param retry_param  may be NULL
- * @param flags        QNM_FLAG_LIVECHECK, QNM_FLAG_FORCELOCK
+ * @param[in] id           card ID
+ * @param[in] startaddr    a multiple of 4, at most 2044
+ * @param[in] endaddr      a multiple of 4 above startaddr, at most 2048
+ * @param[out] data        the caller's array; its elements are filled in ascending order of
+ *                         address, up to the one that failed
+ * @param[in,out] len      in: size of the array in bytes, at least endaddr - startaddr; out: bytes
+ *                         read, on every result: a failure tells how far it came, 0 when it came
+ *                         before the first word
+ * @param[in] retry_param  NULL for the configured values
+ * @param[in] flags        QNM_FLAG_LIVECHECK, QNM_FLAG_FORCELOCK
  * @retval QNM_API_SUCCESS    all words were read
  * @retval QNM_API_EINVAL     an address, the order of the two or *len does not fit, data or len is
  *                            NULL, or the retry interval is 0
- * @return otherwise as qnm_read_eeprom(), for the first word that failed
+ * @retval QNM_API_EBUSY      another party keeps the lock
+ * @retval QNM_API_ETIMEDOUT  a word was not read for one of the reasons of qnm_read_eeprom()
+ * @retval QNM_API_EPROTO     the card refused the access to a word
  */
 qnm_api_code_t qnm_dump_eeprom(uint64_t id, uint32_t startaddr, uint32_t endaddr, uint32_t* data,
                                size_t* len, const qnm_retry_t* retry_param, uint32_t flags);
@@ -604,20 +651,23 @@ qnm_api_code_t qnm_dump_eeprom(uint64_t id, uint32_t startaddr, uint32_t endaddr
  * that is under way on the same card may fail by it. A card whose monitoring is stopped is refused
  * with QNM_API_ENOLINK.
  *
- * @param id  card ID
+ * @param[in] id  card ID
  * @retval QNM_API_SUCCESS    no other party holds the lock
  * @retval QNM_API_ETIMEDOUT  no answer, or the lock was kept
  */
 qnm_api_code_t qnm_unlock_eeprom(uint64_t id);
 
+/** @} */
+
 /**
  * Sets a card's VLAN ID (its group). With QNM_FLAG_VERIFY the call waits until the card announces
  * the new ID.
  *
- * @param id           card ID
- * @param vlanid       16 to 4094
- * @param retry_param  with QNM_FLAG_VERIFY: how long to wait before sending again, and how often
- * @param flags        QNM_FLAG_LIVECHECK, QNM_FLAG_VERIFY
+ * @param[in] id           card ID
+ * @param[in] vlanid       16 to 4094
+ * @param[in] retry_param  with QNM_FLAG_VERIFY: how long to wait before sending again, and how
+ *                         often; NULL for the configured values
+ * @param[in] flags        QNM_FLAG_LIVECHECK, QNM_FLAG_VERIFY
  * @retval QNM_API_SUCCESS    the request was sent, or with QNM_FLAG_VERIFY the ID was announced
  * @retval QNM_API_EINVAL     vlanid out of range, or the retry interval is 0
  * @retval QNM_API_ETIMEDOUT  QNM_FLAG_VERIFY: the card did not announce the new ID
@@ -631,9 +681,10 @@ qnm_api_code_t qnm_set_vlanid(uint64_t id, uint16_t vlanid, const qnm_retry_t* r
  * card's path. No answer is awaited. A card whose monitoring is stopped is refused with
  * QNM_API_ENOLINK.
  *
- * @param id                  card ID
- * @param status              travels in the frame
- * @param retry_param, flags  have no effect
+ * @param[in] id           card ID
+ * @param[in] status       a byte that travels in the frame as it is
+ * @param[in] retry_param  has no effect; may be NULL
+ * @param[in] flags        have no effect
  * @retval QNM_API_SUCCESS  the frame was sent
  */
 qnm_api_code_t qnm_send_resetframe(uint64_t id, unsigned char status,
@@ -642,22 +693,24 @@ qnm_api_code_t qnm_send_resetframe(uint64_t id, unsigned char status,
 /**
  * Writes one MMS page of a multi-root QNIO card. The card does not acknowledge it.
  *
- * @param id     card ID
- * @param page   0 to 1023
- * @param data   the page: 32 words of 32 bits, each in this machine's byte order
- * @param flags  QNM_FLAG_LIVECHECK
+ * @param[in] id     card ID
+ * @param[in] page   0 to 1023
+ * @param[in] data   the page: 32 words of 32 bits, each in this machine's byte order
+ * @param[in] flags  QNM_FLAG_LIVECHECK
  * @retval QNM_API_SUCCESS  the page was sent
  * @retval QNM_API_EINVAL   page out of range, or data is NULL
  * @retval QNM_API_ENOENT   the ID is not that of a multi-root QNIO card
  */
 qnm_api_code_t qnm_write_mmspage(uint64_t id, uint32_t page, uint32_t* data, uint32_t flags);
 
+/** @} */
+
 /* ---- Logging and statistics ------------------------------------------------------------------ */
 
 /**
  * Changes the running log level.
  *
- * @param log_level  QNM_LOGLVL_NONE (back to the configured level) to QNM_LOGLVL_TRACE
+ * @param[in] log_level  QNM_LOGLVL_NONE (back to the configured level) to QNM_LOGLVL_TRACE
  * @retval QNM_API_SUCCESS  the level is in force
  * @retval QNM_API_EINVAL   log_level out of range
  * @retval QNM_API_ENOSYS   the manager is not running
@@ -668,7 +721,7 @@ qnm_api_code_t qnm_set_loglevel(qnm_log_level_t log_level);
  * Writes the status dump (state, ports, cards, memory, events, frames, results, blacklist,
  * configuration) to the statistics log, on the calling thread.
  *
- * @param verbose  non-zero adds every field of every card and the results per call
+ * @param[in] verbose  non-zero adds every field of every card and the results per call
  * @retval QNM_API_SUCCESS  the dump was written
  * @retval QNM_API_ENOSYS   the manager is not running; nothing was written
  */
@@ -678,48 +731,53 @@ qnm_api_code_t qnm_stdump(uint32_t verbose);
  * Configures log4cxx from conf/qnm_log4c.properties below a directory. qnm_init_manager() does
  * this by itself; a host program calls it only to use the log functions below before that.
  *
- * @param path  as for qnm_init_manager()
+ * @param[in] path  as for qnm_init_manager()
  * @retval QNM_API_SUCCESS  the file was read; errors inside it are reported by log4cxx itself
  * @retval QNM_API_EPROTO   path too long, or the file is missing
  */
 qnm_api_code_t qnm_log_init(const char* path);
 
-/*
- * The library's log, open to the host program. Each call formats like printf and writes one line
- * of at most 511 characters when the running level allows: qnm_log_* to the logger "logfile",
- * qnm_syslog_* to "syslogfile". qnm_statslog writes to "statslogfile" at any level. None of them
- * fails, and none needs a running manager.
+/**
+ * The library's log, open to the host program. Each call formats like printf() and writes one line
+ * of at most 511 characters when the running level allows: qnm_log_fatal() to qnm_log_trace() to
+ * the logger "logfile", qnm_syslog_fatal() to qnm_syslog_trace() to "syslogfile", each at the level
+ * of its name. qnm_statslog() writes to "statslogfile" at any level. None of them fails, and none
+ * needs a running manager.
+ *
+ * @param[in] fmt  format as for printf(), without a line end; its arguments follow
  */
 void qnm_log_fatal(const char* fmt, ...) QNM_PRINTF_FORMAT;
-void qnm_log_error(const char* fmt, ...) QNM_PRINTF_FORMAT;
-void qnm_log_warn(const char* fmt, ...) QNM_PRINTF_FORMAT;
-void qnm_log_info(const char* fmt, ...) QNM_PRINTF_FORMAT;
-void qnm_log_debug(const char* fmt, ...) QNM_PRINTF_FORMAT;
-void qnm_log_trace(const char* fmt, ...) QNM_PRINTF_FORMAT;
-void qnm_syslog_fatal(const char* fmt, ...) QNM_PRINTF_FORMAT;
-void qnm_syslog_error(const char* fmt, ...) QNM_PRINTF_FORMAT;
-void qnm_syslog_warn(const char* fmt, ...) QNM_PRINTF_FORMAT;
-void qnm_syslog_info(const char* fmt, ...) QNM_PRINTF_FORMAT;
-void qnm_syslog_debug(const char* fmt, ...) QNM_PRINTF_FORMAT;
-void qnm_syslog_trace(const char* fmt, ...) QNM_PRINTF_FORMAT;
-void qnm_statslog(const char* fmt, ...) QNM_PRINTF_FORMAT;
+void qnm_log_error(const char* fmt, ...) QNM_PRINTF_FORMAT;    /**< as qnm_log_fatal() */
+void qnm_log_warn(const char* fmt, ...) QNM_PRINTF_FORMAT;     /**< as qnm_log_fatal() */
+void qnm_log_info(const char* fmt, ...) QNM_PRINTF_FORMAT;     /**< as qnm_log_fatal() */
+void qnm_log_debug(const char* fmt, ...) QNM_PRINTF_FORMAT;    /**< as qnm_log_fatal() */
+void qnm_log_trace(const char* fmt, ...) QNM_PRINTF_FORMAT;    /**< as qnm_log_fatal() */
+void qnm_syslog_fatal(const char* fmt, ...) QNM_PRINTF_FORMAT; /**< as qnm_log_fatal() */
+void qnm_syslog_error(const char* fmt, ...) QNM_PRINTF_FORMAT; /**< as qnm_log_fatal() */
+void qnm_syslog_warn(const char* fmt, ...) QNM_PRINTF_FORMAT;  /**< as qnm_log_fatal() */
+void qnm_syslog_info(const char* fmt, ...) QNM_PRINTF_FORMAT;  /**< as qnm_log_fatal() */
+void qnm_syslog_debug(const char* fmt, ...) QNM_PRINTF_FORMAT; /**< as qnm_log_fatal() */
+void qnm_syslog_trace(const char* fmt, ...) QNM_PRINTF_FORMAT; /**< as qnm_log_fatal() */
+void qnm_statslog(const char* fmt, ...) QNM_PRINTF_FORMAT;     /**< as qnm_log_fatal() */
 
 /* ---- Key comparison -------------------------------------------------------------------------- */
 
 /** An untyped pointer; carries a key by value. */
 typedef void* qnm_ptr_t;
-typedef const void* qnm_cptr_t;
+typedef const void* qnm_cptr_t; /**< as qnm_ptr_t */
 
 /**
- * Compare two keys that are passed by value in the pointers (they are not dereferenced): the low 32
- * bits or all 64, signed or unsigned.
+ * Compares two keys that are passed by value in the pointers (they are not dereferenced): the low
+ * 32 bits or all 64, signed or unsigned, as the name of the function says.
  *
+ * @param[in] a  the first key
+ * @param[in] b  the second key
  * @return -1, 0 or 1 when the first key is smaller than, equal to or larger than the second
  */
 int qnm_rbtree_int32_compare(qnm_cptr_t a, qnm_cptr_t b);
-int qnm_rbtree_uint32_compare(qnm_cptr_t a, qnm_cptr_t b);
-int qnm_rbtree_int64_compare(qnm_cptr_t a, qnm_cptr_t b);
-int qnm_rbtree_uint64_compare(qnm_cptr_t a, qnm_cptr_t b);
+int qnm_rbtree_uint32_compare(qnm_cptr_t a, qnm_cptr_t b); /**< as qnm_rbtree_int32_compare() */
+int qnm_rbtree_int64_compare(qnm_cptr_t a, qnm_cptr_t b);  /**< as qnm_rbtree_int32_compare() */
+int qnm_rbtree_uint64_compare(qnm_cptr_t a, qnm_cptr_t b); /**< as qnm_rbtree_int32_compare() */
 
 #ifdef __GNUC__
 #pragma GCC visibility pop
