@@ -28,7 +28,8 @@ needed=(
   abigail-tools                              # the library's ABI: abidw, abidiff
   dpkg-dev file lintian                      # the Debian packages
   python3                                    # the Python module
-  mandoc man-db zsh python3-jsonschema       # what the tests check qnmctl's page and output with
+  doxygen                                    # the manual pages of the library
+  mandoc man-db zsh python3-jsonschema       # what the tests check pages and qnmctl's output with
 )
 commands=(g++ cmake ninja pkg-config nm ip unshare setcap tshark abidw abidiff python3)
 readonly cmake_minimum=3.25

@@ -1,0 +1,318 @@
+#!/usr/bin/env python3
+"""Writes the manual pages of section 3, one for each call and type of the public header, and the
+overview qnm(7). A text that is missing in the header ends it with a line that names it.
+
+usage: make_pages.py --xml FOLDER --header FILE --overview TEMPLATE --version V --date D --to FOLDER
+"""
+
+import argparse
+import re
+import shutil
+import sys
+from pathlib import Path
+
+import header
+import roff
+
+LIBRARY = "Manager library for Quillnet adapter cards"
+LINE = 76  # columns that a declaration may take
+# Used by the header alone.
+OWN_MACROS = {"QNM_ANY_INT", "QNM_PRINTF_FORMAT"}
+
+
+# ---- What is missing ----------------------------------------------------------------------------
+
+
+def missing_in_function(item):
+    names = [name for _, name in item.parameters if name]
+    for name in names:
+        if not item.described.get(name, ("", ""))[1]:
+            yield f"parameter {name} is not described"
+    for name in set(item.described) - set(names):
+        yield f"there is no parameter {name}"
+    for name, (direction, _) in item.described.items():
+        if not direction:
+            yield f"parameter {name} does not say whether it is in or out"
+    if item.result == "qnm_api_code_t" and "QNM_API_SUCCESS" not in item.retvals:
+        yield "the results are not listed"
+    if item.result not in ("void", "qnm_api_code_t") and not item.returns:
+        yield "what it returns is not told"
+    for code, texts in item.retvals.items():
+        if not all(texts):
+            yield f"result {code} is not explained"
+
+
+def promise_of(told, name):
+    """The row of the table that is for a call; one "*" stands for any letters."""
+    for pattern, row in told.promises.items():
+        if re.fullmatch(pattern.replace("*", r"\w+"), name):
+            return row
+    return None
+
+
+def missing(told):
+    """Yields a line for each text that the header lacks."""
+    for item in told.items:
+        if not item.text:
+            yield f"{item.name}: has no text"
+        for name, text in item.members:
+            if not text:
+                yield f"{item.name}: {name} has no text"
+        if item.kind == "function":
+            for function in [item] + item.aliases:
+                if promise_of(told, function.name) is None:
+                    yield f"{function.name}: has no row in the table of promises"
+            for line in missing_in_function(item):
+                yield f"{item.name}: {line}"
+    for name in set(told.macros) - OWN_MACROS:
+        yield f"{name}: a macro gets no page"
+
+
+# ---- Texts --------------------------------------------------------------------------------------
+
+
+def imperative(text):
+    """"Copies the record" is "copy the record"."""
+    verb, _, rest = text.partition(" ")
+    verb = verb[:-3] + "y" if verb.endswith("ies") else verb.removesuffix("s")
+    return verb + " " + rest
+
+
+def brief(item):
+    """The first sentence up to where it becomes long-winded."""
+    text = re.split(r"[,:;(]|\.(?: |$)", item.text[0])[0].strip()
+    if item.kind == "function" and item.result == "qnm_api_code_t" or item.returns:
+        text = imperative(text)
+    if text[1].isupper():
+        return text  # a name
+    return text[0].lower() + text[1:]
+
+
+class Names:
+    """What stands out in a text: other pages, constants, members and parameters."""
+
+    def __init__(self, told):
+        self.pages = {}
+        self.words = set()
+        for item in told.items:
+            for one in [item] + item.aliases:
+                self.pages[one.name] = item.name
+            self.words |= {name for name, _ in item.members}
+        self.words |= set(self.pages)
+
+    def marked(self, text, own_parameters=()):
+        parts = re.split(r"(\w+)", text)
+        made = ""
+        for part in parts:
+            if part in self.words:
+                made += roff.bold(part)
+            elif part in own_parameters and "_" in part:
+                made += roff.italic(part)
+            else:
+                made += roff.escaped(part)
+        return made
+
+    def mentioned(self, texts):
+        """The pages of what texts speak of."""
+        words = {word for text in texts for word in re.findall(r"\w+", text)}
+        return {self.pages[word] for word in words if word in self.pages}
+
+
+def prototype(item):
+    """The declaration of a function, as lines that are escaped, its parameters in italics."""
+    begin = f"{item.result} {item.name}(".replace("* ", "*")
+    if not item.parameters:
+        return [roff.bold(begin + "void);")]
+    lines, width = [roff.bold(begin)], len(begin)
+    for at, (kind, name) in enumerate(item.parameters):
+        last = at + 1 == len(item.parameters)
+        end = ");" if last else ","
+        space = "" if kind.endswith("*") or not name else " "
+        length = len(kind + space + name + end) + (0 if last else 1)
+        if width + length > LINE and width > len(begin):
+            lines.append(roff.escaped(" " * len(begin)))
+            width = len(begin)
+        lines[-1] += roff.bold(kind + space) + (roff.italic(name) if name else "") + roff.bold(
+            end) + ("" if last else " ")
+        width += length
+    return [line.rstrip() for line in lines]
+
+
+# ---- Sections of a page -------------------------------------------------------------------------
+
+
+def name_section(item):
+    names = ", ".join(roff.escaped(one.name) for one in [item] + item.aliases)
+    return roff.heading("NAME") + names + " \\- " + roff.escaped(brief(item)) + "\n"
+
+
+def synopsis(item):
+    lines = [roff.bold("#include <qnm.h>"), ""]
+    if item.kind == "function":
+        for lines_of_one in map(prototype, [item] + item.aliases):
+            lines += lines_of_one
+            lines += [""] if len(lines_of_one) > 1 else []
+    else:
+        lines += [roff.escaped(line) for line in item.declaration]
+        for one in item.aliases:
+            lines += [roff.escaped(line) for line in one.declaration]
+    text = ".nf\n" + "\n".join(lines).rstrip().replace("\n\n", "\n.sp\n") + "\n.fi\n"
+    return roff.heading("SYNOPSIS") + text
+
+
+def library_section():
+    link = "pkg-config --cflags --libs qnm"
+    return (roff.heading("LIBRARY") + roff.escaped(LIBRARY) + " (" + roff.italic("libqnm") + ", " +
+            roff.italic("-lqnm") + ", " + roff.italic(link) + ")\n")
+
+
+def description(item, names):
+    own = [name for _, name in item.parameters]
+    return roff.heading("DESCRIPTION") + roff.paragraphs(
+        [names.marked(text, own) for text in item.text])
+
+
+def members(item, names):
+    if not item.members:
+        return ""
+    title = "MEMBERS" if item.kind == "struct" else "VALUES"
+    return roff.heading(title) + "".join(
+        roff.tagged(roff.bold(name), names.marked(text)) for name, text in item.members)
+
+
+def parameters(item, names):
+    if not item.described:
+        return ""
+    direction = {"in": "", "out": " (out)", "in,out": " (in, out)", "inout": " (in, out)"}
+    own = list(item.described)
+    return roff.heading("PARAMETERS") + "".join(
+        roff.tagged(roff.italic(name) + direction[way], names.marked(text, own))
+        for name, (way, text) in item.described.items())
+
+
+def return_value(item, codes, names):
+    if item.returns:
+        return roff.heading("RETURN VALUE") + names.marked(item.returns) + "\n"
+    if not item.retvals:
+        return ""
+    text = roff.heading("RETURN VALUE")
+    for code in sorted(item.retvals, key=codes.index):
+        text += roff.tagged(roff.bold(code), names.marked("; or ".join(item.retvals[code])))
+    return text
+
+
+def attribute_text(word, words):
+    """What a word of the table means, or several that stand with commas."""
+    meanings = [words[part] for part in word.split(", ") if part in words]
+    return word + (": " + ", then ".join(meanings) if meanings else "")
+
+
+def attributes(item, told, names):
+    row = promise_of(told, item.name)
+    text = roff.heading("ATTRIBUTES") + roff.tagged(
+        roff.bold("Threads"), "any thread may call, also several at once")
+    for column, word in row.items():
+        if word != "-":
+            text += roff.tagged(roff.bold(column[0].upper() + column[1:]),
+                                names.marked(attribute_text(word, told.words)))
+    return text
+
+
+def see_also(item, told, names):
+    texts = item.text + [text for _, text in item.described.values()] + item.declaration
+    texts += [kind for kind, _ in item.parameters] + [item.result, item.returns]
+    texts += list(item.retvals)
+    for one in told.items:
+        if item.kind != "function" and one.kind == "function":  # calls that take the type
+            takes = [kind for call in [one] + one.aliases for kind, _ in call.parameters]
+            takes += [text for _, text in one.described.values()]
+            if item.name in names.mentioned(takes):
+                texts.append(one.name)
+        if item.kind == one.kind == "function" and item.section == one.section:
+            texts.append(one.name)
+    pages = names.mentioned(texts) - {item.name}
+    return roff.heading("SEE ALSO") + roff.references(
+        [(page, 3) for page in pages] + [("qnm", 7)])
+
+
+def page(item, told, names, stamp):
+    codes = [name for one in told.items if one.name == "qnm_api_code_t" for name, _ in one.members]
+    text = '.\\" Made from the comments of qnm.h; not to be edited.\n'
+    text += roff.title(item.name, "3", stamp["date"], "libqnm " + stamp["version"],
+                       "libqnm Library Functions")
+    text += name_section(item) + library_section() + synopsis(item) + description(item, names)
+    text += members(item, names) + parameters(item, names) + return_value(item, codes, names)
+    if item.kind == "function":
+        text += attributes(item, told, names)
+    return text + see_also(item, told, names)
+
+
+# ---- The overview -------------------------------------------------------------------------------
+
+
+def list_of_pages(told, kinds):
+    """By the headings of the header."""
+    text, section = "", None
+    for item in told.items:
+        if (item.kind == "function") != (kinds == "function"):
+            continue
+        if item.section != section:
+            section = item.section
+            text += roff.subheading(section)
+        names = ", ".join(roff.bold(one.name) + "(3)" for one in [item] + item.aliases)
+        text += roff.tagged(names, roff.escaped(brief(item)))
+    return text
+
+
+def overview(template, told, names, stamp):
+    rules = "".join(
+        roff.tagged(roff.bold(rule.partition(":")[0]), names.marked(rule.partition(":")[2].strip()))
+        if re.match(r"[^.]{1,20}: ", rule) else ".TP\n\\(bu\n" + names.marked(rule) + "\n"
+        for rule in told.rules)
+    columns = "".join(roff.tagged(roff.bold(name.capitalize()), roff.escaped(text))
+                      for name, text in told.columns.items())
+    for mark, text in (("VERSION", stamp["version"]), ("DATE", stamp["date"]), ("RULES", rules),
+                       ("CALLS", list_of_pages(told, "function")), ("COLUMNS", columns),
+                       ("TYPES", list_of_pages(told, "type"))):
+        template = template.replace(f"@{mark}@", text.rstrip("\n"))
+    return template
+
+
+def write(file, text):
+    file.write_text(text, encoding="utf-8")
+
+
+def write_pages(told, given):
+    names = Names(told)
+    stamp = {"version": given.version, "date": given.date}
+    calls, concepts = (Path(given.to) / name for name in ("man3", "man7"))
+    shutil.rmtree(calls, ignore_errors=True)  # and with it the pages of names that are gone
+    for folder in (calls, concepts):
+        folder.mkdir(parents=True, exist_ok=True)
+    for item in told.items:
+        write(calls / f"{item.name}.3", page(item, told, names, stamp))
+        others = {one.name for one in item.aliases}
+        others |= {name for name, _ in item.members if item.kind == "enum"} - {item.name}
+        for other in others:
+            write(calls / f"{other}.3", f".so man3/{item.name}.3\n")
+    template = Path(given.overview).read_text(encoding="utf-8")
+    write(concepts / "qnm.7", overview(template, told, names, stamp))
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    for option in ("xml", "header", "overview", "version", "date", "to"):
+        parser.add_argument("--" + option, required=True)
+    given = parser.parse_args()
+    told = header.read(given.xml, given.header)
+    lines = list(missing(told))
+    for line in lines:
+        print(f"{given.header}: {line}", file=sys.stderr)
+    if lines:
+        return 1
+    write_pages(told, given)
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
