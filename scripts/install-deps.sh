@@ -20,6 +20,7 @@ needed=(
   g++ cmake ninja-build 'pkg-config|pkgconf' # the build
   libpcap-dev liblog4cxx-dev                 # the library
   libcli11-dev nlohmann-json3-dev            # qnmctl
+  libncurses-dev                             # ... and its full screen
   libtomlplusplus-dev                        # qnm-cardsim
   libgtest-dev libgmock-dev binutils         # the tests; nm lists what the library exports
   iproute2 util-linux                        # network namespaces: ip, unshare
@@ -30,6 +31,7 @@ needed=(
   python3                                    # the Python module
   doxygen                                    # the manual pages of the library
   mandoc man-db zsh python3-jsonschema       # what the tests check pages and qnmctl's output with
+  python3-pyte                               # ... and its full screen
 )
 commands=(g++ cmake ninja pkg-config nm ip unshare setcap tshark abidw abidiff python3)
 readonly cmake_minimum=3.25

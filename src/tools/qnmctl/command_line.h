@@ -52,6 +52,18 @@ struct access_options {
     std::uint32_t flags = 0;                     // QNM_FLAG_LIVECHECK and so on
 };
 
+// What the cards of the full-screen view are sorted by.
+enum class top_order { id, kind, type, vlan, paths, heard, events, rate };
+
+// How that view begins.
+struct top_options {
+    top_order order = top_order::id;
+    bool reversed = false;
+    std::string text = {};               // --filter
+    std::optional<bool> connected = {};  // --state; not given: all cards
+    double delay = 1;                    // seconds between two looks
+};
+
 // A verb and what was said with it.
 struct request {
     const verb* asked = nullptr;
@@ -72,6 +84,7 @@ struct request {
     std::vector<std::string> rest = {};    // of takes_rest
     double seconds = 0;                    // --for; 0: without limit
     std::uint64_t count = 0;               // --count; 0: without limit
+    top_options top = {};
 };
 
 // What may stand behind a verb; all_options() has the rows for each bit.
@@ -95,6 +108,7 @@ enum takes : unsigned {
     takes_shell = 1U << 15,
     takes_dot = 1U << 16,   // a graph is a form of output, too
     takes_rest = 1U << 17,  // all that follows, as it is
+    takes_top = 1U << 18,   // what the full-screen view begins with
 
     // Not for rows of the table of verbs.
     takes_output = 1U << 30,  // every verb does

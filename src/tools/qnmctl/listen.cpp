@@ -102,29 +102,6 @@ bool tell_events(context& with, const listening& how) {
     return !is_counted_out(with, how) && (!how.enough || !how.enough());
 }
 
-void check_running(const context& with) {
-    const auto ended = with.manager->result();
-    if (!ended) return;
-    std::string text = std::string("the manager has ended: ") + code_name(*ended);
-    const std::string log = with.where.temporary
-                                ? with.where.log.string()
-                                : file_of_logger(read_text(with.where.properties()), "logfile");
-    if (!log.empty()) text += "\nIts log is " + log;
-    throw error(text, *ended);
-}
-
-int milliseconds_until(clock::time_point deadline) {
-    if (deadline == clock::time_point::max()) return -1;
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - clock::now());
-    return static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, 60'000));
-}
-
-clock::time_point deadline_after(double seconds) {
-    if (seconds == 0) return clock::time_point::max();
-    return clock::now() +
-           std::chrono::duration_cast<clock::duration>(std::chrono::duration<double>(seconds));
-}
-
 }  // namespace
 
 void tell_failure(context& with, const std::string& text, std::optional<qnm_api_code_t> code) {
@@ -184,6 +161,29 @@ void listen_and_tell(context& with, const request& asked) {
     }
     listen(with,
            {.seconds = asked.seconds, .count = asked.count, .tells = true, .takes_lines = true});
+}
+
+void check_running(const context& with) {
+    const auto ended = with.manager->result();
+    if (!ended) return;
+    std::string text = std::string("the manager has ended: ") + code_name(*ended);
+    const std::string log = with.where.temporary
+                                ? with.where.log.string()
+                                : file_of_logger(read_text(with.where.properties()), "logfile");
+    if (!log.empty()) text += "\nIts log is " + log;
+    throw error(text, *ended);
+}
+
+int milliseconds_until(clock::time_point deadline) {
+    if (deadline == clock::time_point::max()) return -1;
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - clock::now());
+    return static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, 60'000));
+}
+
+clock::time_point deadline_after(double seconds) {
+    if (seconds == 0) return clock::time_point::max();
+    return clock::now() +
+           std::chrono::duration_cast<clock::duration>(std::chrono::duration<double>(seconds));
 }
 
 bool is_signalled(const context& with) {

@@ -10,6 +10,7 @@
 #include "changes.h"
 #include "operands.h"
 #include "text.h"
+#include "top_model.h"
 
 namespace qnmctl {
 
@@ -28,6 +29,7 @@ constexpr const char* running_level_words[] = {"fatal", "error", "warn", "info",
 constexpr const char* form_words[] = {"text", "json", "jsonl"};
 constexpr const char* graph_form_words[] = {"text", "json", "jsonl", "dot"};
 constexpr const char* shell_words[] = {"bash", "zsh"};
+constexpr const char* state_words[] = {"disconnected", "connected"};
 constexpr const char* event_words[] = {"NEWDEVINFO",      "UPDATEDEVINFO",   "CONNECTIONCHANGE",
                                        "MAJORMINORERROR", "PATHSTATECHANGE", "CHANNELSTATECHANGE",
                                        monitor_event};
@@ -156,6 +158,30 @@ problem set_count(const std::string& word, command_line& into) {
     return std::nullopt;
 }
 
+problem set_order(const std::string& word, command_line& into) {
+    into.asked.top.order = value_of<top_order>(top_order_words, word);
+    return std::nullopt;
+}
+
+problem set_reversed(const std::string&, command_line& into) {
+    into.asked.top.reversed = true;
+    return std::nullopt;
+}
+
+problem set_filter(const std::string& word, command_line& into) {
+    into.asked.top.text = word;
+    return std::nullopt;
+}
+
+problem set_state(const std::string& word, command_line& into) {
+    into.asked.top.connected = value_of<bool>(state_words, word);
+    return std::nullopt;
+}
+
+problem set_delay(const std::string& word, command_line& into) {
+    return take_seconds("--delay", word, into.asked.top.delay);
+}
+
 problem set_form(const std::string& word, command_line& into) {
     into.asked.form = value_of<output_form>(graph_form_words, word);
     return std::nullopt;
@@ -216,21 +242,21 @@ constexpr option rows[] = {
      .set = set_word},
     {.taken = takes_id, .names = "ID", .help = id_help, .offered = offers::cards, .set = set_id},
     {.taken = takes_ids, .names = "--all", .help = "All known cards", .set = set_all},
-    {.taken = takes_filter,
+    {.taken = takes_filter | takes_top,
      .names = "--card",
      .value = "ID",
      .help = "Only this card; repeatable",
      .offered = offers::cards,
      .repeatable = true,
      .set = add_card},
-    {.taken = takes_ids | takes_filter,
+    {.taken = takes_ids | takes_filter | takes_top,
      .names = "--kind",
      .value = "KIND",
      .help = "Only cards of this kind, qnsv or qnio",
      .offered = offers::words,
      .words = kind_words,
      .set = set_kind},
-    {.taken = takes_ids | takes_filter,
+    {.taken = takes_ids | takes_filter | takes_top,
      .names = "--group",
      .value = "VLANID",
      .help = "Only cards of this group",
@@ -243,6 +269,31 @@ constexpr option rows[] = {
      .words = event_words,
      .repeatable = true,
      .set = add_event},
+    {.taken = takes_top,
+     .names = "--state",
+     .value = "STATE",
+     .help = "Only cards of which a path is connected, or none: connected or disconnected",
+     .offered = offers::words,
+     .words = state_words,
+     .set = set_state},
+    {.taken = takes_top,
+     .names = "--filter",
+     .value = "TEXT",
+     .help = "Only cards whose ID, kind, type or vlanN hold all words of this text",
+     .set = set_filter},
+    {.taken = takes_top,
+     .names = "--sort",
+     .value = "ORDER",
+     .help = "id (default), kind, type, vlan, paths, heard, events or rate",
+     .offered = offers::words,
+     .words = top_order_words,
+     .set = set_order},
+    {.taken = takes_top, .names = "--reverse", .help = "Turn the order round", .set = set_reversed},
+    {.taken = takes_top,
+     .names = "-d,--delay",
+     .value = "SECONDS",
+     .help = "Seconds between two looks at the cards (default: 1)",
+     .set = set_delay},
     {.taken = takes_retry,
      .names = "--retries",
      .value = "N",

@@ -9,6 +9,7 @@
 #include "basic_verbs.h"
 #include "device_verbs.h"
 #include "help_verbs.h"
+#include "top.h"
 
 namespace qnmctl {
 
@@ -135,6 +136,14 @@ constexpr char show_help[] =
     "Beside the title of a field stands its name in JSON. A QNSV card has its bridge settings and\n"
     "its downstream ports behind the fields that cards of both kinds have.";
 
+constexpr char top_help[] =
+    "A full screen of ports, cards with their paths, and rates, looked at every second; ? lists "
+    "the\n"
+    "keys, q ends. Frames are those that the kernel counts on the interfaces of the ports, other\n"
+    "programs' among them; events are the library's. Rates are those of the last five seconds. A\n"
+    "path is C connected, D lost, or - never heard. heard sorts by the time since then, and like\n"
+    "events and rate the largest first. Needs a terminal; for scripts there are list and watch.";
+
 constexpr char mms_help[] =
     "Every card that is named gets the page; the cards do not acknowledge it. A multi-root card "
     "is\n"
@@ -177,6 +186,11 @@ constexpr verb table[] = {
      .seconds = 3,
      .run = run_topology,
      .answer = answer_topology},
+    {.name = "top",
+     .help = "Shows ports, cards and rates on a full screen, live",
+     .more_help = top_help,
+     .takes = takes_top | takes_for,
+     .run = run_top},
     {.name = "stats",
      .help = "Prints the manager's status dump",
      .more_help = stats_help,

@@ -1,0 +1,254 @@
+#!/usr/bin/python3
+"""The full-screen view against simulated cards, in a terminal of its own. To be run in a network
+namespace of its own.
+
+  usage: check_top.py QNMCTL CARDSIM
+
+Nothing waits for a time: every step waits until the screen shows what it has to.
+"""
+import fcntl
+import os
+import pty
+import re
+import select
+import signal
+import struct
+import subprocess
+import sys
+import tempfile
+import termios
+import time
+
+import pyte
+
+LIMIT = 60  # seconds, which only a failure reaches
+RACK = """ports = ["qsim0", "qsim1"]
+[[card]]
+name = "sv"
+kind = "qnsv"
+speed = "1g10g"
+id = 0x020000001000
+vlan_id = 10
+interval_ms = 500
+heard = ["P0M0"]
+[[card]]
+name = "rack"
+kind = "qnio"
+speed = "1g10g"
+id = 0x020000100000
+count = 2000
+step = 2
+interval_ms = 2000
+vlan_id = 100
+"""
+UP, DOWN, PAGE_DOWN, END, HOME = "\x1bOA", "\x1bOB", "\x1b[6~", "\x1bOF", "\x1bOH"
+OWN_SCREEN, FIRST_SCREEN = b"\x1b[?1049h", b"\x1b[?1049l"
+FIRST, LAST = "0x020000001000", "0x020000100f9e"
+
+
+class Failure(Exception):
+    pass
+
+
+class Top:
+    """A running view and the screen that a terminal makes of what it writes."""
+
+    def __init__(self, program, *options, size=(80, 24), env=None):
+        self.screen = pyte.Screen(*size)
+        self.stream = pyte.ByteStream(self.screen)
+        self.raw = b""
+        self.master, slave = pty.openpty()
+        self.set_size(*size)
+        self.before = termios.tcgetattr(self.master)
+        self.process = subprocess.Popen(
+            [program, "--ports", "qnm0,qnm1", "top", "--delay", "0.2", *options],
+            stdin=slave, stdout=slave, stderr=slave, start_new_session=True,
+            preexec_fn=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0),
+            env={**os.environ, "TERM": "xterm-256color", **(env or {})},
+        )
+        os.close(slave)
+
+    def set_size(self, columns, lines):
+        """As a terminal does when its window changes."""
+        fcntl.ioctl(self.master, termios.TIOCSWINSZ, struct.pack("HHHH", lines, columns, 0, 0))
+
+    def resize(self, columns, lines):
+        self.screen.resize(lines, columns)
+        self.set_size(columns, lines)
+
+    def text(self):
+        return "\n".join(self.screen.display)
+
+    def read(self, seconds):
+        """False at the end."""
+        if not select.select([self.master], [], [], seconds)[0]:
+            return True
+        try:
+            piece = os.read(self.master, 65536)
+        except OSError:  # the other end has been closed
+            return False
+        self.raw += piece
+        self.stream.feed(piece)
+        return bool(piece)
+
+    def until(self, what, *texts):
+        """The screen as soon as it has all of these (patterns); they have to come."""
+        give_up = time.monotonic() + LIMIT
+        while not all(re.search(text, self.text()) for text in texts):
+            if time.monotonic() > give_up or not self.read(1):
+                raise Failure(f"{what}: no {texts} in\n{self.text()}")
+        return self.text()
+
+    def type(self, keys):
+        os.write(self.master, keys.encode())
+
+    def selected(self):
+        """The line in reverse below the heading."""
+        for number in range(self.screen.lines - 1, 4, -1):
+            cell = self.screen.buffer[number][0]
+            if cell.reverse and cell.data == "0":
+                return self.screen.display[number]
+        return ""
+
+    def until_selected(self, text):
+        give_up = time.monotonic() + LIMIT
+        while text not in self.selected():
+            if time.monotonic() > give_up or not self.read(1):
+                raise Failure(f"{text} is not selected in\n{self.text()}")
+
+    def ends(self, what, status=0):
+        """By itself, and with the terminal as it was."""
+        give_up = time.monotonic() + LIMIT
+        while self.read(1):
+            if time.monotonic() > give_up:
+                self.process.kill()
+                raise Failure(f"{what}: it does not end\n{self.text()}")
+        ended = self.process.wait(LIMIT)
+        if ended != status:
+            raise Failure(f"{what}: status {ended}\n{self.text()}")
+        if termios.tcgetattr(self.master) != self.before:
+            raise Failure(f"{what}: the terminal is not as it was")
+        if self.raw.rfind(OWN_SCREEN) > self.raw.rfind(FIRST_SCREEN):
+            raise Failure(f"{what}: the first screen of the terminal is not back")
+        os.close(self.master)
+
+
+def check_view(program):
+    """Ports, cards, keys, filter, detail, help and sizes."""
+    top = Top(program)
+    top.until("cards", r"2001 cards: 1 QNSV, 2000 QNIO; 2001 connected", r"port 0 qnm0 +up",
+              r"frames/s in +\d*[1-9]", FIRST + r" QNSV 1/10G   10    C    -    -    -")
+    top.until_selected(FIRST)
+    top.type(DOWN)
+    top.until_selected("0x020000100000")
+    top.type("r")  # the selected card is now the last but one, and on the screen
+    top.until("order", r"sort id reversed")
+    top.until_selected("0x020000100000")
+    top.type("r" + END)
+    top.until_selected(LAST)
+    top.type(UP + HOME)
+    top.until_selected(FIRST)
+    top.type("/f9e vlan100")
+    top.until("filter", r"/f9e vlan100_", r"1 shown", LAST)
+    top.type("\r\r")
+    top.until("detail", rf"QNIO card {LAST}", r"path P1M0 +state.P1M0 +connected",
+              r"lines 1 to 22 of 3\d")
+    top.type(PAGE_DOWN)
+    top.until("detail", r"PCI vendor ID")
+    top.type("?")
+    top.until("help", r"Keys of qnmctl top", r"PgUp/PgDn")
+    top.type("x")
+    top.until("back", r"filter \"f9e vlan100\"")
+    top.type("\x1b")
+    top.until("no filter", r"2001 shown")
+    top.type("t")
+    top.until("kind", r"1 shown, only QNSV")
+    top.type("tt" + HOME)
+    for size in (60, 15), (200, 50), (10, 3), (80, 24):
+        top.resize(*size)
+        top.until(f"size {size}", r"\? help  q")
+        if size[1] >= 15:
+            top.until(f"size {size}", r"2001 shown", "P1M1", FIRST)
+    top.type("q")
+    top.ends("q")
+
+
+def check_options(program):
+    """What the view begins with, and the end of its time."""
+    top = Top(program, "--sort", "vlan", "--reverse", "--filter", "0x0200001000", "--kind", "qnio",
+              "--state", "connected")
+    top.until("options", r"sort vlan reversed; 128 shown, only QNIO, only connected, filter")
+    top.type("q")
+    top.ends("q")
+    Top(program, "--for", "0.1").ends("--for")
+
+
+def check_ends(program):
+    """Every way out gives the terminal back."""
+    for number in signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT:
+        top = Top(program)
+        top.until("cards", r"port 0 qnm0 +up")
+        if OWN_SCREEN not in top.raw:
+            raise Failure("the view does not take the other screen of the terminal")
+        top.process.send_signal(number)
+        top.ends(number.name)
+    for name, key in ("Ctrl-C", "\x03"), ("Esc", "\x1b"):
+        top = Top(program)
+        top.until("cards", r"port 0 qnm0 +up")
+        top.type(key)
+        top.ends(name)
+
+
+def check_colours(program):
+    """Colours only where they are wanted."""
+    for env, wanted in ({}, True), ({"NO_COLOR": "1"}, False):
+        top = Top(program, env=env)
+        top.until("cards", FIRST)
+        top.until_selected(FIRST)
+        top.type("q")
+        top.ends("q")
+        if bool(re.search(rb"\x1b\[[0-9;]*3[0-9]m", top.raw)) != wanted:
+            raise Failure(f"colours with {env}: {top.raw[:2000]}")
+
+
+def check_refusals(program):
+    """Without a terminal that can be a screen, the message says what can be used instead."""
+    for term in "dumb", "":
+        top = Top(program, env={"TERM": term})
+        top.ends("TERM " + term, 2)
+        top.stream.feed(top.raw)
+        if "list" not in top.text() or "watch" not in top.text() or b"\x1b" in top.raw:
+            raise Failure(f"TERM {term}: {top.raw}")
+    for options in [], ["-o", "json"]:
+        told = subprocess.run([program, "--ports", "qnm0", "top", *options], capture_output=True,
+                              stdin=subprocess.DEVNULL, check=False, timeout=LIMIT, text=True)
+        if told.returncode != 2 or "list" not in told.stderr or "watch" not in told.stderr:
+            raise Failure(f"no terminal: {told}")
+
+
+def main():
+    program, cardsim = sys.argv[1:]
+    for port in "01":
+        subprocess.run(["ip", "link", "add", "qnm" + port, "type", "veth", "peer", "name",
+                        "qsim" + port], check=True)
+        for end in "qnm", "qsim":
+            subprocess.run(["ip", "link", "set", end + port, "up"], check=True)
+    with tempfile.NamedTemporaryFile("w", suffix=".toml") as scenario:
+        scenario.write(RACK)
+        scenario.flush()
+        with subprocess.Popen([cardsim, scenario.name, "--quiet"], stdin=subprocess.PIPE,
+                              stdout=subprocess.DEVNULL) as cards:
+            try:
+                for check in (check_refusals, check_view, check_options, check_ends,
+                              check_colours):
+                    started = time.monotonic()
+                    check(program)
+                    print(f"{check.__name__}: {time.monotonic() - started:.1f} s")
+            except Failure as failure:
+                sys.exit(str(failure))
+            finally:
+                cards.terminate()
+
+
+if __name__ == "__main__":
+    main()

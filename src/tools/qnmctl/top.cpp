@@ -1,0 +1,160 @@
+// The loop behind the full-screen view: looks at cards and ports from time to time, counts events,
+// and obeys keys, all on the main thread.
+#include "top.h"
+
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <iterator>
+
+#include "config_file.h"
+#include "listen.h"
+#include "session.h"
+#include "top_screen.h"
+
+namespace qnmctl {
+
+namespace {
+
+using clock = std::chrono::steady_clock;
+using seconds = std::chrono::duration<double>;
+
+// SIGWINCH, and what would end the command with the terminal as it is. As input, like the signals
+// that end every command; blocked before a thread is started, so that no other one takes them.
+class screen_signals {
+  public:
+    screen_signals() {
+        sigset_t wanted;
+        sigemptyset(&wanted);
+        sigaddset(&wanted, SIGWINCH);
+        sigaddset(&wanted, SIGQUIT);
+        pthread_sigmask(SIG_BLOCK, &wanted, &before_);
+        fd_ = signalfd(-1, &wanted, SFD_CLOEXEC | SFD_NONBLOCK);
+        if (fd_ < 0) throw error(std::string("cannot wait for signals: ") + std::strerror(errno));
+    }
+    ~screen_signals() {
+        close(fd_);
+        pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+    }
+    screen_signals(const screen_signals&) = delete;
+    screen_signals& operator=(const screen_signals&) = delete;
+
+    int fd() const { return fd_; }
+
+    // The number of one that has come; 0 when there is none.
+    int take() const {
+        signalfd_siginfo told{};
+        const ssize_t length = read(fd_, &told, sizeof told);
+        return length == sizeof told ? static_cast<int>(told.ssi_signo) : 0;
+    }
+
+  private:
+    sigset_t before_ = {};
+    int fd_ = -1;
+};
+
+struct view {
+    context& with;
+    const screen_signals& signals;
+    top_screen& screen;
+    top_model model = {};
+    clock::time_point begun = clock::now();
+};
+
+top_model first_model(const context& with, const request& asked) {
+    top_model made;
+    made.order = asked.top.order;
+    made.reversed = asked.top.reversed;
+    made.filter = {asked.top.text, asked.cards, asked.top.connected};
+    for (const std::string& name : configured_ports(read_text(with.where.config())))
+        made.ports.push_back({.name = name});
+    return made;
+}
+
+void look(view& of) {
+    const double now = seconds(clock::now() - of.begun).count();
+    look_at_ports(of.model, read_port_counts(), now);
+    look_at_cards(of.model, read_cards(), std::chrono::system_clock::now(), now);
+}
+
+void take_events(view& of) {
+    const session::batch batch = of.with.manager->take();
+    count_events(of.model, batch.events, batch.lost);
+    check_running(of.with);
+}
+
+void take_signals(view& of) {
+    while (const int number = of.signals.take()) {
+        if (number == SIGWINCH) of.screen.resize();
+        if (number == SIGQUIT) of.model.quit = true;
+    }
+}
+
+void take_keys(view& of) {
+    while (const auto key = of.screen.key()) {
+        press(of.model, *key);
+        if (of.model.quit) return;
+    }
+}
+
+// Waits for anything but events, which only count until the next look; false when a signal or the
+// end of the terminal ends the view.
+bool wait_for_input(view& of, clock::time_point until) {
+    enum { keys, ends, signals, events };
+    pollfd waited[] = {{STDIN_FILENO, POLLIN, 0},
+                       {of.with.signals, POLLIN, 0},
+                       {of.signals.fd(), POLLIN, 0},
+                       {of.with.manager->wake_fd(), POLLIN, 0}};
+    while (clock::now() < until) {
+        if (poll(waited, std::size(waited), milliseconds_until(until)) < 0) {
+            if (errno == EINTR) continue;
+            throw error(std::string("cannot wait: ") + std::strerror(errno));
+        }
+        if (waited[ends].revents != 0) return false;
+        if ((waited[keys].revents & (POLLHUP | POLLERR | POLLNVAL)) != 0) return false;
+        if (waited[events].revents != 0) take_events(of);
+        if (waited[signals].revents != 0) take_signals(of);
+        if (waited[keys].revents != 0) take_keys(of);
+        if (waited[signals].revents != 0 || waited[keys].revents != 0) return true;
+    }
+    return true;
+}
+
+void show(view& of, const request& asked) {
+    const auto delay = std::chrono::duration_cast<clock::duration>(seconds(asked.top.delay));
+    const clock::time_point end = deadline_after(asked.seconds);
+    clock::time_point next_look = clock::now();
+    while (!of.model.quit && clock::now() < end) {
+        if (clock::now() >= next_look) {
+            look(of);
+            next_look = clock::now() + delay;
+        }
+        of.screen.draw(top_lines(of.model, of.screen.size()));
+        if (!wait_for_input(of, std::min(end, next_look))) return;
+    }
+}
+
+}  // namespace
+
+int run_top(context& with, const request& asked) {
+    if (!with.told.is_text()) {
+        throw usage_error(
+            "top has only a screen to show\n\"list -o json\" and \"watch -o jsonl\" are for "
+            "scripts.");
+    }
+    if (const auto problem = screen_problem()) throw usage_error(*problem);
+    const screen_signals signals;
+    start(with);
+    top_screen screen(with.how.coloured);
+    view of{with, signals, screen, first_model(with, asked)};
+    show(of, asked);
+    return exit_ok;
+}
+
+}  // namespace qnmctl

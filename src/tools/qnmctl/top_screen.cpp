@@ -1,0 +1,135 @@
+// Everything that knows ncurses.
+//
+// Signals are none of its business: SIGWINCH and what ends the program are blocked and arrive as
+// input, so that no handler of ncurses runs, except for Ctrl-Z.
+#include "top_screen.h"
+
+#define NCURSES_NOMACROS
+#include <ncurses.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <iterator>
+
+#include "text.h"
+#include "top_terminal.h"
+
+namespace qnmctl {
+
+namespace {
+
+struct style_row {
+    attr_t attributes;
+    attr_t without_colours;
+    short foreground;  // -1: the terminal's own
+};
+
+// Indexed by top_style; the pair of colours of each has the number behind it.
+constexpr style_row styles[] = {
+    {A_NORMAL, A_NORMAL, -1},           {A_BOLD, A_BOLD, -1},
+    {A_REVERSE, A_REVERSE, -1},         {A_REVERSE | A_BOLD, A_REVERSE | A_BOLD, COLOR_CYAN},
+    {A_NORMAL, A_NORMAL, COLOR_YELLOW}, {A_NORMAL, A_BOLD, COLOR_RED},
+};
+static_assert(std::size(styles) == static_cast<std::size_t>(top_style::alarm) + 1);
+
+constexpr int ctrl_h = 8;
+constexpr int ctrl_l = 12;
+constexpr int ctrl_u = 21;
+constexpr int escape = 27;
+constexpr int del = 127;
+
+struct key_pair {
+    int theirs;
+    int ours;
+};
+
+constexpr key_pair keys[] = {
+    {KEY_UP, key_up},
+    {KEY_DOWN, key_down},
+    {KEY_PPAGE, key_page_up},
+    {KEY_NPAGE, key_page_down},
+    {KEY_HOME, key_home},
+    {KEY_END, key_end},
+    {KEY_ENTER, key_enter},
+    {'\n', key_enter},
+    {'\r', key_enter},
+    {escape, key_escape},
+    {KEY_BACKSPACE, key_backspace},
+    {ctrl_h, key_backspace},
+    {del, key_backspace},
+    {ctrl_u, key_clear},
+};
+
+int key_of(int theirs) {
+    const auto found = std::find_if(std::begin(keys), std::end(keys),
+                                    [&](const key_pair& of) { return of.theirs == theirs; });
+    if (found != std::end(keys)) return found->ours;
+    return theirs >= ' ' && theirs <= '~' ? theirs : 0;
+}
+
+}  // namespace
+
+std::optional<std::string> screen_problem() {
+    constexpr char instead[] =
+        "\n\"list\" shows the cards once, \"watch\" tells events as they come; both need none.";
+    if (isatty(STDIN_FILENO) != 1 || isatty(STDOUT_FILENO) != 1) {
+        return std::string("top needs a terminal for its input and its output") + instead;
+    }
+    if (can_move_cursor()) return std::nullopt;
+    const char* const term = std::getenv("TERM");
+    return "top needs a terminal with a cursor that can be moved, and TERM is " +
+           (term == nullptr ? "not set" : '"' + std::string(term) + '"') + instead;
+}
+
+top_screen::top_screen(bool coloured) : own_(newterm(nullptr, stdout, stdin)) {
+    if (own_ == nullptr) throw error("cannot use the terminal as a screen");
+    cbreak();
+    noecho();
+    nonl();
+    curs_set(0);
+    keypad(stdscr, TRUE);
+    nodelay(stdscr, TRUE);
+    set_escdelay(50);  // milliseconds in which the rest of a key's sequence comes
+    coloured_ = coloured && has_colors() && start_color() == OK && use_default_colors() == OK;
+    for (std::size_t at = 0; coloured_ && at < std::size(styles); ++at)
+        init_pair(static_cast<short>(at + 1), styles[at].foreground, -1);
+}
+
+top_screen::~top_screen() {
+    endwin();
+    delscreen(own_);
+}
+
+top_size top_screen::size() const {
+    return {static_cast<std::size_t>(getmaxx(stdscr)), static_cast<std::size_t>(getmaxy(stdscr))};
+}
+
+void top_screen::draw(const std::vector<top_line>& lines) {
+    erase();
+    int row = 0;
+    for (const top_line& one : lines) {
+        const auto style = static_cast<std::size_t>(one.style);
+        mvaddstr(row, 0, one.text.c_str());
+        mvchgat(row, 0, -1, coloured_ ? styles[style].attributes : styles[style].without_colours,
+                static_cast<short>(coloured_ ? style + 1 : 0), nullptr);
+        ++row;
+    }
+    refresh();
+}
+
+void top_screen::resize() {
+    winsize now{};
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &now) != 0 || now.ws_row == 0 || now.ws_col == 0) return;
+    resizeterm(now.ws_row, now.ws_col);
+}
+
+std::optional<int> top_screen::key() {
+    const int theirs = getch();
+    if (theirs == ERR) return std::nullopt;
+    if (theirs == ctrl_l) clearok(curscr, TRUE);
+    return key_of(theirs);
+}
+
+}  // namespace qnmctl
