@@ -7,6 +7,8 @@
 #include <ctime>
 #include <iterator>
 
+#include "doctor.h"
+
 namespace qnmctl {
 
 namespace {
@@ -157,7 +159,8 @@ std::vector<status_row> exit_statuses() {
     std::vector<status_row> rows = {
         {exit_ok, "success"},
         {exit_failed, "failed without a result code, or ended by a signal before all was done"},
-        {exit_usage, "wrong usage"}};
+        {exit_usage, "wrong usage"},
+        {exit_unwell, "doctor has found errors"}};
     for (int code = QNM_API_SUCCESS + 1; code < QNM_API_CODE_MAX; ++code) {
         const code_words& words = codes[code];
         rows.push_back({code_status(static_cast<qnm_api_code_t>(code)),

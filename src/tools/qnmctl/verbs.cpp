@@ -8,6 +8,7 @@
 #include "access.h"
 #include "basic_verbs.h"
 #include "device_verbs.h"
+#include "doctor_verb.h"
 #include "help_verbs.h"
 #include "top.h"
 
@@ -131,6 +132,14 @@ constexpr char topology_help[] =
     "the QNSV card it is bound to. Where only one of them reports a link, or the other one is not\n"
     "heard, an exclamation mark says so. -o dot is for Graphviz: qnmctl --ports eth1 topology -o\n"
     "dot | dot -Tsvg.";
+
+constexpr char doctor_help[] =
+    "Looks at privileges, interfaces with their link and VLAN offload, capture, clock, both files "
+    "of\n"
+    "the configuration line by line, log folders and free space, without starting a manager and\n"
+    "without changing anything. Each finding is ok, a note, a warning or an error, and has its\n"
+    "remedy below it. Run it as the user that the host program runs as. The exit status is 3 when\n"
+    "there is an error: a manager would not start, or do without what it is told to use.";
 
 constexpr char show_help[] =
     "Beside the title of a field stands its name in JSON. A QNSV card has its bridge settings and\n"
@@ -306,6 +315,10 @@ constexpr verb table[] = {
      .run = run_loglevel,
      .answer = answer_loglevel,
      .streams = true},
+    {.name = "doctor",
+     .help = "Finds what keeps a manager from working here, and says what helps",
+     .more_help = doctor_help,
+     .run = run_doctor},
     {.name = "completion",
      .help = "Prints the completion script of a shell",
      .more_help = completion_help,

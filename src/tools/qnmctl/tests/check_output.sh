@@ -102,6 +102,8 @@ for ((tries = 0; tries < 60; tries++)); do
   ! grep --quiet "^$server" "$work/offered" || break
 done
 has offered "$server	QNSV card of group 16"
+tell 0 doctor doctor
+has doctor.json '"check":"link","severity":"ok"'
 tell 13 unheard show 0x99 --for 0.1
 has unheard.json '"result":"QNM_API_ENOENT"'
 tell 2 refused eeprom restore "$device" "$work/image"

@@ -8,8 +8,10 @@
 
 #include "access_report.h"
 #include "config_file.h"
+#include "doctor_report.h"
 #include "report.h"
 #include "sample_cards.h"
+#include "sample_system.h"
 #include "topology.h"
 #include "written.h"
 
@@ -86,6 +88,18 @@ void tell_topology(writer& told) {
     told.end(exit_ok);
 }
 
+void tell_findings(writer& told) {
+    inspected system = sample_system();
+    system.config = sample_file("/opt/tarvo/qnm/conf/qnm.conf", "ether_port = eth1\ntag_mxa = 7\n");
+    system.interfaces[1].link = false;
+    system.clock.synchronised = false;
+    const findings found = examine(all_checks(), system);
+    for (const finding& one : found)
+        told.record("finding", finding_json(one));
+    told.record("summary", summary_json(found));
+    told.end(exit_unwell);
+}
+
 void tell_nothing(writer& told) {
     told.end(exit_ok);
 }
@@ -98,6 +112,7 @@ constexpr golden files[] = {
     {"watch.jsonl", "watch", output_form::json_lines, tell_events},
     {"reg-read.json", "reg read", output_form::json_document, tell_results},
     {"reg-dump.jsonl", "reg dump", output_form::json_lines, tell_dump},
+    {"doctor.json", "doctor", output_form::json_document, tell_findings},
     {"topology.json", "topology", output_form::json_document, tell_topology},
 };
 

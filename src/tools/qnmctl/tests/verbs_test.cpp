@@ -9,6 +9,7 @@
 #include <set>
 
 #include "completion.h"
+#include "doctor.h"
 #include "man_page.h"
 #include "options.h"
 #include "text.h"
@@ -157,7 +158,7 @@ TEST(ExitStatus, IsOneForEachResultCode) {
     std::set<int> documented;
     for (const status_row& row : exit_statuses())
         documented.insert(row.status);
-    statuses.insert({exit_failed, exit_usage});
+    statuses.insert({exit_failed, exit_usage, exit_unwell});
     EXPECT_EQ(statuses, documented);
 }
 

@@ -1,0 +1,302 @@
+// Follows the library's three loggers to their appenders, and these to their files.
+#include "doctor_logs.h"
+
+#include <algorithm>
+#include <cctype>
+#include <charconv>
+#include <map>
+#include <set>
+#include <sstream>
+
+#include "doctor_words.h"
+#include "text.h"
+
+namespace qnmctl {
+
+namespace {
+
+constexpr const char* loggers[] = {"logfile", "syslogfile", "statslogfile"};
+constexpr char blanks[] = " \t\r\n\f";
+
+using properties = std::map<std::string, std::string>;
+
+struct appender {
+    std::string name;
+    std::string kind;  // the class, without its packages; empty: there is none
+    std::string file;
+    std::string largest;  // MaxFileSize
+    std::string backups;  // MaxBackupIndex
+};
+
+struct logger {
+    const char* name;
+    bool given;
+    std::string level;
+    std::vector<std::string> appenders;
+};
+
+// ---- The file -----------------------------------------------------------------------------------
+
+std::string trimmed(const std::string& text) {
+    const std::size_t start = text.find_first_not_of(blanks);
+    if (start == std::string::npos) return {};
+    return text.substr(start, text.find_last_not_of(blanks) + 1 - start);
+}
+
+std::string without_escapes(const std::string& text) {
+    std::string made;
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        if (text[at] == '\\' && at + 1 < text.size()) ++at;
+        made += text[at];
+    }
+    return made;
+}
+
+properties read_properties(const std::string& text) {
+    properties found;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        line = trimmed(line);
+        const std::size_t sign = line.find_first_of("=:");
+        if (line.starts_with('#') || line.starts_with('!') || sign == std::string::npos) continue;
+        found[trimmed(line.substr(0, sign))] = without_escapes(trimmed(line.substr(sign + 1)));
+    }
+    return found;
+}
+
+std::string value_of(const properties& in, const std::string& key) {
+    const auto found = in.find(key);
+    return found == in.end() ? "" : found->second;
+}
+
+logger find_logger(const properties& in, const char* name) {
+    const std::string key = std::string("log4j.logger.") + name;
+    const std::string value = value_of(in, key);
+    logger found = {.name = name,
+                    .given = in.count(key) > 0,
+                    .level = trimmed(value.substr(0, value.find(','))),
+                    .appenders = {}};
+    if (value.find(',') == std::string::npos) return found;
+    found.appenders = split(value.substr(value.find(',')), ", \t");
+    return found;
+}
+
+appender find_appender(const properties& in, const std::string& name) {
+    const std::string key = "log4j.appender." + name;
+    const std::string type = value_of(in, key);
+    return {.name = name,
+            .kind = type.substr(type.rfind('.') + 1),
+            .file = value_of(in, key + ".File"),
+            .largest = value_of(in, key + ".MaxFileSize"),
+            .backups = value_of(in, key + ".MaxBackupIndex")};
+}
+
+bool writes_file(const appender& of) {
+    return of.kind.ends_with("FileAppender");
+}
+
+// Each once, by the loggers' order.
+std::vector<appender> all_appenders(const properties& in) {
+    std::vector<appender> found;
+    std::set<std::string> names;
+    for (const char* const name : loggers) {
+        for (const std::string& one : find_logger(in, name).appenders) {
+            if (names.insert(one).second) found.push_back(find_appender(in, one));
+        }
+    }
+    return found;
+}
+
+// ---- Sizes --------------------------------------------------------------------------------------
+
+constexpr std::uintmax_t mebi = std::uintmax_t{1} << 20;
+
+// "10MB", as log4cxx has it; the default where it is nothing of that form.
+std::uintmax_t size_of(const std::string& text, std::uintmax_t otherwise) {
+    std::uintmax_t value = 0;
+    const char* const end = text.data() + text.size();
+    const auto [stop, problem] = std::from_chars(text.data(), end, value);
+    if (problem != std::errc{}) return otherwise;
+    std::string unit = trimmed(std::string(stop, end));
+    for (char& c : unit)
+        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    if (unit == "KB") return value << 10;
+    if (unit == "MB") return value << 20;
+    return unit == "GB" ? value << 30 : value;
+}
+
+// What its files can grow to together.
+std::uintmax_t room_for(const appender& of) {
+    constexpr std::uintmax_t without_limit = 64 * mebi;  // for a while
+    if (of.kind != "RollingFileAppender") return without_limit;
+    return size_of(of.largest, 10 * mebi) * (size_of(of.backups, 1) + 1);
+}
+
+std::string size_text(std::uintmax_t bytes) {
+    return bytes < mebi ? std::to_string(bytes >> 10) + " KiB"
+                        : std::to_string(bytes / mebi) + " MiB";
+}
+
+// ---- Findings -----------------------------------------------------------------------------------
+
+// Whether the file can be used at all.
+bool check_file(const file_facts& file, findings& found) {
+    finding told = {.rank = severity::error, .about = file.name};
+    if (file.state == file_state::missing) {
+        told.text = "there is no such file, and the library does not start without it";
+        told.remedy = "Copy the sample conf/qnm_log4c.properties there.";
+    } else if (file.state == file_state::no_file) {
+        told.text = "is no regular file, and the library does not start without one";
+        told.remedy = "Move it away, and copy the sample conf/qnm_log4c.properties there.";
+    } else if (file.state == file_state::unreadable) {
+        told.text = "cannot be read: " + file.problem;
+        told.remedy = "Let the user of the host program read it: chmod, chown.";
+    } else if (file.size > file.text.size()) {
+        told.rank = severity::warning;
+        told.text = "has " + std::to_string(file.size) + " bytes; only the first " +
+                    std::to_string(file.text.size()) + " were looked at";
+        told.remedy = "Is it the right file?";
+    } else {
+        return true;
+    }
+    found.push_back(told);
+    return file.state == file_state::readable;
+}
+
+void check_level(const std::string& file, const logger& of, findings& found) {
+    constexpr const char* hiding[] = {"OFF", "FATAL", "ERROR", "WARN", "INFO", "DEBUG"};
+    std::string level = of.level;
+    for (char& c : level)
+        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    if (std::find(std::begin(hiding), std::end(hiding), level) == std::end(hiding)) return;
+    found.push_back({.rank = severity::note,
+                     .about = file,
+                     .text = std::string(of.name) + " has the level " + level +
+                             ", so lines below it are made and then dropped",
+                     .remedy = "Set it to ALL, and how much is logged by log_level in qnm.conf."});
+}
+
+void check_logger(const std::string& file, const properties& in, const logger& of,
+                  findings& found) {
+    if (of.appenders.empty()) {
+        found.push_back({.rank = severity::warning,
+                         .about = file,
+                         .text = std::string("the logger ") + of.name +
+                                 (of.given ? " has no appender" : " is not there") +
+                                 ", so its lines go where the host program's own log goes",
+                         .remedy = std::string("Add: log4j.logger.") + of.name +
+                                   "=ALL, and the name of an appender."});
+    }
+    for (const std::string& name : of.appenders) {
+        const appender used = find_appender(in, name);
+        const bool lost = used.kind.empty() || (writes_file(used) && used.file.empty());
+        found.push_back({.rank = lost ? severity::error : severity::ok,
+                         .about = file,
+                         .text = std::string("the logger ") + of.name + " writes to the appender " +
+                                 printable(name),
+                         .remedy = {}});
+        if (!lost) continue;
+        found.back().text += used.kind.empty() ? ", which is not defined" : ", which has no file";
+        found.back().remedy = "Add: log4j.appender." + printable(name) +
+                              (used.kind.empty() ? "=org.apache.log4j.RollingFileAppender"
+                                                 : ".File=/var/log/qnm/qnm.log");
+    }
+    check_level(file, of, found);
+}
+
+void check_log(const log_place& place, findings& found) {
+    finding told = {.about = printable(place.file), .text = "can be written"};
+    if (!place.problem.empty()) {
+        told.rank = severity::error;
+        told.text = place.problem + ", so the lines are lost";
+        told.remedy =
+            "Let the user of the host program write there, or name another file in "
+            "qnm_log4c.properties.";
+    } else if (!place.file.starts_with('/')) {
+        told.rank = severity::warning;
+        told.text = "is taken from the working directory of the host program, whichever that is";
+        told.remedy = "Name the file by its whole path.";
+    } else if (!place.folder_writable) {
+        told.rank = severity::warning;
+        told.text = "can be written, but not renamed when it is full, because its folder cannot";
+        told.remedy = "Let the user of the host program write to " + printable(place.folder) + '.';
+    }
+    found.push_back(told);
+}
+
+// For all logs of a folder.
+std::uintmax_t room_in(const std::string& folder, const std::vector<log_place>& places,
+                       const std::vector<appender>& writers) {
+    std::uintmax_t wanted = 0;
+    for (const log_place& place : places) {
+        const auto writer = std::find_if(writers.begin(), writers.end(),
+                                         [&](const appender& of) { return of.file == place.file; });
+        if (place.folder == folder && writer != writers.end()) wanted += room_for(*writer);
+    }
+    return wanted;
+}
+
+void check_room(const log_place& place, std::uintmax_t wanted, findings& found) {
+    constexpr std::uintmax_t least = mebi;
+    finding told = {.about = printable(place.folder),
+                    .text = size_text(place.free_bytes) + " are free; the logs there grow to " +
+                            size_text(wanted) + " together"};
+    if (!place.files_can_be_made) {
+        told.rank = severity::error;
+        told.text = "no further file can be made there; the file system has no inodes left";
+    } else if (place.free_bytes < least) {
+        told.rank = severity::error;
+        told.text = "the file system is full, so lines are lost";
+    } else if (place.free_bytes < wanted) {
+        told.rank = severity::warning;
+        told.text = "only " + told.text;
+    }
+    if (told.rank != severity::ok) {
+        told.remedy =
+            "Free some space, or lower MaxFileSize and MaxBackupIndex in "
+            "qnm_log4c.properties.";
+    }
+    found.push_back(told);
+}
+
+}  // namespace
+
+std::vector<std::string> log_files(const std::string& text) {
+    std::vector<std::string> files;
+    for (const appender& one : all_appenders(read_properties(text))) {
+        const bool known = std::find(files.begin(), files.end(), one.file) != files.end();
+        if (writes_file(one) && !one.file.empty() && !known) files.push_back(one.file);
+    }
+    return files;
+}
+
+void check_properties(const inspected& system, findings& found) {
+    if (!check_file(system.properties, found)) return;
+    const properties in = read_properties(system.properties.text);
+    for (const char* const name : loggers)
+        check_logger(system.properties.name, in, find_logger(in, name), found);
+}
+
+void check_logs(const inspected& system, findings& found) {
+    for (const log_place& place : system.logs) {
+        if (place.file.find("${") == std::string::npos) {
+            check_log(place, found);
+            continue;
+        }
+        found.push_back({.rank = severity::note,
+                         .about = printable(place.file),
+                         .text = "holds a variable of the host program, so it was not looked at",
+                         .remedy = {}});
+    }
+}
+
+void check_space(const inspected& system, findings& found) {
+    const std::vector<appender> writers = all_appenders(read_properties(system.properties.text));
+    std::set<std::string> told;
+    for (const log_place& place : system.logs) {
+        if (place.folder.empty() || !told.insert(place.folder).second) continue;
+        check_room(place, room_in(place.folder, system.logs, writers), found);
+    }
+}
+
+}  // namespace qnmctl
