@@ -79,11 +79,14 @@ struct request {
     monitor_action action = monitor_action::stop;
     bool verbose = false;
     output_form form = output_form::text;
-    std::vector<std::string> events = {};  // --event; empty: every event
-    std::string word = {};                 // a fixed word that has no field of its own
-    std::vector<std::string> rest = {};    // of takes_rest
-    double seconds = 0;                    // --for; 0: without limit
-    std::uint64_t count = 0;               // --count; 0: without limit
+    std::vector<std::string> events = {};    // --event; empty: every event
+    std::string word = {};                   // a fixed word that has no field of its own
+    std::vector<std::string> rest = {};      // of takes_rest
+    std::optional<int> snaplen = {};         // --snaplen
+    std::vector<std::string> messages = {};  // --message; empty: every message
+    bool dropped = false;                    // --dropped
+    double seconds = 0;                      // --for; 0: without limit
+    std::uint64_t count = 0;                 // --count; 0: without limit
     top_options top = {};
 };
 
@@ -106,9 +109,13 @@ enum takes : unsigned {
     takes_yes = 1U << 13,
     takes_level = 1U << 14,
     takes_shell = 1U << 15,
-    takes_dot = 1U << 16,   // a graph is a form of output, too
-    takes_rest = 1U << 17,  // all that follows, as it is
-    takes_top = 1U << 18,   // what the full-screen view begins with
+    takes_dot = 1U << 16,     // a graph is a form of output, too
+    takes_rest = 1U << 17,    // all that follows, as it is
+    takes_top = 1U << 18,     // what the full-screen view begins with
+    takes_frames = 1U << 19,  // a number of them, in place of events
+    takes_snaplen = 1U << 20,
+    takes_frame_filter = 1U << 21,
+    takes_frame_fields = 1U << 22,
 
     // Not for rows of the table of verbs.
     takes_output = 1U << 30,  // every verb does

@@ -28,6 +28,9 @@ constexpr const char* running_level_words[] = {"fatal", "error", "warn", "info",
                                                "debug", "trace", "none"};
 constexpr const char* form_words[] = {"text", "json", "jsonl"};
 constexpr const char* graph_form_words[] = {"text", "json", "jsonl", "dot"};
+constexpr const char* message_words[] = {"devinfo",       "notify",    "completion",
+                                         "reset",         "vlan-set",  "register-write",
+                                         "register-read", "mms-write", "other"};
 constexpr const char* shell_words[] = {"bash", "zsh"};
 constexpr const char* state_words[] = {"disconnected", "connected"};
 constexpr const char* event_words[] = {"NEWDEVINFO",      "UPDATEDEVINFO",   "CONNECTIONCHANGE",
@@ -45,6 +48,7 @@ Value value_of(std::span<const char* const> words, const std::string& word) {
 
 constexpr operand group_operand = {.name = "--group", .help = "", .least = 1, .most = 4094};
 constexpr operand retries_operand = {.name = "--retries", .help = ""};
+constexpr operand snaplen_operand = {.name = "--snaplen", .help = "", .least = 64, .most = 262144};
 constexpr operand interval_operand = {.name = "--interval", .help = "", .least = 1};
 
 template <class Value>
@@ -182,6 +186,20 @@ problem set_delay(const std::string& word, command_line& into) {
     return take_seconds("--delay", word, into.asked.top.delay);
 }
 
+problem set_snaplen(const std::string& word, command_line& into) {
+    return take_number(snaplen_operand, word, into.asked.snaplen);
+}
+
+problem add_message(const std::string& word, command_line& into) {
+    into.asked.messages.push_back(word);
+    return std::nullopt;
+}
+
+problem set_dropped(const std::string&, command_line& into) {
+    into.asked.dropped = true;
+    return std::nullopt;
+}
+
 problem set_form(const std::string& word, command_line& into) {
     into.asked.form = value_of<output_form>(graph_form_words, word);
     return std::nullopt;
@@ -243,6 +261,7 @@ constexpr option rows[] = {
     {.taken = takes_id, .names = "ID", .help = id_help, .offered = offers::cards, .set = set_id},
     {.taken = takes_ids, .names = "--all", .help = "All known cards", .set = set_all},
     {.taken = takes_filter | takes_top,
+    {.taken = takes_filter | takes_frame_filter,
      .names = "--card",
      .value = "ID",
      .help = "Only this card; repeatable",
@@ -294,6 +313,18 @@ constexpr option rows[] = {
      .value = "SECONDS",
      .help = "Seconds between two looks at the cards (default: 1)",
      .set = set_delay},
+    {.taken = takes_frame_filter,
+     .names = "--message",
+     .value = "MESSAGE",
+     .help = "Only messages of this name; repeatable",
+     .offered = offers::words,
+     .words = message_words,
+     .repeatable = true,
+     .set = add_message},
+    {.taken = takes_frame_filter,
+     .names = "--dropped",
+     .help = "Only frames that managers drop",
+     .set = set_dropped},
     {.taken = takes_retry,
      .names = "--retries",
      .value = "N",
@@ -332,6 +363,15 @@ constexpr option rows[] = {
      .names = "-v,--verbose",
      .help = "Every field of every card, results per call",
      .set = set_verbose},
+    {.taken = takes_frame_fields,
+     .names = "-v,--verbose",
+     .help = "Every field of every frame",
+     .set = set_verbose},
+    {.taken = takes_snaplen,
+     .names = "--snaplen",
+     .value = "BYTES",
+     .help = "Capture so much of each frame (default: 1024, as managers do)",
+     .set = set_snaplen},
     {.taken = takes_for,
      .names = "--for",
      .value = "SECONDS",
@@ -341,6 +381,11 @@ constexpr option rows[] = {
      .names = "--count",
      .value = "N",
      .help = "End after this many events",
+     .set = set_count},
+    {.taken = takes_frames,
+     .names = "--count",
+     .value = "N",
+     .help = "End after this many frames",
      .set = set_count},
     {.taken = takes_output,
      .names = "-o,--output",

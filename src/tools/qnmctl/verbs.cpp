@@ -9,6 +9,7 @@
 #include "basic_verbs.h"
 #include "device_verbs.h"
 #include "doctor_verb.h"
+#include "frame_verbs.h"
 #include "help_verbs.h"
 #include "top.h"
 
@@ -167,6 +168,26 @@ constexpr char monitor_help[] =
     "the command goes on like watch, and when it ends, the stop ends with it. In a running watch,\n"
     "the lines \"monitor stop ID\" and \"monitor restart ID\" do the same.";
 
+constexpr operand new_capture[] = {{.name = "FILE",
+                                    .help = "pcapng file to write, or - for standard output",
+                                    .form = operand_form::file}};
+constexpr operand old_capture[] = {{.name = "FILE",
+                                    .help = "pcap or pcapng file to read, or - for standard input",
+                                    .form = operand_form::file}};
+
+constexpr char capture_help[] =
+    "Every frame on the ports, and every frame that this host sends there, with the reason for "
+    "which\n"
+    "managers drop it as its comment. A manager need not run, and one that runs is not disturbed.\n"
+    "Ctrl-C ends the capture; the file is whole then. An older file is replaced.";
+
+constexpr char decode_help[] =
+    "A line for each frame: number, local time, interface where the file tells it, direction, ID "
+    "of\n"
+    "the card, and message. A frame that managers drop has the reason, a Completion the frame of\n"
+    "its Register Read and the time since. JSON has all fields always. ether_type, tag_min and\n"
+    "tag_max are those of the configuration.";
+
 constexpr verb table[] = {
     {.name = "watch",
      .help = "Tells events as they come, and why",
@@ -319,6 +340,18 @@ constexpr verb table[] = {
      .help = "Finds what keeps a manager from working here, and says what helps",
      .more_help = doctor_help,
      .run = run_doctor},
+    {.name = "capture",
+     .help = "Captures frames into a file",
+     .more_help = capture_help,
+     .takes = takes_for | takes_frames | takes_snaplen,
+     .run = run_capture,
+     .operands = new_capture},
+    {.name = "decode",
+     .help = "Tells what the frames in a file say",
+     .more_help = decode_help,
+     .takes = takes_frame_filter | takes_frame_fields | takes_frames,
+     .run = run_decode,
+     .operands = old_capture},
     {.name = "completion",
      .help = "Prints the completion script of a shell",
      .more_help = completion_help,

@@ -95,6 +95,10 @@ tell 0 eeprom-unlock eeprom unlock "$server"
 tell 0 vlan vlan "$server" 16
 tell 0 mms mms "$multiroot" 1 "$work/page"
 tell 0 reset reset "$device" 1
+tell 0 capture capture "$work/capture" --count 4
+has capture.json '"interface":"qnm0"'
+tell 0 decode decode "$work/capture"
+has decode.json '"record":"frame"'
 tell 0 completion completion bash
 # Cards can be missed by somebody who only waits for a second.
 for ((tries = 0; tries < 60; tries++)); do
