@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include "text.h"
@@ -17,6 +18,7 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr mode_t everybody = 0666;
+constexpr char already_there[] = " is there already\n--force replaces it.";
 
 mode_t mode_of_new_files() {
     const mode_t mask = umask(0);
@@ -82,10 +84,11 @@ word_list read_image(const std::string& name, std::size_t limit) {
     return from_bytes(contents);
 }
 
-new_file::new_file(const std::string& name)
-    : target_(resolved(name)), temporary_(target_.string() + ".XXXXXX") {
+new_file::new_file(const std::string& name, const rules& by)
+    : target_(resolved(name)), temporary_(target_.string() + ".XXXXXX"), replaces_(by.replaces) {
     struct stat old {};
     const bool exists = stat(target_.c_str(), &old) == 0;
+    if (exists && !replaces_) throw error(name + already_there);
     // Renaming a file over a device or a pipe would remove it from the system.
     if (exists && !S_ISREG(old.st_mode)) {
         throw error(name + " is not a regular file\nName a file that may be replaced.");
@@ -100,7 +103,7 @@ new_file::new_file(const std::string& name)
     }
     // What cannot be had is the wider access only.
     [[maybe_unused]] const int ignored =
-        fchmod(fd_, exists ? old.st_mode & everybody : mode_of_new_files());
+        fchmod(fd_, by.mode.value_or(exists ? old.st_mode & everybody : mode_of_new_files()));
 }
 
 new_file::~new_file() {
@@ -113,6 +116,19 @@ void new_file::fail(int code) const {
                 "\nNothing was changed there.");
 }
 
+// Another file may have appeared there meanwhile. A file system that cannot look at that in the
+// same step is asked in a step before.
+void new_file::put_in_place() const {
+    const unsigned flags = replaces_ ? 0 : RENAME_NOREPLACE;
+    int code = 0;
+    if (renameat2(AT_FDCWD, temporary_.c_str(), AT_FDCWD, target_.c_str(), flags) != 0)
+        code = errno;
+    if (code == EINVAL && access(target_.c_str(), F_OK) != 0)
+        code = rename(temporary_.c_str(), target_.c_str()) == 0 ? 0 : errno;
+    if (code == EEXIST) throw error(target_.string() + already_there);
+    if (code != 0) fail(code);
+}
+
 void new_file::commit(const std::string& contents) {
     for (std::size_t done = 0; done < contents.size();) {
         const ssize_t taken = write(fd_, contents.data() + done, contents.size() - done);
@@ -120,7 +136,7 @@ void new_file::commit(const std::string& contents) {
         if (taken > 0) done += static_cast<std::size_t>(taken);
     }
     if (fsync(fd_) != 0) fail(errno);
-    if (rename(temporary_.c_str(), target_.c_str()) != 0) fail(errno);
+    put_in_place();
     temporary_.clear();
 }
 

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -29,7 +30,12 @@ word_list read_image(const std::string& name, std::size_t limit);
 // shows at once.
 class new_file {
   public:
-    explicit new_file(const std::string& name);  // throws error
+    struct rules {
+        std::optional<unsigned> mode = {};  // not given: of an older file, or as usual
+        bool replaces = true;               // an older file, which otherwise is an error
+    };
+    explicit new_file(const std::string& name) : new_file(name, rules{}) {}  // throws error
+    new_file(const std::string& name, const rules& by);                      // likewise
     ~new_file();
     new_file(const new_file&) = delete;
     new_file& operator=(const new_file&) = delete;
@@ -38,10 +44,12 @@ class new_file {
     void commit(const std::string& contents);
 
   private:
+    void put_in_place() const;
     [[noreturn]] void fail(int code) const;
 
     std::filesystem::path target_;
     std::string temporary_;
+    bool replaces_;
     int fd_ = -1;
 };
 
