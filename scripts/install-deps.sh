@@ -21,6 +21,7 @@ needed=(
   libpcap-dev liblog4cxx-dev                 # the library
   libcli11-dev nlohmann-json3-dev            # qnmctl
   libncurses-dev                             # ... and its full screen
+  libarchive-dev                             # the archives of qnmctl report
   libtomlplusplus-dev                        # qnm-cardsim
   libgtest-dev libgmock-dev binutils         # the tests; nm lists what the library exports
   iproute2 util-linux                        # network namespaces: ip, unshare

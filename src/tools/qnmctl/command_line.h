@@ -74,6 +74,8 @@ struct request {
     access_options how = {};
     std::string raw = {};  // --raw
     bool yes = false;
+    bool mask_ids = false;
+    bool force = false;               // --force of a file that is there
     std::optional<double> wait = {};  // --wait; not given: the verb's
     qnm_log_level_t level = QNM_LOGLVL_NONE;
     monitor_action action = monitor_action::stop;
@@ -116,6 +118,7 @@ enum takes : unsigned {
     takes_snaplen = 1U << 20,
     takes_frame_filter = 1U << 21,
     takes_frame_fields = 1U << 22,
+    takes_report = 1U << 23,  // what a report can be
 
     // Not for rows of the table of verbs.
     takes_output = 1U << 30,  // every verb does

@@ -141,6 +141,16 @@ problem set_yes(const std::string&, command_line& into) {
     return std::nullopt;
 }
 
+problem set_mask_ids(const std::string&, command_line& into) {
+    into.asked.mask_ids = true;
+    return std::nullopt;
+}
+
+problem set_force(const std::string&, command_line& into) {
+    into.asked.force = true;
+    return std::nullopt;
+}
+
 problem set_wait(const std::string& word, command_line& into) {
     into.asked.wait.emplace();
     return take_seconds("--wait", word, *into.asked.wait);
@@ -354,6 +364,14 @@ constexpr option rows[] = {
      .offered = offers::files,
      .set = set_raw},
     {.taken = takes_yes, .names = "-y,--yes", .help = "Do not ask", .set = set_yes},
+    {.taken = takes_report,
+     .names = "--mask-ids",
+     .help = "Put pseudonyms in place of card IDs and MAC addresses",
+     .set = set_mask_ids},
+    {.taken = takes_report,
+     .names = "--force",
+     .help = "Replace a file that is there already",
+     .set = set_force},
     {.taken = takes_wait,
      .names = "--wait",
      .value = "SECONDS",

@@ -11,6 +11,7 @@
 #include "doctor_verb.h"
 #include "frame_verbs.h"
 #include "help_verbs.h"
+#include "report_archive_verb.h"
 #include "top.h"
 
 namespace qnmctl {
@@ -79,6 +80,12 @@ constexpr operand page_and_file[] = {
      .help = "The 128 bytes of the page, in the order in which they travel",
      .form = operand_form::file},
 };
+
+constexpr operand report_file[] = {
+    {.name = "FILE",
+     .help = "The archive (default: qnm-report-YYYYMMDD-HHMMSS.tar.gz in this directory)",
+     .form = operand_form::file,
+     .optional = true}};
 
 constexpr char cards_help[] =
     "Several IDs, or --all, --kind and --group, access many cards at once; the results are told\n"
@@ -187,6 +194,19 @@ constexpr char decode_help[] =
     "the card, and message. A frame that managers drop has the reason, a Completion the frame of\n"
     "its Register Read and the time since. JSON has all fields always. ether_type, tag_min and\n"
     "tag_max are those of the configuration.";
+
+constexpr char report_help[] =
+    "Versions, configuration, ports, cards, statistics, the events heard meanwhile, the last part "
+    "of\n"
+    "the logs and a capture of both ports, in one archive that its owner alone can read. What "
+    "cannot\n"
+    "be had is named at the end and in problems.txt; the rest is there. Nothing is written to the\n"
+    "operator's logs: the manager runs on a copy of his configuration.\n"
+    "--mask-ids replaces each card ID and each MAC address by the same pseudonym everywhere: in\n"
+    "texts, names of files, logs and captured frames. Not masked are parts of an address, groups,\n"
+    "names of interfaces, and what registers and EEPROMs hold. A part that cannot be masked "
+    "safely\n"
+    "is left out.";
 
 constexpr verb table[] = {
     {.name = "watch",
@@ -352,6 +372,13 @@ constexpr verb table[] = {
      .takes = takes_frame_filter | takes_frame_fields | takes_frames,
      .run = run_decode,
      .operands = old_capture},
+    {.name = "report",
+     .help = "Packs what a support case needs into one archive",
+     .more_help = report_help,
+     .takes = takes_for | takes_report,
+     .seconds = 3,
+     .run = run_report,
+     .operands = report_file},
     {.name = "completion",
      .help = "Prints the completion script of a shell",
      .more_help = completion_help,

@@ -99,6 +99,8 @@ tell 0 capture capture "$work/capture" --count 4
 has capture.json '"interface":"qnm0"'
 tell 0 decode decode "$work/capture"
 has decode.json '"record":"frame"'
+tell 0 report report "$work/report.tar.gz" --for 0.1
+has report.json '"record":"archive"'
 tell 0 completion completion bash
 # Cards can be missed by somebody who only waits for a second.
 for ((tries = 0; tries < 60; tries++)); do

@@ -10,6 +10,7 @@
 #include "config_file.h"
 #include "doctor_report.h"
 #include "report.h"
+#include "report_archive.h"
 #include "sample_cards.h"
 #include "sample_system.h"
 #include "topology.h"
@@ -100,6 +101,16 @@ void tell_findings(writer& told) {
     told.end(exit_unwell);
 }
 
+void tell_report(writer& told) {
+    report_contents contents;
+    contents.members = {{"cards.txt", "text", "cards"}, {"logs/qnm.log", "", "logs"}};
+    contents.missing = {{"capture", "no privilege\nRun it under sudo."}};
+    contents.masked = true;
+    tell_contents(told, contents);
+    told.record("archive", archive_json(contents, "report.tar.gz", 345));
+    told.end(exit_ok);
+}
+
 void tell_nothing(writer& told) {
     told.end(exit_ok);
 }
@@ -114,6 +125,7 @@ constexpr golden files[] = {
     {"reg-dump.jsonl", "reg dump", output_form::json_lines, tell_dump},
     {"doctor.json", "doctor", output_form::json_document, tell_findings},
     {"topology.json", "topology", output_form::json_document, tell_topology},
+    {"report.json", "report", output_form::json_document, tell_report},
 };
 
 class Golden : public testing::TestWithParam<golden> {};

@@ -1,0 +1,40 @@
+// The parts of a report, in one table.
+//
+// A part that cannot be had throws error with the reason, and the others go on; what it has added
+// by then stays.
+#pragma once
+
+#include <optional>
+#include <span>
+#include <string>
+
+#include "report_archive.h"
+#include "verbs.h"
+
+namespace qnmctl {
+
+// What the parts are made from.
+struct report_sources {
+    const installation& where;  // as named by the operator
+
+    // The manager of this report. It has a log that can be read, even where the operator's is
+    // elsewhere or cannot be written; nullptr: there is none.
+    const installation* running = nullptr;
+    std::string why_not_running = {};
+
+    std::string events = {};  // as heard meanwhile
+    std::string capture = {};
+    std::string why_no_capture = {};
+};
+
+struct report_part {
+    const char* name;
+    void (*add)(const report_sources& from, const char* part, report_contents& to);
+};
+
+std::span<const report_part> report_parts();
+
+// All of them, in the order of the table.
+report_contents collect_report(std::span<const report_part> parts, const report_sources& from);
+
+}  // namespace qnmctl

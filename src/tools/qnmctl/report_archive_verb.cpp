@@ -1,0 +1,155 @@
+// Listens for a short time, collects, masks, and writes the archive.
+#include "report_archive_verb.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <thread>
+
+#include "capture.h"
+#include "config_file.h"
+#include "explain.h"
+#include "image.h"
+#include "listen.h"
+#include "report_archive.h"
+#include "report_archive_parts.h"
+#include "text.h"
+
+namespace qnmctl {
+
+namespace {
+
+constexpr unsigned owner_only = 0600;
+
+// A file that is nowhere, for what is written to a descriptor.
+class memory_file {
+  public:
+    memory_file() : fd_(memfd_create("qnmctl", MFD_CLOEXEC)) {
+        if (fd_ < 0) throw error(std::string("cannot make a file in memory: ") + strerror(errno));
+    }
+    ~memory_file() { close(fd_); }
+    memory_file(const memory_file&) = delete;
+    memory_file& operator=(const memory_file&) = delete;
+
+    int fd() const { return fd_; }
+    std::string contents() const {
+        std::string bytes(static_cast<std::size_t>(lseek(fd_, 0, SEEK_END)), '\0');
+        const ssize_t length = pread(fd_, bytes.data(), bytes.size(), 0);
+        bytes.resize(static_cast<std::size_t>(std::max<ssize_t>(0, length)));
+        return bytes;
+    }
+
+  private:
+    int fd_;
+};
+
+// An operator's logs are left alone: his installation is copied.
+void start_own(const context& with, installation& copy, context& own) {
+    if (const auto obstacle = find_obstacle(with.where)) throw error(*obstacle);
+    if (!with.where.temporary) install_copy(with.where, copy);
+    try {
+        start(own);
+    } catch (const error& e) {
+        if (with.where.temporary || !e.code) throw;
+        const auto lines = error_lines(read_text(copy.log));
+        throw error(failed_start_text(*e.code, with.where, lines), e.code);
+    }
+}
+
+// Listens, with events told into a text. Why there is no manager, or none any more, is for the
+// parts to tell.
+void hear(const context& with, const request& asked, installation& copy, context& own,
+          report_sources& into) {
+    try {
+        start_own(with, copy, own);
+        listen(own, {.seconds = asked.seconds, .tells = true});
+        into.running = &own.where;
+    } catch (const std::exception& e) {
+        into.why_not_running = e.what();
+    }
+}
+
+// What passes both ports meanwhile. A port that does not take part is told of beside the others.
+class short_capture {
+  public:
+    short_capture(const context& with, const request& asked)
+        : thread_([this, how = options(with, asked)] { run(how); }) {}
+
+    void end(report_sources& into) {
+        thread_.join();
+        into.why_no_capture = problem_;
+        into.capture = file_.contents();
+    }
+
+  private:
+    static capture_options options(const context& with, const request& asked) {
+        constexpr std::uint64_t byte_limit = 4 * 1024 * 1024;
+        const std::string config = read_text(with.where.config());
+        return {.ports = configured_ports(config),
+                .rules = configured_rules(config),
+                .seconds = asked.seconds,
+                .bytes = byte_limit,
+                .signals = with.signals};
+    }
+
+    void run(const capture_options& how) {
+        try {
+            std::vector<std::string> problems;
+            for (const captured_port& port : capture_ports(how, file_.fd(), "the capture").ports) {
+                if (!port.problem.empty()) problems.push_back(port.problem);
+            }
+            problem_ = join(problems, "\n");
+        } catch (const std::exception& e) {
+            problem_ = e.what();
+        }
+    }
+
+    memory_file file_;
+    std::string problem_;
+    std::jthread thread_;  // the last one: it uses the others
+};
+
+report_contents gather(context& with, const request& asked) {
+    installation copy;
+    const memory_file events;
+    output out(events.fd(), with.signals);
+    writer told(out, output_form::text, asked.asked->name);
+    context own{.where = with.where.temporary ? with.where : copy,
+                .log_level = with.log_level,
+                .out = out,
+                .told = told,
+                .signals = with.signals,
+                .how = {}};
+    report_sources from{.where = with.where};
+    short_capture capture(with, asked);
+    hear(with, asked, copy, own, from);
+    capture.end(from);
+    if (is_signalled(with)) throw error("ended by a signal; no archive was written");
+    from.events = events.contents();
+    return collect_report(report_parts(), from);
+}
+
+}  // namespace
+
+int run_report(context& with, const request& asked) {
+    const wall_time when = std::chrono::system_clock::now();
+    const std::string file = asked.file.empty() ? report_name(when) + archive_ending : asked.file;
+    new_file archive(file, {.mode = owner_only, .replaces = asked.force});
+    report_contents contents = gather(with, asked);
+    contents.when = when;
+    if (asked.mask_ids) mask_report(contents);
+    add_manifest(contents);
+    const std::string bytes = archive_bytes(contents);
+    archive.commit(bytes);
+    with.told.text(contents_text(contents, with.how));
+    tell_contents(with.told, contents);
+    with.told.text(file + ": " + std::to_string(bytes.size()) + " bytes" +
+                   (contents.masked ? ", masked" : "") + '\n');
+    with.told.record("archive", archive_json(contents, file, bytes.size()));
+    return exit_ok;
+}
+
+}  // namespace qnmctl
