@@ -94,9 +94,8 @@ constexpr char cards_help[] =
 
 constexpr char dump_help[] =
     "Four words a line: address, words, and their bytes as text. --raw writes the bytes to a file\n"
-    "by ascending address, the least significant one of each word first; the file appears whole "
-    "or\n"
-    "not at all. Ctrl-C ends the dump between two words.";
+    "by ascending address, the least significant one of each word first; the file appears whole\n"
+    "or not at all. Ctrl-C ends the dump between two words.";
 
 constexpr char restore_help[] =
     "Reads the EEPROM, shows the words that differ from the image, asks, and then writes and\n"
@@ -115,25 +114,21 @@ constexpr char loglevel_help[] =
     "command goes on like watch. In a running watch, the line \"loglevel LEVEL\" does the same.";
 
 constexpr char completion_help[] =
-    "\"source <(qnmctl completion bash)\" switches it on for a running shell; packages install it "
-    "for\n"
-    "all. Card IDs are completed where --ports or --dir stand on the line: the cards that can be\n"
-    "heard within a second are offered.";
+    "\"source <(qnmctl completion bash)\" switches it on for a running shell; packages install it\n"
+    "for all. Card IDs are completed where --ports or --dir stand on the line: the cards that can\n"
+    "be heard within a second are offered.";
 
 constexpr char watch_help[] =
     "One line for every event: local time, event, kind and ID of the card, and what changed, from\n"
     "what to what, with the reason behind it: announced, expired after so long a silence, link\n"
     "down on a port, stopped or restarted by the operator. With several filters an event has to\n"
-    "pass all of them. Ends at Ctrl-C, SIGTERM, or when its reader has gone. While it runs, lines "
-    "on\n"
-    "standard input are commands, on cards already heard: \"help\" lists them, \"quit\" ends it, "
-    "the\n"
-    "end of standard input does not.";
+    "pass all of them. Ends at Ctrl-C, SIGTERM, or when its reader has gone. While it runs, lines\n"
+    "on standard input are commands, on cards already heard: \"help\" lists them, \"quit\" ends\n"
+    "it, the end of standard input does not.";
 
 constexpr char list_help[] =
-    "C under a path (P local port, M path on the card) is connected, D disconnected. A terminal "
-    "that\n"
-    "is too narrow gets the columns that matter most.";
+    "C under a path (P local port, M path on the card) is connected, D disconnected. A terminal\n"
+    "that is too narrow gets the columns that matter most.";
 
 constexpr char topology_help[] =
     "A QNSV card reports the MAC address behind each of its downstream ports, a QNIO card that of\n"
@@ -142,29 +137,27 @@ constexpr char topology_help[] =
     "dot | dot -Tsvg.";
 
 constexpr char doctor_help[] =
-    "Looks at privileges, interfaces with their link and VLAN offload, capture, clock, both files "
-    "of\n"
-    "the configuration line by line, log folders and free space, without starting a manager and\n"
-    "without changing anything. Each finding is ok, a note, a warning or an error, and has its\n"
-    "remedy below it. Run it as the user that the host program runs as. The exit status is 3 when\n"
-    "there is an error: a manager would not start, or do without what it is told to use.";
+    "Looks at privileges, interfaces with their link and VLAN offload, capture, clock, both files\n"
+    "of the configuration line by line, log folders and free space, without starting a manager\n"
+    "and without changing anything. Each finding is ok, a note, a warning or an error, and has\n"
+    "its remedy below it. Run it as the user that the host program runs as. The exit status is 3\n"
+    "when there is an error: a manager would not start, or do without what it is told to use.";
 
 constexpr char show_help[] =
     "Beside the title of a field stands its name in JSON. A QNSV card has its bridge settings and\n"
     "its downstream ports behind the fields that cards of both kinds have.";
 
 constexpr char top_help[] =
-    "A full screen of ports, cards with their paths, and rates, looked at every second; ? lists "
-    "the\n"
-    "keys, q ends. Frames are those that the kernel counts on the interfaces of the ports, other\n"
-    "programs' among them; events are the library's. Rates are those of the last five seconds. A\n"
-    "path is C connected, D lost, or - never heard. heard sorts by the time since then, and like\n"
-    "events and rate the largest first. Needs a terminal; for scripts there are list and watch.";
+    "A full screen of ports, cards with their paths, and rates, looked at every second; ? lists\n"
+    "the keys, q ends. Frames are those that the kernel counts on the interfaces of the ports,\n"
+    "other programs' among them; events are the library's. Rates are those of the last five\n"
+    "seconds. A path is C connected, D lost, or - never heard. heard sorts by the time since\n"
+    "then, and like events and rate the largest first. Needs a terminal; for scripts there are\n"
+    "list and watch.";
 
 constexpr char mms_help[] =
-    "Every card that is named gets the page; the cards do not acknowledge it. A multi-root card "
-    "is\n"
-    "a QNIO card of version 1.";
+    "Every card that is named gets the page; the cards do not acknowledge it. A multi-root card\n"
+    "is a QNIO card of version 1.";
 
 constexpr char stats_help[] =
     "With --ports the dump is printed. With --dir it goes where the operator's\n"
@@ -183,30 +176,25 @@ constexpr operand old_capture[] = {{.name = "FILE",
                                     .form = operand_form::file}};
 
 constexpr char capture_help[] =
-    "Every frame on the ports, and every frame that this host sends there, with the reason for "
-    "which\n"
-    "managers drop it as its comment. A manager need not run, and one that runs is not disturbed.\n"
-    "Ctrl-C ends the capture; the file is whole then. An older file is replaced.";
+    "Every frame on the ports, and every frame that this host sends there, with the reason for\n"
+    "which managers drop it as its comment. A manager need not run, and one that runs is not\n"
+    "disturbed. Ctrl-C ends the capture; the file is whole then. An older file is replaced.";
 
 constexpr char decode_help[] =
-    "A line for each frame: number, local time, interface where the file tells it, direction, ID "
-    "of\n"
-    "the card, and message. A frame that managers drop has the reason, a Completion the frame of\n"
-    "its Register Read and the time since. JSON has all fields always. ether_type, tag_min and\n"
+    "A line for each frame: number, local time, interface where the file tells it, direction, ID\n"
+    "of the card, and message. A frame that managers drop has the reason, a Completion the frame\n"
+    "of its Register Read and the time since. JSON has all fields always. ether_type, tag_min and\n"
     "tag_max are those of the configuration.";
 
 constexpr char report_help[] =
-    "Versions, configuration, ports, cards, statistics, the events heard meanwhile, the last part "
-    "of\n"
-    "the logs and a capture of both ports, in one archive that its owner alone can read. What "
-    "cannot\n"
-    "be had is named at the end and in problems.txt; the rest is there. Nothing is written to the\n"
-    "operator's logs: the manager runs on a copy of his configuration.\n"
+    "Versions, configuration, ports, cards, statistics, the events heard meanwhile, the last part\n"
+    "of the logs and a capture of both ports, in one archive that its owner alone can read. What\n"
+    "cannot be had is named at the end and in problems.txt; the rest is there. Nothing is written\n"
+    "to the operator's logs: the manager runs on a copy of his configuration.\n"
     "--mask-ids replaces each card ID and each MAC address by the same pseudonym everywhere: in\n"
     "texts, names of files, logs and captured frames. Not masked are parts of an address, groups,\n"
-    "names of interfaces, and what registers and EEPROMs hold. A part that cannot be masked "
-    "safely\n"
-    "is left out.";
+    "names of interfaces, and what registers and EEPROMs hold. A part that cannot be masked\n"
+    "safely is left out.";
 
 constexpr verb table[] = {
     {.name = "watch",
