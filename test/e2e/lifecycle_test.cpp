@@ -97,23 +97,32 @@ TEST(lifecycle, a_storm_of_signals_in_the_host_does_not_end_the_manager) {
     EXPECT_EQ(host.stop(), QNM_API_SUCCESS);
 }
 
-TEST(lifecycle, the_host_program_of_the_readme_reports_a_card) {
+// Runs a host program that ends at Enter until it has printed the line.
+void expect_first_line(const std::string& program, const std::string& expected) {
     const cables wires;
     const installation install(k_two_ports);
     const auto cards = make_cards();
     cards->add(lively(card_kind::qnsv, card_speed::g1_10, k_id));
     cards->start();
     const std::string output = install.path() + "/output";
-    FILE* const host = popen((HOST_EXAMPLE " " + install.path() + " >" + output).c_str(), "w");
+    FILE* const host = popen((program + " " + install.path() + " >" + output).c_str(), "w");
     ASSERT_NE(host, nullptr);
     const auto reported = [&] {
         std::ifstream file(output);
         std::string line;
-        return std::getline(file, line) && line == "new 0x020000001000";
+        return std::getline(file, line) && line == expected;
     };
     EXPECT_TRUE(wait_for(reported)) << install.log();
     fputs("\n", host);
     EXPECT_EQ(pclose(host), 0);
+}
+
+TEST(lifecycle, the_first_example_names_a_card) {
+    expect_first_line(FIRST_EXAMPLE, "card 0x020000001000");
+}
+
+TEST(lifecycle, the_host_example_reports_a_card) {
+    expect_first_line(HOST_EXAMPLE, "new 0x020000001000");
 }
 
 }  // namespace
