@@ -11,6 +11,7 @@ static void* run(void* dir) { /* on the library's own thread, until the stop */
 }
 
 static void on_new(uint64_t id, qnm_evt_type_t event, void* arg) {
+    (void)event, (void)arg; /* events of one type only, and nothing was registered with them */
     printf("card 0x%012lx\n", (unsigned long)id), fflush(stdout);
 }
 

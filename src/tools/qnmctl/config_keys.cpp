@@ -35,7 +35,7 @@ constexpr config_key keys[] = {
      "Read and shown only: on Linux the index always comes from the interface named in "
      "ether_port."},
     {ports, "ether_type", "0x88B6", number, 0, 65535, "",
-     "Ethernet type of all frames to and from the cards", "It has to be the cards' own."},
+     "Ethernet type of all frames to and from the cards", "It has to be the cards' own.", true},
     {ports, "broadcast_mac", "03:00:ff:ff:ff:ff", mac, 0, 0, "",
      "MAC address that reset frames are sent to", ""},
 
@@ -54,7 +54,7 @@ constexpr config_key keys[] = {
      "1: all. 2: all but the status bits that change often, which are bits 0 to 2 of the first and "
      "bit 0 of the second status byte of each down port (QNSV) or of the card (QNIO)."},
     {monitoring, "id_list_upper_limit", "0xFFFFFFFF", number, 0, any, "",
-     "Most card IDs in one list, for calls that name no limit of their own", ""},
+     "Most card IDs in one list, for calls that name no limit of their own", "", true},
     {monitoring, "network_composition", "2", number, 1, 2, "",
      "How the ports and cards are wired together", "Read and shown only: nothing depends on it."},
 
@@ -104,9 +104,9 @@ constexpr config_key keys[] = {
     {eeprom, "eeprom_verify_interval", "1", number, 1, any, "ms",
      "Pause before each of the readings of eeprom_verify_count", ""},
     {eeprom, "eeprom_lock_other_bit", "0x00000008", number, 0, any, "",
-     "Bits of the lock register that belong to the other parties", ""},
+     "Bits of the lock register that belong to the other parties", "", true},
     {eeprom, "eeprom_id_number", "0x0100", number, 1, 32768, "",
-     "ID of this manager in the ID lock", "Read and shown only: the lock always uses 4."},
+     "ID of this manager in the ID lock", "Read and shown only: the lock always uses 4.", true},
     {eeprom, "eeprom_check_interval", "1", number, 0, 1000, "ms",
      "Pause before each look whether an EEPROM command is complete", ""},
     {eeprom, "eeprom_check_retry_count", "50", number, 0, 1000, "",

@@ -27,9 +27,10 @@ struct config_key {
     value_form form;
     std::uint32_t least;  // of a number
     std::uint32_t most;
-    const char* unit;   // "ms", "s", or ""
-    const char* brief;  // what it is for, without a full stop
-    const char* more;   // further sentences, or ""
+    const char* unit;          // "ms", "s", or ""
+    const char* brief;         // what it is for, without a full stop
+    const char* more;          // further sentences, or ""
+    bool takes_minus = false;  // as the C library reads it, -1 for the largest 64-bit number
 };
 
 // The rows, in the order in which they are shown.

@@ -73,7 +73,7 @@ std::optional<std::uint32_t> number_of(const std::string& word) {
 
 reading read_number(const config_key& key, const std::string& word) {
     const auto number = number_of(word);
-    if (!number) return wrong_form(key, word);
+    if (!number || (word[0] == '-' && !key.takes_minus)) return wrong_form(key, word);
     if (*number < key.least || *number > key.most) return out_of_range(key, word);
     reading found = {.text = printable(word), .number = *number};
     const bool octal =

@@ -346,11 +346,13 @@ void look_at_cards(top_model& model, const std::vector<card>& cards, wall_time n
             known.record && common(*known.record).ecd_updatetime > common(one).ecd_updatetime;
         if (!older) known.record = one;
     }
-    for (auto& [id, known] : model.cards) {
-        if (known.event_rate.is_new()) known.event_rate.look(model.looked, 0);
-        known.event_rate.look(seconds, known.events);
-    }
-    model.event_rate.look(seconds, model.events);
+    const auto look = [&](rate& of, std::uint64_t events) {
+        if (of.is_new() && events > 0) of.look(model.looked, 0);
+        of.look(seconds, events);
+    };
+    for (auto& [id, known] : model.cards)
+        look(known.event_rate, known.events);
+    look(model.event_rate, model.events);
     model.looked = seconds;
     arrange(model);
 }

@@ -158,12 +158,13 @@ TEST_F(Manager, AnswersInJsonLinesWhenAsked) {
     for (const std::string& line : split(run.read_all(), "\n")) {
         objects.push_back(nlohmann::json::parse(line));
     }
-    ASSERT_EQ(3U, objects.size());  // of no card there is no record
+    ASSERT_EQ(4U, objects.size());  // of no card there is no record
     EXPECT_EQ("stats", objects[0]["record"]);
     EXPECT_TRUE(objects[0]["text"].is_string());
     EXPECT_EQ("0x000000001000", objects[1]["id"]);
     EXPECT_EQ("QNM_API_SUCCESS", objects[1]["result"]);
-    EXPECT_EQ("help", objects[2]["record"]);
+    EXPECT_EQ("MONITOR", objects[2]["event"]);
+    EXPECT_EQ("help", objects[3]["record"]);
 }
 
 TEST_F(Manager, CountsWhatTheOperatorDoes) {

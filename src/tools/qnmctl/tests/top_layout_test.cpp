@@ -65,11 +65,11 @@ TEST(TopLayout, HasPortsEventsAndCardsAt80Columns) {
         "2 cards: 1 QNSV, 1 QNIO; 2 connected\n"
         "port 0 eth1            up    frames/s in      1250 out       5.0\n"
         "port 1 eth2            there is no such interface\n"
-        "events/s 0.0, 1 in all; last CHANNELSTATECHANGE 0x020000003000\n"
+        "events/s 0.5, 1 in all; last CHANNELSTATECHANGE 0x020000003000\n"
         "sort id; 2 shown\n"
         "ID             KIND TYPE  VLAN P0M0 P0M1 P1M0 P1M1  HEARD  EVENTS   EV/S\n"
         "0x020000001000 QNSV 1/10G   10    C    -    -    -    9 s       0    0.0\n"
-        "0x020000003000 QNIO 40G     30    -    -    -    C  never       1    0.0\n"
+        "0x020000003000 QNIO 40G     30    -    -    -    C  never       1    0.5\n"
         "\n\n\n\n\n\n\n\n\n\n\n\n\n\n\n"
         "? help  q end  Enter detail  / filter  t kind  c state  s sort  r reverse\n",
         text);
