@@ -201,7 +201,6 @@ void check_logger(const std::string& file, const properties& in, const logger& o
                               (used.kind.empty() ? "=org.apache.log4j.RollingFileAppender"
                                                  : ".File=/var/log/qnm/qnm.log");
     }
-    check_level(file, of, found);
 }
 
 void check_log(const log_place& place, findings& found) {
@@ -273,8 +272,11 @@ std::vector<std::string> log_files(const std::string& text) {
 void check_properties(const inspected& system, findings& found) {
     if (!check_file(system.properties, found)) return;
     const properties in = read_properties(system.properties.text);
-    for (const char* const name : loggers)
-        check_logger(system.properties.name, in, find_logger(in, name), found);
+    for (const char* const name : loggers) {
+        const logger of = find_logger(in, name);
+        check_logger(system.properties.name, in, of, found);
+        if (!system.temporary) check_level(system.properties.name, of, found);
+    }
 }
 
 void check_logs(const inspected& system, findings& found) {

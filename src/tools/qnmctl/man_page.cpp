@@ -127,7 +127,7 @@ std::string example_list() {
 std::string man_page(std::span<const verb> verbs) {
     std::string text = ".\\\" Made from the tables of the command; not to be edited.\n";
     text += std::string(".TH QNMCTL 1 ") + changed +
-            " \"libqnm " QNMCTL_VERSION "\" \"User Commands\"\n";
+            " \"libqnm " QNMCTL_VERSION "\" \"User Commands\"\n.nh\n.ad l\n";
     text += heading("NAME") + "qnmctl \\- " + escaped(summary) + '\n';
     text +=
         heading("SYNOPSIS") + ".B qnmctl\n.RI [ options ]\n.I command\n.RI [ argument .\\|.\\|.]\n";

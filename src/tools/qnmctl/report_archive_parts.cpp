@@ -8,6 +8,7 @@
 #include <set>
 
 #include "config_file.h"
+#include "doctor_report.h"
 #include "fields.h"
 #include "report.h"
 #include "report_archive_system.h"
@@ -80,6 +81,11 @@ void add_own_log(const report_sources& from, const char* part, report_contents& 
     to.members.push_back({"logs/report.log", read_last_part(log, log_limit), part});
 }
 
+void add_findings(const report_sources& from, const char* part, report_contents& to) {
+    const findings found = examine(all_checks(), inspect_system(from.where));
+    to.members.push_back({"doctor.txt", findings_text(found, {}), part});
+}
+
 // ---- Ports --------------------------------------------------------------------------------------
 
 void add_ports(const report_sources& from, const char* part, report_contents& to) {
@@ -145,6 +151,7 @@ constexpr report_part rows[] = {
     {"versions", add_versions},
     {"configuration", add_config},
     {"properties", add_properties},
+    {"doctor", add_findings},
     {"ports", add_ports},
     {"cards", add_cards},
     {"statistics", add_statistics},

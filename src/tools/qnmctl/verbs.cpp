@@ -187,10 +187,11 @@ constexpr char decode_help[] =
     "tag_max are those of the configuration.";
 
 constexpr char report_help[] =
-    "Versions, configuration, ports, cards, statistics, the events heard meanwhile, the last part\n"
-    "of the logs and a capture of both ports, in one archive that its owner alone can read. What\n"
-    "cannot be had is named at the end and in problems.txt; the rest is there. Nothing is written\n"
-    "to the operator's logs: the manager runs on a copy of his configuration.\n"
+    "Versions, configuration, findings of doctor, ports, cards, statistics, the events heard\n"
+    "meanwhile, the last part of the logs and a capture of both ports, in one archive that its\n"
+    "owner alone can read. What cannot be had is named at the end and in problems.txt; the rest\n"
+    "is there. Nothing is written to the operator's logs: the manager runs on a copy of his\n"
+    "configuration.\n"
     "--mask-ids replaces each card ID and each MAC address by the same pseudonym everywhere: in\n"
     "texts, names of files, logs and captured frames. Not masked are parts of an address, groups,\n"
     "names of interfaces, and what registers and EEPROMs hold. A part that cannot be masked\n"

@@ -80,7 +80,7 @@ done
 
 [[ $(stat --format %a "$work/clear.tar.gz") == 600 ]] || fail "others can read the archive"
 [[ $(cd "$work/clear" && find . -type f | sort | tr '\n' ' ') == "./capture.pcapng ./cards.json \
-./cards.txt ./conf/qnm.conf ./conf/qnm_log4c.properties ./events.txt ./logs/qnm-020000001000.log \
+./cards.txt ./conf/qnm.conf ./conf/qnm_log4c.properties ./doctor.txt ./events.txt ./logs/qnm-020000001000.log \
 ./logs/qnm_syslog.log ./logs/report.log ./manifest.json ./ports.json ./problems.txt \
 ./statistics.txt ./topology.txt ./versions.json " ]] ||
   fail "other members: $(find "$work/clear")"
@@ -88,6 +88,7 @@ diff -r "$work/before" "$work/installed" || fail "the installation has changed"
 diff -r "$work/installed/conf" "$work/clear/conf"
 cmp "$work/installed/logs/qnm-020000001000.log" "$work/clear/logs/qnm-020000001000.log"
 has "$work/clear/problems.txt" "logs: there is no file $work/installed/logs/qnm_stats.log"
+has "$work/clear/doctor.txt" "is an Ethernet interface, and up"
 has "$work/clear/cards.txt" "$server"
 has "$work/clear/topology.txt" "$server"
 has "$work/clear/events.txt" "NEWDEVINFO"
