@@ -6,7 +6,8 @@
 #include <stdlib.h>
 
 static void* run(void* dir) { /* on the library's own thread, until the stop */
-    if (qnm_init_manager(dir, QNM_LOGLVL_NONE) != QNM_API_SUCCESS) exit(1);
+    if (qnm_init_manager(dir, QNM_LOGLVL_NONE) != QNM_API_SUCCESS)
+        fputs("the manager ended; its log tells why\n", stderr), exit(1);
     return NULL;
 }
 
@@ -18,7 +19,9 @@ static void on_new(uint64_t id, qnm_evt_type_t event, void* arg) {
 int main(int argc, char** argv) {
     pthread_t thread;
     qnm_cbid_t handle;
-    if (argc != 2 || pthread_create(&thread, NULL, run, argv[1]) != 0) return 2;
+    if (argc != 2) return fputs("usage: first DIRECTORY\n", stderr), 2;
+    qnm_log_init(argv[1]); /* so that the first calls have somewhere to log to */
+    if (pthread_create(&thread, NULL, run, argv[1]) != 0) return 1;
     while (qnm_register_callback(QNM_EVT_NEWDEVINFO, on_new, NULL, &handle) == QNM_API_ENOSYS)
         poll(NULL, 0, 10); /* the manager is starting */
     qnm_start_manager();

@@ -4,12 +4,13 @@
 #include <qnm.h>
 #include <stdio.h>
 
-static int ended; /* set when the manager has returned */
+static int failed, ended; /* set when the manager has returned */
 #define ENDED __atomic_load_n(&ended, __ATOMIC_SEQ_CST)
 
 static void* run(void* dir) {
     qnm_api_code_t ret = qnm_init_manager(dir, QNM_LOGLVL_NONE); /* stays inside until the stop */
-    if (ret != QNM_API_SUCCESS) fprintf(stderr, "the manager ended with code %d\n", ret);
+    failed = ret != QNM_API_SUCCESS;
+    if (failed) fprintf(stderr, "the manager ended with code %d\n", ret);
     __atomic_store_n(&ended, 1, __ATOMIC_SEQ_CST);
     return NULL;
 }
@@ -33,5 +34,5 @@ int main(int argc, char** argv) {
     while (!ENDED && getchar() != '\n' && !feof(stdin)) continue;
     qnm_fini_manager();
     pthread_join(manager, NULL);
-    return 0;
+    return failed;
 }

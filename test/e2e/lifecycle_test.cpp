@@ -97,7 +97,7 @@ TEST(lifecycle, a_storm_of_signals_in_the_host_does_not_end_the_manager) {
     EXPECT_EQ(host.stop(), QNM_API_SUCCESS);
 }
 
-// Runs a host program that ends at Enter until it has printed the line.
+// Runs a host program that ends at Enter until it has printed the line, and nothing in front of it.
 void expect_first_line(const std::string& program, const std::string& expected) {
     const cables wires;
     const installation install(k_two_ports);
@@ -105,7 +105,8 @@ void expect_first_line(const std::string& program, const std::string& expected) 
     cards->add(lively(card_kind::qnsv, card_speed::g1_10, k_id));
     cards->start();
     const std::string output = install.path() + "/output";
-    FILE* const host = popen((program + " " + install.path() + " >" + output).c_str(), "w");
+    FILE* const host =
+        popen((program + " " + install.path() + " >" + output + " 2>&1").c_str(), "w");
     ASSERT_NE(host, nullptr);
     const auto reported = [&] {
         std::ifstream file(output);
@@ -119,6 +120,19 @@ void expect_first_line(const std::string& program, const std::string& expected) 
 
 TEST(lifecycle, the_first_example_names_a_card) {
     expect_first_line(FIRST_EXAMPLE, "card 0x020000001000");
+}
+
+TEST(lifecycle, the_examples_fail_with_a_word_when_the_manager_cannot_start) {
+    const installation install("ether_port = absent0\n");
+    for (const char* const program : {FIRST_EXAMPLE, HOST_EXAMPLE}) {
+        const std::string output = install.path() + "/output";
+        const std::string command = program + (" " + install.path()) + " >" + output + " 2>&1";
+        const int status = pclose(popen(command.c_str(), "w"));
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << program;
+        std::ifstream file(output);
+        std::string line;
+        EXPECT_TRUE(std::getline(file, line) && line.starts_with("the manager ended")) << line;
+    }
 }
 
 TEST(lifecycle, the_host_example_reports_a_card) {

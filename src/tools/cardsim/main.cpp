@@ -51,10 +51,13 @@ void define_options(CLI::App& app, options& given) {
         "lists them. EEPROMs that have a file in the scenario are saved at the end.");
 }
 
-// For the build, which makes the manual page.
+// For the build, which makes the manual page and fails where an option has no text.
 void print_man_page(const CLI::App& app) {
     std::vector<cardsim::option_text> options;
     for (const CLI::Option* const option : app.get_options()) {
+        if (option->get_description().empty()) {
+            throw std::logic_error(option->get_name() + " has no text");
+        }
         std::string term = option->get_name(option->get_positional(), true);
         if (!option->get_positional() && !option->get_type_name().empty()) {
             term += ' ' + option->get_type_name();

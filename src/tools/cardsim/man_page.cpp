@@ -136,9 +136,6 @@ constexpr char example_scenario[] =
     ".nf\nports = [\"qsim0\"]\n\n[[card]]\nname = \"sv\"\nkind = \"qnsv\"\nspeed = \"1g10g\"\n"
     "id = 0x020000001000\nvlan_id = 10\n\n[card.registers]\n0x1000 = 0x20261121\n.fi\n";
 
-// Of this file's texts, not of the build, which is to make the same page every time.
-constexpr char changed[] = "2026-11-21";
-
 std::string tagged_keys(std::span<const key_text> keys) {
     std::string text;
     for (const key_text& key : keys)
@@ -181,7 +178,7 @@ std::span<const key_text> down_port_key_texts() {
 
 std::string man_page(std::span<const option_text> options, const std::string& version) {
     std::string text = ".\\\" Made from the tables of the program; not to be edited.\n";
-    text += std::string(".TH QNM\\-CARDSIM 1 ") + changed + " \"libqnm " + version +
+    text += std::string(".TH QNM\\-CARDSIM 1 " QNM_TEXTS_DATE) + " \"libqnm " + version +
             "\" \"User Commands\"\n.nh\n.ad l\n";
     text += heading("NAME") + "qnm\\-cardsim \\- simulated Quillnet adapter cards\n";
     text += heading("SYNOPSIS") + ".B qnm\\-cardsim\n.RI [ options ]\n.I SCENARIO\n";
@@ -196,6 +193,7 @@ std::string man_page(std::span<const option_text> options, const std::string& ve
                "The simulation was ended by \"quit\" or a signal, or the scenario was only read.");
     text += tagged("1", "Something failed; standard error tells what.");
     text += tagged("2", "The command line was wrong.");
+    text += heading("FILES") + tagged("/usr/share/qnm/scenarios", "Scenarios to begin with.");
     text += heading("EXAMPLES") + example_scenario;
     return text + heading("SEE ALSO") + ".BR qnmctl (1),\n.BR qnm (7)\n";
 }

@@ -79,7 +79,7 @@ constexpr config_key keys[] = {
     {access, "frame_retry_count_livecheck", "10", number, 0, 100, "",
      "What frame_retry_count is, for the live check", ""},
     {access, "register_verify_interval", "0", number, 0, 1000, "ms",
-     "Pause before a written register is read back once more, when the value is not there yet", ""},
+     "Pause before a register that does not hold its value yet is written and read back again", ""},
     {access, "vlan_check_interval", "10", number, 1, 1000, "ms",
      "How often it is looked whether a card has taken its new VLAN ID", ""},
     {access, "tag_min", "0", number, 0, 255, "",
@@ -117,11 +117,12 @@ constexpr config_key keys[] = {
 
 constexpr const char* rules[] = {
     "One key a line, as \"key = value\". Blanks and tabs around both do not matter.",
-    "A comment is a line whose first character is #. An indented # is not a comment but an unknown "
-    "key. After a value no # is needed: everything behind the value is ignored.",
+    ("A comment is a line whose first character is #. An indented # is not a comment but an "
+     "unknown key. What stands behind a value is ignored, with or without a #; but behind "
+     "ether_port and ether_port_ifindex, which take up to two words, put no comment."),
     "A line of more than 127 characters is read as several. Keep lines, comments too, below that.",
-    "Keys and values are exact, upper and lower case matter. An unknown key, a value that is not "
-    "understood or is out of range stops the start-up; the log names the key.",
+    ("Keys and values are exact, upper and lower case matter. An unknown key, a value that is not "
+     "understood or is out of range stops the start-up; the log names the key."),
     "If a key is given twice, the first one counts and the second is silently ignored.",
     "Numbers are decimal, hexadecimal (0x1F) or octal: 010 means 8.",
 };

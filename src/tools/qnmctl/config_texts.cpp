@@ -31,9 +31,6 @@ constexpr char sample_note[] =
 
 constexpr std::size_t line_width = 100;
 
-// Of these texts and the keys, not of the build, which is to make the same page every time.
-constexpr char changed[] = "2026-11-21";
-
 std::string meaning_of(const config_key& key) {
     std::string text = std::string(key.brief) + '.';
     if (key.more[0] != '\0') text += std::string(" ") + key.more;
@@ -142,7 +139,7 @@ std::string config_sample() {
 
 std::string config_page() {
     std::string text = ".\\\" Made from the table of keys; not to be edited.\n";
-    text += std::string(".TH QNM.CONF 5 ") + changed + " \"libqnm " QNMCTL_VERSION +
+    text += std::string(".TH QNM.CONF 5 " QNM_TEXTS_DATE) + " \"libqnm " QNMCTL_VERSION +
             "\" \"File Formats\"\n.nh\n.ad l\n";
     text += heading("NAME") + "qnm.conf \\- " + escaped(summary) + '\n';
     text += heading("DESCRIPTION") + escaped(introduction) + '\n';

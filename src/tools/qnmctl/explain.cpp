@@ -40,8 +40,7 @@ constexpr key_message key_messages[] = {
     {"config parameter error: tag_min > tag_max", "Set tag_min to at most tag_max."},
 };
 
-constexpr char sample_config[] =
-    "The sample conf/qnm.conf of the source tree explains every key and its range.";
+constexpr char sample_config[] = "qnm.conf(5) explains every key and its range.";
 
 std::optional<std::string> missing_dir(const installation& where) {
     const std::string dir = where.dir.string();
@@ -67,8 +66,8 @@ std::optional<std::string> unusable_files(const installation& where) {
     if (!fs::is_regular_file(where.properties(), ignored)) {
         return "there is no file " + where.properties().string() +
                "\nThe library does not start without it. Copy the sample "
-               "conf/qnm_log4c.properties of the source tree there, or name the interfaces by "
-               "--ports.";
+               "qnm_log4c.properties there (packages have it in /usr/share/qnm/conf), or name "
+               "the interfaces by --ports.";
     }
     if (access(where.properties().c_str(), R_OK) != 0) {
         return "cannot read " + where.properties().string() + ": " + std::strerror(errno);

@@ -1,6 +1,7 @@
 // Writes the tables in the man(7) language.
 #include "man_page.h"
 
+#include <cctype>
 #include <vector>
 
 #include "man_language.h"
@@ -35,9 +36,6 @@ constexpr char output_form_text[] =
     "status. IDs are strings (\"0x001122334455\"), values are numbers, and a list is an array even "
     "when it is empty. What failed is told on standard error and is a record, too.";
 
-// Of this file's texts, not of the build, which is to make the same page every time.
-constexpr char changed[] = "2026-11-21";
-
 constexpr entry environment[] = {
     {"NO_COLOR", "When it is set to anything, nothing is coloured."},
     {"COLUMNS", "Width that tables have to fit, in place of that of the terminal."},
@@ -47,6 +45,7 @@ constexpr entry environment[] = {
 constexpr entry files[] = {
     {"/opt/tarvo/qnm/conf/qnm.conf", "Configuration, where neither --dir nor --ports is given."},
     {"/opt/tarvo/qnm/conf/qnm_log4c.properties", "Where the library logs to."},
+    {"/usr/share/qnm/qnmctl.schema.json", "JSON Schema of what -o json and -o jsonl tell."},
 };
 
 std::string tagged(std::span<const entry> entries) {
@@ -126,9 +125,11 @@ std::string example_list() {
 
 std::string man_page(std::span<const verb> verbs) {
     std::string text = ".\\\" Made from the tables of the command; not to be edited.\n";
-    text += std::string(".TH QNMCTL 1 ") + changed +
-            " \"libqnm " QNMCTL_VERSION "\" \"User Commands\"\n.nh\n.ad l\n";
-    text += heading("NAME") + "qnmctl \\- " + escaped(summary) + '\n';
+    text += ".TH QNMCTL 1 " QNM_TEXTS_DATE " \"libqnm " QNMCTL_VERSION
+            "\" \"User Commands\"\n.nh\n.ad l\n";
+    std::string what = summary;
+    what[0] = static_cast<char>(std::tolower(what[0]));
+    text += heading("NAME") + "qnmctl \\- " + escaped(what) + '\n';
     text +=
         heading("SYNOPSIS") + ".B qnmctl\n.RI [ options ]\n.I command\n.RI [ argument .\\|.\\|.]\n";
     text += heading("DESCRIPTION") + ".B qnmctl\n" + escaped(description) + '\n';

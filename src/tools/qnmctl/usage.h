@@ -6,7 +6,7 @@
 
 namespace qnmctl {
 
-inline constexpr char summary[] = "Watches and queries Quillnet adapter cards";
+inline constexpr char summary[] = "Watches, queries, changes and diagnoses Quillnet adapter cards";
 
 struct example {
     const char* command;

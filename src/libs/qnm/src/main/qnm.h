@@ -443,7 +443,7 @@ qnm_api_code_t qnm_register_callback(qnm_evt_type_t type, qnm_cbfunc_t cb_func, 
  *
  * @param[in] id  a handle that is registered, or NULL; anything else is undefined
  * @retval QNM_API_SUCCESS  the callback is no longer registered
- * @retval QNM_API_EINVAL   id is NULL or not registered
+ * @retval QNM_API_EINVAL   id is NULL
  * @retval QNM_API_ENOSYS   the manager is not running
  */
 qnm_api_code_t qnm_unregister_callback(qnm_cbid_t id);
@@ -469,10 +469,10 @@ qnm_api_code_t qnm_unregister_callback(qnm_cbid_t id);
  * All of them may return, beside what each lists:
  *
  * @retval QNM_API_ENOENT     the card ID is not known
- * @retval QNM_API_ENOLINK    no path to the card is connected, or its monitoring is stopped and
- *                            QNM_FLAG_LIVECHECK is not given or found no path
- * @retval QNM_API_EPROTO     a frame could not be sent, all completion tags are in use, or an
- *                            internal error
+ * @retval QNM_API_ENOLINK    no path to the card is connected, or its monitoring is stopped; with
+ *                            QNM_FLAG_LIVECHECK, where a call heeds it: no path answered
+ * @retval QNM_API_EPROTO     a frame could not be sent, an internal error, or, where registers are
+ *                            read, all completion tags are in use
  * @retval QNM_API_ENOSYS     the manager is not running; a stop ends a call that is under way, too
  * @{
  */
