@@ -31,7 +31,8 @@ int main(int argc, char** argv) {
         while (qnm_register_callback(event, on_event, names, &handle) == QNM_API_ENOSYS && !ENDED)
             poll(NULL, 0, 10); /* the manager is still starting */
     qnm_start_manager();
-    while (!ENDED && getchar() != '\n' && !feof(stdin)) continue;
+    while (!ENDED && getchar() != '\n' && !feof(stdin))
+        continue;
     qnm_fini_manager();
     pthread_join(manager, NULL);
     return failed;
