@@ -133,13 +133,15 @@ class Manager:
         """Stops the manager and waits for its end; the with statement does this."""
         if calls.in_callback() is not None:
             raise RuntimeError("a callback cannot wait for the stop; it may call fini_manager()")
-        if self._thread is None:
+        thread = self._thread
+        if thread is None:
             return
-        while self._thread.is_alive():  # in a child of this process it is not
+        while thread.is_alive():  # in a child of this process it is not
             calls.fini_manager()  # again and again: before the start it is forgotten
-            self._thread.join(0.1)
-        self._thread = None
-        atexit.unregister(self._stop_quietly)
+            thread.join(0.1)
+        if self._thread is thread:  # another stop may have been here first, and a new start
+            self._thread = None
+            atexit.unregister(self._stop_quietly)
         if self._failure is not None:
             raise self._failure
 

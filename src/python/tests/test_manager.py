@@ -108,9 +108,23 @@ class Lifecycle(unittest.TestCase):
             stopper.start()
             for _ in manager.events():
                 pass
-            stopper.join()
             reader.join()
             self.assertIsInstance(failures.get(timeout=LIMIT), qnm.NotRunningError)
+        stopper.join()
+
+    def test_a_stop_may_end_while_another_one_waits(self) -> None:
+        fini = qnm.fini_manager
+
+        def stop_meanwhile() -> None:
+            with mock.patch("qnm.calls.fini_manager", fini):
+                stopper = threading.Thread(target=manager.stop)
+                stopper.start()
+                stopper.join()
+
+        with qnm.Manager(self.installation().path) as manager:
+            with mock.patch("qnm.calls.fini_manager", stop_meanwhile):
+                manager.stop()
+            self.assertFalse(manager.running)
 
     def test_a_function_takes_events_of_the_wanted_types(self) -> None:
         seen: queue.SimpleQueue[qnm.Event] = queue.SimpleQueue()
