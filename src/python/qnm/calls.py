@@ -314,12 +314,18 @@ def _read(function: str, card_id: int, addr: int, retry: Retry | None, flags: in
     return value.value
 
 
+_REGISTER_SPACE = 1 << 22  # bytes: addresses travel with 22 bits
+
+
 def _dump(
     function: str, card_id: int, start: int, end: int, retry: Retry | None, flags: int
 ) -> list[int]:
     for address in (start, end):
         checked(ctypes.c_uint32, address, function)
-    words = (ctypes.c_uint32 * (max(end - start, 0) // 4))()
+    size = max(end - start, 0)
+    if size > _REGISTER_SPACE:
+        raise InvalidArgumentError(function, f"{size} bytes are more than a card has")
+    words = (ctypes.c_uint32 * (size // 4))()
     length = ctypes.c_size_t(ctypes.sizeof(words))
     try:
         check(function, card_id, start, end, words, length, retry, flags)
@@ -353,7 +359,7 @@ def modify_register(
 def dump_register(
     card_id: int, start: int, end: int, retry: Retry | None = None, flags: int = Flag.NONE
 ) -> list[int]:
-    """Reads the registers from start up to, not including, end. Flags: LIVECHECK.
+    """Reads the registers from start up to, not including, end: at most 4 MiB. Flags: LIVECHECK.
 
     An exception has in its attribute words what had been read before the one that failed.
     """

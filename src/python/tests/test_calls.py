@@ -74,6 +74,8 @@ class WithoutManager(unittest.TestCase):
             lambda: qnm.get_group_qnsvids(0x10001),
             lambda: qnm.get_qnioids(limit=2**32),
             lambda: qnm.dump_register(1, 0, 2**32),
+            lambda: qnm.dump_register(1, 0, 2**22 + 4),
+            lambda: qnm.dump_eeprom(1, 4, 2**22 + 8),
             lambda: qnm.write_mmspage(1, 0, [2**32] * 32),
             lambda: qnm.write_mmspage(1, 0, [0] * 31),
             lambda: qnm.rbtree_int32_compare(2**31, 0),
