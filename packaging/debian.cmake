@@ -68,7 +68,8 @@ qnm_package(python python3-qnm python
     "Quillnet adapter cards carry PCI Express over Ethernet. The library libqnm
 learns the cards on up to two Ethernet ports and reaches into them.
 .
-This package has the module qnm for Python 3, with every call of the library.")
+This package has the module qnm for Python 3, with every call of the library
+but qnm_free_idlist, which nobody needs there.")
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME libqnm)

@@ -8,9 +8,10 @@
             if event.type is qnm.EventType.NEWDEVINFO:
                 print(hex(qnm.read_register(event.card_id, 0x1000)))
 
-Every call of qnm.h is here under its name without "qnm_" and acts on the one manager that a process
-can have. A result code other than success is raised as an exception: NotFoundError, TimedOutError
-and so on, all of them an Error. Records are ctypes structures with the field names of the header.
+Every call of qnm.h is here under its name without "qnm_", but qnm_free_idlist, which nobody needs
+here. All act on the one manager that a process can have. A result code other than success is raised
+as an exception: NotFoundError, TimedOutError and so on, all of them an Error. Records are ctypes
+structures with the field names of the header.
 
 Rules to know, in full in qnm.h: any thread may call, callbacks run on the library's event thread,
 and in a child after os.fork() nothing of this may be used. Opening ports needs CAP_NET_RAW.

@@ -224,7 +224,11 @@ def restart_monitor(card_id: int) -> None:
 
 @dataclass(frozen=True)
 class Event:
-    """What has become of a card; its record tells more."""
+    """What has become of a card; its record tells more.
+
+    card_id  the card
+    type     what has become of it
+    """
 
     card_id: int
     type: EventType
@@ -235,11 +239,16 @@ class Event:
 
 @dataclass(frozen=True)
 class Registration:
-    """One registration of a callback. Ends by unregister_callback(), or with the manager."""
+    """One registration of a callback. Ends by unregister_callback(), or with the manager.
+
+    type    the type of events that it is for
+    key     what the library hands to the callback
+    handle  the library's name for it
+    """
 
     type: EventType
-    key: int  #: what the library hands to the callback
-    handle: int  #: the library's name for it
+    key: int
+    handle: int
 
 
 _keys = itertools.count(1)

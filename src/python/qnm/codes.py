@@ -23,7 +23,19 @@ __all__ = [
 
 
 class ResultCode(enum.IntEnum):
-    """Result of a call. Every code but SUCCESS has its exception."""
+    """Result of a call. Every code but SUCCESS has its exception.
+
+    SUCCESS    none
+    EINVAL     InvalidArgumentError
+    ERANGE     RangeError
+    ENOENT     NotFoundError
+    ENOLINK    NoLinkError
+    ENOMEM     OutOfMemoryError
+    EPROTO     ProtocolError
+    ETIMEDOUT  TimedOutError
+    EBUSY      BusyError
+    ENOSYS     NotRunningError
+    """
 
     SUCCESS = 0
     EINVAL = 1
@@ -38,9 +50,18 @@ class ResultCode(enum.IntEnum):
 
 
 class LogLevel(enum.IntEnum):
-    """A line is written when its level is at or below the running level."""
+    """A line is written when its level is at or below the running level.
 
-    NONE = -1  #: as an argument: take the level from the configuration file
+    NONE   as an argument: take the level from the configuration file
+    FATAL  what ends the manager
+    ERROR  what failed
+    WARN   what is unexpected and can be gone on with
+    INFO   calls, and changes of cards and ports
+    DEBUG  steps within a call
+    TRACE  the finest steps, locks among them
+    """
+
+    NONE = -1
     FATAL = 0
     ERROR = 1
     WARN = 2
@@ -50,81 +71,123 @@ class LogLevel(enum.IntEnum):
 
 
 class EventType(enum.IntEnum):
-    """What a callback is told."""
+    """What a callback is told.
 
-    NEWDEVINFO = 0  #: a card was learnt
-    UPDATEDEVINFO = 1  #: a card's record changed, a lost path included
-    CONNECTIONCHANGE = 2  #: the binding between QNSV and QNIO cards changed
-    MAJORMINORERROR = 3  #: the card reports a new major or minor error
-    PATHSTATECHANGE = 4  #: a link-fault bit of a QNIO card changed
-    CHANNELSTATECHANGE = 5  #: a path [port][path] was connected or disconnected
+    NEWDEVINFO          a card was learnt
+    UPDATEDEVINFO       a card's record changed, a lost path included
+    CONNECTIONCHANGE    the binding between QNSV and QNIO cards changed
+    MAJORMINORERROR     the card reports a new major or minor error
+    PATHSTATECHANGE     a link-fault bit of a QNIO card changed
+    CHANNELSTATECHANGE  a path [port][path] was connected or disconnected
+    """
+
+    NEWDEVINFO = 0
+    UPDATEDEVINFO = 1
+    CONNECTIONCHANGE = 2
+    MAJORMINORERROR = 3
+    PATHSTATECHANGE = 4
+    CHANNELSTATECHANGE = 5
 
 
 class Flag(enum.IntFlag):
-    """Flags of the device calls, to be combined by |."""
+    """Flags of the device calls, to be combined by |.
+
+    NONE       no flag
+    LIVECHECK  use a card that is stopped or disconnected, too, on a path where it answers
+    VERIFY     writing calls: read back what was written, and write again until it holds
+    FORCELOCK  EEPROM calls: take the lock away from another party that keeps it
+    """
 
     NONE = 0
-    LIVECHECK = 0x1  #: use a card that is stopped or disconnected, too, on a path where it answers
-    VERIFY = 0x2  #: writing calls: read back what was written, and write again until it holds
-    FORCELOCK = 0x4  #: EEPROM calls: take the lock away from another party that keeps it
+    LIVECHECK = 0x1
+    VERIFY = 0x2
+    FORCELOCK = 0x4
 
 
 class Error(Exception):
-    """A call that did not return SUCCESS. Each code has a class of its own, derived from this."""
+    """A call that did not return SUCCESS. Each code has a class of its own, derived from this.
+
+    call     name of the C function
+    code     the result code
+    meaning  what the code means
+    words    of a dump: what had been read before
+    """
 
     code: ResultCode
     meaning: str
 
     def __init__(self, call: str, detail: str = "") -> None:
         super().__init__(f"{call}: {detail or self.meaning}")
-        self.call = call  #: name of the C function
-        self.words: list[int] = []  #: of a dump: what had been read before
+        self.call = call
+        self.words: list[int] = []
 
 
 class InvalidArgumentError(Error, ValueError):
+    """An argument that the call does not take (EINVAL); also a ValueError."""
+
     code = ResultCode.EINVAL
     meaning = "invalid argument"
 
 
 class RangeError(Error):
-    """A value out of range, or more cards than a list may have."""
+    """A value out of range, or more cards than a list may have (ERANGE).
+
+    needed  length of the list that was not made, where a list was asked for
+    """
 
     code = ResultCode.ERANGE
     meaning = "value out of range, or a list longer than accepted"
-    needed = 0  #: length of the list that was not made, where a list was asked for
+    needed = 0
 
 
 class NotFoundError(Error, LookupError):
+    """A card that is not known (ENOENT); also a LookupError."""
+
     code = ResultCode.ENOENT
     meaning = "no such card or entry"
 
 
 class NoLinkError(Error):
+    """A card of which no path is connected, or whose monitoring is stopped (ENOLINK)."""
+
     code = ResultCode.ENOLINK
     meaning = "no link to the card"
 
 
 class OutOfMemoryError(Error, MemoryError):
+    """Memory that the library did not get (ENOMEM); also a MemoryError."""
+
     code = ResultCode.ENOMEM
     meaning = "out of memory"
 
 
 class ProtocolError(Error):
+    """A start or a frame that failed, a card's refusal, an internal error (EPROTO)."""
+
     code = ResultCode.EPROTO
     meaning = "protocol or internal error; the log tells which"
 
 
 class TimedOutError(Error, TimeoutError):
+    """An answer that did not come in time, or a change that did not hold (ETIMEDOUT).
+
+    It is also a TimeoutError.
+    """
+
     code = ResultCode.ETIMEDOUT
     meaning = "no answer in time"
 
 
 class BusyError(Error):
+    """A manager that runs already, or an EEPROM lock that another party keeps (EBUSY)."""
+
     code = ResultCode.EBUSY
     meaning = "busy"
 
 
 class NotRunningError(Error):
+    """A manager that is not running, or was stopped while the call waited (ENOSYS)."""
+
     code = ResultCode.ENOSYS
     meaning = "the manager is not running"
 

@@ -153,6 +153,17 @@ class Calls(unittest.TestCase):
             self.assertTrue(callable(function), name)
             self.assertTrue(function.__doc__, name)
 
+    def test_every_class_is_described_and_so_are_its_members(self) -> None:
+        classes = [value for name in qnm.__all__ if isinstance(value := getattr(qnm, name), type)]
+        self.assertGreater(len(classes), 20)
+        for described in classes:
+            text = vars(described)["__doc__"]  # its own
+            self.assertTrue(text, described)
+            fields = vars(described).get("__annotations__", {})
+            for member in (*fields, *getattr(described, "__members__", {})):
+                if "_pad" not in member:
+                    self.assertRegex(text, rf"(?m)^    {member}  +\w", described)
+
 
 if __name__ == "__main__":
     unittest.main()
