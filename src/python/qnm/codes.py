@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import enum
+from typing import Any
 
 __all__ = [
     "BusyError",
@@ -110,6 +111,7 @@ class Error(Exception):
     call     name of the C function
     code     the result code
     meaning  what the code means
+    detail   what was wrong this time, or again the meaning
     words    of a dump: what had been read before
     """
 
@@ -117,9 +119,14 @@ class Error(Exception):
     meaning: str
 
     def __init__(self, call: str, detail: str = "") -> None:
-        super().__init__(f"{call}: {detail or self.meaning}")
         self.call = call
+        self.detail = detail or self.meaning
         self.words: list[int] = []
+        super().__init__(f"{call}: {self.detail}")
+
+    def __reduce__(self) -> tuple[Any, ...]:
+        # By itself an exception is made anew of its text alone.
+        return type(self), (self.call, self.detail), self.__dict__
 
 
 class InvalidArgumentError(Error, ValueError):

@@ -3,6 +3,7 @@
 import inspect
 import os
 import pathlib
+import pickle
 import shutil
 import subprocess
 import sys
@@ -91,6 +92,16 @@ class WithoutManager(unittest.TestCase):
         self.assertTrue(issubclass(qnm.NotFoundError, LookupError))
         self.assertTrue(issubclass(qnm.InvalidArgumentError, ValueError))
         self.assertTrue(issubclass(qnm.OutOfMemoryError, MemoryError))
+
+    def test_exceptions_go_to_other_processes_as_they_are(self) -> None:
+        for error in qnm.Error.__subclasses__():
+            for detail in ("", "more of it"):
+                sent = error("qnm_call", detail)
+                sent.words = [1, 2]
+                sent.add_note("of the host program")
+                got = pickle.loads(pickle.dumps(sent))
+                self.assertIs(type(got), error)
+                self.assertEqual((str(got), vars(got)), (str(sent), vars(sent)))
 
     def test_log_lines_are_written_as_given(self) -> None:
         install = Installation()
