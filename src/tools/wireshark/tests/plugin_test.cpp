@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include <fstream>
+#include <map>
 #include <set>
 #include <sstream>
 
@@ -13,6 +14,7 @@
 namespace {
 
 using frames::frame_t;
+using testing::ElementsAre;
 using tshark::row;
 using tshark::words;
 
@@ -41,16 +43,26 @@ std::vector<frame_t> every_message() {
     return all;
 }
 
-// What the packet list says.
-words summaries(const capture& taken) {
+std::stringstream printed(const capture& taken, const words& options) {
     const scratch_directory own;
     const std::string file = own.path() / "capture.pcap";
     taken.write(file);
-    std::stringstream out(tshark::run({"-r", file, "-n", "-T", "fields", "-e", "_ws.col.Info"}));
+    words arguments = {"-r", file, "-n"};
+    arguments.insert(arguments.end(), options.begin(), options.end());
+    return std::stringstream(tshark::run(arguments));
+}
+
+words lines_from(std::istream& in) {
     words lines;
-    for (std::string line; std::getline(out, line);)
+    for (std::string line; std::getline(in, line);)
         lines.push_back(line);
     return lines;
+}
+
+// What the packet list says.
+words summaries(const capture& taken) {
+    std::stringstream out = printed(taken, {"-T", "fields", "-e", "_ws.col.Info"});
+    return lines_from(out);
 }
 
 // ---- Bytes --------------------------------------------------------------------------------------
@@ -62,10 +74,7 @@ std::size_t attribute(const std::string& line, const std::string& name) {
 
 // Offsets of bytes that a field covers which is more than the sum of others; one set per frame.
 std::vector<std::set<std::size_t>> named_bytes(const capture& taken) {
-    const scratch_directory own;
-    const std::string file = own.path() / "capture.pcap";
-    taken.write(file);
-    std::stringstream pdml(tshark::run({"-r", file, "-n", "-T", "pdml", "-J", "quillnet"}));
+    std::stringstream pdml = printed(taken, {"-T", "pdml", "-J", "quillnet"});
     std::vector<std::set<std::size_t>> all;
     for (std::string line; std::getline(pdml, line);) {
         if (line.find("<packet>") != std::string::npos) all.emplace_back();
@@ -98,9 +107,7 @@ TEST(plugin, leaves_no_byte_of_a_message_without_a_name) {
 
 words lines_of(const std::string& document) {
     std::ifstream in(std::string(QNM_DOCS "/") + document);
-    words lines;
-    for (std::string line; std::getline(in, line);)
-        lines.push_back(line);
+    words lines = lines_from(in);
     EXPECT_FALSE(lines.empty()) << document;
     return lines;
 }
@@ -161,23 +168,47 @@ TEST(plugin, reads_the_documented_examples_as_documented) {
     }
 }
 
+// By what they look for, up to the first comma.
+std::map<std::string, std::string> documented_filters() {
+    std::map<std::string, std::string> filters;
+    for (const std::string& line : lines_of("wireshark.md")) {
+        const std::size_t start = line.find(" | `quillnet");
+        if (start == std::string::npos) continue;
+        const std::string filter = line.substr(start + 4, line.rfind('`') - start - 4);
+        filters[line.substr(2, std::min(start, line.find(',')) - 2)] = filter;
+    }
+    return filters;
+}
+
 TEST(plugin, knows_the_documented_filters) {
     std::string all;
-    std::size_t count = 0;
-    for (const std::string& line : lines_of("wireshark.md")) {
-        const std::size_t start = line.find("| `quillnet.");
-        if (start == std::string::npos) continue;
-        const std::size_t end = line.find('`', start + 3);
-        all += (all.empty() ? "(" : " or (") + line.substr(start + 3, end - start - 3) + ")";
-        count++;
-    }
-    EXPECT_GE(count, 7U);
+    for (const auto& [what, filter] : documented_filters())
+        all += (all.empty() ? "(" : " or (") + filter + ")";
+    EXPECT_GE(documented_filters().size(), 8U);
     capture taken;
     taken.add(frames::build({}));
-    const scratch_directory own;
-    const std::string file = own.path() / "capture.pcap";
-    taken.write(file);
-    EXPECT_NO_THROW(tshark::run({"-r", file, "-Y", all})) << all;
+    EXPECT_NO_THROW(printed(taken, {"-Y", all})) << all;
+}
+
+words numbers_of_matches(const capture& taken, const std::string& filter) {
+    std::stringstream out = printed(taken, {"-Y", filter, "-T", "fields", "-e", "frame.number"});
+    return lines_from(out);
+}
+
+TEST(plugin, has_documented_filters_that_tell_neighbours_apart) {
+    capture taken;
+    for (const uint64_t mac : {0x020000000FFF, 0x020000001000, 0x020000001001, 0x020000001002}) {
+        const frame_t announced = frames::build({.subtype = 0x18, .mac = mac, .ver = 1});
+        taken.add(announced);
+        frame_t asked = request(0x91, false);
+        std::copy_n(announced.begin() + 6, 6, asked.begin());
+        taken.add(asked);
+    }
+    const std::map<std::string, std::string> filters = documented_filters();
+    EXPECT_THAT(numbers_of_matches(taken, filters.at("one card's announcements")),
+                ElementsAre("3", "5"));
+    EXPECT_THAT(numbers_of_matches(taken, filters.at("one card's frames")),
+                ElementsAre("3", "4", "5", "6"));
 }
 
 // ---- Summaries ----------------------------------------------------------------------------------
