@@ -30,7 +30,7 @@ using clock = std::chrono::steady_clock;
 
 constexpr int buffer_size = 16 * 1024 * 1024;
 constexpr std::size_t frames_at_once = 256;  // of a port, then it is the other one's turn
-constexpr std::size_t bytes_at_once = 64 * 1024;
+constexpr std::size_t bytes_at_once = std::size_t{64} * 1024;
 
 // ---- The file -----------------------------------------------------------------------------------
 

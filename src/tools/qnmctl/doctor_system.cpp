@@ -119,7 +119,8 @@ std::optional<feature> find_feature(int fd, const std::string& name, const char*
     states->size = blocks;
     if (ask(fd, name, names.get()) != 0 || ask(fd, name, states.get()) != 0) return std::nullopt;
     for (std::uint32_t at = 0; at < number; ++at) {
-        const auto* const text = reinterpret_cast<const char*>(names->data) + at * ETH_GSTRING_LEN;
+        const auto* const text =
+            reinterpret_cast<const char*>(names->data) + std::size_t{ETH_GSTRING_LEN} * at;
         if (std::strncmp(text, wanted, ETH_GSTRING_LEN) != 0) continue;
         const ethtool_get_features_block& block = states->features[at / bits];
         const std::uint32_t bit = 1U << at % bits;

@@ -47,16 +47,17 @@ void output::write(std::string_view text) {
 
 namespace {
 
-bool is_set(const char* name) {
+// Of a variable of the environment; empty when it is not set.
+std::string value_of(const char* name) {
     const char* const value = std::getenv(name);
-    return value != nullptr && *value != '\0';
+    return value != nullptr ? value : "";
 }
 
 // As every program of the C library takes it, by the first that is set.
 bool has_unicode() {
     for (const char* const name : {"LC_ALL", "LC_CTYPE", "LANG"}) {
-        if (!is_set(name)) continue;
-        const std::string locale = std::getenv(name);
+        const std::string locale = value_of(name);
+        if (locale.empty()) continue;
         return locale.find("UTF-8") != std::string::npos ||
                locale.find("utf8") != std::string::npos;
     }
@@ -64,10 +65,8 @@ bool has_unicode() {
 }
 
 std::size_t width_at(int fd) {
-    if (is_set("COLUMNS")) {
-        const auto given = parse_number(std::getenv("COLUMNS"));
-        if (given && *given > 0) return *given;
-    }
+    const auto given = parse_number(value_of("COLUMNS"));
+    if (given && *given > 0) return *given;
     winsize size{};
     if (ioctl(fd, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) return size.ws_col;
     return SIZE_MAX;
@@ -76,7 +75,7 @@ std::size_t width_at(int fd) {
 }  // namespace
 
 look look_of(int fd) {
-    return {.coloured = isatty(fd) == 1 && !is_set("NO_COLOR"),
+    return {.coloured = isatty(fd) == 1 && value_of("NO_COLOR").empty(),
             .unicode = has_unicode(),
             .width = width_at(fd)};
 }

@@ -21,8 +21,9 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr std::size_t file_limit = 1024 * 1024;  // of a configuration file
-constexpr std::size_t log_limit = 256 * 1024;    // the last part of a log, and of the events
+constexpr std::size_t file_limit = std::size_t{1024} * 1024;  // of a configuration file
+constexpr std::size_t log_limit =
+    std::size_t{256} * 1024;  // the last part of a log, and of the events
 
 std::string document(const json& of) {
     return of.dump(2, ' ', false, json::error_handler_t::replace) + '\n';

@@ -93,7 +93,9 @@ json driver_json(asking& of) {
     ethtool_drvinfo driver{};
     driver.cmd = ETHTOOL_GDRVINFO;
     of.request.ifr_data = reinterpret_cast<char*>(&driver);
-    if (!of.ask(SIOCETHTOOL)) return {};
+    const bool told = of.ask(SIOCETHTOOL);
+    of.request.ifr_data = nullptr;
+    if (!told) return {};
     return {{"name", driver.driver},
             {"version", driver.version},
             {"firmware", driver.fw_version},
