@@ -116,8 +116,8 @@ struct port {
     std::uint32_t index = 0;  // in the file
 
     std::int64_t nanoseconds_of(const timeval& time) const {
-        const std::int64_t part = nanoseconds ? time.tv_usec : std::int64_t{time.tv_usec} * 1000;
-        return std::int64_t{time.tv_sec} * 1'000'000'000 + part;
+        const std::int64_t unit = nanoseconds ? 1 : 1000;
+        return std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_usec * unit;
     }
     std::uint64_t file_time(std::int64_t time) const {
         return static_cast<std::uint64_t>(nanoseconds ? time : time / 1000);
