@@ -17,6 +17,7 @@ endfunction()
 
 # Sets writable to whether files can be made in a directory, or it can be made itself.
 function(look_if_writable dir)
+    cmake_path(ABSOLUTE_PATH dir) # so that the search upwards ends at the latest at the root
     while(NOT EXISTS "${dir}")
         cmake_path(GET dir PARENT_PATH dir)
     endwhile()
@@ -27,8 +28,9 @@ function(look_if_writable dir)
     endif()
 endfunction()
 
-cmake_path(ABSOLUTE_PATH QNM_CONFDIR BASE_DIRECTORY "${CMAKE_INSTALL_PREFIX}")
-cmake_path(ABSOLUTE_PATH QNM_LAST_SAMPLES BASE_DIRECTORY "${CMAKE_INSTALL_PREFIX}")
+cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_PREFIX OUTPUT_VARIABLE prefix)
+cmake_path(ABSOLUTE_PATH QNM_CONFDIR BASE_DIRECTORY "${prefix}")
+cmake_path(ABSOLUTE_PATH QNM_LAST_SAMPLES BASE_DIRECTORY "${prefix}")
 look_if_writable("$ENV{DESTDIR}${QNM_CONFDIR}")
 if(NOT writable)
     # Somebody who installs for himself alone. The samples are below his prefix.

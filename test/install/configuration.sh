@@ -82,6 +82,16 @@ check_ordinary_user() {
   expect_same "$work/system/home/qnm/share/qnm/conf/qnm.conf" "$samples/qnm.conf"
 }
 
+# A folder that is named relative to where the command is called, and that the installation makes.
+check_relative() {
+  (
+    cd "$work"
+    DESTDIR=folder timeout 300 cmake --install "$build/packaging" --prefix /usr \
+      --component runtime >"$work/told" 2>&1
+  ) || fail "into a relative folder: $(<"$work/told")"
+  expect_same "$work/folder/opt/tarvo/qnm/conf/qnm.conf" "$samples/qnm.conf"
+}
+
 main() {
   need cmake
   install_again
@@ -90,6 +100,7 @@ main() {
   check_missing
   check_link
   check_ordinary_user
+  check_relative
   echo "passed"
 }
 
