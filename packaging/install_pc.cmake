@@ -2,7 +2,7 @@
 # cannot be written before that is known. Needs QNM_PC_TEMPLATE, QNM_LIBDIR and QNM_INCLUDEDIR, and
 # what the template takes.
 
-set(prefix "${CMAKE_INSTALL_PREFIX}")
+cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_PREFIX OUTPUT_VARIABLE prefix)
 foreach(dir IN ITEMS libdir includedir)
     string(TOUPPER "QNM_${dir}" given)
     if(IS_ABSOLUTE "${${given}}")
