@@ -13,6 +13,10 @@ execute_process(COMMAND ${ABIDIFF} --harmless --redundant ${ACCEPTED} ${PRESENT}
     RESULT_VARIABLE status OUTPUT_VARIABLE report ERROR_VARIABLE report)
 if(NOT status EQUAL 0)
     message("${report}")
+    # Of the bits of its status, 4 and 8 stand for a change; others, and words, for a failure.
+    if(NOT status MATCHES "^(4|8|12)$")
+        message(FATAL_ERROR "abidiff could not compare the ABI: ${status}")
+    endif()
     message(FATAL_ERROR "The ABI is not the accepted one. If the change is wanted: "
         "cmake --build --preset release --target accept-abi, and read in CONTRIBUTING.md what "
         "else it takes.")
