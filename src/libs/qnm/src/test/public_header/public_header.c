@@ -77,9 +77,6 @@ static const int k_values[][2] = {
     {QNM_EVT_PATHSTATECHANGE, 4},
     {QNM_EVT_CHANNELSTATECHANGE, 5},
     {QNM_EVT_MAX, 6},
-    {QNM_FLAG_LIVECHECK, 1},
-    {QNM_FLAG_VERIFY, 2},
-    {QNM_FLAG_FORCELOCK, 4},
     {(int)sizeof(qnm_retry_t), 8},
 };
 

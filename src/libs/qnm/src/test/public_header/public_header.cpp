@@ -11,6 +11,10 @@ static_assert(std::is_same_v<std::underlying_type_t<qnm_evt_type_t>, int>);
 static_assert(std::is_standard_layout_v<qnm_qnsv_t> && std::is_trivial_v<qnm_qnsv_t>);
 static_assert(std::is_standard_layout_v<qnm_qnio_t> && std::is_trivial_v<qnm_qnio_t>);
 
+// What no call has in its type is not in the description of the ABI, so it is held here.
+static_assert(QNM_FLAG_LIVECHECK == 1 && QNM_FLAG_VERIFY == 2 && QNM_FLAG_FORCELOCK == 4);
+static_assert(std::is_same_v<qnm_ptr_t, void*>);
+
 extern "C" int check_public_header_in_cpp(void);
 
 // The number of failures.
