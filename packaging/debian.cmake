@@ -102,6 +102,7 @@ set(CPACK_DEBIAN_DEVEL_PACKAGE_DEPENDS "libqnm1 (= ${version})")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libqnm1 (>= ${version})")
 set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "libqnm1 (>= ${version}), python3 (>= 3.11)")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SUGGESTS qnm-tools)
+set(CPACK_DEBIAN_DEVEL_PACKAGE_SUGGESTS qnm-tools) # qnm(7), which the pages of calls refer to
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "tshark | wireshark")
 
 # Nothing in it is compiled when it is made; its scripts do that for the Python that is there.
