@@ -69,6 +69,18 @@ check_binaries() {
   done
 }
 
+# What the documents link to beside themselves is installed as well.
+check_links() {
+  local document target links=0
+  while IFS=: read -r document target; do
+    [[ $target =~ ^[a-z]+: ]] && continue
+    [[ -e ${document%/*}/${target%%#*} ]] || fail "${document##*/} links to $target, which is not there"
+    links=$((links + 1))
+  done < <(find "$work/whole/usr/share/doc/qnm" -name '*.md' \
+    -exec grep --with-filename --only-matching --perl-regexp '\]\(\K[^)#][^)]*' {} +)
+  ((links > 20)) || fail "only $links links were found in the documents"
+}
+
 main() {
   need pkg-config cmake ninja
   mapfile -t components < <(sed -n 's/^QNM_INSTALL_COMPONENTS:INTERNAL=//p' \
@@ -76,6 +88,7 @@ main() {
   ((${#components[@]} >= 4)) || fail "the components are not known"
   install_into "$work/whole"
   check_components
+  check_links
   check_prefix
   check_binaries
   use_installation "$work/whole"
