@@ -30,6 +30,17 @@ need() {
   done
 }
 
+# The lists of files in the build belong to whoever has installed it.
+keep_lists() {
+  mkdir "$work/lists"
+  find "$build" -maxdepth 1 -name 'install_manifest*.txt' -exec cp -p {} "$work/lists" \;
+}
+
+restore_lists() {
+  rm -f "$build"/install_manifest*.txt
+  find "$work/lists" -type f -exec cp -p {} "$build" \;
+}
+
 work=$(mktemp -d "${TMPDIR:-/tmp}/qnm-install.XXXXXX")
 readonly work
 background=()
@@ -39,8 +50,10 @@ cleanup() {
     kill "$pid" 2>/dev/null || true
     wait "$pid" || true
   done
+  restore_lists
   rm -rf "$work"
 }
+keep_lists
 trap cleanup EXIT
 
 # quietly COMMAND...: what it says is shown only when it fails.
