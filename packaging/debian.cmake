@@ -56,13 +56,17 @@ qnm_package(devel libqnm-dev libdevel
 learns the cards on up to two Ethernet ports and reaches into them.
 .
 This package has what is needed to write programs with it: header, files for
-pkg-config and CMake, documents and examples."
+pkg-config and CMake, a manual page for each call, documents and examples."
     doc)
 qnm_package(tools qnm-tools net
     "Operator's tools for Quillnet adapter cards"
     "Quillnet adapter cards carry PCI Express over Ethernet. This package has the
 command qnmctl, which watches cards and reads and writes their registers and
-EEPROMs, and qnm-cardsim, which simulates cards on any Ethernet interface.")
+EEPROMs, and qnm-cardsim, which simulates cards on any Ethernet interface.
+.
+It also has completion of qnmctl for bash and zsh, the schema of its JSON, a
+dissector for Wireshark and tshark, and the manual pages of both commands,
+qnm.conf(5) and qnm(7).")
 qnm_package(python python3-qnm python
     "Manager library for Quillnet adapter cards - Python module"
     "Quillnet adapter cards carry PCI Express over Ethernet. The library libqnm
