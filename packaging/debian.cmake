@@ -1,13 +1,18 @@
 # debian.cmake - the Debian packages libqnm1, libqnm-dev, qnm-tools and python3-qnm, made by cpack from
 # the installed components. scripts/package.sh builds and checks them.
 
-# The changelog says which release of the packages this is.
+# The changelogs say which release of the packages this is.
 file(STRINGS debian/changelog heading LIMIT_COUNT 1)
 if(NOT heading MATCHES "^libqnm \\(([^-]+)-([^)]+)\\)" OR NOT CMAKE_MATCH_1 STREQUAL PROJECT_VERSION)
     message(FATAL_ERROR "debian/changelog begins with \"${heading}\", not with version "
         "${PROJECT_VERSION}")
 endif()
 set(revision ${CMAKE_MATCH_2})
+file(STRINGS ${PROJECT_SOURCE_DIR}/CHANGELOG.md heading REGEX "^## \\[[0-9]" LIMIT_COUNT 1)
+if(NOT heading MATCHES "^## \\[([^]]+)\\] - [0-9-]+$" OR NOT CMAKE_MATCH_1 STREQUAL PROJECT_VERSION)
+    message(FATAL_ERROR "the last release in CHANGELOG.md is \"${heading}\", not version "
+        "${PROJECT_VERSION}")
+endif()
 
 # qnm_compress(FILE NAME): a compressed copy in the build directory, always the same byte for byte.
 function(qnm_compress file name)
