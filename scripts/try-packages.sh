@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Tries the Debian packages as a new user would: in a minimal Debian of its own, where nothing of this
-# machine is, apt installs them with what they depend on; then host programs are built and run, and
-# the tools and their manual pages used.
+# machine is, apt installs them with what they depend on; then what the installed README says is done:
+# host programs are built and run, and the tools and their manual pages used.
 #
 #   usage: try-packages.sh [DEB...]     as root
 #
@@ -48,7 +48,8 @@ make_debian() {
     "$suite" "$work/debian" - || die "no Debian could be made; the lines above tell why."
 }
 
-# Runs a command in the Debian with processes and mounts of its own, as unshare's options say more.
+# Runs a command in the Debian with processes, terminals and mounts of its own, as unshare's options
+# say more.
 #   usage: in_debian [OPTION...] -- COMMAND [ARGUMENT...]
 in_debian() {
   local options=()
@@ -62,6 +63,7 @@ in_debian() {
     unshare --mount --pid --fork --kill-child "${options[@]}" sh -ec '
       mount -t proc proc "$0/proc"
       mount -t sysfs sysfs "$0/sys"
+      mount -t devpts devpts "$0/dev/pts"
       exec chroot "$0" "$@"' "$work/debian" "${@:2}"
 }
 

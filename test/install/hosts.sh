@@ -5,6 +5,9 @@
 # shellcheck source=test/install/common.sh
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
+# The manager's ends of the cables.
+ports=(qnm0 qnm1)
+
 # The cards of the scenario that every host has to report.
 readonly cards=(0x020000001000 0x020000002000)
 
@@ -31,8 +34,8 @@ build_hosts() {
 start_cards() {
   local root=$1 port
   for port in 0 1; do
-    ip link add "qnm$port" type veth peer name "qsim$port"
-    ip link set "qnm$port" up
+    ip link add "${ports[port]}" type veth peer name "qsim$port"
+    ip link set "${ports[port]}" up
     ip link set "qsim$port" up
   done
   mkfifo "$work/orders"
@@ -42,32 +45,42 @@ start_cards() {
   background+=($!)
 }
 
+# name_ports FILE: names them in a qnm.conf as installed, the way that the documents do.
+name_ports() {
+  sed -i "s/^#ether_port = .*/ether_port = ${ports[0]},${ports[1]}/" "$1"
+  grep -q "^ether_port = ${ports[0]},${ports[1]}\$" "$1" || fail "the sample names no ports"
+}
+
 # An installation directory with the configuration as installed, but for ports and place of the log.
 configure() {
   local root=$1
   mkdir -p "$work/log"
   cp -r "$root/opt/tarvo/qnm" "$work/installation"
-  sed -i 's/^#ether_port = .*/ether_port = qnm0,qnm1/' "$work/installation/conf/qnm.conf"
-  grep -q '^ether_port = qnm0,qnm1$' "$work/installation/conf/qnm.conf" ||
-    fail "the sample names no ports"
+  name_ports "$work/installation/conf/qnm.conf"
   sed -i "s#/var/log/qnm#$work/log#" "$work/installation/conf/qnm_log4c.properties"
+}
+
+# await_text FILE REGEX PID: until the output of a program that runs has it.
+await_text() {
+  local tries
+  for ((tries = 0; tries < 600; tries++)); do
+    grep -qs -e "$2" "$1" && return
+    kill -0 "$3" 2>/dev/null || break
+    sleep 0.1
+  done
+  grep -qs -e "$2" "$1" || fail "no '$2' is in $1: $(<"$1")"
 }
 
 # run_host HOST ROOT: it reports the cards by the installed library, and ends when told.
 run_host() {
-  local host=$1 root=$2 pid card tries input
+  local host=$1 root=$2 pid card input
   mkfifo "$host.input"
   exec {input}<>"$host.input"
   "$host" "$work/installation" <&"$input" >"$host.output" 2>&1 &
   pid=$!
   background+=("$pid")
   for card in "${cards[@]}"; do
-    for ((tries = 0; tries < 600; tries++)); do
-      grep -qsx "new $card" "$host.output" && break
-      kill -0 "$pid" 2>/dev/null || fail "$host ended: $(<"$host.output")"
-      sleep 0.1
-    done
-    grep -qx "new $card" "$host.output" || fail "$host does not see $card: $(<"$host.output")"
+    await_text "$host.output" "^new $card\$" "$pid"
   done
   grep -q " $root/usr/$libdir/libqnm\.so\.1\.[0-9.]*$" "/proc/$pid/maps" ||
     fail "$host runs with another library: $(grep libqnm "/proc/$pid/maps")"

@@ -1,9 +1,14 @@
 #!/usr/bin/env bash
 # Uses the installed packages in a Debian of its own, where scripts/try-packages.sh has put them and
-# has this run, in /trial.
+# has this run, in /trial: first with an installation directory of its own, then as the installed
+# README says, from the configuration in place on. Its commands are taken out of it.
 set -euo pipefail
 # shellcheck source=test/install/hosts.sh
-. "$(dirname "${BASH_SOURCE[0]}")/hosts.sh" / "lib/$(cc -print-multiarch)"
+. "$(dirname "${BASH_SOURCE[0]}")/hosts.sh" /trial "lib/$(cc -print-multiarch)"
+
+readonly documents=/usr/share/doc/qnm
+# As the documents call them, so that their commands can be run as they stand.
+ports=(eth1 eth2)
 
 readonly names=(libqnm1 libqnm-dev qnm-tools python3-qnm)
 
@@ -35,7 +40,8 @@ check_system() {
     quietly dpkg --verify "$name"
     [[ ! -s $work/said ]] || fail "$name is not as packed: $(<"$work/said")"
   done
-  ldconfig --print-cache | grep -q 'libqnm\.so\.1 ' || fail "the linker does not find the library"
+  quietly ldconfig --print-cache
+  grep -q 'libqnm\.so\.1 ' "$work/said" || fail "the linker does not find the library"
   say "libqnm.so.1 is found"
 }
 
@@ -71,10 +77,118 @@ END
   say "the Python module sees the cards"
 }
 
+# Runs a program until it has named the cards; then it has to end in order.
+#   usage: use_program END COMMAND [ARGUMENT...]     END is TERM, or a line that it reads
+use_program() {
+  local end=$1 output=$work/output pid input card
+  shift
+  rm -f "$output" "$work/input" # what the program before has said must not be taken for its own
+  mkfifo "$work/input"
+  exec {input}<>"$work/input"
+  "$@" <&"$input" >"$output" 2>&1 &
+  pid=$!
+  background+=("$pid")
+  for card in "${cards[@]}"; do
+    await_text "$output" "$card" "$pid"
+  done
+  if [[ $end == TERM ]]; then
+    kill -TERM "$pid"
+  else
+    echo "$end" >&"$input"
+  fi
+  wait "$pid" || fail "$* ends with status $?: $(<"$output")"
+  exec {input}>&-
+  say "$*"
+}
+
+# What the README has compiled, compiled as it says, and what it has "compiled like the above".
+follow_examples() {
+  local command
+  local -a flags
+  cp "$documents"/docs/examples/* .
+  while read -r command; do
+    quietly eval "$command"
+    say "$command"
+  done < <(grep '^cc ' "$documents/README.md")
+  read -ra flags < <(pkg-config --cflags --libs qnm)
+  quietly cc -std=c99 watch_loop.c "${flags[@]}" -lpthread -o watch_loop
+  quietly c++ -std=c++20 event_loop.cpp "${flags[@]}" -lpthread -o event_loop
+
+  use_program '' ./first /opt/tarvo/qnm
+  use_program '' ./host /opt/tarvo/qnm
+  use_program TERM ./watch_loop /opt/tarvo/qnm
+  use_program TERM ./event_loop /opt/tarvo/qnm
+  use_program TERM python3 ./watch.py /opt/tarvo/qnm
+  quietly pydoc3 qnm
+  grep -q 'class Manager' "$work/said" || fail "pydoc3 does not describe the module"
+  say "pydoc3 qnm"
+}
+
+# Runs one of the operator's commands, with an end where it has none by itself.
+#   usage: follow_command WORD...
+follow_command() {
+  case " $* " in
+  *' watch '*) use_program quit "$@" ;;
+  *' top '*)
+    TERM=xterm use_program q script -qec "stty rows 24 cols 100; $*" /dev/null
+    ;;
+  *)
+    case " $* " in
+    *' capture '*) set -- "$@" --count 20 ;;
+    *' report '*) set -- "$@" --for 2 ;;
+    esac
+    quietly "$@"
+    [[ -s $work/said ]] || fail "$* says nothing"
+    cp "$work/said" "$work/last"
+    say "$*"
+    ;;
+  esac
+}
+
+# What the README lists to operate cards, word for word but for the card and the file.
+follow_commands() {
+  local line
+  local -a commands words
+  # shellcheck disable=SC2016 # it is the fence of the commands
+  mapfile -t commands < <(sed -n '/^## Operate it/,/^## [^O]/p' "$documents/README.md" |
+    sed -nE '/^```/,/^```/s/^(sudo )?(qnmctl .*)/\2/p' |
+    sed -E "s/ {2,}.*//; s/\<ID\>/${cards[0]}/; s/\<FILE\>/capture.pcapng/")
+  ((${#commands[@]} >= 10)) || fail "the README lists ${#commands[@]} commands"
+  for line in "${commands[@]}"; do
+    read -ra words <<<"$line"
+    follow_command "${words[@]}"
+  done
+  [[ $(stat --format %s card.bin) == 2048 ]] || fail "the EEPROM is not whole"
+  quietly tar --list --file qnm-report-*.tar.gz
+  grep -q '\.pcapng$' "$work/said" || fail "the report has no capture: $(<"$work/said")"
+
+  follow_command qnmctl decode capture.pcapng
+  (($(wc -l <"$work/last") == 20)) || fail "not 20 frames: $(<"$work/last")"
+  follow_command qnmctl --dir /opt/tarvo/qnm list -o json
+  python3 -m json.tool "$work/last" >/dev/null || fail "this is no JSON: $(<"$work/last")"
+  follow_command qnmctl completion bash
+  expect_same "$work/last" /usr/share/bash-completion/completions/qnmctl
+  # shellcheck disable=SC1091 # it is what is tried
+  (. "$work/last" && complete -p qnmctl >/dev/null) || fail "bash does not complete it"
+}
+
+# With the configuration in its place, as the README begins.
+follow_readme() {
+  name_ports /opt/tarvo/qnm/conf/qnm.conf
+  mkdir "$work/user"
+  cd "$work/user"
+  follow_examples
+  follow_commands
+  cd /
+  rm -r /var/log/qnm # by the logs it is the operator's
+}
+
 check_removal() {
   local left
   quietly apt-get purge -q -y "${names[@]}"
-  left=$(find / -xdev -path /trial -prune -o -path /tmp -prune -o -name '*qnm*' -print)
+  # /var/cache/man has what man keeps for itself of the pages that it has shown.
+  left=$(find / -xdev \( -path /trial -o -path /tmp -o -path /var/cache/man \) -prune -o \
+    -name '*qnm*' -print)
   [[ -z $left && ! -e /opt/tarvo ]] || fail "left behind: $left"
   say "all is removed"
 }
@@ -87,6 +201,7 @@ main() {
   say "host programs in C and C++, by pkg-config and CMake, and qnmctl see the cards"
   check_commands
   check_python
+  follow_readme
   check_removal
   echo "All was as a new user expects it."
 }
