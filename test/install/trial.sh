@@ -105,7 +105,8 @@ use_program() {
 follow_examples() {
   local command
   local -a flags
-  cp "$documents"/docs/examples/* .
+  cp -r "$documents/docs" .
+  cp docs/examples/* .
   while read -r command; do
     quietly eval "$command"
     say "$command"
