@@ -110,10 +110,11 @@ void tell_failure(context& with, const std::string& text, std::optional<qnm_api_
 
 void listen(context& with, const listening& how) {
     enum { signal, wake, out, input };
-    pollfd waited[] = {{with.signals, POLLIN, 0},
-                       {with.manager->wake_fd(), POLLIN, 0},
-                       {with.out.fd(), 0, 0},  // only that its reader has gone
-                       {how.takes_lines ? STDIN_FILENO : -1, POLLIN, 0}};
+    pollfd waited[] = {
+        {with.signals, POLLIN, 0},
+        {with.manager->wake_fd(), POLLIN, 0},
+        {with.out.fd(), 0, 0},  // only that its reader has gone: an error or a hang-up
+        {how.takes_lines ? STDIN_FILENO : -1, POLLIN, 0}};
     const clock::time_point deadline = deadline_after(how.seconds);
     input_lines lines;
     with.told_events = 0;
@@ -126,7 +127,7 @@ void listen(context& with, const listening& how) {
             if (errno == EINTR) continue;
             throw error(std::string("cannot wait: ") + std::strerror(errno));
         }
-        if (waited[signal].revents != 0 || (waited[out].revents & POLLERR) != 0) return;
+        if (waited[signal].revents != 0 || waited[out].revents != 0) return;
         if (waited[wake].revents != 0) {
             if (!tell_events(with, how)) return;
             check_running(with);

@@ -3,6 +3,7 @@
 //
 // Signals are blocked in every thread and read as input, so a command ends by returning, and what
 // it has made is removed.
+#include <fcntl.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
@@ -15,6 +16,14 @@
 #include "verbs.h"
 
 namespace {
+
+// A descriptor opened later would otherwise take the place of a standard file that is closed, and
+// be written to as that.
+void open_standard_files() {
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (fcntl(fd, F_GETFD) < 0 && open("/dev/null", O_RDWR) < 0) _exit(qnmctl::exit_failed);
+    }
+}
 
 // Before any thread is started, so that they all inherit it.
 int open_signals() {
@@ -60,6 +69,7 @@ int run_and_tell(const qnmctl::command_line& given, int signals) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    open_standard_files();
     const int signals = open_signals();
     const auto parsed = qnmctl::parse_command_line(qnmctl::verbs, argc, argv);
     if (const int* status = std::get_if<int>(&parsed)) return *status;

@@ -22,7 +22,7 @@ bool output::wait_writable() {
     while (poll(waited, 2, -1) < 0) {
         if (errno != EINTR) throw error(std::string("cannot wait for output: ") + strerror(errno));
     }
-    if ((waited[0].revents & POLLERR) != 0) return false;
+    if ((waited[0].revents & (POLLERR | POLLHUP | POLLNVAL)) != 0) return false;
     return waited[0].revents != 0;
 }
 

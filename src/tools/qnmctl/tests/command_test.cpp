@@ -194,13 +194,24 @@ TEST_F(Manager, EndsCleanlyAtASignal) {
 }
 
 TEST_F(Manager, EndsQuietlyWhenItsReaderHasGone) {
-    program run(in_namespace({"--ports", "lo", "watch"}));
-    run.say("help");
-    run.read_until("Ends");
-    run.close_output();
-    EXPECT_EQ(0, run.end());
+    for (const standard_files files : {standard_files::pipes, standard_files::socket}) {
+        program run(in_namespace({"--ports", "lo", "watch"}), files);
+        run.say("help");
+        run.read_until("Ends");
+        run.close_output();
+        EXPECT_EQ(0, run.end());
+        EXPECT_EQ("", run.errors());
+        EXPECT_FALSE(run.left_something());
+    }
+}
+
+TEST_F(Manager, TakesNothingElseForAClosedStandardOutput) {
+    words all = {QNM_IN_NETNS, "sh", "-c", "exec \"$@\" >&-", "sh"};
+    const words own = command({"--ports", "lo", "list", "--for", "0.1"});
+    all.insert(all.end(), own.begin(), own.end());
+    program run(all);
+    EXPECT_EQ(0, run.end()) << run.errors();
     EXPECT_EQ("", run.errors());
-    EXPECT_FALSE(run.left_something());
 }
 
 TEST_F(Manager, EndsAtASignalWhileItsReaderTakesNothing) {

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -47,7 +48,7 @@ program::program(words command, standard_files files) {
     if (files == standard_files::terminal) {
         open_terminal();
     } else {
-        open_pipes();
+        open_pipes(files);
     }
     pid_ = checked(fork());
     if (pid_ == 0) become(std::move(command));
@@ -64,11 +65,13 @@ program::~program() {
     close_output();
 }
 
-void program::open_pipes() {
+void program::open_pipes(standard_files files) {
     std::array<int, 2> in{};
     std::array<int, 2> out{};
     checked(pipe2(in.data(), O_CLOEXEC));
-    checked(pipe2(out.data(), O_CLOEXEC));
+    checked(files == standard_files::socket
+                ? socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, out.data())
+                : pipe2(out.data(), O_CLOEXEC));
     theirs_[STDIN_FILENO] = in[0];
     theirs_[STDOUT_FILENO] = out[1];
     theirs_[STDERR_FILENO] =

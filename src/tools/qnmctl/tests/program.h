@@ -18,10 +18,11 @@ words command(const words& arguments);
 
 bool holds(const std::string& text, const std::string& part);
 
-enum class standard_files { pipes, terminal };
+enum class standard_files { pipes, socket, terminal };
 
 // A running program; its temporary files go into a directory of its own. With pipes its standard
-// error goes to a file there; a terminal is all three of its standard files.
+// error goes to a file there, and standard output can be a socket in place of one; a terminal is
+// all three of its standard files.
 class program {
   public:
     explicit program(words command, standard_files files = standard_files::pipes);
@@ -45,7 +46,7 @@ class program {
     bool left_something() const;
 
   private:
-    void open_pipes();
+    void open_pipes(standard_files files);
     void open_terminal();
     [[noreturn]] void become(words command) const;
     bool read_some(std::chrono::steady_clock::time_point deadline);
