@@ -53,6 +53,13 @@ std::vector<change> compare(const card& before, const card& after, std::optional
     return found;
 }
 
+// A record that was ahead of the event before has told this one's change with it, and why.
+reason reason_of_no_change(watch_facts& facts, const told_card& last_told, const card& now) {
+    if (is_restarted(facts, now)) return {.why = cause::restarted};
+    const bool ahead = common(last_told.record).ecd_updatetime == common(now).ecd_updatetime;
+    return ahead ? last_told.why : reason{};
+}
+
 }  // namespace
 
 const char* event_name(qnm_evt_type_t type) {
@@ -61,19 +68,26 @@ const char* event_name(qnm_evt_type_t type) {
 
 told_change tell(known_cards& known, qnm_evt_type_t type, const card& now) {
     const auto [at, added] = known.last_told.try_emplace(common(now).ecd_id);
-    auto& last_told = at->second;
+    told_card& last_told = at->second[type];
     const bool first =
-        added || type == QNM_EVT_NEWDEVINFO || last_told[type].index() != now.index();
+        added || type == QNM_EVT_NEWDEVINFO || last_told.record.index() != now.index();
     if (first) {
-        last_told.fill(now);
+        at->second.fill({now});
         return {.first = true, .changes = {}};
     }
-    told_change told{.changes = compare(last_told[type], now, events[type].about),
-                     .restarted = is_restarted(known.facts, now)};
+    told_change told{.changes = compare(last_told.record, now, events[type].about)};
     for (change& one : told.changes)
         one.why = find_reason(known.facts, now, one.before, one.after);
-    last_told[type] = now;
+    told.why = told.changes.empty() ? reason_of_no_change(known.facts, last_told, now)
+                                    : told.changes.back().why;
+    last_told = {now, told.why};
     return told;
+}
+
+std::optional<card> told_before(const known_cards& known, std::uint64_t id) {
+    const auto found = known.last_told.find(id);
+    if (found == known.last_told.end()) return std::nullopt;
+    return found->second[QNM_EVT_UPDATEDEVINFO].record;
 }
 
 std::string change_text(const change& told) {
@@ -94,7 +108,7 @@ std::string changes_text(const std::vector<change>& all) {
 
 std::string present_text(qnm_evt_type_t type, const card& now) {
     const std::optional<aspect> about = events[type].about;
-    if (!about) return "as told above";
+    if (!about) return "nothing further changed";
     std::vector<std::string> parts;
     for (const section& within : sections(now)) {
         for (const field& shown : within.fields) {

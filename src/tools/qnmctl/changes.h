@@ -8,6 +8,7 @@
 #include <array>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -34,16 +35,25 @@ struct change {
 struct told_change {
     bool first = false;  // the card was not known here before, or is told as new: by announcement
     std::vector<change> changes;
-    bool restarted = false;  // the event is news of the restart, even where it changes nothing
+    reason why = {};  // of the event, even where it changes nothing
+};
+
+// A card as it was told by the last event of a type.
+struct told_card {
+    card record;
+    reason why = {};  // of that event
 };
 
 struct known_cards {
-    std::map<std::uint64_t, std::array<card, QNM_EVT_MAX>> last_told = {};
+    std::map<std::uint64_t, std::array<told_card, QNM_EVT_MAX>> last_told = {};
     watch_facts facts = {};
 };
 
 // What the event changed, and remembers the record as told.
 told_change tell(known_cards& known, qnm_evt_type_t type, const card& now);
+
+// The record that an update was compared with last, in all fields; nothing of a card not told yet.
+std::optional<card> told_before(const known_cards& known, std::uint64_t id);
 
 // "VLAN ID 10 -> 11", "path P1M0 disconnected -> connected"; without why.
 std::string change_text(const change& told);

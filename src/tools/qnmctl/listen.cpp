@@ -27,10 +27,13 @@ using clock = std::chrono::steady_clock;
 
 constexpr std::uint32_t default_expire_ms = 5000;  // the library's
 
+// The card may fit as it is now or as it was told before, so that it is told how one leaves a
+// group.
 bool is_wanted(const event_filter& filter, const char* event, std::uint64_t id,
-               const std::optional<card>& record) {
+               const std::optional<card>& before, const std::optional<card>& record) {
     const auto& names = filter.events;
     if (!names.empty() && std::find(names.begin(), names.end(), event) == names.end()) return false;
+    if (before && fits(*before, filter.cards)) return true;
     if (record) return fits(*record, filter.cards);
     const auto& ids = filter.cards.ids;
     return ids.empty() ? !filter.cards.by_property()
@@ -39,9 +42,10 @@ bool is_wanted(const event_filter& filter, const char* event, std::uint64_t id,
 
 // What changed is found out of every event, because the next one is compared with it.
 void tell_event(context& with, const observed& seen) {
+    const std::optional<card> before = told_before(with.known, seen.id);
     const told_change told =
         seen.record ? tell(with.known, seen.type, *seen.record) : told_change{};
-    if (!is_wanted(with.filter, event_name(seen.type), seen.id, seen.record)) return;
+    if (!is_wanted(with.filter, event_name(seen.type), seen.id, before, seen.record)) return;
     ++with.told_events;
     if (with.told.is_text()) {
         with.told.text(event_line(seen, told, with.how.coloured) + '\n');
@@ -141,7 +145,8 @@ void tell_monitor(context& with, std::uint64_t id, bool restarted) {
     const bool was_on = restarted ? with.stopped.erase(id) == 0 : with.stopped.insert(id).second;
     if (restarted) with.known.facts.restarted[id] = {to_milliseconds(now)};
     const monitor_change told = {now, id, read_card(id), was_on, restarted};
-    if (!is_wanted(with.filter, monitor_event, id, told.record)) return;
+    const std::optional<card> before = told_before(with.known, id);
+    if (!is_wanted(with.filter, monitor_event, id, before, told.record)) return;
     ++with.told_events;
     if (with.told.is_text()) {
         with.told.text(monitor_line(told, with.how.coloured) + '\n');

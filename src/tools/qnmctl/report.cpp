@@ -61,10 +61,9 @@ std::string summary(const card& of) {
 
 std::string event_words(const observed& seen, const told_change& told) {
     if (!seen.record) return "the card is no longer known";
-    if (told.first) return summary(*seen.record) + " (" + reason_text({}) + ')';
+    if (told.first) return summary(*seen.record) + " (" + reason_text(told.why) + ')';
     if (told.changes.empty()) {
-        return present_text(seen.type, *seen.record) +
-               (told.restarted ? " (" + reason_text({.why = cause::restarted}) + ')' : "");
+        return present_text(seen.type, *seen.record) + " (" + reason_text(told.why) + ')';
     }
     return changes_text(told.changes);
 }
@@ -152,16 +151,14 @@ json event_json(const observed& seen, const told_change& told) {
                    {"kind", kind_json(seen.record)},
                    {"id", id_text(seen.id)}};
     if (!seen.record) return object;
-    if (told.first) {
-        object["card"] = card_json(*seen.record);
-        object["why"] = reason_json({});
-        return object;
+    if (!told.first) {
+        object["changes"] = json::array();
+        for (const change& one : told.changes)
+            object["changes"].push_back(change_json(one));
     }
-    object["changes"] = json::array();
-    for (const change& one : told.changes)
-        object["changes"].push_back(change_json(one));
-    if (told.changes.empty() && told.restarted) {
-        object["why"] = reason_json({.why = cause::restarted});
+    if (told.changes.empty()) {
+        object["card"] = card_json(*seen.record);
+        object["why"] = reason_json(told.why);
     }
     return object;
 }

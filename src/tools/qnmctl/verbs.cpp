@@ -122,9 +122,10 @@ constexpr char watch_help[] =
     "One line for every event: local time, event, kind and ID of the card, and what changed, from\n"
     "what to what, with the reason behind it: announced, expired after so long a silence, link\n"
     "down on a port, stopped or restarted by the operator. With several filters an event has to\n"
-    "pass all of them. Ends at Ctrl-C, SIGTERM, or when its reader has gone. While it runs, lines\n"
-    "on standard input are commands, on cards already heard: \"help\" lists them, \"quit\" ends\n"
-    "it, the end of standard input does not.";
+    "pass all of them; a card passes --kind and --group by what it is now or by what was told of\n"
+    "it before, so the event in which it leaves a group is told, too. Ends at Ctrl-C, SIGTERM, or\n"
+    "when its reader has gone. While it runs, lines on standard input are commands, on cards\n"
+    "already heard: \"help\" lists them, \"quit\" ends it, the end of standard input does not.";
 
 constexpr char list_help[] =
     "C under a path (P local port, M path on the card) is connected, D disconnected. A terminal\n"

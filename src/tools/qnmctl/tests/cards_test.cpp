@@ -555,6 +555,16 @@ TEST_F(Cards, TakeNoPageOfAnotherSize) {
     EXPECT_EQ(0U, cards.count().mms_writes);
 }
 
+TEST_F(Cards, AGroupIsWatchedUntilACardHasLeftIt) {
+    program run(ctl({"watch", "--group", "10"}));
+    run.read_until(std::string("QNSV ") + server);
+    cards.set("sv", "vlan_id", "30");
+    const std::string seen = run.read_until("VLAN ID 10 -> 30 (announced)\n");
+    EXPECT_FALSE(holds(seen, device));
+    run.say("quit");
+    EXPECT_EQ(0, run.end());
+}
+
 TEST_F(Cards, AreAccessedFromLinesOfAWatch) {
     program run(ctl({"watch"}));
     run.read_until(std::string("QNSV ") + server);

@@ -117,6 +117,32 @@ TEST(Tell, ACardThatChangedItsKindIsFirst) {
     EXPECT_FALSE(tell(known, QNM_EVT_CHANNELSTATECHANGE, server).first);
 }
 
+TEST(Tell, ARecordThatWasAheadHasSaidWhy) {
+    qnm_qnsv_t record = sample_server();
+    known_cards known = knowing(record);
+    EXPECT_EQ(reason{}, tell(known, QNM_EVT_UPDATEDEVINFO, record).why);
+    record.esv_com_dev.ecd_state[0][0] = 0;
+    record.esv_com_dev.ecd_updatetime = record.esv_com_dev.ecd_recvtime[0][0] + 1;
+    const reason lost = {.why = cause::link_down, .port = 0};
+    EXPECT_EQ(lost, tell(known, QNM_EVT_UPDATEDEVINFO, record).why);
+    EXPECT_EQ(lost, tell(known, QNM_EVT_UPDATEDEVINFO, record).why);
+    ++record.esv_com_dev.ecd_updatetime;
+    EXPECT_EQ(reason{}, tell(known, QNM_EVT_UPDATEDEVINFO, record).why);
+}
+
+// By the record of an update: no other event tells of a group.
+TEST(ToldBefore, IsWhatTheLastUpdateTold) {
+    qnm_qnio_t record = sample_device();
+    known_cards known = knowing(record);
+    const std::uint64_t id = record.eio_com_dev.ecd_id;
+    record.eio_com_dev.ecd_vlan_id = 31;
+    tell(known, QNM_EVT_CHANNELSTATECHANGE, record);
+    EXPECT_EQ(30, common(*told_before(known, id)).ecd_vlan_id);
+    tell(known, QNM_EVT_UPDATEDEVINFO, record);
+    EXPECT_EQ(31, common(*told_before(known, id)).ecd_vlan_id);
+    EXPECT_FALSE(told_before(known, id + 1));
+}
+
 TEST(ChangesText, SaysWhyOnceForNeighbours) {
     qnm_qnio_t record = sample_device();
     known_cards known = knowing(record);
@@ -138,7 +164,7 @@ TEST(PresentText, SaysHowThingsAre) {
     EXPECT_EQ("now: path P1M1 connected",
               present_text(QNM_EVT_CHANNELSTATECHANGE, sample_device()));
     EXPECT_EQ("now: none", present_text(QNM_EVT_PATHSTATECHANGE, sample_device()));
-    EXPECT_EQ("as told above", present_text(QNM_EVT_UPDATEDEVINFO, sample_device()));
+    EXPECT_EQ("nothing further changed", present_text(QNM_EVT_UPDATEDEVINFO, sample_device()));
 }
 
 }  // namespace

@@ -51,8 +51,10 @@ TEST(EventLine, SaysWhyWhereNothingChanged) {
     known_cards known;
     qnm_qnsv_t record = sample_server();
     line_of(seen(QNM_EVT_NEWDEVINFO, record), known, false);
-    EXPECT_EQ("CHANNELSTATECHANGE QNSV 0x020000001000  now: path P0M0 connected",
+    EXPECT_EQ("CHANNELSTATECHANGE QNSV 0x020000001000  now: path P0M0 connected (announced)",
               without_time(line_of(seen(QNM_EVT_CHANNELSTATECHANGE, record), known, false)));
+    EXPECT_EQ("UPDATEDEVINFO      QNSV 0x020000001000  nothing further changed (announced)",
+              without_time(line_of(seen(QNM_EVT_UPDATEDEVINFO, record), known, false)));
     known.facts.restarted[record.esv_com_dev.ecd_id] = {.when = 1};
     EXPECT_EQ("CHANNELSTATECHANGE QNSV 0x020000001000  now: path P0M0 connected (restarted)",
               without_time(line_of(seen(QNM_EVT_CHANNELSTATECHANGE, record), known, false)));
@@ -91,6 +93,15 @@ TEST(EventJson, HoldsOldAndNewValues) {
         {{"field", "vlan_id"}, {"old", 10}, {"new", 11}, {"why", {{"reason", "announced"}}}}};
     EXPECT_EQ(wanted, object["changes"]);
     EXPECT_FALSE(object.contains("card"));
+}
+
+TEST(EventJson, HoldsTheCardAndWhyWhereNothingChanged) {
+    known_cards known;
+    object_of(seen(QNM_EVT_NEWDEVINFO, sample_server()), known);
+    const json object = object_of(seen(QNM_EVT_CHANNELSTATECHANGE, sample_server()), known);
+    EXPECT_EQ(json::array(), object["changes"]);
+    EXPECT_EQ(json({{"reason", "announced"}}), object["why"]);
+    EXPECT_EQ(card_json(sample_server()), object["card"]);
 }
 
 TEST(EventJson, SaysWhenTheCardIsGone) {
