@@ -175,12 +175,12 @@ show_table() {
   act 'The table of cards' \
     'Expected: all six, connected (C) over every path that they announce themselves on.'
   ask list \
-    'sv-10g' "$(row QNSV "$sv_10g" 1/10G 10 C D C D NORMAL -)" \
+    'sv-10g' "$(row QNSV "$sv_10g" 1/10G 10 C - C - NORMAL -)" \
     'sv-40g, over four paths' "$(row QNSV "$sv_40g" 40G 20 C C C C NORMAL -)" \
-    'io-10g, in its new VLAN' "$(row QNIO "$io_10g" 1/10G 11 C D C D NORMAL 0)" \
-    'io-40g, by port 0 only' "$(row QNIO "$io_40g" 40G 20 C C D D NORMAL 0)" \
+    'io-10g, in its new VLAN' "$(row QNIO "$io_10g" 1/10G 11 C - C - NORMAL 0)" \
+    'io-40g, by port 0 only' "$(row QNIO "$io_40g" 40G 20 C C - - NORMAL 0)" \
     'io-multiroot, with its resource ID' "$(row QNIO "$io_multiroot" 40G 30 C C C C NORMAL 7)" \
-    'io-tagchange, in its VLAN mode' "$(row QNIO "$io_tagchange" 1/10G 40 C D C D CHANGE 0)" \
+    'io-tagchange, in its VLAN mode' "$(row QNIO "$io_tagchange" 1/10G 40 C - C - CHANGE 0)" \
     'two server cards, four I/O cards' '^2 QNSV, 4 QNIO$'
 }
 

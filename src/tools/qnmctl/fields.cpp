@@ -225,6 +225,17 @@ const char* kind_text(const card& of) {
     return std::holds_alternative<qnm_qnsv_t>(of) ? "QNSV" : "QNIO";
 }
 
+path_sight path_of(const card& one, int port, int path) {
+    const qnm_com_dev_t& of = common(one);
+    if (of.ecd_state[port][path] != 0) return path_sight::connected;
+    return of.ecd_recvtime[port][path] != 0 ? path_sight::lost : path_sight::never_heard;
+}
+
+const char* sight_text(path_sight of) {
+    constexpr const char* texts[] = {"-", "D", "C"};  // indexed by path_sight
+    return texts[static_cast<std::size_t>(of)];
+}
+
 std::string value_text(const field& shown) {
     const format& form = *shown.form;
     switch (form.how) {

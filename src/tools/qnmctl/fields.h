@@ -21,6 +21,11 @@ using card = std::variant<qnm_qnsv_t, qnm_qnio_t>;
 const qnm_com_dev_t& common(const card& of);
 const char* kind_text(const card& of);  // "QNSV" or "QNIO"
 
+enum class path_sight { never_heard, lost, connected };
+
+path_sight path_of(const card& one, int port, int path);
+const char* sight_text(path_sight of);  // "-", "D" or "C", in tables
+
 // What a field is about, so that an event is told with the fields it is about.
 enum class aspect { general, path, connection, error_vector, link_fault };
 

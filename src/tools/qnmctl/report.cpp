@@ -119,10 +119,12 @@ constexpr card_column card_columns[] = {
     {{.heading = "R-ID", .right = true, .spare = 5}, "mr_resource_num", ""},
 };
 
-std::string cell(const field* shown) {
+std::string cell(const card& of, const field* shown) {
     if (shown == nullptr) return "-";  // a field that this kind of card does not have
-    if (shown->about == aspect::path) return shown->value != 0 ? "C" : "D";
-    return value_text(*shown);
+    if (shown->about != aspect::path) return value_text(*shown);
+    const int port = shown->key[1] - '0';  // "P0M1"
+    const int path = shown->key[3] - '0';
+    return sight_text(path_of(of, port, path));
 }
 
 json section_json(const section& of) {
@@ -191,7 +193,7 @@ std::string cards_text(const std::vector<card>& cards, const look& how) {
         std::vector<std::string>& row = shown.rows.emplace_back();
         row.emplace_back(kind_text(one));
         for (const card_column& of : card_columns)
-            row.push_back(cell(find_field(fields, of.name, of.key)));
+            row.push_back(cell(one, find_field(fields, of.name, of.key)));
     }
     return table_text(shown, how) + std::to_string(servers) + " QNSV, " +
            std::to_string(cards.size() - servers) + " QNIO\n";

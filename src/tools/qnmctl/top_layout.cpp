@@ -146,12 +146,9 @@ std::string vlan_cell(const top_card& of, wall_time) {
     return std::to_string(common(*of.record).ecd_vlan_id);
 }
 
-// Indexed by path_sight.
-constexpr const char* sight_texts[] = {"-", "D", "C"};
-
 template <int Port, int Path>
 std::string path_cell(const top_card& of, wall_time) {
-    return sight_texts[static_cast<std::size_t>(path_of(*of.record, Port, Path))];
+    return sight_text(path_of(*of.record, Port, Path));
 }
 
 std::string heard_cell(const top_card& of, wall_time now) {

@@ -315,12 +315,6 @@ double rate::per_second() const {
 
 // ---- What is seen -------------------------------------------------------------------------------
 
-path_sight path_of(const card& one, int port, int path) {
-    const qnm_com_dev_t& of = common(one);
-    if (of.ecd_state[port][path] != 0) return path_sight::connected;
-    return of.ecd_recvtime[port][path] != 0 ? path_sight::lost : path_sight::never_heard;
-}
-
 bool is_connected(const card& one) {
     const auto& state = common(one).ecd_state;
     return (state[0][0] | state[0][1] | state[1][0] | state[1][1]) != 0;

@@ -49,8 +49,6 @@ struct top_card {
     std::optional<qnm_evt_type_t> last_event = {};
 };
 
-enum class path_sight { never_heard, lost, connected };
-
 enum class top_page { cards, detail, help };
 
 struct top_filter {
@@ -104,7 +102,6 @@ void arrange(top_model& model);
 // The lines on the screen that cards have, and those that the detail has in all.
 void set_height(top_model& model, std::size_t lines, std::size_t detail_lines);
 
-path_sight path_of(const card& one, int port, int path);
 bool is_connected(const card& one);
 
 // Milliseconds since the card was last heard on any path; nothing when it never was.

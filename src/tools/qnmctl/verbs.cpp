@@ -128,8 +128,11 @@ constexpr char watch_help[] =
     "already heard: \"help\" lists them, \"quit\" ends it, the end of standard input does not.";
 
 constexpr char list_help[] =
-    "C under a path (P local port, M path on the card) is connected, D disconnected. A terminal\n"
-    "that is too narrow gets the columns that matter most.";
+    "VER is the card's version, MODE its VLAN mode, R-ID the resource ID of a QNIO card. A "
+    "terminal\n"
+    "that is too narrow gets the columns that matter most. Under a path, by local port P and path "
+    "M\n"
+    "on the card: C connected, D lost, - never heard.";
 
 constexpr char topology_help[] =
     "A QNSV card reports the MAC address behind each of its downstream ports, a QNIO card that of\n"

@@ -125,12 +125,12 @@ TEST(MonitorLine, TellsFromWhatToWhatAndWhy) {
 TEST(CardsText, LeavesOutWhatDoesNotFit) {
     EXPECT_EQ(
         "KIND ID             TYPE  VLAN P0M0 P0M1 P1M0 P1M1\n"
-        "QNIO 0x020000003000 40G     30    D    D    D    C\n"
+        "QNIO 0x020000003000 40G     30    -    -    -    C\n"
         "0 QNSV, 1 QNIO\n",
         cards_text({sample_device()}, {.width = 50}));
     EXPECT_EQ(
         "KIND ID             P0M0 P0M1 P1M0 P1M1\n"
-        "QNIO 0x020000003000    D    D    D    C\n"
+        "QNIO 0x020000003000    -    -    -    C\n"
         "0 QNSV, 1 QNIO\n",
         cards_text({sample_device()}, {.width = 40}));
 }
@@ -143,10 +143,20 @@ TEST(CardText, LeavesOutTheNamesOnANarrowTerminal) {
 TEST(CardsText, HasARowForEveryCard) {
     EXPECT_EQ(
         "KIND ID             TYPE  VLAN VER P0M0 P0M1 P1M0 P1M1 MODE   R-ID\n"
-        "QNSV 0x020000001000 1/10G   10   0    C    D    D    D NORMAL    -\n"
-        "QNIO 0x020000003000 40G     30   1    D    D    D    C NORMAL    7\n"
+        "QNSV 0x020000001000 1/10G   10   0    C    -    -    - NORMAL    -\n"
+        "QNIO 0x020000003000 40G     30   1    -    -    -    C NORMAL    7\n"
         "1 QNSV, 1 QNIO\n",
         cards_text({sample_server(), sample_device()}, {}));
+}
+
+TEST(CardsText, TellsAPathThatWasLostFromOneNeverHeard) {
+    qnm_qnsv_t record = sample_server();
+    record.esv_com_dev.ecd_state[0][0] = 0;
+    EXPECT_EQ(
+        "KIND ID             P0M0 P0M1 P1M0 P1M1\n"
+        "QNSV 0x020000001000    D    -    -    -\n"
+        "1 QNSV, 0 QNIO\n",
+        cards_text({record}, {.width = 40}));
 }
 
 TEST(CardsText, OfNoCardsHasTheNumbersStill) {
