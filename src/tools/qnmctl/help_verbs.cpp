@@ -2,6 +2,7 @@
 #include "help_verbs.h"
 
 #include <algorithm>
+#include <filesystem>
 
 #include "completion.h"
 #include "listen.h"
@@ -19,10 +20,14 @@ constexpr double seconds_at_a_prompt = 1.2;
 
 constexpr char quick_stop[] = "devinfo_flag_check_interval=10";
 
+std::filesystem::path dir_of(const settings& given) {
+    return given.dir.empty() ? default_dir : given.dir;
+}
+
 // As asked for by the line, but nothing is added to an operator's logs.
 void install_to_look(settings given, installation& made) {
     if (given.ports.empty()) {
-        const installation original{.temporary = {}, .dir = given.dir, .log = {}, .stats = {}};
+        const installation original{.temporary = {}, .dir = dir_of(given), .log = {}, .stats = {}};
         return install_copy(original, made);
     }
     given.log.clear();
@@ -36,7 +41,7 @@ void install_to_look(settings given, installation& made) {
 }
 
 std::vector<candidate> heard_cards(const context& with, const settings& given) {
-    if (given.ports.empty() && given.dir.empty()) return {};
+    if (given.ports.empty() && !std::filesystem::is_directory(dir_of(given))) return {};
     installation where;
     install_to_look(given, where);
     context own{.where = where,

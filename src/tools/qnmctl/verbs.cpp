@@ -115,8 +115,11 @@ constexpr char loglevel_help[] =
 
 constexpr char completion_help[] =
     "\"source <(qnmctl completion bash)\" switches it on for a running shell; packages install it\n"
-    "for all. Card IDs are completed where --ports or --dir stand on the line: the cards that can\n"
-    "be heard within a second are offered.";
+    "for all. Card IDs are completed, too: the cards that can be heard within a second are "
+    "offered,\n"
+    "by --ports or --dir where they stand on the line. The shell's user needs CAP_NET_RAW for "
+    "that:\n"
+    "sudo setcap cap_net_raw+ep $(command -v qnmctl).";
 
 constexpr char watch_help[] =
     "One line for every event: local time, event, kind and ID of the card, and what changed, from\n"

@@ -9,11 +9,17 @@ _qnmctl() {
   COMPREPLY=()
   while IFS= read -r line; do
     case $line in
-      :files) mapfile -t -O "${#COMPREPLY[@]}" COMPREPLY < <(compgen -f -- "$current") ;;
-      :directories) mapfile -t -O "${#COMPREPLY[@]}" COMPREPLY < <(compgen -d -- "$current") ;;
+      :files)
+        compopt -o filenames 2>/dev/null || true
+        mapfile -t -O "${#COMPREPLY[@]}" COMPREPLY < <(compgen -f -- "$current")
+        ;;
+      :directories)
+        compopt -o filenames 2>/dev/null || true
+        mapfile -t -O "${#COMPREPLY[@]}" COMPREPLY < <(compgen -d -- "$current")
+        ;;
       *) COMPREPLY+=("${line%%$'\t'*}") ;;
     esac
   done < <("${COMP_WORDS[0]}" complete -- "${COMP_WORDS[@]:1:COMP_CWORD}" 2>/dev/null)
 }
 
-complete -o filenames -F _qnmctl qnmctl
+complete -F _qnmctl qnmctl

@@ -23,6 +23,28 @@ complete_in_bash() {
   ' bash "$program" "$@"
 }
 
+# A command of the name of a directory is completed as a command: with a blank behind it.
+check_in_a_terminal() {
+  local work
+  work=$(mktemp -d)
+  mkdir "$work/report"
+  # It completes, but otherwise only says what it was given.
+  cat >"$work/qnmctl" <<END
+#!/bin/sh
+case \$1 in
+  complete | completion) exec "$program" "\$@" ;;
+  *) printf '<%s>' "\$@" >said ;;
+esac
+END
+  chmod +x "$work/qnmctl"
+  # shellcheck disable=SC2016  # the inner shell's
+  printf '%s\n' 'PATH=$PWD:$PATH; source <(qnmctl completion bash)' $'qnmctl rep\tx' 'exit' \
+    >"$work/typed"
+  (cd "$work" && script -qec 'bash --norc -i' /dev/null <typed >/dev/null)
+  [[ $(<"$work/said") == '<report><x>' ]] || fail "in a terminal: $(<"$work/said")"
+  rm -r "$work"
+}
+
 # complete_in_zsh WORD...: likewise, with what zsh would show beside each. _describe, which only
 # works on a line that is being edited, prints what it is given.
 complete_in_zsh() {
@@ -55,6 +77,7 @@ case $shell in
     expect '--group' complete_in_bash "$program" --ports lo watch --gro
     cd /
     expect 'etc' complete_in_bash "$program" --dir et
+    check_in_a_terminal
     ;;
   zsh)
     expect 'watch:Tells events as they come, and why' complete_in_zsh "$program" wa
