@@ -121,7 +121,7 @@ enum takes : unsigned {
     takes_report = 1U << 23,  // what a report can be
 
     // Not for rows of the table of verbs.
-    takes_output = 1U << 30,  // every verb does
+    takes_output = 1U << 30,  // every verb does but those of a screen
     takes_global = 1U << 31,  // what may stand in front of the verb
 };
 

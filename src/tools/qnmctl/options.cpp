@@ -477,7 +477,8 @@ std::vector<const option*> global_options() {
 }
 
 std::vector<const option*> options_of(const verb& defined) {
-    const unsigned output = (defined.takes & takes_dot) != 0 ? 0U : unsigned{takes_output};
+    const bool own_output = (defined.takes & (takes_dot | takes_top)) != 0;
+    const unsigned output = own_output ? 0U : unsigned{takes_output};
     return options_with(defined.takes | output);
 }
 
@@ -488,6 +489,7 @@ std::vector<const option*> options_in_lines(const verb& defined) {
 std::string option_help(const option& of, const verb& defined) {
     std::string help = of.help;
     if (of.set == set_seconds) {
+        if ((defined.takes & takes_top) != 0) help = "Seconds to run";
         help += defined.seconds == 0
                     ? ", without limit if not given"
                     : ", " + std::to_string(static_cast<int>(defined.seconds)) + " if not given";

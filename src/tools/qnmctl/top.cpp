@@ -143,11 +143,6 @@ void show(view& of, const request& asked) {
 }  // namespace
 
 int run_top(context& with, const request& asked) {
-    if (!with.told.is_text()) {
-        throw usage_error(
-            "top has only a screen to show\n\"list -o json\" and \"watch -o jsonl\" are for "
-            "scripts.");
-    }
     if (const auto problem = screen_problem()) throw usage_error(*problem);
     const screen_signals signals;
     start(with);

@@ -41,6 +41,7 @@ constexpr verb table[] = {
     {"eeprom restore", "Restores", "", takes_id | takes_yes, 0, run, nullptr, file},
     {"eeprom unlock", "Unlocks", "", takes_ids, 0, run, answer},
     {"loglevel", "Sets", "", takes_level, 0, run, answer},
+    {.name = "screen", .help = "Shows", .takes = takes_top | takes_for, .run = run},
     {"quit", "Ends", "", takes_nothing, 0, nullptr, answer},
 };
 
@@ -112,6 +113,13 @@ TEST(CommandLine, EveryVerbHasItsOutputInAForm) {
     EXPECT_EQ(output_form::json_document, parsed({"graph", "-o", "json"}).asked.form);
     EXPECT_EQ(exit_usage, status({"show", "0x1", "-o", "dot"}));
     EXPECT_EQ(exit_usage, status({"show", "0x1", "-o", "xml"}));
+}
+
+TEST(CommandLine, AScreenHasNoForm) {
+    EXPECT_EQ(exit_usage, status({"screen", "-o", "json"}));
+    const std::string help = help_of({"screen"});
+    EXPECT_EQ(std::string::npos, help.find("--output")) << help;
+    EXPECT_NE(std::string::npos, help.find("Seconds to run, without limit")) << help;
 }
 
 // What reads a stream reads lines.
