@@ -3,10 +3,12 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cstdio>
 #include <iterator>
 #include <map>
 #include <set>
 
+#include "doctor_nearest.h"
 #include "installation.h"
 #include "options.h"
 #include "text.h"
@@ -20,6 +22,12 @@ constexpr verb_group groups[] = {
     {"reg", "Reads and writes registers of cards"},
     {"eeprom", "Reads and writes EEPROMs of cards"},
 };
+
+const verb_group* find_group(const std::string& name) {
+    const auto found = std::find_if(std::begin(groups), std::end(groups),
+                                    [&](const verb_group& of) { return name == of.name; });
+    return found == std::end(groups) ? nullptr : found;
+}
 
 // What the library of options finds wrong is told as the parser tells the rest.
 void check(const std::optional<std::string>& wrong) {
@@ -130,14 +138,44 @@ void define_verb(CLI::App& app, const verb& defined, const std::vector<const opt
     }
 }
 
-std::string synopsis(const verb& of) {
-    return of.name + words_text(of) + ((of.takes & takes_verbose) != 0 ? " [-v]" : "");
+// ---- What is wrong ------------------------------------------------------------------------------
+
+std::vector<std::string> shown_names(std::span<const verb> verbs) {
+    std::vector<std::string> names;
+    for (const verb& one : verbs) {
+        if (one.run != nullptr && !one.hidden) names.emplace_back(one.name);
+    }
+    return names;
 }
 
-const verb_group* find_group(const std::string& name) {
-    const auto found = std::find_if(std::begin(groups), std::end(groups),
-                                    [&](const verb_group& of) { return name == of.name; });
-    return found == std::end(groups) ? nullptr : found;
+// `name` is one word, or those of a group and of the verb within it that is meant.
+std::string unknown_command(std::span<const verb> verbs, const std::string& name) {
+    std::vector<std::string> names = shown_names(verbs);
+    if (name.find(' ') == std::string::npos) {
+        for (const verb_group& one : groups)
+            names.emplace_back(one.name);
+    }
+    const auto meant = nearest_name(name, names);
+    return "unknown command \"" + name + '"' +
+           (meant ? "; is \"" + *meant + "\" meant?" : std::string());
+}
+
+std::string missing_verb(std::span<const verb> verbs, const std::string& group) {
+    std::vector<std::string> names;
+    for (const std::string& name : shown_names(verbs)) {
+        if (name.starts_with(group + ' ')) names.push_back(name.substr(group.size() + 1));
+    }
+    return "no command of " + group + " is given; they are " + join(names, ", ");
+}
+
+// The parser itself tells words that are left over in no certain order.
+std::string parser_text(const CLI::App& app, const CLI::ParseError& found) {
+    const bool left_over = dynamic_cast<const CLI::ExtrasError*>(&found) != nullptr;
+    return left_over ? "not expected: " + join(app.remaining(true), " ") : found.what();
+}
+
+std::string synopsis(const verb& of) {
+    return of.name + words_text(of) + ((of.takes & takes_verbose) != 0 ? " [-v]" : "");
 }
 
 // The App of a group, made when its first verb comes.
@@ -188,6 +226,38 @@ void mark_required(CLI::App& app, const verb& defined) {
         app.get_option(wanted.name)->required(!wanted.optional);
 }
 
+using request_map = std::map<CLI::App*, command_line>;
+
+// What is wrong with a line that has led to no verb, but to a group or to nothing.
+std::optional<std::string> wrong_name(const CLI::App& app, const CLI::App& chosen,
+                                      std::span<const verb> verbs, const CLI::ParseError& found) {
+    const std::string group = &chosen == &app ? "" : chosen.get_name();
+    const std::vector<std::string> left = app.remaining(true);
+    if (!left.empty() && left.front().front() != '-') {
+        return unknown_command(verbs, (group.empty() ? "" : group + ' ') + left.front());
+    }
+    const bool missing = dynamic_cast<const CLI::RequiredError*>(&found) != nullptr;
+    return missing ? std::optional(missing_verb(verbs, group)) : std::nullopt;
+}
+
+// Prints the help that was asked for, or what is wrong; the exit status.
+int tell_end(CLI::App& app, const request_map& requests, std::span<const verb> verbs,
+             const CLI::ParseError& found) {
+    CLI::App& chosen = *chosen_app(app);
+    std::optional<std::string> wrong;
+    if (!requests.contains(&chosen)) wrong = wrong_name(app, chosen, verbs, found);
+    if (!wrong && found.get_exit_code() != exit_ok) wrong = parser_text(app, found);
+    if (wrong) {
+        const std::string more = "\nRun with --help for more information.";
+        std::fputs(message_text(*wrong + more).c_str(), stderr);
+        return exit_usage;
+    }
+    app.require_subcommand(1);  // for the usage line
+    for (const auto& [own, given] : requests)
+        mark_required(*own, *given.asked.asked);
+    return app.exit(found);
+}
+
 // A verb that takes the rest of the line as it is. The parser would look for options in it.
 std::optional<request> parse_rest(std::span<const verb> verbs, int argc, const char* const* argv) {
     if (argc < 2) return std::nullopt;
@@ -222,6 +292,11 @@ std::string words_text(const verb& of) {
 std::variant<command_line, int> parse_command_line(std::span<const verb> verbs, int argc,
                                                    const char* const* argv) {
     if (const auto asked = parse_rest(verbs, argc, argv)) return command_line{{}, *asked};
+    std::vector<std::string> words(argv + 1, argv + argc);
+    if (!words.empty() && words.front() == "help") {
+        words.erase(words.begin());
+        words.emplace_back("--help");
+    }
     CLI::App app(summary, "qnmctl");
     app.set_version_flag("--version", "qnmctl " QNMCTL_VERSION);
     app.footer(help_footer());
@@ -231,14 +306,15 @@ std::variant<command_line, int> parse_command_line(std::span<const verb> verbs, 
     command_line global;
     for (const option* const row : global_options())
         define_option(app, *row, row->help, global);
-    std::map<CLI::App*, command_line> requests;
+    request_map requests;
     for (const verb& defined : verbs) {
         if (defined.run == nullptr || (defined.takes & takes_rest) != 0) continue;
         CLI::App& own = verb_app(app, defined);
         define_verb(own, defined, options_of(defined), requests[&own]);
     }
     try {
-        app.parse(argc, argv);
+        std::reverse(words.begin(), words.end());  // parse() takes them from the end
+        app.parse(words);
         check(wrong_globals(global.global));
         check(wrong_settings(global.global));
         if (app.get_subcommands().empty()) throw CLI::ValidationError("no command is given");
@@ -246,10 +322,7 @@ std::variant<command_line, int> parse_command_line(std::span<const verb> verbs, 
         check_request(asked);
         return command_line{global.global, asked};
     } catch (const CLI::ParseError& e) {
-        app.require_subcommand(1);  // for the usage line, should help be what was asked for
-        for (const auto& [own, given] : requests)
-            mark_required(*own, *given.asked.asked);
-        return app.exit(e) == exit_ok ? exit_ok : exit_usage;
+        return tell_end(app, requests, verbs, e);
     }
 }
 
@@ -292,7 +365,7 @@ std::variant<request, std::string> parse_line(std::span<const verb> verbs,
         app.parse(words);
         check_request(given.asked);
     } catch (const CLI::ParseError& e) {
-        return std::string(e.what()) + "; usage: " + synopsis(*named);
+        return parser_text(app, e) + "; usage: " + synopsis(*named);
     }
     return given.asked;
 }

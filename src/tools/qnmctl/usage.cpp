@@ -23,7 +23,7 @@ std::span<const example> examples() {
 }
 
 std::string help_footer() {
-    std::string text = "Examples:\n";
+    std::string text = "\"qnmctl help COMMAND\" has more about a command.\n\nExamples:\n";
     for (const example& shown : all)
         text += std::string("  sudo ") + shown.command + '\n';
     text += "\nExit status:\n";

@@ -245,6 +245,41 @@ TEST(CommandLine, HelpAndVersionLeaveNothingToRun) {
     EXPECT_EQ(exit_ok, status({"show", "--help"}));
 }
 
+std::string complaint(std::vector<const char*> words) {
+    words.insert(words.begin(), "qnmctl");
+    testing::internal::CaptureStderr();
+    const auto parsed = parse_command_line(table, static_cast<int>(words.size()), words.data());
+    const std::string told = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(exit_usage, std::get<int>(parsed));
+    return told.substr(0, told.find('\n'));
+}
+
+TEST(CommandLine, SaysWhatIsWrong) {
+    EXPECT_EQ("qnmctl: not expected: a b", complaint({"watch", "a", "b"}));
+    EXPECT_EQ("qnmctl: not expected: --frob", complaint({"--frob", "watch"}));
+    EXPECT_EQ("qnmctl: unknown command \"wach\"; is \"watch\" meant?", complaint({"wach", "a"}));
+    EXPECT_EQ("qnmctl: unknown command \"rge\"; is \"reg\" meant?", complaint({"rge"}));
+    EXPECT_EQ("qnmctl: unknown command \"reg raed\"; is \"reg read\" meant?",
+              complaint({"reg", "raed", "0x1"}));
+    EXPECT_EQ("qnmctl: unknown command \"frobnicate\"", complaint({"help", "frobnicate"}));
+    EXPECT_EQ("qnmctl: no command of reg is given; they are read, write", complaint({"reg"}));
+    EXPECT_EQ("qnmctl: no command is given", complaint({}));
+    EXPECT_EQ("qnmctl: ID is required", complaint({"show"}));
+}
+
+TEST(CommandLine, HelpIsACommandToo) {
+    const auto told = [](std::vector<const char*> words) {
+        words.insert(words.begin(), "qnmctl");
+        testing::internal::CaptureStdout();
+        parse_command_line(table, static_cast<int>(words.size()), words.data());
+        return testing::internal::GetCapturedStdout();
+    };
+    EXPECT_EQ(help_of({}), told({"help"}));
+    EXPECT_EQ(help_of({"reg"}), told({"help", "reg"}));
+    EXPECT_EQ(help_of({"reg", "read"}), told({"help", "reg", "read"}));
+    EXPECT_NE(help_of({}), help_of({"reg", "read"}));
+}
+
 class WrongUsage : public testing::TestWithParam<const char*> {};
 
 TEST_P(WrongUsage, IsStatusTwo) {
@@ -312,6 +347,7 @@ TEST(Line, MayBeBlank) {
 
 TEST(Line, SaysWhatIsWrong) {
     EXPECT_EQ("unknown command \"frob\"; \"help\" lists the commands", line_error("frob 1"));
+    EXPECT_NE(std::string::npos, line_error("stats a b").find("not expected: a b; usage"));
     EXPECT_NE(std::string::npos, line_error("watch").find("unknown command"));
     EXPECT_NE(std::string::npos, line_error("show").find("usage: show ID"));
     EXPECT_NE(std::string::npos, line_error("show 12").find("\"12\" is no card ID"));

@@ -30,7 +30,7 @@ TEST(Command, WithAnUnknownVerbIsWrongUsage) {
 }
 
 TEST(Command, HelpNamesEveryVerb) {
-    program run(command({"--help"}));
+    program run(command({"help"}));
     const std::string help = run.read_all();
     for (const verb& one : verbs) {
         if (one.run == nullptr || one.hidden) continue;
