@@ -45,7 +45,7 @@ TEST_F(OperatorsDir, NeedsThePropertiesFile) {
     fs::remove(where.properties());
     const std::string text = find_obstacle(where).value();
     EXPECT_TRUE(holds(text, "there is no file " + where.properties().string()));
-    EXPECT_TRUE(holds(text, "sample conf/qnm_log4c.properties"));
+    EXPECT_TRUE(holds(text, "Copy the sample qnm_log4c.properties there"));
 }
 
 TEST_F(OperatorsDir, HasANameThatTheLibraryTakes) {
