@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "card_choice.h"
 #include "config_file.h"
 #include "frame_report.h"
 #include "listen.h"
@@ -40,21 +41,11 @@ void tell_captured(context& with, const captured& told, const std::string& file)
 
 // ---- decode -------------------------------------------------------------------------------------
 
-// A card's ID, or one of its MAC addresses.
-bool is_of(const selection& cards, const frame_reading& read) {
-    if (cards.ids.empty()) return true;
-    const auto is_wanted = [&](std::uint64_t id) {
-        return read.card && (*read.card == id || (*read.card & ~std::uint64_t{1}) == id);
-    };
-    return std::any_of(cards.ids.begin(), cards.ids.end(), is_wanted);
-}
-
 bool is_wanted(const request& asked, const frame_reading& read) {
     if (asked.dropped && !read.dropped) return false;
     const std::string word = read.kind != nullptr ? read.kind->word : other_message;
     const auto& words = asked.messages;
-    const bool named = words.empty() || std::find(words.begin(), words.end(), word) != words.end();
-    return named && is_of(asked.cards, read);
+    return words.empty() || std::find(words.begin(), words.end(), word) != words.end();
 }
 
 void tell_frame(context& with, const request& asked, const decoded_frame& of) {
@@ -86,13 +77,15 @@ int run_decode(context& with, const request& asked) {
     const frame_rules rules = configured_rules(read_text(with.where.config()));
     capture_file from(asked.file);
     answers matched(rules);
+    card_choice cards(asked.cards.ids);
     std::uint64_t shown = 0;
     while (!with.out.closed() && !is_signalled(with)) {
         const auto frame = from.next();
         if (!frame) break;
         decoded_frame of = {*frame, read_frame(frame->bytes, rules), std::nullopt};
         of.answered = matched.take(of.read, frame->number, frame->nanoseconds);
-        if (!is_wanted(asked, of.read)) continue;
+        const bool chosen = cards.take(of.read);
+        if (!chosen || !is_wanted(asked, of.read)) continue;
         tell_frame(with, asked, of);
         if (++shown == asked.count) break;
     }

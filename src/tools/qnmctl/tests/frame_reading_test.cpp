@@ -7,6 +7,7 @@
 #include <set>
 
 #include "answers.h"
+#include "card_choice.h"
 #include "ports.h"
 #include "qnm_frame.h"
 
@@ -325,6 +326,40 @@ TEST_F(Answers, HaveATagThatManagersUse) {
 TEST_F(Answers, MayBeToWhatWasSentBefore) {
     EXPECT_FALSE(take(frames::build_completion({.tag = 5})));
     EXPECT_EQ("", reason());
+}
+
+// ---- Choosing by card ---------------------------------------------------------------------------
+
+constexpr std::uint64_t even = 0x020000001000;
+constexpr std::uint64_t odd = even + 1;
+
+frame_t completion_from(std::uint64_t mac) {
+    frame_t frame = request({0x20, 0xFF, 0xFF, 0, 0, 7, 0, 0, 0, 1});
+    put_mac(frame, 6, mac);
+    return frame;
+}
+
+TEST(CardChoice, HasBothAddressesOfA40GCard) {
+    card_choice cards({even});
+    for (const std::uint64_t mac : {even, odd}) {
+        EXPECT_TRUE(cards.take(read(frames::build({.subtype = 0x18, .mac = mac, .ver = 1}))));
+        EXPECT_TRUE(cards.take(read(completion_from(mac)))) << mac;
+    }
+}
+
+TEST(CardChoice, HasNoOtherCardThatAnnouncesItself) {
+    card_choice cards({even});
+    EXPECT_TRUE(cards.take(read(frames::build({.mac = even}))));
+    EXPECT_FALSE(cards.take(read(frames::build({.mac = odd}))));
+    EXPECT_FALSE(cards.take(read(completion_from(odd))));
+    EXPECT_TRUE(cards.take(read(completion_from(even))));
+    EXPECT_FALSE(cards.take(read(completion_from(even + 0x100))));
+}
+
+TEST(CardChoice, HasAllWhereNoneIsNamed) {
+    card_choice cards({});
+    EXPECT_TRUE(cards.take(read(completion_from(odd))));
+    EXPECT_TRUE(cards.take(read(request({0x30, 0xFF, 0xFF, 0, 0, 0x5A}))));
 }
 
 }  // namespace
