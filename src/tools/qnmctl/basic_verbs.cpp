@@ -82,18 +82,14 @@ int run_topology(context& with, const request& asked) {
 
 namespace {
 
-void tell_stats(context& with, const std::string& dump) {
-    with.told.text(dump);
-    with.told.record("stats", {{"text", dump}});
-}
-
 // Of an operator's installation the dump is in a log of his; it may hold anything else, too.
 void tell_dump_place(context& with) {
     const std::string properties = with.where.properties().string();
     const std::string file = file_of_logger(read_text(properties), "statslogfile");
     const std::string place =
         file.empty() ? "where " + properties + " sends the logger statslogfile" : "to " + file;
-    tell_stats(with, "The status dump was written " + place + '\n');
+    with.told.text("The status dump was written " + place + '\n');
+    with.told.record("stats", stats_json(std::nullopt, file));
 }
 
 }  // namespace
@@ -103,7 +99,9 @@ void answer_stats(context& with, const request& asked) {
     const qnm_api_code_t code = qnm_stdump(asked.verbose ? 1 : 0);
     if (code != QNM_API_SUCCESS) throw failed_call("qnm_stdump", code);
     if (!with.where.temporary) return tell_dump_place(with);
-    tell_stats(with, read_text(with.where.stats).substr(before));
+    const std::string dump = read_text(with.where.stats).substr(before);
+    with.told.text(dump);
+    with.told.record("stats", stats_json(dump, ""));
 }
 
 int run_stats(context& with, const request& asked) {
@@ -140,9 +138,7 @@ void answer_monitor(context& with, const request& asked) {
     if (code != QNM_API_SUCCESS) throw failed_call(words.call_name, code);
     with.told.text(std::string("monitor ") + words.name + ' ' + id_text(asked.id) + ": " +
                    code_name(code) + ", " + words.meaning + '\n');
-    with.told.record(
-        "monitor",
-        {{"action", words.name}, {"id", id_text(asked.id)}, {"result", code_name(code)}});
+    with.told.record("monitor", monitored_json(words.name, asked.id, code));
     tell_monitor(with, asked.id, asked.action == monitor_action::restart);
 }
 

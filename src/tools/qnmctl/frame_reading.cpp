@@ -207,7 +207,7 @@ frame_field make_field(const row& of, std::uint64_t value, std::span<const std::
             return {of.name, of.title, value != 0 ? "yes" : "no", value != 0};
         case shape::hex:
         case shape::little_hex:
-            return {of.name, of.title, hex_text(value, digits), hex_text(value, digits)};
+            return {of.name, of.title, hex_text(value, digits), value};
         case shape::mac:
             return {of.name, of.title, mac_text(value), mac_text(value)};
         case shape::bytes:
@@ -390,8 +390,7 @@ void add_register(const reading_frame& at) {
     if (!wire) return;
     const std::uint32_t address = decode_register_address(*wire);
     at.made.address = address;
-    at.fields().push_back(
-        {"address", "register address", hex_text(address, 6), hex_text(address, 6)});
+    at.fields().push_back({"address", "register address", hex_text(address, 6), address});
     const char* const name = find_register(address);
     if (name != nullptr) at.fields().push_back({"register", "register", name, name});
 }
@@ -434,11 +433,14 @@ void read_mms_write(const reading_frame& at, const message& of) {
     constexpr std::size_t words = sizeof(qnw_mms_write_s::data) / 4;
     add_rows(at, mms_rows);
     std::vector<std::string> texts;
+    json values = json::array();
     for (std::size_t n = 0; n < words; ++n) {
         const auto word = little_number(at.frame, offsetof(qnw_mms_write_s, data) + 4 * n, 4);
-        if (word) texts.push_back(hex_text(*word, 8));
+        if (!word) continue;
+        texts.push_back(hex_text(*word, 8));
+        values.push_back(*word);
     }
-    if (!texts.empty()) at.fields().push_back({"word", "words", join(texts, " "), texts});
+    if (!texts.empty()) at.fields().push_back({"word", "words", join(texts, " "), values});
     add_rest(at, "padding", "padding", of.size);
     const auto page = big_number(at.frame, offsetof(qnw_mms_write_s, address), 4);
     if (page) at.made.words = "page " + std::to_string(*page);

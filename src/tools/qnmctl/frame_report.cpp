@@ -50,14 +50,6 @@ std::string duration_text(std::int64_t nanoseconds) {
     return text;
 }
 
-std::string seconds_text(std::int64_t nanoseconds) {
-    char text[32];
-    const std::int64_t size = nanoseconds < 0 ? -nanoseconds : nanoseconds;
-    std::snprintf(text, sizeof text, "%s%ld.%09ld", nanoseconds < 0 ? "-" : "",
-                  static_cast<long>(size / second), static_cast<long>(size % second));
-    return text;
-}
-
 std::string message_words(const frame_reading& of) {
     if (of.kind != nullptr) {
         return of.kind->name + (of.words.empty() ? std::string() : ' ' + of.words);
@@ -82,9 +74,7 @@ json dropped_json(const frame_reading& of) {
 
 json answered_json(const std::optional<answered_read>& of) {
     if (!of) return {};
-    return {{"frame", of->frame},
-            {"seconds", seconds_text(of->nanoseconds)},
-            {"address", hex_text(of->address, 6)}};
+    return {{"frame", of->frame}, {"nanoseconds", of->nanoseconds}, {"address", of->address}};
 }
 
 }  // namespace

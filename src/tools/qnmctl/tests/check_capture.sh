@@ -110,7 +110,7 @@ ways=$(fields "$capture" "eth.src==02:00:00:00:10:00" frame.packet_flags_directi
 "$program" decode "$capture" -o jsonl >"$work/frames.jsonl"
 (($(wc -l <"$work/frames.jsonl") == count)) || fail "decode does not tell $count frames"
 has "$work/frames.jsonl" '"interface":"qnm1"'
-has "$work/frames.jsonl" '"address":"0x001000"'
+has "$work/frames.jsonl" '"address":4096'
 fields "$capture" frame frame.comment >"$work/by-tshark"
 python3 - "$work/frames.jsonl" "$work/by-tshark" <<'END'
 import json, sys

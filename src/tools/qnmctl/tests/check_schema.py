@@ -13,17 +13,45 @@ import sys
 import jsonschema
 
 
+# What a record need not have; of a frame, a field that was not captured. Everything else it must.
+OPTIONAL = {
+    "event": {"card", "changes", "why"},
+    "frame": {"fields."},
+    "result": {"addr", "value", "mask", "vlan_id", "status", "page", "verified"},
+}
+
+
+def without_a_member(value, path=""):
+    """The value less one member of it, or of an object or the first of a list within; and which."""
+    if isinstance(value, list):
+        for less, name in without_a_member(value[0], path) if value else ():
+            yield [less, *value[1:]], name
+    elif isinstance(value, dict):
+        for key, inner in value.items():
+            yield {other: kept for other, kept in value.items() if other != key}, path + key
+            for less, name in without_a_member(inner, f"{path}{key}."):
+                yield {**value, key: less}, name
+
+
+def is_optional(record, name):
+    return any(
+        name == one or one.endswith(".") and name.startswith(one)
+        for one in OPTIONAL.get(record["record"], ())
+    )
+
+
 def spoilt(record):
     """What no longer is the record it was."""
     yield {**record, "surplus": 1}
     yield {**record, "record": "unheard-of"}
     for name, value in record.items():
-        yield {key: kept for key, kept in record.items() if key != name} if name == "record" else {
-            **record,
-            name: {"of": "another type"},
-        }
+        if name != "record":
+            yield {**record, name: {"of": "another type"}}
         if name == "id":
             yield {**record, name: int(value, 16)}
+    for less, name in without_a_member(record):
+        if not is_optional(record, name):
+            yield less
 
 
 def check(path, document, record):

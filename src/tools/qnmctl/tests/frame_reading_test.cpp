@@ -251,7 +251,7 @@ TEST(FrameReading, HasTheWordsOfAPage) {
     EXPECT_EQ("page 258", made.words);
     const json fields = fields_json(made);
     EXPECT_EQ(32U, fields["word"].size());
-    EXPECT_EQ("0x00000009", fields["word"][0]);
+    EXPECT_EQ(9U, fields["word"][0]);
     EXPECT_FALSE(fields.contains("padding"));
 }
 

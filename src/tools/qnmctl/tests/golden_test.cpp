@@ -9,6 +9,7 @@
 #include "access_report.h"
 #include "config_file.h"
 #include "doctor_report.h"
+#include "frame_report.h"
 #include "report.h"
 #include "report_archive.h"
 #include "sample_cards.h"
@@ -111,6 +112,59 @@ void tell_report(writer& told) {
     told.end(exit_ok);
 }
 
+void tell_monitored(writer& told) {
+    told.record("monitor", monitored_json("stop", 0x020000001000, QNM_API_SUCCESS));
+    told.record("event", monitor_json({from_milliseconds(1'700'000'000'007), 0x020000001000,
+                                       sample_server(), true, false}));
+    told.end(exit_ok);
+}
+
+void tell_dumps(writer& told) {
+    told.record("stats", stats_json("name: 1\n", ""));
+    told.record("stats", stats_json(std::nullopt, "/var/log/qnm/qnm_stats.log"));
+    told.record("stats", stats_json(std::nullopt, ""));
+    told.end(exit_ok);
+}
+
+void tell_captured(writer& told) {
+    const captured_port heard = {.interface = "eth1", .frames = 5, .dropped = 2};
+    const captured_port lost = {
+        .interface = "eth2", .kernel_dropped = 1, .problem = "the interface has gone"};
+    const captured of = {.ports = {heard, lost}, .reasons = {{"priority", 2}}};
+    told.record("capture", captured_json(of, "capture.pcapng"));
+    told.end(exit_ok);
+}
+
+using frame_text = std::vector<std::uint8_t>;
+
+// A Register Read, the Completion that answers it, and one with a wrong priority.
+const frame_text sample_frames[] = {
+    {0x02, 0x00, 0x00, 0x00, 0x10, 0x00, 0x0A, 0x00, 0x00, 0x00, 0x00, 0x01, 0x81, 0x00,
+     0x80, 0x0A, 0x88, 0xB6, 0x91, 0xFF, 0xFF, 0x00, 0x00, 0x07, 0x00, 0x01, 0x00, 0x00},
+    {0x0A, 0x00, 0x00, 0x00, 0x00, 0x01, 0x02, 0x00, 0x00, 0x00, 0x10, 0x00, 0x81, 0x00,
+     0x80, 0x0A, 0x88, 0xB6, 0x20, 0xFF, 0xFF, 0x00, 0x00, 0x07, 0x21, 0x11, 0x26, 0x20},
+    {0x0A, 0x00, 0x00, 0x00, 0x00, 0x01, 0x02, 0x00, 0x00, 0x00, 0x10, 0x00, 0x81, 0x00,
+     0x20, 0x0A, 0x88, 0xB6, 0x20, 0xFF, 0xFF, 0x00, 0x00, 0x08, 0x00, 0x00, 0x00, 0x01},
+};
+
+void tell_frames(writer& told) {
+    constexpr std::size_t frame_size = 60;
+    answers matched{{}};
+    std::uint64_t number = 0;
+    std::int64_t when = 1'700'000'000'007'000'000;
+    for (frame_text bytes : sample_frames) {
+        bytes.resize(frame_size - 4);
+        const frame_bytes frame = {bytes, frame_size};
+        decoded_frame of = {{++number, when, number == 1 ? "" : "eth1", frame},
+                            read_frame(frame, {}),
+                            std::nullopt};
+        of.answered = matched.take(of.read, number, when);
+        told.record("frame", frame_json(of));
+        when += 29'078;
+    }
+    told.end(exit_ok);
+}
+
 void tell_nothing(writer& told) {
     told.end(exit_ok);
 }
@@ -126,6 +180,10 @@ constexpr golden files[] = {
     {"doctor.json", "doctor", output_form::json_document, tell_findings},
     {"topology.json", "topology", output_form::json_document, tell_topology},
     {"report.json", "report", output_form::json_document, tell_report},
+    {"monitor.jsonl", "monitor", output_form::json_lines, tell_monitored},
+    {"stats.json", "stats", output_form::json_document, tell_dumps},
+    {"capture.json", "capture", output_form::json_document, tell_captured},
+    {"decode.json", "decode", output_form::json_document, tell_frames},
 };
 
 class Golden : public testing::TestWithParam<golden> {};
