@@ -125,11 +125,15 @@ std::uintmax_t size_of(const std::string& text, std::uintmax_t otherwise) {
     return unit == "GB" ? value << 30 : value;
 }
 
-// What its files can grow to together.
-std::uintmax_t room_for(const appender& of) {
-    constexpr std::uintmax_t without_limit = 64 * mebi;  // for a while
-    if (of.kind != "RollingFileAppender") return without_limit;
-    return size_of(of.largest, 10 * mebi) * (size_of(of.backups, 1) + 1);
+// What files can grow to together.
+struct room {
+    std::uintmax_t bytes = 0;
+    bool limited = true;  // otherwise it does for a while
+};
+
+room room_for(const appender& of) {
+    if (of.kind != "RollingFileAppender") return {64 * mebi, false};
+    return {size_of(of.largest, 10 * mebi) * (size_of(of.backups, 1) + 1)};
 }
 
 std::string size_text(std::uintmax_t bytes) {
@@ -224,36 +228,42 @@ void check_log(const log_place& place, findings& found) {
 }
 
 // For all logs of a folder.
-std::uintmax_t room_in(const std::string& folder, const std::vector<log_place>& places,
-                       const std::vector<appender>& writers) {
-    std::uintmax_t wanted = 0;
+room room_in(const std::string& folder, const std::vector<log_place>& places,
+             const std::vector<appender>& writers) {
+    room wanted;
     for (const log_place& place : places) {
         const auto writer = std::find_if(writers.begin(), writers.end(),
                                          [&](const appender& of) { return of.file == place.file; });
-        if (place.folder == folder && writer != writers.end()) wanted += room_for(*writer);
+        if (place.folder != folder || writer == writers.end()) continue;
+        const room one = room_for(*writer);
+        wanted = {wanted.bytes + one.bytes, wanted.limited && one.limited};
     }
     return wanted;
 }
 
-void check_room(const log_place& place, std::uintmax_t wanted, findings& found) {
+void check_room(const log_place& place, const room& wanted, findings& found) {
     constexpr std::uintmax_t least = mebi;
-    finding told = {.about = printable(place.folder),
-                    .text = size_text(place.free_bytes) + " are free; the logs there grow to " +
-                            size_text(wanted) + " together"};
+    finding told = {.rank = wanted.limited ? severity::ok : severity::note,
+                    .about = printable(place.folder),
+                    .text = size_text(place.free_bytes) + " are free; the logs there grow " +
+                            (wanted.limited ? "to " + size_text(wanted.bytes) + " together"
+                                            : std::string("without limit")),
+                    .remedy = wanted.limited ? "" : "Use a RollingFileAppender."};
     if (!place.files_can_be_made) {
         told.rank = severity::error;
         told.text = "no further file can be made there; the file system has no inodes left";
     } else if (place.free_bytes < least) {
         told.rank = severity::error;
         told.text = "the file system is full, so lines are lost";
-    } else if (place.free_bytes < wanted) {
+    } else if (place.free_bytes < wanted.bytes) {
         told.rank = severity::warning;
         told.text = "only " + told.text;
     }
-    if (told.rank != severity::ok) {
-        told.remedy =
-            "Free some space, or lower MaxFileSize and MaxBackupIndex in "
-            "qnm_log4c.properties.";
+    if (told.rank == severity::warning || told.rank == severity::error) {
+        told.remedy = wanted.limited
+                          ? "Free some space, or lower MaxFileSize and MaxBackupIndex in "
+                            "qnm_log4c.properties."
+                          : "Free some space, and use a RollingFileAppender.";
     }
     found.push_back(told);
 }
@@ -269,17 +279,22 @@ std::vector<std::string> log_files(const std::string& text) {
     return files;
 }
 
+// Those of a temporary configuration are the command's own, and nothing that the operator has
+// given.
+
 void check_properties(const inspected& system, findings& found) {
+    if (system.temporary) return;
     if (!check_file(system.properties, found)) return;
     const properties in = read_properties(system.properties.text);
     for (const char* const name : loggers) {
         const logger of = find_logger(in, name);
         check_logger(system.properties.name, in, of, found);
-        if (!system.temporary) check_level(system.properties.name, of, found);
+        check_level(system.properties.name, of, found);
     }
 }
 
 void check_logs(const inspected& system, findings& found) {
+    if (system.temporary) return;
     for (const log_place& place : system.logs) {
         if (place.file.find("${") == std::string::npos) {
             check_log(place, found);
@@ -293,6 +308,7 @@ void check_logs(const inspected& system, findings& found) {
 }
 
 void check_space(const inspected& system, findings& found) {
+    if (system.temporary) return;
     const std::vector<appender> writers = all_appenders(read_properties(system.properties.text));
     std::set<std::string> told;
     for (const log_place& place : system.logs) {

@@ -361,5 +361,23 @@ TEST_F(CheckLogs, FindTooLittleSpace) {
     EXPECT_TRUE(finds("free_space", severity::error, "inodes", system));
 }
 
+TEST_F(CheckLogs, FindAFileThatGrowsWithoutLimit) {
+    set("log4j.logger.logfile=ALL,LOG\nlog4j.appender.LOG=org.apache.log4j.FileAppender\n"
+        "log4j.appender.LOG.File=/var/log/qnm/qnm.log\n");
+    EXPECT_TRUE(finds("free_space", severity::note,
+                      "1024 MiB are free; the logs there grow without limit", system));
+    EXPECT_EQ("Use a RollingFileAppender.", found_by("free_space", system).front().remedy);
+    system.logs[0].free_bytes = std::uintmax_t{2} << 20;
+    EXPECT_TRUE(finds("free_space", severity::warning, "only 2 MiB are free", system));
+}
+
+TEST_F(CheckLogs, LeaveTheFilesOfTheCommandItselfAlone) {
+    set("log4j.logger.logfile=warn\n");
+    system.logs[0].problem = "is a folder";
+    system.temporary = true;
+    for (const char* const check : {"properties", "log_file", "free_space"})
+        EXPECT_TRUE(found_by(check, system).empty()) << check;
+}
+
 }  // namespace
 }  // namespace qnmctl
