@@ -51,9 +51,23 @@ void add_properties(const report_sources& from, const char* part, report_content
         {properties_name, read_last_part(from.where.properties(), file_limit), part});
 }
 
+// Logs of several folders may have the same name: "logs/qnm.log", "logs/qnm-2.log".
+std::string name_of_log(const fs::path& file, const report_contents& to) {
+    const auto is_taken = [&](const std::string& name) {
+        return std::any_of(to.members.begin(), to.members.end(),
+                           [&](const report_member& of) { return of.name == name; });
+    };
+    std::string name = "logs/" + file.filename().string();
+    for (int number = 2; is_taken(name); ++number) {
+        name = "logs/" + file.stem().string() + '-' + std::to_string(number) +
+               file.extension().string();
+    }
+    return name;
+}
+
 // One that cannot be read does not keep the others out.
 void add_log(const std::string& file, const char* part, report_contents& to) {
-    const std::string name = "logs/" + fs::path(file).filename().string();
+    const std::string name = name_of_log(file, to);
     try {
         to.members.push_back({name, read_last_part(file, log_limit), part});
     } catch (const error& e) {
@@ -79,7 +93,7 @@ void add_logs(const report_sources& from, const char* part, report_contents& to)
 void add_own_log(const report_sources& from, const char* part, report_contents& to) {
     if (from.where.temporary) return;
     const std::string log = running(from).log;
-    to.members.push_back({"logs/report.log", read_last_part(log, log_limit), part});
+    to.members.push_back({name_of_log("report.log", to), read_last_part(log, log_limit), part});
 }
 
 void add_findings(const report_sources& from, const char* part, report_contents& to) {

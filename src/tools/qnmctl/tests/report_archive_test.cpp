@@ -340,16 +340,18 @@ TEST(ReportParts, SayWhyTheyAreNotThere) {
     EXPECT_EQ("versions.json", found.members.front().name);
 }
 
+// Lines of a properties file.
+std::string appender(const std::string& logger, const fs::path& file) {
+    return "log4j.logger." + logger + "=ALL, " + logger + "\nlog4j.appender." + logger +
+           ".File=" + file.string() + '\n';
+}
+
 TEST(ReportParts, TakeOneLogWithoutTheOther) {
     const temporary_dir dir;
     fs::create_directory(dir.path() / "conf");
     std::ofstream(dir.path() / "qnm.log") << "a line\n";
-    const auto appender = [&](const std::string& logger, const std::string& file) {
-        return "log4j.logger." + logger + "=ALL, " + logger + "\nlog4j.appender." + logger +
-               ".File=" + (dir.path() / file).string() + '\n';
-    };
-    std::ofstream(dir.path() / properties_name)
-        << appender("logfile", "qnm.log") << appender("syslogfile", "none.log");
+    std::ofstream(dir.path() / properties_name) << appender("logfile", dir.path() / "qnm.log")
+                                                << appender("syslogfile", dir.path() / "none.log");
     const installation where{.temporary = {}, .dir = dir.path(), .log = {}, .stats = {}};
     const report_contents found = collect_report(report_parts(), {.where = where});
     const auto log = std::find_if(found.members.begin(), found.members.end(),
@@ -363,6 +365,33 @@ TEST(ReportParts, TakeOneLogWithoutTheOther) {
     EXPECT_EQ("there is no file " + (dir.path() / "none.log").string() + '\n' +
                   where.properties().string() + " names no file for the logger statslogfile\n",
               reasons);
+}
+
+TEST(ReportParts, HaveNamesOfTheirOwn) {
+    const temporary_dir dir;
+    fs::create_directory(dir.path() / "conf");
+    for (const char* const folder : {"a", "b"}) {
+        fs::create_directory(dir.path() / folder);
+        std::ofstream(dir.path() / folder / "report.log") << folder;
+    }
+    std::ofstream(dir.path() / "log") << "own";
+    std::ofstream(dir.path() / properties_name)
+        << appender("logfile", dir.path() / "a" / "report.log")
+        << appender("syslogfile", dir.path() / "b" / "report.log");
+    const installation where{.temporary = {}, .dir = dir.path(), .log = {}, .stats = {}};
+    const installation running{
+        .temporary = {}, .dir = dir.path(), .log = dir.path() / "log", .stats = {}};
+    report_contents found;
+    for (const report_part& part : report_parts()) {
+        if (part.name == std::string("logs") || part.name == std::string("log of this report"))
+            part.add({.where = where, .running = &running}, part.name, found);
+    }
+    std::map<std::string, std::string> logs;
+    for (const report_member& member : found.members)
+        logs[member.name] = member.bytes;
+    const std::map<std::string, std::string> wanted = {
+        {"logs/report.log", "a"}, {"logs/report-2.log", "b"}, {"logs/report-3.log", "own"}};
+    EXPECT_EQ(wanted, logs);
 }
 
 TEST(ReportParts, TakeTheEndOfALogFromALinesStart) {
