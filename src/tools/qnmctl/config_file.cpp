@@ -1,11 +1,12 @@
 // Reading of qnm.conf and the properties file by their contents.
 #include "config_file.h"
 
+#include <cerrno>
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <sstream>
 
-#include "operands.h"
 #include "text.h"
 
 namespace qnmctl {
@@ -45,13 +46,22 @@ std::optional<config_line> find_key(const std::string& config, std::string_view 
     return std::nullopt;
 }
 
+std::optional<std::uint32_t> library_number(const std::string& word) {
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long value = std::strtoul(word.c_str(), &end, 0);
+    const bool whole = errno == 0 && end != word.c_str() && *end == '\0';
+    if (!whole || value > UINT32_MAX) return std::nullopt;
+    return static_cast<std::uint32_t>(value);
+}
+
 std::uint32_t configured_number(const std::string& config, std::string_view key,
                                 std::uint32_t otherwise) {
     const auto line = find_key(config, key);
     if (!line) return otherwise;
     const std::vector<std::string> words = split(line->value, blanks);
-    const auto value = words.empty() ? std::nullopt : parse_number(words.front());
-    return value && *value <= UINT32_MAX ? static_cast<std::uint32_t>(*value) : otherwise;
+    const auto value = words.empty() ? std::nullopt : library_number(words.front());
+    return value.value_or(otherwise);
 }
 
 std::vector<std::string> configured_ports(const std::string& config) {

@@ -3,7 +3,6 @@
 #include "doctor_config.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -11,6 +10,7 @@
 #include <optional>
 #include <string_view>
 
+#include "config_file.h"
 #include "config_keys.h"
 #include "doctor_nearest.h"
 #include "doctor_words.h"
@@ -62,17 +62,8 @@ reading out_of_range(const config_key& key, const std::string& value) {
             .remedy = right_form(key)};
 }
 
-std::optional<std::uint32_t> number_of(const std::string& word) {
-    char* end = nullptr;
-    errno = 0;
-    const unsigned long value = std::strtoul(word.c_str(), &end, 0);
-    const bool whole = errno == 0 && end != word.c_str() && *end == '\0';
-    if (!whole || value > UINT32_MAX) return std::nullopt;
-    return static_cast<std::uint32_t>(value);
-}
-
 reading read_number(const config_key& key, const std::string& word) {
-    const auto number = number_of(word);
+    const auto number = library_number(word);
     if (!number || (word[0] == '-' && !key.takes_minus)) return wrong_form(key, word);
     if (*number < key.least || *number > key.most) return out_of_range(key, word);
     reading found = {.text = printable(word), .number = *number};
@@ -109,7 +100,7 @@ reading read_indexes(const config_key& key, const std::string& value) {
         char* end = nullptr;
         std::strtoul(word.c_str(), &end, 0);
         if (end == word.c_str() || *end != '\0') break;
-        if (!number_of(word)) return wrong_form(key, word);
+        if (!library_number(word)) return wrong_form(key, word);
         ++count;
     }
     if (count == 0) return wrong_form(key, value);
@@ -238,7 +229,7 @@ void read_line(known_values& seen, std::string_view text, int line, findings& fo
 void check_tags(known_values& seen, findings& found) {
     const auto number = [&](const char* name) {
         const known_value& known = seen[name];
-        return known.good ? known.number : *number_of(find_config_key(name)->initial);
+        return known.good ? known.number : *library_number(find_config_key(name)->initial);
     };
     if (number("tag_min") <= number("tag_max")) return;
     found.push_back({.rank = severity::error,

@@ -21,6 +21,15 @@ TEST(FindKey, FindsAnIndentedHashAndAKeyWithoutAValue) {
     EXPECT_FALSE(find_key("tag_maximum = 1\n", "tag_max"));
 }
 
+TEST(ConfiguredNumber, IsReadAsByTheLibrary) {
+    EXPECT_EQ(10000U, configured_number("key = 10000 ms\n", "key", 1));
+    EXPECT_EQ(4096U, configured_number("key = 010000\n", "key", 1));
+    EXPECT_EQ(4096U, configured_number("key=0x1000\r\n", "key", 1));
+    for (const char* const none : {"", "key\n", "key = \n", "key = 0b1\n", "key = 08\n",
+                                   "key = 4294967296\n", "key = 99999999999999999999\n"})
+        EXPECT_EQ(1U, configured_number(none, "key", 1)) << none;
+}
+
 TEST(ConfiguredPorts, AreTheOnesNamedOrTheDefaults) {
     EXPECT_EQ((names{"eth0", "eth1"}), configured_ports(""));
     EXPECT_EQ((names{"qnm0"}), configured_ports("ether_port = qnm0\r\n"));
