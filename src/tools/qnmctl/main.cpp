@@ -61,6 +61,8 @@ int run_and_tell(const qnmctl::command_line& given, int signals) {
     } catch (const qnmctl::error& e) {
         status = e.status;
         told.failure(e.what(), e.status, e.code);
+    } catch (const std::exception& e) {
+        told.failure(e.what(), status, std::nullopt);
     }
     told.end(status);
     return status;
