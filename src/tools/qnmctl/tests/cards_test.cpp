@@ -582,5 +582,30 @@ TEST_F(Cards, AreAccessedFromLinesOfAWatch) {
         << run.errors();
 }
 
+// ---- Lost paths ---------------------------------------------------------------------------------
+
+// The library tells no reasons; a watch finds them by the times in its records.
+
+// The path over which the card was heard first is in NEWDEVINFO, the other one a change.
+constexpr char both_paths[] = "disconnected -> connected";
+
+TEST_F(Cards, ThatFallSilentExpire) {
+    program run(ctl({"--set", "devinfo_expire_time=1000", "watch", "--card", server}));
+    run.read_until(both_paths);
+    cards.silence("sv", 0, 0);
+    const std::string lost = "path P0M0 connected -> disconnected (expired after ";
+    const std::string& text = run.read_until(lost);
+    EXPECT_TRUE(holds(text, lost)) << text;
+}
+
+TEST_F(Cards, BehindACableThatIsPulledHaveNoLink) {
+    program run(ctl({"--set", "devinfo_expire_time=100000", "watch", "--card", server}));
+    run.read_until(both_paths);
+    run_or_throw("ip link set qsim1 down");
+    const std::string lost = "path P1M0 connected -> disconnected (link down on port 1)";
+    const std::string& text = run.read_until(lost);
+    EXPECT_TRUE(holds(text, lost)) << text;
+}
+
 }  // namespace
 }  // namespace qnmctl
