@@ -34,11 +34,21 @@ constexpr char output_form_text[] =
     "\"record\" what it is and by \"schema\" which version of the schema it keeps to. With -o json "
     "the same records stand in the array \"records\" of one document, which ends with the exit "
     "status. IDs are strings (\"0x001122334455\"), values are numbers, and a list is an array even "
-    "when it is empty. What failed is told on standard error and is a record, too.";
+    "when it is empty. What fails is told on standard error and is a record, too; only wrong "
+    "usage, "
+    "found before the command runs, is on standard error alone.";
 
 constexpr entry environment[] = {
-    {"NO_COLOR", "When it is set to anything, nothing is coloured."},
-    {"COLUMNS", "Width that tables have to fit, in place of that of the terminal."},
+    {"NO_COLOR", "When it is set and not empty, nothing is coloured."},
+    {"COLUMNS",
+     "Width that tables have to fit, in place of that of the terminal, when it is a number above "
+     "0. "
+     "Without either there is no limit."},
+    {"TERM", "Kind of the terminal that top draws on."},
+    {"LC_ALL, LC_CTYPE, LANG",
+     "Character set: the first that is set and not empty counts. When it names UTF-8, the tree of "
+     "topology has lines, otherwise ASCII characters."},
+    {"TZ", "Time zone that times are told in."},
     {"TMPDIR", "Where the directory that --ports makes is put, in place of /tmp."},
 };
 

@@ -374,7 +374,7 @@ constexpr option rows[] = {
     {.taken = takes_wait,
      .names = "--wait",
      .value = "SECONDS",
-     .help = "Seconds to wait for the cards to be heard (default: 10, without IDs 3)",
+     .help = "Seconds to wait until each card is heard",
      .set = set_wait},
     {.taken = takes_verbose,
      .names = "-v,--verbose",
@@ -493,6 +493,10 @@ std::string option_help(const option& of, const verb& defined) {
         help += defined.seconds == 0
                     ? ", without limit if not given"
                     : ", " + std::to_string(static_cast<int>(defined.seconds)) + " if not given";
+    }
+    if (of.set == set_wait) {
+        help += " (default: " + std::to_string(static_cast<int>(defined.seconds)) +
+                ((defined.takes & takes_ids) != 0 ? ", without IDs 3)" : ")");
     }
     if (of.set == set_json && defined.streams) help = "Short for -o jsonl";
     return help;

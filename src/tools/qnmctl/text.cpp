@@ -158,7 +158,8 @@ int code_status(qnm_api_code_t code) {
 std::vector<status_row> exit_statuses() {
     std::vector<status_row> rows = {
         {exit_ok, "success"},
-        {exit_failed, "failed without a result code, or ended by a signal before all was done"},
+        {exit_failed,
+         "failed without a result code; ended by a signal, unless it only listened or decoded"},
         {exit_usage, "wrong usage"},
         {exit_unwell, "doctor has found errors"}};
     for (int code = QNM_API_SUCCESS + 1; code < QNM_API_CODE_MAX; ++code) {

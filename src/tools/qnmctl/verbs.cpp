@@ -87,10 +87,13 @@ constexpr operand report_file[] = {
      .form = operand_form::file,
      .optional = true}};
 
-constexpr char cards_help[] =
-    "Several IDs, or --all, --kind and --group, access many cards at once; the results are told\n"
-    "in the order asked, and the exit status is that of the first one that failed. Numbers are\n"
-    "decimal, 0x1F or 0b11.";
+// A literal, so that it can stand behind others.
+#define MANY_CARDS_HELP                                                                            \
+    "Several IDs, or --all, --kind and --group, access many cards at once; the results are told\n" \
+    "in the order asked, and the exit status is that of the first one that failed. Numbers are\n"  \
+    "decimal, 0x1F or 0b11."
+
+constexpr char cards_help[] = MANY_CARDS_HELP;
 
 constexpr char dump_help[] =
     "Four words a line: address, words, and their bytes as text. --raw writes the bytes to a file\n"
@@ -103,11 +106,12 @@ constexpr char restore_help[] =
     "Ctrl-C ends it between two words; the same command writes the rest.";
 
 constexpr char unlock_help[] =
-    "Takes the lock away from every other party. An access of theirs that is under way goes wrong.";
+    "Takes the lock away from every other party. An access of theirs that is under way goes "
+    "wrong.\n" MANY_CARDS_HELP;
 
 constexpr char reset_help[] =
     "The frame goes to the broadcast address on the card's VLAN, over the card's path: every card\n"
-    "there can hear it. It is not answered.";
+    "there can hear it. It is not answered.\n" MANY_CARDS_HELP;
 
 constexpr char loglevel_help[] =
     "The level is that of the running manager, and the manager runs in this very process. So the\n"
@@ -140,8 +144,8 @@ constexpr char list_help[] =
 constexpr char topology_help[] =
     "A QNSV card reports the MAC address behind each of its downstream ports, a QNIO card that of\n"
     "the QNSV card it is bound to. Where only one of them reports a link, or the other one is not\n"
-    "heard, an exclamation mark says so. -o dot is for Graphviz: qnmctl --ports eth1 topology -o\n"
-    "dot | dot -Tsvg.";
+    "heard, an exclamation mark says so. -o dot is for Graphviz:\n"
+    "    qnmctl --ports eth1 topology -o dot | dot -Tsvg > topology.svg";
 
 constexpr char doctor_help[] =
     "Looks at privileges, interfaces with their link and VLAN offload, capture, clock, both files\n"
@@ -164,7 +168,7 @@ constexpr char top_help[] =
 
 constexpr char mms_help[] =
     "Every card that is named gets the page; the cards do not acknowledge it. A multi-root card\n"
-    "is a QNIO card of version 1.";
+    "is a QNIO card of version 1.\n" MANY_CARDS_HELP;
 
 constexpr char stats_help[] =
     "With --ports the dump is printed. With --dir it goes where the operator's\n"
@@ -188,10 +192,10 @@ constexpr char capture_help[] =
     "disturbed. Ctrl-C ends the capture; the file is whole then. An older file is replaced.";
 
 constexpr char decode_help[] =
-    "A line for each frame: number, local time, interface where the file tells it, direction, ID\n"
-    "of the card, and message. A frame that managers drop has the reason, a Completion the frame\n"
-    "of its Register Read and the time since. JSON has all fields always. ether_type, tag_min and\n"
-    "tag_max are those of the configuration.";
+    "A line for each frame: number, local time, interface where a pcapng file, not standard\n"
+    "input, tells it, direction, ID of the card, and message. A frame that managers drop has the\n"
+    "reason, a Completion the frame of its Register Read and the time since. JSON has all fields\n"
+    "always. ether_type, tag_min and tag_max are those of the configuration.";
 
 constexpr char report_help[] =
     "Versions, configuration, findings of doctor, ports, cards, statistics, the events heard\n"

@@ -13,6 +13,7 @@
 #include "man_page.h"
 #include "options.h"
 #include "text.h"
+#include "usage.h"
 
 namespace qnmctl {
 namespace {
@@ -110,6 +111,7 @@ TEST(ManPage, HasEveryVerbWithItsOptions) {
         const std::size_t at = page.find(start) + start.size();
         const std::string part = page.substr(at, page.find("\n.S", at) - at);
         EXPECT_TRUE(holds(part, in_man_page(one.help))) << one.name;
+        EXPECT_TRUE(holds(part, in_man_page(one.more_help))) << one.name;
         for (const option* const row : options_of(one)) {
             EXPECT_TRUE(holds(part, in_man_page(names_of(*row).back())))
                 << one.name << ' ' << row->names;
@@ -118,6 +120,41 @@ TEST(ManPage, HasEveryVerbWithItsOptions) {
         }
         for (const operand& wanted : one.operands)
             EXPECT_TRUE(holds(part, in_man_page(wanted.help))) << one.name << ' ' << wanted.name;
+    }
+}
+
+std::string section_of(const std::string& page, const std::string& title) {
+    const std::size_t at = page.find(".SH \"" + title + "\"\n");
+    return at == std::string::npos ? "" : page.substr(at, page.find("\n.SH", at) - at);
+}
+
+TEST(ManPage, HasLinesExamplesAndEnvironment) {
+    const std::string page = man_page(verbs);
+    for (const verb& one : verbs) {
+        if (one.answer == nullptr) continue;
+        const std::string line =
+            in_man_page(one.name + words_text(one)) + "\"\n" + in_man_page(one.help);
+        EXPECT_TRUE(holds(section_of(page, "LINES"), line)) << one.name;
+    }
+    ASSERT_FALSE(examples().empty());
+    for (const example& one : examples()) {
+        EXPECT_TRUE(holds(section_of(page, "EXAMPLES"), in_man_page(one.command))) << one.command;
+        EXPECT_TRUE(holds(section_of(page, "EXAMPLES"), in_man_page(one.meaning))) << one.command;
+    }
+    for (const char* const name : {"NO_COLOR", "COLUMNS", "TERM", "LC_ALL", "TZ", "TMPDIR"})
+        EXPECT_TRUE(holds(section_of(page, "ENVIRONMENT"), std::string(".B \"") + name)) << name;
+}
+
+TEST(Verbs, ForManyCardsSayHowTheseAreTold) {
+    for (const verb& one : verbs) {
+        for (const option* const row : options_of(one)) {
+            if (row->names != std::string("--wait")) continue;
+            const bool many = (one.takes & takes_ids) != 0;
+            EXPECT_EQ(many, holds(option_help(*row, one), "without IDs 3")) << one.name;
+            EXPECT_TRUE(holds(option_help(*row, one), "default: 10")) << one.name;
+            EXPECT_EQ(many, holds(one.more_help, "exit status is that of the first one"))
+                << one.name;
+        }
     }
 }
 
