@@ -182,7 +182,9 @@ check_refusal() {
   [[ -z $(ls -A "$work/tmp") ]] || fail "something is left in $work/tmp"
 
   install_settings
-  answer=$("${as_user[@]}" "$work/host" "$work" </dev/null 2>&1) || fail "$answer"
+  status=0
+  answer=$("${as_user[@]}" "$work/host" "$work" </dev/null 2>&1) || status=$?
+  ((status == 1)) || fail "the host program ended with $status: $answer"
   expect 'the manager ended with code 6'
   answer=$(<"$work/tmp/qnm.log")
   expect "ERROR .*qnm0: You don't have permission"
