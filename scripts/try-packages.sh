@@ -84,6 +84,7 @@ main() {
     "$root/scripts/package.sh"
     packages=("$root"/build/packages/*.deb)
   fi
+  # shellcheck source=/dev/null
   suite=$(. /etc/os-release && echo "$VERSION_CODENAME")
 
   work=$(mktemp -d "${TMPDIR:-/tmp}/qnm-trial.XXXXXX")
