@@ -18,6 +18,7 @@
 #include <memory>
 
 #include "answers.h"
+#include "deadline.h"
 #include "explain.h"
 #include "pcapng.h"
 #include "text.h"
@@ -277,18 +278,6 @@ void capturing::take_frames(std::size_t number) {
         }
         take(number, *header, bytes);
     }
-}
-
-int milliseconds_until(clock::time_point deadline) {
-    if (deadline == clock::time_point::max()) return -1;
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - clock::now());
-    return static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, 60'000));
-}
-
-clock::time_point deadline_after(double seconds) {
-    if (seconds == 0) return clock::time_point::max();
-    return clock::now() +
-           std::chrono::duration_cast<clock::duration>(std::chrono::duration<double>(seconds));
 }
 
 void capturing::run() {

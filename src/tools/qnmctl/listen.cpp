@@ -14,6 +14,7 @@
 #include <string>
 
 #include "config_file.h"
+#include "deadline.h"
 #include "input_lines.h"
 #include "report.h"
 #include "start.h"
@@ -178,18 +179,6 @@ void check_running(const context& with) {
                                 : file_of_logger(read_text(with.where.properties()), "logfile");
     if (!log.empty()) text += "\nIts log is " + log;
     throw error(text, *ended);
-}
-
-int milliseconds_until(clock::time_point deadline) {
-    if (deadline == clock::time_point::max()) return -1;
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - clock::now());
-    return static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, 60'000));
-}
-
-clock::time_point deadline_after(double seconds) {
-    if (seconds == 0) return clock::time_point::max();
-    return clock::now() +
-           std::chrono::duration_cast<clock::duration>(std::chrono::duration<double>(seconds));
 }
 
 bool is_signalled(const context& with) {

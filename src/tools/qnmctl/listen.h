@@ -1,7 +1,6 @@
 // What verbs share while the manager runs: starting it, waiting, and printing.
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -34,10 +33,6 @@ void tell_monitor(context& with, std::uint64_t id, bool restarted);
 
 // Throws error when the manager has ended by itself.
 void check_running(const context& with);
-
-// A steady time, and as poll() takes it; without limit where there are no seconds.
-std::chrono::steady_clock::time_point deadline_after(double seconds);
-int milliseconds_until(std::chrono::steady_clock::time_point deadline);
 
 // Whether a signal waits to be obeyed.
 bool is_signalled(const context& with);

@@ -14,6 +14,7 @@
 #include <iterator>
 
 #include "config_file.h"
+#include "deadline.h"
 #include "listen.h"
 #include "session.h"
 #include "top_screen.h"

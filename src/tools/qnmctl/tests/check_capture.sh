@@ -12,36 +12,11 @@ schema=$4
 
 readonly server=0x020000001000
 
-work=$(mktemp -d)
-pids=()
-clear_up() {
-  ((${#pids[@]} == 0)) || kill "${pids[@]}" 2>/dev/null || true
-  mountpoint --quiet "$work/small" && umount "$work/small"
-  rm -rf "$work"
-}
-trap clear_up EXIT
-
-fail() {
-  echo "$*" >&2
-  exit 1
-}
+# shellcheck source=src/tools/qnmctl/tests/rig.sh
+. "$here/rig.sh"
 
 qnmctl() {
   "$program" --ports qnm0,qnm1 --set devinfo_flag_check_interval=10 "$@"
-}
-
-has() {
-  grep --quiet --fixed-strings -- "$2" "$1" || fail "$1 has no $2: $(<"$1")"
-}
-
-# await COMMAND...: until it succeeds, which only a failure keeps it from for a minute.
-await() {
-  local tries
-  for ((tries = 0; tries < 600; tries++)); do
-    ! "$@" || return 0
-    sleep 0.1
-  done
-  fail "in vain: $*"
 }
 
 # fields FILE FILTER FIELD...: by tshark, without dissectors of somebody's own.
@@ -53,15 +28,7 @@ fields() {
   HOME=$work tshark -r "$file" -Y "$filter" -T fields "${wanted[@]}" 2>/dev/null
 }
 
-for port in 0 1; do
-  ip link add "qnm$port" type veth peer name "qsim$port"
-  ip link set "qnm$port" up
-  ip link set "qsim$port" up
-done
-mkfifo "$work/orders"
-"$cardsim" "$scenario" --ports qsim0,qsim1 --quiet <"$work/orders" >/dev/null &
-pids+=("$!")
-exec 9>"$work/orders" # it ends with its standard input
+start_cards "$cardsim" "$scenario"
 
 # Announcements, a request with its answer, and a frame of another kind; then it is interrupted.
 capture=$work/capture.pcapng

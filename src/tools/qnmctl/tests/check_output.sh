@@ -13,18 +13,8 @@ schema=$4
 
 readonly server=0x020000001000 device=0x020000003000 multiroot=0x020000005000
 
-work=$(mktemp -d)
-pids=()
-clear_up() {
-  ((${#pids[@]} == 0)) || kill "${pids[@]}" 2>/dev/null || true
-  rm -rf "$work"
-}
-trap clear_up EXIT
-
-fail() {
-  echo "$*" >&2
-  exit 1
-}
+# shellcheck source=src/tools/qnmctl/tests/rig.sh
+. "$here/rig.sh"
 
 qnmctl() {
   "$program" --ports qnm0,qnm1 --set devinfo_flag_check_interval=10 "$@" 2>"$work/errors"
@@ -40,53 +30,37 @@ tell() {
     fail "$*: the document does not end with its status"
 }
 
-has() {
-  grep --quiet --fixed-strings -- "$2" "$work/$1" || fail "$1 has no $2: $(<"$work/$1")"
+# told TEXT: by the watch.
+told() {
+  grep --quiet --fixed-strings -- "$1" "$work/lines.jsonl"
 }
 
-# await TEXT: until the watch has told it, which only a failure keeps it from for a minute.
-await() {
-  local tries
-  for ((tries = 0; tries < 600; tries++)); do
-    ! grep --quiet --fixed-strings -- "$1" "$work/lines.jsonl" || return 0
-    sleep 0.1
-  done
-  has lines.jsonl "$1"
-}
-
-for port in 0 1; do
-  ip link add "qnm$port" type veth peer name "qsim$port"
-  ip link set "qnm$port" up
-  ip link set "qsim$port" up
-done
-mkfifo "$work/orders" "$work/lines"
-"$cardsim" "$scenario" --ports qsim0,qsim1 --quiet <"$work/orders" >/dev/null &
-pids+=("$!")
-exec 9>"$work/orders" # it ends with its standard input
+mkfifo "$work/lines"
+start_cards "$cardsim" "$scenario"
 
 head -c 128 /dev/zero >"$work/page"
 head -c 16 /dev/zero >"$work/image"
 
 tell 0 watch watch --count 8 --kind qnio
-has watch.json '"event":"NEWDEVINFO","kind":"QNIO"'
+has "$work/watch.json" '"event":"NEWDEVINFO","kind":"QNIO"'
 tell 0 list list --for 2
-has list.json "$server"
+has "$work/list.json" "$server"
 tell 0 show show "$server"
-has show.json '"record":"card","kind":"QNSV"'
+has "$work/show.json" '"record":"card","kind":"QNSV"'
 tell 0 topology topology --for 2
-has topology.json '"agreed":true'
+has "$work/topology.json" '"agreed":true'
 tell 0 stats stats --for 0.1
-has stats.json 'qnm status dump'
+has "$work/stats.json" 'qnm status dump'
 tell 0 monitor monitor stop "$server" --for 0.1
-has monitor.json '"reason":"stopped"'
+has "$work/monitor.json" '"reason":"stopped"'
 tell 0 loglevel loglevel warn --for 0.1
-has loglevel.json '"level":"warn"'
+has "$work/loglevel.json" '"level":"warn"'
 tell 0 reg-read reg read "$server" "$device" 0x1000
 tell 0 reg-write reg write "$server" 0x1008 7 --verify
-has reg-write.json '"verified":true'
+has "$work/reg-write.json" '"verified":true'
 tell 0 reg-modify reg modify "$server" 0x1008 1 0x0F
 tell 0 reg-dump reg dump "$device" 0x2000 0x2010
-has reg-dump.json '"words":[1,2,3,5]'
+has "$work/reg-dump.json" '"words":[1,2,3,5]'
 tell 0 eeprom-read eeprom read "$server" 0
 tell 0 eeprom-write eeprom write "$server" 0x100 1
 tell 0 eeprom-dump eeprom dump "$server" 0 16
@@ -96,30 +70,30 @@ tell 0 vlan vlan "$server" 16
 tell 0 mms mms "$multiroot" 1 "$work/page"
 tell 0 reset reset "$device" 1
 tell 0 capture capture "$work/capture" --count 4
-has capture.json '"interface":"qnm0"'
+has "$work/capture.json" '"interface":"qnm0"'
 tell 0 decode decode "$work/capture"
-has decode.json '"record":"frame"'
+has "$work/decode.json" '"record":"frame"'
 tell 0 report report "$work/report.tar.gz" --for 0.1
-has report.json '"record":"archive"'
+has "$work/report.json" '"record":"archive"'
 tell 0 completion completion bash
 # Cards can be missed by somebody who only waits for a second.
 for ((tries = 0; tries < 60; tries++)); do
   "$program" complete -- --ports qnm0,qnm1 show '' >"$work/offered"
   ! grep --quiet "^$server" "$work/offered" || break
 done
-has offered "$server	QNSV card of group 16"
+has "$work/offered" "$server	QNSV card of group 16"
 tell 0 doctor doctor
-has doctor.json '"check":"link","severity":"ok"'
+has "$work/doctor.json" '"check":"link","severity":"ok"'
 tell 13 unheard show 0x99 --for 0.1
-has unheard.json '"result":"QNM_API_ENOENT"'
+has "$work/unheard.json" '"result":"QNM_API_ENOENT"'
 tell 2 refused eeprom restore "$device" "$work/image"
 
 qnmctl watch -o jsonl <"$work/lines" >"$work/lines.jsonl" &
 watch=$!
 pids+=("$watch")
 exec 8>"$work/lines"
-await "\"event\":\"NEWDEVINFO\",\"kind\":\"QNSV\",\"id\":\"$server\""
-await "\"event\":\"NEWDEVINFO\",\"kind\":\"QNIO\",\"id\":\"$device\""
+await told "\"event\":\"NEWDEVINFO\",\"kind\":\"QNSV\",\"id\":\"$server\""
+await told "\"event\":\"NEWDEVINFO\",\"kind\":\"QNIO\",\"id\":\"$device\""
 cat >&8 <<END
 list
 show $device
@@ -138,7 +112,7 @@ quit
 END
 wait "$watch" || fail "the watch ended with exit status $?"
 for record in card qnsv unbound stats monitor result dump loglevel error help; do
-  has lines.jsonl "\"record\":\"$record\""
+  has "$work/lines.jsonl" "\"record\":\"$record\""
 done
 
 python3 "$here/check_schema.py" "$schema" "$work"/*.json "$work"/*.jsonl

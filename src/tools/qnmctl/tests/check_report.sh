@@ -11,22 +11,8 @@ scenario=$3
 
 readonly server=0x020000001000 device=0x020000003000
 
-work=$(mktemp -d)
-pids=()
-clear_up() {
-  ((${#pids[@]} == 0)) || kill "${pids[@]}" 2>/dev/null || true
-  rm -rf "$work"
-}
-trap clear_up EXIT
-
-fail() {
-  echo "$*" >&2
-  exit 1
-}
-
-has() {
-  grep --quiet --fixed-strings -- "$2" "$1" || fail "$1 has no $2: $(head -c 2000 "$1")"
-}
+# shellcheck source=src/tools/qnmctl/tests/rig.sh
+. "$here/rig.sh"
 
 # report STATUS FILE OPTION...: runs it; it has to end with this exit status.
 report() {
@@ -42,15 +28,7 @@ unpack() {
   tar --extract --file "$1" --directory "$2" --strip-components 1
 }
 
-for port in 0 1; do
-  ip link add "qnm$port" type veth peer name "qsim$port"
-  ip link set "qnm$port" up
-  ip link set "qsim$port" up
-done
-mkfifo "$work/orders"
-"$cardsim" "$scenario" --ports qsim0,qsim1 --quiet <"$work/orders" >/dev/null &
-pids+=("$!")
-exec 9>"$work/orders" # it ends with its standard input
+start_cards "$cardsim" "$scenario"
 
 # An installation whose logs name cards in ways of their own.
 mkdir -p "$work/installed/conf" "$work/installed/logs"
