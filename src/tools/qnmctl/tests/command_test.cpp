@@ -15,8 +15,6 @@
 namespace qnmctl {
 namespace {
 
-constexpr int no_namespace = 125;
-
 TEST(Command, WithoutAVerbIsWrongUsage) {
     program run(command({}));
     EXPECT_EQ(2, run.end());
@@ -68,15 +66,7 @@ words in_namespace(const words& arguments) {
     return all;
 }
 
-class Manager : public testing::Test {
-  protected:
-    void SetUp() override {
-        program probe({QNM_IN_NETNS, "true"});
-        const int status = probe.end();
-        if (status == no_namespace) GTEST_SKIP() << probe.errors();
-        ASSERT_EQ(0, status) << probe.errors();
-    }
-};
+using Manager = NamespaceTest;
 
 TEST_F(Manager, ListsNoCardsWhereThereAreNone) {
     program run(in_namespace({"--ports", "lo", "list", "--for", "0.1"}));

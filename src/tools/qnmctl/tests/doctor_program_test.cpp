@@ -17,16 +17,12 @@ namespace {
 namespace fs = std::filesystem;
 using nlohmann::json;
 
-constexpr int no_namespace = 125;
-
 // An installation directory on which nothing is wrong, where cables are laid out by a shell.
-class DoctorProgram : public testing::Test {
+class DoctorProgram : public NamespaceTest {
   protected:
     void SetUp() override {
-        program probe({QNM_IN_NETNS, "true"});
-        const int status = probe.end();
-        if (status == no_namespace) GTEST_SKIP() << probe.errors();
-        ASSERT_EQ(0, status) << probe.errors();
+        NamespaceTest::SetUp();
+        if (IsSkipped() || HasFatalFailure()) return;
         fs::create_directory(dir.path() / "conf");
         chmod(dir.path().c_str(), 0755);
         write(config, "ether_port = qnm0,qnm1\n");

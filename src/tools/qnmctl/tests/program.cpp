@@ -2,7 +2,6 @@
 #include "program.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -162,6 +161,14 @@ bool program::read_some(std::chrono::steady_clock::time_point deadline) {
 void program::close_end(int& fd) {
     if (fd >= 0) close(fd);
     fd = -1;
+}
+
+void NamespaceTest::SetUp() {
+    constexpr int no_namespace = 125;
+    program probe({QNM_IN_NETNS, "true"});
+    const int status = probe.end();
+    if (status == no_namespace) GTEST_SKIP() << probe.errors();
+    ASSERT_EQ(0, status) << probe.errors();
 }
 
 }  // namespace qnmctl

@@ -1,6 +1,7 @@
 // The command as a program that a test runs: its exit status, what it prints, how it ends.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -58,6 +59,12 @@ class program {
     int in_ = -1;
     int out_ = -1;
     std::string seen_;
+};
+
+// Tests whose programs run in a network namespace of their own; skipped where none can be made.
+class NamespaceTest : public testing::Test {
+  protected:
+    void SetUp() override;
 };
 
 }  // namespace qnmctl
