@@ -11,7 +11,7 @@
 #include <functional>
 
 #include "doctor_nearest.h"
-#include "doctor_words.h"
+#include "foreign_words.h"
 
 namespace qnmctl {
 

@@ -13,7 +13,7 @@
 #include "config_file.h"
 #include "config_keys.h"
 #include "doctor_nearest.h"
-#include "doctor_words.h"
+#include "foreign_words.h"
 #include "text.h"
 
 namespace qnmctl {

@@ -8,7 +8,7 @@
 #include <set>
 #include <sstream>
 
-#include "doctor_words.h"
+#include "foreign_words.h"
 #include "text.h"
 
 namespace qnmctl {

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdio>
 
+#include "foreign_words.h"
 #include "text.h"
 
 namespace qnmctl {
@@ -86,7 +87,7 @@ std::string frame_line(const decoded_frame& of, const look& how) {
         std::string(number.size() < number_width ? number_width - number.size() : 0, ' ') + number +
         ' ';
     line += with_fraction(time_text(time_of(of.frame.nanoseconds)), of.frame.nanoseconds, 6) + ' ';
-    if (!of.frame.interface.empty()) line += of.frame.interface + ' ';
+    if (!of.frame.interface.empty()) line += printable(of.frame.interface) + ' ';
     const frame_reading& read = of.read;
     line += padded(read.kind != nullptr ? way_text(read.kind->goes) : "-", way_width) + ' ' +
             padded(read.card ? id_text(*read.card) : "-", card_width) + ' ' + message_words(read);

@@ -66,6 +66,19 @@ TEST_F(CaptureFile, IsReadAsItWasWritten) {
     EXPECT_FALSE(from.next());
 }
 
+// Whoever writes the file names the interface; a line stays a line, and a terminal gets no orders.
+TEST_F(CaptureFile, HasNamesThatAreNotObeyed) {
+    capture_file from(
+        write(pcapng::section_block("Linux", "a test") +
+              pcapng::interface_block({"\neth\x1b[2J", "port 0", 1, 1024, true}) +
+              pcapng::packet_block({0, 1'000'000'000, bytes, 15, pcapng::direction::inbound, ""})));
+    const auto frame = from.next();
+    ASSERT_TRUE(frame.has_value());
+    const std::string line = frame_line({*frame, read_frame(frame->bytes, {}), std::nullopt}, {});
+    EXPECT_NE(std::string::npos, line.find(" ?eth?[2J ")) << line;
+    EXPECT_EQ(line.size() - 1, line.find('\n')) << line;
+}
+
 TEST_F(CaptureFile, IsReadUpToWhereItIsCut) {
     const std::string whole = sample();
     const std::size_t head = (pcapng::section_block("Linux", "a test") +

@@ -13,7 +13,7 @@
 #include "doctor_logs.h"
 #include "doctor_nearest.h"
 #include "doctor_report.h"
-#include "doctor_words.h"
+#include "foreign_words.h"
 #include "sample_system.h"
 
 namespace qnmctl {

@@ -1,4 +1,4 @@
-// Words of unknown origin in a finding.
+// Words of unknown origin: from files that somebody else has written.
 #pragma once
 
 #include <string>

@@ -1,5 +1,5 @@
 // Question marks for what cannot be shown.
-#include "doctor_words.h"
+#include "foreign_words.h"
 
 namespace qnmctl {
 
