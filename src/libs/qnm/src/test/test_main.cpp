@@ -99,6 +99,8 @@ TEST_F(main_unit, a_stop_during_start_up_is_obeyed) {
 
 TEST_F(main_unit, a_second_start_is_busy_and_silent) {
     start();
+    // Logged behind the flag that start() waits for.
+    EXPECT_TRUE(logs.wait_for(k_info, "qnm_init_manager: Initialization was completed."));
     const size_t lines = logs.count_part(k_info, "qnm_init_manager");
     EXPECT_EQ(init(), QNM_API_EBUSY);
     EXPECT_EQ(logs.count_part(k_info, "qnm_init_manager"), lines);
