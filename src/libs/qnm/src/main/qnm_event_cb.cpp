@@ -1,8 +1,11 @@
 // qnm_event_cb.cpp - carries events from the library's own threads to the host's callbacks.
 //
-// Producers (announcements, the keepalive check, a port going down) append a node to one queue and
-// signal the event thread; they never call user code. The event thread takes the nodes off one by
-// one and calls, in registration order, every callback registered for the event's type. It holds
+// Producers (announcements, the keepalive check, a port going down) append a node to one queue;
+// they never call user code. They do so under the table lock, and signal the event thread when they
+// have released it: a wake-up costs more than the node, and the woken thread would take the
+// processor from a receive thread that holds the lock. A receive thread signals when no further
+// frame waits, or after a number of events. The event thread takes the nodes off one by one and
+// calls, in registration order, every callback registered for the event's type. It holds
 // that type's cl_mutex meanwhile, so a callback must not register or unregister for its own type;
 // evt_mutex is never held while a callback runs, so producers are never blocked by user code.
 //
@@ -78,6 +81,7 @@ struct qnm_evt_queue_t {
 qnm_cbevt_t cb_evt_tbl[QNM_EVT_MAX];
 qnm_evt_queue_t qnm_event_queue;
 qnm_event_t event_sig;
+thread_local uint32_t untold_events;
 
 constexpr const char* k_event_names[] = {
     "QNM_EVT_NEWDEVINFO",      "QNM_EVT_UPDATEDEVINFO",   "QNM_EVT_CONNECTIONCHANGE",
@@ -121,6 +125,17 @@ qnm_evt_node_t* _evt_node_create(qnm_evt_type_t event_type, uint64_t id) {
 void evt_node_free(qnm_evt_node_t* node) {
     delete node;
     qnm::count(&qnm_stats.est_evt_node_fr);
+}
+
+int queue_event(qnm_evt_type_t event_type, uint64_t id) {
+    qnm_evt_node_t* const node = _evt_node_create(event_type, id);
+    if (node == nullptr) return ENOMEM;
+    {
+        const qnm::mutex_guard lock(qnm_event_queue.evt_mutex);
+        list_push_tail(qnm_event_queue.evt_head, node->een_list);
+    }
+    qnm::count(&qnm_stats.est_evt[event_type]);
+    return 0;
 }
 
 // The oldest event, taken off the queue; null when there is none.
@@ -268,15 +283,9 @@ int _qnm_event_cb_fini(void) {
 }
 
 int _qnm_add_event(qnm_evt_type_t event_type, uint64_t id) {
-    qnm_evt_node_t* const node = _evt_node_create(event_type, id);
-    if (node == nullptr) return ENOMEM;
-    {
-        const qnm::mutex_guard lock(qnm_event_queue.evt_mutex);
-        list_push_tail(qnm_event_queue.evt_head, node->een_list);
-    }
-    qnm::count(&qnm_stats.est_evt[event_type]);
-    _qnm_event_set(&event_sig);
-    return 0;
+    const int err = queue_event(event_type, id);
+    if (err == 0) _qnm_event_set(&event_sig);
+    return err;
 }
 
 const char* _qnm_event_name(qnm_evt_type_t event_type) {
@@ -284,10 +293,22 @@ const char* _qnm_event_name(qnm_evt_type_t event_type) {
 }
 
 void _qnm_raise_event(const char* func, qnm_evt_type_t event_type, uint64_t id) {
-    if (_qnm_add_event(event_type, id) != 0) {
+    if (queue_event(event_type, id) == 0) {
+        untold_events++;
+    } else {
         qnm_log_warn("%s: Failed to _qnm_add_event(%s) id=0x%.12lx", func,
                      _qnm_event_name(event_type), id);
     }
+}
+
+uint32_t _qnm_untold_events(void) {
+    return untold_events;
+}
+
+void _qnm_tell_events(void) {
+    if (untold_events == 0) return;
+    untold_events = 0;
+    _qnm_event_set(&event_sig);
 }
 
 void* _qnm_event_task(void*) {

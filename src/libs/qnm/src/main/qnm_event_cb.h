@@ -14,11 +14,19 @@ int _qnm_event_cb_init(void);
 // event thread must have ended.
 int _qnm_event_cb_fini(void);
 
-// Queues one event: 0, or 12 when it is lost for lack of memory. type must be valid.
+// Queues one event and wakes the event thread: 0, or 12 when it is lost for lack of memory. type
+// must be valid.
 int _qnm_add_event(qnm_evt_type_t event_type, uint64_t id);
 
-// The same for a producer that carries on: a lost event is logged as a warning in its name.
+// Queues one event for a producer that holds the table lock and carries on: a lost event is logged
+// as a warning in its name. The event thread is told later, by _qnm_tell_events().
 void _qnm_raise_event(const char* func, qnm_evt_type_t event_type, uint64_t id);
+
+// How many events the calling thread has raised since it last told the event thread.
+uint32_t _qnm_untold_events(void);
+
+// Wakes the event thread for what the calling thread has raised; to be called with no lock held.
+void _qnm_tell_events(void);
 
 // The name of an event type as it stands in qnm.h.
 const char* _qnm_event_name(qnm_evt_type_t event_type);

@@ -18,6 +18,7 @@
 
 #include "qnm.h"
 #include "qnm_config.h"
+#include "qnm_event_cb.h"
 #include "qnm_main.h"
 #include "qnm_qn_info.h"
 #include "qnm_stats.h"
@@ -45,8 +46,11 @@ void _qnm_link_state_update(int port) {
     qnm::store(info.epi_link_state, state);
     if (state == 1) return;
     qnm::count(port == 0 ? &qnm_stats.est_port0_down_total : &qnm_stats.est_port1_down_total);
-    const qnm::table_guard lock;
-    _qnm_all_disconnect(port);
+    {
+        const qnm::table_guard lock;
+        _qnm_all_disconnect(port);
+    }
+    _qnm_tell_events();
 }
 
 void update_ports() {

@@ -356,6 +356,7 @@ void check_once(const char* func, uint32_t expire_time, uint32_t restart_checks)
         _devinfo_keepalive_check<qnsv_kind>(now, expire_time, restart_checks);
         _devinfo_keepalive_check<qnio_kind>(now, expire_time, restart_checks);
     }
+    _qnm_tell_events();
     qnm_log_trace("%s: DEVINFO interval check end", func);
 }
 

@@ -43,6 +43,7 @@ using qnm::view;
 
 constexpr int k_poll_ms = 1000;
 constexpr size_t k_drain_size = 128;
+constexpr uint32_t k_untold_max = 64;  // events after which their thread is woken at the latest
 constexpr char k_loop_name[] = "_qnm_recv_lin";
 
 // ---- Announcement to record ---------------------------------------------------------------------
@@ -589,9 +590,21 @@ bool serve_capture(int port, const struct pollfd& capture) {
     return true;
 }
 
+// Waits for the next frame, and before it sleeps wakes the event thread for what the last ones have
+// raised.
+int wait_for_frame(struct pollfd (&fds)[2]) {
+    const uint32_t untold = _qnm_untold_events();
+    if (untold != 0 && untold < k_untold_max) {
+        const int ready = poll(fds, 2, 0);
+        if (ready != 0) return ready;
+    }
+    _qnm_tell_events();
+    return poll(fds, 2, k_poll_ms);
+}
+
 // One round of the loop; false when the thread must end.
 bool receive_once(int port, struct pollfd (&fds)[2]) {
-    const int ready = poll(fds, 2, k_poll_ms);
+    const int ready = wait_for_frame(fds);
     if (ready == -1) {
         qnm_log_fatal("%s: poll() returned -1. errno=%d, port_num=%d", k_loop_name, errno, port);
         _qnm_fini_manager();

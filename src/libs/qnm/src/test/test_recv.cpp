@@ -436,4 +436,46 @@ TEST_F(recv, a_port_that_fails_is_fatal) {
     EXPECT_EQ(qnm::load(internal_err), EPROTO);
 }
 
+// Takes what is queued on port 0 in, and ends the loop where it would sleep.
+void take_all_in() {
+    fail::on_poll([](auto, int timeout_ms) -> std::optional<fail::poll_result> {
+        if (fake_pcap::queued("port0") != 0) return std::nullopt;
+        if (timeout_ms != 0) qnm::store(qnm_root.er_fini_flag, 0U);
+        return events(0, 0);
+    });
+    _qnm_recv_lin(0);
+}
+
+TEST_F(recv, the_event_thread_is_woken_when_no_further_frame_waits) {
+    fake_pcap::push_frame("port0", frames::build(small()));
+    take_all_in();
+    EXPECT_EQ(qnm_stats.est_evt[QNM_EVT_NEWDEVINFO], 1U);
+    EXPECT_EQ(fail::count(fail::call::pthread_cond_signal), 1U);
+    EXPECT_EQ(logs.count(k_trace, "_qnm_recv_lin: poll() returned 0(Timeout). port_num=0"), 1U)
+        << "the look before is no time-out";
+}
+
+TEST_F(recv, a_burst_wakes_the_event_thread_once_in_64_events) {
+    constexpr uint64_t k_burst = 2 * 64 + 10;
+    for (uint64_t n = 0; n < k_burst; n++) {
+        frames::announcement card = small();
+        card.mac += 2 * n;
+        fake_pcap::push_frame("port0", frames::build(card));
+    }
+    take_all_in();
+    EXPECT_EQ(qnm_stats.est_evt[QNM_EVT_NEWDEVINFO], k_burst);
+    EXPECT_EQ(fail::count(fail::call::pthread_cond_signal), 3U);
+}
+
+TEST_F(recv, frames_without_news_wake_nobody) {
+    fake_pcap::push_frame("port0", frames::build(small()));
+    take_all_in();
+    set_running();
+    const uint64_t before = fail::count(fail::call::pthread_cond_signal);
+    fake_pcap::push_frame("port0", frames::build(small()));
+    take_all_in();
+    EXPECT_EQ(received(), 2U);
+    EXPECT_EQ(fail::count(fail::call::pthread_cond_signal), before);
+}
+
 }  // namespace
