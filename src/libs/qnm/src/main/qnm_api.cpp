@@ -9,6 +9,7 @@
 #include <algorithm>
 
 #include "qnm_config.h"
+#include "qnm_filter.h"
 #include "qnm_frame.h"
 #include "qnm_log4cxxif.h"
 #include "qnm_qn_info.h"
@@ -171,6 +172,7 @@ qnm_api_code_t qnm_set_loglevel(qnm_log_level_t log_level) {
             qnm_log_info("%s: Set loglevel. old=%d, new=%d", name, qnm::load(g_log_level),
                          effective_level(log_level));
             _qnm_set_loglevel(log_level);
+            _qnm_filter_ports();
             return 0;
         },
         [=](qnm_api_code_t ret) {

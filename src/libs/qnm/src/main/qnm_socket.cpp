@@ -20,6 +20,7 @@
 
 #include "qnm.h"
 #include "qnm_config.h"
+#include "qnm_filter.h"
 #include "qnm_main.h"
 #include "qnm_thread.h"
 #include "qnm_util.h"
@@ -156,6 +157,7 @@ int _qnm_socket_open_lin(const char* port_name, qnm_port_info_t* port_info) {
         _qnm_socket_close(port_info);
         return err;
     }
+    _qnm_filter_port(port_info);
     qnm_log_info("%s: Success. IF name=%s, IF index=%d, IF status=%d, IF MAC=%.12lx", __func__,
                  port_name, port_info->epi_if_index,
                  static_cast<int>(qnm::load(port_info->epi_link_state)), port_info->epi_mac);

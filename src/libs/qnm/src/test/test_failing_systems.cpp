@@ -156,6 +156,16 @@ const start_row k_starts[] = {
        {{k_error, "qnm_init_manager: Failed to _qnm_socket_open(). port=1, err=71"}}}}},
     // A capture that does not tell how it delivers is used as it is.
     {call::getsockopt, EIO, {{2, QNM_API_SUCCESS}}},
+    // These lives trace, so that a filter is to be removed.
+    {call::setsockopt,
+     EPERM,
+     {{1,
+       QNM_API_SUCCESS,
+       {{k_warn, "_qnm_filter_port: Failed to setsockopt(SO_DETACH_FILTER). errno=1, if_index=3"}}},
+      {1,
+       QNM_API_SUCCESS,
+       {{k_warn,
+         "_qnm_filter_port: Failed to setsockopt(SO_DETACH_FILTER). errno=1, if_index=4"}}}}},
     {call::pipe,
      EMFILE,
      {{3,
@@ -547,6 +557,7 @@ const lasting_row k_lasting[] = {
     {call::clock_nanosleep, EINVAL, {1, QNM_API_SUCCESS}},
     {call::time, EFAULT, {1, QNM_API_SUCCESS}},
     {call::getsockopt, EIO, {1, QNM_API_SUCCESS}},
+    {call::setsockopt, EPERM, {1, QNM_API_SUCCESS}},
 };
 
 failure lasting(call which, int err) {
@@ -749,6 +760,7 @@ const call_row k_calls[] = {
     {"qnm_stdump", call::time, EFAULT, {harmless(1)}},
     {"qnm_stdump", call::localtime_r, EOVERFLOW, {k_no_date}},
     {"qnm_stdump", call::strftime, ERANGE, {k_no_date}},
+    {"qnm_set_loglevel", call::setsockopt, EPERM, {harmless(2)}},
     {"qnm_log_init", call::stat, EACCES, {{1, QNM_API_EPROTO}}},
 };
 

@@ -502,6 +502,13 @@ ssize_t fail_recv_chk(int fd, void* buf, size_t count, size_t, int flags) {
     return fail_recv(fd, buf, count, flags);
 }
 
+int fail_setsockopt(int fd, int level, int option, const void* value, socklen_t len) {
+    return run<call::setsockopt>([&] {
+        const std::optional<int> answer = fake_netif::answer_setsockopt(fd, level, option);
+        return answer.has_value() ? *answer : setsockopt(fd, level, option, value, len);
+    });
+}
+
 int fail_socket(int domain, int type, int protocol) {
     return run<call::socket>([&] {
         if (domain == AF_NETLINK) return fake_netif::answer_netlink_socket(type, protocol);

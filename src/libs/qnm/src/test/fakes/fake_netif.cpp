@@ -19,6 +19,7 @@
 #include <cstring>
 #include <map>
 #include <mutex>
+#include <set>
 #include <vector>
 
 #include "fake_pcap.h"
@@ -38,6 +39,7 @@ std::map<std::string, interface_t> g_interfaces;
 std::map<unsigned long, int> g_request_failures;
 std::vector<netlink_t> g_netlinks;
 std::optional<int> g_packet_version;
+std::set<std::string> g_filtered;  // interfaces whose capture has a filter
 
 int failed(int err) {
     errno = err;
@@ -132,6 +134,7 @@ void reset() {
         close(link.peer);
     g_netlinks.clear();
     g_packet_version.reset();
+    g_filtered.clear();
 }
 
 void set(const std::string& name, const interface_t& netif) {
@@ -161,6 +164,11 @@ void fail_request(unsigned long request, int err) {
 void set_packet_version(std::optional<int> version) {
     const std::lock_guard lock(g_mutex);
     g_packet_version = version;
+}
+
+bool is_filtered(const std::string& name) {
+    const std::lock_guard lock(g_mutex);
+    return g_filtered.contains(name);
 }
 
 void notify() {
@@ -242,6 +250,27 @@ std::optional<int> answer_getsockopt(int fd, int level, int option, void* value,
     std::memcpy(value, &*g_packet_version, sizeof *g_packet_version);
     *len = sizeof *g_packet_version;
     return 0;
+}
+
+std::optional<int> answer_setsockopt(int fd, int level, int option) {
+    const auto capture = fake_pcap::owner_of_fileno(fd);
+    const std::lock_guard lock(g_mutex);
+    const bool netlink =
+        std::any_of(g_netlinks.begin(), g_netlinks.end(),
+                    [&](const netlink_t& entry) { return entry.fd == fd && !entry.bound; });
+    if (netlink && level == SOL_NETLINK && option == NETLINK_NO_ENOBUFS) return 0;
+    if (!capture.has_value() || level != SOL_SOCKET) return std::nullopt;
+    switch (option) {
+        case SO_SNDTIMEO:
+            return 0;
+        case SO_ATTACH_FILTER:
+            g_filtered.insert(*capture);
+            return 0;
+        case SO_DETACH_FILTER:
+            return g_filtered.erase(*capture) != 0 ? 0 : failed(ENOENT);
+        default:
+            return std::nullopt;
+    }
 }
 
 }  // namespace fake_netif

@@ -2,7 +2,8 @@
 //
 // The faked ioctl() answers SIOCGIFINDEX, SIOCGIFHWADDR and SIOCETHTOOL (ETHTOOL_GLINK) from the
 // table kept here; the faked socket() hands out one end of a private socket pair for AF_NETLINK, on
-// whose other end notify() writes; the faked getsockopt() answers PACKET_VERSION. Nothing of the
+// whose other end notify() writes; the faked getsockopt() answers PACKET_VERSION, and the faked
+// setsockopt() takes what a packet or netlink socket takes and these do not. Nothing of the
 // machine's own network is touched or seen, and no privilege is needed.
 //
 // Wrong requests are test failures at once: an ioctl on a descriptor that pcap_fileno did not give
@@ -45,6 +46,9 @@ void fail_request(unsigned long request, int err);
 // fails as it does on a descriptor that is no packet socket.
 void set_packet_version(std::optional<int> version);
 
+// Whether the capture of the interface has a kernel filter.
+bool is_filtered(const std::string& name);
+
 // Sends every bound netlink socket one notification; its content is arbitrary.
 void notify();
 
@@ -59,5 +63,6 @@ int answer_netlink_socket(int type, int protocol);
 // No value: not a descriptor or option of this fake, so the real call has to answer.
 std::optional<int> answer_bind(int fd, const struct sockaddr* addr, socklen_t len);
 std::optional<int> answer_getsockopt(int fd, int level, int option, void* value, socklen_t* len);
+std::optional<int> answer_setsockopt(int fd, int level, int option);
 
 }  // namespace fake_netif

@@ -116,6 +116,10 @@ ssize_t do_recv(int fd, void* buf, size_t size) {
     return recv(fd, buf, size, 0);
 }
 
+int do_setsockopt(int fd, int level, int option, const void* value, socklen_t len) {
+    return setsockopt(fd, level, option, value, len);
+}
+
 int do_socket(int domain, int type, int protocol) {
     return socket(domain, type, protocol);
 }

@@ -44,6 +44,7 @@ int do_mutex_lock(pthread_mutex_t* mutex);
 int do_sigmask(int how, const sigset_t* set, sigset_t* before);
 ssize_t do_read(int fd, void* buf, size_t size);
 ssize_t do_recv(int fd, void* buf, size_t size);
+int do_setsockopt(int fd, int level, int option, const void* value, socklen_t len);
 int do_socket(int domain, int type, int protocol);
 int do_stat(const char* path, struct stat* st);
 size_t do_strftime(char* buf, size_t size, const char* format, const struct tm* when);

@@ -144,6 +144,8 @@ const call_row k_rows[] = {
      }},
     {call::read, "read", [] { return minus_one(redirected::do_read(-1, g_buf, 1)); }},
     {call::recv, "recv", [] { return minus_one(redirected::do_recv(-1, g_buf, 1)); }},
+    {call::setsockopt, "setsockopt",
+     [] { return minus_one(redirected::do_setsockopt(-1, 0, 0, nullptr, 0)); }},
     {call::socket, "socket",
      [] { return minus_one(redirected::do_socket(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE)); }},
     {call::stat, "stat",
@@ -448,6 +450,19 @@ TEST_F(Netif, PacketVersionIsAnsweredWhenSet) {
     EXPECT_EQ(get(fd_), 0);
     EXPECT_EQ(version, TPACKET_V3);
     EXPECT_NONFATAL_FAILURE(EXPECT_EQ(get(-1), EBADF), "not a capture descriptor");
+}
+
+TEST_F(Netif, CaptureTakesFilterAndSendTimeout) {
+    const auto set = [&](int option) {
+        return minus_one(redirected::do_setsockopt(fd_, SOL_SOCKET, option, nullptr, 0));
+    };
+    EXPECT_EQ(set(SO_SNDTIMEO), 0);
+    EXPECT_EQ(set(SO_DETACH_FILTER), ENOENT);
+    EXPECT_EQ(set(SO_ATTACH_FILTER), 0);
+    EXPECT_TRUE(fake_netif::is_filtered("port0"));
+    EXPECT_EQ(set(SO_DETACH_FILTER), 0);
+    EXPECT_FALSE(fake_netif::is_filtered("port0"));
+    EXPECT_EQ(set(SO_BROADCAST), ENOTSOCK) << "of any other option the system is asked";
 }
 
 struct sockaddr_nl link_group() {
