@@ -1,0 +1,129 @@
+// test_recv_batch.cpp - frames that are taken several at a time, out of a backlog.
+
+#include <pcap/pcap.h>
+
+#include <atomic>
+
+#include "frames.h"
+#include "ports.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::SizeIs;
+
+std::vector<int> g_dispatched;  // what each pcap_dispatch() returned
+std::atomic<bool> g_broken;
+
+}  // namespace
+
+// The entry points that the fake libpcap leaves out, made of those that it has.
+int pcap_dispatch(pcap_t* p, int count, pcap_handler take, unsigned char* arg) {
+    int taken = 0;
+    int result = 1;
+    while (taken < count && !g_broken) {
+        struct pcap_pkthdr* header = nullptr;
+        const unsigned char* frame = nullptr;
+        result = pcap_next_ex(p, &header, &frame);
+        if (result != 1) break;
+        take(arg, header, frame);
+        taken++;
+    }
+    if (g_broken.exchange(false)) taken = PCAP_ERROR_BREAK;
+    if (result < 0) taken = PCAP_ERROR;
+    g_dispatched.push_back(taken);
+    return taken;
+}
+
+void pcap_breakloop(pcap_t*) {
+    g_broken = true;
+}
+
+namespace {
+
+struct recv_batch : ports {
+    recv_batch() {
+        g_dispatched.clear();
+        g_broken = false;
+        qnm::store(g_log_level, QNM_LOGLVL_INFO);
+    }
+
+    static void push(unsigned frames) {
+        for (unsigned n = 0; n < frames; n++)
+            fake_pcap::push_frame("port0", frames::build({}));
+    }
+
+    static uint64_t received() { return counted(0, QNM_STATS_R_TOTAL); }
+
+    // Runs the loop until it would sleep.
+    static void take_all_in() {
+        fail::on_poll([](auto, int timeout_ms) -> std::optional<fail::poll_result> {
+            if (fake_pcap::queued("port0") != 0) return std::nullopt;
+            if (timeout_ms != 0) qnm::store(qnm_root.er_fini_flag, 0U);
+            return fail::poll_events({0, 0});
+        });
+        _qnm_recv_lin(0);
+    }
+};
+
+TEST_F(recv_batch, up_to_64_frames_are_taken_between_two_polls) {
+    push(64 + 10);
+    take_all_in();
+    EXPECT_THAT(g_dispatched, ElementsAre(64, 10));
+    EXPECT_EQ(received(), 74U);
+}
+
+TEST_F(recv_batch, levels_that_show_each_step_take_frames_one_by_one) {
+    for (const qnm_log_level_t level : {QNM_LOGLVL_DEBUG, QNM_LOGLVL_TRACE}) {
+        set_running();
+        qnm::store(g_log_level, level);
+        push(3);
+        take_all_in();
+    }
+    EXPECT_THAT(g_dispatched, SizeIs(0));
+    EXPECT_EQ(received(), 6U);
+}
+
+TEST_F(recv_batch, the_terminate_pipe_is_looked_at_between_two_frames) {
+    push(10);
+    fail::on_poll([&](auto fds, int) -> std::optional<fail::poll_result> {
+        const bool within_batch = fds.size() == 1;
+        if (within_batch && received() == 4) {
+            EXPECT_EQ(write(qnm_terminate_fd_recv[0][1], "a", 1), 1);
+        }
+        return std::nullopt;
+    });
+    _qnm_recv_lin(0);
+    EXPECT_EQ(received(), 4U);
+    EXPECT_TRUE(logs.has(k_info, "_qnm_recv_lin: poll() catch terminate-event. port_num=0"));
+}
+
+TEST_F(recv_batch, the_stop_is_looked_at_between_two_frames) {
+    push(10);
+    fail::on(fail::call::gettimeofday, [](uint64_t number) {
+        if (number == 5) qnm::store(qnm_root.er_fini_flag, 0U);
+        return fail::pass;
+    });
+    _qnm_recv_lin(0);
+    EXPECT_EQ(received(), 5U);
+}
+
+TEST_F(recv_batch, frames_before_the_start_are_dropped) {
+    qnm::store(qnm_root.er_start_flag, 1U);
+    push(2);
+    take_all_in();
+    EXPECT_THAT(g_dispatched, ElementsAre(2));
+    EXPECT_EQ(received(), 0U);
+}
+
+TEST_F(recv_batch, a_port_that_fails_is_fatal) {
+    fake_pcap::push_result("port0", -1);
+    _qnm_recv_lin(0);
+    EXPECT_THAT(logs.texts("logfile", k_fatal),
+                ElementsAre("_qnm_recv_batch: Failed to pcap_dispatch().",
+                            "_qnm_recv_lin: Failed to _qnm_recv_frame(). port_num=0",
+                            "_qnm_fini_manager: LFI will terminate by reason of internal error."));
+    EXPECT_EQ(qnm::load(internal_err), EPROTO);
+}
+
+}  // namespace
