@@ -5,6 +5,12 @@
 // and cut at 511 characters, so any thread may log at any time. log4cxx throws when an appender
 // fails (a full disk); a line lost that way must not take the manager with it, so nothing is let
 // through.
+//
+// A process may end while threads still log, and then log4cxx's static objects are destroyed under
+// them. So the lines under way are counted, and a handler of exit() forbids further ones and waits
+// for these. It has to run before log4cxx's own handlers. The last one registered runs first, and
+// log4cxx makes some of its objects when they are needed first; so the handler is registered when
+// the library is loaded, and again when log4cxx has been configured and has everything.
 
 #include "qnm_log4cxxif.h"
 
@@ -12,8 +18,10 @@
 #include <log4cxx/logger.h>
 #include <log4cxx/propertyconfigurator.h>
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <iterator>
 #include <string>
@@ -30,19 +38,76 @@ using log4cxx::LoggerPtr;
 constexpr char k_properties[] = "conf/qnm_log4c.properties";
 constexpr size_t k_line_size = 512;
 
-LoggerPtr logger_file(log4cxx::Logger::getLogger("logfile"));
-LoggerPtr logger_syslog(log4cxx::Logger::getLogger("syslogfile"));
-LoggerPtr logger_stats(log4cxx::Logger::getLogger("statslogfile"));
+constexpr uint64_t k_exit_wait_ms = 1000;
+
+// Properties that differ from those read before may have log4cxx make more, so each reading
+// registers the handler again. A manager that is restarted for ever must not gather handlers for
+// ever, though.
+constexpr int k_exit_handlers = 16;
+
+std::atomic<bool> exiting = false;
+std::atomic<int> lines_under_way = 0;
+std::atomic<int> exit_handlers = 0;
+
+// Stands for a line under way, or for whatever else enters log4cxx.
+class line_guard {
+  public:
+    line_guard() { lines_under_way++; }
+    ~line_guard() { lines_under_way--; }
+    line_guard(const line_guard&) = delete;
+    line_guard& operator=(const line_guard&) = delete;
+
+    // Asked once the line counts: the handler either sees it or is seen.
+    bool is_allowed() const { return !exiting; }
+};
+
+// Lives until the handler has seen the last line end, and for ever if that did not come in time.
+union logger_handle {
+    explicit logger_handle(const char* name) : ptr(log4cxx::Logger::getLogger(name)) {}
+    ~logger_handle() {}
+    LoggerPtr ptr;
+};
+
+logger_handle logger_file("logfile");
+logger_handle logger_syslog("syslogfile");
+logger_handle logger_stats("statslogfile");
+
+// Runs at the end of the process, and when the library is unloaded.
+void close_log() {
+    exiting = true;
+    const uint64_t begin = _qnm_get_msec_monotonic();
+    while (lines_under_way > 0) {
+        if (_qnm_get_msec_monotonic() - begin > k_exit_wait_ms) return;
+        _qnm_msleep(1);
+    }
+    for (logger_handle* const logger : {&logger_file, &logger_syslog, &logger_stats})
+        logger->ptr.reset();
+}
 
 // Indexed by qnm_log_level_t.
 LevelPtr (*const k_levels[])() = {Level::getFatal, Level::getError, Level::getWarn,
                                   Level::getInfo,  Level::getDebug, Level::getTrace};
 
-void format_and_output(const LoggerPtr& logger, qnm_log_level_t level, const char* fmt,
+// Without memory for the handler the process ends as it would without the library's care.
+void close_log_before_log4cxx() {
+    if (exit_handlers < k_exit_handlers && atexit(close_log) == 0) exit_handlers++;
+}
+
+const struct load_time {
+    load_time() {
+        for (const auto& level : k_levels)
+            level();
+        close_log_before_log4cxx();
+    }
+} at_load;
+
+void format_and_output(const logger_handle& logger, qnm_log_level_t level, const char* fmt,
                        va_list args) {
+    const line_guard guard;
+    if (!guard.is_allowed()) return;
     char line[k_line_size];
     vsnprintf(line, sizeof line, fmt, args);
-    _qnm_output_log(logger, line, level);
+    _qnm_output_log(logger.ptr, line, level);
 }
 
 }  // namespace
@@ -95,10 +160,13 @@ qnm_api_code_t qnm_log_init(const char* path) {
     char name[qnm::k_filename_size];
     if (_qnm_make_filename(path, k_properties, name, sizeof name) != 0) return QNM_API_EPROTO;
     if (_qnm_file_exist(name) != 0) return QNM_API_EPROTO;
+    const line_guard guard;
+    if (!guard.is_allowed()) return QNM_API_EPROTO;
     try {
         log4cxx::PropertyConfigurator::configure(log4cxx::File(name));
         qnm_log_info("%s: Log initialize is done. logconfig_filepath:%s", __func__,
                      path != nullptr ? path : "(null)");
+        close_log_before_log4cxx();
     } catch (const std::exception&) {
         // A broken properties file costs log lines, not the manager.
     }
