@@ -72,9 +72,10 @@ logger_handle logger_file("logfile");
 logger_handle logger_syslog("syslogfile");
 logger_handle logger_stats("statslogfile");
 
-// Runs at the end of the process, and when the library is unloaded.
+// Runs at the end of the process, and when the library is unloaded: as often as it was registered,
+// but the first time is the one that counts.
 void close_log() {
-    exiting = true;
+    if (exiting.exchange(true)) return;
     const uint64_t begin = _qnm_get_msec_monotonic();
     while (lines_under_way > 0) {
         if (_qnm_get_msec_monotonic() - begin > k_exit_wait_ms) return;
