@@ -30,11 +30,12 @@
  *    handler only qnm_err2retcode() and the comparisons may be called; a handler that is to stop
  *    the manager has a thread call qnm_fini_manager().
  *  - fork(): the manager stays with the parent and is not disturbed. In the child only the same
- *    functions may be called, and it ends by _exit() or by executing a program: exit() may wait for
- *    ever for threads that the child does not have. Programs that are executed inherit no port,
- *    socket or pipe.
- *  - exit() and a return from main() need no stop before them, whatever the threads are doing.
- * Lines of the log that are being written are awaited for up to a second; what is logged later is
+ *    functions may be called; qnm_init_manager() returns QNM_API_EBUSY there if the parent's manager
+ *    was running. The child ends by _exit() or by executing a program: exit() may wait for ever for
+ *    threads that the child does not have. Programs that are executed inherit no port, socket or
+ *    pipe.
+ *  - exit() and a return from main() need no stop before them, whatever the threads are doing. Lines
+ *    of the log that are being written are awaited for up to a second; what is logged later is
  *    dropped, also by handlers of atexit() that were registered before the manager was running.
  *  - Cancellation: a thread inside a call must not be cancelled.
  *
@@ -414,8 +415,9 @@ typedef enum qnm_evt_type QNM_ANY_INT {
  * A function that is told of events. It runs on the library's event thread, one event at a time, in
  * the order in which the events arose and the callbacks were registered. It may call every public
  * function except qnm_register_callback() and qnm_unregister_callback() for its own event type,
- * which would deadlock. While it runs, further events wait; those that still wait at a stop are
- * dropped. It must not throw.
+ * which would deadlock. While it runs, further events wait. Those that wait when a stop is
+ * requested are still delivered, so a slow callback delays the stop by its backlog; what arises
+ * after that is dropped. It must not throw.
  *
  * @param[in] id     card ID
  * @param[in] event  event type
