@@ -448,9 +448,12 @@ qnm_api_code_t qnm_register_callback(qnm_evt_type_t type, qnm_cbfunc_t cb_func, 
  * Ends one registration. When the call returns, the callback is not running and will not be called
  * again for it. Waits while a callback of the same event type runs.
  *
- * @param[in] id  a handle that is registered, or NULL; anything else is undefined
+ * A handle that was given back, or is from before a restart, is refused, and waits for nothing. It
+ * is its value alone that tells: a later registration may have got the same one.
+ *
+ * @param[in] id  a handle that is registered
  * @retval QNM_API_SUCCESS  the callback is no longer registered
- * @retval QNM_API_EINVAL   id is NULL
+ * @retval QNM_API_EINVAL   id is NULL, or no registered handle
  * @retval QNM_API_ENOSYS   the manager is not running
  */
 qnm_api_code_t qnm_unregister_callback(qnm_cbid_t id);

@@ -10,11 +10,14 @@
 // evt_mutex is never held while a callback runs, so producers are never blocked by user code.
 //
 // cl_mutex guards the list of its type; evt_mutex guards the queue. A registration's handle is the
-// address of its record.
+// address of its record. Whoever hands one in may be wrong: a handle is looked up among the live
+// ones, by address alone, before anything is read through it, and with no type's list locked, whose
+// callback may be running. Live handles are guarded by lh_mutex, taken after a list's.
 
 #include "qnm_event_cb.h"
 
 #include <cerrno>
+#include <cstddef>
 #include <iterator>
 #include <new>
 
@@ -60,6 +63,7 @@ struct qnm_cbinfo_t {
     qnm_cbfunc_t cb_func;
     void* cb_arg;
     qnm_evt_type_t cb_event;
+    qnm_list cb_live;  // among the live handles
 };
 
 struct qnm_evt_node_t {
@@ -73,12 +77,18 @@ struct qnm_cbevt_t {
     qnm_mutex_t cl_mutex = QNM_MUTEX_OF_LEVEL(QNM_LOCK_CALLBACKS);
 };
 
+struct live_handles_t {
+    qnm_list lh_head QNM_GUARDED_BY(lh_mutex) = {&lh_head, &lh_head};
+    qnm_mutex_t lh_mutex = QNM_MUTEX_OF_LEVEL(QNM_LOCK_HANDLES);
+};
+
 struct qnm_evt_queue_t {
     qnm_list evt_head QNM_GUARDED_BY(evt_mutex) = {&evt_head, &evt_head};
     qnm_mutex_t evt_mutex = QNM_MUTEX_OF_LEVEL(QNM_LOCK_EVENT_QUEUE);
 };
 
 qnm_cbevt_t cb_evt_tbl[QNM_EVT_MAX];
+live_handles_t live_handles;
 qnm_evt_queue_t qnm_event_queue;
 qnm_event_t event_sig;
 thread_local uint32_t untold_events;
@@ -109,12 +119,41 @@ Record* make_counted(const char* func, const char* type_name, uint32_t* allocate
 
 qnm_cbinfo_t* _cbinfo_create(qnm_evt_type_t type, qnm_cbfunc_t func, const void* arg) {
     return make_counted(__func__, "qnm_cbinfo_t", &qnm_stats.est_cbinfo_al,
-                        qnm_cbinfo_t{{}, func, const_cast<void*>(arg), type});
+                        qnm_cbinfo_t{{}, func, const_cast<void*>(arg), type, {}});
 }
 
 void cbinfo_free(qnm_cbinfo_t* info) {
     delete info;
     qnm::count(&qnm_stats.est_cbinfo_fr);
+}
+
+qnm_cbinfo_t* cbinfo_of_live(qnm_list* links) {
+    return reinterpret_cast<qnm_cbinfo_t*>(reinterpret_cast<char*>(links) -
+                                           offsetof(qnm_cbinfo_t, cb_live));
+}
+
+// Puts a registration into its type's list, and takes one out.
+void enlist(qnm_cbevt_t& table, qnm_cbinfo_t& info) QNM_REQUIRES(table.cl_mutex) {
+    list_push_tail(table.cl_head, info.cb_list);
+    const qnm::mutex_guard lock(live_handles.lh_mutex);
+    list_push_tail(live_handles.lh_head, info.cb_live);
+}
+
+void delist([[maybe_unused]] qnm_cbevt_t& table, qnm_cbinfo_t& info) QNM_REQUIRES(table.cl_mutex) {
+    list_unlink(info.cb_list);
+    const qnm::mutex_guard lock(live_handles.lh_mutex);
+    list_unlink(info.cb_live);
+}
+
+// The event type that a handle was registered for; QNM_EVT_MAX when it is not a live one.
+qnm_evt_type_t type_of_handle(qnm_cbid_t id) {
+    const auto* const wanted = reinterpret_cast<const qnm_cbinfo_t*>(id);
+    const qnm::mutex_guard lock(live_handles.lh_mutex);
+    qnm_list* const head = &live_handles.lh_head;
+    for (qnm_list* links = head->el_next; links != head; links = links->el_next) {
+        if (cbinfo_of_live(links) == wanted) return wanted->cb_event;
+    }
+    return QNM_EVT_MAX;
 }
 
 qnm_evt_node_t* _evt_node_create(qnm_evt_type_t event_type, uint64_t id) {
@@ -183,9 +222,9 @@ int has_work(void*) {
 void clear_callbacks(qnm_cbevt_t& table) {
     const qnm::mutex_guard lock(table.cl_mutex);
     while (!list_is_empty(table.cl_head)) {
-        qnm_list* const links = table.cl_head.el_next;
-        list_unlink(*links);
-        cbinfo_free(cbinfo_of(links));
+        qnm_cbinfo_t* const info = cbinfo_of(table.cl_head.el_next);
+        delist(table, *info);
+        cbinfo_free(info);
     }
 }
 
@@ -237,22 +276,24 @@ int register_callback(const char* func, qnm_evt_type_t type, qnm_cbfunc_t cb_fun
     }
     {
         const qnm::mutex_guard lock(cb_evt_tbl[type].cl_mutex);
-        list_push_tail(cb_evt_tbl[type].cl_head, info->cb_list);
+        enlist(cb_evt_tbl[type], *info);
     }
     *id = reinterpret_cast<qnm_cbid_t>(info);
     return 0;
 }
 
-// Takes the record out of its type's list; null when it is not there.
+// Takes the record out of its type's list; null when it is not there. It is looked for once more
+// under the list's lock: another thread may have given it back meanwhile.
 qnm_cbinfo_t* take_registration(qnm_cbid_t id) {
+    const qnm_evt_type_t type = type_of_handle(id);
+    if (type == QNM_EVT_MAX) return nullptr;
     auto* const wanted = reinterpret_cast<qnm_list*>(id);
-    qnm_cbevt_t& table = cb_evt_tbl[cbinfo_of(wanted)->cb_event];
+    qnm_cbevt_t& table = cb_evt_tbl[type];
     const qnm::mutex_guard lock(table.cl_mutex);
     for (qnm_list* links = table.cl_head.el_next; links != &table.cl_head; links = links->el_next) {
-        if (links == wanted) {
-            list_unlink(*links);
-            return cbinfo_of(links);
-        }
+        if (links != wanted) continue;
+        delist(table, *cbinfo_of(links));
+        return cbinfo_of(links);
     }
     return nullptr;
 }

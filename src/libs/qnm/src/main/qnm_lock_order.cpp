@@ -33,6 +33,7 @@ struct level_rule {
 constexpr level_rule k_rules[] = {
     {"unordered lock", 0},
     {"callback list", held(QNM_LOCK_CALLBACKS)},
+    {"callback handles", held(QNM_LOCK_CALLBACKS)},
     {"write lock of a card", held(QNM_LOCK_CALLBACKS)},
     {"device table", k_by_calls},
     {"blacklist", k_by_calls | held(QNM_LOCK_TABLE)},

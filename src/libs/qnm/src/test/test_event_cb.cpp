@@ -138,6 +138,70 @@ TEST_F(event_cb, a_handle_that_is_not_listed_is_refused) {
     EXPECT_EQ(qnm_unregister_callback(reinterpret_cast<qnm_cbid_t>(stranger)), QNM_API_EINVAL);
 }
 
+// As a host does that keeps its handles over a restart: the record behind one is gone.
+TEST_F(event_cb, a_handle_from_before_a_restart_is_refused) {
+    listener one = {"one", &calls};
+    const qnm_cbid_t old = add(QNM_EVT_NEWDEVINFO, one);
+    EXPECT_EQ(_qnm_event_cb_fini(), 0);
+    EXPECT_EQ(_qnm_event_cb_init(), 0);
+    EXPECT_EQ(qnm_unregister_callback(old), QNM_API_EINVAL);
+    EXPECT_EQ(qnm_stats.est_cbinfo_fr, 1U);
+}
+
+TEST_F(event_cb, a_handle_that_has_been_given_back_is_refused) {
+    listener one = {"one", &calls};
+    const qnm_cbid_t gone = add(QNM_EVT_NEWDEVINFO, one);
+    EXPECT_EQ(qnm_unregister_callback(gone), QNM_API_SUCCESS);
+    EXPECT_EQ(qnm_unregister_callback(gone), QNM_API_EINVAL);
+}
+
+TEST_F(event_cb, a_handle_that_points_nowhere_is_refused) {
+    EXPECT_EQ(qnm_unregister_callback(reinterpret_cast<qnm_cbid_t>(uintptr_t{8})), QNM_API_EINVAL);
+}
+
+// Of whichever type the handle was, the callback that runs may never return.
+TEST_F(event_cb, an_unknown_handle_waits_for_no_callback) {
+    listener other = {"other", &calls};
+    listener one = {"one", &calls};
+    std::vector<qnm_cbid_t> unknown = {reinterpret_cast<qnm_cbid_t>(uintptr_t{8})};
+    for (int type = 0; type < QNM_EVT_MAX; type++) {
+        unknown.push_back(add(static_cast<qnm_evt_type_t>(type), other));
+        EXPECT_EQ(qnm_unregister_callback(unknown.back()), QNM_API_SUCCESS);
+    }
+    one.also = [&] {
+        std::thread elsewhere([&] {
+            for (const qnm_cbid_t id : unknown)
+                EXPECT_EQ(qnm_unregister_callback(id), QNM_API_EINVAL);
+        });
+        elsewhere.join();
+    };
+    for (int type = 0; type < QNM_EVT_MAX; type++) {
+        // Its record may lie where one of the others lay.
+        std::erase(unknown, add(static_cast<qnm_evt_type_t>(type), one));
+    }
+    start();
+    for (int type = 0; type < QNM_EVT_MAX; type++)
+        EXPECT_EQ(_qnm_add_event(static_cast<qnm_evt_type_t>(type), k_id), 0);
+    EXPECT_TRUE(wait_calls(QNM_EVT_MAX));
+    stop();
+}
+
+TEST_F(event_cb, threads_register_and_unregister_for_all_types_at_once) {
+    listener one = {"one", &calls};
+    const auto work = [&] {
+        for (int n = 0; n < 2000; n++) {
+            const qnm_cbid_t id = add(static_cast<qnm_evt_type_t>(n % QNM_EVT_MAX), one);
+            EXPECT_EQ(qnm_unregister_callback(id), QNM_API_SUCCESS);
+        }
+    };
+    std::thread first(work);
+    std::thread second(work);
+    first.join();
+    second.join();
+    EXPECT_EQ(qnm_stats.est_cbinfo_al, 4000U);
+    EXPECT_EQ(qnm_stats.est_cbinfo_fr, 4000U);
+}
+
 TEST_F(event_cb, no_memory_for_a_registration_registers_nothing) {
     qnm_cbid_t id = nullptr;
     alloc::fail_nth(1);

@@ -81,6 +81,17 @@ TEST_F(lock_order_death, a_callback_list_after_the_table) {
         "callback list taken while device table is held");
 }
 
+TEST_F(lock_order_death, the_callback_handles_after_the_table) {
+    qnm_cbid_t id = nullptr;
+    qnm_register_callback(QNM_EVT_NEWDEVINFO, ignore_event, nullptr, &id);
+    EXPECT_DEATH(
+        {
+            const qnm::table_guard lock;
+            qnm_unregister_callback(id);
+        },
+        "callback handles taken while device table is held");
+}
+
 TEST_F(lock_order_death, an_event_object_after_the_statistics) {
     qnm_event_t event;
     ASSERT_EQ(_qnm_event_init(&event), 0);
@@ -124,6 +135,7 @@ TEST_F(lock_order_death, the_tags_after_the_table) {
 // Locks of every level, in their order.
 struct all_levels {
     qnm_mutex_t callbacks = QNM_MUTEX_OF_LEVEL(QNM_LOCK_CALLBACKS);
+    qnm_mutex_t handles = QNM_MUTEX_OF_LEVEL(QNM_LOCK_HANDLES);
     qnm_mutex_t card_write = QNM_MUTEX_OF_LEVEL(QNM_LOCK_CARD_WRITE);
     qnm_mutex_t table = QNM_MUTEX_OF_LEVEL(QNM_LOCK_TABLE);
     qnm_mutex_t blacklist = QNM_MUTEX_OF_LEVEL(QNM_LOCK_BLACKLIST);
@@ -135,15 +147,16 @@ struct all_levels {
 };
 
 constexpr qnm_mutex_t all_levels::*k_levels[] = {
-    &all_levels::callbacks,   &all_levels::card_write, &all_levels::table,
-    &all_levels::blacklist,   &all_levels::event,      &all_levels::event_queue,
-    &all_levels::write_locks, &all_levels::tags,       &all_levels::statistics,
+    &all_levels::callbacks,   &all_levels::handles,     &all_levels::card_write,
+    &all_levels::table,       &all_levels::blacklist,   &all_levels::event,
+    &all_levels::event_queue, &all_levels::write_locks, &all_levels::tags,
+    &all_levels::statistics,
 };
 static_assert(std::size(k_levels) + 1 == QNM_LOCK_LEVEL_MAX);
 
 TEST_F(lock_order_death, anything_but_the_statistics_after_a_lock_of_single_steps) {
-    for (const auto outer :
-         {&all_levels::event_queue, &all_levels::write_locks, &all_levels::tags}) {
+    for (const auto outer : {&all_levels::handles, &all_levels::event_queue,
+                             &all_levels::write_locks, &all_levels::tags}) {
         for (const auto inner : k_levels) {
             all_levels of;
             if (inner == &all_levels::statistics) {
