@@ -257,6 +257,12 @@ qnm_rbnode_t* _qnm_rbtree_get_floor(qnm_rbtree_t* tree, qnm_cptr_t key) {
     return match_or_neighbour(tree, key, 0);
 }
 
+qnm_rbnode_t* _qnm_rbtree_get_higher(qnm_rbtree_t* tree, qnm_cptr_t key) {
+    node_t* const found = match_or_neighbour(tree, key, 1);
+    if (found == nullptr || compare(tree, key, found) != 0) return found;
+    return _qnm_rbtree_next(tree, found);
+}
+
 qnm_rbnode_t* _qnm_rbtree_next(qnm_rbtree_t* tree, qnm_rbnode_t* node) {
     if (node == nullptr) return tree->rb_root != nullptr ? outermost(tree->rb_root, 0) : nullptr;
     if (node->rbn_children[1] != nullptr) return outermost(node->rbn_children[1], 0);

@@ -44,6 +44,10 @@ qnm_rbnode_t* _qnm_rbtree_get(qnm_rbtree_t* tree, qnm_cptr_t key);
 qnm_rbnode_t* _qnm_rbtree_get_ceil(qnm_rbtree_t* tree, qnm_cptr_t key);
 qnm_rbnode_t* _qnm_rbtree_get_floor(qnm_rbtree_t* tree, qnm_cptr_t key);
 
+// The node with the smallest key above it, whether or not one has that key; null after the largest.
+// With it a walk goes on from the last key that it has seen, whatever became of that node.
+qnm_rbnode_t* _qnm_rbtree_get_higher(qnm_rbtree_t* tree, qnm_cptr_t key);
+
 // The next larger node, or with a null node the smallest; null after the largest.
 qnm_rbnode_t* _qnm_rbtree_next(qnm_rbtree_t* tree, qnm_rbnode_t* node);
 

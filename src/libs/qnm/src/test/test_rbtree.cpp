@@ -52,6 +52,7 @@ class Tree : public testing::Test {
 
     record* get(uint64_t key) { return to_record(_qnm_rbtree_get(&tree_, id_key(key))); }
     record* ceil(uint64_t key) { return to_record(_qnm_rbtree_get_ceil(&tree_, id_key(key))); }
+    record* higher(uint64_t key) { return to_record(_qnm_rbtree_get_higher(&tree_, id_key(key))); }
     record* floor(uint64_t key) { return to_record(_qnm_rbtree_get_floor(&tree_, id_key(key))); }
 
     std::vector<uint64_t> keys() {
@@ -81,6 +82,7 @@ TEST_F(Tree, init_sets_its_three_fields) {
 TEST_F(Tree, finds_nothing_when_empty) {
     EXPECT_EQ(get(1), nullptr);
     EXPECT_EQ(ceil(0), nullptr);
+    EXPECT_EQ(higher(0), nullptr);
     EXPECT_EQ(floor(UINT64_MAX), nullptr);
     EXPECT_EQ(_qnm_rbtree_next(&tree_, nullptr), nullptr);
     EXPECT_EQ(_qnm_rbtree_remove(&tree_, id_key(1)), nullptr);
@@ -136,6 +138,21 @@ TEST_F(Tree, ceil_and_floor_find_the_key_itself_or_its_neighbour) {
     EXPECT_EQ(floor(9), nullptr);
     EXPECT_EQ(ceil(0), get(10));
     EXPECT_EQ(floor(UINT64_MAX), get(70));
+}
+
+TEST_F(Tree, higher_finds_the_next_key_whether_or_not_the_key_itself_is_there) {
+    put_all({10, 20, 30, 40, 50, 60, 70});
+    for (uint64_t key = 10; key <= 60; key += 10) {
+        EXPECT_EQ(higher(key), get(key + 10));
+        EXPECT_EQ(higher(key - 1), get(key));
+        EXPECT_EQ(higher(key + 1), get(key + 10));
+    }
+    EXPECT_EQ(higher(0), get(10));
+    EXPECT_EQ(higher(70), nullptr);
+    EXPECT_EQ(higher(UINT64_MAX), nullptr);
+    put(UINT64_MAX);
+    EXPECT_EQ(higher(70), get(UINT64_MAX));
+    EXPECT_EQ(higher(UINT64_MAX), nullptr);
 }
 
 TEST_F(Tree, next_goes_through_all_nodes_in_the_order_of_their_keys) {

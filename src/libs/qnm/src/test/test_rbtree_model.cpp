@@ -79,6 +79,7 @@ struct TreeSequence : testing::TestWithParam<uint64_t> {
         ASSERT_EQ(to_record(_qnm_rbtree_get(&tree, id_key(key))), found(expected.find(key)));
         ASSERT_EQ(to_record(_qnm_rbtree_get_ceil(&tree, id_key(key))),
                   found(expected.lower_bound(key)));
+        ASSERT_EQ(to_record(_qnm_rbtree_get_higher(&tree, id_key(key))), found(above));
         ASSERT_EQ(to_record(_qnm_rbtree_get_floor(&tree, id_key(key))),
                   above != expected.begin() ? std::prev(above)->second.get() : nullptr);
     }
