@@ -83,6 +83,19 @@ void for_each_node(Work work) QNM_REQUIRES(qnm_qn.eei_mutex) {
     }
 }
 
+// How far a walk has come that lets the table go in between: up to this ID.
+struct walk {
+    bool begun = false;
+    uint64_t last = 0;
+};
+
+// The card after those that the walk has seen; which of them are still there does not matter.
+template <typename Kind>
+typename Kind::node* node_after(const walk& at) QNM_REQUIRES(qnm_qn.eei_mutex) {
+    if (!at.begun) return next_node<Kind>(nullptr);
+    return node_of<Kind>(_qnm_rbtree_get_higher(map_of<Kind>(), qnm::id_key(at.last)));
+}
+
 template <typename Kind>
 void free_node(qnm_rbnode_t* links, qnm_ptr_t) {
     delete node_of<Kind>(links);
@@ -337,38 +350,73 @@ bool _update_keepalive_state(typename Kind::node& node, uint64_t now, uint32_t e
     }
 }
 
-template <typename Kind>
-void _devinfo_keepalive_check(uint64_t now, uint32_t expire_time, uint32_t restart_checks)
-    QNM_REQUIRES(qnm_qn.eei_mutex) {
+// Reporting costs a line and two events a card. So that receiving goes on when very many cards are
+// lost at once, only this many are reported before the table is let go for a moment; for that long,
+// or else whoever waits for it would lose the race for it.
+constexpr uint32_t k_reports_max = 64;
+constexpr uint32_t k_free_ms = 1;
+
+// A walk through the cards of both kinds.
+struct double_walk {
+    walk servers;
+    walk ios;
+};
+
+// Goes on with the cards of a kind until *reports_left have been reported, which treat() tells;
+// true when all cards have been seen.
+template <typename Kind, typename Treat>
+bool treat_kind(walk& at, uint32_t* reports_left, Treat treat) QNM_REQUIRES(qnm_qn.eei_mutex) {
+    for (auto* node = node_after<Kind>(at); node != nullptr; node = next_node<Kind>(node)) {
+        at = {true, com_dev_of<Kind>(*node).ecd_id};
+        if (treat(Kind{}, *node) && --*reports_left == 0) return false;
+    }
+    return true;
+}
+
+template <typename Treat>
+bool treat_some(double_walk& at, Treat treat) QNM_REQUIRES(qnm_qn.eei_mutex) {
+    uint32_t reports_left = k_reports_max;
+    return treat_kind<qnsv_kind>(at.servers, &reports_left, treat) &&
+           treat_kind<qnio_kind>(at.ios, &reports_left, treat);
+}
+
+// Lets whoever waits for the table have it; false when a stop has been requested.
+bool let_go() QNM_EXCLUDES(qnm_qn.eei_mutex) {
+    _qnm_tell_events();
+    _qnm_msleep(k_free_ms);
+    return qnm::is_running();
+}
+
+bool _devinfo_keepalive_check(double_walk& at, uint32_t expire_time, uint32_t restart_checks) {
     const char* const name = __func__;
-    for_each_node<Kind>([=](typename Kind::node& node) {
-        if (_update_keepalive_state<Kind>(node, now, expire_time, restart_checks)) {
-            report_disconnect<Kind>(name, com_dev_of<Kind>(node), now);
-        }
+    const table_guard lock;
+    const uint64_t now = _qnm_get_msec_timenow();
+    return treat_some(at, [=]<typename Kind>(Kind, typename Kind::node& node) {
+        if (!_update_keepalive_state<Kind>(node, now, expire_time, restart_checks)) return false;
+        report_disconnect<Kind>(name, com_dev_of<Kind>(node), now);
+        return true;
     });
 }
 
 void check_once(const char* func, uint32_t expire_time, uint32_t restart_checks) {
     qnm_log_trace("%s: DEVINFO interval check start", func);
-    {
-        const table_guard lock;
-        const uint64_t now = _qnm_get_msec_timenow();
-        _devinfo_keepalive_check<qnsv_kind>(now, expire_time, restart_checks);
-        _devinfo_keepalive_check<qnio_kind>(now, expire_time, restart_checks);
+    double_walk at;
+    while (!_devinfo_keepalive_check(at, expire_time, restart_checks) && let_go()) {
     }
     _qnm_tell_events();
     qnm_log_trace("%s: DEVINFO interval check end", func);
 }
 
-template <typename Kind>
-void disconnect_port(const char* func, int port, uint64_t now) QNM_REQUIRES(qnm_qn.eei_mutex) {
-    for_each_node<Kind>([=](typename Kind::node& node) {
-        if (node.*Kind::ignore_state == QNM_IGNORE) return;
+bool disconnect_some(const char* func, double_walk& at, int port) QNM_REQUIRES(qnm_qn.eei_mutex) {
+    const uint64_t now = _qnm_get_msec_timenow();
+    return treat_some(at, [=]<typename Kind>(Kind, typename Kind::node& node) {
+        if (node.*Kind::ignore_state == QNM_IGNORE) return false;
         qnm_com_dev_t& dev = com_dev_of<Kind>(node);
         uint32_t(&state)[2] = dev.ecd_state[port];
-        if (state[0] == 0 && state[1] == 0) return;
+        if (state[0] == 0 && state[1] == 0) return false;
         state[0] = state[1] = 0;
         report_disconnect<Kind>(func, dev, now);
+        return true;
     });
 }
 
@@ -494,17 +542,54 @@ void print_own_fields(const qnm_qnio_t& card) {
     print_fields(k_indent, k_qnio_fields, &card);
 }
 
+// What the dump prints is copied, so many cards at a time and no more than fit these bytes of the
+// caller's stack, and written with the table free: a line may cost a wait for the disk.
+constexpr size_t k_copied_max = 64;
+constexpr size_t k_copied_bytes = 8192;
+
 template <typename Kind>
-void print_details() QNM_REQUIRES(qnm_qn.eei_mutex) {
-    for_each_node<Kind>([](typename Kind::node& node) {
-        const qnm_com_dev_t& dev = com_dev_of<Kind>(node);
-        qnm_statslog("    ID: 0x%.12lx", dev.ecd_id);
-        print_u32(k_indent, Kind::ignore_state_label, node.*Kind::ignore_state);
-        print_u32(k_indent, Kind::check_count_label, node.*Kind::check_count);
-        print_fields(k_indent, k_com_dev_fields, &dev);
-        print_own_fields(node.*Kind::card);
-        qnm_statslog(" ");
-    });
+struct card_copy {
+    uint32_t ignore_state;
+    uint32_t check_count;
+    typename Kind::record card;
+};
+
+template <typename Kind>
+struct batch {
+    size_t count = 0;
+    card_copy<Kind> cards[std::min(k_copied_max, k_copied_bytes / sizeof(card_copy<Kind>))];
+};
+
+// The next cards of the walk; false when there are no more.
+template <typename Kind>
+bool copy_cards(walk& at, batch<Kind>& copied) {
+    const table_guard lock;
+    copied.count = 0;
+    for (auto* node = node_after<Kind>(at); node != nullptr; node = next_node<Kind>(node)) {
+        if (copied.count == std::size(copied.cards)) break;
+        copied.cards[copied.count++] = {node->*Kind::ignore_state, node->*Kind::check_count,
+                                        node->*Kind::card};
+        at = {true, com_dev_of<Kind>(*node).ecd_id};
+    }
+    return copied.count != 0;
+}
+
+template <typename Kind>
+void print_details() {
+    walk at;
+    batch<Kind> copied;
+    while (copy_cards(at, copied)) {
+        for (size_t i = 0; i < copied.count; i++) {
+            const card_copy<Kind>& it = copied.cards[i];
+            const qnm_com_dev_t& dev = it.card.*Kind::com_dev;
+            qnm_statslog("    ID: 0x%.12lx", dev.ecd_id);
+            print_u32(k_indent, Kind::ignore_state_label, it.ignore_state);
+            print_u32(k_indent, Kind::check_count_label, it.check_count);
+            print_fields(k_indent, k_com_dev_fields, &dev);
+            print_own_fields(it.card);
+            qnm_statslog(" ");
+        }
+    }
 }
 
 constexpr const char* k_ignore_words[] = {"WATCH", "IGNORE", "RESTART"};
@@ -541,44 +626,73 @@ void print_columns(const qnio_kind&) {
     qnm_statslog("    -------------- ---- ----- --- ------- -------- --------- ----");
 }
 
-void print_row(const qnm_qnsv_node_t& node) {
-    const qnm_com_dev_t& dev = node.esn_qnsv.esv_com_dev;
+void print_row(const card_copy<qnsv_kind>& it) {
+    const qnm_com_dev_t& dev = it.card.esv_com_dev;
     const row_words words = words_of(dev);
     qnm_statslog("    0x%.12lx %4u %5s %3u %7s %8s %9s", dev.ecd_id, dev.ecd_vlan_id, words.type,
-                 dev.ecd_ver + 1U, words.connect, ignore_word(node.esn_ignore_state),
-                 words.vlan_mode);
+                 dev.ecd_ver + 1U, words.connect, ignore_word(it.ignore_state), words.vlan_mode);
 }
 
-void print_row(const qnm_qnio_node_t& node) {
-    const qnm_com_dev_t& dev = node.ein_qnio.eio_com_dev;
+void print_row(const card_copy<qnio_kind>& it) {
+    const qnm_com_dev_t& dev = it.card.eio_com_dev;
     const row_words words = words_of(dev);
     qnm_statslog("    0x%.12lx %4u %5s %3u %7s %8s %9s %4u", dev.ecd_id, dev.ecd_vlan_id,
-                 words.type, dev.ecd_ver + 1U, words.connect, ignore_word(node.ein_ignore_state),
-                 words.vlan_mode, node.ein_qnio.eio_mr_resource_num);
+                 words.type, dev.ecd_ver + 1U, words.connect, ignore_word(it.ignore_state),
+                 words.vlan_mode, it.card.eio_mr_resource_num);
 }
 
 template <typename Kind>
-void print_table() QNM_REQUIRES(qnm_qn.eei_mutex) {
+void print_table() {
+    walk at;
+    batch<Kind> copied;
     qnm_statslog("    [%s]", Kind::name);
-    if (next_node<Kind>(nullptr) == nullptr) {
+    if (!copy_cards(at, copied)) {
         qnm_statslog("    no entry.");
         return;
     }
     print_columns(Kind{});
-    for_each_node<Kind>([](const typename Kind::node& node) { print_row(node); });
+    do {
+        for (size_t i = 0; i < copied.count; i++)
+            print_row(copied.cards[i]);
+    } while (copy_cards(at, copied));
 }
 
-void print_counts() QNM_REQUIRES(qnm_qn.eei_mutex) {
+struct group_row {
+    unsigned group;
+    uint32_t qnsv;
+    uint32_t qnio;
+};
+
+// The next groups that have cards, from *group on, which is left behind the last one looked at.
+size_t copy_groups(unsigned* group, group_row (&rows)[k_copied_max]) {
+    const table_guard lock;
+    size_t count = 0;
+    for (; *group <= QNM_GROUP_MAX && count < std::size(rows); ++*group) {
+        const uint32_t qnsv = qnm_qn.eei_total_svgid[*group];
+        const uint32_t qnio = qnm_qn.eei_total_iogid[*group];
+        if (qnsv != 0 || qnio != 0) rows[count++] = {*group, qnsv, qnio};
+    }
+    return count;
+}
+
+template <typename Kind>
+uint32_t total_now() {
+    const table_guard lock;
+    return total_of<Kind>();
+}
+
+void print_counts() {
     qnm_statslog("  - QN card num");
-    qnm_statslog("    qnsv total: %u", qnm_qn.eei_total_qnsv);
-    qnm_statslog("    qnio total: %u", qnm_qn.eei_total_qnio);
+    qnm_statslog("    qnsv total: %u", total_now<qnsv_kind>());
+    qnm_statslog("    qnio total: %u", total_now<qnio_kind>());
     qnm_statslog(" ");
     qnm_statslog("    %4s %6s %6s", "G-ID", "SV num", "IO num");
     qnm_statslog("    ---- ------ ------");
-    for (unsigned group = 0; group <= QNM_GROUP_MAX; group++) {
-        const uint32_t qnsv = qnm_qn.eei_total_svgid[group];
-        const uint32_t qnio = qnm_qn.eei_total_iogid[group];
-        if (qnsv != 0 || qnio != 0) qnm_statslog("    %4u %6u %6u", group, qnsv, qnio);
+    group_row rows[k_copied_max];
+    unsigned group = 0;
+    while (const size_t count = copy_groups(&group, rows)) {
+        for (size_t i = 0; i < count; i++)
+            qnm_statslog("    %4u %6u %6u", rows[i].group, rows[i].qnsv, rows[i].qnio);
     }
 }
 
@@ -714,13 +828,16 @@ int _qnm_interval_check(void) {
 }
 
 void _qnm_all_disconnect(int port) {
-    const uint64_t now = _qnm_get_msec_timenow();
-    disconnect_port<qnsv_kind>(__func__, port, now);
-    disconnect_port<qnio_kind>(__func__, port, now);
+    double_walk at;
+    bool goes_on = true;
+    while (goes_on && !disconnect_some(__func__, at, port)) {
+        _qnm_qn_unlock();
+        goes_on = let_go();
+        _qnm_qn_lock();
+    }
 }
 
 void _qnm_qn_stats_print(uint32_t verbose) {
-    const table_guard lock;
     print_counts();
     qnm_statslog("  - QN card information");
     print_table<qnsv_kind>();

@@ -94,10 +94,12 @@ int _qnm_get_qndev(uint64_t id, qnm_com_dev_t* dev_info) QNM_REQUIRES(qnm_qn.eei
 int _qnm_get_qndev_ign(uint64_t id, qnm_com_dev_t* dev_info, uint32_t* ignore_state)
     QNM_REQUIRES(qnm_qn.eei_mutex);
 
-// Disconnects every card on a local port whose link has gone down.
+// Disconnects every card on a local port whose link has gone down. The lock is held on return as on
+// entry, but let go for a moment after every 64 cards that are reported.
 void _qnm_all_disconnect(int port) QNM_REQUIRES(qnm_qn.eei_mutex);
 
-// The device-table section of the status dump. Takes the lock itself.
+// The device-table section of the status dump. Takes the lock itself, and holds it only while it
+// copies some cards; so cards that come, go or change meanwhile are in it as they are met.
 void _qnm_qn_stats_print(uint32_t verbose) QNM_EXCLUDES(qnm_qn.eei_mutex);
 
 // The keepalive loop; returns 0 when a stop has been requested. Takes the lock itself.

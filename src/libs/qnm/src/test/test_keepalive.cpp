@@ -1,5 +1,7 @@
 // test_keepalive.cpp - paths that fall silent, restarts that run out, ports that go down.
 
+#include <thread>
+
 #include "units.h"
 
 namespace {
@@ -205,6 +207,82 @@ TEST_F(keepalive, lost_events_of_a_port_down_are_warned_of_in_its_name) {
     EXPECT_TRUE(logs.has(k_warn,
                          "_qnm_all_disconnect: Failed to _qnm_add_event("
                          "QNM_EVT_CHANNELSTATECHANGE) id=0x000000000001"));
+}
+
+// ---- Very many at once --------------------------------------------------------------------------
+
+constexpr uint64_t k_many = 100;  // of each kind
+constexpr std::chrono::milliseconds k_pause{1};
+
+struct mass_loss : keepalive {
+    // What a receiver saw each time that it got the table: how many losses had been reported.
+    std::vector<uint64_t> seen;
+
+    mass_loss() {
+        qnm_config.devinfo_flag_check_interval = qnm_config.devinfo_check_interval;
+        for (uint64_t id = 1; id <= k_many; id++) {
+            add(id, {{1, 0}, {0, 0}}, 1);
+            add(id, {{1, 0}, {0, 0}}, 1, QNM_WATCH, false);
+        }
+        // In the pauses, another thread has to get the table; it waits for it without limit.
+        fail::on_sleep([this](std::chrono::nanoseconds duration) {
+            if (duration != k_pause) {
+                if (checked++ != 0) end();
+                return;
+            }
+            std::thread receiver([this] {
+                const qnm::table_guard lock;
+                seen.push_back(updates());
+            });
+            receiver.join();
+            if (seen.size() == stop_after) end();
+        });
+    }
+
+    static void end() { qnm::store(qnm_root.er_fini_flag, 0U); }
+
+    int checked = 0;  // how often the loop has slept until a check; two are enough
+    size_t stop_after = SIZE_MAX;
+};
+
+TEST_F(mass_loss, of_paths_that_expire_lets_receivers_in_after_every_64_reports) {
+    EXPECT_EQ(_qnm_interval_check(), 0);
+    EXPECT_THAT(seen, ElementsAre(64U, 128U, 192U));
+    EXPECT_EQ(updates(), 2 * k_many);
+    EXPECT_EQ(channels(), 2 * k_many);
+    EXPECT_EQ(logs.count_part(k_info, "_devinfo_keepalive_check: QNSV id=0x"), k_many);
+    EXPECT_EQ(logs.count_part(k_info, "_devinfo_keepalive_check: QNIO id=0x"), k_many);
+    // The second one finds nothing.
+    EXPECT_EQ(logs.count(k_trace, "_qnm_interval_check: DEVINFO interval check start"), 2U);
+    EXPECT_EQ(logs.count(k_trace, "_qnm_interval_check: DEVINFO interval check end"), 2U);
+}
+
+TEST_F(mass_loss, of_paths_that_expire_ends_with_a_stop) {
+    stop_after = 2;
+    EXPECT_EQ(_qnm_interval_check(), 0);
+    EXPECT_THAT(seen, ElementsAre(64U, 128U));
+    EXPECT_EQ(updates(), 128U);
+}
+
+TEST_F(mass_loss, of_a_port_lets_receivers_in_after_every_64_reports) {
+    {
+        const qnm::table_guard lock;
+        _qnm_all_disconnect(0);
+    }
+    EXPECT_THAT(seen, ElementsAre(64U, 128U, 192U));
+    EXPECT_EQ(updates(), 2 * k_many);
+    EXPECT_EQ(logs.count_part(k_info, "_qnm_all_disconnect: QNSV id=0x"), k_many);
+    EXPECT_EQ(logs.count_part(k_info, "_qnm_all_disconnect: QNIO id=0x"), k_many);
+}
+
+TEST_F(mass_loss, of_a_port_ends_with_a_stop) {
+    stop_after = 1;
+    {
+        const qnm::table_guard lock;
+        _qnm_all_disconnect(0);
+    }
+    EXPECT_THAT(seen, ElementsAre(64U));
+    EXPECT_EQ(updates(), 64U);
 }
 
 }  // namespace

@@ -457,4 +457,95 @@ TEST_F(qn_info, the_detail_shows_every_field) {
     EXPECT_EQ(lines.back(), " ");
 }
 
+// Enough cards of both kinds, in groups of their own, that the dump copies them in many goes.
+struct long_dump : qn_info {
+    static constexpr uint64_t k_cards = 300;
+
+    long_dump() {
+        for (uint64_t id = 1; id <= k_cards; id++)
+            add_both(2 * id);
+        logs.clear();
+    }
+
+    static void add_both(uint64_t id) {
+        add(id, static_cast<uint16_t>(id));
+        qnm_qnio_t card = {};
+        card.eio_com_dev.ecd_id = id;
+        card.eio_com_dev.ecd_vlan_id = 7;
+        const qnm::table_guard lock;
+        ASSERT_EQ(_qnm_set_qnio(id, &card, QNM_WATCH, 0, QNM_VALID_ALL), 0);
+    }
+
+    static bool table_is_free() {
+        if (pthread_mutex_trylock(&qnm_qn.eei_mutex.em_mutex) != 0) return false;
+        pthread_mutex_unlock(&qnm_qn.eei_mutex.em_mutex);
+        return true;
+    }
+
+    // The IDs of the detailed part, in its order: QNSV cards, then QNIO cards.
+    std::vector<uint64_t> detailed() const {
+        std::vector<uint64_t> ids;
+        for (const std::string& line : logs.texts("statslogfile")) {
+            if (line.starts_with("    ID: "))
+                ids.push_back(std::stoull(line.substr(8), nullptr, 16));
+        }
+        return ids;
+    }
+};
+
+TEST_F(long_dump, holds_the_table_while_no_line_is_written) {
+    size_t held = 0;
+    logs.on_line([&](const log_line& line) {
+        if (line.logger == "statslogfile" && !table_is_free()) held++;
+    });
+    _qnm_qn_stats_print(1);
+    logs.on_line(nullptr);
+    EXPECT_EQ(held, 0U) << "of " << logs.texts("statslogfile").size() << " lines";
+}
+
+TEST_F(long_dump, has_every_card_and_group_once_and_in_order) {
+    _qnm_qn_stats_print(1);
+    std::vector<uint64_t> expected;
+    for (uint64_t id = 1; id <= k_cards; id++)
+        expected.push_back(2 * id);
+    std::vector<uint64_t> rows;
+    std::vector<uint64_t> groups;
+    for (const std::string& line : logs.texts("statslogfile")) {
+        if (line.starts_with("    0x"))
+            rows.push_back(std::stoull(line.substr(4, 14), nullptr, 16));
+        if (line.ends_with("      1      0")) groups.push_back(std::stoull(line));
+    }
+    EXPECT_EQ(groups, expected);
+    for (const uint64_t id : std::vector(expected))
+        expected.push_back(id);
+    EXPECT_EQ(rows, expected);
+    EXPECT_EQ(detailed(), expected);
+}
+
+// The card that the dump has come to is gone when it goes on; others come before and behind it.
+TEST_F(long_dump, goes_on_behind_cards_that_are_deleted_meanwhile) {
+    bool added = false;
+    logs.on_line([&](const log_line& line) {
+        if (!line.text.starts_with("    ID: ")) return;
+        const uint64_t id = std::stoull(line.text.substr(8), nullptr, 16);
+        if (qnm_delete_qnsv(id) != QNM_API_SUCCESS) qnm_delete_qnio(id);
+        if (id != 100 || added) return;
+        added = true;
+        add_both(51);
+        add_both(501);
+    });
+    _qnm_qn_stats_print(1);
+    logs.on_line(nullptr);
+    std::vector<uint64_t> servers = {501};
+    std::vector<uint64_t> ios = {51, 501};
+    for (uint64_t id = 2; id <= 2 * k_cards; id += 2) {
+        servers.push_back(id);
+        ios.push_back(id);
+    }
+    std::sort(servers.begin(), servers.end());
+    std::sort(ios.begin(), ios.end());
+    servers.insert(servers.end(), ios.begin(), ios.end());
+    EXPECT_EQ(detailed(), servers);
+}
+
 }  // namespace

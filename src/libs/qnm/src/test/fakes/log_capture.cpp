@@ -53,6 +53,7 @@ std::string plain(const log4cxx::LogString& text) {
 struct log_capture::store {
     mutable std::mutex mutex;
     std::vector<log_line> lines;
+    hook_t hook;
 };
 
 // The macros of log4cxx name these without their scope.
@@ -93,6 +94,12 @@ class log_capture::attachment {
   public:
     explicit attachment(const std::shared_ptr<store>& target)
         : appender_(std::make_shared<capture_appender>([target](log_line line) {
+              hook_t hook;
+              {
+                  const std::lock_guard lock(target->mutex);
+                  hook = target->hook;
+              }
+              if (hook != nullptr) hook(line);
               const std::lock_guard lock(target->mutex);
               target->lines.push_back(std::move(line));
           })) {
@@ -135,6 +142,11 @@ log_capture::~log_capture() = default;
 std::vector<log_line> log_capture::lines() const {
     const std::lock_guard lock(store_->mutex);
     return store_->lines;
+}
+
+void log_capture::on_line(hook_t hook) {
+    const std::lock_guard lock(store_->mutex);
+    store_->hook = std::move(hook);
 }
 
 std::vector<log_line> log_capture::select(const std::function<bool(const log_line&)>& want) const {

@@ -60,6 +60,10 @@ class log_capture {
 
     void clear();
 
+    // Called with each line on the thread that writes it, before it is kept.
+    using hook_t = std::function<void(const log_line&)>;
+    void on_line(hook_t hook);
+
   private:
     struct store;
     class attachment;
