@@ -120,9 +120,29 @@ int get_card(uint64_t id, typename Kind::record* record, uint32_t* ignore_state,
     return 0;
 }
 
+// When the paths of the stored record were heard, from its receive times as the clocks are now.
+template <typename Kind>
+void derive_heard(typename Kind::node& node) {
+    const uint64_t now = _qnm_get_msec_timenow();
+    const uint64_t monotonic = _qnm_get_msec_monotonic();
+    const qnm_com_dev_t& dev = com_dev_of<Kind>(node);
+    for (int port = 0; port < 2; port++) {
+        for (int path = 0; path < 2; path++) {
+            const uint64_t heard = std::min(dev.ecd_recvtime[port][path], now);
+            (node.*Kind::heard)[port][path] = monotonic - std::min(now - heard, monotonic);
+        }
+    }
+}
+
+template <typename Kind>
+void note_heard(typename Kind::node& node, const qnm_heard_t* heard) {
+    if (heard == nullptr) return derive_heard<Kind>(node);
+    (node.*Kind::heard)[heard->eh_port][heard->eh_path] = heard->eh_time;
+}
+
 template <typename Kind>
 int add_card(uint64_t id, const typename Kind::record& record, uint32_t ignore_state,
-             uint32_t check_count) QNM_REQUIRES(qnm_qn.eei_mutex) {
+             uint32_t check_count, const qnm_heard_t* heard) QNM_REQUIRES(qnm_qn.eei_mutex) {
     auto* const node = new (std::nothrow) typename Kind::node{};
     if (node == nullptr) {
         qnm::count(&qnm_stats.est_alloc_err);
@@ -132,6 +152,7 @@ int add_card(uint64_t id, const typename Kind::record& record, uint32_t ignore_s
     node->*Kind::card = record;
     node->*Kind::ignore_state = ignore_state;
     node->*Kind::check_count = check_count;
+    note_heard<Kind>(*node, heard);
     const int err = _qnm_rbtree_put(map_of<Kind>(), &(node->*Kind::links));
     if (err != 0) {
         qnm_log_warn("%s: Failed to _qnm_rbtree_put(). err=%d, id=0x%.12lx", Kind::add_name, err,
@@ -145,11 +166,12 @@ int add_card(uint64_t id, const typename Kind::record& record, uint32_t ignore_s
 }
 
 template <typename Kind>
-void update_card(typename Kind::node& node, const typename Kind::record& record)
-    QNM_REQUIRES(qnm_qn.eei_mutex) {
+void update_card(typename Kind::node& node, const typename Kind::record& record,
+                 const qnm_heard_t* heard) QNM_REQUIRES(qnm_qn.eei_mutex) {
     const uint32_t old_group = com_dev_of<Kind>(node).ecd_vlan_id;
     const uint32_t new_group = (record.*Kind::com_dev).ecd_vlan_id;
     node.*Kind::card = record;
+    note_heard<Kind>(node, heard);
     if (old_group == new_group) return;
     group_count<Kind>(old_group)--;
     group_count<Kind>(new_group)++;
@@ -157,11 +179,12 @@ void update_card(typename Kind::node& node, const typename Kind::record& record)
 
 template <typename Kind>
 int set_card(uint64_t id, const typename Kind::record* record, uint32_t ignore_state,
-             uint32_t check_count, uint32_t valid_param) QNM_REQUIRES(qnm_qn.eei_mutex) {
+             uint32_t check_count, uint32_t valid_param, const qnm_heard_t* heard)
+    QNM_REQUIRES(qnm_qn.eei_mutex) {
     auto* const node = find_node<Kind>(id);
     if (node == nullptr) {
         const int err = valid_param == QNM_VALID_ALL && record != nullptr
-                            ? add_card<Kind>(id, *record, ignore_state, check_count)
+                            ? add_card<Kind>(id, *record, ignore_state, check_count, heard)
                             : EINVAL;
         if (err != 0) {
             qnm_log_trace("%s: Failed to %s(). err=%d, id=0x%.12lx", Kind::set_name, Kind::add_name,
@@ -171,7 +194,7 @@ int set_card(uint64_t id, const typename Kind::record* record, uint32_t ignore_s
     }
     if ((valid_param & QNM_VALID_RECORD) != 0) {
         if (record == nullptr) return EINVAL;
-        update_card<Kind>(*node, *record);
+        update_card<Kind>(*node, *record, heard);
     }
     if ((valid_param & QNM_VALID_IGNORE_STATE) != 0) node->*Kind::ignore_state = ignore_state;
     if ((valid_param & QNM_VALID_CHECK_COUNT) != 0) node->*Kind::check_count = check_count;
@@ -315,13 +338,20 @@ void report_disconnect(const char* func, qnm_com_dev_t& dev, uint64_t now) {
     _qnm_log_state_change(func, Kind::name, &dev, "disconnect.");
 }
 
+// What a keepalive check goes by: the loop's own settings and when it looks.
+struct check_rules {
+    uint32_t expire_time;
+    uint32_t restart_checks;
+    uint64_t monotonic;
+};
+
 // Disconnects the paths that have been silent for too long; whether there were any.
-bool expire_paths(qnm_com_dev_t& dev, uint64_t now, uint64_t expire_time) {
+bool expire_paths(qnm_com_dev_t& dev, const uint64_t (&heard)[2][2], const check_rules& rules) {
     bool changed = false;
     for (int port = 0; port < 2; port++) {
         for (int path = 0; path < 2; path++) {
             uint32_t& state = dev.ecd_state[port][path];
-            if (state == 0 || now < dev.ecd_recvtime[port][path] + expire_time) continue;
+            if (state == 0 || rules.monotonic < heard[port][path] + rules.expire_time) continue;
             state = 0;
             changed = true;
         }
@@ -330,16 +360,15 @@ bool expire_paths(qnm_com_dev_t& dev, uint64_t now, uint64_t expire_time) {
 }
 
 template <typename Kind>
-bool _update_keepalive_state(typename Kind::node& node, uint64_t now, uint32_t expire_time,
-                             uint32_t restart_checks) {
+bool _update_keepalive_state(typename Kind::node& node, const check_rules& rules) {
     qnm_com_dev_t& dev = com_dev_of<Kind>(node);
     switch (node.*Kind::ignore_state) {
         case QNM_WATCH:
-            return expire_paths(dev, now, expire_time);
+            return expire_paths(dev, node.*Kind::heard, rules);
         case QNM_IGNORE:
             return false;
         case QNM_WATCH_RESTART:
-            if (++(node.*Kind::check_count) < restart_checks) return false;
+            if (++(node.*Kind::check_count) < rules.restart_checks) return false;
             node.*Kind::ignore_state = QNM_WATCH;
             std::fill(&dev.ecd_state[0][0], &dev.ecd_state[0][0] + 4, 0);
             return true;
@@ -387,36 +416,72 @@ bool let_go() QNM_EXCLUDES(qnm_qn.eei_mutex) {
     return qnm::is_running();
 }
 
-bool _devinfo_keepalive_check(double_walk& at, uint32_t expire_time, uint32_t restart_checks) {
+// How regularly the keepalive loop comes by. When a look comes much later than it should, the
+// process was stopped, or the machine suspended: announcements sent meanwhile are lost, or not
+// taken yet, and silence tells nothing about the cards. They get time to be heard again. How often
+// they announce themselves the library is not told; but within the expire time, or else they could
+// not be kept at all.
+struct pace {
+    const char* func;
+    uint32_t expire_time;
+    uint64_t last_look;   // since boot, suspension included
+    uint64_t not_before;  // on the monotonic clock: nothing is judged until then
+};
+
+// Looks at the clocks, due_ms after the last look if all is well; whether the check may judge, as
+// of *monotonic. In this order: a stop between the two is noticed.
+bool may_judge(pace& loop, uint32_t due_ms, uint64_t* monotonic) {
+    *monotonic = _qnm_get_msec_monotonic();
+    const uint64_t look = _qnm_get_msec_since_boot();
+    const uint64_t passed = look - loop.last_look;
+    loop.last_look = look;
+    if (passed > due_ms + loop.expire_time / 2) {
+        qnm_log_info("%s: Has not run for %lu ms. Paths are not judged for %u ms.", loop.func,
+                     passed - due_ms, loop.expire_time);
+        loop.not_before = *monotonic + loop.expire_time;
+    }
+    return *monotonic >= loop.not_before;
+}
+
+// Goes on with a check; true when it is over.
+bool _devinfo_keepalive_check(double_walk& at, pace& loop, uint32_t restart_checks) {
     const char* const name = __func__;
     const table_guard lock;
+    check_rules rules = {loop.expire_time, restart_checks, 0};
+    if (!may_judge(loop, k_free_ms, &rules.monotonic)) return true;
     const uint64_t now = _qnm_get_msec_timenow();
     return treat_some(at, [=]<typename Kind>(Kind, typename Kind::node& node) {
-        if (!_update_keepalive_state<Kind>(node, now, expire_time, restart_checks)) return false;
+        if (!_update_keepalive_state<Kind>(node, rules)) return false;
         report_disconnect<Kind>(name, com_dev_of<Kind>(node), now);
         return true;
     });
 }
 
-void check_once(const char* func, uint32_t expire_time, uint32_t restart_checks) {
-    qnm_log_trace("%s: DEVINFO interval check start", func);
+void check_once(pace& loop, uint32_t restart_checks) {
+    qnm_log_trace("%s: DEVINFO interval check start", loop.func);
     double_walk at;
-    while (!_devinfo_keepalive_check(at, expire_time, restart_checks) && let_go()) {
+    while (!_devinfo_keepalive_check(at, loop, restart_checks) && let_go()) {
     }
     _qnm_tell_events();
-    qnm_log_trace("%s: DEVINFO interval check end", func);
+    qnm_log_trace("%s: DEVINFO interval check end", loop.func);
 }
 
-bool disconnect_some(const char* func, double_walk& at, int port) QNM_REQUIRES(qnm_qn.eei_mutex) {
+// A path that was heard after the walk had begun is connected again.
+bool disconnect_some(const char* func, double_walk& at, int port, uint64_t began)
+    QNM_REQUIRES(qnm_qn.eei_mutex) {
     const uint64_t now = _qnm_get_msec_timenow();
     return treat_some(at, [=]<typename Kind>(Kind, typename Kind::node& node) {
         if (node.*Kind::ignore_state == QNM_IGNORE) return false;
         qnm_com_dev_t& dev = com_dev_of<Kind>(node);
-        uint32_t(&state)[2] = dev.ecd_state[port];
-        if (state[0] == 0 && state[1] == 0) return false;
-        state[0] = state[1] = 0;
-        report_disconnect<Kind>(func, dev, now);
-        return true;
+        bool changed = false;
+        for (int path = 0; path < 2; path++) {
+            uint32_t& state = dev.ecd_state[port][path];
+            if (state == 0 || (node.*Kind::heard)[port][path] > began) continue;
+            state = 0;
+            changed = true;
+        }
+        if (changed) report_disconnect<Kind>(func, dev, now);
+        return changed;
     });
 }
 
@@ -765,12 +830,22 @@ int _qnm_get_qnio(uint64_t id, qnm_qnio_t* qnio, uint32_t* ignore_state, uint32_
 
 int _qnm_set_qnsv(uint64_t id, qnm_qnsv_t* qnsv, uint32_t ignore_state, uint32_t check_count,
                   uint32_t valid_param) {
-    return set_card<qnsv_kind>(id, qnsv, ignore_state, check_count, valid_param);
+    return set_card<qnsv_kind>(id, qnsv, ignore_state, check_count, valid_param, nullptr);
+}
+
+int _qnm_set_heard_qnsv(uint64_t id, qnm_qnsv_t* qnsv, uint32_t ignore_state, uint32_t check_count,
+                        uint32_t valid_param, const qnm_heard_t* heard) {
+    return set_card<qnsv_kind>(id, qnsv, ignore_state, check_count, valid_param, heard);
 }
 
 int _qnm_set_qnio(uint64_t id, qnm_qnio_t* qnio, uint32_t ignore_state, uint32_t check_count,
                   uint32_t valid_param) {
-    return set_card<qnio_kind>(id, qnio, ignore_state, check_count, valid_param);
+    return set_card<qnio_kind>(id, qnio, ignore_state, check_count, valid_param, nullptr);
+}
+
+int _qnm_set_heard_qnio(uint64_t id, qnm_qnio_t* qnio, uint32_t ignore_state, uint32_t check_count,
+                        uint32_t valid_param, const qnm_heard_t* heard) {
+    return set_card<qnio_kind>(id, qnio, ignore_state, check_count, valid_param, heard);
 }
 
 int _qnm_get_qndev_rid(uint64_t id, qnm_com_dev_t* dev_info, uint32_t* ignore_state,
@@ -815,12 +890,15 @@ int _qnm_interval_check(void) {
     const uint32_t flag_interval = qnm_config.devinfo_flag_check_interval;
     const uint32_t restart_checks = expire_time / check_interval + 1;
     qnm_log_info("%s: start.", __func__);
+    pace loop = {__func__, expire_time, _qnm_get_msec_since_boot(), 0};
     uint32_t slept = 0;
     while (qnm::is_running()) {
         _qnm_msleep(flag_interval);
         slept += flag_interval;
+        uint64_t monotonic = 0;
+        may_judge(loop, flag_interval, &monotonic);
         if (slept < check_interval) continue;
-        check_once(__func__, expire_time, restart_checks);
+        check_once(loop, restart_checks);
         slept = 0;
     }
     qnm_log_info("%s: end.", __func__);
@@ -828,9 +906,10 @@ int _qnm_interval_check(void) {
 }
 
 void _qnm_all_disconnect(int port) {
+    const uint64_t began = _qnm_get_msec_monotonic();
     double_walk at;
     bool goes_on = true;
-    while (goes_on && !disconnect_some(__func__, at, port)) {
+    while (goes_on && !disconnect_some(__func__, at, port, began)) {
         _qnm_qn_unlock();
         goes_on = let_go();
         _qnm_qn_lock();

@@ -30,8 +30,19 @@ enum : uint32_t {
     QNM_VALID_ALL = 7,
 };
 
+// Where and when a card was heard, in milliseconds of the monotonic clock.
+typedef struct qnm_heard {
+    int eh_port;
+    int eh_path;
+    uint64_t eh_time;
+} qnm_heard_t;
+
 // The links come first, so that a node and its links share one address, and what a walk looks at
 // lies together at the head of the node.
+//
+// When a path was heard last stands here twice. The record has wall-clock time, which hosts see and
+// which anybody may set; whether a path has been silent for too long is told by the node's own time
+// on the monotonic clock.
 //
 // The fields have no annotation, which would promise a check that does not take place: they are
 // reached by the pointers to members below, which the analysis does not follow. What it does check
@@ -40,6 +51,7 @@ typedef struct qnm_qnsv_node {
     qnm_rbnode_t esn_rbnode_id;
     uint32_t esn_ignore_state;
     uint32_t esn_check_count;  // keepalive checks since the restart of monitoring
+    uint64_t esn_heard[2][2];  // per [port][path]
     qnm_qnsv_t esn_qnsv;
 } qnm_qnsv_node_t;
 
@@ -47,6 +59,7 @@ typedef struct qnm_qnio_node {
     qnm_rbnode_t ein_rbnode_id;
     uint32_t ein_ignore_state;
     uint32_t ein_check_count;
+    uint64_t ein_heard[2][2];
     qnm_qnio_t ein_qnio;
 } qnm_qnio_node_t;
 
@@ -86,6 +99,15 @@ int _qnm_set_qnsv(uint64_t id, qnm_qnsv_t* qnsv, uint32_t ignore_state, uint32_t
                   uint32_t valid_param) QNM_REQUIRES(qnm_qn.eei_mutex);
 int _qnm_set_qnio(uint64_t id, qnm_qnio_t* qnio, uint32_t ignore_state, uint32_t check_count,
                   uint32_t valid_param) QNM_REQUIRES(qnm_qn.eei_mutex);
+
+// The same for a record made from a frame, and notes when the path was heard by it. Records stored
+// without one tell by their receive times how long ago their paths were heard.
+int _qnm_set_heard_qnsv(uint64_t id, qnm_qnsv_t* qnsv, uint32_t ignore_state, uint32_t check_count,
+                        uint32_t valid_param, const qnm_heard_t* heard)
+    QNM_REQUIRES(qnm_qn.eei_mutex);
+int _qnm_set_heard_qnio(uint64_t id, qnm_qnio_t* qnio, uint32_t ignore_state, uint32_t check_count,
+                        uint32_t valid_param, const qnm_heard_t* heard)
+    QNM_REQUIRES(qnm_qn.eei_mutex);
 
 // Look an ID up among cards of both kinds: 0, 2 or 71. dev_info and resource_id may be null.
 int _qnm_get_qndev_rid(uint64_t id, qnm_com_dev_t* dev_info, uint32_t* ignore_state,
@@ -139,11 +161,13 @@ struct qnsv_kind {
     static constexpr const char* check_count_label = "esn_check_count";
     static constexpr auto get = _qnm_get_qnsv;
     static constexpr auto set = _qnm_set_qnsv;
+    static constexpr auto set_heard = _qnm_set_heard_qnsv;
     static constexpr auto com_dev = &qnm_qnsv_t::esv_com_dev;
     static constexpr auto card = &qnm_qnsv_node_t::esn_qnsv;
     static constexpr auto links = &qnm_qnsv_node_t::esn_rbnode_id;
     static constexpr auto ignore_state = &qnm_qnsv_node_t::esn_ignore_state;
     static constexpr auto check_count = &qnm_qnsv_node_t::esn_check_count;
+    static constexpr auto heard = &qnm_qnsv_node_t::esn_heard;
     static constexpr auto tree = &qnm_qn_info_t::eei_rbtree_svid;
     static constexpr auto total = &qnm_qn_info_t::eei_total_qnsv;
     static constexpr auto groups = &qnm_qn_info_t::eei_total_svgid;
@@ -167,11 +191,13 @@ struct qnio_kind {
     static constexpr const char* check_count_label = "ein_check_count";
     static constexpr auto get = _qnm_get_qnio;
     static constexpr auto set = _qnm_set_qnio;
+    static constexpr auto set_heard = _qnm_set_heard_qnio;
     static constexpr auto com_dev = &qnm_qnio_t::eio_com_dev;
     static constexpr auto card = &qnm_qnio_node_t::ein_qnio;
     static constexpr auto links = &qnm_qnio_node_t::ein_rbnode_id;
     static constexpr auto ignore_state = &qnm_qnio_node_t::ein_ignore_state;
     static constexpr auto check_count = &qnm_qnio_node_t::ein_check_count;
+    static constexpr auto heard = &qnm_qnio_node_t::ein_heard;
     static constexpr auto tree = &qnm_qn_info_t::eei_rbtree_ioid;
     static constexpr auto total = &qnm_qn_info_t::eei_total_qnio;
     static constexpr auto groups = &qnm_qn_info_t::eei_total_iogid;

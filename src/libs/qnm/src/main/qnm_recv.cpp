@@ -56,11 +56,15 @@ constexpr char k_loop_name[] = "_qnm_recv_lin";
 
 // ---- Announcement to record ---------------------------------------------------------------------
 
-// Where a frame came in, and when.
+// Where a frame came in, and when: by the wall clock for the record, by the monotonic one for the
+// keepalive check.
 struct arrival {
     int port;
     int path;
     uint64_t now;
+    uint64_t monotonic;
+
+    qnm_heard_t heard() const { return {port, path, monotonic}; }
 };
 
 uint16_t tci_of(const unsigned char* frame, uint8_t vlan_mode) {
@@ -261,10 +265,11 @@ void raise_change_events(const update<Kind>& change) {
 
 // Stores a known card as watched; false when that failed.
 template <typename Kind>
-bool store_watched(typename Kind::record& card, const char* ignore_state)
+bool store_watched(typename Kind::record& card, const arrival& from, const char* ignore_state)
     QNM_REQUIRES(qnm_qn.eei_mutex) {
     const uint64_t id = (card.*Kind::com_dev).ecd_id;
-    const int err = Kind::set(id, &card, QNM_WATCH, 0, QNM_VALID_ALL);
+    const qnm_heard_t heard = from.heard();
+    const int err = Kind::set_heard(id, &card, QNM_WATCH, 0, QNM_VALID_ALL, &heard);
     if (err == 0) return true;
     qnm_log_error("%s: Failed to %s(). err=%d, id=0x%.12lx, ignore_state=%s", k_names<Kind>.update,
                   Kind::set_name, err, id, ignore_state);
@@ -296,7 +301,7 @@ void update_watched(update<Kind>& change, const arrival& from) QNM_REQUIRES(qnm_
     const char* const func = k_names<Kind>.update;
     const qnm_com_dev_t& dev = change.new_dev();
     _update_state<Kind>(change, from);
-    if (!store_watched<Kind>(change.new_card, "WATCH")) return;
+    if (!store_watched<Kind>(change.new_card, from, "WATCH")) return;
     qnm_log_trace("%s: %s information is updated. id=0x%.12lx, ignore_state=WATCH", func,
                   Kind::name, dev.ecd_id);
     if (change.state_changed) _qnm_log_state_change(func, Kind::name, &dev, "connect.");
@@ -306,11 +311,11 @@ void update_watched(update<Kind>& change, const arrival& from) QNM_REQUIRES(qnm_
 
 // The first frame after monitoring was restarted: the record begins afresh.
 template <typename Kind>
-void update_restarted(update<Kind>& change) QNM_REQUIRES(qnm_qn.eei_mutex) {
+void update_restarted(update<Kind>& change, const arrival& from) QNM_REQUIRES(qnm_qn.eei_mutex) {
     const char* const func = k_names<Kind>.update;
     const qnm_com_dev_t& dev = change.new_dev();
     // The line of a failure names IGNORE although the card was restarted; log readers rely on it.
-    if (!store_watched<Kind>(change.new_card, "IGNORE")) return;
+    if (!store_watched<Kind>(change.new_card, from, "IGNORE")) return;
     qnm_log_trace("%s: %s information is updated. id=0x%.12lx, ignore_state=WATCH_RESTART", func,
                   Kind::name, dev.ecd_id);
     _qnm_log_state_change(func, Kind::name, &dev, "connect. ignore_state=WATCH_RESTART,");
@@ -329,7 +334,7 @@ void update_card(const typename Kind::record& old_card, typename Kind::record& n
         case QNM_IGNORE:
             return;
         case QNM_WATCH_RESTART:
-            return update_restarted<Kind>(change);
+            return update_restarted<Kind>(change, from);
         default:
             qnm_log_warn("%s: Unknown ignore_state. state=%u", k_names<Kind>.update, ignore_state);
     }
@@ -337,14 +342,16 @@ void update_card(const typename Kind::record& old_card, typename Kind::record& n
 
 // Adds a card to the table unless its monitoring is stopped; whether it was added.
 template <typename Kind>
-bool add_unless_stopped(typename Kind::record& card) QNM_REQUIRES(qnm_qn.eei_mutex) {
+bool add_unless_stopped(typename Kind::record& card, const arrival& from)
+    QNM_REQUIRES(qnm_qn.eei_mutex) {
     const char* const func = k_names<Kind>.add;
     const qnm_com_dev_t& dev = card.*Kind::com_dev;
     const qnm::blacklist_guard lock;
     uint32_t stopped = 0;
     _qnm_get_monitor_state(dev.ecd_id, &stopped);
     if (stopped == 1) return false;
-    const int err = Kind::set(dev.ecd_id, &card, QNM_WATCH, 0, QNM_VALID_ALL);
+    const qnm_heard_t heard = from.heard();
+    const int err = Kind::set_heard(dev.ecd_id, &card, QNM_WATCH, 0, QNM_VALID_ALL, &heard);
     if (err != 0) {
         qnm_log_error("%s: Failed to %s(). err=%d, id=0x%.12lx", func, Kind::set_name, err,
                       dev.ecd_id);
@@ -358,7 +365,7 @@ bool add_unless_stopped(typename Kind::record& card) QNM_REQUIRES(qnm_qn.eei_mut
 }
 
 template <typename Kind>
-void add_card(typename Kind::record& card) QNM_REQUIRES(qnm_qn.eei_mutex) {
+void add_card(typename Kind::record& card, const arrival& from) QNM_REQUIRES(qnm_qn.eei_mutex) {
     const char* const func = k_names<Kind>.add;
     const qnm_com_dev_t& dev = card.*Kind::com_dev;
     const int err = _qnm_create_reg_lock_node(dev.ecd_id);
@@ -368,7 +375,7 @@ void add_card(typename Kind::record& card) QNM_REQUIRES(qnm_qn.eei_mutex) {
             func, err, dev.ecd_id);
         return;
     }
-    if (!add_unless_stopped<Kind>(card)) return;
+    if (!add_unless_stopped<Kind>(card, from)) return;
     _qnm_raise_event(func, QNM_EVT_NEWDEVINFO, dev.ecd_id);
     if (dev.ecd_int_vector != 0) _qnm_raise_event(func, QNM_EVT_MAJORMINORERROR, dev.ecd_id);
 }
@@ -376,7 +383,8 @@ void add_card(typename Kind::record& card) QNM_REQUIRES(qnm_qn.eei_mutex) {
 template <typename Kind>
 void set_devinfo(int port, const unsigned char* frame, uint8_t vlan_mode, uint64_t now) {
     const qnw_devinfo_com_s& message = view<qnw_devinfo_com_s>(frame);
-    const arrival from = {port, message.com.ver != 0 ? message.header.smac[5] & 1 : 0, now};
+    const arrival from = {port, message.com.ver != 0 ? message.header.smac[5] & 1 : 0, now,
+                          _qnm_get_msec_monotonic()};
     typename Kind::record new_card = {};
     fill_com_dev(frame, vlan_mode, from, new_card.*Kind::com_dev);
     fill_own_part(frame, new_card);
@@ -389,7 +397,7 @@ void set_devinfo(int port, const unsigned char* frame, uint8_t vlan_mode, uint64
     if (err == 0) {
         update_card<Kind>(old_card, new_card, ignore_state, from);
     } else if (err == ENOENT) {
-        add_card<Kind>(new_card);
+        add_card<Kind>(new_card, from);
     } else {
         qnm_log_warn("%s: Failed to %s(). err=%d", k_names<Kind>.lookup, Kind::get_name, err);
     }

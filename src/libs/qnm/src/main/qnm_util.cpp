@@ -33,6 +33,11 @@ int has_mode_bit(const char* path, mode_t bit) {
     return (st.st_mode & bit) != 0 ? 0 : -1;
 }
 
+uint64_t to_msec(const struct timespec& time) {
+    return static_cast<uint64_t>(time.tv_sec) * 1000 +
+           static_cast<uint64_t>(time.tv_nsec) / 1000000;
+}
+
 }  // namespace
 
 extern "C" {
@@ -112,7 +117,13 @@ int _qnm_get_deadline(uint32_t ms, struct timespec* deadline) {
 uint64_t _qnm_get_msec_monotonic(void) {
     struct timespec now = {};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1000000;
+    return to_msec(now);
+}
+
+uint64_t _qnm_get_msec_since_boot(void) {
+    struct timespec now = {};
+    if (clock_gettime(CLOCK_BOOTTIME, &now) != 0) return _qnm_get_msec_monotonic();
+    return to_msec(now);
 }
 
 void _qnm_msleep(uint32_t ms) {

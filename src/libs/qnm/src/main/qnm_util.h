@@ -43,8 +43,10 @@ int _qnm_get_nowstr_lin(char* buf, size_t len);
 // The point on the monotonic clock that lies ms milliseconds ahead. 0, or 71 when the clock fails.
 int _qnm_get_deadline(uint32_t ms, struct timespec* deadline);
 
-// Time on the monotonic clock, which no one sets.
+// Time on the monotonic clock, which no one sets. It stands still while the machine is suspended;
+// that since boot goes on, where the kernel has it.
 uint64_t _qnm_get_msec_monotonic(void);
+uint64_t _qnm_get_msec_since_boot(void);
 
 // Sleeps for ms milliseconds; a signal does not cut it short.
 void _qnm_msleep(uint32_t ms);

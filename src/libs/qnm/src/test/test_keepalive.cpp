@@ -1,5 +1,6 @@
 // test_keepalive.cpp - paths that fall silent, restarts that run out, ports that go down.
 
+#include <functional>
 #include <thread>
 
 #include "units.h"
@@ -12,6 +13,14 @@ using testing::IsEmpty;
 constexpr uint64_t k_id = 0x02;
 
 struct keepalive : units {
+    keepalive() { fail::set_monotonic_clock(std::chrono::hours(24)); }
+
+    // Time passes: all clocks go on.
+    static void pass(uint64_t ms) {
+        fail::advance_monotonic_clock(std::chrono::milliseconds(ms));
+        fail::advance_wall_clock(std::chrono::milliseconds(ms));
+    }
+
     // Lets the loop sleep this often, then stops the manager. Returns the lengths of the sleeps.
     std::vector<std::chrono::nanoseconds> run(size_t sleeps) {
         std::vector<std::chrono::nanoseconds> slept;
@@ -98,7 +107,7 @@ TEST_F(keepalive, silence_of_exactly_the_expire_time_disconnects) {
     check();
     EXPECT_EQ(paths(k_id), "CCCC");
     EXPECT_EQ(updates(), 0U);
-    set_now(k_now + 1);
+    pass(1);
     check();
     EXPECT_EQ(paths(k_id), "DDDD");
     EXPECT_EQ(updates(), 1U);
@@ -209,6 +218,165 @@ TEST_F(keepalive, lost_events_of_a_port_down_are_warned_of_in_its_name) {
                          "QNM_EVT_CHANNELSTATECHANGE) id=0x000000000001"));
 }
 
+// ---- Clocks that are set, and times in which nothing ran ----------------------------------------
+
+TEST_F(keepalive, a_clock_that_is_set_forward_loses_no_card) {
+    qnm_config.devinfo_expire_time = 3000;
+    add(k_id, {{1, 1}, {1, 1}}, k_now);
+    set_now(k_now + 3'600'000);
+    check();
+    EXPECT_EQ(paths(k_id), "CCCC");
+    EXPECT_EQ(updates(), 0U);
+    pass(3000);
+    check();
+    EXPECT_EQ(paths(k_id), "DDDD");
+    qnm_qnsv_t card;
+    EXPECT_EQ(qnm_get_qnsv(k_id, &card), QNM_API_SUCCESS);
+    EXPECT_EQ(card.esv_com_dev.ecd_recvtime[0][0], k_now) << "hosts see the time of the wall clock";
+    EXPECT_EQ(card.esv_com_dev.ecd_updatetime, k_now + 3'603'000);
+}
+
+TEST_F(keepalive, a_clock_that_is_set_back_keeps_no_dead_card) {
+    qnm_config.devinfo_expire_time = 3000;
+    add(k_id, {{1, 1}, {1, 1}}, k_now);
+    set_now(k_now - 3'600'000);
+    pass(2999);
+    check();
+    EXPECT_EQ(paths(k_id), "CCCC");
+    pass(1);
+    check();
+    EXPECT_EQ(paths(k_id), "DDDD");
+}
+
+TEST_F(keepalive, a_record_from_the_future_was_heard_now) {
+    qnm_config.devinfo_expire_time = 3000;
+    add(k_id, {{1, 0}, {0, 0}}, k_now + 3'600'000);
+    check();
+    EXPECT_EQ(paths(k_id), "CDDD");
+    pass(3000);
+    check();
+    EXPECT_EQ(paths(k_id), "DDDD");
+}
+
+// A frame's own record tells nothing: its time is that of a clock which is set at this moment.
+TEST_F(keepalive, a_path_that_a_frame_was_heard_by_is_as_old_as_it_says) {
+    qnm_config.devinfo_expire_time = 3000;
+    const qnm_heard_t heard = {1, 0, _qnm_get_msec_monotonic() - 2999};
+    qnm_qnio_t card = {};
+    card.eio_com_dev.ecd_id = k_id;
+    card.eio_com_dev.ecd_state[1][0] = 1;
+    card.eio_com_dev.ecd_recvtime[1][0] = 1;
+    {
+        const qnm::table_guard lock;
+        ASSERT_EQ(_qnm_set_heard_qnio(k_id, &card, QNM_WATCH, 0, QNM_VALID_ALL, &heard), 0);
+    }
+    check();
+    EXPECT_EQ(paths(k_id), "DDCD");
+    pass(1);
+    check();
+    EXPECT_EQ(paths(k_id), "DDDD");
+}
+
+constexpr char k_stopped_line[] =
+    "_qnm_interval_check: Has not run for 10000 ms. Paths are not judged for 3000 ms.";
+
+struct stopped : keepalive, testing::WithParamInterface<bool> {
+    static constexpr uint64_t k_stop_ms = 10000;
+    static constexpr uint64_t k_interval_ms = 1000;
+
+    size_t sleeps = 0;
+
+    stopped() {
+        qnm_config.devinfo_expire_time = 3000;
+        qnm_config.devinfo_check_interval = k_interval_ms;
+        qnm_config.devinfo_flag_check_interval = k_interval_ms;
+    }
+
+    // The loop sleeps this often; its first sleep lasts as much longer as nothing runs. after() is
+    // called at the end of each sleep with its number.
+    void run_stopped(size_t count, const std::function<void(size_t)>& after) {
+        fail::on_sleep([&](std::chrono::nanoseconds) {
+            pass(k_interval_ms);
+            if (++sleeps == 1) stop_process();
+            after(sleeps);
+            if (sleeps == count) qnm::store(qnm_root.er_fini_flag, 0U);
+        });
+        EXPECT_EQ(_qnm_interval_check(), 0);
+        set_running();
+    }
+
+    // With the parameter, the machine is suspended: its monotonic clock stands still.
+    static void stop_process() {
+        if (GetParam()) {
+            fail::suspend_machine(std::chrono::milliseconds(k_stop_ms));
+        } else {
+            fail::advance_monotonic_clock(std::chrono::milliseconds(k_stop_ms));
+        }
+        fail::advance_wall_clock(std::chrono::milliseconds(k_stop_ms));
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(keepalive, stopped, testing::Bool(),
+                         [](const auto& it) { return it.param ? "suspended" : "sigstop"; });
+
+TEST_P(stopped, process_gives_the_cards_the_expire_time_to_be_heard_again) {
+    add(k_id, {{1, 1}, {0, 0}}, k_now);
+    std::vector<std::string> seen;
+    run_stopped(4, [&](size_t number) {
+        seen.push_back(paths(k_id));
+        if (number != 3) return;
+        // One of the paths is heard, at last.
+        qnm_qnsv_t card;
+        ASSERT_EQ(qnm_get_qnsv(k_id, &card), QNM_API_SUCCESS);
+        const qnm_heard_t heard = {0, 0, _qnm_get_msec_monotonic()};
+        const qnm::table_guard lock;
+        ASSERT_EQ(_qnm_set_heard_qnsv(k_id, &card, QNM_WATCH, 0, QNM_VALID_ALL, &heard), 0);
+    });
+    EXPECT_THAT(seen, testing::Each("CCDD"));
+    EXPECT_EQ(paths(k_id), "CDDD") << "3 s after the stop the other one is judged";
+    EXPECT_EQ(logs.count(k_info, k_stopped_line), 1U);
+}
+
+TEST_P(stopped, process_does_not_hurry_a_restarted_card) {
+    add(k_id, {{1, 0}, {0, 0}}, k_now, QNM_WATCH_RESTART);
+    std::vector<uint32_t> seen;
+    run_stopped(7, [&](size_t) { seen.push_back(ignore_state(k_id)); });
+    EXPECT_THAT(seen, testing::Each(uint32_t{QNM_WATCH_RESTART}));
+    EXPECT_EQ(ignore_state(k_id), uint32_t{QNM_WATCH}) << "the fourth check after the pause";
+}
+
+TEST_F(keepalive, a_little_late_is_no_stop) {
+    qnm_config.devinfo_expire_time = 3000;
+    qnm_config.devinfo_flag_check_interval = qnm_config.devinfo_check_interval;
+    add(k_id, {{1, 0}, {0, 0}}, k_now - 3000);
+    fail::on_sleep([](std::chrono::nanoseconds) {
+        pass(qnm_config.devinfo_check_interval + 1500);
+        qnm::store(qnm_root.er_fini_flag, 0U);
+    });
+    EXPECT_EQ(_qnm_interval_check(), 0);
+    set_running();
+    EXPECT_EQ(paths(k_id), "DDDD");
+}
+
+// The process is stopped while the check lets receivers in.
+TEST_F(keepalive, a_stop_in_the_middle_of_a_check_ends_it) {
+    qnm_config.devinfo_expire_time = 3000;
+    for (uint64_t id = 1; id <= 100; id++)
+        add(id, {{1, 0}, {0, 0}}, k_now - 3000);
+    add(200, {{1, 0}, {0, 0}}, k_now);
+    qnm_config.devinfo_flag_check_interval = qnm_config.devinfo_check_interval;
+    size_t sleeps = 0;
+    fail::on_sleep([&](std::chrono::nanoseconds) {
+        if (++sleeps == 2) pass(10000);
+        if (sleeps == 3) qnm::store(qnm_root.er_fini_flag, 0U);
+    });
+    EXPECT_EQ(_qnm_interval_check(), 0);
+    set_running();
+    EXPECT_EQ(paths(200), "CDDD");
+    EXPECT_EQ(updates(), 64U);
+    EXPECT_EQ(logs.count_part(k_info, "_qnm_interval_check: Has not run for "), 1U);
+}
+
 // ---- Very many at once --------------------------------------------------------------------------
 
 constexpr uint64_t k_many = 100;  // of each kind
@@ -283,6 +451,22 @@ TEST_F(mass_loss, of_a_port_ends_with_a_stop) {
     }
     EXPECT_THAT(seen, ElementsAre(64U));
     EXPECT_EQ(updates(), 64U);
+}
+
+// The link comes back before the walk has come to an end.
+TEST_F(mass_loss, of_a_port_leaves_a_path_that_was_heard_meanwhile) {
+    fail::on_sleep([this](std::chrono::nanoseconds) {
+        if (!seen.empty()) return;
+        seen.push_back(updates());
+        pass(1);
+        add(k_many, {{1, 1}, {0, 0}}, k_now + 1);
+    });
+    {
+        const qnm::table_guard lock;
+        _qnm_all_disconnect(0);
+    }
+    EXPECT_EQ(paths(k_many), "CCDD");
+    EXPECT_EQ(updates(), 2 * k_many - 1);
 }
 
 }  // namespace

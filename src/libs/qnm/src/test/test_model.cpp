@@ -78,9 +78,13 @@ outcome dispatch(model::state& s, const step& it) {
             return {.result = it.number == 0 ? 0 : -1};
         case what::time:
             s.now += it.number;
+            s.uptime += it.number;
+            return {};
+        case what::set_clock:
+            s.now += it.number;
             return {};
         case what::keepalive:
-            run_keepalive(s, static_cast<uint32_t>(it.number));
+            run_keepalive(s, static_cast<uint32_t>(it.number), it.num);
             return {};
         case what::link:
             return change_link(s, it);
@@ -217,6 +221,7 @@ TEST_P(ModelSequence, agrees_with_the_library_after_every_step) {
     for (int port = 0; port < 2; port++)
         expected.set.port_mac[port] = k_port_mac[port];
     expected.now = k_now;
+    expected.uptime = k_uptime;
     expected.counters = qnm_stats;
     configure(expected.set);
     ASSERT_EQ(walk({.what = what::restart}), "");  // registers the recorders

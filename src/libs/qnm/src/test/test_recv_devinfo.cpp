@@ -20,20 +20,22 @@ int g_set_result = 0;
 int g_get_result = 0;
 int g_create_result = 0;
 
-#define REPLACE(kind)                                                                         \
-    extern "C" int __real__qnm_set_##kind(uint64_t, qnm_##kind##_t*, uint32_t, uint32_t,      \
-                                          uint32_t);                                          \
-    extern "C" int __real__qnm_get_##kind(uint64_t, qnm_##kind##_t*, uint32_t*, uint32_t*,    \
-                                          uint32_t);                                          \
-    extern "C" int __wrap__qnm_set_##kind(uint64_t id, qnm_##kind##_t* card, uint32_t state,  \
-                                          uint32_t count, uint32_t valid) {                   \
-        return g_set_result != 0 ? g_set_result                                               \
-                                 : __real__qnm_set_##kind(id, card, state, count, valid);     \
-    }                                                                                         \
-    extern "C" int __wrap__qnm_get_##kind(uint64_t id, qnm_##kind##_t* card, uint32_t* state, \
-                                          uint32_t* count, uint32_t valid) {                  \
-        return g_get_result != 0 ? g_get_result                                               \
-                                 : __real__qnm_get_##kind(id, card, state, count, valid);     \
+#define REPLACE(kind)                                                                              \
+    extern "C" int __real__qnm_set_heard_##kind(uint64_t, qnm_##kind##_t*, uint32_t, uint32_t,     \
+                                                uint32_t, const qnm_heard_t*);                     \
+    extern "C" int __real__qnm_get_##kind(uint64_t, qnm_##kind##_t*, uint32_t*, uint32_t*,         \
+                                          uint32_t);                                               \
+    extern "C" int __wrap__qnm_set_heard_##kind(uint64_t id, qnm_##kind##_t* card, uint32_t state, \
+                                                uint32_t count, uint32_t valid,                    \
+                                                const qnm_heard_t* heard) {                        \
+        return g_set_result != 0                                                                   \
+                   ? g_set_result                                                                  \
+                   : __real__qnm_set_heard_##kind(id, card, state, count, valid, heard);           \
+    }                                                                                              \
+    extern "C" int __wrap__qnm_get_##kind(uint64_t id, qnm_##kind##_t* card, uint32_t* state,      \
+                                          uint32_t* count, uint32_t valid) {                       \
+        return g_get_result != 0 ? g_get_result                                                    \
+                                 : __real__qnm_get_##kind(id, card, state, count, valid);          \
     }
 
 REPLACE(qnsv)

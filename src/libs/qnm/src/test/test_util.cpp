@@ -195,6 +195,22 @@ std::chrono::nanoseconds since_boot(const struct timespec& time) {
     return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
 }
 
+TEST(since_boot, counts_the_time_in_which_the_machine_was_suspended) {
+    const fail::guard guard;
+    fail::set_monotonic_clock(std::chrono::milliseconds(1500));
+    fail::suspend_machine(std::chrono::milliseconds(700));
+    EXPECT_EQ(_qnm_get_msec_monotonic(), 1500U);
+    EXPECT_EQ(_qnm_get_msec_since_boot(), 2200U);
+}
+
+TEST(since_boot, is_the_monotonic_clock_where_the_kernel_does_not_have_it) {
+    const fail::guard guard;
+    fail::set_monotonic_clock(std::chrono::milliseconds(1500));
+    fail::suspend_machine(std::chrono::milliseconds(700));
+    fail::nth(fail::call::clock_gettime, 1, EINVAL);
+    EXPECT_EQ(_qnm_get_msec_since_boot(), 1500U);
+}
+
 std::chrono::nanoseconds monotonic_now() {
     struct timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);

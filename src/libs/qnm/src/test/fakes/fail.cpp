@@ -75,6 +75,8 @@ sleep_hook_t g_sleep_hook;
 
 constexpr std::int64_t k_real_clock = -1;
 std::atomic<std::int64_t> g_wall_clock_us{k_real_clock};
+std::atomic<std::int64_t> g_monotonic_us{k_real_clock};
+std::atomic<std::int64_t> g_suspended_us{0};
 
 order_t& order(call which) {
     return g_orders[static_cast<std::size_t>(which)];
@@ -191,6 +193,15 @@ std::chrono::nanoseconds to_ns(const struct timespec& t) {
 // What this thread last read from the monotonic clock.
 constinit thread_local struct timespec t_last_monotonic = {0, 0};
 
+std::optional<struct timespec> steady_clock(clockid_t clock) {
+    std::int64_t us = g_monotonic_us.load(std::memory_order_relaxed);
+    if (us == k_real_clock || (clock != CLOCK_MONOTONIC && clock != CLOCK_BOOTTIME)) {
+        return std::nullopt;
+    }
+    if (clock == CLOCK_BOOTTIME) us += g_suspended_us.load(std::memory_order_relaxed);
+    return timespec{static_cast<time_t>(us / 1000000), static_cast<long>(us % 1000000) * 1000};
+}
+
 std::optional<struct timeval> wall_clock() {
     const std::int64_t us = g_wall_clock_us.load(std::memory_order_relaxed);
     if (us == k_real_clock) return std::nullopt;
@@ -251,6 +262,8 @@ void reset() {
     g_poll_hook = nullptr;
     g_sleep_hook = nullptr;
     g_wall_clock_us = k_real_clock;
+    g_monotonic_us = k_real_clock;
+    g_suspended_us = 0;
     for (std::size_t i = 0; i < k_calls; i++) {
         g_orders[i].count = 0;
         update_armed(static_cast<call>(i));
@@ -300,6 +313,19 @@ void advance_wall_clock(std::chrono::microseconds by) {
     g_wall_clock_us += by.count();
 }
 
+void set_monotonic_clock(std::chrono::microseconds since_boot) {
+    g_monotonic_us = since_boot.count();
+}
+
+void advance_monotonic_clock(std::chrono::microseconds by) {
+    if (g_monotonic_us == k_real_clock) throw std::logic_error("fail: monotonic clock is not set");
+    g_monotonic_us += by.count();
+}
+
+void suspend_machine(std::chrono::microseconds duration) {
+    g_suspended_us += duration.count();
+}
+
 void on_sleep(sleep_hook_t hook) {
     const std::lock_guard lock(g_mutex);
     g_sleep_hook = std::move(hook);
@@ -328,7 +354,12 @@ int fail_bind(int fd, const struct sockaddr* addr, socklen_t len) {
 }
 
 int fail_clock_gettime(clockid_t clock, struct timespec* now) {
-    const int result = run<call::clock_gettime>([&] { return clock_gettime(clock, now); });
+    const int result = run<call::clock_gettime>([&] {
+        const std::optional<struct timespec> set = fail::steady_clock(clock);
+        if (!set.has_value()) return clock_gettime(clock, now);
+        *now = *set;
+        return 0;
+    });
     if (result == 0 && clock == CLOCK_MONOTONIC) fail::t_last_monotonic = *now;
     return result;
 }

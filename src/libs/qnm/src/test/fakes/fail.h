@@ -10,6 +10,7 @@
 // Without a request each call does what it always does, except that
 //   - ioctl, netlink sockets and PACKET_VERSION are answered by fake_netif.h;
 //   - gettimeofday and time show the wall clock set here, if one is set;
+//   - clock_gettime shows the monotonic clock set here, if one is set;
 //   - a sleep runs the function given to on_sleep, if one is given, and does not sleep.
 //
 // Order of decision for one call: the hook of on(), the failure due by nth(), then always(); then,
@@ -116,6 +117,13 @@ void on_poll(poll_hook_t hook);
 // needs a clock that is set.
 void set_wall_clock(std::chrono::microseconds since_epoch);
 void advance_wall_clock(std::chrono::microseconds by);
+
+// The monotonic clock and the time since boot; they stand still until they are set or advanced
+// again. A machine that is suspended advances the time since boot alone. A wait until a time of a
+// clock that is set ends at once, or never.
+void set_monotonic_clock(std::chrono::microseconds since_boot);
+void advance_monotonic_clock(std::chrono::microseconds by);
+void suspend_machine(std::chrono::microseconds duration);
 
 // Called in place of every clock_nanosleep with the time to sleep. For a sleep until an absolute
 // time that is the time from the calling thread's last look at the monotonic clock, and thus

@@ -337,6 +337,29 @@ TEST_F(Fail, WallClockStandsWhereItIsSet) {
     EXPECT_GE(redirected::do_time(), before);
 }
 
+TEST_F(Fail, MonotonicClockAndTimeSinceBootStandWhereTheyAreSet) {
+    EXPECT_THROW(fail::advance_monotonic_clock(milliseconds(1)), std::logic_error);
+    fail::set_monotonic_clock(milliseconds(5000));
+    fail::advance_monotonic_clock(milliseconds(1250));
+    struct timespec now;
+    for (const clockid_t clock : {CLOCK_MONOTONIC, CLOCK_BOOTTIME}) {
+        EXPECT_EQ(redirected::do_clock_gettime(clock, &now), 0);
+        EXPECT_EQ(now.tv_sec, 6);
+        EXPECT_EQ(now.tv_nsec, 250'000'000);
+    }
+    fail::suspend_machine(std::chrono::hours(1));
+    EXPECT_EQ(redirected::do_clock_gettime(CLOCK_MONOTONIC, &now), 0);
+    EXPECT_EQ(now.tv_sec, 6);
+    EXPECT_EQ(redirected::do_clock_gettime(CLOCK_BOOTTIME, &now), 0);
+    EXPECT_EQ(now.tv_sec, 3606);
+    fail::reset();
+    struct timespec before;
+    clock_gettime(CLOCK_BOOTTIME, &before);
+    EXPECT_EQ(redirected::do_clock_gettime(CLOCK_BOOTTIME, &now), 0);
+    EXPECT_GE(now.tv_sec, before.tv_sec);
+    EXPECT_LT(now.tv_sec, before.tv_sec + 3600);
+}
+
 TEST_F(Fail, SleepHookGetsTheTimeAddedToTheClock) {
     std::vector<nanoseconds> slept;
     fail::on_sleep([&](nanoseconds duration) { slept.push_back(duration); });

@@ -128,6 +128,7 @@ std::string card_difference(const typename Kind::node& node, uint64_t id, const 
     const std::string text =
         byte_differences(&(node.*Kind::card), own_record(it, Kind{}),
                          sizeof(typename Kind::record)) +
+        byte_differences(&(node.*Kind::heard), it.heard, sizeof it.heard) +
         word_difference("ignore state", node.*Kind::ignore_state, it.ignore_state) +
         word_difference("check count", node.*Kind::check_count, it.check_count);
     if (text.empty()) return "";

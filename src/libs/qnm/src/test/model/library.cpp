@@ -73,6 +73,7 @@ constexpr unsigned char k_register_read = 0x91;
 
 library::library() {
     qnm::store(g_log_level, QNM_LOGLVL_FATAL);
+    fail::set_monotonic_clock(std::chrono::milliseconds(k_uptime));
     EXPECT_EQ(_qnm_cmp_init(), 0);
     EXPECT_EQ(pipe(qnm_terminate_fd_link), 0);
     for (int port = 0; port < 2; port++)
@@ -119,8 +120,15 @@ void library::configure(const model::settings& set) {
 
 // ---- The loops of the manager's threads ---------------------------------------------------------
 
+void library::pass(std::chrono::nanoseconds duration) {
+    const auto us = std::chrono::duration_cast<std::chrono::microseconds>(duration);
+    fail::advance_wall_clock(us);
+    fail::advance_monotonic_clock(us);
+}
+
 void library::on_sleep(std::chrono::nanoseconds duration) {
-    fail::advance_wall_clock(std::chrono::duration_cast<std::chrono::microseconds>(duration));
+    pass(duration + standstill_);
+    standstill_ = {};
     sleep_left_ -= duration;
     if (sleep_left_.count() <= 0) qnm::store(qnm_root.er_fini_flag, 0U);
 }
@@ -140,7 +148,8 @@ outcome library::run_keepalive(const step& it) {
     }
     const uint64_t ms = it.number * qnm_config.devinfo_flag_check_interval;
     sleep_left_ = std::chrono::milliseconds(ms);
-    now_ += ms;
+    standstill_ = std::chrono::milliseconds(it.num);
+    now_ += ms + it.num;
     return {.result = _qnm_interval_check()};
 }
 
@@ -181,6 +190,12 @@ outcome library::take_no_frame(const step& it) {
 }
 
 outcome library::pass_time(const step& it) {
+    now_ += it.number;
+    pass(std::chrono::milliseconds(it.number));
+    return {};
+}
+
+outcome library::set_clock(const step& it) {
     now_ += it.number;
     set_now(now_);
     return {};
@@ -306,6 +321,8 @@ outcome library::dispatch(const step& it) {
             return take_no_frame(it);
         case what::time:
             return pass_time(it);
+        case what::set_clock:
+            return set_clock(it);
         case what::keepalive:
             return run_keepalive(it);
         case what::link:

@@ -21,6 +21,8 @@ struct callback_call {
 };
 
 struct library : ports {
+    static constexpr uint64_t k_uptime = 1'000'000'000;  // ms
+
     library();
     ~library() override;
 
@@ -44,6 +46,7 @@ struct library : ports {
     model::outcome take_frame(const steps::step& it);
     model::outcome take_no_frame(const steps::step& it);
     model::outcome pass_time(const steps::step& it);
+    model::outcome set_clock(const steps::step& it);
     model::outcome run_keepalive(const steps::step& it);
     model::outcome change_link(const steps::step& it);
     model::outcome list_ids(const steps::step& it);
@@ -59,10 +62,12 @@ struct library : ports {
     void answer(int port, const fake_pcap::frame_t& request);
 
     void on_sleep(std::chrono::nanoseconds duration);
+    static void pass(std::chrono::nanoseconds duration);
     void on_poll();
 
     uint64_t now_ = k_now;
     std::chrono::nanoseconds sleep_left_{0};
+    std::chrono::milliseconds standstill_{0};  // at the end of the next sleep
     unsigned polls_ = 0;
     std::map<int, qnm_cbid_t> handles_;  // by registration
     std::vector<listener> listeners_;

@@ -193,13 +193,14 @@ bool make_write_lock(state& s, uint64_t id) {
     return true;
 }
 
-void learn(state& s, kind which, const card& fresh) {
+void learn(state& s, kind which, const card& fresh, int port, int path) {
     const qnm_com_dev_t& dev = dev_of(which, fresh);
     if (!make_write_lock(s, dev.ecd_id) || s.blacklist.contains(dev.ecd_id)) return;
     if (!allocate(s, which == k_server ? s.counters.est_sv_node_al : s.counters.est_io_node_al)) {
         return;
     }
-    s.tables[which][dev.ecd_id] = fresh;
+    card& stored = s.tables[which][dev.ecd_id] = fresh;
+    stored.heard[port][path] = s.uptime;
     raise(s, QNM_EVT_NEWDEVINFO, dev.ecd_id);
     if (dev.ecd_int_vector != 0) raise(s, QNM_EVT_MAJORMINORERROR, dev.ecd_id);
 }
@@ -247,9 +248,17 @@ void raise_changes(state& s, kind which, const card& before, const card& after, 
     if (connected) raise(s, QNM_EVT_CHANNELSTATECHANGE, id);
 }
 
+// Another record in the same place of the table; watched, whatever it was before.
+void replace(card& stored, const card& fresh) {
+    stored.server = fresh.server;
+    stored.io = fresh.io;
+    stored.ignore_state = k_watch;
+    stored.check_count = 0;
+}
+
 void restart(state& s, kind which, card& stored, const card& fresh) {
     const card before = stored;
-    stored = fresh;
+    replace(stored, fresh);
     raise(s, QNM_EVT_UPDATEDEVINFO, dev_of(which, fresh).ecd_id);
     raise_changes(s, which, before, stored, true);
 }
@@ -266,7 +275,7 @@ void update(state& s, kind which, card& stored, card fresh, int port, int path) 
     const bool changed = differ(s, before, fresh);
     if (changed) dev.ecd_updatetime = s.now;
     dev.ecd_recvtime[port][path] = s.now;
-    stored = fresh;
+    replace(stored, fresh);
     if (changed) raise(s, QNM_EVT_UPDATEDEVINFO, dev.ecd_id);
     raise_changes(s, which, before, stored, connected);
 }
@@ -276,10 +285,13 @@ void take_announcement(state& s, int port, const frame_t& frame) {
     const kind which = frame[23] == 0 ? k_server : k_io;
     const card fresh = read_card(s, which, port, frame);
     const auto known = s.tables[which].find(dev_of(which, fresh).ecd_id);
-    if (known == s.tables[which].end()) return learn(s, which, fresh);
-    if (known->second.ignore_state == k_ignore) return;
-    if (known->second.ignore_state == k_restart) return restart(s, which, known->second, fresh);
-    update(s, which, known->second, fresh, port, path_of(frame));
+    const int path = path_of(frame);
+    if (known == s.tables[which].end()) return learn(s, which, fresh, port, path);
+    card& stored = known->second;
+    if (stored.ignore_state == k_ignore) return;
+    stored.heard[port][path] = s.uptime;
+    if (stored.ignore_state == k_restart) return restart(s, which, stored, fresh);
+    update(s, which, stored, fresh, port, path);
 }
 
 // ---- Loss ---------------------------------------------------------------------------------------
@@ -290,12 +302,12 @@ void report_loss(state& s, qnm_com_dev_t& dev) {
     raise(s, QNM_EVT_CHANNELSTATECHANGE, dev.ecd_id);
 }
 
-bool expire_paths(const state& s, qnm_com_dev_t& dev) {
+bool expire_paths(const state& s, qnm_com_dev_t& dev, const card& it) {
     bool changed = false;
     for (int port = 0; port < 2; port++) {
         for (int path = 0; path < 2; path++) {
             if (dev.ecd_state[port][path] == 0) continue;
-            if (s.now < dev.ecd_recvtime[port][path] + s.set.expire_time) continue;
+            if (s.uptime < it.heard[port][path] + s.set.expire_time) continue;
             dev.ecd_state[port][path] = 0;
             changed = true;
         }
@@ -317,7 +329,7 @@ void check_all(state& s) {
             if (it.ignore_state == k_ignore) continue;
             qnm_com_dev_t& dev = dev_of(which, it);
             const bool changed =
-                it.ignore_state == k_restart ? end_restart(s, dev, it) : expire_paths(s, dev);
+                it.ignore_state == k_restart ? end_restart(s, dev, it) : expire_paths(s, dev, it);
             if (changed) report_loss(s, dev);
         }
     }
@@ -647,14 +659,21 @@ int receive(state& s, int port, const frame_t& frame) {
     return 0;
 }
 
-void run_keepalive(state& s, uint32_t sleeps) {
+void run_keepalive(state& s, uint32_t sleeps, uint64_t standstill) {
     if (s.manager.fini != 1) return;
-    uint32_t slept = 0;  // since the last check
+    uint32_t slept = 0;    // since the last check
+    uint64_t judging = 0;  // from this uptime on
     for (uint32_t i = 0; i < sleeps; i++) {
         s.now += s.set.flag_interval;
+        s.uptime += s.set.flag_interval;
         slept += s.set.flag_interval;
+        if (i == 0) {
+            s.now += standstill;
+            s.uptime += standstill;
+            if (standstill > s.set.expire_time / 2) judging = s.uptime + s.set.expire_time;
+        }
         if (slept < s.set.check_interval) continue;
-        check_all(s);
+        if (s.uptime >= judging) check_all(s);
         slept = 0;
     }
 }

@@ -44,6 +44,7 @@ struct card {
     qnm_qnio_t io = {};
     uint32_t ignore_state = k_watch;
     uint32_t check_count = 0;
+    uint64_t heard[2][2] = {};  // per port and path, in uptime
 };
 
 struct event {
@@ -60,7 +61,8 @@ struct flags {
 
 struct state {
     settings set;
-    uint64_t now;  // ms
+    uint64_t now;     // ms of the wall clock
+    uint64_t uptime;  // ms that have passed, whatever the wall clock was set to
     flags manager;
     std::map<uint64_t, card> tables[2];  // by kind
     std::set<uint64_t> blacklist;
@@ -101,8 +103,9 @@ const qnm_com_dev_t& dev_of(kind which, const card& it);
 // A frame arrives; its card table, counters and events follow. The result of taking it.
 int receive(state& s, int port, const frame_t& frame);
 
-// The keepalive loop sleeps this often, then a stop is requested.
-void run_keepalive(state& s, uint32_t sleeps);
+// The keepalive loop sleeps this often, then a stop is requested. After the first sleep the process
+// stands still for so long.
+void run_keepalive(state& s, uint32_t sleeps, uint64_t standstill);
 
 // The link watcher gets one notification. A query that fails passes over its port.
 void notify_link(state& s, bool query_fails);

@@ -43,13 +43,23 @@ void draw_time(source& from, const model::state& now, step& it) {
     const uint64_t round = 100 * from.below(now.set.expire_time / 100 + 2);
     const uint64_t amounts[] = {0, 1, round, round, round, from.below(now.set.expire_time)};
     it.number = pick(from, amounts);
-    if (from.one_in(40)) it.number = -it.number;
+}
+
+void draw_set_clock(source& from, const model::state&, step& it) {
+    constexpr uint64_t k_amounts[] = {1, 1000, 60'000, 3'600'000};
+    it.number = pick(from, k_amounts);
+    if (from.one_in(2)) it.number = -it.number;
 }
 
 void draw_keepalive(source& from, const model::state& now, step& it) {
     const uint32_t per_check =
         (now.set.check_interval + now.set.flag_interval - 1) / now.set.flag_interval;
     it.number = from.one_in(4) ? from.below(3 * per_check) : per_check;
+    const uint32_t half = now.set.expire_time / 2;
+    const uint32_t standstills[] = {half, half + 1, 2 * half, 60'000};
+    if (!from.one_in(8)) return;
+    it.num = pick(from, standstills);
+    it.number += 2 * now.set.expire_time / now.set.flag_interval;
 }
 
 void draw_link(source& from, const model::state& now, step& it) {
@@ -126,6 +136,7 @@ constexpr row k_rows[] = {
     {what::frame, "frame", 600, draw_frame},
     {what::no_frame, "no frame", 5, draw_no_frame},
     {what::time, "time", 80, draw_time},
+    {what::set_clock, "set clock", 3, draw_set_clock},
     {what::keepalive, "keepalive", 60, draw_keepalive},
     {what::link, "link", 20, draw_link},
     {what::list, "list", 80, draw_list},

@@ -19,8 +19,9 @@ namespace steps {
 enum class what {
     frame,      // arrives at port
     no_frame,   // the capture of port ends its wait with result number
-    time,       // number ms pass, or as int64_t go back
-    keepalive,  // the loop sleeps number times
+    time,       // number ms pass
+    set_clock,  // somebody sets the wall clock forward by number ms, or as int64_t back
+    keepalive,  // the loop sleeps number times, and the process stands still for num ms
     link,       // the interface of port goes up (number 1) or down; notify: the watcher is told
     list,       // cards, value number, num
     free_list,  // of a null list
