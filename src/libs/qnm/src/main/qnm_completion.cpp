@@ -13,12 +13,14 @@
 // A Completion names nothing but its tag. One that comes after its reader has sent again or given
 // up must not meet another reader, so the tag of a frame that stayed unanswered rests for a while
 // before it is handed out again, unless no other is left. At most half of the tags rest: the others
-// have to stay enough for a rotation that keeps repeated Completions from new owners.
+// have to stay enough for a rotation that keeps repeated Completions from new owners. Few tags are
+// handed out in strict rotation instead: half of them would come round again at once.
 
 #include "qnm_completion.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <iterator>
 
 #include "qnm.h"
@@ -30,6 +32,9 @@ namespace {
 
 // How late a Completion is still expected.
 constexpr uint64_t k_rest_ms = 1000;
+
+// Of fewer tags than these none rests.
+constexpr ptrdiff_t k_least_to_rest = 64;
 
 // Of cmp_comp_state.
 constexpr uint32_t k_idle = 0;
@@ -126,6 +131,7 @@ int find_tag() QNM_REQUIRES(cmp_mutex) {
 bool has_room_to_rest() QNM_REQUIRES(cmp_mutex) {
     const auto first = std::begin(cmp_tags) + qnm_config.tag_min;
     const auto last = std::begin(cmp_tags) + qnm_config.tag_max + 1;
+    if (last - first < k_least_to_rest) return false;
     return std::count_if(first, last, is_resting) < (last - first) / 2;
 }
 

@@ -22,7 +22,8 @@ int _qnm_get_tag(int* tag_out);
 int _qnm_release_tag(int tag);
 
 // The same after a frame that stayed unanswered: the tag rests for a second, unless half of them do
-// or no other is left, so that the late answer finds no new owner. Always 0.
+// or no other is left, so that the late answer finds no new owner. Where there are fewer than 64
+// tags, none rests. Always 0.
 int _qnm_rest_tag(int tag);
 
 // Lets the Completion in that the card with dst_mac sends by the port. One that has been accepted

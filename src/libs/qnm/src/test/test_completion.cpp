@@ -252,49 +252,74 @@ TEST_F(completion, a_new_owner_finds_its_tag_idle) {
     EXPECT_EQ(value_of(5, 1), ENOENT);
 }
 
+// Those of a range that give the tag back after a frame that stayed unanswered.
+std::vector<int> get_and_rest(int times) {
+    std::vector<int> tags;
+    for (int n = 0; n < times; n++) {
+        int tag = -1;
+        EXPECT_EQ(_qnm_get_tag(&tag), 0);
+        EXPECT_EQ(_qnm_rest_tag(tag), 0);
+        tags.push_back(tag);
+    }
+    return tags;
+}
+
+TEST_F(completion, few_tags_are_handed_out_in_rotation_without_answers_too) {
+    use_range(1, 4);
+    EXPECT_THAT(get_and_rest(8), ElementsAre(2, 3, 4, 1, 2, 3, 4, 1));
+    use_range(1, 63);
+    std::vector<int> rotation;
+    for (int n = 1; n <= 3 * 63; n++)
+        rotation.push_back(n % 63 + 1);
+    EXPECT_EQ(get_and_rest(3 * 63), rotation);
+}
+
 // Tries again when the machine was so slow that the rest was over meanwhile.
 TEST_F(completion, a_resting_tag_is_passed_over) {
     std::vector<int> tags;
     EXPECT_TRUE(wait_until([&] {
-        use_range(1, 4);
+        use_range(0, 63);
         const auto start = steady_clock::now();
         EXPECT_EQ(_qnm_rest_tag(get()), 0);
-        tags = get_and_release(6);
+        tags = get_and_release(64);
         return steady_clock::now() - start < 990ms;
     }));
-    EXPECT_THAT(tags, ElementsAre(3, 4, 1, 3, 4, 1));
+    EXPECT_EQ(tags.front(), 2);
+    EXPECT_EQ(tags[61], 63);
+    EXPECT_EQ(tags[62], 0);
+    EXPECT_EQ(tags[63], 2) << "1 rests";
     EXPECT_TRUE(logs.lines().empty());
 }
 
 TEST_F(completion, half_of_the_tags_rest_at_most) {
     std::vector<int> tags;
     EXPECT_TRUE(wait_until([&] {
-        use_range(1, 5);
+        use_range(1, 65);
         const auto start = steady_clock::now();
-        for (int n = 0; n < 5; n++)
-            EXPECT_EQ(_qnm_rest_tag(get()), 0);
-        tags = get_and_release(4);
+        get_and_rest(65);
+        tags = get_and_release(34);
         return steady_clock::now() - start < 990ms;
     }));
-    EXPECT_THAT(tags, ElementsAre(4, 5, 1, 4)) << "2 and 3 rest";
+    EXPECT_EQ(tags.front(), 34) << "2 to 33 rest";
+    EXPECT_EQ(tags[31], 65);
+    EXPECT_EQ(tags[32], 1);
+    EXPECT_EQ(tags[33], 34);
 }
 
 TEST_F(completion, a_tag_rests_for_a_second) {
-    use_range(1, 2);
-    ASSERT_EQ(get(), 2);
+    use_range(0, 63);
     const auto start = steady_clock::now();
-    _qnm_rest_tag(2);
-    EXPECT_TRUE(wait_until([] { return get_and_release(1).front() == 2; }));
+    const std::vector<int> rested = get_and_rest(1);
+    EXPECT_TRUE(wait_until([&] { return get_and_release(1) == rested; }));
     EXPECT_GE(steady_clock::now() - start, 999ms) << "but for parts of a millisecond";
 }
 
 TEST_F(completion, a_resting_tag_is_used_when_no_other_is_left) {
-    use_range(1, 3);
-    ASSERT_EQ(get(), 2);
-    ASSERT_EQ(get(), 3);
-    _qnm_rest_tag(2);
-    EXPECT_EQ(get(), 1);
-    EXPECT_EQ(get(), 2);
+    use_range(0, 63);
+    const std::vector<int> rested = get_and_rest(1);
+    for (int n = 0; n < 63; n++)
+        EXPECT_NE(get(), -1);
+    EXPECT_EQ(get(), rested.front());
     EXPECT_TRUE(logs.lines().empty());
     EXPECT_EQ(get(), -1) << "its new owner has it alone";
 }
