@@ -138,6 +138,21 @@ TEST_F(access, a_card_whose_monitoring_is_stopped_is_found_by_the_live_check) {
     EXPECT_EQ(qnm_read_register(k_id + 2, 0, &data, &k_patient, 0), QNM_API_ENOENT);
 }
 
+// One frame is enough to make a record of the other kind under a card's ID. When that one has
+// expired, it must not stand before the live card.
+TEST_F(access, a_forged_announcement_of_the_other_kind_cuts_no_card_off) {
+    add(card_kind::qnio, card_speed::g1_10);
+    const cardsim::card forged =
+        cardsim::make_card("forged", card_kind::qnsv, card_speed::g1_10, k_id);
+    cards_->send_raw(0, encode(forged, cardsim::message::devinfo, 0));
+    ASSERT_TRUE(wait_for([] { return qnsv(k_id).has_value(); }));
+    ASSERT_TRUE(wait_for([] { return paths(k_id) == "DDDD"; })) << "of the QNSV record";
+    uint32_t data = 0;
+    EXPECT_EQ(qnm_read_register(k_id, k_register, &data, &k_patient, 0), QNM_API_SUCCESS);
+    EXPECT_EQ(qnm_write_register(k_id, k_register, 7, &k_patient, QNM_FLAG_VERIFY),
+              QNM_API_SUCCESS);
+}
+
 // ---- EEPROM -------------------------------------------------------------------------------------
 
 std::vector<uint8_t> numbered_bytes() {

@@ -851,17 +851,23 @@ int _qnm_set_heard_qnio(uint64_t id, qnm_qnio_t* qnio, uint32_t ignore_state, ui
 int _qnm_get_qndev_rid(uint64_t id, qnm_com_dev_t* dev_info, uint32_t* ignore_state,
                        uint16_t* resource_id) {
     int err = 0;
-    qnm_com_dev_t dev = {};
-    uint16_t resource = 0;
     qnm_qnsv_t qnsv;
-    qnm_qnio_t qnio;
-    if (look_up<qnsv_kind>(__func__, id, &qnsv, ignore_state, &err)) {
-        if (err == 0) dev = qnsv.esv_com_dev;
-    } else if (look_up<qnio_kind>(__func__, id, &qnio, ignore_state, &err) && err == 0) {
-        dev = qnio.eio_com_dev;
-        resource = qnio.eio_mr_resource_num;
+    const bool is_qnsv = look_up<qnsv_kind>(__func__, id, &qnsv, ignore_state, &err);
+    if (is_qnsv && err != 0) return err;
+    uint16_t resource = 0;
+    qnm_com_dev_t dev = is_qnsv ? qnsv.esv_com_dev : qnm_com_dev_t{};
+    // A record of the wrong kind, by a frame that somebody forged, must not hide the live card.
+    if (!is_qnsv || !qnm::is_connected(dev)) {
+        qnm_qnio_t qnio;
+        uint32_t state = 0;
+        const bool is_qnio = look_up<qnio_kind>(__func__, id, &qnio, &state, &err);
+        if (err != 0 && (is_qnio || !is_qnsv)) return err;
+        if (is_qnio && (!is_qnsv || qnm::is_connected(qnio.eio_com_dev))) {
+            dev = qnio.eio_com_dev;
+            resource = qnio.eio_mr_resource_num;
+            *ignore_state = state;
+        }
     }
-    if (err != 0) return err;
     if (resource_id != nullptr) *resource_id = resource;
     if (dev_info != nullptr) *dev_info = dev;
     return 0;

@@ -109,7 +109,9 @@ int _qnm_set_heard_qnio(uint64_t id, qnm_qnio_t* qnio, uint32_t ignore_state, ui
                         uint32_t valid_param, const qnm_heard_t* heard)
     QNM_REQUIRES(qnm_qn.eei_mutex);
 
-// Look an ID up among cards of both kinds: 0, 2 or 71. dev_info and resource_id may be null.
+// Look an ID up among cards of both kinds: 0, 2 or 71. Where there is one of either kind, the QNSV
+// card counts, but for a QNIO card that alone has a connected path. dev_info and resource_id may be
+// null.
 int _qnm_get_qndev_rid(uint64_t id, qnm_com_dev_t* dev_info, uint32_t* ignore_state,
                        uint16_t* resource_id) QNM_REQUIRES(qnm_qn.eei_mutex);
 int _qnm_get_qndev(uint64_t id, qnm_com_dev_t* dev_info) QNM_REQUIRES(qnm_qn.eei_mutex);
@@ -146,6 +148,12 @@ class QNM_SCOPED_CAPABILITY table_guard {
 
 inline const char* connect_word(uint32_t state) {
     return state == 1 ? "CONNECT" : "DISCONNECT";
+}
+
+// Whether a card is heard on any path.
+inline bool is_connected(const qnm_com_dev_t& dev) {
+    const auto& state = dev.ecd_state;
+    return state[0][0] == 1 || state[0][1] == 1 || state[1][0] == 1 || state[1][1] == 1;
 }
 
 // All that tells QNSV and QNIO cards apart in the tables. Code for both kinds is a template over

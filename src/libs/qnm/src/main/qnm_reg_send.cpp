@@ -205,11 +205,6 @@ int try_port(qnm_com_dev_t* dev, int port) {
     return err == ETIMEDOUT && dev->ecd_type != 0 ? try_path(dev, port, 1) : err;
 }
 
-bool is_connected(const qnm_com_dev_t& dev) {
-    const auto& state = dev.ecd_state;
-    return state[0][0] == 1 || state[0][1] == 1 || state[1][0] == 1 || state[1][1] == 1;
-}
-
 void disconnect(qnm_com_dev_t& dev) {
     for (auto& port : dev.ecd_state) {
         for (uint32_t& path : port)
@@ -332,7 +327,7 @@ int _qnm_dump_register(const qnm_com_dev_t* dev, uint32_t start, uint32_t end, u
 }
 
 int _qnm_livecheck(qnm_com_dev_t* dev) {
-    if (is_connected(*dev)) return 0;
+    if (qnm::is_connected(*dev)) return 0;
     const uint32_t used = qnm_config.use_port_num_linux;
     int err = ETIMEDOUT;
     if (used >= 1) err = try_port(dev, 0);

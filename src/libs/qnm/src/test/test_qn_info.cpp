@@ -351,6 +351,48 @@ TEST_F(qn_info, a_lookup_among_both_kinds_prefers_servers) {
     EXPECT_TRUE(logs.has(k_warn, "_qnm_get_qndev_rid: Failed to _qnm_get_qnsv(). err=22"));
 }
 
+// A card of each kind under one ID, of which the VLAN ID tells them apart.
+struct qn_info_twins : qn_info {
+    // Adds both, the one of either kind with these paths.
+    void add_twins(uint32_t qnsv_state, uint32_t qnio_state) {
+        qnm_qnsv_t qnsv = {};
+        qnsv.esv_com_dev.ecd_id = 1;
+        qnsv.esv_com_dev.ecd_vlan_id = 10;
+        qnsv.esv_com_dev.ecd_state[0][0] = qnsv_state;
+        qnm_qnio_t qnio = {};
+        qnio.eio_com_dev.ecd_id = 1;
+        qnio.eio_com_dev.ecd_vlan_id = 20;
+        qnio.eio_com_dev.ecd_state[1][1] = qnio_state;
+        qnio.eio_mr_resource_num = 513;
+        const qnm::table_guard lock;
+        EXPECT_EQ(_qnm_set_qnsv(1, &qnsv, QNM_WATCH, 0, QNM_VALID_ALL), 0);
+        EXPECT_EQ(_qnm_set_qnio(1, &qnio, QNM_WATCH_RESTART, 0, QNM_VALID_ALL), 0);
+    }
+
+    // The card that device access finds: its VLAN ID, ignore state and resource ID.
+    static std::vector<uint32_t> found() {
+        const qnm::table_guard lock;
+        qnm_com_dev_t dev = {};
+        uint32_t state = 99;
+        uint16_t resource = 99;
+        EXPECT_EQ(_qnm_get_qndev_rid(1, &dev, &state, &resource), 0);
+        return {dev.ecd_vlan_id, state, resource};
+    }
+};
+
+TEST_F(qn_info_twins, the_connected_one_is_found_and_otherwise_the_qnsv_card) {
+    const std::vector<uint32_t> qnsv = {10, QNM_WATCH, 0};
+    const std::vector<uint32_t> qnio = {20, QNM_WATCH_RESTART, 513};
+    add_twins(0, 1);
+    EXPECT_EQ(found(), qnio) << "a dead record hides no live card";
+    add_twins(1, 0);
+    EXPECT_EQ(found(), qnsv);
+    add_twins(1, 1);
+    EXPECT_EQ(found(), qnsv);
+    add_twins(0, 0);
+    EXPECT_EQ(found(), qnsv);
+}
+
 TEST_F(qn_info, the_lock_is_traced) {
     { const qnm::table_guard lock; }
     EXPECT_THAT(logs.texts("logfile", k_trace),

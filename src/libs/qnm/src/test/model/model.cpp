@@ -590,15 +590,20 @@ bool is_good(const access& request) {
     }
 }
 
-// A card of either kind; a QNSV card goes before a QNIO card of the same ID.
+// A card of either kind. Of two with the same ID the one that can be reached goes first, and then
+// the QNSV card.
 const card* find_card(const state& s, uint64_t id, kind& which) {
+    const card* found = nullptr;
     for (const kind each : k_kinds) {
         const auto known = s.tables[each].find(id);
         if (known == s.tables[each].end()) continue;
+        path by = {};
+        const bool in_reach = find_path(dev_of(each, known->second), by);
+        if (found != nullptr && (!in_reach || find_path(dev_of(which, *found), by))) continue;
         which = each;
-        return &known->second;
+        found = &known->second;
     }
-    return nullptr;
+    return found;
 }
 
 using work_t = int (*)(state& s, const qnm_com_dev_t& dev, const access& request, outcome& done);
