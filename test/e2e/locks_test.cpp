@@ -1,4 +1,5 @@
-// locks_test.cpp - two managers, each in a network namespace of its own, on one card's EEPROM.
+// locks_test.cpp - the locks of a card's EEPROM: shared by two managers, each in a network
+// namespace of its own, and left behind by none that is stopped.
 //
 //     this process, port 0   qnm0 ==== qsim0   the card
 //     another one,  port 0   qnm1 ==== qsim1   the same card
@@ -13,9 +14,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
+#include <memory>
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "rig.h"
 
@@ -108,6 +113,64 @@ TEST_P(locks, two_managers_fight_and_none_is_stuck) {
     EXPECT_EQ(left.holder, 0U);
     close(go[0]);
     close(go[1]);
+}
+
+// ---- Stopped in the middle ----------------------------------------------------------------------
+
+// A card that asks for the stop of the manager when it has obeyed a certain request for a register.
+class stopping_card {
+  public:
+    explicit stopping_card(bool id_lock) {
+        std::vector<cardsim::port> ports;
+        ports.push_back(cardsim::open_port("qsim0"));
+        cards_ = std::make_unique<cardsim::simulator>(std::move(ports), cardsim::default_ether_type,
+                                                      [this](size_t, const cardsim::request&) {
+                                                          if (--requests_left_ == 0)
+                                                              qnm_fini_manager();
+                                                      });
+        cardsim::card card = lively(card_kind::qnio, card_speed::g40, k_id);
+        card.heard[1] = {};
+        card.device.id_lock = id_lock;
+        cards_->add(card);
+        cards_->start();
+    }
+
+    void stop_after(int requests) { requests_left_ = requests; }
+    bool has_stopped() const { return requests_left_ <= 0; }
+
+    // Whether nobody holds the lock, and the EEPROM waits for a command.
+    bool is_clean() {
+        const cardsim::lock_holders left = cards_->lock(k_id);
+        constexpr uint32_t control = 0x40, ready = 0x40000000;
+        return left.bits == 0 && left.requests == 0 && left.holder == 0 &&
+               cards_->read_register(k_id, control) == ready;
+    }
+
+  private:
+    std::atomic<int> requests_left_ = 0;
+    std::unique_ptr<cardsim::simulator> cards_;
+};
+
+// Every moment of two words' time is tried, for each kind of lock; a word takes some 20 requests.
+TEST_P(locks, a_manager_that_is_stopped_leaves_none_behind) {
+    const cables wires;
+    const installation install("ether_port = qnm0\neeprom_verify_count = 3\n");
+    stopping_card card(GetParam());
+    const int moments = 30;
+    for (int moment = 1; moment <= moments; moment++) {
+        SCOPED_TRACE(moment);
+        manager host(install.path());
+        ASSERT_TRUE(host.is_running()) << install.log();
+        ASSERT_TRUE(wait_for([] { return !paths(k_id).empty(); }));
+        card.stop_after(moment);
+        std::array<uint32_t, 64> words{};
+        size_t len = sizeof words;
+        EXPECT_EQ(qnm_dump_eeprom(k_id, 0, sizeof words, words.data(), &len, &k_retry, 0),
+                  QNM_API_ENOSYS);
+        EXPECT_TRUE(card.has_stopped());
+        EXPECT_EQ(host.stop(), QNM_API_SUCCESS);
+        ASSERT_TRUE(wait_for([&] { return card.is_clean(); }));
+    }
 }
 
 }  // namespace

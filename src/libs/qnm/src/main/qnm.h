@@ -588,8 +588,10 @@ qnm_api_code_t qnm_dump_register(uint64_t id, uint32_t startaddr, uint32_t endad
  * taken by force can take minutes (see the eeprom_ keys of the configuration). retry_param holds
  * for every register frame, and its count for the attempts at a word, too.
  *
- * When the manager is stopped during such a call, or frames cannot be sent any more, the card may
- * be left locked, until the next EEPROM access by any manager of this library.
+ * The lock is given back on every way out of a call. When the manager is stopped during one, or no
+ * answer can be had any more, that is done by frames that nobody waits for: only where these are
+ * lost, or cannot be sent, the card is left locked until the next EEPROM access by any manager of
+ * this library.
  * @{
  */
 

@@ -8,6 +8,10 @@
 //
 // Everything here is register access, and each step may fail by itself. 71 and 38 (a stop) end
 // every loop at once; any other failure is a failed attempt, and attempts are counted.
+//
+// A card must not stay locked because a manager stops. What this host may have on it is kept with
+// the call (traces); a loop that ends at once takes it back by frames that nobody waits for: first
+// the command, then the lock.
 
 #include "qnm_eeprom_send.h"
 
@@ -73,14 +77,23 @@ bool is_final(int err) {
 
 // ---- Register access of one call ----------------------------------------------------------------
 
+// What the card may have of this host's.
+struct traces {
+    bool command = false;      // in the control register
+    bool bit = false;          // in the bit lock register,
+    uint32_t others_bits = 0;  // beside these, as they were last seen
+    bool id = false;           // among those who ask for the ID lock
+};
+
 struct card_access {
     qnm_com_dev_t* dev;
     uint32_t interval;
     uint32_t count;
+    traces* left;
 };
 
-card_access access_of(qnm_com_dev_t* dev, const qnm_retry_t& retry) {
-    return {dev, retry.er_retry_interval, retry.er_retry_count};
+card_access access_of(qnm_com_dev_t* dev, const qnm_retry_t& retry, traces* left) {
+    return {dev, retry.er_retry_interval, retry.er_retry_count, left};
 }
 
 const eeprom_registers& registers_of(const card_access& card) {
@@ -132,14 +145,42 @@ int repeat_lock(pause_after pause, Attempt attempt) {
     return repeat(qnm_config.eeprom_retry_count, qnm_config.eeprom_retry_interval, pause, attempt);
 }
 
+// Releases a lock, or takes it back when there is no time, or no way, to see whether that holds.
+int or_take_back(const card_access& card, int (*release)(const card_access& card),
+                 int (*take_back)(const card_access& card)) {
+    if (!qnm::is_running()) return take_back(card);
+    const int err = release(card);
+    if (is_final(err)) take_back(card);
+    return err;
+}
+
 // ---- Lock by bits -------------------------------------------------------------------------------
 
 int _qnm_unlock_eeprom(const card_access& card) {
-    return clear_bits(card, k_bit_lock, k_own_bit);
+    const int err = clear_bits(card, k_bit_lock, k_own_bit);
+    if (err == 0) card.left->bit = false;
+    return err;
 }
 
 int _qnm_unlock_eeprom_impl(const card_access& card) {
-    return clear_bits(card, k_bit_lock, qnm_config.eeprom_lock_other_bit);
+    const int err = clear_bits(card, k_bit_lock, qnm_config.eeprom_lock_other_bit);
+    if (err == 0) card.left->others_bits &= ~qnm_config.eeprom_lock_other_bit;
+    return err;
+}
+
+// Clears the own bit by a frame that nobody waits for.
+int take_bit_back(const card_access& card) {
+    if (!card.left->bit) return 0;
+    card.left->bit = false;
+    return write_register(card, k_bit_lock, card.left->others_bits);
+}
+
+int read_lock_bits(const card_access& card, uint32_t* bits) {
+    const int err = read_register(card, k_bit_lock, bits);
+    if (err != 0) return err;
+    card.left->others_bits = *bits & ~k_own_bit;
+    if ((*bits & k_own_bit) == 0) card.left->bit = false;
+    return 0;
 }
 
 // Watches the lock register for a while after it was written, as another party may have written at
@@ -148,7 +189,7 @@ int confirm_bit(const card_access& card, uint32_t written, uint32_t* bits) {
     for (uint32_t n = 0; n < qnm_config.eeprom_verify_count; n++) {
         _qnm_sleep_while_running(qnm_config.eeprom_verify_interval);
         if (!qnm::is_running()) return ENOSYS;
-        const int err = read_register(card, k_bit_lock, bits);
+        const int err = read_lock_bits(card, bits);
         if (err != 0) return err;
         if (*bits != written) return EBUSY;
     }
@@ -158,19 +199,57 @@ int confirm_bit(const card_access& card, uint32_t written, uint32_t* bits) {
 // One attempt: 16 while another party holds the lock. A bit that cannot be confirmed is withdrawn.
 int _qnm_lock_eeprom_impl(const card_access& card) {
     uint32_t bits = 0;
-    int err = read_register(card, k_bit_lock, &bits);
+    int err = read_lock_bits(card, &bits);
     if (err != 0) return err;
     if ((bits & qnm_config.eeprom_lock_other_bit) != 0) return EBUSY;
+    card.left->bit = true;
     if ((bits & k_own_bit) != 0) return 0;
     bits |= k_own_bit;
     err = write_register(card, k_bit_lock, bits, QNM_FLAG_VERIFY);
     if (err != 0) return err;
     err = confirm_bit(card, bits, &bits);
     if (err == 0 || is_final(err) || (bits & k_own_bit) == 0) return err;
-    const int release_err = _qnm_unlock_eeprom(card);
+    const int release_err = or_take_back(card, _qnm_unlock_eeprom, take_bit_back);
     if (release_err == 0) return err;
     qnm_log_trace("%s: Failed to _qnm_unlock_eeprom(). err=%d", __func__, release_err);
     return is_final(release_err) ? release_err : err;
+}
+
+constexpr char k_lock_by_bits_name[] = "_qnm_lock_eeprom";
+
+int take_bit(const card_access& card, uint32_t flags) {
+    const char* const func = k_lock_by_bits_name;
+    const auto log_attempt = [=](int err) {
+        qnm_log_trace("%s: Failed to _qnm_lock_eeprom_impl(). err=%d", func, err);
+    };
+    for (uint32_t forced = 0;; forced++) {
+        int err = repeat_lock(pause_after::refusal, [&] {
+            const int attempt_err = _qnm_lock_eeprom_impl(card);
+            if (is_final(attempt_err)) log_attempt(attempt_err);
+            return attempt_err;
+        });
+        if (err == 0 || is_final(err)) return err;
+        if ((flags & QNM_FLAG_FORCELOCK) == 0) {
+            log_attempt(err);
+            return err;
+        }
+        if (forced == qnm_config.force_lock_try_count) {
+            qnm_log_warn("%s: EEPROM access forcelock mode retry timedout.", func);
+            return ETIMEDOUT;
+        }
+        err = _qnm_unlock_eeprom_impl(card);
+        if (err != 0) {
+            qnm_log_trace("%s: Failed to _qnm_modify_register(). ret=%d", func, err);
+            return err;
+        }
+    }
+}
+
+// Takes the lock, or leaves nothing of this host's behind when it ends at once.
+int lock_by_bits(const card_access& card, uint32_t flags) {
+    const int err = take_bit(card, flags);
+    if (is_final(err)) take_bit_back(card);
+    return err;
 }
 
 // ---- Lock by ID ---------------------------------------------------------------------------------
@@ -180,7 +259,10 @@ int request_id(const card_access& card) {
     return or_timed_out(repeat_lock(pause_after::refusal, [&] {
         uint32_t granted = 0;
         int err = write_register(card, k_id_request, k_own_id);
-        if (err == 0) err = read_register(card, k_id_status, &granted);
+        if (err == 0) {
+            card.left->id = true;
+            err = read_register(card, k_id_status, &granted);
+        }
         if (err != 0) return err;
         return (granted & k_own_id) != 0 ? 0 : EAGAIN;
     }));
@@ -210,6 +292,19 @@ int _qnm_unlock_eeprom_id(const card_access& card, uint32_t ids) {
         repeat_lock(pause_after::refusal, [&] { return _qnm_unlock_eeprom_id_impl(card, ids); }));
 }
 
+int release_own_id(const card_access& card) {
+    const int err = _qnm_unlock_eeprom_id(card, k_own_id);
+    if (err == 0) card.left->id = false;
+    return err;
+}
+
+// Releases the own ID by a frame that nobody waits for.
+int take_id_back(const card_access& card) {
+    if (!card.left->id) return 0;
+    card.left->id = false;
+    return write_register(card, k_id_unlock, k_own_id);
+}
+
 // Waits to become the holder; by force, takes the lock away from whoever is.
 int _qnm_lock_check_id(const card_access& card, uint32_t flags) {
     for (uint32_t forced = 0;; forced++) {
@@ -233,19 +328,29 @@ int _qnm_lock_check_id(const card_access& card, uint32_t flags) {
     }
 }
 
-// ---- The lock that a card offers ----------------------------------------------------------------
-
-int take_bit(const card_access& card, uint32_t flags) {
-    return _qnm_lock_eeprom(card.dev, card.interval, card.count, flags);
-}
+constexpr char k_lock_by_id_name[] = "_qnm_lock_eeprom_id";
 
 int take_id(const card_access& card, uint32_t flags) {
-    return _qnm_lock_eeprom_id(card.dev, card.interval, card.count, flags);
+    int err = request_id(card);
+    if (err != 0) return err;
+    err = _qnm_lock_check_id(card, flags);
+    if (err == 0 || is_final(err)) return err;
+    const int release_err = or_take_back(card, release_own_id, take_id_back);
+    if (release_err != 0) {
+        qnm_log_trace("%s: Failed to _qnm_unlock_eeprom_id(). err=%d", k_lock_by_id_name,
+                      release_err);
+    }
+    return err;
 }
 
-int release_own_id(const card_access& card) {
-    return _qnm_unlock_eeprom_id(card, k_own_id);
+// Takes the lock, or withdraws the request, also when it ends at once.
+int lock_by_id(const card_access& card, uint32_t flags) {
+    const int err = take_id(card, flags);
+    if (is_final(err)) take_id_back(card);
+    return err;
 }
+
+// ---- The lock that a card offers ----------------------------------------------------------------
 
 int release_all_ids(const card_access& card) {
     return _qnm_unlock_eeprom_id(card, k_all_ids);
@@ -262,14 +367,17 @@ struct eeprom_lock {
     lock_step<uint32_t> take;  // told the call's flags
     lock_step<> release;
     lock_step<> free;  // from the other parties
+    int (*take_back)(const card_access& card);
 };
 
-constexpr eeprom_lock k_lock_by_bits = {{take_bit, "_qnm_lock_eeprom"},
+constexpr eeprom_lock k_lock_by_bits = {{lock_by_bits, k_lock_by_bits_name},
                                         {_qnm_unlock_eeprom, "_qnm_unlock_eeprom"},
-                                        {_qnm_unlock_eeprom_impl, "_qnm_unlock_eeprom_impl"}};
-constexpr eeprom_lock k_lock_by_id = {{take_id, "_qnm_lock_eeprom_id"},
+                                        {_qnm_unlock_eeprom_impl, "_qnm_unlock_eeprom_impl"},
+                                        take_bit_back};
+constexpr eeprom_lock k_lock_by_id = {{lock_by_id, k_lock_by_id_name},
                                       {release_own_id, "_qnm_unlock_eeprom_id"},
-                                      {release_all_ids, "_qnm_unlock_eeprom_id"}};
+                                      {release_all_ids, "_qnm_unlock_eeprom_id"},
+                                      take_id_back};
 
 void log_failure(const char* func, const char* failed, int err) {
     qnm_log_error("%s: Failed to %s(). err=%d", func, failed, err);
@@ -295,7 +403,7 @@ class eeprom_lock_guard {
     int release() {
         if (!held_) return 0;
         held_ = false;
-        return lock_.release.run(card_);
+        return or_take_back(card_, lock_.release.run, lock_.take_back);
     }
 
   private:
@@ -328,7 +436,10 @@ int await_completion(const char* func, const card_access& card) {
 int _check_access(const card_access& card, uint32_t address, uint32_t command) {
     const eeprom_registers& registers = registers_of(card);
     int err = write_register(card, registers.address, address, QNM_FLAG_VERIFY);
-    if (err == 0) err = write_register(card, registers.control, command);
+    if (err == 0) {
+        card.left->command = true;
+        err = write_register(card, registers.control, command);
+    }
     if (err != 0) return is_final(err) ? err : EAGAIN;
     return await_completion(__func__, card);
 }
@@ -346,11 +457,17 @@ int issue(const char* func, const card_access& card, uint32_t addr, uint32_t com
     return err;
 }
 
+int clear_command(const card_access& card) {
+    const int err = write_register(card, registers_of(card).control, k_command_none);
+    if (err == 0) card.left->command = false;
+    return err;
+}
+
 // Puts the EEPROM to rest and tells whether it is ready again.
 int rest(const char* func, const card_access& card, bool* ready) {
     uint32_t status = 0;
     *ready = false;
-    int err = write_register(card, registers_of(card).control, k_command_none);
+    int err = clear_command(card);
     if (err != 0) {
         qnm_log_trace("%s: Failed to _qnm_write_register(). err=%d", func, err);
         if (is_final(err)) return err;
@@ -372,7 +489,7 @@ struct attempt {
 
 // Does work() while the EEPROM is ready for it. Returns what ends every loop, or 0.
 template <typename Work>
-int try_word(const char* func, const card_access& card, attempt* made, Work work) {
+int work_and_rest(const char* func, const card_access& card, attempt* made, Work work) {
     uint32_t status = 0;
     made->err = EAGAIN;
     const int err = read_register(card, registers_of(card).control, &status);
@@ -384,6 +501,14 @@ int try_word(const char* func, const card_access& card, attempt* made, Work work
         if (is_final(made->err)) return made->err;
     }
     return rest(func, card, &made->ready);
+}
+
+// The same; no command stays behind that this host has given.
+template <typename Work>
+int try_word(const char* func, const card_access& card, attempt* made, Work work) {
+    const int err = work_and_rest(func, card, made, work);
+    if (err != 0 && card.left->command) clear_command(card);
+    return err;
 }
 
 int try_read(const char* func, const card_access& card, uint32_t addr, uint32_t* word,
@@ -431,7 +556,8 @@ int access_word(const char* func, uint64_t id, uint32_t addr, const qnm_retry_t*
                 uint32_t flags, const char* work_name, Work work) {
     if (addr > k_last_word || !qnm::is_aligned(addr) || !qnm::is_valid(retry_param)) return EINVAL;
     return qnm::on_locked_card(func, id, flags, [&](qnm_com_dev_t* dev) {
-        const card_access card = access_of(dev, qnm::effective(retry_param));
+        traces left;
+        const card_access card = access_of(dev, qnm::effective(retry_param), &left);
         const eeprom_lock* lock = nullptr;
         const int type_err = _qnm_get_locktype(func, card, &lock);
         if (type_err != 0) return type_err;
@@ -453,50 +579,19 @@ int access_word(const char* func, uint64_t id, uint32_t addr, const qnm_retry_t*
 extern "C" {
 
 int _qnm_lock_eeprom(qnm_com_dev_t* dev, uint32_t interval, uint32_t count, uint32_t flags) {
-    const card_access card = {dev, interval, count};
-    const char* const func = __func__;
-    const auto log_attempt = [=](int err) {
-        qnm_log_trace("%s: Failed to _qnm_lock_eeprom_impl(). err=%d", func, err);
-    };
-    for (uint32_t forced = 0;; forced++) {
-        int err = repeat_lock(pause_after::refusal, [&] {
-            const int attempt_err = _qnm_lock_eeprom_impl(card);
-            if (is_final(attempt_err)) log_attempt(attempt_err);
-            return attempt_err;
-        });
-        if (err == 0 || is_final(err)) return err;
-        if ((flags & QNM_FLAG_FORCELOCK) == 0) {
-            log_attempt(err);
-            return err;
-        }
-        if (forced == qnm_config.force_lock_try_count) {
-            qnm_log_warn("%s: EEPROM access forcelock mode retry timedout.", func);
-            return ETIMEDOUT;
-        }
-        err = _qnm_unlock_eeprom_impl(card);
-        if (err != 0) {
-            qnm_log_trace("%s: Failed to _qnm_modify_register(). ret=%d", func, err);
-            return err;
-        }
-    }
+    traces left;
+    return lock_by_bits({dev, interval, count, &left}, flags);
 }
 
 int _qnm_lock_eeprom_id(qnm_com_dev_t* dev, uint32_t interval, uint32_t count, uint32_t flags) {
-    const card_access card = {dev, interval, count};
-    int err = request_id(card);
-    if (err != 0) return err;
-    err = _qnm_lock_check_id(card, flags);
-    if (err == 0) return 0;
-    const int release_err = release_own_id(card);
-    if (release_err != 0) {
-        qnm_log_trace("%s: Failed to _qnm_unlock_eeprom_id(). err=%d", __func__, release_err);
-    }
-    return err;
+    traces left;
+    return lock_by_id({dev, interval, count, &left}, flags);
 }
 
 int _qnm_read_eeprom(qnm_com_dev_t* dev, uint32_t addr, uint32_t* data, uint32_t interval,
                      uint32_t count) {
-    const card_access card = {dev, interval, count};
+    traces left;
+    const card_access card = {dev, interval, count, &left};
     const char* const func = __func__;
     return or_timed_out(repeat(count, qnm_config.eeprom_rw_interval, pause_after::any_failure, [&] {
         uint32_t word = 0;
@@ -512,14 +607,16 @@ int _qnm_read_eeprom(qnm_com_dev_t* dev, uint32_t addr, uint32_t* data, uint32_t
 
 int _qnm_write_eeprom(qnm_com_dev_t* dev, uint32_t addr, uint32_t data, uint32_t interval,
                       uint32_t count, uint32_t flags) {
-    const card_access card = {dev, interval, count};
+    traces left;
+    const card_access card = {dev, interval, count, &left};
     return or_timed_out(repeat(count, qnm_config.eeprom_rw_interval, pause_after::any_failure,
                                [&] { return write_word(card, addr, data, flags); }));
 }
 
 int _qnm_dump_eeprom(qnm_com_dev_t* dev, uint32_t start, uint32_t end, uint32_t* data, size_t* len,
                      uint32_t interval, uint32_t count, uint32_t flags) {
-    const card_access card = {dev, interval, count};
+    traces left;
+    const card_access card = {dev, interval, count, &left};
     const eeprom_lock* lock = nullptr;
     *len = 0;
     int err = _qnm_get_locktype(__func__, card, &lock);
@@ -578,9 +675,10 @@ qnm_api_code_t qnm_dump_eeprom(uint64_t id, uint32_t startaddr, uint32_t endaddr
                 return EINVAL;
             }
             return qnm::on_locked_card(name, id, flags, [=](qnm_com_dev_t* dev) {
-                const card_access card = access_of(dev, qnm::effective(retry_param));
-                const int err = _qnm_dump_eeprom(dev, startaddr, endaddr, data, len, card.interval,
-                                                 card.count, flags);
+                const qnm_retry_t retry = qnm::effective(retry_param);
+                const int err =
+                    _qnm_dump_eeprom(dev, startaddr, endaddr, data, len, retry.er_retry_interval,
+                                     retry.er_retry_count, flags);
                 if (err != 0) log_failure(name, "_qnm_dump_eeprom", err);
                 return err;
             });
@@ -594,7 +692,8 @@ qnm_api_code_t qnm_unlock_eeprom(uint64_t id) {
         [=] {
             // Without flags: a card whose monitoring is stopped is refused.
             return qnm::on_copy(id, 0, [=](qnm_com_dev_t* dev) {
-                const card_access card = access_of(dev, qnm::effective(nullptr));
+                traces left;
+                const card_access card = access_of(dev, qnm::effective(nullptr), &left);
                 const eeprom_lock* lock = nullptr;
                 int err = _qnm_get_locktype(name, card, &lock);
                 if (err != 0) return err;

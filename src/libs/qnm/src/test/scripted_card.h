@@ -86,6 +86,9 @@ class scripted_card {
     }
     // A stop is requested in the n-th sleep, or while the write lock is awaited.
     void stop_at_sleep(size_t n) { s_.stop_at_sleep = n; }
+    // A stop is requested in the n-th register access, which it ends where it waits for an answer.
+    // Nobody knows then whether what was written has arrived; here it is what leaves most behind.
+    void stop_at(size_t n) { s_.stop_at = n; }
     void stop_at_lock() { s_.stop_at_lock = true; }
     // The interval and count that each access has to come with.
     void expect_retry(const qnm_retry_t& retry) { s_.retry = retry; }
@@ -129,8 +132,10 @@ class scripted_card {
         note(flags == 0 ? "W %X=%X" : "V %X=%X", addr, data);
         EXPECT_EQ(flags & ~uint32_t{QNM_FLAG_VERIFY}, 0U);
         int err = visit(dev, interval, count);
+        const bool is_stop = s_.visits == s_.stop_at;
+        if (is_stop && flags == 0) err = 0;
         if (err == 0) err = take_error(addr);
-        if (err == 0) obey(addr, data);
+        if (err == 0 || is_stop) obey(addr, data);
         return err;
     }
 
@@ -179,7 +184,11 @@ class scripted_card {
         EXPECT_EQ(interval, s_.retry.er_retry_interval) << s_.seen.back();
         EXPECT_EQ(count, s_.retry.er_retry_count) << s_.seen.back();
         s_.dev = *dev;
-        return ++s_.visits == s_.fail_at ? s_.fail_err : 0;
+        if (++s_.visits == s_.stop_at) {
+            stop();
+            return ENOSYS;
+        }
+        return s_.visits == s_.fail_at ? s_.fail_err : 0;
     }
 
     answer take(uint32_t addr) {
@@ -230,7 +239,7 @@ class scripted_card {
         std::map<uint32_t, script<int>> errors;
         steps seen;
         qnm_com_dev_t dev = {};
-        size_t visits = 0, fail_at = 0, sleeps = 0, stop_at_sleep = 0;
+        size_t visits = 0, fail_at = 0, stop_at = 0, sleeps = 0, stop_at_sleep = 0;
         int fail_err = 0;
         bool stop_at_lock = false;
         qnm_retry_t retry = {};

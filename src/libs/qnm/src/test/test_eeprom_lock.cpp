@@ -162,7 +162,51 @@ TEST_F(eeprom_lock, a_71_or_a_38_of_any_access_ends_the_bit_lock_at_once) {
         script.on_read(k_bit_lock, {0, 0xC});
         script.on_write(k_bit_lock, {0, err});  // of the withdrawal
         EXPECT_EQ(lock(), err);
-        EXPECT_EQ(script.accesses().size(), 4U);
+        EXPECT_THAT(script.accesses(),
+                    ElementsAre("R 50F0", "V 50F0=4", "R 50F0", "M 50F0=0/4", "W 50F0=8"))
+            << "the others' bits are those that were seen last";
+    }
+}
+
+TEST_F(eeprom_lock, an_own_bit_of_an_earlier_attempt_is_taken_back) {
+    script.on_write(k_bit_lock, {ETIMEDOUT});  // nobody knows whether it has arrived
+    script.on_read(k_bit_lock, {0xF0, failed(EPROTO)});
+    EXPECT_EQ(lock(), EPROTO);
+    EXPECT_THAT(script.accesses(), ElementsAre("R 50F0", "V 50F0=F4", "R 50F0", "W 50F0=F0"));
+    renew();
+    script.on_write(k_bit_lock, {ETIMEDOUT});
+    script.on_read(k_bit_lock, {0xF0, 0xF0, failed(EPROTO)});
+    EXPECT_EQ(lock(), EPROTO);
+    EXPECT_EQ(script.accesses().back(), "W 50F0=F0");
+}
+
+TEST_F(eeprom_lock, nothing_is_taken_back_that_is_not_there) {
+    script.set(k_bit_lock, 0xC);  // another host of this party, and another party
+    script.stop_at_sleep(1);
+    EXPECT_EQ(lock(), ENOSYS);
+    EXPECT_THAT(script.accesses(), ElementsAre("R 50F0"));
+    renew();
+    script.on_read(k_bit_lock, {0, 8});  // another party has overwritten the own bit
+    script.stop_at_sleep(2);
+    EXPECT_EQ(lock(), ENOSYS);
+    EXPECT_THAT(script.accesses(), ElementsAre("R 50F0", "V 50F0=4", "R 50F0"));
+    renew();
+    script.on_write(k_id_request, {EPROTO});  // it was not sent
+    EXPECT_EQ(lock_id(), EPROTO);
+    EXPECT_THAT(script.accesses(), ElementsAre("W 5200=4"));
+}
+
+TEST_F(eeprom_lock, a_stop_at_any_moment_leaves_nothing_on_the_card) {
+    for (const bool by_id : {false, true}) {
+        for (size_t n = 1; n <= 7; n++) {
+            SCOPED_TRACE(testing::Message() << "by ID: " << by_id << ", access " << n);
+            renew();
+            script.stop_at(n);
+            const int err = by_id ? lock_id() : lock();
+            // A call that has its lock already is not ended by the stop.
+            EXPECT_EQ(is_clean(), err == ENOSYS);
+            EXPECT_EQ(err == ENOSYS, n <= (by_id ? k_lock_id.size() : 4));
+        }
     }
 }
 
@@ -178,7 +222,8 @@ TEST_F(eeprom_lock, a_stop_ends_the_bit_lock) {
     renew();
     script.stop_at_sleep(2);  // while watched
     EXPECT_EQ(lock(), ENOSYS);
-    EXPECT_THAT(script.seen(), ElementsAre("R 50F0", "V 50F0=4", "S 7", "R 50F0", "S 7"));
+    EXPECT_THAT(script.seen(),
+                ElementsAre("R 50F0", "V 50F0=4", "S 7", "R 50F0", "S 7", "W 50F0=0"));
     EXPECT_TRUE(logs.has(k_trace, "_qnm_lock_eeprom: Failed to _qnm_lock_eeprom_impl(). err=38"));
 }
 
@@ -317,6 +362,7 @@ TEST_F(eeprom_lock, a_failed_withdrawal_of_a_request_is_told_and_changes_nothing
     script.on_read(k_id_request, {2});
     script.on_write(k_id_unlock, {EPROTO});
     EXPECT_EQ(lock_id(), EBUSY);
+    EXPECT_EQ(script.count("W 5204=4"), 2U) << "tried once more, without looking";
     EXPECT_TRUE(
         logs.has(k_trace, "_qnm_lock_eeprom_id: Failed to _qnm_unlock_eeprom_id(). err=71"));
 }
@@ -371,20 +417,20 @@ TEST_F(eeprom_lock, force_releases_nothing_where_nobody_holds_the_lock) {
 }
 
 TEST_F(eeprom_lock, a_71_or_a_38_of_any_access_ends_the_id_lock_at_once) {
-    expect_each_access_final([this] { return lock_id(); }, 1);
+    expect_each_access_final([this] { return lock_id(); });
     for (const int err : {EPROTO, ENOSYS}) {
         renew();
         script.on_read(k_id_request, {2, failed(err)});
         EXPECT_EQ(lock_id(QNM_FLAG_FORCELOCK), err);
         EXPECT_THAT(script.accesses(),
-                    ElementsAreArray(steps{"W 5200=4", "R 5208", "R 5200", "R 5200"} + k_unlock_id))
-            << "but for the withdrawal";
+                    ElementsAre("W 5200=4", "R 5208", "R 5200", "R 5200", "W 5204=4"));
         renew();
         script.on_read(k_id_request, {2});
         script.on_write(k_id_unlock, {err});  // of the holder
         EXPECT_EQ(lock_id(QNM_FLAG_FORCELOCK), err);
         EXPECT_EQ(script.count("W 5204=2"), 1U);
         EXPECT_EQ(script.count("R 5200"), 3U);
+        EXPECT_EQ(script.accesses().back(), "W 5204=4");
     }
 }
 
@@ -396,14 +442,13 @@ TEST_F(eeprom_lock, a_stop_ends_the_id_lock) {
     script.on_read(k_id_status, {0});
     script.stop_at_sleep(1);
     EXPECT_EQ(lock_id(), ENOSYS);
-    EXPECT_THAT(script.seen(), ElementsAre("W 5200=4", "R 5208", "S 50"));
+    EXPECT_THAT(script.seen(), ElementsAre("W 5200=4", "R 5208", "S 50", "W 5204=4"));
     renew();
     script.on_read(k_id_request, {2});
     script.stop_at_sleep(1);
     EXPECT_EQ(lock_id(QNM_FLAG_FORCELOCK), ENOSYS);
-    EXPECT_THAT(script.seen(), ElementsAre("W 5200=4", "R 5208", "R 5200", "S 50"));
-    EXPECT_TRUE(
-        logs.has(k_trace, "_qnm_lock_eeprom_id: Failed to _qnm_unlock_eeprom_id(). err=38"));
+    EXPECT_THAT(script.seen(), ElementsAre("W 5200=4", "R 5208", "R 5200", "S 50", "W 5204=4"));
+    EXPECT_TRUE(logs.lines().empty());
     renew();
     script.on_read(k_id_request, {2});
     script.on_read(k_id_status, {4, 2});
@@ -411,7 +456,7 @@ TEST_F(eeprom_lock, a_stop_ends_the_id_lock) {
     EXPECT_EQ(lock_id(QNM_FLAG_FORCELOCK), ENOSYS);
     EXPECT_THAT(script.seen(),
                 ElementsAreArray(steps{"W 5200=4", "R 5208"} + times(3, {"R 5200", "S 50"}) +
-                                 steps{"W 5204=2", "R 5208", "S 50"}));
+                                 steps{"W 5204=2", "R 5208", "S 50", "W 5204=4"}));
 }
 
 // ---- The locks of the others --------------------------------------------------------------------

@@ -275,7 +275,8 @@ TEST_F(eeprom_send, a_stop_ends_a_read) {
     script.on_read(k_control, {k_ready, k_busy});
     script.stop_at_sleep(1);  // of the polls
     EXPECT_EQ(read(), ENOSYS);
-    EXPECT_EQ(script.count("W 5010=0"), 0U);
+    EXPECT_EQ(script.accesses().back(), "W 5010=0") << "the command is cleared";
+    EXPECT_EQ(script.count("W 5010=0"), 1U);
     EXPECT_EQ(script.count("S 3"), 1U);
     renew();
     script.on_read(k_control, {k_busy});
@@ -286,6 +287,25 @@ TEST_F(eeprom_send, a_stop_ends_a_read) {
     script.on_read(k_control, {k_busy});
     script.stop_at_sleep(1);  // after the last attempt
     EXPECT_EQ(read(), ENOSYS);
+}
+
+TEST_F(eeprom_send, a_command_that_cannot_be_cleared_is_tried_once_more) {
+    script.on_write(k_control, {0, EPROTO});
+    EXPECT_EQ(read(), EPROTO);
+    EXPECT_THAT(script.accesses(), ElementsAre("R 5010", "V 5014=700F8", "W 5010=80000001",
+                                               "R 5010", "R 5018", "W 5010=0", "W 5010=0"));
+}
+
+TEST_F(eeprom_send, a_stop_at_any_moment_leaves_no_command_on_the_card) {
+    for (size_t n = 1; n <= 14; n++) {
+        for (const bool is_write : {false, true}) {
+            SCOPED_TRACE(testing::Message() << "write: " << is_write << ", access " << n);
+            renew();
+            script.stop_at(n);
+            is_write ? write(QNM_FLAG_VERIFY) : read();
+            EXPECT_TRUE(is_clean());
+        }
+    }
 }
 
 // ---- A word is written --------------------------------------------------------------------------
