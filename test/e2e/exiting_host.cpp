@@ -89,8 +89,8 @@ int main(int argc, char** argv) {
     if (argc != 3) return 2;
     const std::string directory = argv[1];
     const std::string way = argv[2];
-    if (way == "starting") return end_while_starting(directory);
     atexit(log_at_exit);
+    if (way == "starting") return end_while_starting(directory);
     qnm_log_init(directory.c_str());
     leave_running(run_manager, directory);
     const qnm_cbfunc_t function = way == "callback" ? exit_from_callback : ignore;

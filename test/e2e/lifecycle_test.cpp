@@ -5,6 +5,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <filesystem>
@@ -13,6 +14,7 @@
 #include <string>
 #include <thread>
 
+#include "program.h"
 #include "qnm_stats.h"
 #include "rig.h"
 
@@ -124,14 +126,25 @@ TEST(lifecycle, the_first_example_names_a_card) {
 
 TEST(lifecycle, the_examples_fail_with_a_word_when_the_manager_cannot_start) {
     const installation install("ether_port = absent0\n");
-    for (const char* const program : {FIRST_EXAMPLE, HOST_EXAMPLE}) {
-        const std::string output = install.path() + "/output";
-        const std::string command = program + (" " + install.path()) + " >" + output + " 2>&1";
-        const int status = pclose(popen(command.c_str(), "w"));
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << program;
-        std::ifstream file(output);
-        std::string line;
-        EXPECT_TRUE(std::getline(file, line) && line.starts_with("the manager ended")) << line;
+    for (const char* const path : {FIRST_EXAMPLE, HOST_EXAMPLE}) {
+        program host({path, install.path()}, install.path());
+        EXPECT_EQ(host.wait(), 1) << path;
+        EXPECT_TRUE(host.output().starts_with("the manager ended")) << host.output();
+    }
+}
+
+TEST(lifecycle, the_examples_show_in_one_line_what_is_wrong_with_the_properties) {
+    const installation install(k_two_ports);
+    const std::string properties = install.path() + "/conf/qnm_log4c.properties";
+    std::filesystem::remove(properties);
+    for (const char* const path : {FIRST_EXAMPLE, HOST_EXAMPLE, WATCH_LOOP_EXAMPLE}) {
+        program host({path, install.path()}, install.path());
+        EXPECT_EQ(host.wait(), 1) << path;
+        const std::string output = host.output();
+        EXPECT_TRUE(
+            output.starts_with("qnm_log_init: " + properties + ": No such file or directory\n"))
+            << output;
+        EXPECT_EQ(std::count(output.begin(), output.end(), '\n'), 2) << output;
     }
 }
 

@@ -183,7 +183,8 @@ typedef enum qnm_log_level QNM_ANY_INT {
  * @retval QNM_API_EINVAL   log_level out of range, or path is not a directory
  * @retval QNM_API_EPROTO   path too long, properties file missing, configuration invalid, no port
  *                          could be opened, a thread or pipe could not be made, or an internal
- *                          error ended the running manager; the log tells which
+ *                          error ended the running manager; the log tells which, where there is
+ *                          one (see qnm_log_init()) and memory for the line
  * @retval QNM_API_EBUSY    the manager is already running, starting or not yet stopped
  *
  * The worker threads run with all signals blocked. Raw sockets need CAP_NET_RAW.
@@ -743,9 +744,15 @@ qnm_api_code_t qnm_stdump(uint32_t verbose);
  * Configures log4cxx from conf/qnm_log4c.properties below a directory. qnm_init_manager() does
  * this by itself; a host program calls it only to use the log functions below before that.
  *
+ * Where the file is missing, cannot be read or leaves one of the three loggers without an appender
+ * that can write, one line on standard error names the file and what is wrong, and the lines of
+ * that logger are lost. The line is not repeated while the same is wrong. A logger whose level is
+ * OFF needs no appender.
+ *
  * @param[in] path  as for qnm_init_manager()
- * @retval QNM_API_SUCCESS  the file was read; errors inside it are reported by log4cxx itself
- * @retval QNM_API_EPROTO   path too long, or the file is missing
+ * @retval QNM_API_SUCCESS  the file is there, whatever is in it
+ * @retval QNM_API_EPROTO   path too long, the file is missing or no regular file, or the process is
+ *                          ending
  */
 qnm_api_code_t qnm_log_init(const char* path);
 

@@ -34,6 +34,7 @@ constexpr level_rule k_rules[] = {
     {"unordered lock", 0},
     {"callback list", held(QNM_LOCK_CALLBACKS)},
     {"callback handles", held(QNM_LOCK_CALLBACKS)},
+    {"properties of the log", held(QNM_LOCK_CALLBACKS)},
     {"write lock of a card", held(QNM_LOCK_CALLBACKS)},
     {"device table", k_by_calls},
     {"blacklist", k_by_calls | held(QNM_LOCK_TABLE)},

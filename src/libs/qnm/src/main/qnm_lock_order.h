@@ -12,6 +12,7 @@ typedef enum qnm_lock_level {
     QNM_LOCK_UNORDERED,    // not checked
     QNM_LOCK_CALLBACKS,    // callbacks of one event type; after those of another only
     QNM_LOCK_HANDLES,      // live handles of callbacks; after a callback list only
+    QNM_LOCK_LOG,          // while the log's properties are read; after a callback list only
     QNM_LOCK_CARD_WRITE,   // a card's write lock; after a callback list only
     QNM_LOCK_TABLE,        // after a callback list or a write lock
     QNM_LOCK_BLACKLIST,    // after the same and the table

@@ -15,17 +15,21 @@
 #include "qnm_log4cxxif.h"
 
 #include <log4cxx/file.h>
+#include <log4cxx/helpers/loglog.h>
 #include <log4cxx/logger.h>
 #include <log4cxx/propertyconfigurator.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <iterator>
 #include <string>
 
+#include "qnm_log_check.h"
 #include "qnm_thread.h"
 #include "qnm_util.h"
 
@@ -38,12 +42,19 @@ using log4cxx::LoggerPtr;
 constexpr char k_properties[] = "conf/qnm_log4c.properties";
 constexpr size_t k_line_size = 512;
 
-constexpr uint64_t k_exit_wait_ms = 1000;
+constexpr int k_exit_wait_ms = 1000;
 
 // Properties that differ from those read before may have log4cxx make more, so each reading
 // registers the handler again. A manager that is restarted for ever must not gather handlers for
 // ever, though.
 constexpr int k_exit_handlers = 16;
+
+// The properties are read by one thread at a time.
+qnm_mutex_t properties_mutex = QNM_MUTEX_OF_LEVEL(QNM_LOCK_LOG);
+
+// Where this is not known, each line has a look whether its logger has an appender at all: without
+// one log4cxx complains on standard error.
+std::atomic<bool> all_loggers_write = false;
 
 std::atomic<bool> exiting = false;
 std::atomic<int> lines_under_way = 0;
@@ -76,9 +87,8 @@ logger_handle logger_stats("statslogfile");
 // but the first time is the one that counts.
 void close_log() {
     if (exiting.exchange(true)) return;
-    const uint64_t begin = _qnm_get_msec_monotonic();
-    while (lines_under_way > 0) {
-        if (_qnm_get_msec_monotonic() - begin > k_exit_wait_ms) return;
+    for (int ms = 0; lines_under_way > 0; ms++) {
+        if (ms == k_exit_wait_ms) return;
         _qnm_msleep(1);
     }
     for (logger_handle* const logger : {&logger_file, &logger_syslog, &logger_stats})
@@ -111,6 +121,29 @@ void format_and_output(const logger_handle& logger, qnm_log_level_t level, const
     _qnm_output_log(logger.ptr, line, level);
 }
 
+// log4cxx's own words on standard error would stand beside the library's.
+struct quiet_log4cxx {
+    quiet_log4cxx() { log4cxx::helpers::LogLog::setQuietMode(true); }
+    ~quiet_log4cxx() { log4cxx::helpers::LogLog::setQuietMode(false); }
+};
+
+// A broken properties file costs log lines, not the manager. Whether log4cxx did not throw.
+bool read_properties(const char* name, qnm::problem_text& problem) {
+    bool did_throw = false;
+    _qnm_log_check_file(name, &problem);
+    if (problem.text[0] != '\0') return true;
+    try {
+        const quiet_log4cxx quiet;
+        log4cxx::PropertyConfigurator::configure(log4cxx::File(name));
+        _qnm_log_check_loggers(&problem);
+    } catch (const std::exception& thrown) {
+        problem.add("%s", thrown.what());
+        did_throw = true;
+    }
+    all_loggers_write = problem.text[0] == '\0';
+    return !did_throw;
+}
+
 }  // namespace
 
 extern "C" {
@@ -121,7 +154,8 @@ void _qnm_output_log(LoggerPtr logger, char* msg, qnm_log_level_t level) {
     if (static_cast<unsigned>(level) >= std::size(k_levels)) return;
     try {
         const LevelPtr log4cxx_level = k_levels[level]();
-        if (logger->isEnabledFor(log4cxx_level)) {
+        if (logger->isEnabledFor(log4cxx_level) &&
+            (all_loggers_write || _qnm_log_has_appender(logger.get()))) {
             logger->forcedLog(log4cxx_level, std::string(msg), LOG4CXX_LOCATION);
         }
     } catch (...) {
@@ -159,18 +193,28 @@ void qnm_statslog(const char* fmt, ...) {
 
 qnm_api_code_t qnm_log_init(const char* path) {
     char name[qnm::k_filename_size];
-    if (_qnm_make_filename(path, k_properties, name, sizeof name) != 0) return QNM_API_EPROTO;
-    if (_qnm_file_exist(name) != 0) return QNM_API_EPROTO;
+    qnm::problem_text problem;
+    const qnm::mutex_guard lock(properties_mutex);
+    all_loggers_write = false;
+    if (_qnm_make_filename(path, k_properties, name, sizeof name) != 0) {
+        problem.add("the name of the directory is too long");
+        _qnm_log_tell(__func__, path, &problem);
+        return QNM_API_EPROTO;
+    }
+    errno = 0;
+    if (_qnm_file_exist(name) != 0) {
+        problem.add("%s", errno != 0 ? strerror(errno) : "is not a regular file");
+        _qnm_log_tell(__func__, name, &problem);
+        return QNM_API_EPROTO;
+    }
     const line_guard guard;
     if (!guard.is_allowed()) return QNM_API_EPROTO;
-    try {
-        log4cxx::PropertyConfigurator::configure(log4cxx::File(name));
+    if (read_properties(name, problem)) {
         qnm_log_info("%s: Log initialize is done. logconfig_filepath:%s", __func__,
                      path != nullptr ? path : "(null)");
-        close_log_before_log4cxx();
-    } catch (const std::exception&) {
-        // A broken properties file costs log lines, not the manager.
     }
+    _qnm_log_tell(__func__, name, &problem);
+    close_log_before_log4cxx();
     return QNM_API_SUCCESS;
 }
 

@@ -119,9 +119,11 @@ const start_row k_starts[] = {
       {1,
        QNM_API_SUCCESS,
        {{k_warn, "_qnm_config_read: Failed to _qnm_file_exist(). path={conf}"}}}}},
+    // The properties, which cost lines only; the configuration.
     {call::fopen,
      EMFILE,
-     {{1, QNM_API_EPROTO, {{k_error, "_qnm_config_read: file open error: {conf}. erno=24"}}}}},
+     {{1, QNM_API_SUCCESS},
+      {1, QNM_API_EPROTO, {{k_error, "_qnm_config_read: file open error: {conf}. erno=24"}}}}},
     // A configuration that ends early is used as far as it goes.
     {call::fgets, EIO, {{7, QNM_API_SUCCESS}}},
     // The events of the statistics, of the event thread and of the tags.
@@ -762,6 +764,7 @@ const call_row k_calls[] = {
     {"qnm_stdump", call::strftime, ERANGE, {k_no_date}},
     {"qnm_set_loglevel", call::setsockopt, EPERM, {harmless(2)}},
     {"qnm_log_init", call::stat, EACCES, {{1, QNM_API_EPROTO}}},
+    {"qnm_log_init", call::fopen, EACCES, {harmless(1)}},
 };
 
 bool is_here(std::thread::id self) {

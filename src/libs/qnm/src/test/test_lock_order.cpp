@@ -136,6 +136,7 @@ TEST_F(lock_order_death, the_tags_after_the_table) {
 struct all_levels {
     qnm_mutex_t callbacks = QNM_MUTEX_OF_LEVEL(QNM_LOCK_CALLBACKS);
     qnm_mutex_t handles = QNM_MUTEX_OF_LEVEL(QNM_LOCK_HANDLES);
+    qnm_mutex_t log = QNM_MUTEX_OF_LEVEL(QNM_LOCK_LOG);
     qnm_mutex_t card_write = QNM_MUTEX_OF_LEVEL(QNM_LOCK_CARD_WRITE);
     qnm_mutex_t table = QNM_MUTEX_OF_LEVEL(QNM_LOCK_TABLE);
     qnm_mutex_t blacklist = QNM_MUTEX_OF_LEVEL(QNM_LOCK_BLACKLIST);
@@ -147,10 +148,10 @@ struct all_levels {
 };
 
 constexpr qnm_mutex_t all_levels::*k_levels[] = {
-    &all_levels::callbacks,   &all_levels::handles,     &all_levels::card_write,
-    &all_levels::table,       &all_levels::blacklist,   &all_levels::event,
-    &all_levels::event_queue, &all_levels::write_locks, &all_levels::tags,
-    &all_levels::statistics,
+    &all_levels::callbacks,  &all_levels::handles,     &all_levels::log,
+    &all_levels::card_write, &all_levels::table,       &all_levels::blacklist,
+    &all_levels::event,      &all_levels::event_queue, &all_levels::write_locks,
+    &all_levels::tags,       &all_levels::statistics,
 };
 static_assert(std::size(k_levels) + 1 == QNM_LOCK_LEVEL_MAX);
 

@@ -8,9 +8,12 @@
 #include <log4cxx/logmanager.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <optional>
+#include <ostream>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -18,6 +21,7 @@
 #include <vector>
 
 #include "config_file.h"
+#include "fail.h"
 #include "log_capture.h"
 #include "qnm_log4cxxif.h"
 #include "qnm_thread.h"
@@ -342,6 +346,177 @@ TEST_F(LogInit, survives_what_log4cxx_throws) {
     EXPECT_EQ(qnm_log_init(dir_.path().c_str()), QNM_API_SUCCESS);
     configuring_throws = false;
     EXPECT_TRUE(log_.lines().empty());
+}
+
+// ---- Where there is no log
+// ------------------------------------------------------------------------
+
+// What log4cxx would say by itself comes upon the first line of each logger at the latest.
+std::string told_by_reading(const std::string& dir, qnm_api_code_t expected) {
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(qnm_log_init(dir.c_str()), expected);
+    qnm_log_error("text");
+    qnm_syslog_error("text");
+    qnm_statslog("text");
+    return testing::internal::GetCapturedStderr();
+}
+
+struct problem_row {
+    const char* name;
+    std::string properties;  // {dir} stands for the installation directory
+    std::string problem;
+};
+
+std::string logger(const std::string& name, const std::string& more) {
+    return "log4j.logger." + name + "=ALL, " + name + "\nlog4j.additivity." + name +
+           "=false\nlog4j.appender." + name + more;
+}
+
+std::string appender(const std::string& name, const std::string& file) {
+    return logger(name, "=org.apache.log4j.FileAppender\nlog4j.appender." + name + ".File=" + file +
+                            "\nlog4j.appender." + name + ".layout=org.apache.log4j.SimpleLayout\n");
+}
+
+const std::string k_others =
+    appender("syslogfile", "{dir}/a") + appender("statslogfile", "{dir}/b");
+
+const problem_row k_problems[] = {
+    {"empty", "",
+     "no appender for the logger logfile; no appender for the logger syslogfile; "
+     "no appender for the logger statslogfile"},
+    {"misspelt", k_others + appender("log_file", "{dir}/c"), "no appender for the logger logfile"},
+    {"unknown_appender", k_others + logger("logfile", "=org.apache.log4j.NoSuchAppender\n"),
+     "no appender for the logger logfile"},
+    {"undefined_appender", k_others + "log4j.logger.logfile=ALL, nowhere\n",
+     "no appender for the logger logfile"},
+    {"no_layout",
+     k_others + logger("logfile",
+                       "=org.apache.log4j.FileAppender\n"
+                       "log4j.appender.logfile.File={dir}/c\n"),
+     "no layout for the appender logfile"},
+    {"no_file",
+     k_others + logger("logfile",
+                       "=org.apache.log4j.FileAppender\n"
+                       "log4j.appender.logfile.layout=org.apache.log4j.SimpleLayout\n"),
+     "no File for the appender logfile"},
+    {"missing_folder", k_others + appender("logfile", "/proc/none/log"),
+     "cannot write /proc/none/log: No such file or directory"},
+    {"file_for_a_folder", k_others + appender("logfile", "{dir}/conf/qnm_log4c.properties/log"),
+     "cannot write {dir}/conf/qnm_log4c.properties/log: Not a directory"},
+    {"folder_for_a_file", k_others + appender("logfile", "{dir}/conf"),
+     "cannot write {dir}/conf: Is a directory"},
+    {"rolling",
+     k_others + logger("logfile",
+                       "=org.apache.log4j.RollingFileAppender\n"
+                       "log4j.appender.logfile.File=/proc/none/log\n"
+                       "log4j.appender.logfile.MaxFileSize=1MB\n"
+                       "log4j.appender.logfile.layout=org.apache.log4j.SimpleLayout\n"),
+     "cannot write /proc/none/log: No such file or directory"},
+    {"shared_appender",
+     "log4j.rootLogger=ALL, ROOT\nlog4j.appender.ROOT=org.apache.log4j.FileAppender\n"
+     "log4j.appender.ROOT.File={dir}/conf\n"
+     "log4j.appender.ROOT.layout=org.apache.log4j.SimpleLayout\n",
+     "cannot write {dir}/conf: Is a directory"},
+};
+
+std::string fill_in(std::string text, const std::string& dir) {
+    const std::string mark = "{dir}";
+    for (size_t at; (at = text.find(mark)) != std::string::npos;)
+        text.replace(at, mark.size(), dir);
+    return text;
+}
+
+// Prints the name of the row in the list of tests.
+void PrintTo(const problem_row& row, std::ostream* out) {
+    *out << row.name;
+}
+
+class LogProblem : public testing::TestWithParam<problem_row> {
+  protected:
+    LogProblem() {
+        answer.reset();
+        log4cxx::LogManager::resetConfiguration();
+    }
+    ~LogProblem() override { log4cxx::LogManager::resetConfiguration(); }
+
+    std::string line(const std::string& problem) const {
+        return "qnm_log_init: " + dir_.properties() + ": " + problem + "\n";
+    }
+
+    void write(const std::string& properties) const {
+        std::ofstream(dir_.properties()) << fill_in(properties, dir_.path());
+    }
+
+    const fail::guard fails_;
+    install_dir dir_;
+};
+
+INSTANTIATE_TEST_SUITE_P(properties, LogProblem, testing::ValuesIn(k_problems),
+                         [](const auto& each) { return std::string(each.param.name); });
+
+TEST_P(LogProblem, is_told_in_one_line_that_names_the_file) {
+    write(GetParam().properties);
+    EXPECT_EQ(told_by_reading(dir_.path(), QNM_API_SUCCESS),
+              line(fill_in(GetParam().problem, dir_.path())));
+    EXPECT_EQ(told_by_reading(dir_.path(), QNM_API_SUCCESS), "");
+}
+
+TEST_F(LogProblem, is_told_again_when_it_has_been_away) {
+    write("");
+    EXPECT_NE(told_by_reading(dir_.path(), QNM_API_SUCCESS), "");
+    write(k_others + appender("logfile", "{dir}/c"));
+    EXPECT_EQ(told_by_reading(dir_.path(), QNM_API_SUCCESS), "");
+    write("log4j.logger.logfile=ALL, nowhere\n");
+    EXPECT_NE(told_by_reading(dir_.path(), QNM_API_SUCCESS), "");
+}
+
+TEST_F(LogProblem, is_no_logger_that_is_off) {
+    write("log4j.logger.syslogfile=OFF\nlog4j.logger.statslogfile=OFF\n" +
+          appender("logfile", "{dir}/c"));
+    EXPECT_EQ(told_by_reading(dir_.path(), QNM_API_SUCCESS), "");
+}
+
+TEST_F(LogProblem, may_be_a_missing_file) {
+    dir_.remove_properties();
+    EXPECT_EQ(told_by_reading(dir_.path(), QNM_API_EPROTO), line("No such file or directory"));
+    EXPECT_EQ(told_by_reading(dir_.path(), QNM_API_EPROTO), "");
+}
+
+TEST_F(LogProblem, may_be_a_directory) {
+    dir_.remove_properties();
+    std::filesystem::create_directory(dir_.properties());
+    EXPECT_EQ(told_by_reading(dir_.path(), QNM_API_EPROTO), line("is not a regular file"));
+}
+
+TEST_F(LogProblem, may_be_a_lack_of_rights) {
+    fail::nth(fail::call::fopen, 1, EACCES);
+    EXPECT_EQ(told_by_reading(dir_.path(), QNM_API_SUCCESS), line("Permission denied"));
+}
+
+TEST_F(LogProblem, may_be_a_log_that_others_own) {
+    write(k_others + appender("logfile", "{dir}/c"));
+    fail::nth(fail::call::fopen, 2, EACCES);
+    EXPECT_EQ(told_by_reading(dir_.path(), QNM_API_SUCCESS),
+              line("cannot write " + dir_.path() + "/c: Permission denied"));
+}
+
+TEST_F(LogProblem, is_no_lack_of_descriptors_for_the_look_at_the_log) {
+    write(k_others + appender("logfile", "{dir}/c"));
+    fail::nth(fail::call::fopen, 2, EMFILE);
+    EXPECT_EQ(told_by_reading(dir_.path(), QNM_API_SUCCESS), "");
+    std::string text;
+    EXPECT_TRUE(std::getline(std::ifstream(dir_.path() + "/c"), text));
+}
+
+TEST_F(LogProblem, may_be_the_name_of_the_directory) {
+    const std::string long_name(486, 'd');
+    EXPECT_EQ(told_by_reading(long_name, QNM_API_EPROTO),
+              "qnm_log_init: " + long_name + ": the name of the directory is too long\n");
+}
+
+TEST_F(LogProblem, gives_no_orders_to_a_terminal) {
+    EXPECT_EQ(told_by_reading("/none/\x1b[2J\n\x7f", QNM_API_EPROTO),
+              "qnm_log_init: /none/?[2J\?\?/conf/qnm_log4c.properties: No such file or directory\n");
 }
 
 }  // namespace
