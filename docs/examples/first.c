@@ -7,7 +7,7 @@
 
 static void* run(void* dir) { /* on the library's own thread, until the stop */
     if (qnm_init_manager(dir, QNM_LOGLVL_NONE) != QNM_API_SUCCESS)
-        fputs("the manager ended; its log tells why\n", stderr), exit(1);
+        fputs("the manager ended; its log or the line above tells why\n", stderr), exit(1);
     return NULL;
 }
 

@@ -171,7 +171,8 @@ int main(int argc, char** argv) {
     pthread_join(manager, NULL);
     handle(take(&bridge)); /* what came until the end */
     if (bridge.result != QNM_API_SUCCESS) {
-        fprintf(stderr, "watch_loop: the manager ended with code %d; the log tells why\n",
+        fprintf(stderr,
+                "watch_loop: the manager ended with code %d; the log or a line above tells why\n",
                 bridge.result);
     }
     close(bridge.raised);
