@@ -25,6 +25,7 @@
 
 #include "qnm.h"
 #include "qnm_config.h"
+#include "qnm_paced_log.h"
 #include "qnm_thread.h"
 #include "qnm_util.h"
 
@@ -63,9 +64,13 @@ bool is_valid(int tag) {
            static_cast<uint32_t>(tag) <= qnm_config.tag_max;
 }
 
+void log_invalid(const char* func, int tag) {
+    qnm_log_warn("%s: Invalid tag. tag=%d", func, tag);
+}
+
 bool check_tag(const char* func, int tag) {
     if (is_valid(tag)) return true;
-    qnm_log_warn("%s: Invalid tag. tag=%d", func, tag);
+    log_invalid(func, tag);
     return false;
 }
 
@@ -250,7 +255,10 @@ int _qnm_sigwait_comp(int tag, uint32_t timeout) {
 }
 
 int _qnm_recv_comp(int tag, int port, uint64_t src_mac, uint32_t data) {
-    if (!check_tag(__func__, tag)) return 0;
+    if (!is_valid(tag)) {
+        if (_qnm_paced_may_write(QNM_PACED_TAG, __func__)) log_invalid(__func__, tag);
+        return 0;
+    }
     if (accept(__func__, cmp_tags[tag], port, src_mac, data)) {
         _qnm_event_set(&cmp_tags[tag].cmp_signal);
     }

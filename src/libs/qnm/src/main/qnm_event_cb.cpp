@@ -23,6 +23,7 @@
 
 #include "qnm_api.h"
 #include "qnm_main.h"
+#include "qnm_paced_log.h"
 #include "qnm_stats.h"
 #include "qnm_thread.h"
 
@@ -103,23 +104,19 @@ qnm_cbinfo_t* cbinfo_of(qnm_list* links) {
     return reinterpret_cast<qnm_cbinfo_t*>(links);
 }
 
-// A counted record on the heap; null, with a log line, when there is no memory for it.
+// A counted record on the heap; null when there is no memory for it.
 template <typename Record>
-Record* make_counted(const char* func, const char* type_name, uint32_t* allocated,
-                     const Record& value) {
+Record* make_counted(uint32_t* allocated, const Record& value) {
     auto* const record = new (std::nothrow) Record(value);
-    if (record == nullptr) {
-        qnm::count(&qnm_stats.est_alloc_err);
-        qnm_log_error("%s: can't alloc memory for %s", func, type_name);
-        return nullptr;
-    }
-    qnm::count(allocated);
+    qnm::count(record != nullptr ? allocated : &qnm_stats.est_alloc_err);
     return record;
 }
 
 qnm_cbinfo_t* _cbinfo_create(qnm_evt_type_t type, qnm_cbfunc_t func, const void* arg) {
-    return make_counted(__func__, "qnm_cbinfo_t", &qnm_stats.est_cbinfo_al,
-                        qnm_cbinfo_t{{}, func, const_cast<void*>(arg), type, {}});
+    auto* const info = make_counted(&qnm_stats.est_cbinfo_al,
+                                    qnm_cbinfo_t{{}, func, const_cast<void*>(arg), type, {}});
+    if (info == nullptr) qnm_log_error("%s: can't alloc memory for qnm_cbinfo_t", __func__);
+    return info;
 }
 
 void cbinfo_free(qnm_cbinfo_t* info) {
@@ -157,8 +154,11 @@ qnm_evt_type_t type_of_handle(qnm_cbid_t id) {
 }
 
 qnm_evt_node_t* _evt_node_create(qnm_evt_type_t event_type, uint64_t id) {
-    return make_counted(__func__, "qnm_evt_node_t", &qnm_stats.est_evt_node_al,
-                        qnm_evt_node_t{{}, event_type, id});
+    auto* const node = make_counted(&qnm_stats.est_evt_node_al, qnm_evt_node_t{{}, event_type, id});
+    if (node == nullptr && _qnm_paced_may_write(QNM_PACED_EVENT_MEMORY, __func__)) {
+        qnm_log_error("%s: can't alloc memory for qnm_evt_node_t", __func__);
+    }
+    return node;
 }
 
 void evt_node_free(qnm_evt_node_t* node) {
@@ -334,9 +334,10 @@ const char* _qnm_event_name(qnm_evt_type_t event_type) {
 }
 
 void _qnm_raise_event(const char* func, qnm_evt_type_t event_type, uint64_t id) {
+    const auto line = static_cast<qnm_paced_line_t>(QNM_PACED_EVENT_LOST + int{event_type});
     if (queue_event(event_type, id) == 0) {
         untold_events++;
-    } else {
+    } else if (_qnm_paced_may_write(line, func)) {
         qnm_log_warn("%s: Failed to _qnm_add_event(%s) id=0x%.12lx", func,
                      _qnm_event_name(event_type), id);
     }

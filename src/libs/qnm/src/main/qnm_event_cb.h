@@ -18,7 +18,7 @@ int _qnm_event_cb_fini(void);
 // must be valid.
 int _qnm_add_event(qnm_evt_type_t event_type, uint64_t id);
 
-// Queues one event for a producer that holds the table lock and carries on: a lost event is logged
+// Queues one event for a producer that holds the table lock and carries on: a lost event is told
 // as a warning in its name. The event thread is told later, by _qnm_tell_events().
 void _qnm_raise_event(const char* func, qnm_evt_type_t event_type, uint64_t id);
 

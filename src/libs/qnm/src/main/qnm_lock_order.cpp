@@ -23,7 +23,7 @@ constexpr unsigned held(qnm_lock_level_t level) {
 // What may be held when a lock is taken.
 constexpr unsigned k_by_calls = held(QNM_LOCK_CALLBACKS) | held(QNM_LOCK_CARD_WRITE);
 constexpr unsigned k_by_tables = k_by_calls | held(QNM_LOCK_TABLE) | held(QNM_LOCK_BLACKLIST);
-constexpr unsigned k_by_all = ~held(QNM_LOCK_STATS);
+constexpr unsigned k_by_all = ~(held(QNM_LOCK_PACED) | held(QNM_LOCK_STATS));
 
 struct level_rule {
     const char* name;
@@ -42,6 +42,7 @@ constexpr level_rule k_rules[] = {
     {"event queue", k_by_tables | held(QNM_LOCK_EVENT)},
     {"map of write locks", k_by_calls | held(QNM_LOCK_TABLE)},
     {"completion tags", k_by_calls},
+    {"counts of lines", k_by_all},
     {"statistics", k_by_all},
 };
 static_assert(std::size(k_rules) == QNM_LOCK_LEVEL_MAX);

@@ -26,6 +26,7 @@
 #include "qnm_config.h"
 #include "qnm_event_cb.h"
 #include "qnm_linkdown.h"
+#include "qnm_paced_log.h"
 #include "qnm_qn_info.h"
 #include "qnm_recv.h"
 #include "qnm_reg_send.h"
@@ -59,6 +60,7 @@ struct unit {
 };
 
 constexpr unit k_units[] = {
+    {_qnm_paced_init, _qnm_paced_fini},
     {_qnm_stats_init, _qnm_stats_fini},
     {_qnm_qn_init, _qnm_qn_fini},
     {_qnm_blacklist_init, _qnm_blacklist_fini},

@@ -17,6 +17,7 @@
 #include "qnm_config.h"
 #include "qnm_event_cb.h"
 #include "qnm_main.h"
+#include "qnm_paced_log.h"
 #include "qnm_stats.h"
 #include "qnm_util.h"
 
@@ -155,8 +156,10 @@ int add_card(uint64_t id, const typename Kind::record& record, uint32_t ignore_s
     note_heard<Kind>(*node, heard);
     const int err = _qnm_rbtree_put(map_of<Kind>(), &(node->*Kind::links));
     if (err != 0) {
-        qnm_log_warn("%s: Failed to _qnm_rbtree_put(). err=%d, id=0x%.12lx", Kind::add_name, err,
-                     id);
+        if (_qnm_paced_may_write(QNM_PACED_CARD_NOT_PUT, Kind::add_name)) {
+            qnm_log_warn("%s: Failed to _qnm_rbtree_put(). err=%d, id=0x%.12lx", Kind::add_name,
+                         err, id);
+        }
         free_node<Kind>(&(node->*Kind::links), nullptr);
         return EPROTO;
     }
@@ -903,6 +906,7 @@ int _qnm_interval_check(void) {
         slept += flag_interval;
         uint64_t monotonic = 0;
         may_judge(loop, flag_interval, &monotonic);
+        _qnm_paced_tell();
         if (slept < check_interval) continue;
         check_once(loop, restart_checks);
         slept = 0;

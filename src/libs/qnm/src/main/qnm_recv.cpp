@@ -31,6 +31,7 @@
 #include "qnm_frame.h"
 #include "qnm_log4cxxif.h"
 #include "qnm_main.h"
+#include "qnm_paced_log.h"
 #include "qnm_qn_info.h"
 #include "qnm_reg_send.h"
 #include "qnm_stats.h"
@@ -216,7 +217,8 @@ bool differs(const typename Kind::record& old_card, const typename Kind::record&
         mask_status(new_masked);
         return memcmp(&old_masked, &new_masked, sizeof(record)) != 0;
     }
-    if (qnm_config.update_evt_mask != 1) {
+    if (qnm_config.update_evt_mask != 1 &&
+        _qnm_paced_may_write(QNM_PACED_EVT_MASK, k_names<Kind>.compare)) {
         qnm_log_warn("%s: Invalid config parameter. update_evt_mask=%u", k_names<Kind>.compare,
                      qnm_config.update_evt_mask);
     }
@@ -271,8 +273,10 @@ bool store_watched(typename Kind::record& card, const arrival& from, const char*
     const qnm_heard_t heard = from.heard();
     const int err = Kind::set_heard(id, &card, QNM_WATCH, 0, QNM_VALID_ALL, &heard);
     if (err == 0) return true;
-    qnm_log_error("%s: Failed to %s(). err=%d, id=0x%.12lx, ignore_state=%s", k_names<Kind>.update,
-                  Kind::set_name, err, id, ignore_state);
+    if (_qnm_paced_may_write(QNM_PACED_CARD_NOT_UPDATED, k_names<Kind>.update)) {
+        qnm_log_error("%s: Failed to %s(). err=%d, id=0x%.12lx, ignore_state=%s",
+                      k_names<Kind>.update, Kind::set_name, err, id, ignore_state);
+    }
     return false;
 }
 
@@ -336,6 +340,7 @@ void update_card(const typename Kind::record& old_card, typename Kind::record& n
         case QNM_WATCH_RESTART:
             return update_restarted<Kind>(change, from);
         default:
+            if (!_qnm_paced_may_write(QNM_PACED_IGNORE_STATE, k_names<Kind>.update)) return;
             qnm_log_warn("%s: Unknown ignore_state. state=%u", k_names<Kind>.update, ignore_state);
     }
 }
@@ -353,8 +358,10 @@ bool add_unless_stopped(typename Kind::record& card, const arrival& from)
     const qnm_heard_t heard = from.heard();
     const int err = Kind::set_heard(dev.ecd_id, &card, QNM_WATCH, 0, QNM_VALID_ALL, &heard);
     if (err != 0) {
-        qnm_log_error("%s: Failed to %s(). err=%d, id=0x%.12lx", func, Kind::set_name, err,
-                      dev.ecd_id);
+        if (_qnm_paced_may_write(QNM_PACED_CARD_NOT_ADDED, func)) {
+            qnm_log_error("%s: Failed to %s(). err=%d, id=0x%.12lx", func, Kind::set_name, err,
+                          dev.ecd_id);
+        }
         return false;
     }
     const auto& state = dev.ecd_state;
@@ -370,6 +377,7 @@ void add_card(typename Kind::record& card, const arrival& from) QNM_REQUIRES(qnm
     const qnm_com_dev_t& dev = card.*Kind::com_dev;
     const int err = _qnm_create_reg_lock_node(dev.ecd_id);
     if (err != 0 && err != EEXIST) {
+        if (!_qnm_paced_may_write(QNM_PACED_NO_WRITE_LOCK, func)) return;
         qnm_log_warn(
             "%s: Failed to _qnm_create_reg_lock_node(). Drop DEVINFO Frame. err=%d, id=0x%.12lx",
             func, err, dev.ecd_id);
@@ -398,7 +406,7 @@ void set_devinfo(int port, const unsigned char* frame, uint8_t vlan_mode, uint64
         update_card<Kind>(old_card, new_card, ignore_state, from);
     } else if (err == ENOENT) {
         add_card<Kind>(new_card, from);
-    } else {
+    } else if (_qnm_paced_may_write(QNM_PACED_CARD_NOT_READ, k_names<Kind>.lookup)) {
         qnm_log_warn("%s: Failed to %s(). err=%d", k_names<Kind>.lookup, Kind::get_name, err);
     }
 }

@@ -16,6 +16,7 @@
 
 #include "qnm_completion.h"
 #include "qnm_main.h"
+#include "qnm_paced_log.h"
 #include "qnm_qn_info.h"
 #include "qnm_rbtree.h"
 #include "qnm_send_frame.h"
@@ -69,12 +70,16 @@ qnm_write_reg_node_t* _write_reg_create(uint64_t id) {
     auto* const node = new (std::nothrow) qnm_write_reg_node_t{{}, id};
     if (node == nullptr) {
         qnm::count(&qnm_stats.est_alloc_err);
-        qnm_log_warn("%s: Failed to _write_reg_node_alloc()", __func__);
+        if (_qnm_paced_may_write(QNM_PACED_LOCK_MEMORY, __func__)) {
+            qnm_log_warn("%s: Failed to _write_reg_node_alloc()", __func__);
+        }
         return nullptr;
     }
     qnm::count(&qnm_stats.est_wreg_node_al);
     if (_qnm_mutex_init(&node->wrn_mutex) != 0) {
-        qnm_log_warn("%s: Failed to _qnm_mutex_init()", __func__);
+        if (_qnm_paced_may_write(QNM_PACED_LOCK_MUTEX, __func__)) {
+            qnm_log_warn("%s: Failed to _qnm_mutex_init()", __func__);
+        }
         free_node(node);
         return nullptr;
     }
@@ -242,7 +247,9 @@ int _qnm_reg_fini(void) {
 int _qnm_create_reg_lock_node(uint64_t id) {
     qnm_write_reg_node_t* const node = _write_reg_create(id);
     if (node == nullptr) {
-        qnm_log_warn("%s: Failed to _write_reg_create(). id=0x%.12lx", __func__, id);
+        if (_qnm_paced_may_write(QNM_PACED_LOCK_NOT_CREATED, __func__)) {
+            qnm_log_warn("%s: Failed to _write_reg_create(). id=0x%.12lx", __func__, id);
+        }
         return ENOMEM;
     }
     int err = 0;
@@ -253,7 +260,7 @@ int _qnm_create_reg_lock_node(uint64_t id) {
     if (err == 0) return 0;
     if (err == EEXIST) {
         qnm_log_trace("%s: Failed to _qnm_rbtree_put(). err=EEXIST, id=0x%.12lx", __func__, id);
-    } else {
+    } else if (_qnm_paced_may_write(QNM_PACED_LOCK_NOT_PUT, __func__)) {
         qnm_log_warn("%s: Failed to _qnm_rbtree_put(). err=%d, id=0x%.12lx", __func__, err, id);
     }
     destroy_node(&node->wrn_rbnode, nullptr);

@@ -358,6 +358,7 @@ TEST_F(completion, tags_outside_the_range_are_refused_by_every_call) {
     for (const row& it : rows) {
         for (const int tag : {-1, 0, 9, 21, 255, 256}) {
             logs.clear();
+            _qnm_paced_init();  // each of them is the first
             EXPECT_EQ(it.call(tag), it.result) << it.name;
             const std::string line =
                 std::string(it.name) + ": Invalid tag. tag=" + std::to_string(tag);
@@ -661,6 +662,21 @@ TEST_F(completion, no_two_threads_own_one_tag) {
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_EQ(clashes, 0);
+}
+
+TEST_F(completion, a_flood_of_invalid_tags_costs_one_line_a_second) {
+    use_range(10, 20);
+    logs.clear();
+    _qnm_paced_init();
+    for (int n = 0; n < 1000; n++)
+        EXPECT_EQ(_qnm_recv_comp(21, 0, k_mac, 1), 0);
+    EXPECT_EQ(logs.count(k_warn, "_qnm_recv_comp: Invalid tag. tag=21"), 1U);
+    _qnm_paced_fini();
+    uint64_t told = 1;
+    for (const std::string& text : logs.texts("logfile", k_warn)) {
+        if (text.ends_with(": Invalid tag.")) told += std::stoull(text.substr(16));
+    }
+    EXPECT_EQ(told, 1000U);
 }
 
 }  // namespace

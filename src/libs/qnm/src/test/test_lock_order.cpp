@@ -144,6 +144,7 @@ struct all_levels {
     qnm_mutex_t event_queue = QNM_MUTEX_OF_LEVEL(QNM_LOCK_EVENT_QUEUE);
     qnm_mutex_t write_locks = QNM_MUTEX_OF_LEVEL(QNM_LOCK_WRITE_LOCKS);
     qnm_mutex_t tags = QNM_MUTEX_OF_LEVEL(QNM_LOCK_TAGS);
+    qnm_mutex_t paced = QNM_MUTEX_OF_LEVEL(QNM_LOCK_PACED);
     qnm_mutex_t statistics = QNM_MUTEX_OF_LEVEL(QNM_LOCK_STATS);
 };
 
@@ -151,21 +152,28 @@ constexpr qnm_mutex_t all_levels::*k_levels[] = {
     &all_levels::callbacks,  &all_levels::handles,     &all_levels::log,
     &all_levels::card_write, &all_levels::table,       &all_levels::blacklist,
     &all_levels::event,      &all_levels::event_queue, &all_levels::write_locks,
-    &all_levels::tags,       &all_levels::statistics,
+    &all_levels::tags,       &all_levels::paced,       &all_levels::statistics,
 };
 static_assert(std::size(k_levels) + 1 == QNM_LOCK_LEVEL_MAX);
 
-TEST_F(lock_order_death, anything_but_the_statistics_after_a_lock_of_single_steps) {
+TEST_F(lock_order_death, anything_but_counts_after_a_lock_of_single_steps) {
     for (const auto outer : {&all_levels::handles, &all_levels::event_queue,
                              &all_levels::write_locks, &all_levels::tags}) {
         for (const auto inner : k_levels) {
             all_levels of;
-            if (inner == &all_levels::statistics) {
+            if (inner == &all_levels::statistics || inner == &all_levels::paced) {
                 take_two(of.*outer, of.*inner);
             } else {
                 EXPECT_DEATH(take_two(of.*outer, of.*inner), "lock order broken");
             }
         }
+    }
+}
+
+TEST_F(lock_order_death, anything_after_the_counts_of_lines) {
+    for (const auto inner : k_levels) {
+        all_levels of;
+        EXPECT_DEATH(take_two(of.paced, of.*inner), "taken while counts of lines is held");
     }
 }
 

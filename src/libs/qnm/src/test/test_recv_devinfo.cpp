@@ -248,6 +248,7 @@ TEST_P(each_kind, failures_are_logged_and_drop_the_frame) {
                                        "id=0x020000001000, ignore_state=WATCH")));
     g_set_result = 0;
     EXPECT_EQ(qnm_restart_monitor(k_id), QNM_API_SUCCESS);
+    _qnm_paced_init();  // the line comes once a second, whatever the state
     g_set_result = EPROTO;
     EXPECT_THAT(receive(frame), IsEmpty());
     EXPECT_TRUE(logs.has(k_error, line("_update_{k}_devinfo: Failed to _qnm_set_{k}(). err=71, "

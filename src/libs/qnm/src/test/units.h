@@ -18,6 +18,7 @@
 #include "qnm_event_cb.h"
 #include "qnm_log4cxxif.h"
 #include "qnm_main.h"
+#include "qnm_paced_log.h"
 #include "qnm_qn_info.h"
 #include "qnm_reg_send.h"
 #include "qnm_stats.h"
@@ -45,6 +46,7 @@ struct units : testing::Test {
     units() {
         qnm::store(g_log_level, QNM_LOGLVL_TRACE);
         _qnm_config_init();
+        _qnm_paced_init();
         _qnm_stats_init();
         _qnm_qn_init();
         _qnm_blacklist_init();
