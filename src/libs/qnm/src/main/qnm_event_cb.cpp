@@ -7,7 +7,8 @@
 // frame waits, or after a number of events. The event thread takes the nodes off one by one and
 // calls, in registration order, every callback registered for the event's type. It holds
 // that type's cl_mutex meanwhile, so a callback must not register or unregister for its own type;
-// evt_mutex is never held while a callback runs, so producers are never blocked by user code.
+// evt_mutex is never held while a callback runs, so producers are never blocked by user code. An
+// event is lost only when there is no memory for it, or when k_events_max are waiting.
 //
 // cl_mutex guards the list of its type; evt_mutex guards the queue. A registration's handle is the
 // address of its record. Whoever hands one in may be wrong: a handle is looked up among the live
@@ -22,6 +23,7 @@
 #include <new>
 
 #include "qnm_api.h"
+#include "qnm_limits.h"
 #include "qnm_main.h"
 #include "qnm_paced_log.h"
 #include "qnm_stats.h"
@@ -86,6 +88,7 @@ struct live_handles_t {
 struct qnm_evt_queue_t {
     qnm_list evt_head QNM_GUARDED_BY(evt_mutex) = {&evt_head, &evt_head};
     qnm_mutex_t evt_mutex = QNM_MUTEX_OF_LEVEL(QNM_LOCK_EVENT_QUEUE);
+    uint32_t evt_count QNM_GUARDED_BY(evt_mutex) = 0;
 };
 
 qnm_cbevt_t cb_evt_tbl[QNM_EVT_MAX];
@@ -166,12 +169,26 @@ void evt_node_free(qnm_evt_node_t* node) {
     qnm::count(&qnm_stats.est_evt_node_fr);
 }
 
-int queue_event(qnm_evt_type_t event_type, uint64_t id) {
+// Puts a node at the end of the queue; false when that is full.
+bool push_event(qnm_evt_node_t& node) {
+    const qnm::mutex_guard lock(qnm_event_queue.evt_mutex);
+    if (qnm_event_queue.evt_count >= qnm::k_events_max) return false;
+    qnm_event_queue.evt_count++;
+    list_push_tail(qnm_event_queue.evt_head, node.een_list);
+    return true;
+}
+
+// 0; 12 without memory; 105 when too many are waiting, which is told here.
+int queue_event(const char* func, qnm_evt_type_t event_type, uint64_t id) {
     qnm_evt_node_t* const node = _evt_node_create(event_type, id);
     if (node == nullptr) return ENOMEM;
-    {
-        const qnm::mutex_guard lock(qnm_event_queue.evt_mutex);
-        list_push_tail(qnm_event_queue.evt_head, node->een_list);
+    if (!push_event(*node)) {
+        evt_node_free(node);
+        if (_qnm_paced_may_write(QNM_PACED_EVENT_REFUSED, func)) {
+            qnm_log_warn("%s: Too many events are waiting. Drop %s. max=%u, id=0x%.12lx", func,
+                         _qnm_event_name(event_type), qnm::k_events_max, id);
+        }
+        return ENOBUFS;
     }
     qnm::count(&qnm_stats.est_evt[event_type]);
     return 0;
@@ -183,6 +200,7 @@ qnm_evt_node_t* take_event() {
     if (list_is_empty(qnm_event_queue.evt_head)) return nullptr;
     qnm_list* const links = qnm_event_queue.evt_head.el_next;
     list_unlink(*links);
+    qnm_event_queue.evt_count--;
     return reinterpret_cast<qnm_evt_node_t*>(links);
 }
 
@@ -324,9 +342,9 @@ int _qnm_event_cb_fini(void) {
 }
 
 int _qnm_add_event(qnm_evt_type_t event_type, uint64_t id) {
-    const int err = queue_event(event_type, id);
+    const int err = queue_event(__func__, event_type, id);
     if (err == 0) _qnm_event_set(&event_sig);
-    return err;
+    return err == 0 ? 0 : ENOMEM;
 }
 
 const char* _qnm_event_name(qnm_evt_type_t event_type) {
@@ -334,10 +352,11 @@ const char* _qnm_event_name(qnm_evt_type_t event_type) {
 }
 
 void _qnm_raise_event(const char* func, qnm_evt_type_t event_type, uint64_t id) {
+    const int err = queue_event(func, event_type, id);
     const auto line = static_cast<qnm_paced_line_t>(QNM_PACED_EVENT_LOST + int{event_type});
-    if (queue_event(event_type, id) == 0) {
+    if (err == 0) {
         untold_events++;
-    } else if (_qnm_paced_may_write(line, func)) {
+    } else if (err == ENOMEM && _qnm_paced_may_write(line, func)) {
         qnm_log_warn("%s: Failed to _qnm_add_event(%s) id=0x%.12lx", func,
                      _qnm_event_name(event_type), id);
     }

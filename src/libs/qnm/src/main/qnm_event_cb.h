@@ -14,8 +14,8 @@ int _qnm_event_cb_init(void);
 // event thread must have ended.
 int _qnm_event_cb_fini(void);
 
-// Queues one event and wakes the event thread: 0, or 12 when it is lost for lack of memory. type
-// must be valid.
+// Queues one event and wakes the event thread: 0, or 12 when it is lost for lack of memory or
+// because too many are waiting. type must be valid.
 int _qnm_add_event(qnm_evt_type_t event_type, uint64_t id);
 
 // Queues one event for a producer that holds the table lock and carries on: a lost event is told

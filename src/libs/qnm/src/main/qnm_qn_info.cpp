@@ -16,8 +16,10 @@
 #include "qnm_api.h"
 #include "qnm_config.h"
 #include "qnm_event_cb.h"
+#include "qnm_limits.h"
 #include "qnm_main.h"
 #include "qnm_paced_log.h"
+#include "qnm_reg_send.h"
 #include "qnm_stats.h"
 #include "qnm_util.h"
 
@@ -204,6 +206,10 @@ int set_card(uint64_t id, const typename Kind::record* record, uint32_t ignore_s
     return 0;
 }
 
+bool is_known(uint64_t id) QNM_REQUIRES(qnm_qn.eei_mutex) {
+    return find_node<qnsv_kind>(id) != nullptr || find_node<qnio_kind>(id) != nullptr;
+}
+
 template <typename Kind>
 int delete_card(uint64_t id) {
     const table_guard lock;
@@ -213,6 +219,7 @@ int delete_card(uint64_t id) {
     free_node<Kind>(links, nullptr);
     total_of<Kind>()--;
     group_count<Kind>(group)--;
+    if (!is_known(id)) _qnm_forget_reg_lock_node(id);
     return 0;
 }
 
@@ -819,6 +826,10 @@ int _qnm_qn_unlock(void) {
     _qnm_mutex_unlock(&qnm_qn.eei_mutex);
     qnm_log_trace("%s: qn unlock", __func__);
     return 0;
+}
+
+int _qnm_qn_has_room(void) {
+    return total_of<qnsv_kind>() + total_of<qnio_kind>() < qnm::k_cards_max ? 1 : 0;
 }
 
 int _qnm_get_qnsv(uint64_t id, qnm_qnsv_t* qnsv, uint32_t* ignore_state, uint32_t* check_count,

@@ -88,6 +88,10 @@ int _qnm_qn_fini(void);
 int _qnm_qn_lock(void) QNM_ACQUIRE(qnm_qn.eei_mutex);
 int _qnm_qn_unlock(void) QNM_RELEASE(qnm_qn.eei_mutex);
 
+// Whether the tables may take one more card, of either kind: non-zero, or 0 when k_cards_max are
+// known.
+int _qnm_qn_has_room(void) QNM_REQUIRES(qnm_qn.eei_mutex);
+
 // Copy what valid_param names: 0; 22 when a wanted output is null; 2 when the ID is unknown.
 int _qnm_get_qnsv(uint64_t id, qnm_qnsv_t* qnsv, uint32_t* ignore_state, uint32_t* check_count,
                   uint32_t valid_param) QNM_REQUIRES(qnm_qn.eei_mutex);

@@ -29,6 +29,7 @@
 #include "qnm_config.h"
 #include "qnm_event_cb.h"
 #include "qnm_frame.h"
+#include "qnm_limits.h"
 #include "qnm_log4cxxif.h"
 #include "qnm_main.h"
 #include "qnm_paced_log.h"
@@ -375,6 +376,12 @@ template <typename Kind>
 void add_card(typename Kind::record& card, const arrival& from) QNM_REQUIRES(qnm_qn.eei_mutex) {
     const char* const func = k_names<Kind>.add;
     const qnm_com_dev_t& dev = card.*Kind::com_dev;
+    if (_qnm_qn_has_room() == 0) {
+        if (!_qnm_paced_may_write(QNM_PACED_CARD_REFUSED, func)) return;
+        qnm_log_warn("%s: Too many cards. Drop DEVINFO Frame. max=%u, id=0x%.12lx", func,
+                     qnm::k_cards_max, dev.ecd_id);
+        return;
+    }
     const int err = _qnm_create_reg_lock_node(dev.ecd_id);
     if (err != 0 && err != EEXIST) {
         if (!_qnm_paced_may_write(QNM_PACED_NO_WRITE_LOCK, func)) return;

@@ -6,8 +6,11 @@
 // may come between another thread's write and its read-back.
 //
 // Every card gets a lock when it is first announced, and keeps it while the manager runs, also when
-// the card is deleted or disconnected, so that a lock that has been looked up stays valid after
-// wrm_mutex is released. wrm_mutex guards the map only and is never held while a frame is sent.
+// the card is deleted or disconnected. Only when there are very many, a deleted card's lock goes
+// with it, for IDs that were forged and deleted would pile up for ever; one that is held then goes
+// when it is released. A lock that has been looked up is counted as used, so that it stays valid
+// after wrm_mutex is released. wrm_mutex guards the map, which includes who uses which lock, and is
+// never held while a frame is sent.
 
 #include "qnm_reg_send.h"
 
@@ -15,6 +18,7 @@
 #include <new>
 
 #include "qnm_completion.h"
+#include "qnm_limits.h"
 #include "qnm_main.h"
 #include "qnm_paced_log.h"
 #include "qnm_qn_info.h"
@@ -28,16 +32,19 @@ namespace {
 struct qnm_write_reg_node_t {
     qnm_rbnode_t wrn_rbnode;  // first: the node and its links share one address
     uint64_t wrn_id;
+    uint32_t wrn_users = 0;      // threads that hold it or wait for it
+    uint32_t wrn_forgotten = 0;  // 1 = to be freed by the last of them
     qnm_mutex_t wrn_mutex = QNM_MUTEX_OF_LEVEL(QNM_LOCK_CARD_WRITE);
 };
 
 struct qnm_write_reg_mng_t {
     qnm_rbtree_t wrm_rbtree QNM_GUARDED_BY(wrm_mutex);
     qnm_mutex_t wrm_mutex;
+    uint32_t wrm_count QNM_GUARDED_BY(wrm_mutex);
     uint32_t wrm_initialized;  // without a lock: only a start looks at it, before other threads are
 };
 
-qnm_write_reg_mng_t qnm_write_reg_lock_mng = {{}, QNM_MUTEX_OF_LEVEL(QNM_LOCK_WRITE_LOCKS), 0};
+qnm_write_reg_mng_t qnm_write_reg_lock_mng = {{}, QNM_MUTEX_OF_LEVEL(QNM_LOCK_WRITE_LOCKS), 0, 0};
 
 // All uses of the map come by here.
 qnm_rbtree_t* write_locks() QNM_REQUIRES(qnm_write_reg_lock_mng.wrm_mutex) {
@@ -64,6 +71,7 @@ void destroy_node(qnm_rbnode_t* links, qnm_ptr_t) {
 
 void make_map_empty() QNM_REQUIRES(qnm_write_reg_lock_mng.wrm_mutex) {
     _qnm_rbtree_init(write_locks(), qnm_rbtree_uint64_compare, key_of);
+    qnm_write_reg_lock_mng.wrm_count = 0;
 }
 
 qnm_write_reg_node_t* _write_reg_create(uint64_t id) {
@@ -86,17 +94,32 @@ qnm_write_reg_node_t* _write_reg_create(uint64_t id) {
     return node;
 }
 
-qnm_write_reg_node_t* find_node(uint64_t id) {
-    const qnm::mutex_guard lock(qnm_write_reg_lock_mng.wrm_mutex);
+qnm_write_reg_node_t* find_node(uint64_t id) QNM_REQUIRES(qnm_write_reg_lock_mng.wrm_mutex) {
     return node_of(_qnm_rbtree_get(write_locks(), qnm::id_key(id)));
 }
 
-// Locks or unlocks a card's own mutex, with wrm_mutex released.
-int on_node(uint64_t id, int (*work)(qnm_mutex_t*)) {
-    qnm_write_reg_node_t* const node = find_node(id);
-    if (node == nullptr) return ENOENT;
-    work(&node->wrn_mutex);
-    return 0;
+// Puts a node into the map, where the ID's old one may still be.
+int put_node(qnm_write_reg_node_t* node) {
+    const qnm::mutex_guard lock(qnm_write_reg_lock_mng.wrm_mutex);
+    const int err = _qnm_rbtree_put(write_locks(), &node->wrn_rbnode);
+    if (err == 0) qnm_write_reg_lock_mng.wrm_count++;
+    if (err == EEXIST) find_node(node->wrn_id)->wrn_forgotten = 0;
+    return err;
+}
+
+// A card's own mutex. Which one the calling thread holds the analysis cannot know.
+void lock_node(qnm_write_reg_node_t& node) QNM_UNCHECKED {
+    _qnm_mutex_lock(&node.wrn_mutex);
+}
+
+void unlock_node(qnm_write_reg_node_t& node) QNM_UNCHECKED {
+    _qnm_mutex_unlock(&node.wrn_mutex);
+}
+
+void remove_node(qnm_write_reg_node_t* node) QNM_REQUIRES(qnm_write_reg_lock_mng.wrm_mutex) {
+    _qnm_rbtree_remove_node(write_locks(), &node->wrn_rbnode);
+    qnm_write_reg_lock_mng.wrm_count--;
+    destroy_node(&node->wrn_rbnode, nullptr);
 }
 
 // ---- Register loops -----------------------------------------------------------------------------
@@ -252,11 +275,7 @@ int _qnm_create_reg_lock_node(uint64_t id) {
         }
         return ENOMEM;
     }
-    int err = 0;
-    {
-        const qnm::mutex_guard lock(qnm_write_reg_lock_mng.wrm_mutex);
-        err = _qnm_rbtree_put(write_locks(), &node->wrn_rbnode);
-    }
+    const int err = put_node(node);
     if (err == 0) return 0;
     if (err == EEXIST) {
         qnm_log_trace("%s: Failed to _qnm_rbtree_put(). err=EEXIST, id=0x%.12lx", __func__, id);
@@ -268,11 +287,34 @@ int _qnm_create_reg_lock_node(uint64_t id) {
 }
 
 int _qnm_write_reg_lock(uint64_t id) {
-    return on_node(id, _qnm_mutex_lock);
+    qnm_write_reg_node_t* node = nullptr;
+    {
+        const qnm::mutex_guard lock(qnm_write_reg_lock_mng.wrm_mutex);
+        node = find_node(id);
+        if (node == nullptr) return ENOENT;
+        node->wrn_users++;
+    }
+    lock_node(*node);
+    return 0;
 }
 
 int _qnm_write_reg_unlock(uint64_t id) {
-    return on_node(id, _qnm_mutex_unlock);
+    const qnm::mutex_guard lock(qnm_write_reg_lock_mng.wrm_mutex);
+    qnm_write_reg_node_t* const node = find_node(id);
+    if (node == nullptr) return ENOENT;
+    unlock_node(*node);
+    if (node->wrn_users > 0) node->wrn_users--;
+    if (node->wrn_users == 0 && node->wrn_forgotten == 1) remove_node(node);
+    return 0;
+}
+
+void _qnm_forget_reg_lock_node(uint64_t id) {
+    const qnm::mutex_guard lock(qnm_write_reg_lock_mng.wrm_mutex);
+    if (qnm_write_reg_lock_mng.wrm_count <= qnm::k_spare_locks_max) return;
+    qnm_write_reg_node_t* const node = find_node(id);
+    if (node == nullptr) return;
+    if (node->wrn_users == 0) return remove_node(node);
+    node->wrn_forgotten = 1;
 }
 
 void _qnm_destroy_all_reg_lock_node(void) {

@@ -42,6 +42,9 @@ int _qnm_livecheck(qnm_com_dev_t* dev);
 // Makes the lock of a card that has just been learnt: 0; 17 when it has one already; 12; 71.
 int _qnm_create_reg_lock_node(uint64_t id);
 
+// Frees the lock of a card that has been deleted, where there are more than k_spare_locks_max.
+void _qnm_forget_reg_lock_node(uint64_t id);
+
 // Take and release a card's lock: 0, or 2 when it has none.
 int _qnm_write_reg_lock(uint64_t id) QNM_EXCLUDES(qnm_qn.eei_mutex);
 int _qnm_write_reg_unlock(uint64_t id);

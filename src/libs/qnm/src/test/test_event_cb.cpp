@@ -5,6 +5,7 @@
 #include <mutex>
 #include <thread>
 
+#include "qnm_limits.h"
 #include "units.h"
 #include "wait.h"
 
@@ -235,6 +236,40 @@ TEST_F(event_cb, no_memory_for_an_event_loses_it_with_a_warning) {
                             "id=0x001122334454",
                             "_producer: Failed to _qnm_add_event(QNM_EVT_CHANNELSTATECHANGE) "
                             "id=0x001122334454"));
+}
+
+TEST_F(event_cb, events_beyond_the_ceiling_are_dropped_and_told_once_a_second) {
+    qnm::store(g_log_level, QNM_LOGLVL_WARN);
+    for (uint32_t n = 0; n < qnm::k_events_max; n++)
+        ASSERT_EQ(_qnm_add_event(QNM_EVT_UPDATEDEVINFO, k_id), 0);
+    _qnm_paced_init();
+    EXPECT_EQ(_qnm_add_event(QNM_EVT_UPDATEDEVINFO, k_id), ENOMEM);
+    for (int n = 0; n < 100; n++)
+        _qnm_raise_event("_producer", QNM_EVT_PATHSTATECHANGE, k_id);
+    EXPECT_EQ(qnm_stats.est_evt[QNM_EVT_UPDATEDEVINFO], qnm::k_events_max);
+    EXPECT_EQ(qnm_stats.est_evt[QNM_EVT_PATHSTATECHANGE], 0U);
+    EXPECT_EQ(qnm_stats.est_evt_node_al - qnm_stats.est_evt_node_fr, qnm::k_events_max);
+    EXPECT_EQ(qnm_stats.est_alloc_err, 0U);
+    EXPECT_THAT(logs.texts("logfile", k_warn),
+                ElementsAre("_qnm_add_event: Too many events are waiting. Drop "
+                            "QNM_EVT_UPDATEDEVINFO. max=1000000, id=0x001122334454"));
+    logs.clear();
+    _qnm_paced_fini();
+    ASSERT_EQ(logs.count_level(k_warn), 1U);
+    EXPECT_TRUE(logs.texts("logfile", k_warn)[0].starts_with("_producer: 100 more in the last "));
+}
+
+TEST_F(event_cb, a_queue_that_was_full_takes_events_again_as_they_are_delivered) {
+    qnm::store(g_log_level, QNM_LOGLVL_WARN);
+    for (uint32_t n = 0; n < qnm::k_events_max; n++)
+        ASSERT_EQ(_qnm_add_event(QNM_EVT_UPDATEDEVINFO, k_id), 0);
+    EXPECT_EQ(_qnm_add_event(QNM_EVT_NEWDEVINFO, k_id), ENOMEM);
+    listener one = {"one", &calls};
+    add(QNM_EVT_NEWDEVINFO, one);
+    start();
+    EXPECT_TRUE(wait_until([] { return _qnm_add_event(QNM_EVT_NEWDEVINFO, k_id) == 0; }));
+    EXPECT_TRUE(wait_calls(1));
+    stop();
 }
 
 TEST_F(event_cb, callbacks_are_called_in_order_of_registration_with_their_own_argument) {

@@ -149,10 +149,9 @@ struct all_levels {
 };
 
 constexpr qnm_mutex_t all_levels::*k_levels[] = {
-    &all_levels::callbacks,  &all_levels::handles,     &all_levels::log,
-    &all_levels::card_write, &all_levels::table,       &all_levels::blacklist,
-    &all_levels::event,      &all_levels::event_queue, &all_levels::write_locks,
-    &all_levels::tags,       &all_levels::paced,       &all_levels::statistics,
+    &all_levels::callbacks,   &all_levels::handles,   &all_levels::log,   &all_levels::card_write,
+    &all_levels::table,       &all_levels::blacklist, &all_levels::event, &all_levels::event_queue,
+    &all_levels::write_locks, &all_levels::tags,      &all_levels::paced, &all_levels::statistics,
 };
 static_assert(std::size(k_levels) + 1 == QNM_LOCK_LEVEL_MAX);
 

@@ -3,6 +3,7 @@
 #include <cerrno>
 
 #include "frames.h"
+#include "qnm_limits.h"
 #include "qnm_recv.h"
 #include "units.h"
 
@@ -483,6 +484,87 @@ TEST_F(devinfo, a_lost_event_does_not_stop_the_frame) {
                          "_add_qnsv_devinfo: Failed to _qnm_add_event(QNM_EVT_NEWDEVINFO) "
                          "id=0x020000001000"));
     EXPECT_EQ(qnm_qn.eei_total_qnsv, 1U);
+}
+
+// ---- Full tables --------------------------------------------------------------------------------
+
+// As many cards as there may be, of both kinds, with even IDs from 2 on.
+struct full_tables : devinfo {
+    full_tables() {
+        const qnm::table_guard lock;
+        for (uint64_t n = 1; n <= qnm::k_cards_max; n++) {
+            qnm_qnsv_t server = {};
+            qnm_qnio_t io = {};
+            server.esv_com_dev.ecd_id = io.eio_com_dev.ecd_id = 2 * n;
+            // QNSV records are large; a few will do.
+            const int err = n % 64 == 0 ? _qnm_set_qnsv(2 * n, &server, QNM_WATCH, 0, QNM_VALID_ALL)
+                                        : _qnm_set_qnio(2 * n, &io, QNM_WATCH, 0, QNM_VALID_ALL);
+            EXPECT_EQ(err, 0);
+        }
+        logs.clear();
+    }
+
+    static announcement of(uint64_t mac, uint8_t host) {
+        announcement it;
+        it.mac = mac;
+        it.host = host;
+        return it;
+    }
+
+    static uint32_t total() {
+        const qnm::table_guard lock;
+        return qnm_qn.eei_total_qnsv + qnm_qn.eei_total_qnio;
+    }
+};
+
+TEST_F(full_tables, refuse_new_cards_of_both_kinds_at_no_cost) {
+    const frame_t frames[] = {frames::build(of(k_id, 0)), frames::build(of(k_id, 1))};
+    const uint64_t allocated = alloc::counts().nothrow;
+    for (int n = 0; n < 100; n++) {
+        for (const frame_t& frame : frames)
+            EXPECT_EQ(_qnm_recv_devinfo(0, frame.data(), 0), 0);
+    }
+    EXPECT_EQ(alloc::counts().nothrow, allocated);
+    EXPECT_EQ(total(), qnm::k_cards_max);
+    EXPECT_EQ(qnm_stats.est_evt[QNM_EVT_NEWDEVINFO], 0U);
+    EXPECT_THAT(logs.texts("logfile", k_warn),
+                ElementsAre("_add_qnsv_devinfo: Too many cards. Drop DEVINFO Frame. max=262144, "
+                            "id=0x020000001000"));
+    logs.clear();
+    _qnm_paced_fini();
+    ASSERT_EQ(logs.count_level(k_warn), 1U);
+    EXPECT_TRUE(logs.texts("logfile", k_warn)[0].starts_with("_add_qnio_devinfo: 199 more in "));
+}
+
+TEST_F(full_tables, go_on_with_known_cards) {
+    EXPECT_THAT(receive(frames::build(of(2, 1))),
+                ElementsAre(QNM_EVT_UPDATEDEVINFO, QNM_EVT_CHANNELSTATECHANGE));
+    EXPECT_EQ(qnio(2).eio_com_dev.ecd_recvtime[0][0], k_now);
+    EXPECT_EQ(logs.count_level(k_warn), 0U);
+}
+
+TEST_F(full_tables, take_a_new_card_when_one_has_been_deleted) {
+    EXPECT_EQ(qnm_delete_qnsv(128), QNM_API_SUCCESS);
+    EXPECT_THAT(receive(frames::build(of(k_id, 1))), ElementsAre(QNM_EVT_NEWDEVINFO));
+    EXPECT_THAT(receive(frames::build(of(k_id + 2, 1))), IsEmpty());
+    EXPECT_EQ(total(), qnm::k_cards_max);
+}
+
+// Forged IDs whose cards the host deletes again and again.
+TEST_F(full_tables, hold_no_more_write_locks_than_cards_and_spare_ones) {
+    const auto locks = [] {
+        const qnm::mutex_guard lock(qnm_stats_mutex);
+        return qnm_stats.est_wreg_node_al - qnm_stats.est_wreg_node_fr;
+    };
+    for (uint64_t n = 1; n <= qnm::k_spare_locks_max; n++)
+        ASSERT_EQ(_qnm_create_reg_lock_node(2 * n), 0);
+    EXPECT_EQ(qnm_delete_qnsv(128), QNM_API_SUCCESS);
+    EXPECT_EQ(locks(), qnm::k_spare_locks_max) << "it outlives its card as long as there is room";
+    for (uint64_t n = 0; n < 1000; n++) {
+        ASSERT_THAT(receive(frames::build(of(k_id + 2 * n, 1))), ElementsAre(QNM_EVT_NEWDEVINFO));
+        ASSERT_EQ(qnm_delete_qnio(k_id + 2 * n), QNM_API_SUCCESS);
+    }
+    EXPECT_EQ(locks(), qnm::k_spare_locks_max);
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <span>
 #include <thread>
 
+#include "qnm_limits.h"
 #include "registers.h"
 #include "units.h"
 #include "wait.h"
@@ -182,6 +183,56 @@ TEST_F(reg_send, a_held_lock_keeps_another_thread_out_but_not_another_card) {
     released = true;
     EXPECT_EQ(_qnm_write_reg_unlock(k_id), 0);
     other.join();
+}
+
+// ---- Very many write locks ----------------------------------------------------------------------
+
+// One more than may outlive their cards.
+struct many_locks : reg_send {
+    many_locks() {
+        for (uint64_t n = 0; n <= qnm::k_spare_locks_max; n++)
+            EXPECT_EQ(_qnm_create_reg_lock_node(k_id + 2 * n), 0);
+    }
+};
+
+TEST_F(many_locks, the_lock_of_a_deleted_card_goes_with_it) {
+    _qnm_forget_reg_lock_node(k_id);
+    EXPECT_EQ(_qnm_write_reg_lock(k_id), ENOENT);
+    EXPECT_EQ(qnm_stats.est_wreg_node_fr, 1U);
+    _qnm_forget_reg_lock_node(k_id);
+    _qnm_forget_reg_lock_node(k_id + 2);
+    EXPECT_EQ(qnm_stats.est_wreg_node_fr, 1U) << "there is room again";
+}
+
+TEST_F(many_locks, a_lock_that_is_held_goes_when_the_last_one_releases_it) {
+    ASSERT_EQ(_qnm_write_reg_lock(k_id), 0);
+    std::atomic<bool> taken = false;
+    const uint64_t before = fail::count(fail::call::pthread_mutex_lock);
+    std::thread waiter([&] {
+        EXPECT_EQ(_qnm_write_reg_lock(k_id), 0);
+        taken = true;
+        EXPECT_EQ(_qnm_write_reg_unlock(k_id), 0);
+    });
+    // The map, and the lock held here.
+    EXPECT_TRUE(
+        wait_until([&] { return fail::count(fail::call::pthread_mutex_lock) >= before + 2; }));
+    _qnm_forget_reg_lock_node(k_id);
+    EXPECT_FALSE(taken);
+    EXPECT_EQ(qnm_stats.est_wreg_node_fr, 0U);
+    EXPECT_EQ(_qnm_write_reg_unlock(k_id), 0);
+    waiter.join();
+    EXPECT_TRUE(taken);
+    EXPECT_EQ(qnm_stats.est_wreg_node_fr, 1U);
+    EXPECT_EQ(_qnm_write_reg_lock(k_id), ENOENT);
+}
+
+TEST_F(many_locks, a_card_that_is_announced_again_keeps_the_lock_that_is_held) {
+    ASSERT_EQ(_qnm_write_reg_lock(k_id), 0);
+    _qnm_forget_reg_lock_node(k_id);
+    EXPECT_EQ(_qnm_create_reg_lock_node(k_id), EEXIST);
+    EXPECT_EQ(_qnm_write_reg_unlock(k_id), 0);
+    EXPECT_EQ(_qnm_write_reg_lock(k_id), 0);
+    EXPECT_EQ(_qnm_write_reg_unlock(k_id), 0);
 }
 
 TEST_F(reg_send, destroying_all_empties_the_map) {
