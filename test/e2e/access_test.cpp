@@ -153,6 +153,31 @@ TEST_F(access, a_forged_announcement_of_the_other_kind_cuts_no_card_off) {
               QNM_API_SUCCESS);
 }
 
+// A switch floods what it has no port for: answers to other managers, of the same card and with the
+// same tags.
+TEST_F(access, answers_for_other_managers_are_not_taken) {
+    add(card_kind::qnio, card_speed::g1_10);
+    std::atomic<bool> over = false;
+    std::thread flood([&] {
+        cardsim::frame_bytes frame;
+        for (uint8_t tag = 0; !over; tag++) {
+            const cardsim::completion foreign = {
+                .source = k_id, .destination = 0x0200000000AA, .tag = tag, .value = 0xBAD};
+            encode(cards_->get(k_id), foreign, frame);
+            cards_->send_raw(0, frame);
+        }
+    });
+    unsigned wrong = 0;
+    for (int n = 0; n < 2000; n++) {
+        uint32_t data = 0;
+        const auto ret = qnm_read_register(k_id, k_register, &data, &k_patient, 0);
+        if (ret != QNM_API_SUCCESS || data != 0) wrong++;
+    }
+    over = true;
+    flood.join();
+    EXPECT_EQ(wrong, 0U);
+}
+
 // ---- EEPROM -------------------------------------------------------------------------------------
 
 std::vector<uint8_t> numbered_bytes() {

@@ -5,11 +5,21 @@
 
 namespace qnmctl {
 
-// The receive path does not look at the destination, so an answer to nobody who asks is anybody's.
+namespace {
+
+// Managers drop what is addressed to another one.
+bool is_for_anybody(std::uint64_t destination) {
+    constexpr std::uint64_t group_bit = 0x010000000000;
+    return destination == 0 || (destination & group_bit) != 0;
+}
+
+}  // namespace
+
 answers::waiting_read* answers::find_read(const frame_reading& of) {
     auto& by_manager = waiting_[*of.tag];
     const auto own = by_manager.find(*of.destination);
     if (own != by_manager.end()) return &own->second;
+    if (!is_for_anybody(*of.destination)) return nullptr;
     waiting_read* latest = nullptr;
     for (auto& [manager, read] : by_manager) {
         const bool fits = read.card == of.source && read.answer == 0;

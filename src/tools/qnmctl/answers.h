@@ -1,8 +1,10 @@
 // Which Completion answers which Register Read, in frames that come one after the other.
 //
 // A manager's tags are its own, so there may be as many as managers have been seen. A manager takes
-// an answer only from the MAC address that it has asked. Where no frame tells that a Register Read
-// has been sent, a Completion may answer one from before the capture; that is no fault of it.
+// an answer only from the MAC address that it has asked, and none that is addressed to another one:
+// it knows its port's address, here the Register Read tells it. Where no frame tells that a
+// Register Read has been sent, a Completion may answer one from before the capture; that is no
+// fault of it.
 #pragma once
 
 #include <cstdint>

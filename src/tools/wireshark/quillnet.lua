@@ -476,12 +476,16 @@ local function remember_read(frame, pinfo, tag, address)
     reads[pinfo.number] = read
 end
 
--- The Register Read that a Completion is for. The receive path does not look at the destination, so
--- an answer to nobody who asks is anybody's.
+local function is_for_anybody(address)
+    return address:byte(1) % 2 == 1 or address == string.rep("\0", 6)
+end
+
+-- The Register Read that a Completion is for. A manager drops what is addressed to another port than
+-- its own; what is for a group of hosts, or for none, is anybody's.
 local function find_read(header, tag)
     local by_manager = waiting[tag] or {}
     local found = by_manager[header.destination]
-    if found ~= nil then return found end
+    if found ~= nil or not is_for_anybody(header.destination) then return found end
     for _, read in pairs(by_manager) do
         local fits = read.card == header.source and read.answer == nil
         if fits and (found == nil or read.frame > found.frame) then found = read end

@@ -318,6 +318,17 @@ TEST_F(Answers, ComeFromTheCardThatWasAsked) {
     EXPECT_TRUE(take(frames::build_completion({.tag = 1})));
 }
 
+TEST_F(Answers, AreForTheManagerThatAskedOrForAnybody) {
+    ask(1);
+    for (const std::uint64_t other : {manager + 1, manager ^ 0x100000000000}) {
+        EXPECT_FALSE(take(frames::build_completion({.tag = 1, .destination = other})));
+        EXPECT_EQ("", reason()) << "its question may be older than the capture";
+    }
+    EXPECT_TRUE(take(frames::build_completion({.tag = 1, .destination = 0})));
+    ask(2);
+    EXPECT_TRUE(take(frames::build_completion({.tag = 2, .destination = 0x01005E000001})));
+}
+
 TEST_F(Answers, HaveATagThatManagersUse) {
     EXPECT_FALSE(take(frames::build_completion({.tag = 100})));
     EXPECT_EQ("tag", reason());

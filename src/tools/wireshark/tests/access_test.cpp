@@ -398,14 +398,26 @@ TEST_F(managers, have_tags_of_their_own) {
     EXPECT_EQ(value(all[1], "resend_of"), words());
 }
 
-TEST_F(managers, take_answers_whatever_their_destination) {
+TEST_F(managers, take_answers_to_a_group_or_to_nobody) {
+    for (const uint64_t anybody : {cardsim::broadcast_mac, uint64_t{0x01005E000001}, uint64_t{0}}) {
+        taken = {};
+        ask(0xA, k_slow, 7);
+        ask(0xB, k_fast, 7);
+        answer(k_slow, anybody, 7);
+        answer(k_slow, anybody, 7);
+        const std::vector<row> all = rows();
+        EXPECT_THAT(value(all[2], "response_to"), ElementsAre(number(1)));
+        EXPECT_TRUE(all[3].contains("expert.unasked"));
+    }
+}
+
+TEST_F(managers, take_no_answer_to_another_one) {
     ask(0xA, k_slow, 7);
-    ask(0xB, k_fast, 7);
-    answer(k_slow, cardsim::broadcast_mac, 7);
-    answer(k_slow, cardsim::broadcast_mac, 7);
+    answer(k_slow, 0xB, 7);
+    answer(k_slow, 0xA, 7);
     const std::vector<row> all = rows();
+    EXPECT_TRUE(all[1].contains("expert.unasked"));
     EXPECT_THAT(value(all[2], "response_to"), ElementsAre(number(1)));
-    EXPECT_TRUE(all[3].contains("expert.unasked"));
 }
 
 TEST_F(managers, use_a_tag_again_for_another_read) {

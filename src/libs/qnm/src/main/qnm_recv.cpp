@@ -424,8 +424,26 @@ void take_devinfo(int port, const unsigned char* frame, uint8_t vlan_mode) {
     _qnm_recv_devinfo(port, frame, vlan_mode);
 }
 
+// Whether a Completion is for this host. Cards answer to the address of the port that asked, and a
+// switch that does not know where that is floods the frame: it may be for another manager, whose
+// tags are the same. An address of a group, or none, may be meant for anybody.
+bool _check_destination(int port, const uint8_t (&dmac)[6]) {
+    uint64_t destination = 0;
+    _qnm_mac_to_uint64(dmac, &destination);
+    const bool is_group = (dmac[0] & 1) != 0;
+    if (is_group || destination == 0 || destination == qnm_root.er_port_info[port].epi_mac) {
+        return true;
+    }
+    qnm_log_trace(
+        "%s: Completion frame is received which is addressed to another port. dst=0x%.12lx, "
+        "port_num=%d",
+        __func__, destination, port);
+    return false;
+}
+
 void take_completion(int port, const unsigned char* frame, uint8_t) {
     const qnw_completion_s& message = view<qnw_completion_s>(frame);
+    if (!_check_destination(port, message.header.dmac)) return;
     uint64_t src_mac = 0;
     _qnm_mac_to_uint64(message.header.smac, &src_mac);
     _qnm_recv_comp(message.comp.tag, port, src_mac, host32(message.comp.data));

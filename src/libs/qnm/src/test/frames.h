@@ -29,10 +29,14 @@ inline size_t least_length(const announcement& it) {
     return (it.sw_status[1] & 0x0F) == 1 ? 46 : 44;
 }
 
+inline void put_mac(frame_t& frame, size_t at, uint64_t mac) {
+    for (size_t i = 0; i < 6; i++)
+        frame[at + i] = static_cast<unsigned char>(mac >> (40 - 8 * i));
+}
+
 inline void put_header(frame_t& frame, const announcement& it) {
     memset(frame.data(), 0xFF, 6);
-    for (int i = 0; i < 6; i++)
-        frame[6 + i] = static_cast<unsigned char>(it.mac >> (40 - 8 * i));
+    put_mac(frame, 6, it.mac);
     const unsigned char tag[] = {0x81, 0x00, static_cast<unsigned char>(it.tci >> 8),
                                  static_cast<unsigned char>(it.tci)};
     const unsigned char type[] = {0x88, 0xB6};
@@ -61,11 +65,13 @@ struct completion {
     uint64_t mac = 0x020000001000;
     unsigned char data[4] = {};
     bool vlan_change_mode = false;
+    uint64_t destination = 0xFFFFFFFFFFFF;
 };
 
 inline frame_t build_completion(const completion& it) {
     frame_t frame(28);
     put_header(frame, {.mac = it.mac, .vlan_change_mode = it.vlan_change_mode});
+    put_mac(frame, 0, it.destination);
     frame[18] = 0x20;
     frame[23] = it.tag;
     memcpy(frame.data() + 24, it.data, sizeof it.data);

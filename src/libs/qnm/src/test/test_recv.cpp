@@ -266,6 +266,40 @@ TEST_F(recv_completion, is_matched_by_its_tag) {
     EXPECT_TRUE(logs.has(k_warn, "_qnm_recv_comp: Invalid tag. tag=201"));
 }
 
+TEST_F(recv_completion, for_another_manager_is_dropped) {
+    frames::completion answer = k_answer;
+    uint32_t value = 0;
+    for (const uint64_t other : {k_port_mac[0], k_port_mac[1] ^ 1, uint64_t{0x0A0000FF0001}}) {
+        answer.destination = other;
+        EXPECT_EQ(receive(frames::build_completion(answer), 1), 0);
+        EXPECT_EQ(value_of(7, &value), ENOENT);
+    }
+    EXPECT_TRUE(logs.has(k_trace,
+                         "_check_destination: Completion frame is received which is addressed to "
+                         "another port. dst=0x0a0000ff0001, port_num=1"));
+    EXPECT_EQ(counted(1, QNM_STATS_R_COMP), 3U) << "not for us, but good frames";
+    answer.tag = 200;
+    qnm_config.tag_max = 100;
+    EXPECT_EQ(receive(frames::build_completion(answer), 1), 0);
+    EXPECT_TRUE(logs.texts("logfile", k_warn).empty()) << "its tag is nothing to warn about here";
+}
+
+TEST_F(recv_completion, for_this_port_for_a_group_or_for_nobody_is_taken) {
+    for (const uint64_t mine :
+         {k_port_mac[1], uint64_t{0xFFFFFFFFFFFF}, uint64_t{0x010000000000}, uint64_t{0}}) {
+        frames::completion answer = k_answer;
+        answer.destination = mine;
+        for (const bool change_mode : {false, true}) {
+            answer.vlan_change_mode = change_mode;
+            EXPECT_EQ(receive(frames::build_completion(answer), 1), 0);
+            uint32_t value = 0;
+            EXPECT_EQ(value_of(7, &value), 0) << mine;
+            _qnm_release_tag(7);
+            _qnm_set_comp_recv_wait(7, k_mac, 1);
+        }
+    }
+}
+
 TEST_F(recv, results_of_the_capture_are_told_apart) {
     fake_pcap::push_result("port1", 0);
     EXPECT_EQ(_qnm_recv_frame(1), 0);
