@@ -42,13 +42,12 @@ host::host() : installation_(k_conf) {
     const std::string& directory = installation_.path();
     install_properties(directory);
     qnm_log_init(directory.c_str());
-    std::atomic<bool> ended = false;
-    thread_ = std::thread([&ended, directory] {
-        qnm_init_manager(directory.c_str(), QNM_LOGLVL_NONE);
-        ended = true;
+    thread_ = std::thread([this] {
+        qnm_init_manager(installation_.path().c_str(), QNM_LOGLVL_NONE);
+        ended_ = true;
     });
-    e2e::wait_for([&] { return ended || qnm_start_manager() == QNM_API_SUCCESS; });
-    if (!ended) return;
+    e2e::wait_for([this] { return ended_ || qnm_start_manager() == QNM_API_SUCCESS; });
+    if (!ended_) return;
     thread_.join();
     throw std::runtime_error("the manager does not start");
 }

@@ -4,6 +4,7 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -34,7 +35,8 @@ class host {
 
   private:
     e2e::installation installation_;
-    std::thread thread_;
+    std::atomic<bool> ended_ = false;
+    std::thread thread_;  // the last one: it uses the others
 };
 
 // The far end as a sender of announcements. Frames leave in batches, each from the next of `cards`
