@@ -112,10 +112,10 @@ TEST_F(stop, ends_every_kind_of_call_and_a_restart_works) {
 }
 
 TEST_F(stop, ends_a_call_from_inside_a_callback) {
+    std::atomic<int> result = -1;  // lives as long as the manager whose callback writes it
     manager host(install.path());
     ASSERT_TRUE(host.is_running()) << install.log();
     ASSERT_TRUE(wait_for(is_learnt));
-    std::atomic<int> result = -1;
     qnm_cbid_t handle = nullptr;
     ASSERT_EQ(qnm_register_callback(QNM_EVT_NEWDEVINFO, read_from_callback, &result, &handle),
               QNM_API_SUCCESS);

@@ -160,7 +160,8 @@ TEST_F(main_unit, a_configuration_whose_name_cannot_be_made_ends_the_start) {
 TEST_F(main_unit, a_missing_configuration_means_defaults) {
     const install_dir bare;
     fake_netif::set("eth0", {.index = 1, .mac = 1});
-    manager = std::thread([&] { result = qnm_init_manager(bare.path().c_str(), QNM_LOGLVL_NONE); });
+    manager = std::thread(
+        [this, path = bare.path()] { result = qnm_init_manager(path.c_str(), QNM_LOGLVL_NONE); });
     ASSERT_TRUE(wait_until(is_up));
     EXPECT_EQ(stop(), QNM_API_SUCCESS);
     EXPECT_EQ(fake_pcap::open_calls().front().name, "eth0");
