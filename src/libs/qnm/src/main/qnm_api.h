@@ -4,8 +4,10 @@
 #include <cerrno>
 
 #include "qnm.h"
+#include "qnm_log4cxxif.h"
 #include "qnm_main.h"
 #include "qnm_stats.h"
+#include "qnm_thread.h"
 #include "qnm_util.h"
 
 extern "C" {
@@ -49,7 +51,8 @@ enum class needs { running_manager, nothing };
 template <typename Entry, typename Body, typename Exit>
 qnm_api_code_t public_call(qnm_stats_func_t func, needs need, Entry log_entry, Body body,
                            Exit log_exit) {
-    log_entry();
+    // Entry lines are of level info. What they are made of is not put into words for nothing.
+    if (load(g_log_level) >= QNM_LOGLVL_INFO) log_entry();
     const call_guard call;
     const int err = need == needs::nothing || call.entered() ? body() : ENOSYS;
     const qnm_api_code_t ret = qnm_err2retcode(err);

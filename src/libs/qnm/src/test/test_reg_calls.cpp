@@ -1,5 +1,7 @@
 // test_reg_calls.cpp - the public register calls.
 
+#include <sys/mman.h>
+
 #include <cerrno>
 #include <chrono>
 #include <functional>
@@ -171,6 +173,18 @@ TEST_F(calls, the_verify_flag_reaches_write_and_modify_and_other_bits_nobody) {
     EXPECT_TRUE(logs.has(k_info,
                          "qnm_write_register: (IN). id=0x001122334454, addr=0x00000010, "
                          "data=0x00000005, retry_cnt=2, retry_int=1, flags=0xFFFFFFFC"));
+}
+
+// Without a manager nothing but the entry line would look at them.
+TEST_F(calls, no_line_is_prepared_below_its_level) {
+    set_flags(1, 0, 1);
+    void* const page = mmap(nullptr, 1, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(page, MAP_FAILED);
+    qnm::store(g_log_level, QNM_LOGLVL_WARN);
+    for (const call& it : all())
+        EXPECT_EQ(it.run(k_id, static_cast<const qnm_retry_t*>(page), 0), QNM_API_ENOSYS);
+    qnm::store(g_log_level, QNM_LOGLVL_INFO);
+    munmap(page, 1);
 }
 
 TEST_F(calls, none_is_served_unless_the_manager_runs) {
