@@ -151,7 +151,7 @@ class host {
   public:
     host(stage& shared, const plan& planned)
         : shared_(shared), planned_(planned), installation_(k_conf) {
-        if (planned.rotate_logs) install_rotation(installation_.path());
+        install_rotation(installation_.path());
         qnm_log_init(installation_.path().c_str());
         take_signals();
         for (unsigned number = 0; number < k_workers; number++) {
@@ -429,7 +429,7 @@ class host {
             const std::string stopped = growth(stopped_, k_stopped_allowance);
             if (!stopped.empty()) tally_.fail("memory grows from stop to stop " + stopped);
         }
-        if (planned_.rotate_logs) check_rotation();
+        check_rotation();
         tally_.require_successes(planned_.duration < k_all_succeed_after ? k_enough_calls : 0);
         require_stress();
         if (shared_.faulty != 0) tally_.fail("frames that break a rule of the protocol");

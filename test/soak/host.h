@@ -13,7 +13,6 @@ struct plan {
     std::chrono::seconds duration;
     uint64_t seed;
     bool judge_memory;  // not where a sanitizer keeps what was freed
-    bool rotate_logs;  // not where ThreadSanitizer sees what log4cxx does, but not how it guards it
 };
 
 // Whether everything was right. Prints a line a minute.

@@ -1,6 +1,6 @@
 // qnm-soak - the library under all that a long life brings, on two veth cables, for some minutes.
 //
-//   usage: qnm-soak SECONDS [--any-memory] [--plain-log] [--seed=N]
+//   usage: qnm-soak SECONDS [--any-memory] [--seed=N]
 //
 // Two processes, so that the memory that is watched is the host's alone. It needs a network
 // namespace of its own; scripts/soak.sh makes one.
@@ -32,14 +32,12 @@ soak::stage& make_stage() {
 }
 
 soak::plan read_arguments(int argc, char** argv) {
-    soak::plan planned{std::chrono::seconds(0), std::random_device()(), true, true};
+    soak::plan planned{std::chrono::seconds(0), std::random_device()(), true};
     for (int n = 1; n < argc; n++) {
         const std::string_view word = argv[n];
         constexpr std::string_view k_seed = "--seed=";
         if (word == "--any-memory") {
             planned.judge_memory = false;
-        } else if (word == "--plain-log") {
-            planned.rotate_logs = false;
         } else if (word.starts_with(k_seed)) {
             planned.seed = strtoul(argv[n] + k_seed.size(), nullptr, 10);
         } else {
@@ -67,7 +65,7 @@ int main(int argc, char** argv) {
     const soak::plan planned = read_arguments(argc, argv);
     if (planned.duration.count() < 10) {
         fprintf(stderr,
-                "usage: qnm-soak SECONDS [--any-memory] [--plain-log] [--seed=N]\n"
+                "usage: qnm-soak SECONDS [--any-memory] [--seed=N]\n"
                 "10 seconds at least\n");
         return 2;
     }
