@@ -535,7 +535,8 @@ ssize_t fail_recv_chk(int fd, void* buf, size_t count, size_t, int flags) {
 
 int fail_setsockopt(int fd, int level, int option, const void* value, socklen_t len) {
     return run<call::setsockopt>([&] {
-        const std::optional<int> answer = fake_netif::answer_setsockopt(fd, level, option);
+        const std::optional<int> answer =
+            fake_netif::answer_setsockopt(fd, level, option, value, len);
         return answer.has_value() ? *answer : setsockopt(fd, level, option, value, len);
     });
 }

@@ -11,6 +11,7 @@
 #include <linux/sockios.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
+#include <sys/time.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -32,6 +33,7 @@ struct netlink_t {
     int fd;    // the library's end; it closes it
     int peer;  // our end, which sees that close
     bool bound;
+    bool no_enobufs;
 };
 
 std::mutex g_mutex;  // guards all below
@@ -39,7 +41,8 @@ std::map<std::string, interface_t> g_interfaces;
 std::map<unsigned long, int> g_request_failures;
 std::vector<netlink_t> g_netlinks;
 std::optional<int> g_packet_version;
-std::set<std::string> g_filtered;  // interfaces whose capture has a filter
+std::set<std::string> g_filtered;                          // interfaces whose capture has a filter
+std::map<int, std::chrono::microseconds> g_send_timeouts;  // by the capture's descriptor
 
 int failed(int err) {
     errno = err;
@@ -135,6 +138,7 @@ void reset() {
     g_netlinks.clear();
     g_packet_version.reset();
     g_filtered.clear();
+    g_send_timeouts.clear();
 }
 
 void set(const std::string& name, const interface_t& netif) {
@@ -169,6 +173,22 @@ void set_packet_version(std::optional<int> version) {
 bool is_filtered(const std::string& name) {
     const std::lock_guard lock(g_mutex);
     return g_filtered.contains(name);
+}
+
+std::chrono::microseconds send_timeout(const std::string& name) {
+    const std::lock_guard lock(g_mutex);
+    for (const auto& [fd, timeout] : g_send_timeouts) {
+        if (fake_pcap::owner_of_fileno(fd) == name) return timeout;
+    }
+    return std::chrono::microseconds(0);
+}
+
+std::size_t patient_listeners() {
+    const std::lock_guard lock(g_mutex);
+    drop_closed();
+    return static_cast<std::size_t>(
+        std::count_if(g_netlinks.begin(), g_netlinks.end(),
+                      [](const netlink_t& link) { return link.bound && link.no_enobufs; }));
 }
 
 void notify() {
@@ -217,7 +237,7 @@ int answer_netlink_socket(int type, int protocol) {
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | (type & k_flags), 0, ends) != 0) return -1;
     const std::lock_guard lock(g_mutex);
     drop_closed();
-    g_netlinks.push_back({ends[0], ends[1], false});
+    g_netlinks.push_back({ends[0], ends[1], false, false});
     return ends[0];
 }
 
@@ -252,25 +272,54 @@ std::optional<int> answer_getsockopt(int fd, int level, int option, void* value,
     return 0;
 }
 
-std::optional<int> answer_setsockopt(int fd, int level, int option) {
-    const auto capture = fake_pcap::owner_of_fileno(fd);
-    const std::lock_guard lock(g_mutex);
-    const bool netlink =
-        std::any_of(g_netlinks.begin(), g_netlinks.end(),
-                    [&](const netlink_t& entry) { return entry.fd == fd && !entry.bound; });
-    if (netlink && level == SOL_NETLINK && option == NETLINK_NO_ENOBUFS) return 0;
-    if (!capture.has_value() || level != SOL_SOCKET) return std::nullopt;
+namespace {
+
+// Both need the mutex.
+std::optional<int> set_capture_option(const std::string& name, int fd, int option,
+                                      const void* value, socklen_t len) {
+    struct timeval timeout = {};
     switch (option) {
         case SO_SNDTIMEO:
+            if (len != sizeof timeout) return failed(EINVAL);
+            std::memcpy(&timeout, value, sizeof timeout);
+            g_send_timeouts[fd] =
+                std::chrono::seconds(timeout.tv_sec) + std::chrono::microseconds(timeout.tv_usec);
             return 0;
         case SO_ATTACH_FILTER:
-            g_filtered.insert(*capture);
+            g_filtered.insert(name);
             return 0;
         case SO_DETACH_FILTER:
-            return g_filtered.erase(*capture) != 0 ? 0 : failed(ENOENT);
+            return g_filtered.erase(name) != 0 ? 0 : failed(ENOENT);
         default:
             return std::nullopt;
     }
+}
+
+// Overruns have to be provided for before there can be any.
+std::optional<int> set_netlink_option(netlink_t& link, int option, const void* value,
+                                      socklen_t len) {
+    int on = 0;
+    if (option != NETLINK_NO_ENOBUFS || link.bound) return std::nullopt;
+    if (len != sizeof on) return failed(EINVAL);
+    std::memcpy(&on, value, sizeof on);
+    link.no_enobufs = on != 0;
+    return 0;
+}
+
+}  // namespace
+
+std::optional<int> answer_setsockopt(int fd, int level, int option, const void* value,
+                                     socklen_t len) {
+    const auto capture = fake_pcap::owner_of_fileno(fd);
+    const std::lock_guard lock(g_mutex);
+    if (capture.has_value()) {
+        if (level != SOL_SOCKET) return std::nullopt;
+        return set_capture_option(*capture, fd, option, value, len);
+    }
+    const auto link = std::find_if(g_netlinks.begin(), g_netlinks.end(),
+                                   [&](const netlink_t& entry) { return entry.fd == fd; });
+    if (link == g_netlinks.end() || level != SOL_NETLINK) return std::nullopt;
+    return set_netlink_option(*link, option, value, len);
 }
 
 }  // namespace fake_netif

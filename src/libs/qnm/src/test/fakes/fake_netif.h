@@ -3,8 +3,8 @@
 // The faked ioctl() answers SIOCGIFINDEX, SIOCGIFHWADDR and SIOCETHTOOL (ETHTOOL_GLINK) from the
 // table kept here; the faked socket() hands out one end of a private socket pair for AF_NETLINK, on
 // whose other end notify() writes; the faked getsockopt() answers PACKET_VERSION, and the faked
-// setsockopt() takes what a packet or netlink socket takes and these do not. Nothing of the
-// machine's own network is touched or seen, and no privilege is needed.
+// setsockopt() notes SO_SNDTIMEO, filters and NETLINK_NO_ENOBUFS, which these descriptors do not
+// take. Nothing of the machine's own network is touched or seen, and no privilege is needed.
 //
 // Wrong requests are test failures at once: an ioctl on a descriptor that pcap_fileno did not give
 // for that interface, an unknown request, an unterminated name, an ETHTOOL_GLINK whose data does
@@ -49,6 +49,12 @@ void set_packet_version(std::optional<int> version);
 // Whether the capture of the interface has a kernel filter.
 bool is_filtered(const std::string& name);
 
+// The send time-out of the capture that is open on this interface; 0 while none is set.
+std::chrono::microseconds send_timeout(const std::string& name);
+
+// Netlink sockets that are bound, not closed, and told not to fail when they overrun.
+std::size_t patient_listeners();
+
 // Sends every bound netlink socket one notification; its content is arbitrary.
 void notify();
 
@@ -63,6 +69,7 @@ int answer_netlink_socket(int type, int protocol);
 // No value: not a descriptor or option of this fake, so the real call has to answer.
 std::optional<int> answer_bind(int fd, const struct sockaddr* addr, socklen_t len);
 std::optional<int> answer_getsockopt(int fd, int level, int option, void* value, socklen_t* len);
-std::optional<int> answer_setsockopt(int fd, int level, int option);
+std::optional<int> answer_setsockopt(int fd, int level, int option, const void* value,
+                                     socklen_t len);
 
 }  // namespace fake_netif

@@ -11,6 +11,7 @@
 #include <net/if.h>
 #include <pcap/pcap.h>
 #include <sys/ioctl.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -476,10 +477,14 @@ TEST_F(Netif, PacketVersionIsAnsweredWhenSet) {
 }
 
 TEST_F(Netif, CaptureTakesFilterAndSendTimeout) {
+    const struct timeval timeout = {2, 500'000};
     const auto set = [&](int option) {
-        return minus_one(redirected::do_setsockopt(fd_, SOL_SOCKET, option, nullptr, 0));
+        return minus_one(
+            redirected::do_setsockopt(fd_, SOL_SOCKET, option, &timeout, sizeof timeout));
     };
+    EXPECT_EQ(fake_netif::send_timeout("port0"), std::chrono::seconds(0));
     EXPECT_EQ(set(SO_SNDTIMEO), 0);
+    EXPECT_EQ(fake_netif::send_timeout("port0"), std::chrono::milliseconds(2500));
     EXPECT_EQ(set(SO_DETACH_FILTER), ENOENT);
     EXPECT_EQ(set(SO_ATTACH_FILTER), 0);
     EXPECT_TRUE(fake_netif::is_filtered("port0"));
@@ -515,6 +520,25 @@ TEST_F(Netif, NotificationsReachABoundSocketUntilItIsClosed) {
     close(fd);
     EXPECT_EQ(fake_netif::listeners(), 0u);
     EXPECT_EQ(fail::open_descriptors(), before);
+}
+
+TEST_F(Netif, NetlinkSocketsThatOverlookOverrunsAreCounted) {
+    const int on = 1;
+    const auto set = [&](int fd) {
+        return minus_one(
+            redirected::do_setsockopt(fd, SOL_NETLINK, NETLINK_NO_ENOBUFS, &on, sizeof on));
+    };
+    const int fd = redirected::do_socket(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE);
+    EXPECT_EQ(set(fd), 0);
+    EXPECT_EQ(fake_netif::patient_listeners(), 0u);
+    EXPECT_EQ(bind_to(fd, link_group()), 0);
+    EXPECT_EQ(fake_netif::patient_listeners(), 1u);
+    const int other = redirected::do_socket(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE);
+    EXPECT_EQ(bind_to(other, link_group()), 0);
+    EXPECT_NE(set(other), 0) << "too late";
+    EXPECT_EQ(fake_netif::patient_listeners(), 1u);
+    close(fd);
+    close(other);
 }
 
 TEST_F(Netif, RefusesWrongNetlinkSockets) {
