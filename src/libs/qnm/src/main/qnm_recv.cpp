@@ -631,13 +631,22 @@ int _qnm_recv_batch(int port) {
 
 // ---- Receive loop -------------------------------------------------------------------------------
 
-// A pending socket error on the capture: survived when the interface is down, else fatal.
+// A pending socket error on the capture: survived when the interface is down, else fatal. A thread
+// that sends by the same socket may have taken it since the poll; then nothing is pending, and a
+// wait for it would have no end.
 bool take_socket_error(int port, const struct pollfd& capture) {
     char buffer[k_drain_size];
     const unsigned revents = static_cast<unsigned>(capture.revents);
     errno = 0;
-    const ssize_t got = recv(capture.fd, buffer, sizeof buffer, 0);
+    const ssize_t got = recv(capture.fd, buffer, sizeof buffer, MSG_DONTWAIT);
     const int error = errno;
+    if (got == -1 && error == EAGAIN) {
+        qnm_log_debug(
+            "%s: POLLERR event has occurred (in receive wait), but its error is gone. "
+            "port_num=%d, revents=0x%x",
+            k_loop_name, port, revents);
+        return true;
+    }
     if (got == -1) {
         qnm_log_error("%s: Failed to recv(). err=%d, errno=%d, port_num=%d", k_loop_name,
                       static_cast<int>(got), error, port);

@@ -4,8 +4,10 @@
 
 #include <pcap/pcap.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <random>
 #include <thread>
@@ -451,6 +453,34 @@ TEST_F(recv, an_interface_that_is_down_is_survived) {
                          "_qnm_recv_lin: POLLERR event has occurred (in receive wait). Because "
                          "interface is not up. port_num=0, revents=0x8"));
     EXPECT_EQ(qnm::load(internal_err), 0);
+}
+
+// Another thread has taken the error since the poll: a real socket, which has none pending.
+TEST_F(recv, an_error_that_a_sender_has_taken_is_not_waited_for) {
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, ends), 0);
+    fake_pcap::set_selectable_fd("port0", ends[0]);
+    fail::poll_nth(1, events(POLLERR, 0));
+    fail::poll_nth(2, events(0, POLLIN));
+    EXPECT_EQ(write(qnm_terminate_fd_recv[0][1], "a", 1), 1);
+    std::atomic<bool> ended = false;
+    std::thread task([&] {
+        _qnm_recv_lin(0);
+        ended = true;
+    });
+    EXPECT_TRUE(wait_until([&] { return ended.load(); })) << "it waits for an error";
+    if (!ended) {
+        EXPECT_EQ(send(ends[1], "a", 1, 0), 1);
+    }
+    task.join();
+    EXPECT_TRUE(logs.has(k_debug,
+                         "_qnm_recv_lin: POLLERR event has occurred (in receive wait), but its "
+                         "error is gone. port_num=0, revents=0x8"));
+    EXPECT_EQ(logs.count_level(k_error), 0U);
+    EXPECT_EQ(qnm::load(internal_err), 0);
+    fake_pcap::set_selectable_fd("port0", std::nullopt);
+    for (const int fd : ends)
+        close(fd);
 }
 
 TEST_F(recv, another_socket_error_is_fatal) {
