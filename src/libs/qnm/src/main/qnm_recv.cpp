@@ -580,6 +580,12 @@ void take_frame(const char* func, int port, const unsigned char* frame, size_t l
     if (_check_frame(frame, length, &vlan_mode)) _dispatch_frame(port, frame, vlan_mode);
 }
 
+// How much of a frame there is to read: what was captured, where that is less than was on the wire.
+// A port that was opened with a small MTU captures no more than that allowed for.
+size_t captured_length(const struct pcap_pkthdr& header) {
+    return header.caplen != 0 && header.caplen < header.len ? header.caplen : header.len;
+}
+
 int recv_frame(const char* func, int port) {
     const unsigned char* frame = nullptr;
     size_t length = 0;
@@ -615,7 +621,7 @@ bool is_stopping(int port) {
 void take_from_batch(unsigned char* arg, const struct pcap_pkthdr* header,
                      const unsigned char* frame) {
     const int port = *reinterpret_cast<const int*>(arg);
-    take_frame("_qnm_recv_frame", port, frame, header->len);
+    take_frame("_qnm_recv_frame", port, frame, captured_length(*header));
     if (is_stopping(port)) pcap_breakloop(qnm_root.er_port_info[port].epi_pcap);
 }
 
@@ -748,7 +754,7 @@ int _qnm_recv_pcap(pcap_t* handle, const unsigned char** data_out, size_t* lengt
     const int ret = pcap_next_ex(handle, &header, data_out);
     switch (ret) {
         case 1:
-            *length_out = header->len;
+            *length_out = captured_length(*header);
             return 0;
         case 0:
             return ETIMEDOUT;

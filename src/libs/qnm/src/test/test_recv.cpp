@@ -56,12 +56,36 @@ TEST_F(recv, a_frame_below_28_bytes_is_too_short) {
     expect_dropped(frames::build(it), "_check_frame: Recv size is too short. len=27");
 }
 
-TEST_F(recv, the_length_on_the_wire_counts_and_not_the_captured_one) {
-    fake_pcap::push_frame("port0", frame_t(1500));
-    const unsigned char* data = nullptr;
-    size_t length = 0;
-    EXPECT_EQ(_qnm_recv_pcap(qnm_root.er_port_info[0].epi_pcap, &data, &length), 0);
-    EXPECT_EQ(length, 1500U) << "of which 1024 are captured";
+// How long a frame is, by what was captured of it and its length on the wire.
+struct length_row {
+    size_t captured;
+    uint32_t on_wire;
+    size_t expected;
+};
+
+TEST_F(recv, a_frame_is_as_long_as_what_was_captured_of_it) {
+    for (const length_row& row : {length_row{60, 60, 60},
+                                  {200, 496, 200},
+                                  {1024, 1500, 1024},
+                                  {0, 60, 60}}) {  // how much is not told
+        fake_pcap::push_frame("port0", frame_t(row.captured), row.on_wire);
+        const unsigned char* data = nullptr;
+        size_t length = 0;
+        EXPECT_EQ(_qnm_recv_pcap(qnm_root.er_port_info[0].epi_pcap, &data, &length), 0);
+        EXPECT_EQ(length, row.expected) << row.captured << " of " << row.on_wire;
+    }
+}
+
+TEST_F(recv, an_announcement_captured_in_part_is_dropped) {
+    const frame_t whole = frames::build(announcement());
+    frame_t part = whole;
+    part.resize(whole.size() - 1);
+    fake_pcap::push_frame("port0", part, static_cast<uint32_t>(whole.size()));
+    EXPECT_EQ(_qnm_recv_frame(0), 0);
+    EXPECT_EQ(received(), 0U);
+    EXPECT_TRUE(logs.has(k_trace,
+                         "_check_frame: Recv size is not enough. subtype=0x10, recv_size=271, "
+                         "msg_size=272"));
 }
 
 TEST_F(recv, priority_is_its_top_three_bits) {

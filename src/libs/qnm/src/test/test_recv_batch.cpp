@@ -73,6 +73,16 @@ TEST_F(recv_batch, up_to_64_frames_are_taken_between_two_polls) {
     EXPECT_EQ(received(), 74U);
 }
 
+TEST_F(recv_batch, frames_are_as_long_as_what_was_captured_of_them) {
+    const frames::frame_t whole = frames::build({});
+    fake_pcap::push_frame("port0", std::span(whole).first(whole.size() - 1),
+                          static_cast<uint32_t>(whole.size()));
+    push(1);
+    take_all_in();
+    EXPECT_THAT(g_dispatched, ElementsAre(2));
+    EXPECT_EQ(received(), 1U) << "the one that was captured whole";
+}
+
 TEST_F(recv_batch, levels_that_show_each_step_take_frames_one_by_one) {
     for (const qnm_log_level_t level : {QNM_LOGLVL_DEBUG, QNM_LOGLVL_TRACE}) {
         set_running();
