@@ -193,8 +193,11 @@ int run_with_pipes() {
     return err;
 }
 
-// Opens the configured ports; one is enough. Without any, the last error is the result.
+// Opens the configured ports; one is enough. Without any, the last error is the result. A closed
+// port keeps its link state; one that is not opened in this run must not seem connected by it.
 int run_with_ports() {
+    for (qnm_port_info_t& port : qnm_root.er_port_info)
+        qnm::store(port.epi_link_state, 0U);
     const size_t used = qnm_config.use_port_num_linux >= 2 ? 2 : 1;
     bool any_open = false;
     int err = 0;

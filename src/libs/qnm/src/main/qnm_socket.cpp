@@ -144,6 +144,7 @@ int _qnm_socket_open(const char* port_name, uint32_t, qnm_port_info_t* port_info
 }
 
 int _qnm_socket_open_lin(const char* port_name, qnm_port_info_t* port_info) {
+    qnm::store(port_info->epi_link_state, 0U);
     char error[PCAP_ERRBUF_SIZE] = "";
     pcap_t* const pcap =
         pcap_open_live(port_name, k_snaplen, k_promiscuous, k_read_timeout_ms, error);
@@ -169,8 +170,6 @@ int _qnm_socket_close(qnm_port_info_t* port_info) {
         pcap_close(port_info->epi_pcap);
         port_info->epi_pcap = nullptr;
     }
-    // The next run may not open this port; it must not seem connected then.
-    qnm::store(port_info->epi_link_state, 0U);
     return 0;
 }
 

@@ -24,7 +24,7 @@ extern "C" {
 int _qnm_socket_open(const char* port_name, uint32_t if_index, qnm_port_info_t* port_info);
 int _qnm_socket_open_lin(const char* port_name, qnm_port_info_t* port_info);
 
-// Always 0; a closed port is left alone.
+// Always 0; a closed port is left alone. The link state stays as it was; opening clears it first.
 int _qnm_socket_close(qnm_port_info_t* port_info);
 
 // Sends one frame unchanged. Any thread, also several at once.

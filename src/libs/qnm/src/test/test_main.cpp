@@ -183,6 +183,20 @@ TEST_F(main_unit, with_one_port_configured_the_second_is_never_opened) {
     EXPECT_EQ(fake_pcap::open_calls().size(), 1U);
 }
 
+TEST_F(main_unit, a_port_of_an_earlier_run_does_not_seem_connected) {
+    start();
+    EXPECT_EQ(qnm::load(qnm_root.er_port_info[1].epi_link_state), 1U);
+    EXPECT_EQ(stop(), QNM_API_SUCCESS);
+    dir.write_conf("ether_port = port0\ndevinfo_flag_check_interval = 1\n");
+    start();
+    EXPECT_EQ(qnm::load(qnm_root.er_port_info[0].epi_link_state), 1U);
+    EXPECT_EQ(qnm::load(qnm_root.er_port_info[1].epi_link_state), 0U);
+    EXPECT_EQ(stop(), QNM_API_SUCCESS);
+    fake_pcap::set_next_open_failure("port0", "gone");
+    EXPECT_EQ(init(), QNM_API_EPROTO);
+    EXPECT_EQ(qnm::load(qnm_root.er_port_info[0].epi_link_state), 0U);
+}
+
 TEST_F(main_unit, without_any_port_the_start_fails) {
     fake_pcap::set_next_open_failure("port0", "gone");
     fake_pcap::set_next_open_failure("port1", "gone");

@@ -68,10 +68,12 @@ TEST_F(socket_unit, a_link_that_is_down_is_learnt_as_such) {
     EXPECT_EQ(port.epi_link_state, 0U);
 }
 
-TEST_F(socket_unit, a_closed_port_has_no_link) {
+TEST_F(socket_unit, closing_leaves_the_link_state_and_opening_clears_it) {
     EXPECT_EQ(open(), 0);
-    EXPECT_EQ(port.epi_link_state, 1U);
     EXPECT_EQ(_qnm_socket_close(&port), 0);
+    EXPECT_EQ(port.epi_link_state, 1U);
+    fake_pcap::set_next_open_failure("eth9", "eth9: no luck");
+    EXPECT_EQ(open(), EPROTO);
     EXPECT_EQ(port.epi_link_state, 0U);
 }
 
