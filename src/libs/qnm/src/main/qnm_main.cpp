@@ -284,7 +284,8 @@ extern "C" {
 qnm_api_code_t qnm_init_manager(const char* path, qnm_log_level_t log_level) {
     // Held until the return, so that no second start overlaps the end of this run.
     uint32_t idle = 1;
-    if (!std::atomic_ref<uint32_t>(qnm_initializing_flag).compare_exchange_strong(idle, 0)) {
+    if (qnm::load(qnm_root.er_init_flag) == 0 ||
+        !std::atomic_ref<uint32_t>(qnm_initializing_flag).compare_exchange_strong(idle, 0)) {
         _qnm_stats_count_call(QNM_STATS_INIT_MANAGER, QNM_API_EBUSY);
         return QNM_API_EBUSY;
     }

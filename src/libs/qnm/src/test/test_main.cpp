@@ -112,6 +112,26 @@ TEST_F(main_unit, a_second_start_is_busy_and_silent) {
     EXPECT_EQ(qnm_stats.est_func_code[QNM_STATS_INIT_MANAGER][QNM_API_SUCCESS], 0U);
 }
 
+TEST_F(main_unit, a_start_while_the_init_flag_says_running_is_busy_and_changes_nothing) {
+    set_flags(0, 0, 0);
+    std::atomic<bool> ended = false;
+    manager = std::thread([&] {
+        result = init();
+        ended = true;
+    });
+    EXPECT_TRUE(wait_until([&] { return ended || fake_pcap::open_handles() != 0; }));
+    EXPECT_TRUE(ended) << "it has started";
+    if (!ended) qnm_fini_manager();
+    manager.join();
+    EXPECT_EQ(result, QNM_API_EBUSY);
+    EXPECT_EQ(qnm::load(qnm_root.er_init_flag), 0U);
+    EXPECT_EQ(qnm::load(qnm_root.er_start_flag), 0U);
+    EXPECT_EQ(qnm::load(qnm_root.er_fini_flag), 0U);
+    EXPECT_TRUE(logs.lines().empty());
+    set_flags(1, 1, 1);
+    expect_restart();
+}
+
 TEST_F(main_unit, wrong_arguments_are_refused_silently) {
     for (const int level : {-2, 6}) {
         EXPECT_EQ(init(static_cast<qnm_log_level_t>(level)), QNM_API_EINVAL);
