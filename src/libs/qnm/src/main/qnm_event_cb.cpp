@@ -372,6 +372,10 @@ void _qnm_tell_events(void) {
     _qnm_event_set(&event_sig);
 }
 
+void _qnm_event_cb_wake(void) {
+    _qnm_event_set(&event_sig);
+}
+
 void* _qnm_event_task(void*) {
     qnm_log_info("%s: start.", k_task_name);
     while (qnm::is_running()) {

@@ -31,6 +31,9 @@ void _qnm_tell_events(void);
 // The name of an event type as it stands in qnm.h.
 const char* _qnm_event_name(qnm_evt_type_t event_type);
 
+// Wakes the event thread without an event, for the stop.
+void _qnm_event_cb_wake(void);
+
 // Thread entry; arg is not used.
 void* _qnm_event_task(void* arg);
 

@@ -3,10 +3,10 @@
 // qnm_init_manager() brings everything up, starts the worker threads and then runs the keepalive
 // loop on its caller's thread until a stop is requested; only then does it take everything down
 // again and return. qnm_fini_manager() and a worker with a fatal error merely clear er_fini_flag:
-// the keepalive loop notices it within one devinfo_flag_check_interval, the receive threads and the
-// link watcher are woken through their terminate pipes, the others at their next wake-up. Public
-// calls that wait for a card are woken as well, and give up; ports are closed and units finished
-// only when all calls have left the library.
+// the keepalive loop notices it within one devinfo_flag_check_interval and wakes the others: the
+// receive threads and the link watcher through their terminate pipes, the event thread and the
+// statistics thread through their events. Public calls that wait for a card are woken as well, and
+// give up; ports are closed and units finished only when all calls have left the library.
 //
 // Each stage below takes down what it has brought up and returns the result so far, so that a
 // failure anywhere unwinds through the same steps as a normal stop.
@@ -99,6 +99,7 @@ void join_worker(worker& thread) {
 void abort_workers() {
     _qnm_fini_manager();
     _qnm_terminate_event_set();
+    _qnm_event_cb_wake();
 }
 
 // Declares the manager running and stays in the keepalive loop until the stop.
@@ -113,6 +114,7 @@ void stay_running() {
     _qnm_interval_check();
     _qnm_stats_write();
     _qnm_terminate_event_set();
+    _qnm_event_cb_wake();
     _qnm_cmp_wake();
 }
 

@@ -20,6 +20,19 @@ using testing::IsSupersetOf;
 extern "C" int __real__qnm_make_filename(const char* path, const char* file, char* name,
                                          size_t size);
 
+extern "C" int __real__qnm_event_timedwait_for(qnm_event_t* evt, uint32_t timeout_ms,
+                                               qnm_event_cond_t holds, void* arg);
+
+// Waits of the threads with this time-out last an hour; 0 = none.
+std::atomic<uint32_t> g_endless_wait = 0;
+
+extern "C" int __wrap__qnm_event_timedwait_for(qnm_event_t* evt, uint32_t timeout_ms,
+                                               qnm_event_cond_t holds, void* arg) {
+    constexpr uint32_t k_hour = 3'600'000;
+    return __real__qnm_event_timedwait_for(evt, timeout_ms == g_endless_wait ? k_hour : timeout_ms,
+                                           holds, arg);
+}
+
 // Which name cannot be made, by its end; null = none.
 const char* g_refused_name = nullptr;
 
@@ -275,6 +288,66 @@ TEST_F(main_unit, a_unit_that_fails_undoes_those_before_it) {
     EXPECT_THAT(infos_with("_fini: end."), ElementsAre("_qnm_blacklist_fini", "_qnm_qn_fini",
                                                        "_qnm_stats_fini", "_qnm_config_fini"));
     expect_restart();
+}
+
+// The event thread, which looks around once a second, does not keep the manager from ending.
+struct event_thread_that_sleeps : main_unit {
+    static constexpr uint32_t k_event_wait = 1000;
+
+    event_thread_that_sleeps() { g_endless_wait = k_event_wait; }
+    ~event_thread_that_sleeps() override { g_endless_wait = 0; }
+
+    // The manager has to end by itself; else the thread is woken by other means.
+    void expect_end(std::atomic<bool>& ended) {
+        EXPECT_TRUE(wait_until([&] { return ended.load(); })) << "the event thread is not woken";
+        while (!ended) {
+            _qnm_add_event(QNM_EVT_NEWDEVINFO, 1);
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+};
+
+TEST_F(event_thread_that_sleeps, is_woken_by_a_stop) {
+    for (const bool by_an_error : {false, true}) {
+        std::atomic<bool> ended = false;
+        manager = std::thread([&] {
+            result = init();
+            ended = true;
+        });
+        ASSERT_TRUE(wait_until(is_up));
+        EXPECT_TRUE(
+            wait_until([] { return fail::count(fail::call::pthread_cond_timedwait) != 0; }));
+        if (by_an_error) {
+            fake_pcap::push_result("port1", -1);
+        } else {
+            EXPECT_EQ(qnm_fini_manager(), QNM_API_SUCCESS);
+        }
+        expect_end(ended);
+        manager.join();
+        EXPECT_EQ(result, by_an_error ? QNM_API_EPROTO : QNM_API_SUCCESS);
+    }
+}
+
+TEST_F(event_thread_that_sleeps, is_woken_by_a_start_that_fails_behind_it) {
+    for (const unsigned thread : {4U, 5U}) {
+        std::atomic<bool> ended = false;
+        fail::on(fail::call::pthread_create,
+                 [thread, before = fail::count(fail::call::pthread_create)](uint64_t number) {
+                     if (number != before + thread) return fail::pass;
+                     // The event thread sleeps already.
+                     EXPECT_TRUE(wait_until(
+                         [] { return fail::count(fail::call::pthread_cond_timedwait) != 0; }));
+                     return fail::outcome(EAGAIN);
+                 });
+        manager = std::thread([&] {
+            result = init();
+            ended = true;
+        });
+        expect_end(ended);
+        manager.join();
+        EXPECT_EQ(result, QNM_API_EPROTO);
+        fail::reset();
+    }
 }
 
 TEST_F(main_unit, an_internal_error_ends_the_manager_with_its_code) {
