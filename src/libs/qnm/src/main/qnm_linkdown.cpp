@@ -102,6 +102,16 @@ bool watch_once(struct pollfd (&fds)[2]) {
     return true;
 }
 
+// When more interfaces change at once than the socket can hold notifications of, the kernel drops
+// some and would tell so by an error. Nothing is lost by a drop: what is left in the queue is taken
+// afterwards, and every taking looks at the ports.
+void overlook_overruns(int fd) {
+    const int on = 1;
+    if (setsockopt(fd, SOL_NETLINK, NETLINK_NO_ENOBUFS, &on, sizeof on) != 0) {
+        qnm_log_warn("%s: Failed to setsockopt(NETLINK_NO_ENOBUFS). errno=%d", k_name, errno);
+    }
+}
+
 // A socket that receives the link notifications; -1 on failure, which is logged.
 int open_netlink() {
     const int fd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
@@ -110,6 +120,7 @@ int open_netlink() {
         _qnm_fini_manager();
         return -1;
     }
+    overlook_overruns(fd);
     struct sockaddr_nl address = {};
     address.nl_family = AF_NETLINK;
     address.nl_groups = RTMGRP_LINK;
