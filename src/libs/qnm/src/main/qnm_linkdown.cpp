@@ -2,9 +2,11 @@
 //
 // The kernel's link notifications, received on a routing netlink socket, serve only as a wake-up:
 // they are not parsed, the state is read back from the interfaces. So two changes that cancel each
-// other out before the reading are not seen. When a port goes down, every card on it is
-// disconnected at once, under the table lock, without waiting for the keepalive check. Failures of
-// the socket, the poll set or the pipe stop the manager; a failed query only passes over its port.
+// other out before the reading are not seen, and notifications may be dropped where there are too
+// many. When a port goes down, every card on it is disconnected at once, under the table lock,
+// without waiting for the keepalive check. A port whose interface is gone, renamed or replaced is
+// down. Failures of the socket, the poll set or the pipe stop the manager; a failed query only
+// passes over its port.
 
 #include "qnm_linkdown.h"
 
@@ -15,6 +17,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "qnm.h"
 #include "qnm_config.h"
@@ -33,10 +36,31 @@ const char* state_word(uint32_t state) {
     return state == 1 ? "UP" : "DOWN";
 }
 
+// Whether the port's name has ceased to lead to the interface that was opened; the watcher's own.
+bool g_lost[2];
+
+// The state of an open port as it counts. Its capture belongs to one interface for good; while the
+// port's name leads to none or to another one, the port is down, whatever that one's link says.
+int look_at_port(const char* func, int port, uint32_t* state_out) {
+    bool present = false;
+    const int err = _qnm_find_interface(port, &present);
+    if (err != 0) return err;
+    const bool was_lost = std::exchange(g_lost[port], !present);
+    if (present) return _qnm_get_linkstate(port, state_out);
+    *state_out = 0;
+    if (!was_lost) {
+        qnm_log_error(
+            "%s: %s is no longer the interface that was opened as QNM port%d (if_index=%d): that "
+            "was removed or renamed. The port counts as down. Restart the manager to open it anew.",
+            func, qnm_config.ether_port_name[port], port, qnm_root.er_port_info[port].epi_if_index);
+    }
+    return 0;
+}
+
 void _qnm_link_state_update(int port) {
     qnm_port_info_t& info = qnm_root.er_port_info[port];
     uint32_t state = 0;
-    if (info.epi_pcap == nullptr || _qnm_get_linkstate(port, &state) != 0) return;
+    if (info.epi_pcap == nullptr || look_at_port(__func__, port, &state) != 0) return;
     const uint32_t old_state = qnm::load(info.epi_link_state);
     if (state == old_state) return;
     qnm_log_info("%s: State of QNM port%d changed. mac=%.12lx, if_index=%d (%s->%s)", __func__,
@@ -147,6 +171,9 @@ void* _qnm_watch_linkstate(void*) {
 void _qnm_watch_linkstate_lin(void) {
     const int netlink = open_netlink();
     if (netlink == -1) return;
+    // Nobody has told of changes since the ports were opened.
+    g_lost[0] = g_lost[1] = false;
+    if (qnm::is_running()) update_ports();
     struct pollfd fds[2] = {{netlink, POLLIN, 0}, {qnm_terminate_fd_link[0], POLLIN, 0}};
     while (qnm::is_running() && watch_once(fds)) {
     }

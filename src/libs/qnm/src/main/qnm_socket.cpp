@@ -77,32 +77,62 @@ pcap_t* without_delay(pcap_t* pcap, const char* port_name) {
     return immediate;
 }
 
-// An interface request for a name; EPROTO and a log line when the name does not fit.
-int make_request(const char* func, const char* port_name, const char* purpose,
-                 struct ifreq* request) {
+// An interface request for a name; false when the name does not fit.
+bool fill_request(const char* port_name, struct ifreq* request) {
     const size_t length = strlen(port_name);
     memset(request, 0, sizeof *request);
-    if (length >= IFNAMSIZ) {
-        qnm_log_error("%s: port_name is greater than IFNAMSIZ. port_name=%s. For getting %s", func,
-                      port_name, purpose);
-        return EPROTO;
-    }
+    if (length >= IFNAMSIZ) return false;
     memcpy(request->ifr_name, port_name, length);
+    return true;
+}
+
+// The same with a log line: 0 or EPROTO.
+int make_request(const char* func, const char* port_name, const char* purpose,
+                 struct ifreq* request) {
+    if (fill_request(port_name, request)) return 0;
+    qnm_log_error("%s: port_name is greater than IFNAMSIZ. port_name=%s. For getting %s", func,
+                  port_name, purpose);
+    return EPROTO;
+}
+
+// The link of the interface that the request names: 0, or the error number of the query.
+int query_link(int fd, struct ifreq* request, uint32_t* state_out) {
+    struct ethtool_value link = {ETHTOOL_GLINK, 0};
+    request->ifr_data = reinterpret_cast<char*>(&link);
+    if (ioctl(fd, SIOCETHTOOL, request) != 0) return errno;
+    *state_out = link.data != 0 ? 1 : 0;
     return 0;
 }
 
 int _qnm_get_linkstate_lin_impl(int fd, const char* port_name, uint32_t* state_out) {
     struct ifreq request;
-    const int err = make_request(__func__, port_name, "link state", &request);
+    int err = make_request(__func__, port_name, "link state", &request);
     if (err != 0) return err;
-    struct ethtool_value link = {ETHTOOL_GLINK, 0};
-    request.ifr_data = reinterpret_cast<char*>(&link);
-    if (ioctl(fd, SIOCETHTOOL, &request) != 0) {
-        qnm_log_error("%s: Failed to ioctl(SIOCETHTOOL). errno=%d", __func__, errno);
+    err = query_link(fd, &request, state_out);
+    if (err != 0) {
+        qnm_log_error("%s: Failed to ioctl(SIOCETHTOOL). errno=%d", __func__, err);
         return EPROTO;
     }
-    *state_out = link.data != 0 ? 1 : 0;
     return 0;
+}
+
+// Whether the interface that the request names is the one that was opened as this port: 0, or the
+// error number of the query. No interface of that name is an answer as well.
+int query_presence(int fd, const qnm_port_info_t& port_info, struct ifreq* request,
+                   bool* present_out) {
+    if (ioctl(fd, SIOCGIFINDEX, request) != 0) {
+        const int err = errno;
+        *present_out = false;
+        return err == ENODEV ? 0 : err;
+    }
+    *present_out = request->ifr_ifindex == port_info.epi_if_index;
+    return 0;
+}
+
+// The descriptor of a port's capture; -1 when there is none.
+int capture_of(int port) {
+    pcap_t* const pcap = qnm_root.er_port_info[port].epi_pcap;
+    return pcap != nullptr ? pcap_fileno(pcap) : -1;
 }
 
 // Fills the entry of a port whose capture handle is open. Log lines carry the opener's name.
@@ -187,13 +217,37 @@ int _qnm_get_linkstate(int port, uint32_t* state_out) {
 }
 
 int _qnm_get_linkstate_lin(int port, uint32_t* state_out) {
-    pcap_t* const pcap = qnm_root.er_port_info[port].epi_pcap;
-    const int fd = pcap != nullptr ? pcap_fileno(pcap) : -1;
+    const int fd = capture_of(port);
     if (fd == -1) {
         qnm_log_error("%s: Failed to pcap_fileno().", __func__);
         return EPROTO;
     }
     return _qnm_get_linkstate_lin_impl(fd, qnm_config.ether_port_name[port], state_out);
+}
+
+int _qnm_find_interface(int port, bool* present_out) {
+    struct ifreq request;
+    int err =
+        make_request(__func__, qnm_config.ether_port_name[port], "interface index.", &request);
+    if (err != 0) return err;
+    err = query_presence(capture_of(port), qnm_root.er_port_info[port], &request, present_out);
+    if (err != 0) {
+        qnm_log_error("%s: Failed to ioctl(SIOCGIFINDEX). errno=%d", __func__, err);
+        return EPROTO;
+    }
+    return 0;
+}
+
+bool _qnm_is_port_down(int port) {
+    const int fd = capture_of(port);
+    if (fd == -1) return false;
+    struct ifreq request;
+    bool present = false;
+    uint32_t state = 0;
+    const bool is_up = fill_request(qnm_config.ether_port_name[port], &request) &&
+                       query_presence(fd, qnm_root.er_port_info[port], &request, &present) == 0 &&
+                       present && query_link(fd, &request, &state) == 0 && state == 1;
+    return !is_up;
 }
 
 }  // extern "C"

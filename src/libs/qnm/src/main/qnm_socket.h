@@ -34,4 +34,12 @@ int _qnm_send(int port, const unsigned char* buffer, size_t length);
 int _qnm_get_linkstate(int port, uint32_t* state_out);
 int _qnm_get_linkstate_lin(int port, uint32_t* state_out);
 
+// Stores whether the port's configured name still leads to the interface that was opened; not so
+// when that is gone, renamed or replaced by another one. 0 or 71. The port must be open.
+int _qnm_find_interface(int port, bool* present_out);
+
+// Whether an open port has lost its interface or its link, or does not answer. Logs nothing, so
+// that frames which make somebody ask cannot multiply lines. Any thread.
+bool _qnm_is_port_down(int port);
+
 }  // extern "C"

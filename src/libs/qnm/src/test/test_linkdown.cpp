@@ -36,11 +36,7 @@ struct linkdown : units {
             EXPECT_EQ(_qnm_socket_open(name.c_str(), 0, &qnm_root.er_port_info[port]), 0);
         }
         EXPECT_EQ(pipe(qnm_terminate_fd_link), 0);
-        qnm_qnsv_t card = {};
-        card.esv_com_dev.ecd_id = k_id;
-        card.esv_com_dev.ecd_state[0][0] = card.esv_com_dev.ecd_state[1][0] = 1;
-        const qnm::table_guard lock;
-        EXPECT_EQ(_qnm_set_qnsv(k_id, &card, 0, 0, QNM_VALID_ALL), 0);
+        connect();
         logs.clear();
     }
 
@@ -55,9 +51,12 @@ struct linkdown : units {
         EXPECT_EQ(fake_netif::listeners(), 0U);
     }
 
+    // Until the watcher has looked at the ports for the first time and waits for notifications.
     void start() {
+        const uint64_t before = fail::count(fail::call::poll);
         task = std::thread(_qnm_watch_linkstate, nullptr);
-        EXPECT_TRUE(fake_netif::wait_listener());
+        EXPECT_TRUE(wait_until([=] { return fail::count(fail::call::poll) > before; }));
+        EXPECT_EQ(fake_netif::listeners(), 1U);
     }
 
     void stop() {
@@ -71,6 +70,19 @@ struct linkdown : units {
         const uint64_t before = fail::count(fail::call::recv);
         fake_netif::notify();
         EXPECT_TRUE(wait_until([&] { return fail::count(fail::call::recv) > before; }));
+    }
+
+    // The card, by both ports.
+    static void connect() {
+        qnm_qnsv_t card = {};
+        card.esv_com_dev.ecd_id = k_id;
+        card.esv_com_dev.ecd_state[0][0] = card.esv_com_dev.ecd_state[1][0] = 1;
+        const qnm::table_guard lock;
+        EXPECT_EQ(_qnm_set_qnsv(k_id, &card, 0, 0, QNM_VALID_ALL), 0);
+    }
+
+    static uint32_t link_state(int port) {
+        return qnm::load(qnm_root.er_port_info[port].epi_link_state);
     }
 
     static std::string paths() {
@@ -117,8 +129,10 @@ TEST_F(linkdown, a_notification_without_a_change_queries_both_ports_silently) {
     start();
     const uint64_t before = fail::count(fail::call::ioctl);
     notify();
-    EXPECT_TRUE(wait_until([&] { return fail::count(fail::call::ioctl) == before + 2; }));
+    // Of each the interface behind its name, and that one's link.
+    EXPECT_TRUE(wait_until([&] { return fail::count(fail::call::ioctl) == before + 4; }));
     stop();
+    EXPECT_EQ(fail::count(fail::call::ioctl), before + 4);
     EXPECT_THAT(logs.texts("syslogfile"), IsEmpty());
 }
 
@@ -130,7 +144,7 @@ TEST_F(linkdown, one_port_in_use_means_one_port_queried) {
     notify();
     notify();
     stop();
-    EXPECT_EQ(fail::count(fail::call::ioctl), before + 2);
+    EXPECT_EQ(fail::count(fail::call::ioctl), before + 4);
     EXPECT_EQ(paths(), "CC");
 }
 
@@ -145,14 +159,116 @@ TEST_F(linkdown, a_port_that_did_not_open_is_passed_over) {
 }
 
 TEST_F(linkdown, a_failed_query_passes_over_its_port_only) {
-    fail::nth(fail::call::ioctl, 1, EIO);
+    const char* const lines[] = {
+        "_qnm_find_interface: Failed to ioctl(SIOCGIFINDEX). errno=5",
+        "_qnm_get_linkstate_lin_impl: Failed to ioctl(SIOCETHTOOL). errno=5"};
+    start();
+    for (unsigned query = 1; query <= 2; query++) {
+        const bool up = query % 2 == 0;
+        fail::nth(fail::call::ioctl, query, EIO);
+        fake_netif::set_link("port0", up);
+        fake_netif::set_link("port1", up);
+        notify();
+        EXPECT_TRUE(wait_until([=] { return link_state(1) == (up ? 1U : 0U); }));
+        EXPECT_TRUE(logs.wait_for(k_error, lines[query - 1]));
+        EXPECT_NE(link_state(0), link_state(1)) << "passed over this time";
+        notify();
+        EXPECT_TRUE(wait_until([=] { return link_state(0) == link_state(1); }));
+    }
+    stop();
+    EXPECT_EQ(logs.count_level(k_error), 2U);
+}
+
+// ---- A change before the watcher listens --------------------------------------------------------
+
+TEST_F(linkdown, a_change_since_the_ports_were_opened_is_seen_without_a_notification) {
     fake_netif::set_link("port1", false);
     start();
+    EXPECT_EQ(paths(), "CD");
+    EXPECT_EQ(link_state(1), 0U);
+    stop();
+    EXPECT_EQ(qnm_stats.est_port1_down_total, 1U);
+    EXPECT_TRUE(logs.has(k_info,
+                         "_qnm_link_state_update: State of QNM port1 changed. "
+                         "mac=0a0000000001, if_index=6 (UP->DOWN)"));
+}
+
+TEST_F(linkdown, a_start_without_a_change_says_nothing_of_the_ports) {
+    start();
+    stop();
+    EXPECT_EQ(logs.count_part(k_info, "State of QNM port"), 0U);
+    EXPECT_THAT(logs.texts("syslogfile"), IsEmpty());
+}
+
+// ---- Interfaces that are not what they were -----------------------------------------------------
+
+constexpr char k_lost[] =
+    "_qnm_link_state_update: port1 is no longer the interface that was opened as QNM port1 "
+    "(if_index=6): that was removed or renamed. The port counts as down. Restart the manager to "
+    "open it anew.";
+
+// What became of the interface behind port 1's name.
+struct loss_row {
+    const char* what;
+    void (*lose)();
+};
+
+TEST_F(linkdown, a_port_whose_name_leads_elsewhere_is_down_and_says_so_once) {
+    const loss_row rows[] = {
+        {"gone", [] { fake_netif::remove("port1"); }},
+        {"replaced", [] { fake_netif::set("port1", {.index = 9, .mac = 0x0A0000000001}); }},
+    };
+    start();
+    unsigned losses = 0;
+    for (const loss_row& row : rows) {
+        SCOPED_TRACE(row.what);
+        losses++;
+        connect();
+        logs.clear();
+        row.lose();
+        notify();
+        EXPECT_TRUE(wait_until([] { return paths() == "CD"; }));
+        EXPECT_EQ(link_state(1), 0U);
+        EXPECT_EQ(logs.texts("logfile", k_error), std::vector<std::string>{k_lost});
+        const uint64_t before = fail::count(fail::call::ioctl);
+        notify();
+        EXPECT_TRUE(wait_until([=] { return fail::count(fail::call::ioctl) >= before + 3; }));
+        EXPECT_EQ(logs.count(k_error, k_lost), 1U) << "once for each change";
+        // The name is that of the opened interface again.
+        fake_netif::set("port1", {.index = 6, .mac = 0x0A0000000001});
+        notify();
+        EXPECT_TRUE(wait_until([] { return link_state(1) == 1; }));
+    }
+    stop();
+    EXPECT_EQ(qnm_stats.est_port1_down_total, losses);
+    EXPECT_EQ(qnm_stats.est_port0_down_total, 0U);
+}
+
+TEST_F(linkdown, a_port_that_was_down_before_it_is_lost_says_so_as_well) {
+    start();
+    fake_netif::set_link("port1", false);
     notify();
     EXPECT_TRUE(wait_until([] { return paths() == "CD"; }));
+    fake_netif::remove("port1");
+    notify();
+    EXPECT_TRUE(logs.wait_for(k_error, k_lost));
     stop();
-    EXPECT_TRUE(
-        logs.has(k_error, "_qnm_get_linkstate_lin_impl: Failed to ioctl(SIOCETHTOOL). errno=5"));
+    EXPECT_EQ(qnm_stats.est_port1_down_total, 1U);
+}
+
+// ---- Failures -----------------------------------------------------------------------------------
+
+TEST_F(linkdown, the_socket_is_told_not_to_fail_when_it_overruns) {
+    start();
+    EXPECT_EQ(fake_netif::patient_listeners(), 1U);
+    stop();
+    fail::nth(fail::call::setsockopt, 1, ENOPROTOOPT);
+    start();
+    EXPECT_EQ(fake_netif::patient_listeners(), 0U) << "it goes on without";
+    EXPECT_TRUE(logs.has(
+        k_warn, "_qnm_watch_linkstate_lin: Failed to setsockopt(NETLINK_NO_ENOBUFS). errno=92"));
+    stop();
+    EXPECT_EQ(qnm::load(internal_err), 0);
 }
 
 TEST_F(linkdown, the_watcher_ends_with_the_stop_flag) {

@@ -141,6 +141,46 @@ TEST_F(socket_unit, the_link_state_is_read_back) {
     EXPECT_EQ(logs.count(k_error, "_qnm_get_linkstate_lin: Failed to pcap_fileno()."), 2U);
 }
 
+// Whether the port's name still leads to its interface, and whether the port is down.
+TEST_F(socket_unit, the_interface_behind_the_name_is_compared) {
+    EXPECT_FALSE(_qnm_is_port_down(1)) << "a closed port has no link to lose";
+    EXPECT_EQ(open(), 0);
+    bool present = false;
+    EXPECT_EQ(_qnm_find_interface(1, &present), 0);
+    EXPECT_TRUE(present);
+    EXPECT_FALSE(_qnm_is_port_down(1));
+    fake_netif::set("eth9", {.index = 43, .mac = 1});
+    EXPECT_EQ(_qnm_find_interface(1, &present), 0);
+    EXPECT_FALSE(present) << "another one has the name";
+    EXPECT_TRUE(_qnm_is_port_down(1));
+    present = true;
+    fake_netif::remove("eth9");
+    EXPECT_EQ(_qnm_find_interface(1, &present), 0);
+    EXPECT_FALSE(present) << "none has it";
+    EXPECT_TRUE(_qnm_is_port_down(1));
+    EXPECT_EQ(logs.count_level(k_error), 0U);
+}
+
+TEST_F(socket_unit, a_port_that_is_down_is_told_without_a_line) {
+    EXPECT_EQ(open(), 0);
+    fake_netif::set_link("eth9", false);
+    EXPECT_TRUE(_qnm_is_port_down(1));
+    fake_netif::set_link("eth9", true);
+    for (const unsigned long request : {SIOCGIFINDEX, SIOCETHTOOL}) {
+        fake_netif::fail_request(request, EIO);
+        EXPECT_TRUE(_qnm_is_port_down(1)) << "it does not answer";
+        fake_netif::fail_request(request, 0);
+    }
+    strcpy(qnm_config.ether_port_name[1], "a234567890123456");
+    EXPECT_TRUE(_qnm_is_port_down(1));
+    EXPECT_EQ(logs.count_level(k_error), 0U);
+    bool present = true;
+    EXPECT_EQ(_qnm_find_interface(1, &present), EPROTO);
+    EXPECT_TRUE(logs.has(k_error,
+                         "_qnm_find_interface: port_name is greater than IFNAMSIZ. "
+                         "port_name=a234567890123456. For getting interface index."));
+}
+
 TEST_F(socket_unit, a_capture_that_delivers_by_the_block_is_reopened_without_delay) {
     fake_netif::set_packet_version(TPACKET_V3);
     EXPECT_EQ(open(), 0);
