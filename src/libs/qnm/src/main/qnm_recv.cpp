@@ -395,6 +395,13 @@ void add_card(typename Kind::record& card, const arrival& from) QNM_REQUIRES(qnm
     if (dev.ecd_int_vector != 0) _qnm_raise_event(func, QNM_EVT_MAJORMINORERROR, dev.ecd_id);
 }
 
+// Whether the cards of a port may be connected. A frame that was taken before its port went down
+// can come here after the port's cards have been disconnected, and would connect its card again.
+// The look at the link is for the time in which it is up and the watcher has not stored that yet.
+bool may_connect(int port) QNM_REQUIRES(qnm_qn.eei_mutex) {
+    return qnm::load(qnm_root.er_port_info[port].epi_link_state) == 1 || !_qnm_is_port_down(port);
+}
+
 template <typename Kind>
 void set_devinfo(int port, const unsigned char* frame, uint8_t vlan_mode, uint64_t now) {
     const qnw_devinfo_com_s& message = view<qnw_devinfo_com_s>(frame);
@@ -407,6 +414,11 @@ void set_devinfo(int port, const unsigned char* frame, uint8_t vlan_mode, uint64
     typename Kind::record old_card;
     uint32_t ignore_state = 0;
     const qnm::table_guard lock;
+    if (!may_connect(port)) {
+        qnm_log_trace("%s: Drop packet because the link is down. port_num=%d, id=0x%.12lx",
+                      k_names<Kind>.lookup, port, (new_card.*Kind::com_dev).ecd_id);
+        return;
+    }
     const int err = Kind::get((new_card.*Kind::com_dev).ecd_id, &old_card, &ignore_state, nullptr,
                               QNM_VALID_RECORD | QNM_VALID_IGNORE_STATE);
     if (err == 0) {

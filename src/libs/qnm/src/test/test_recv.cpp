@@ -219,6 +219,63 @@ TEST_F(recv, every_kind_is_dispatched_and_counted_on_its_port) {
     }
 }
 
+// ---- Ports that are down ------------------------------------------------------------------------
+
+// Port 0 as the watcher has left it, and as its link is now.
+struct recv_on_a_port_down : recv {
+    recv_on_a_port_down() {
+        strcpy(qnm_config.ether_port_name[0], name(0).c_str());
+        qnm::store(qnm_root.er_port_info[0].epi_link_state, 0U);
+        fake_netif::set_link(name(0), false);
+    }
+
+    static bool is_known(uint64_t id = small().mac) {
+        qnm_qnio_t card = {};
+        return qnm_get_qnio(id, &card) == QNM_API_SUCCESS;
+    }
+};
+
+TEST_F(recv_on_a_port_down, an_announcement_connects_no_card) {
+    for (const uint8_t host : {0, 1}) {
+        announcement it = small();
+        it.host = host;
+        logs.clear();
+        EXPECT_EQ(receive(frames::build(it)), 0);
+        const std::string func = host == 0 ? "_set_qnsv_devinfo" : "_set_qnio_devinfo";
+        EXPECT_TRUE(logs.has(k_trace, func + ": Drop packet because the link is down. port_num=0, "
+                                             "id=0x020000001000"));
+        EXPECT_EQ(logs.count_level(k_warn) + logs.count_level(k_error), 0U);
+    }
+    EXPECT_FALSE(is_known());
+    EXPECT_EQ(qnm_stats.est_sv_node_al, 0U);
+}
+
+// In the order in which the link loss and a frame that came before it are taken in.
+TEST_F(recv_on_a_port_down, a_card_that_was_disconnected_stays_so) {
+    qnm::store(qnm_root.er_port_info[0].epi_link_state, 1U);
+    EXPECT_EQ(receive(frames::build(small())), 0);
+    EXPECT_TRUE(is_known());
+    qnm::store(qnm_root.er_port_info[0].epi_link_state, 0U);
+    {
+        const qnm::table_guard lock;
+        _qnm_all_disconnect(0);
+    }
+    EXPECT_EQ(receive(frames::build(small())), 0);
+    qnm_qnio_t card = {};
+    EXPECT_EQ(qnm_get_qnio(small().mac, &card), QNM_API_SUCCESS);
+    EXPECT_EQ(card.eio_com_dev.ecd_state[0][0], 0U);
+    EXPECT_EQ(receive(frames::build(small()), 1), 0);
+    EXPECT_EQ(qnm_get_qnio(small().mac, &card), QNM_API_SUCCESS);
+    EXPECT_EQ(card.eio_com_dev.ecd_state[1][0], 1U) << "the other port is up";
+}
+
+TEST_F(recv_on_a_port_down, a_link_that_is_back_counts_before_the_watcher_has_stored_it) {
+    fake_netif::set_link(name(0), true);
+    EXPECT_EQ(receive(frames::build(small())), 0);
+    EXPECT_TRUE(is_known());
+    EXPECT_EQ(qnm::load(qnm_root.er_port_info[0].epi_link_state), 0U) << "the watcher stores it";
+}
+
 // A read that awaits its Completion by port 1, with tag 7.
 struct recv_completion : recv {
     static constexpr uint64_t k_mac = 0x020000001001;

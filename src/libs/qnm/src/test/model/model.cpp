@@ -282,6 +282,7 @@ void update(state& s, kind which, card& stored, card fresh, int port, int path) 
 
 void take_announcement(state& s, int port, const frame_t& frame) {
     if (frame[23] > 1) return;
+    if (!s.link_seen[port] && !s.link_up[port]) return;  // a port that is down connects no card
     const kind which = frame[23] == 0 ? k_server : k_io;
     const card fresh = read_card(s, which, port, frame);
     const auto known = s.tables[which].find(dev_of(which, fresh).ecd_id);
