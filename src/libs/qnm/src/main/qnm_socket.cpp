@@ -14,6 +14,7 @@
 #include <pcap/pcap.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 
 #include <cerrno>
 #include <cstring>
@@ -135,6 +136,15 @@ int capture_of(int port) {
     return pcap != nullptr ? pcap_fileno(pcap) : -1;
 }
 
+// A port that its peer has paused, or whose queue does not move, must not hold callers, and with
+// them the stop. A send that has to wait longer for room in the buffer fails.
+void limit_sending(const char* func, int fd) {
+    constexpr struct timeval k_send_timeout = {1, 0};
+    if (setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &k_send_timeout, sizeof k_send_timeout) != 0) {
+        qnm_log_warn("%s: Failed to setsockopt(SO_SNDTIMEO). errno=%d", func, errno);
+    }
+}
+
 // Fills the entry of a port whose capture handle is open. Log lines carry the opener's name.
 int learn_port(const char* func, const char* port_name, qnm_port_info_t* port_info) {
     const int fd = pcap_fileno(port_info->epi_pcap);
@@ -143,6 +153,7 @@ int learn_port(const char* func, const char* port_name, qnm_port_info_t* port_in
         return EPROTO;
     }
     _qnm_close_on_exec(fd);
+    limit_sending(func, fd);
     struct ifreq request;
     int err = make_request(func, port_name, "interface index.", &request);
     if (err != 0) return err;

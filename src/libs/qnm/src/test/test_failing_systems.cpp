@@ -109,6 +109,8 @@ std::string failed_thread(const std::string& label) {
     return "qnm_init_manager: Failed to _qnm_thread_create(" + label + "). err=11";
 }
 
+constexpr char k_no_timeout[] = "_qnm_socket_open_lin: Failed to setsockopt(SO_SNDTIMEO). errno=1";
+
 const start_row k_starts[] = {
     // The directory; the log's properties, before which nothing can be logged; the configuration,
     // which may be missing.
@@ -141,7 +143,9 @@ const start_row k_starts[] = {
        QNM_API_EPROTO,
        {{k_error, "_qnm_event_cb_init: Failed to _qnm_event_init() for event_sig. err=22"}}},
       {256, QNM_API_EPROTO, {{k_error, "_qnm_cmp_init: Failed to _qnm_event_init()"}}}}},
-    // Three per port: the index, the address, the link.
+    // Three per port: the index, the address, the link. Then the watcher's first look: the index
+    // and
+    // the link of each.
     {call::ioctl,
      EIO,
      {{1,
@@ -155,19 +159,36 @@ const start_row k_starts[] = {
        {{k_error, "_qnm_get_linkstate_lin_impl: Failed to ioctl(SIOCETHTOOL). errno=5"}}},
       {3,
        QNM_API_SUCCESS,
-       {{k_error, "qnm_init_manager: Failed to _qnm_socket_open(). port=1, err=71"}}}}},
-    // A capture that does not tell how it delivers is used as it is.
-    {call::getsockopt, EIO, {{2, QNM_API_SUCCESS}}},
-    // These lives trace, so that a filter is to be removed.
-    {call::setsockopt,
-     EPERM,
-     {{1,
-       QNM_API_SUCCESS,
-       {{k_warn, "_qnm_filter_port: Failed to setsockopt(SO_DETACH_FILTER). errno=1, if_index=3"}}},
+       {{k_error, "qnm_init_manager: Failed to _qnm_socket_open(). port=1, err=71"}}},
       {1,
        QNM_API_SUCCESS,
-       {{k_warn,
-         "_qnm_filter_port: Failed to setsockopt(SO_DETACH_FILTER). errno=1, if_index=4"}}}}},
+       {{k_error, "_qnm_find_interface: Failed to ioctl(SIOCGIFINDEX). errno=5"}}},
+      {1,
+       QNM_API_SUCCESS,
+       {{k_error, "_qnm_get_linkstate_lin_impl: Failed to ioctl(SIOCETHTOOL). errno=5"}}},
+      {1,
+       QNM_API_SUCCESS,
+       {{k_error, "_qnm_find_interface: Failed to ioctl(SIOCGIFINDEX). errno=5"}}},
+      {1,
+       QNM_API_SUCCESS,
+       {{k_error, "_qnm_get_linkstate_lin_impl: Failed to ioctl(SIOCETHTOOL). errno=5"}}}}},
+    // A capture that does not tell how it delivers is used as it is.
+    {call::getsockopt, EIO, {{2, QNM_API_SUCCESS}}},
+    // Two per port: without a time-out a send may then wait for ever; these lives trace, so that a
+    // filter is to be removed. Then the watcher's socket, where an overrun then ends the manager.
+    {call::setsockopt,
+     EPERM,
+     {{1, QNM_API_SUCCESS, {{k_warn, k_no_timeout}}},
+      {1,
+       QNM_API_SUCCESS,
+       {{k_warn, "_qnm_filter_port: Failed to setsockopt(SO_DETACH_FILTER). errno=1, if_index=3"}}},
+      {1, QNM_API_SUCCESS, {{k_warn, k_no_timeout}}},
+      {1,
+       QNM_API_SUCCESS,
+       {{k_warn, "_qnm_filter_port: Failed to setsockopt(SO_DETACH_FILTER). errno=1, if_index=4"}}},
+      {1,
+       QNM_API_SUCCESS,
+       {{k_warn, "_qnm_watch_linkstate_lin: Failed to setsockopt(NETLINK_NO_ENOBUFS). errno=1"}}}}},
     {call::pipe,
      EMFILE,
      {{3,

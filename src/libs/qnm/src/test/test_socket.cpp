@@ -77,6 +77,19 @@ TEST_F(socket_unit, closing_leaves_the_link_state_and_opening_clears_it) {
     EXPECT_EQ(port.epi_link_state, 0U);
 }
 
+TEST_F(socket_unit, a_send_waits_a_second_at_most) {
+    for (const int version : {TPACKET_V2, TPACKET_V3}) {
+        fake_netif::set_packet_version(version);  // the latter is reopened
+        EXPECT_EQ(open(), 0);
+        EXPECT_EQ(fake_netif::send_timeout("eth9"), std::chrono::seconds(1));
+        EXPECT_EQ(_qnm_socket_close(&port), 0);
+    }
+    fail::nth(fail::call::setsockopt, 1, ENOPROTOOPT);
+    EXPECT_EQ(open(), 0) << "it goes on without";
+    EXPECT_TRUE(
+        logs.has(k_warn, "_qnm_socket_open_lin: Failed to setsockopt(SO_SNDTIMEO). errno=92"));
+}
+
 TEST_F(socket_unit, every_step_that_fails_closes_the_port_again) {
     fake_pcap::set_next_open_failure("eth9", "eth9: no luck");
     expect_refused("_qnm_socket_open_lin: Failed to pcap_open_live(). eth9: no luck");
