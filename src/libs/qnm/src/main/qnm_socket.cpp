@@ -16,12 +16,14 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 #include "qnm.h"
 #include "qnm_config.h"
 #include "qnm_filter.h"
+#include "qnm_frame.h"
 #include "qnm_main.h"
 #include "qnm_thread.h"
 #include "qnm_util.h"
@@ -38,6 +40,10 @@
 namespace {
 
 constexpr int k_snaplen = 1024;
+// A longer message would be captured in part only, and never be taken.
+static_assert(std::max({sizeof(qnw_devinfo_server_s), sizeof(qnw_devinfo_server_40g_s),
+                        sizeof(qnw_devinfo_io_s), sizeof(qnw_devinfo_mrio_s),
+                        sizeof(qnw_completion_s)}) <= k_snaplen);
 constexpr int k_promiscuous = 1;
 constexpr int k_read_timeout_ms = 1000;
 constexpr int k_buffer_size = 16 * 1024 * 1024;
