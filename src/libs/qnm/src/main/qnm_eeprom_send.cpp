@@ -483,8 +483,8 @@ int rest(const char* func, const card_access& card, bool* ready) {
 
 // What became of an attempt on a word.
 struct attempt {
-    int err;     // of the work: 0, 13 when the card refused it, 11
-    bool ready;  // whether the EEPROM was ready afterwards
+    int err = 0;         // of the work: 0, 13 when the card refused it, 11
+    bool ready = false;  // whether the EEPROM was ready afterwards
 };
 
 // Does work() while the EEPROM is ready for it. Returns what ends every loop, or 0.
