@@ -30,13 +30,13 @@
  *    handler only qnm_err2retcode() and the comparisons may be called; a handler that is to stop
  *    the manager has a thread call qnm_fini_manager().
  *  - fork(): the manager stays with the parent and is not disturbed. In the child only the same
- *    functions may be called; qnm_init_manager() returns QNM_API_EBUSY there if the parent's manager
- *    was running. The child ends by _exit() or by executing a program: exit() may wait for ever for
- *    threads that the child does not have. Programs that are executed inherit no port, socket or
- *    pipe.
- *  - exit() and a return from main() need no stop before them, whatever the threads are doing. Lines
- *    of the log that are being written are awaited for up to a second; what is logged later is
- *    dropped, also by handlers of atexit() that were registered before the manager was running.
+ *    functions may be called; qnm_init_manager() returns QNM_API_EBUSY there if the manager of the
+ *    parent was running. The child ends by _exit() or by executing a program: exit() may wait for
+ *    ever for threads that the child does not have. Programs that are executed inherit no port,
+ *    socket or pipe.
+ *  - exit() and a return from main() need no stop before them, whatever the threads are doing.
+ *    Lines of the log that are being written are awaited for up to a second; what is logged later
+ *    is dropped, also by handlers of atexit() that were registered before the manager was running.
  *  - Cancellation: a thread inside a call must not be cancelled.
  *  - Ceilings: at most 262,144 cards are known, of both kinds together, and at most 1,000,000 events
  *    wait for their callbacks. Beyond that new cards are refused and events are lost, and a line a
