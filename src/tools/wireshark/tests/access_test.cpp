@@ -400,7 +400,7 @@ TEST_F(managers, have_tags_of_their_own) {
 
 TEST_F(managers, take_answers_to_a_group_or_to_nobody) {
     for (const uint64_t anybody : {cardsim::broadcast_mac, uint64_t{0x01005E000001}, uint64_t{0}}) {
-        taken = {};
+        taken = capture();
         ask(0xA, k_slow, 7);
         ask(0xB, k_fast, 7);
         answer(k_slow, anybody, 7);
