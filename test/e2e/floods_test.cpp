@@ -124,6 +124,10 @@ TEST_F(flood, of_forged_cards_fills_the_tables_and_no_more) {
     }
     ASSERT_TRUE(wait_for([] { return delivered() >= qnm::k_cards_max; }));
 
+    // What was sent again in vain has been taken once a later frame has.
+    cards_->set(k_id, "vlan_id", "77");
+    ASSERT_TRUE(wait_for([] { return qnsv(k_id)->esv_com_dev.ecd_vlan_id == 77; }));
+
     const size_t before = resident_bytes();
     const uint64_t taken = received(QNM_STATS_R_NOTI);
     for (uint64_t n = 0; n < 4; n++)
