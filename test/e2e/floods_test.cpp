@@ -115,6 +115,9 @@ struct flood : testing::Test {
 };
 
 TEST_F(flood, of_forged_cards_fills_the_tables_and_no_more) {
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "takes minutes with a sanitizer; the units' tests reach the ceilings, too";
+#endif
     // Frames may be lost on the way: the same ones again until all are known.
     const auto known = [] { return qnsv_total() + qnio_total(); };
     const uint32_t forged = qnm::k_cards_max - known();
@@ -187,6 +190,9 @@ struct obstacle {
 };
 
 TEST_F(flood, of_changes_fills_the_queue_of_events_and_no_more) {
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "takes minutes with a sanitizer; the units' tests reach the ceilings, too";
+#endif
     obstacle slow;
     qnm_cbid_t handle = nullptr;
     ASSERT_EQ(qnm_register_callback(QNM_EVT_NEWDEVINFO, obstacle::wait, &slow, &handle),

@@ -38,9 +38,9 @@
  *    Lines of the log that are being written are awaited for up to a second; what is logged later
  *    is dropped, also by handlers of atexit() that were registered before the manager was running.
  *  - Cancellation: a thread inside a call must not be cancelled.
- *  - Ceilings: at most 262,144 cards are known, of both kinds together, and at most 1,000,000 events
- *    wait for their callbacks. Beyond that new cards are refused and events are lost, and a line a
- *    second tells how many. To make room for cards, delete some.
+ *  - Ceilings: at most 262,144 cards are known, of both kinds together, and at most 1,000,000
+ *    events wait for their callbacks. Beyond that new cards are refused and events are lost, and a
+ *    line a second tells how many. To make room for cards, delete some.
  *
  * What the calls promise one by one. Manager: in which state the call can succeed. In a callback:
  * whether a callback may call it. Takes: what the call waits for, short locks and the log apart. At
