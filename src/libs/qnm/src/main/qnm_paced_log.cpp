@@ -108,7 +108,7 @@ int _qnm_paced_fini(void) {
 
 int _qnm_paced_may_write(qnm_paced_line_t line, const char* func) {
     const uint64_t now = _qnm_get_msec_monotonic();
-    report due = {};
+    report due;
     {
         const qnm::mutex_guard lock(paced_mutex);
         line_record& record = records[line];

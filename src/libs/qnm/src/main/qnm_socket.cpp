@@ -103,10 +103,10 @@ int make_request(const char* func, const char* port_name, const char* purpose,
 }
 
 // The link of the interface that the request names: 0, or the error number of the query.
-int query_link(int fd, struct ifreq* request, uint32_t* state_out) {
+int query_link(int fd, struct ifreq request, uint32_t* state_out) {
     struct ethtool_value link = {ETHTOOL_GLINK, 0};
-    request->ifr_data = reinterpret_cast<char*>(&link);
-    if (ioctl(fd, SIOCETHTOOL, request) != 0) return errno;
+    request.ifr_data = reinterpret_cast<char*>(&link);
+    if (ioctl(fd, SIOCETHTOOL, &request) != 0) return errno;
     *state_out = link.data != 0 ? 1 : 0;
     return 0;
 }
@@ -115,7 +115,7 @@ int _qnm_get_linkstate_lin_impl(int fd, const char* port_name, uint32_t* state_o
     struct ifreq request;
     int err = make_request(__func__, port_name, "link state", &request);
     if (err != 0) return err;
-    err = query_link(fd, &request, state_out);
+    err = query_link(fd, request, state_out);
     if (err != 0) {
         qnm_log_error("%s: Failed to ioctl(SIOCETHTOOL). errno=%d", __func__, err);
         return EPROTO;
@@ -263,7 +263,7 @@ bool _qnm_is_port_down(int port) {
     uint32_t state = 0;
     const bool is_up = fill_request(qnm_config.ether_port_name[port], &request) &&
                        query_presence(fd, qnm_root.er_port_info[port], &request, &present) == 0 &&
-                       present && query_link(fd, &request, &state) == 0 && state == 1;
+                       present && query_link(fd, request, &state) == 0 && state == 1;
     return !is_up;
 }
 
