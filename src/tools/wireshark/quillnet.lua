@@ -480,8 +480,8 @@ local function is_for_anybody(address)
     return address:byte(1) % 2 == 1 or address == string.rep("\0", 6)
 end
 
--- The Register Read that a Completion is for. A manager drops what is addressed to another port than
--- its own; what is for a group of hosts, or for none, is anybody's.
+-- The Register Read that a Completion is for. A manager drops what is addressed to another port
+-- than its own; what is for a group of hosts, or for none, is anybody's.
 local function find_read(header, tag)
     local by_manager = waiting[tag] or {}
     local found = by_manager[header.destination]
