@@ -16,6 +16,8 @@
 
 #include <log4cxx/file.h>
 #include <log4cxx/helpers/loglog.h>
+#include <log4cxx/helpers/properties.h>
+#include <log4cxx/hierarchy.h>
 #include <log4cxx/logger.h>
 #include <log4cxx/propertyconfigurator.h>
 
@@ -104,10 +106,42 @@ void close_log_before_log4cxx() {
     if (exit_handlers < k_exit_handlers && atexit(close_log) == 0) exit_handlers++;
 }
 
+// log4cxx's own words on standard error would stand beside the library's.
+struct quiet_log4cxx {
+    quiet_log4cxx() { log4cxx::helpers::LogLog::setQuietMode(true); }
+    ~quiet_log4cxx() { log4cxx::helpers::LogLog::setQuietMode(false); }
+};
+
+// Has a bit of everything that hosts configure. It is read into a hierarchy of its own, which is
+// thrown away before anything is written.
+constexpr const char* k_first_properties[][2] = {
+    {"log4j.rootLogger", "OFF"},
+    {"log4j.logger.first", "ALL, FIRST"},
+    {"log4j.additivity.first", "false"},
+    {"log4j.appender.FIRST", "org.apache.log4j.ConsoleAppender"},
+    {"log4j.appender.FIRST.layout", "org.apache.log4j.PatternLayout"},
+    {"log4j.appender.FIRST.layout.ConversionPattern", "%d{ISO8601} %-5p %c [%t] %m%n"},
+};
+
+// What log4cxx makes at its first reading is destroyed after close_log() only if it is there when
+// the handler is registered. Otherwise a process that ends while it first reads its properties
+// would have them read from objects that are gone.
+void read_first_properties() {
+    const quiet_log4cxx quiet;
+    try {
+        log4cxx::helpers::Properties properties;
+        for (const auto& [key, value] : k_first_properties)
+            properties.setProperty(key, value);
+        log4cxx::PropertyConfigurator().doConfigure(properties, log4cxx::Hierarchy::create());
+    } catch (...) {
+    }
+}
+
 const struct load_time {
     load_time() {
         for (const auto& level : k_levels)
             level();
+        read_first_properties();
         close_log_before_log4cxx();
     }
 } at_load;
@@ -120,12 +154,6 @@ void format_and_output(const logger_handle& logger, qnm_log_level_t level, const
     vsnprintf(line, sizeof line, fmt, args);
     _qnm_output_log(logger.ptr, line, level);
 }
-
-// log4cxx's own words on standard error would stand beside the library's.
-struct quiet_log4cxx {
-    quiet_log4cxx() { log4cxx::helpers::LogLog::setQuietMode(true); }
-    ~quiet_log4cxx() { log4cxx::helpers::LogLog::setQuietMode(false); }
-};
 
 // A broken properties file costs log lines, not the manager. Whether log4cxx did not throw.
 bool read_properties(const char* name, qnm::problem_text& problem) {
