@@ -1,13 +1,17 @@
 // The EEPROM as a machine of four phases, and its contents in files.
 #include "eeprom.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <iterator>
 
 #include "fields.h"
+#include "regular_file.h"
 
 namespace cardsim {
 
@@ -54,19 +58,21 @@ eeprom_phase finish(eeprom_state& state, const card& owner) {
     throw error(std::string(what) + " the EEPROM file " + in_quotes(file.string()) + ": " + why);
 }
 
-std::string system_reason() {
-    return errno != 0 ? std::strerror(errno) : "input/output error";
-}
-
-// Nothing on success, otherwise the reason.
+// Nothing on success, otherwise the reason. What has the name already goes, so that no FIFO is
+// waited for and no link is followed.
 std::string write_bytes(const eeprom_bytes& bytes, const std::filesystem::path& file) {
-    errno = 0;
-    std::ofstream out(file, std::ios::binary | std::ios::trunc);
-    if (!out) return system_reason();
-    out.write(reinterpret_cast<const char*>(bytes.data()),
-              static_cast<std::streamsize>(bytes.size()));
-    out.close();
-    return out ? "" : system_reason();
+    unlink(file.c_str());
+    const int fd = open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (fd < 0) return std::strerror(errno);
+    std::size_t written = 0;
+    int code = 0;
+    while (written < bytes.size() && code == 0) {
+        const ssize_t taken = write(fd, bytes.data() + written, bytes.size() - written);
+        if (taken >= 0) written += static_cast<std::size_t>(taken);
+        if (taken < 0 && errno != EINTR) code = errno;
+    }
+    if (close(fd) != 0 && code == 0) code = errno;
+    return code == 0 ? "" : std::strerror(code);
 }
 
 // The bytes are written beside the file and take its place when they are whole, so that a full disk
@@ -145,31 +151,28 @@ void reset_eeprom_registers(eeprom_state& state) {
 
 void load_eeprom_file(eeprom_state& state, const device_settings& settings,
                       const std::filesystem::path& file) {
-    errno = 0;
-    std::ifstream in(file, std::ios::binary);
-    if (!in) fail("cannot read", file, system_reason());
-    std::array<char, eeprom_size + 1> read{};  // one more, to see that a file is too long
-    in.read(read.data(), read.size());
-    const auto size = static_cast<std::size_t>(in.gcount());
-    if (in.bad()) fail("cannot read", file, system_reason());
-    if (size != eeprom_size) {
+    const auto read = tools::read_regular_file(file, eeprom_size);
+    if (const auto* problem = std::get_if<tools::file_problem>(&read))
+        fail(problem->wrong_file ? "cannot use" : "cannot read", file, problem->text);
+    const auto& image = std::get<std::string>(read);
+    if (image.size() != eeprom_size) {
         fail("cannot use", file,
-             size > eeprom_size ? "it is longer than 2048 bytes"
-                                : "it has " + std::to_string(size) + " bytes, an EEPROM has 2048");
+             "it has " + std::to_string(image.size()) + " bytes, an EEPROM has 2048");
     }
     eeprom_bytes& bytes = contents_of(state, settings);
-    std::copy_n(read.begin(), eeprom_size, bytes.begin());
+    std::copy_n(image.begin(), eeprom_size, bytes.begin());
     state.changed = file != settings.eeprom_file;
 }
 
 void save_eeprom_file(eeprom_state& state, const device_settings& settings,
                       const std::filesystem::path& file) {
     const eeprom_bytes& bytes = contents_of(state, settings);
-    std::error_code unknown;
-    const auto type = std::filesystem::status(file, unknown).type();
-    const bool ordinary = type == std::filesystem::file_type::regular ||
-                          type == std::filesystem::file_type::not_found;
-    const std::string reason = ordinary ? replace_file(bytes, file) : write_bytes(bytes, file);
+    struct stat old {};
+    if (stat(file.c_str(), &old) == 0) {
+        const std::string kind = tools::strange_kind(old.st_mode);
+        if (!kind.empty()) fail("cannot write", file, "it is " + kind + ", not a regular file");
+    }
+    const std::string reason = replace_file(bytes, file);
     if (!reason.empty()) fail("cannot write", file, reason);
     if (file == settings.eeprom_file) state.changed = false;
 }

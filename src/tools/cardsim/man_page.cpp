@@ -124,7 +124,8 @@ constexpr char scenario_text[] =
     "be "
     "written as 0x..., addresses as 0x020000000010 or \"02:00:00:00:00:10\". The keys of a "
     "[[card]] "
-    "follow; those from destination on can be changed by the command set, too.";
+    "follow; those from destination on can be changed by the command set, too. The file is a "
+    "regular one of up to 16 MiB, or a symbolic link to one, and so are the images of EEPROMs.";
 
 constexpr char bridge_text[] = "The keys of up_port, and of each down_port.";
 

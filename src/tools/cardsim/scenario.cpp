@@ -4,20 +4,21 @@
 // the same fields, ranges and words. Errors carry the file, the line and the key.
 #include <algorithm>
 #include <cstdio>
-#include <fstream>
 #include <iterator>
 #include <map>
-#include <sstream>
 
 #include <toml++/toml.h>
 
 #include "device.h"
 #include "fields.h"
+#include "nesting.h"
+#include "regular_file.h"
 
 namespace cardsim {
 
 namespace {
 
+constexpr std::size_t size_limit = std::size_t{16} * 1024 * 1024;
 constexpr std::uint64_t count_limit = 1'000'000;
 // Even, so that the second address of a 40G card never is the next card's first.
 constexpr std::uint64_t default_step = 2;
@@ -340,6 +341,11 @@ std::vector<std::string_view> making_key_names() {
 scenario parse_scenario(std::string_view text, std::string_view file_name,
                         const std::vector<std::string>& ports) {
     const source from{file_name};
+    if (const auto line = line_nested_too_deep(text)) {
+        throw error(std::string(file_name) + ":" + std::to_string(*line) +
+                    ": tables lie within each other more than " + std::to_string(nesting_limit) +
+                    " deep");
+    }
     try {
         return read_scenario(from, toml::parse(text, file_name), ports);
     } catch (const toml::parse_error& e) {
@@ -348,11 +354,11 @@ scenario parse_scenario(std::string_view text, std::string_view file_name,
 }
 
 scenario load_scenario(const std::filesystem::path& file, const std::vector<std::string>& ports) {
-    std::ifstream in(file);
-    if (!in) throw error("cannot read the scenario \"" + file.string() + "\"");
-    std::ostringstream text;
-    text << in.rdbuf();
-    return parse_scenario(text.str(), file.string(), ports);
+    const auto read = tools::read_regular_file(file, size_limit);
+    if (const auto* problem = std::get_if<tools::file_problem>(&read)) {
+        throw error("cannot read the scenario " + in_quotes(file.string()) + ": " + problem->text);
+    }
+    return parse_scenario(std::get<std::string>(read), file.string(), ports);
 }
 
 }  // namespace cardsim

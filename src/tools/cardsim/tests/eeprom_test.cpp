@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 #include <csignal>
 #include <fstream>
@@ -258,7 +259,7 @@ TEST_F(EepromFile, WrongSizeIsRefusedAndChangesNothing) {
     write_file(eeprom_size - 1);
     EXPECT_EQ(load(), named("cannot use", "it has 2047 bytes, an EEPROM has 2048"));
     write_file(eeprom_size + 1);
-    EXPECT_EQ(load(), named("cannot use", "it is longer than 2048 bytes"));
+    EXPECT_EQ(load(), named("cannot use", "it has 2049 bytes and may have 2048"));
     write_file(0);
     EXPECT_EQ(load(), named("cannot use", "it has 0 bytes, an EEPROM has 2048"));
     EXPECT_EQ(bytes()[0], 0xFF);
@@ -270,8 +271,8 @@ TEST_F(EepromFile, MissingFileAndDirectoryAreNamed) {
     file = testing::TempDir() + "/nowhere/eeprom";
     EXPECT_EQ(save(), named("cannot write", "No such file or directory"));
     file = "/dev";
-    EXPECT_EQ(load(), named("cannot read", "Is a directory"));
-    EXPECT_EQ(save(), named("cannot write", "Is a directory"));
+    EXPECT_EQ(load(), named("cannot use", "it is a directory, not a regular file"));
+    EXPECT_EQ(save(), named("cannot write", "it is a directory, not a regular file"));
 }
 
 // No file of this process may grow beyond a size for the life of this.
@@ -316,12 +317,34 @@ TEST_F(EepromFile, SavingKeepsALink) {
     std::filesystem::remove(file);
 }
 
-TEST_F(EepromFile, FullDiskIsNoticed) {
-    file = "/dev/full";
+TEST_F(EepromFile, SavingThatFailsLeavesItChanged) {
+    const file_size_limit limit(100);
     owner.device.eeprom_file = file.string();
     state.changed = true;
-    EXPECT_EQ(save(), named("cannot write", "No space left on device"));
+    EXPECT_EQ(save(), named("cannot write", "File too large"));
     EXPECT_TRUE(state.changed);
+}
+
+// Nobody is at the other end of the FIFO, and nobody is waited for.
+TEST_F(EepromFile, IsNoFifoAndNoDevice) {
+    ASSERT_EQ(0, mkfifo(file.c_str(), 0600));
+    EXPECT_EQ(load(), named("cannot use", "it is a FIFO, not a regular file"));
+    EXPECT_EQ(save(), named("cannot write", "it is a FIFO, not a regular file"));
+    file = "/dev/full";
+    EXPECT_EQ(load(), named("cannot use", "it is a device, not a regular file"));
+    EXPECT_EQ(save(), named("cannot write", "it is a device, not a regular file"));
+}
+
+// What lies where the new one is written goes; a link there is not followed.
+TEST_F(EepromFile, SavingIsNotLedAstray) {
+    const std::filesystem::path fresh = file.string() + ".new";
+    ASSERT_EQ(0, mkfifo(fresh.c_str(), 0600));
+    EXPECT_EQ(save(), "accepted");
+    const std::filesystem::path other = file.string() + ".other";
+    std::filesystem::create_symlink(other, fresh);
+    EXPECT_EQ(save(), "accepted");
+    EXPECT_FALSE(std::filesystem::exists(other));
+    EXPECT_EQ(std::filesystem::file_size(file), eeprom_size);
 }
 
 }  // namespace

@@ -1,11 +1,15 @@
 // Scenarios: what they make, and errors that lead to the place.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
+#include <filesystem>
+#include <fstream>
 #include <map>
 #include <ostream>
 
 #include "cardsim.h"
 #include "refusal.h"
+#include "temporary_file.h"
 
 namespace {
 
@@ -217,13 +221,38 @@ TEST(Scenario, SyntaxErrorsHaveAPlace) {
     EXPECT_EQ(refusal(card_text("vlan_id = \n")).substr(0, 12), "test.toml:6:");
 }
 
+std::string refusal_of_file(const std::filesystem::path& name) {
+    return refusal_of([&] { cardsim::load_scenario(name); });
+}
+
 TEST(Scenario, MissingFileIsNamed) {
-    try {
-        cardsim::load_scenario("/nonexistent/cards.toml");
-        FAIL() << "loaded";
-    } catch (const cardsim::error& e) {
-        EXPECT_STREQ(e.what(), "cannot read the scenario \"/nonexistent/cards.toml\"");
-    }
+    EXPECT_EQ(refusal_of_file("/nonexistent/cards.toml"),
+              "cannot read the scenario \"/nonexistent/cards.toml\": No such file or directory");
+}
+
+// Nobody writes to the FIFO, and nobody is waited for.
+TEST(Scenario, IsARegularFileOfBoundedSize) {
+    const temporary_file own;
+    const std::string start = "cannot read the scenario \"" + own.path.string() + "\": it ";
+    ASSERT_EQ(0, mkfifo(own.path.c_str(), 0600));
+    EXPECT_EQ(refusal_of_file(own.path), start + "is a FIFO, not a regular file");
+    std::filesystem::remove(own.path);
+    std::ofstream(own.path).close();
+    std::filesystem::resize_file(own.path, 300'000'000);
+    EXPECT_EQ(refusal_of_file(own.path), start + "has 300000000 bytes and may have 16777216");
+    EXPECT_EQ(refusal_of_file("/dev"),
+              "cannot read the scenario \"/dev\": it is a directory, not a regular file");
+}
+
+// Each part of a dotted key is a table within the one before, for the parser and for its result.
+TEST(Scenario, KeyOfManyPartsIsRefused) {
+    std::string key = "a";
+    for (int part = 1; part < 40'000; ++part)
+        key += ".a";
+    const std::string expected = "test.toml:1: tables lie within each other more than 32 deep";
+    EXPECT_EQ(refusal(key + " = 1\n"), expected);
+    EXPECT_EQ(refusal("[" + key + "]\n"), expected);
+    EXPECT_EQ(refusal("b = {" + key + " = 1}\n"), expected);
 }
 
 TEST(Scenario, ExamplesLoad) {
