@@ -3,20 +3,22 @@
 // The main thread reads commands and signals, the simulator's own thread announces. Answers and the
 // counters at the end go to standard output, what arrives from managers to standard error.
 #include <poll.h>
-#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
-#include <csignal>
-#include <cstdio>
 #include <cstring>
 #include <optional>
+#include <sstream>
 #include <string>
 
 #include "cardsim.h"
+#include "descriptor_writer.h"
+#include "end_signals.h"
 #include "input_lines.h"
 #include "man_page.h"
+#include "standard_files.h"
+#include "visible.h"
 
 namespace {
 
@@ -51,8 +53,33 @@ void define_options(CLI::App& app, options& given) {
         "lists them. EEPROMs that have a file in the scenario are saved at the end.");
 }
 
+// Standard output: answers, one a line, from the main thread.
+class console {
+  public:
+    explicit console(int signals) : to_(STDOUT_FILENO, signals) {}
+
+    // What names and values may hold does not end the line.
+    void print_line(const std::string& line) { to_.write(tools::visible_line(line) + '\n'); }
+
+    bool ended() const { return to_.ended() != tools::output_end::none; }
+    bool signalled() const { return to_.ended() == tools::output_end::signalled; }
+    std::string problem() const { return tools::output_problem(to_, "standard output"); }
+
+  private:
+    tools::descriptor_writer to_;
+};
+
+// On standard error, from any thread.
+void tell_line(const std::string& line) {
+    tools::tell(tools::visible_line(line) + '\n');
+}
+
+int print_text(const std::string& text) {
+    return tools::print(text, "qnm-cardsim", exit_failed);
+}
+
 // For the build, which makes the manual page and fails where an option has no text.
-void print_man_page(const CLI::App& app) {
+int print_man_page(const CLI::App& app) {
     std::vector<cardsim::option_text> options;
     for (const CLI::Option* const option : app.get_options()) {
         if (option->get_description().empty()) {
@@ -64,7 +91,7 @@ void print_man_page(const CLI::App& app) {
         }
         options.push_back({term, option->get_description()});
     }
-    std::fputs(cardsim::man_page(options, CARDSIM_VERSION).c_str(), stdout);
+    return print_text(cardsim::man_page(options, CARDSIM_VERSION));
 }
 
 // Cards without an Ethernet type of their own follow the new one.
@@ -81,40 +108,24 @@ cardsim::scenario read_scenario(const options& given) {
     return read;
 }
 
-void print_line(std::FILE* to, const std::string& line) {
-    std::fputs((line + "\n").c_str(), to);
-    std::fflush(to);
-}
-
 void add_cards(cardsim::simulator& target, cardsim::scenario& read) {
     for (cardsim::card& card : read.cards)
         target.add(std::move(card));
 }
 
-// SIGINT and SIGTERM as input, so that one poll() waits for everything.
-int open_signals() {
-    sigset_t ends;
-    sigemptyset(&ends);
-    sigaddset(&ends, SIGINT);
-    sigaddset(&ends, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &ends, nullptr);
-    const int fd = signalfd(-1, &ends, SFD_CLOEXEC);
-    if (fd < 0) throw cardsim::error(std::string("cannot wait for signals: ") + strerror(errno));
-    return fd;
-}
-
-// Answers every whole line that has come; true when one of them was "quit".
-bool answer_lines(cardsim::simulator& target, input_lines& input) {
+// Answers every whole line that has come; true when it is to end: by "quit", or because no answer
+// can be given any more.
+bool answer_lines(cardsim::simulator& target, input_lines& input, console& out) {
     while (const auto line = input.next()) {
         const cardsim::answer given = execute(target, *line);
-        if (!given.text.empty()) print_line(stdout, given.text);
-        if (given.quit) return true;
+        if (!given.text.empty()) out.print_line(given.text);
+        if (given.quit || out.ended()) return true;
     }
     return false;
 }
 
 // Until "quit" or a signal. The end of standard input only ends the commands.
-void serve(cardsim::simulator& target, int signals) {
+void serve(cardsim::simulator& target, int signals, console& out) {
     pollfd waited[] = {{.fd = signals, .events = POLLIN, .revents = 0},
                        {.fd = STDIN_FILENO, .events = POLLIN, .revents = 0}};
     input_lines input;
@@ -130,62 +141,88 @@ void serve(cardsim::simulator& target, int signals) {
             waited[1].fd = -1;
             input.end();
         }
-        if (answer_lines(target, input)) return;
+        if (answer_lines(target, input, out)) return;
     }
 }
 
-int simulate(const options& given) {
+// The exit status when nothing has failed but, perhaps, standard output.
+int status_after(const console& out, int signalled) {
+    if (!out.ended()) return exit_ok;
+    tell_line("qnm-cardsim: " + out.problem());
+    return out.signalled() ? signalled : tools::exit_output;
+}
+
+cardsim::request_observer observer_of(const options& given, const std::vector<std::string>& names) {
+    if (given.quiet) return nullptr;
+    return [names](std::size_t port, const cardsim::request& received) {
+        tell_line(names[port] + ": " + describe(received));
+    };
+}
+
+int simulate(const options& given, int signals) {
+    console out(signals);
     cardsim::scenario read = read_scenario(given);
     if (given.check) {
-        print_line(stdout, "ok " + given.scenario + ": " + std::to_string(read.cards.size()) +
-                               (read.cards.size() == 1 ? " card" : " cards"));
-        return exit_ok;
+        out.print_line("ok " + given.scenario + ": " + std::to_string(read.cards.size()) +
+                       (read.cards.size() == 1 ? " card" : " cards"));
+        return status_after(out, exit_failed);
     }
     if (read.ports.empty()) {
-        print_line(stderr, "qnm-cardsim: no interface: give --ports, or \"ports\" in the scenario");
+        tell_line("qnm-cardsim: no interface: give --ports, or \"ports\" in the scenario");
         return exit_usage;
     }
-    const int signals = open_signals();
     std::vector<cardsim::port> ports;
     for (const std::string& name : read.ports)
         ports.push_back(cardsim::open_port(name));
-    cardsim::request_observer observer;
-    if (!given.quiet) {
-        observer = [names = read.ports](std::size_t port, const cardsim::request& received) {
-            print_line(stderr, names[port] + ": " + describe(received));
-        };
-    }
-    cardsim::simulator target(std::move(ports), read.ether_type, std::move(observer));
+    cardsim::simulator target(std::move(ports), read.ether_type, observer_of(given, read.ports));
     add_cards(target, read);
     target.start();
-    if (!given.quiet) print_line(stderr, "announcing; \"help\" lists the commands");
-    serve(target, signals);
+    if (!given.quiet) tell_line("announcing; \"help\" lists the commands");
+    serve(target, signals, out);
     target.stop();
     target.wait();
-    print_line(stdout, describe(target.count()));
+    out.print_line(describe(target.count()));
     target.save_eeproms();
-    return exit_ok;
+    return status_after(out, exit_ok);
+}
+
+// Prints the help that was asked for, or what is wrong.
+int tell_end(const CLI::App& app, const CLI::ParseError& found) {
+    std::ostringstream text, messages;
+    const int status = app.exit(found, text, messages);
+    tools::tell(messages.str());
+    return status == exit_ok ? print_text(text.str()) : exit_usage;
+}
+
+// Signals are input from the start, so that every wait ends alike.
+int open_signals() {
+    const int fd = tools::open_end_signals();
+    if (fd < 0) throw cardsim::error(std::string("cannot wait for signals: ") + strerror(errno));
+    return fd;
+}
+
+int run(int argc, char** argv) {
+    const int signals = open_signals();
+    CLI::App app("Simulated cards on Ethernet interfaces", "qnm-cardsim");
+    options given;
+    define_options(app, given);
+    if (argc == 2 && argv[1] == std::string_view("--man-page")) return print_man_page(app);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        return tell_end(app, e);
+    }
+    return simulate(given, signals);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    CLI::App app("Simulated cards on Ethernet interfaces", "qnm-cardsim");
-    options given;
-    define_options(app, given);
-    if (argc == 2 && argv[1] == std::string_view("--man-page")) {
-        print_man_page(app);
-        return exit_ok;
-    }
+    if (!tools::open_standard_files()) return exit_failed;
     try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& e) {
-        return app.exit(e) == exit_ok ? exit_ok : exit_usage;
-    }
-    try {
-        return simulate(given);
+        return run(argc, argv);
     } catch (const std::exception& e) {
-        print_line(stderr, std::string("qnm-cardsim: ") + e.what());
+        tell_line(std::string("qnm-cardsim: ") + e.what());
         return exit_failed;
     }
 }

@@ -4,6 +4,7 @@
 
 #include "cardsim.h"
 #include "man_language.h"
+#include "standard_files.h"
 
 namespace cardsim {
 
@@ -188,12 +189,15 @@ std::string man_page(std::span<const option_text> options, const std::string& ve
     text += heading("SCENARIO") + escaped(scenario_text) + '\n' + tagged_keys(card_keys);
     text += subsection("Bridges", bridge_text, bridge_keys);
     text += subsection("Downstream ports", down_port_text, down_port_keys);
-    text +=
-        heading("EXIT STATUS") +
-        tagged("0",
-               "The simulation was ended by \"quit\" or a signal, or the scenario was only read.");
+    text += heading("EXIT STATUS") + tagged("0",
+                                            "The simulation was ended by \"quit\" or by SIGINT, "
+                                            "SIGTERM or SIGHUP, or the scenario was "
+                                            "only read.");
     text += tagged("1", "Something failed; standard error tells what.");
     text += tagged("2", "The command line was wrong.");
+    text += tagged(std::to_string(tools::exit_output),
+                   "Standard output was closed, its reader has gone or there was no room for more; "
+                   "nothing else failed.");
     text += heading("FILES") + tagged("/usr/share/qnm/scenarios", "Scenarios to begin with.");
     text += heading("EXAMPLES") + example_scenario;
     return text + heading("SEE ALSO") + ".BR qnmctl (1),\n.BR qnm (7)\n";
