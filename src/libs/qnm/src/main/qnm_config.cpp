@@ -7,6 +7,10 @@
 
 #include "qnm_config.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -279,6 +283,28 @@ int read_lines(const char* func, const char* path, FILE* file) {
     return 0;
 }
 
+using stream = std::unique_ptr<FILE, int (*)(FILE*)>;
+
+// The file may have become another since it was looked at: a FIFO, which nobody may ever write to,
+// and which an opening would wait for. Null with errno when it cannot be read.
+stream open_file(const char* path) {
+    const int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) return {nullptr, fclose};
+    struct stat now;
+    int err = fstat(fd, &now) != 0 ? errno : 0;
+    if (err == 0 && !S_ISREG(now.st_mode)) err = S_ISDIR(now.st_mode) ? EISDIR : ESPIPE;
+    FILE* file = nullptr;
+    if (err == 0) {
+        file = fdopen(fd, "r");
+        err = errno;
+    }
+    if (file == nullptr) {
+        close(fd);
+        errno = err;
+    }
+    return {file, fclose};
+}
+
 void print_all(line_func line) {
     for (const key_row& row : k_keys)
         row.print(row, line);
@@ -310,7 +336,7 @@ int _qnm_config_read(char* path) {
         qnm_log_warn("%s: Failed to _qnm_file_exist(). path=%s", __func__, path);
         return ENOENT;
     }
-    const std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(path, "re"), fclose);
+    const stream file = open_file(path);
     if (file == nullptr) {
         qnm_log_error("%s: file open error: %s. erno=%d", __func__, path, errno);
         return EPROTO;

@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cctype>
@@ -200,7 +201,7 @@ TEST_F(Config, forgets_what_an_earlier_read_accepted) {
 
 TEST_F(Config, that_cannot_be_opened_is_an_error) {
     dir_.write_conf("log_level = 5\n");
-    fail::always(fail::call::fopen, EACCES);
+    fail::always(fail::call::open, EACCES);
     EXPECT_EQ(read_path(dir_.conf()), EPROTO);
     EXPECT_EQ(log_.texts("logfile", k_error),
               std::vector<std::string>{"_qnm_config_read: file open error: " + dir_.conf() +
@@ -209,19 +210,38 @@ TEST_F(Config, that_cannot_be_opened_is_an_error) {
     expect_defaults();
 }
 
-// The file turns into a directory between the look and the opening.
-TEST_F(Config, that_cannot_be_read_is_an_error) {
-    const auto swap = [this](uint64_t) {
-        std::filesystem::remove(dir_.conf());
-        std::filesystem::create_directory(dir_.conf());
-        return fail::pass;
+// The file turns into something else between the look and the opening. Nobody writes to the FIFO,
+// and nobody is waited for.
+TEST_F(Config, that_is_no_file_any_more_is_an_error) {
+    struct row {
+        void (*make)(const std::string& path);
+        int err;
     };
-    dir_.write_conf("log_level = 5\n");
-    fail::on(fail::call::fopen, swap);
-    EXPECT_EQ(read_path(dir_.conf()), EPROTO);
+    const row rows[] = {
+        {[](const std::string& path) { std::filesystem::create_directory(path); }, EISDIR},
+        {[](const std::string& path) { ASSERT_EQ(mkfifo(path.c_str(), 0600), 0); }, ESPIPE}};
+    for (const row& it : rows) {
+        dir_.write_conf("log_level = 5\n");
+        fail::on(fail::call::open, [&](uint64_t) {
+            std::filesystem::remove(dir_.conf());
+            it.make(dir_.conf());
+            return fail::pass;
+        });
+        EXPECT_EQ(read_path(dir_.conf()), EPROTO);
+        EXPECT_EQ(log_.texts("logfile", k_error),
+                  std::vector<std::string>{"_qnm_config_read: file open error: " + dir_.conf() +
+                                           ". erno=" + std::to_string(it.err)});
+        fail::clear(fail::call::open);
+        log_.clear();
+        std::filesystem::remove(dir_.conf());
+    }
+}
+
+TEST_F(Config, that_cannot_be_read_is_an_error) {
+    EXPECT_EQ(read_path("/proc/self/mem"), EPROTO);
     EXPECT_EQ(log_.texts("logfile", k_error),
-              std::vector<std::string>{"_qnm_config_read: file read error: " + dir_.conf() +
-                                       ". errno=" + std::to_string(EISDIR)});
+              std::vector<std::string>{"_qnm_config_read: file read error: /proc/self/mem. errno=" +
+                                       std::to_string(EIO)});
 }
 
 TEST_F(Config, file_is_closed_whatever_the_result) {

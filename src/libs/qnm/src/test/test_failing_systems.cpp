@@ -121,11 +121,17 @@ const start_row k_starts[] = {
       {1,
        QNM_API_SUCCESS,
        {{k_warn, "_qnm_config_read: Failed to _qnm_file_exist(). path={conf}"}}}}},
-    // The properties, which cost lines only; the configuration.
-    {call::fopen,
+    // The properties, which cost lines only.
+    {call::fopen, EMFILE, {{1, QNM_API_SUCCESS}}},
+    {call::open,
      EMFILE,
-     {{1, QNM_API_SUCCESS},
-      {1, QNM_API_EPROTO, {{k_error, "_qnm_config_read: file open error: {conf}. erno=24"}}}}},
+     {{1, QNM_API_EPROTO, {{k_error, "_qnm_config_read: file open error: {conf}. erno=24"}}}}},
+    {call::fstat,
+     EIO,
+     {{1, QNM_API_EPROTO, {{k_error, "_qnm_config_read: file open error: {conf}. erno=5"}}}}},
+    {call::fdopen,
+     ENOMEM,
+     {{1, QNM_API_EPROTO, {{k_error, "_qnm_config_read: file open error: {conf}. erno=12"}}}}},
     // A configuration that ends early is used as far as it goes.
     {call::fgets, EIO, {{7, QNM_API_SUCCESS}}},
     // The events of the statistics, of the event thread and of the tags.

@@ -391,6 +391,10 @@ int fail_fcntl(int fd, int command, ...) {
 
 int fail_fcntl64(int fd, int command, ...) __attribute__((alias("fail_fcntl")));
 
+FILE* fail_fdopen(int fd, const char* mode) {
+    return run<call::fdopen>([&] { return fdopen(fd, mode); });
+}
+
 char* fail_fgets(char* buf, int size, FILE* stream) {
     return run<call::fgets>([&] { return fgets(buf, size, stream); });
 }
@@ -405,6 +409,14 @@ FILE* fail_fopen(const char* path, const char* mode) {
 
 FILE* fail_fopen64(const char* path, const char* mode) {
     return fail_fopen(path, mode);
+}
+
+int fail_fstat(int fd, struct stat* st) {
+    return run<call::fstat>([&] { return fstat(fd, st); });
+}
+
+int fail_fstat64(int fd, struct stat* st) {
+    return fail_fstat(fd, st);
 }
 
 int fail_getsockopt(int fd, int level, int option, void* value, socklen_t* len) {
@@ -435,6 +447,13 @@ int fail_ioctl(int fd, unsigned long request, ...) {
 struct tm* fail_localtime_r(const time_t* when, struct tm* result) {
     return run<call::localtime_r>([&] { return localtime_r(when, result); });
 }
+
+// The library makes no files, so there is no mode.
+int fail_open(const char* path, int flags, ...) {
+    return run<call::open>([&] { return open(path, flags); });
+}
+
+int fail_open64(const char* path, int flags, ...) __attribute__((alias("fail_open")));
 
 int fail_pipe(int ends[2]) {
     return run<call::pipe>([&] { return pipe(ends); });

@@ -24,12 +24,20 @@ int do_fcntl(int fd, int command, int arg) {
     return fcntl(fd, command, arg);
 }
 
+FILE* do_fdopen(int fd, const char* mode) {
+    return fdopen(fd, mode);
+}
+
 char* do_fgets(char* buf, int size, FILE* stream) {
     return fgets(buf, size, stream);
 }
 
 FILE* do_fopen(const char* path, const char* mode) {
     return fopen(path, mode);
+}
+
+int do_fstat(int fd, struct stat* st) {
+    return fstat(fd, st);
 }
 
 int do_getsockopt(int fd, int level, int option, void* value, socklen_t* len) {
@@ -46,6 +54,10 @@ int do_ioctl(int fd, unsigned long request, void* arg) {
 
 struct tm* do_localtime_r(const time_t* when, struct tm* result) {
     return localtime_r(when, result);
+}
+
+int do_open(const char* path) {
+    return open(path, O_RDONLY);
 }
 
 int do_pipe(int ends[2]) {

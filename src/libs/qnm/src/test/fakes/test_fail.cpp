@@ -81,8 +81,14 @@ const call_row k_rows[] = {
          return redirected::do_clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &past);
      }},
     {call::fcntl, "fcntl", [] { return minus_one(redirected::do_fcntl(-1, F_SETFD, 0)); }},
+    {call::fdopen, "fdopen", [] { return null(redirected::do_fdopen(-1, "r")); }},
     {call::fgets, "fgets", [] { return null(redirected::do_fgets(g_buf, sizeof g_buf, stdin)); }},
     {call::fopen, "fopen", [] { return null(redirected::do_fopen("/dev/null", "r")); }},
+    {call::fstat, "fstat",
+     [] {
+         struct stat st;
+         return minus_one(redirected::do_fstat(-1, &st));
+     }},
     {call::getsockopt, "getsockopt",
      [] { return minus_one(redirected::do_getsockopt(-1, 0, 0, nullptr, nullptr)); }},
     {call::gettimeofday, "gettimeofday",
@@ -97,6 +103,7 @@ const call_row k_rows[] = {
          struct tm local;
          return null(redirected::do_localtime_r(&when, &local));
      }},
+    {call::open, "open", [] { return minus_one(redirected::do_open("/dev/null")); }},
     {call::pipe, "pipe",
      [] {
          int ends[2];
