@@ -19,7 +19,7 @@ constexpr std::uint32_t default_interval = 100;
 constexpr double seconds_to_hear_all = 3;
 
 std::uint32_t configured(const context& with, const char* key, std::uint32_t otherwise) {
-    return configured_number(read_text(with.where.config()), key, otherwise);
+    return configured_number(read_config(with.where.config()), key, otherwise);
 }
 
 bool is_known(std::uint64_t id) {

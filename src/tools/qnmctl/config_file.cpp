@@ -2,11 +2,13 @@
 #include "config_file.h"
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <sstream>
+#include <utility>
+#include <variant>
 
+#include "regular_file.h"
 #include "text.h"
 
 namespace qnmctl {
@@ -14,6 +16,7 @@ namespace qnmctl {
 namespace {
 
 constexpr char blanks[] = " \t\r\n";
+constexpr std::size_t config_size_limit = std::size_t{1024} * 1024;
 
 // A line of a properties file with the given key: what stands behind the "=".
 std::string property(const std::string& properties, const std::string& key) {
@@ -28,6 +31,13 @@ std::string property(const std::string& properties, const std::string& key) {
     const std::size_t start = found.find_first_not_of(blanks);
     if (start == std::string::npos) return {};
     return found.substr(start, found.find_last_not_of(blanks) + 1 - start);
+}
+
+// What cannot be opened is told where that matters.
+std::optional<std::string> wrong_file(const std::string& name, const tools::file_contents& read) {
+    const auto* const problem = std::get_if<tools::file_problem>(&read);
+    if (problem == nullptr || !problem->wrong_file) return std::nullopt;
+    return "cannot use " + name + ": " + problem->text;
 }
 
 }  // namespace
@@ -82,8 +92,20 @@ std::string file_of_logger(const std::string& properties, const std::string& log
 }
 
 std::string read_text(const std::string& name) {
-    std::ifstream file(name, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    auto read = tools::read_regular_file(name, SIZE_MAX);
+    auto* const contents = std::get_if<std::string>(&read);
+    return contents != nullptr ? std::move(*contents) : std::string();
+}
+
+std::string read_config(const std::string& name) {
+    auto read = tools::read_regular_file(name, config_size_limit);
+    if (const auto wrong = wrong_file(name, read)) throw error(*wrong);
+    auto* const contents = std::get_if<std::string>(&read);
+    return contents != nullptr ? std::move(*contents) : std::string();
+}
+
+std::optional<std::string> wrong_config(const std::string& name) {
+    return wrong_file(name, tools::read_regular_file(name, config_size_limit));
 }
 
 }  // namespace qnmctl

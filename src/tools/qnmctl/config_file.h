@@ -32,7 +32,14 @@ std::vector<std::string> configured_ports(const std::string& config);
 // The file that a properties file sends a logger's lines to; empty when it names none.
 std::string file_of_logger(const std::string& properties, const std::string& logger);
 
-// A whole file; empty when it cannot be read.
+// A whole regular file; empty when it cannot be read, or is none.
 std::string read_text(const std::string& name);
+
+// A configuration; empty when there is none, or it may not be read. Throws error when it is no
+// regular file, or far too long for one.
+std::string read_config(const std::string& name);
+
+// The same as a text: what is wrong with a file of the configuration.
+std::optional<std::string> wrong_config(const std::string& name);
 
 }  // namespace qnmctl

@@ -219,7 +219,10 @@ int run_dump(context& with, const request& asked, const dump_source& from) {
 
 }  // namespace
 
+// A file that cannot be read shows before the manager is started.
 int run_access_kind(context& with, const request& asked, access_kind kind) {
+    call_arguments tried{asked.numbers, nullptr, 0, {}};
+    if (!asked.file.empty()) read_page(asked.file, tried);
     start_and_hear(with, asked);
     return access_and_tell(with, asked, kind);
 }

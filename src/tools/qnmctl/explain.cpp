@@ -62,6 +62,9 @@ std::optional<std::string> unusable_files(const installation& where) {
     if (where.dir.string().size() > dir_limit) {
         return "the name of the directory is too long; the library takes up to 485 characters";
     }
+    for (const fs::path& file : {where.config(), where.properties()}) {
+        if (auto wrong = wrong_config(file)) return wrong;
+    }
     std::error_code ignored;  // what cannot be looked at is no regular file
     if (!fs::is_regular_file(where.properties(), ignored)) {
         return "there is no file " + where.properties().string() +

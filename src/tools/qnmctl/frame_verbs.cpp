@@ -58,7 +58,7 @@ void tell_frame(context& with, const request& asked, const decoded_frame& of) {
 
 int run_capture(context& with, const request& asked) {
     if (asked.file == standard_file) check_standard_output(with);
-    const std::string config = read_text(with.where.config());
+    const std::string config = read_config(with.where.config());
     const captured told = capture_to_file(
         {.ports = configured_ports(config),
          .rules = configured_rules(config),
@@ -74,7 +74,7 @@ int run_capture(context& with, const request& asked) {
 }
 
 int run_decode(context& with, const request& asked) {
-    const frame_rules rules = configured_rules(read_text(with.where.config()));
+    const frame_rules rules = configured_rules(read_config(with.where.config()));
     capture_file from(asked.file);
     answers matched(rules);
     card_choice cards(asked.cards.ids);

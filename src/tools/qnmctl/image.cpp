@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "regular_file.h"
 #include "text.h"
 
 namespace qnmctl {
@@ -33,12 +34,6 @@ fs::path resolved(const std::string& name) {
     return target.empty() ? fs::path(name) : target;
 }
 
-// Closes a descriptor at the end of its scope.
-struct closing {
-    int fd;
-    ~closing() { close(fd); }
-};
-
 }  // namespace
 
 std::string to_bytes(const word_list& words) {
@@ -61,18 +56,10 @@ word_list from_bytes(const std::string& bytes) {
 }
 
 std::string read_file(const std::string& name, std::size_t limit) {
-    const closing file{open(name.c_str(), O_RDONLY | O_CLOEXEC)};
-    if (file.fd < 0) throw error("cannot open " + name + ": " + strerror(errno));
-    std::string contents;
-    char chunk[4096];
-    ssize_t length = 0;
-    while ((length = read(file.fd, chunk, sizeof chunk)) > 0 && contents.size() <= limit)
-        contents.append(chunk, static_cast<std::size_t>(length));
-    if (length < 0) throw error("cannot read " + name + ": " + strerror(errno));
-    if (contents.size() > limit) {
-        throw error(name + " is too long\nIt may hold " + std::to_string(limit) + " bytes.");
-    }
-    return contents;
+    auto read = tools::read_regular_file(name, limit);
+    if (const auto* problem = std::get_if<tools::file_problem>(&read))
+        throw error("cannot read " + name + ": " + problem->text);
+    return std::get<std::string>(std::move(read));
 }
 
 word_list read_image(const std::string& name, std::size_t limit) {

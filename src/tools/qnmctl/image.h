@@ -19,7 +19,7 @@ inline constexpr std::uint32_t word_bytes = 4;
 std::string to_bytes(const word_list& words);
 word_list from_bytes(const std::string& bytes);  // as many as are whole
 
-// A whole file. Throws error when it cannot be read or is longer than `limit`.
+// A whole regular file. Throws error when it cannot be read, is none, or is longer than `limit`.
 std::string read_file(const std::string& name, std::size_t limit);
 
 // An EEPROM image: 1 to `limit` bytes, in whole words. Throws error.

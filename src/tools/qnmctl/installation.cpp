@@ -92,7 +92,11 @@ void write_file(const fs::path& name, const std::string& text) {
 }
 
 // log4cxx complains of a file it cannot write, and goes on without a log.
+// A FIFO would hold up the manager, and its end, while nobody reads it.
 void check_writable(const fs::path& log) {
+    std::error_code ignored;
+    if (fs::is_fifo(log, ignored))
+        throw error("cannot write the log " + log.string() + ": it is a FIFO");
     const int fd = open(log.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
     if (fd < 0) throw error("cannot write the log " + log.string() + ": " + std::strerror(errno));
     close(fd);

@@ -157,8 +157,8 @@ void tell_monitor(context& with, std::uint64_t id, bool restarted) {
 }
 
 void start(context& with) {
-    with.known.facts.expire_ms =
-        configured_number(read_text(with.where.config()), "devinfo_expire_time", default_expire_ms);
+    with.known.facts.expire_ms = configured_number(read_config(with.where.config()),
+                                                   "devinfo_expire_time", default_expire_ms);
     with.manager = start_manager(with.where, with.log_level);
 }
 

@@ -73,7 +73,7 @@ top_model first_model(const context& with, const request& asked) {
     made.order = asked.top.order;
     made.reversed = asked.top.reversed;
     made.filter = {asked.top.text, asked.cards, asked.top.connected};
-    for (const std::string& name : configured_ports(read_text(with.where.config())))
+    for (const std::string& name : configured_ports(read_config(with.where.config())))
         made.ports.push_back({.name = name});
     return made;
 }

@@ -83,17 +83,17 @@ TEST_F(ImageFile, HasWholeWords) {
 
 TEST_F(ImageFile, IsNotLongerThanItsLimit) {
     store(file_, std::string(2052, 'x'));
-    EXPECT_EQ(file_.string() + " is too long\nIt may hold 2048 bytes.",
+    EXPECT_EQ("cannot read " + file_.string() + ": it has 2052 bytes and may have 2048",
               message([&] { read_image(file_, 2048); }));
-    EXPECT_EQ("/dev/zero is too long\nIt may hold 2048 bytes.",
-              message([] { read_image("/dev/zero", 2048); }));
 }
 
 TEST_F(ImageFile, ThatCannotBeReadIsNamed) {
-    EXPECT_EQ("cannot open " + file_.string() + ": No such file or directory",
+    EXPECT_EQ("cannot read " + file_.string() + ": No such file or directory",
               message([&] { read_image(file_, 2048); }));
-    EXPECT_EQ("cannot read " + dir_.path().string() + ": Is a directory",
+    EXPECT_EQ("cannot read " + dir_.path().string() + ": it is a directory, not a regular file",
               message([&] { read_image(dir_.path(), 2048); }));
+    EXPECT_EQ("cannot read /dev/zero: it is a device, not a regular file",
+              message([] { read_image("/dev/zero", 2048); }));
 }
 
 TEST_F(ImageFile, AppearsWhole) {
