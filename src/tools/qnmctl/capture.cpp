@@ -13,12 +13,15 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <climits>
 #include <cstring>
+#include <filesystem>
 #include <memory>
+#include <optional>
+#include <system_error>
 
 #include "answers.h"
 #include "deadline.h"
+#include "descriptor_writer.h"
 #include "explain.h"
 #include "pcapng.h"
 #include "text.h"
@@ -42,7 +45,10 @@ class block_file {
     block_file(std::string name, int signals) : signals_(signals), name_(std::move(name)) {}
 
     // What has been added before waits for it.
-    void write_to(int fd) { fd_ = fd; }
+    void write_to(int fd) {
+        fd_ = fd;
+        to_.emplace(fd, signals_);
+    }
 
     void add(const std::string& block) {
         waiting_ += block;
@@ -51,28 +57,20 @@ class block_file {
     }
     void flush();
     std::uint64_t size() const { return size_; }
-    bool reader_gone() const { return reader_gone_; }
+    bool ended() const { return to_ && to_->ended() != tools::output_end::none; }
+    bool signalled() const { return to_ && to_->ended() == tools::output_end::signalled; }
+    std::string problem() const { return to_ ? tools::output_problem(*to_, name_) : ""; }
 
   private:
-    bool wait_writable() const;
-    [[noreturn]] void fail(std::size_t written, int code);
+    void fail(std::size_t written, int code);
 
     int fd_ = -1;
     int signals_;
     std::string name_;
+    std::optional<tools::descriptor_writer> to_ = std::nullopt;
     std::string waiting_ = {};
     std::uint64_t size_ = 0;
-    bool reader_gone_ = false;
 };
-
-// False when it is to end while the reader of a pipe takes nothing.
-bool block_file::wait_writable() const {
-    pollfd waited[] = {{fd_, POLLOUT, 0}, {signals_, POLLIN, 0}};
-    while (poll(waited, std::size(waited), -1) < 0) {
-        if (errno != EINTR) throw error(std::string("cannot wait: ") + strerror(errno));
-    }
-    return waited[0].revents != 0;
-}
 
 void block_file::fail(std::size_t written, int code) {
     const auto half = static_cast<off_t>(written - pcapng::whole_blocks(waiting_, written));
@@ -80,27 +78,15 @@ void block_file::fail(std::size_t written, int code) {
     // What remains of a block at the end is an end that readers tell; so this may fail.
     if (end >= half) [[maybe_unused]]
         const int ignored = ftruncate(fd_, end - half);
+    if (fd_ == STDOUT_FILENO) return;  // told by its problem
     throw error("cannot write " + name_ + ": " + strerror(code) +
                 "\nThe frames written before are there and can be read.");
 }
 
 void block_file::flush() {
-    std::size_t written = 0;
-    while (written < waiting_.size() && !reader_gone_) {
-        if (!wait_writable()) {
-            reader_gone_ = true;
-            break;
-        }
-        const std::size_t part = std::min<std::size_t>(waiting_.size() - written, PIPE_BUF);
-        const ssize_t taken = write(fd_, waiting_.data() + written, part);
-        if (taken > 0) {
-            written += static_cast<std::size_t>(taken);
-        } else if (errno == EPIPE) {
-            reader_gone_ = true;
-        } else if (errno != EINTR && errno != EAGAIN) {
-            fail(written, errno);
-        }
-    }
+    if (!to_) return;
+    const std::size_t written = to_->write(waiting_);
+    if (to_->ended() == tools::output_end::failed) fail(written, to_->code());
     waiting_.clear();
 }
 
@@ -237,7 +223,7 @@ void capturing::open() {
 
 bool capturing::full() const {
     return (how_.count != 0 && frames_ >= how_.count) ||
-           (how_.bytes != 0 && to_.size() >= how_.bytes) || to_.reader_gone();
+           (how_.bytes != 0 && to_.size() >= how_.bytes) || to_.ended();
 }
 
 void capturing::take(std::size_t number, const pcap_pkthdr& header, const std::uint8_t* bytes) {
@@ -317,13 +303,39 @@ void capturing::finish() {
     for (std::size_t number = 0; number < ports_.size(); ++number)
         finish_port(number);
     to_.flush();
-    told_.reader_gone = to_.reader_gone();
+    told_.lost = to_.problem();
+    told_.signalled = to_.signalled();
 }
 
 struct closing {
     int fd;
-    ~closing() { close(fd); }
+    ~closing() {
+        if (fd >= 0) close(fd);
+    }
 };
+
+// A FIFO can be opened only while somebody reads it. So it is tried from time to time; -1 with
+// EINTR when a signal came first.
+int open_file(const std::string& name, int signals) {
+    constexpr int pause_milliseconds = 50;
+    constexpr int how = O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    std::error_code ignored;
+    while (true) {
+        const int fd = open(name.c_str(), how, 0666);
+        if (fd >= 0 || errno != ENXIO || !std::filesystem::is_fifo(name, ignored)) return fd;
+        pollfd waited{signals, POLLIN, 0};
+        if (poll(&waited, 1, pause_milliseconds) <= 0) continue;
+        errno = EINTR;
+        return -1;
+    }
+}
+
+// What a FIFO gets that has had no reader until a signal came.
+captured unread(captured told, const std::string& name) {
+    told.lost = "cannot write to " + name + ": ended by a signal before it had a reader";
+    told.signalled = true;
+    return told;
+}
 
 }  // namespace
 
@@ -342,8 +354,10 @@ captured capture_to_file(const capture_options& how, const std::string& name) {
     block_file to(name, how.signals);
     capturing under_way(how, to);
     under_way.open();  // an older file stays as it is where no port can be opened
-    const closing file{open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)};
-    if (file.fd < 0) throw error("cannot write " + name + ": " + strerror(errno));
+    const closing file{open_file(name, how.signals)};
+    const int code = file.fd < 0 ? errno : 0;
+    if (code == EINTR) return unread(under_way.told(), name);
+    if (code != 0) throw error("cannot write " + name + ": " + strerror(code));
     to.write_to(file.fd);
     under_way.run();
     under_way.finish();

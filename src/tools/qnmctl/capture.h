@@ -40,7 +40,8 @@ struct captured_port {
 struct captured {
     std::vector<captured_port> ports = {};
     std::map<std::string, std::uint64_t> reasons = {};  // frames by the name of their drop_reason
-    bool reader_gone = false;                           // of a pipe that is written to
+    std::string lost = {};                              // why not all of it was written
+    bool signalled = false;                             // a signal kept it from being written
 };
 
 // Captures into `fd`, the end of a file or a pipe, until a limit is reached or it is to end. A file

@@ -1,11 +1,18 @@
 // libpcap reads the frames; beside it, the blocks of a pcapng file are gone through once more.
 #include "capture_file.h"
 
+#include <fcntl.h>
 #include <pcap/pcap.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdio>
 #include <cstring>
 
+#include "end_signals.h"
 #include "text.h"
 
 namespace qnmctl {
@@ -25,6 +32,9 @@ constexpr std::uint32_t longest_description = 64 * 1024;
 constexpr std::size_t options_at = 8;  // of an interface description
 constexpr std::uint32_t name_option = 2;
 
+constexpr std::size_t buffer_size = std::size_t{64} * 1024;
+constexpr char what_it_takes[] = "\nIt has to be a capture, pcap or pcapng.";
+
 // Differences of any two of them are in range, too.
 constexpr std::int64_t last_second = 4'500'000'000;
 
@@ -41,8 +51,27 @@ std::uint32_t frame_interfaces::number(const char* bytes, std::size_t size) cons
     return value;
 }
 
+// Reads on from where it stands; false at the end.
+bool frame_interfaces::fill() {
+    buffer_.resize(buffer_size);
+    begin_ = at_;
+    const ssize_t length = pread(fd_, buffer_.data(), buffer_.size(), static_cast<off_t>(at_));
+    buffer_.resize(static_cast<std::size_t>(std::max<ssize_t>(0, length)));
+    return length > 0;
+}
+
 bool frame_interfaces::read(char* bytes, std::size_t size) {
-    return static_cast<bool>(file_.read(bytes, static_cast<std::streamsize>(size)));
+    while (size > 0) {
+        const bool inside = at_ >= begin_ && at_ - begin_ < buffer_.size();
+        if (!inside && !fill()) return false;
+        const std::size_t start = static_cast<std::size_t>(at_ - begin_);
+        const std::size_t part = std::min(size, buffer_.size() - start);
+        std::memcpy(bytes, buffer_.data() + start, part);
+        at_ += part;
+        bytes += part;
+        size -= part;
+    }
+    return true;
 }
 
 // The byte order is that of the section; so its length is read by it again.
@@ -76,7 +105,7 @@ std::string frame_interfaces::name_of(std::uint32_t index) const {
 
 std::string frame_interfaces::next() {
     char head[head_size];
-    while (read(head, sizeof head)) {
+    while (fd_ >= 0 && read(head, sizeof head)) {
         const std::uint32_t type = number(head, 4);
         std::uint32_t length = number(head + 4, 4);
         std::uint32_t taken = head_size;
@@ -96,33 +125,45 @@ std::string frame_interfaces::next() {
             if (!read(index, sizeof index)) break;
             taken += sizeof index;
         }
-        file_.seekg(static_cast<std::streamoff>(length) - taken, std::ios::cur);
+        at_ += std::uint64_t{length} - taken;
         if (type == interface_description) add_interface(body);
         if (type == enhanced_packet) return name_of(number(index, 4));
         if (type == old_packet) return name_of(number(index, 2));
         if (type == simple_packet) return name_of(0);
     }
-    file_.setstate(std::ios::failbit);  // what follows makes no sense either
+    fd_ = -1;  // what follows makes no sense either
     return {};
 }
 
 // ---- Frames -------------------------------------------------------------------------------------
 
+capture_descriptor::capture_descriptor(const std::string& name)
+    : fd_(name == "-" ? STDIN_FILENO
+                      : ::open(name.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)) {
+    // Without O_NONBLOCK a FIFO would wait here for somebody who writes.
+    if (fd_ < 0) throw error("cannot read " + name + ": " + std::strerror(errno) + what_it_takes);
+}
+
+capture_descriptor::~capture_descriptor() {
+    if (fd_ != STDIN_FILENO) close(fd_);
+}
+
+bool capture_descriptor::is_regular() const {
+    struct stat kind {};
+    return fstat(fd_, &kind) == 0 && S_ISREG(kind.st_mode);
+}
+
 void capture_file::closing::operator()(pcap* handle) const {
     pcap_close(handle);
 }
 
-capture_file::capture_file(const std::string& name)
-    : name_(name == "-" ? "standard input" : name), interfaces_(name == "-" ? "" : name) {
-    char said[PCAP_ERRBUF_SIZE] = "";
-    handle_.reset(
-        pcap_open_offline_with_tstamp_precision(name.c_str(), PCAP_TSTAMP_PRECISION_NANO, said));
-    if (!handle_) {
-        const std::string text = said;
-        const bool named = text.starts_with(name);
-        throw error("cannot read " + (named ? text : name_ + ": " + text) +
-                    "\nIt has to be a capture, pcap or pcapng.");
-    }
+capture_file::capture_file(const std::string& name, int signals)
+    : name_(name == "-" ? "standard input" : name),
+      file_(name),
+      source_{file_.fd(), signals},
+      interfaces_(file_.fd() != STDIN_FILENO && file_.is_regular() ? file_.fd() : -1) {
+    open();
+    if (!handle_) return;
     const int link = pcap_datalink(handle_.get());
     if (link != DLT_EN10MB) {
         const char* const known = pcap_datalink_val_to_name(link);
@@ -132,12 +173,43 @@ capture_file::capture_file(const std::string& name)
     }
 }
 
+// No handle when a signal came while its beginning was awaited.
+void capture_file::open() {
+    std::FILE* const stream = fopencookie(
+        &source_, "r", {.read = read_some, .write = nullptr, .seek = nullptr, .close = nullptr});
+    if (stream == nullptr) throw error("cannot read " + name_ + ": " + std::strerror(errno));
+    char said[PCAP_ERRBUF_SIZE] = "";
+    handle_.reset(
+        pcap_fopen_offline_with_tstamp_precision(stream, PCAP_TSTAMP_PRECISION_NANO, said));
+    if (handle_) return;  // which closes the stream
+    std::fclose(stream);
+    if (!is_signalled()) throw error("cannot read " + name_ + ": " + said + what_it_takes);
+}
+
+bool capture_file::is_signalled() const {
+    return tools::is_end_signalled(source_.signals);
+}
+
+// A signal comes first: what never ends, and never has a whole frame, is ready all the time.
+long capture_file::read_some(void* from, char* bytes, std::size_t size) {
+    const auto& in = *static_cast<const source*>(from);
+    while (!tools::is_end_signalled(in.signals) &&
+           tools::wait_until_ready(in.fd, POLLIN, in.signals)) {
+        const ssize_t length = ::read(in.fd, bytes, size);
+        if (length >= 0 || (errno != EAGAIN && errno != EINTR)) return length;
+    }
+    errno = EINTR;
+    return -1;
+}
+
 std::optional<captured_frame> capture_file::next() {
+    if (!handle_) return std::nullopt;
     pcap_pkthdr* header = nullptr;
     const std::uint8_t* bytes = nullptr;
     const int result = pcap_next_ex(handle_.get(), &header, &bytes);
     if (result == PCAP_ERROR_BREAK) return std::nullopt;
     if (result != 1) {
+        if (is_signalled()) return std::nullopt;
         throw error(name_ + " cannot be read behind frame " + std::to_string(number_) + ": " +
                     pcap_geterr(handle_.get()));
     }

@@ -3,14 +3,15 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cstdio>
 #include <iterator>
 #include <map>
 #include <set>
+#include <sstream>
 
 #include "doctor_nearest.h"
 #include "installation.h"
 #include "options.h"
+#include "standard_files.h"
 #include "text.h"
 #include "usage.h"
 
@@ -249,13 +250,17 @@ int tell_end(CLI::App& app, const request_map& requests, std::span<const verb> v
     if (!wrong && found.get_exit_code() != exit_ok) wrong = parser_text(app, found);
     if (wrong) {
         const std::string more = "\nRun with --help for more information.";
-        std::fputs(message_text(*wrong + more).c_str(), stderr);
+        tools::tell(message_text(*wrong + more));
         return exit_usage;
     }
     app.require_subcommand(1);  // for the usage line
     for (const auto& [own, given] : requests)
         mark_required(*own, *given.asked.asked);
-    return app.exit(found);
+    std::ostringstream out, messages;
+    const int status = app.exit(found, out, messages);
+    tools::tell(messages.str());
+    const int written = tools::print(out.str(), "qnmctl", exit_failed);
+    return status == exit_ok ? written : status;
 }
 
 // A verb that takes the rest of the line as it is. The parser would look for options in it.

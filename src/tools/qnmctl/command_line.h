@@ -136,7 +136,8 @@ struct verb {
     void (*answer)(context&, const request&) = nullptr;  // from a line; nullptr: not in lines
     std::span<const operand> operands = {};              // behind the IDs
     bool streams = false;                                // goes on and tells events as they come
-    bool hidden = false;  // for scripts of its own; neither in help nor in the manual page
+    bool endless = false;  // what it tells may have no end, so a signal is a usual one
+    bool hidden = false;   // for scripts of its own; neither in help nor in the manual page
 };
 
 // The first words of verbs that have two.

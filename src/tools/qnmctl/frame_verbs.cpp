@@ -4,12 +4,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 
 #include "card_choice.h"
 #include "config_file.h"
 #include "frame_report.h"
 #include "listen.h"
+#include "standard_files.h"
 #include "text.h"
 
 namespace qnmctl {
@@ -32,7 +32,7 @@ void check_standard_output(const context& with) {
 void tell_captured(context& with, const captured& told, const std::string& file) {
     const std::string text = captured_text(told);
     if (file == standard_file) {
-        std::fputs(text.c_str(), stderr);
+        tools::tell(text);
         return;
     }
     with.told.text(text);
@@ -59,23 +59,27 @@ void tell_frame(context& with, const request& asked, const decoded_frame& of) {
 int run_capture(context& with, const request& asked) {
     if (asked.file == standard_file) check_standard_output(with);
     const std::string config = read_config(with.where.config());
-    const captured told = capture_to_file(
-        {.ports = configured_ports(config),
-         .rules = configured_rules(config),
-         .snaplen = asked.snaplen.value_or(default_snaplen),
-         .seconds = asked.seconds,
-         .count = asked.count,
-         .signals = with.signals,
-         .warn = [](const std::string& text) { std::fputs(message_text(text).c_str(), stderr); }},
-        asked.file);
+    const captured told =
+        capture_to_file({.ports = configured_ports(config),
+                         .rules = configured_rules(config),
+                         .snaplen = asked.snaplen.value_or(default_snaplen),
+                         .seconds = asked.seconds,
+                         .count = asked.count,
+                         .signals = with.signals,
+                         .warn = [](const std::string& text) { tools::tell(message_text(text)); }},
+                        asked.file);
     tell_captured(with, told, asked.file);
+    if (!told.lost.empty()) {
+        tell_failure(with, told.lost);
+        if (!told.signalled) return tools::exit_output;
+    }
     const auto failed = [](const captured_port& of) { return !of.problem.empty(); };
     return std::all_of(told.ports.begin(), told.ports.end(), failed) ? exit_failed : exit_ok;
 }
 
 int run_decode(context& with, const request& asked) {
     const frame_rules rules = configured_rules(read_config(with.where.config()));
-    capture_file from(asked.file);
+    capture_file from(asked.file, with.signals);
     answers matched(rules);
     card_choice cards(asked.cards.ids);
     std::uint64_t shown = 0;

@@ -8,15 +8,16 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
 #include <cstring>
 #include <iterator>
 #include <string>
 
 #include "config_file.h"
 #include "deadline.h"
+#include "end_signals.h"
 #include "input_lines.h"
 #include "report.h"
+#include "standard_files.h"
 #include "start.h"
 #include "text.h"
 
@@ -132,6 +133,7 @@ void listen(context& with, const listening& how) {
             if (errno == EINTR) continue;
             throw error(std::string("cannot wait: ") + std::strerror(errno));
         }
+        if (waited[out].revents != 0) with.out.end_without_reader();
         if (waited[signal].revents != 0 || waited[out].revents != 0) return;
         if (waited[wake].revents != 0) {
             if (!tell_events(with, how)) return;
@@ -164,7 +166,7 @@ void start(context& with) {
 
 void listen_and_tell(context& with, const request& asked) {
     if (isatty(STDIN_FILENO) == 1 && isatty(STDERR_FILENO) == 1) {
-        std::fputs("watching; \"help\" lists the commands, \"quit\" ends\n", stderr);
+        tools::tell("watching; \"help\" lists the commands, \"quit\" ends\n");
     }
     listen(with,
            {.seconds = asked.seconds, .count = asked.count, .tells = true, .takes_lines = true});
@@ -182,8 +184,7 @@ void check_running(const context& with) {
 }
 
 bool is_signalled(const context& with) {
-    pollfd waited{with.signals, POLLIN, 0};
-    return poll(&waited, 1, 0) > 0;
+    return tools::is_end_signalled(with.signals);
 }
 
 }  // namespace qnmctl

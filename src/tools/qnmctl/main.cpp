@@ -3,37 +3,21 @@
 //
 // Signals are blocked in every thread and read as input, so a command ends by returning, and what
 // it has made is removed.
-#include <fcntl.h>
-#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
-#include <cstdio>
 #include <cstring>
 
+#include "end_signals.h"
+#include "standard_files.h"
 #include "text.h"
 #include "verbs.h"
 
 namespace {
 
-// A descriptor opened later would otherwise take the place of a standard file that is closed, and
-// be written to as that.
-void open_standard_files() {
-    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-        if (fcntl(fd, F_GETFD) < 0 && open("/dev/null", O_RDWR) < 0) _exit(qnmctl::exit_failed);
-    }
-}
-
 // Before any thread is started, so that they all inherit it.
 int open_signals() {
-    sigset_t ends;
-    sigemptyset(&ends);
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP})
-        sigaddset(&ends, signal);
-    pthread_sigmask(SIG_BLOCK, &ends, nullptr);
-    std::signal(SIGPIPE, SIG_IGN);  // a reader that has gone shows as EPIPE
-    const int fd = signalfd(-1, &ends, SFD_CLOEXEC);
+    const int fd = tools::open_end_signals();
     if (fd < 0) throw qnmctl::error(std::string("cannot wait for signals: ") + strerror(errno));
     return fd;
 }
@@ -51,6 +35,17 @@ int run(const qnmctl::command_line& given, qnmctl::writer& told, qnmctl::output&
     return given.asked.asked->run(with, given.asked);
 }
 
+// What could not be written is lost, and the status says so. A command that goes on until it is
+// ended may well be ended while it writes.
+int status_after(const qnmctl::output& out, const qnmctl::request& asked, int status) {
+    const std::string problem = out.problem();
+    if (problem.empty()) return status;
+    tools::tell(qnmctl::message_text(problem));
+    if (status != qnmctl::exit_ok) return status;
+    if (!out.signalled()) return tools::exit_output;
+    return asked.asked->endless ? qnmctl::exit_ok : qnmctl::exit_failed;
+}
+
 // The exit status. What is told of a failure is a record, too, so the document ends behind it.
 int run_and_tell(const qnmctl::command_line& given, int signals) {
     qnmctl::output out(STDOUT_FILENO, signals);
@@ -65,20 +60,20 @@ int run_and_tell(const qnmctl::command_line& given, int signals) {
         told.failure(e.what(), status, std::nullopt);
     }
     told.end(status);
-    return status;
+    return status_after(out, given.asked, status);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    open_standard_files();
-    const int signals = open_signals();
-    const auto parsed = qnmctl::parse_command_line(qnmctl::verbs, argc, argv);
-    if (const int* status = std::get_if<int>(&parsed)) return *status;
+    if (!tools::open_standard_files()) return qnmctl::exit_failed;
     try {
+        const int signals = open_signals();
+        const auto parsed = qnmctl::parse_command_line(qnmctl::verbs, argc, argv);
+        if (const int* status = std::get_if<int>(&parsed)) return *status;
         return run_and_tell(std::get<qnmctl::command_line>(parsed), signals);
     } catch (const std::exception& e) {
-        std::fputs(qnmctl::message_text(e.what()).c_str(), stderr);
+        tools::tell(qnmctl::message_text(e.what()));
         return qnmctl::exit_failed;
     }
 }

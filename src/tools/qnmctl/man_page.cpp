@@ -38,6 +38,16 @@ constexpr char output_form_text[] =
     "usage, "
     "found before the command runs, is on standard error alone.";
 
+constexpr char surroundings_text[] =
+    "SIGINT, SIGTERM and SIGHUP end every wait: for frames, for input that does not come, and for "
+    "a "
+    "reader that takes nothing. What such a reader has not taken is lost, and standard error says "
+    "so. Configurations and images are regular files, or symbolic links to them, of up to 1 MiB "
+    "and "
+    "of the size of what they are for; anything else is named and refused. Control characters in "
+    "names and texts of others, and bytes that are no UTF-8, are shown as \\x1b, in JSON as it "
+    "escapes them.";
+
 constexpr entry environment[] = {
     {"NO_COLOR", "When it is set and not empty, nothing is coloured."},
     {"COLUMNS",
@@ -147,6 +157,7 @@ std::string man_page(std::span<const verb> verbs) {
     text += heading("COMMANDS") + commands(verbs);
     text += heading("LINES") + lines(verbs);
     text += heading("OUTPUT") + escaped(output_form_text) + '\n';
+    text += heading("SIGNALS AND FILES OF OTHERS") + escaped(surroundings_text) + '\n';
     text += heading("EXIT STATUS") + statuses();
     text += heading("ENVIRONMENT") + tagged(environment);
     text += heading("FILES") + tagged(files);

@@ -1,7 +1,8 @@
 // Standard output, whole texts at a time, by one thread.
 //
 // A reader that is gone ends the output for good, and so does a signal while a reader takes
-// nothing, so that the command can always end. Afterwards every text is dropped.
+// nothing, so that the command can always end. Afterwards every text is dropped, and problem() says
+// so: the exit status is another one then.
 #pragma once
 
 #include <cstddef>
@@ -9,25 +10,31 @@
 #include <string>
 #include <string_view>
 
+#include "descriptor_writer.h"
+
 namespace qnmctl {
 
 class output {
   public:
     // `signals` becomes readable when the command is to end.
-    output(int fd, int signals) : fd_(fd), signals_(signals) {}
+    output(int fd, int signals) : fd_(fd), to_(fd, signals) {}
 
-    // Returns when the text has been handed over. Throws error when it cannot be written.
-    void write(std::string_view text);
+    // Returns when the text has been handed over, or will never be.
+    void write(std::string_view text) { to_.write(text); }
 
-    bool closed() const { return closed_; }
+    // That its reader has gone, which was seen without writing.
+    void end_without_reader() { to_.end(tools::output_end::reader_gone); }
+
+    bool closed() const { return to_.ended() != tools::output_end::none; }
+    bool signalled() const { return to_.ended() == tools::output_end::signalled; }
     int fd() const { return fd_; }
 
-  private:
-    bool wait_writable();
+    // Why not everything was written; empty when it was.
+    std::string problem() const { return tools::output_problem(to_, "standard output"); }
 
+  private:
     int fd_;
-    int signals_;
-    bool closed_ = false;
+    tools::descriptor_writer to_;
 };
 
 // How texts are to look where they are written to.

@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <utility>
 
+#include "standard_files.h"
+
 namespace qnmctl {
 
 namespace {
@@ -42,14 +44,14 @@ progress_line::~progress_line() {
 }
 
 void progress_line::clear() const {
-    if (visible_) std::fputs(to_start, stderr);
+    if (visible_) tools::tell(to_start, "");
 }
 
 void progress_line::show(std::uint64_t done) const {
     if (!visible_) return;
     const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(
         std::chrono::steady_clock::now() - start_);
-    std::fputs((to_start + progress_text(label_, done, total_, elapsed)).c_str(), stderr);
+    tools::tell(to_start, progress_text(label_, done, total_, elapsed));
 }
 
 }  // namespace qnmctl

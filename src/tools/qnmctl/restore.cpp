@@ -5,11 +5,11 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include <cstdio>
-
 #include "access.h"
 #include "device_verbs.h"
+#include "end_signals.h"
 #include "listen.h"
+#include "standard_files.h"
 #include "text.h"
 
 namespace qnmctl {
@@ -18,13 +18,12 @@ namespace {
 
 // Asked on standard error. Signals come as input, so they are waited for beside the answer.
 bool is_confirmed(const context& with, const std::string& question) {
-    std::fputs((question + " [y/N] ").c_str(), stderr);
-    pollfd waited[] = {{STDIN_FILENO, POLLIN, 0}, {with.signals, POLLIN, 0}};
-    while (poll(waited, 2, -1) < 0) {
-    }
+    tools::tell(question + " [y/N] ");
     char answer[64];
-    const ssize_t length = waited[1].revents == 0 ? read(STDIN_FILENO, answer, sizeof answer) : 0;
-    if (length <= 0) std::fputs("\n", stderr);
+    const bool answered =
+        tools::wait_until_ready(STDIN_FILENO, POLLIN, with.signals) && !is_signalled(with);
+    const ssize_t length = answered ? read(STDIN_FILENO, answer, sizeof answer) : 0;
+    if (length <= 0) tools::tell("\n");
     return length > 0 && (answer[0] == 'y' || answer[0] == 'Y');
 }
 

@@ -1,10 +1,9 @@
 // The start, and after a failed one the search for its reason in the library's log.
 #include "start.h"
 
-#include <cstdio>
-
 #include "config_file.h"
 #include "explain.h"
+#include "standard_files.h"
 #include "text.h"
 
 namespace qnmctl {
@@ -26,7 +25,7 @@ std::vector<std::string> lines_of_second_try(const installation& where) {
 void warn_of_ports(const installation& where) {
     for (const std::string& interface : configured_ports(read_text(where.config()))) {
         if (const auto problem = port_problem(interface)) {
-            std::fputs(message_text(*problem).c_str(), stderr);
+            tools::tell(message_text(*problem));
         }
     }
 }

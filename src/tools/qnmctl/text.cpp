@@ -8,6 +8,7 @@
 #include <iterator>
 
 #include "doctor.h"
+#include "standard_files.h"
 
 namespace qnmctl {
 
@@ -159,9 +160,13 @@ std::vector<status_row> exit_statuses() {
     std::vector<status_row> rows = {
         {exit_ok, "success"},
         {exit_failed,
-         "failed without a result code; ended by a signal, unless it only listened or decoded"},
+         "failed without a result code; ended by a signal, unless it only listened or decoded, or "
+         "before all was written that list and others tell at their end"},
         {exit_usage, "wrong usage"},
-        {exit_unwell, "doctor has found errors"}};
+        {exit_unwell, "doctor has found errors"},
+        {tools::exit_output,
+         "standard output was closed, its reader has gone or there was no room for more; nothing "
+         "else failed"}};
     for (int code = QNM_API_SUCCESS + 1; code < QNM_API_CODE_MAX; ++code) {
         const code_words& words = codes[code];
         rows.push_back({code_status(static_cast<qnm_api_code_t>(code)),

@@ -18,6 +18,7 @@
 #include "listen.h"
 #include "session.h"
 #include "top_screen.h"
+#include "top_stuck.h"
 
 namespace qnmctl {
 
@@ -147,6 +148,7 @@ int run_top(context& with, const request& asked) {
     if (const auto problem = screen_problem()) throw usage_error(*problem);
     const screen_signals signals;
     start(with);
+    const stuck_terminal watched(with.signals);
     top_screen screen(with.how.coloured);
     view of{with, signals, screen, first_model(with, asked)};
     show(of, asked);

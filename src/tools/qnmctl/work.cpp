@@ -3,17 +3,17 @@
 
 #include <poll.h>
 #include <sys/eventfd.h>
-#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <thread>
 #include <vector>
 
+#include "end_signals.h"
 #include "progress.h"
+#include "standard_files.h"
 #include "text.h"
 
 namespace qnmctl {
@@ -63,16 +63,24 @@ class crew {
     std::vector<std::jthread> threads_;
 };
 
-void take_signal(int signals) {
-    signalfd_siginfo ignored;
-    [[maybe_unused]] const ssize_t length = read(signals, &ignored, sizeof ignored);
-}
+// The signal that has been obeyed waits again at the end, for the waits that follow.
+class taken_signal {
+  public:
+    taken_signal() = default;
+    ~taken_signal() { tools::return_end_signal(number_); }
+    taken_signal(const taken_signal&) = delete;
+    taken_signal& operator=(const taken_signal&) = delete;
+
+    void take(int signals) { number_ = tools::take_end_signal(signals); }
+
+  private:
+    int number_ = 0;
+};
 
 void obey_signal(const work& wanted, work_state& state) {
     if (state.ending.exchange(true)) return wanted.give_up();
     if (isatty(STDERR_FILENO) == 1) {
-        std::fputs(message_text("ending after the call under way; once more to give it up").c_str(),
-                   stderr);
+        tools::tell(message_text("ending after the call under way; once more to give it up"));
     }
 }
 
@@ -80,6 +88,7 @@ void obey_signal(const work& wanted, work_state& state) {
 
 bool run_work(const work& wanted, int signals) {
     if (wanted.jobs == 0) return true;
+    taken_signal taken;
     progress_line line(wanted.label, wanted.steps);
     crew hands(wanted);
     pollfd waited[] = {{hands.done_fd(), POLLIN, 0}, {signals, POLLIN, 0}};
@@ -91,7 +100,7 @@ bool run_work(const work& wanted, int signals) {
         }
         if (waited[0].revents != 0) return undisturbed;
         if (waited[1].revents != 0) {
-            take_signal(signals);
+            taken.take(signals);
             line.clear();
             obey_signal(wanted, hands.state);
             undisturbed = false;

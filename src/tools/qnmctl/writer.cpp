@@ -1,8 +1,7 @@
 // Records into lines and documents.
 #include "writer.h"
 
-#include <cstdio>
-
+#include "standard_files.h"
 #include "text.h"
 
 namespace qnmctl {
@@ -40,7 +39,7 @@ void writer::record(const char* name, const json& fields) {
 }
 
 void writer::failure(const std::string& message, int status, std::optional<qnm_api_code_t> code) {
-    std::fputs(message_text(message).c_str(), stderr);
+    tools::tell(message_text(message));
     record("error", {{"status", status}, {"result", code_json(code)}, {"message", message}});
 }
 

@@ -42,10 +42,10 @@ ip neigh add 192.0.2.2 lladdr $other dev qsim0
 ip addr add 192.0.2.1/24 dev qsim0
 ping -c 1 -W 1 192.0.2.2 >/dev/null 2>&1 || true
 answered() {
-  "$program" decode "$capture" 2>/dev/null | grep --quiet ', answers frame '
+  "$program" decode "$capture" 2>/dev/null | grep ', answers frame ' >/dev/null
 }
 foreign() {
-  "$program" decode "$capture" --dropped 2>/dev/null | grep --quiet 'type=0x'
+  "$program" decode "$capture" --dropped 2>/dev/null | grep 'type=0x' >/dev/null
 }
 await answered
 await foreign

@@ -9,6 +9,7 @@
 #include "config_file.h"
 #include "installation.h"
 #include "program.h"
+#include "standard_files.h"
 #include "text.h"
 #include "verbs.h"
 
@@ -183,14 +184,14 @@ TEST_F(Manager, EndsCleanlyAtASignal) {
     }
 }
 
-TEST_F(Manager, EndsQuietlyWhenItsReaderHasGone) {
+TEST_F(Manager, SaysThatItsReaderHasGone) {
     for (const standard_files files : {standard_files::pipes, standard_files::socket}) {
         program run(in_namespace({"--ports", "lo", "watch"}), files);
         run.say("help");
         run.read_until("Ends");
         run.close_output();
-        EXPECT_EQ(0, run.end());
-        EXPECT_EQ("", run.errors());
+        EXPECT_EQ(tools::exit_output, run.end());
+        EXPECT_EQ("qnmctl: cannot write to standard output: its reader has gone\n", run.errors());
         EXPECT_FALSE(run.left_something());
     }
 }
@@ -200,8 +201,8 @@ TEST_F(Manager, TakesNothingElseForAClosedStandardOutput) {
     const words own = command({"--ports", "lo", "list", "--for", "0.1"});
     all.insert(all.end(), own.begin(), own.end());
     program run(all);
-    EXPECT_EQ(0, run.end()) << run.errors();
-    EXPECT_EQ("", run.errors());
+    EXPECT_EQ(tools::exit_output, run.end()) << run.errors();
+    EXPECT_EQ("qnmctl: cannot write to standard output: it is closed\n", run.errors());
 }
 
 TEST_F(Manager, EndsAtASignalWhileItsReaderTakesNothing) {

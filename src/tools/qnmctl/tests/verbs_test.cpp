@@ -12,6 +12,7 @@
 #include "doctor.h"
 #include "man_page.h"
 #include "options.h"
+#include "standard_files.h"
 #include "text.h"
 #include "usage.h"
 
@@ -195,7 +196,7 @@ TEST(ExitStatus, IsOneForEachResultCode) {
     std::set<int> documented;
     for (const status_row& row : exit_statuses())
         documented.insert(row.status);
-    statuses.insert({exit_failed, exit_usage, exit_unwell});
+    statuses.insert({exit_failed, exit_usage, exit_unwell, tools::exit_output});
     EXPECT_EQ(statuses, documented);
 }
 

@@ -1,0 +1,35 @@
+// A terminal that takes nothing, as by Ctrl-S, while the full-screen view writes to it.
+//
+// ncurses writes by itself, to a descriptor that blocks, and begins anew after each signal. So one
+// that is to end the view would wait for the terminal, too.
+#pragma once
+
+#include <pthread.h>
+#include <termios.h>
+
+#include <thread>
+
+namespace qnmctl {
+
+// While it is there, a signal ends what this thread writes to standard output: when the view has
+// not ended soon after it, /dev/null takes the terminal's place. At the end the terminal is set as
+// it was before.
+class stuck_terminal {
+  public:
+    explicit stuck_terminal(int signals);  // throws error
+    ~stuck_terminal();
+    stuck_terminal(const stuck_terminal&) = delete;
+    stuck_terminal& operator=(const stuck_terminal&) = delete;
+
+  private:
+    void watch() const;
+
+    int signals_;
+    int done_fd_;
+    pthread_t writer_;
+    bool is_terminal_;
+    termios before_ = {};
+    std::thread thread_;
+};
+
+}  // namespace qnmctl
