@@ -25,7 +25,6 @@ constexpr rank_words ranks[] = {
     {"warning", "warning", "warnings", "\033[33m"},
     {"error", "error", "errors", "\033[31m"},
 };
-constexpr char plain[] = "\033[0m";
 
 const rank_words& words_of(severity rank) {
     return ranks[static_cast<std::size_t>(rank)];
@@ -62,7 +61,7 @@ std::string finding_text(const finding& of, const look& how) {
     std::string name = of.check;
     name.resize(check_width - 1, ' ');
     const std::string blanks(rank_width - std::string(rank.name).size(), ' ');
-    std::string text = how.coloured ? std::string(rank.colour) + rank.name + plain : rank.name;
+    std::string text = in_colour(rank.name, rank.colour, how.coloured);
     text += blanks + name + ' ' + wrapped(place_text(of) + of.text, indent, how.width) + '\n';
     if (!of.remedy.empty())
         text += std::string(indent, ' ') + wrapped(of.remedy, indent, how.width) + '\n';

@@ -12,7 +12,6 @@ namespace qnmctl {
 namespace {
 
 constexpr char red[] = "\033[31m";
-constexpr char plain[] = "\033[0m";
 constexpr std::int64_t second = 1'000'000'000;
 
 std::string padded(std::string text, std::size_t width) {
@@ -98,7 +97,7 @@ std::string frame_line(const decoded_frame& of, const look& how) {
     }
     if (read.dropped) {
         const std::string words = "dropped: " + read.dropped->text;
-        line += ", " + (how.coloured ? red + words + plain : words);
+        line += ", " + in_colour(words, red, how.coloured);
     }
     return line + '\n';
 }

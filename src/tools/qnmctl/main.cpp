@@ -12,6 +12,7 @@
 #include "standard_files.h"
 #include "text.h"
 #include "verbs.h"
+#include "visible.h"
 
 namespace {
 
@@ -68,6 +69,7 @@ int run_and_tell(const qnmctl::command_line& given, int signals) {
 int main(int argc, char** argv) {
     if (!tools::open_standard_files()) return qnmctl::exit_failed;
     try {
+        tools::mark_own_sequences();
         const int signals = open_signals();
         const auto parsed = qnmctl::parse_command_line(qnmctl::verbs, argc, argv);
         if (const int* status = std::get_if<int>(&parsed)) return *status;

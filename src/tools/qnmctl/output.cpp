@@ -7,6 +7,7 @@
 #include <cstdlib>
 
 #include "operands.h"
+#include "visible.h"
 
 namespace qnmctl {
 
@@ -46,7 +47,7 @@ look look_of(int fd) {
 }
 
 std::string in_colour(const std::string& text, const char* colour, bool coloured) {
-    return coloured ? colour + text + "\033[0m" : text;
+    return coloured ? tools::own(colour) + text + tools::own("\033[0m") : text;
 }
 
 }  // namespace qnmctl

@@ -7,6 +7,7 @@
 #include <iterator>
 
 #include "table.h"
+#include "visible.h"
 
 namespace qnmctl {
 
@@ -52,8 +53,9 @@ std::string silence_text(const std::optional<std::uint64_t>& milliseconds) {
     return std::to_string(*milliseconds / unit->milliseconds) + ' ' + unit->name;
 }
 
-// What a terminal would take for something else, or for several characters, is a question mark.
-std::string fitted(std::string text, std::size_t width) {
+// What a terminal would take for several characters is a question mark.
+std::string fitted(const std::string& line, std::size_t width) {
+    std::string text = tools::visible_line(line);
     text.resize(std::min(text.size(), width));
     const auto strange = [](char c) { return c < ' ' || c > '~'; };
     std::replace_if(text.begin(), text.end(), strange, '?');

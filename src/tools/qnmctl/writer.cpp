@@ -1,22 +1,46 @@
 // Records into lines and documents.
 #include "writer.h"
 
+#include <cstdio>
+
 #include "standard_files.h"
 #include "text.h"
+#include "visible.h"
 
 namespace qnmctl {
 
 namespace {
 
-// What came from outside, a file name say, need not be UTF-8.
+// JSON itself escapes the other control characters only.
+std::string with_escaped_controls(const std::string& dumped) {
+    std::string text;
+    char escaped[8];
+    for (std::size_t at = 0; at < dumped.size(); ++at) {
+        const auto byte = static_cast<unsigned char>(dumped[at]);
+        const unsigned next =
+            at + 1 < dumped.size() ? static_cast<unsigned char>(dumped[at + 1]) : 0;
+        if (byte == 0x7F) {
+            text += "\\u007f";
+        } else if (byte == 0xC2 && next >= 0x80 && next < 0xA0) {
+            std::snprintf(escaped, sizeof escaped, "\\u%04x", next);
+            text += escaped;
+            ++at;
+        } else {
+            text += dumped[at];
+        }
+    }
+    return text;
+}
+
+// What came from outside, a file name say, need not be UTF-8, and may hold what a terminal obeys.
 std::string line_of(const json& object) {
-    return object.dump(-1, ' ', false, json::error_handler_t::replace);
+    return with_escaped_controls(object.dump(-1, ' ', false, json::error_handler_t::replace));
 }
 
 }  // namespace
 
 void writer::text(std::string_view words) {
-    if (is_text()) to_.write(words);
+    if (is_text()) to_.write(tools::visible(words));
 }
 
 void writer::begin() {

@@ -75,7 +75,7 @@ TEST_F(CaptureFile, HasNamesThatAreNotObeyed) {
     const auto frame = from.next();
     ASSERT_TRUE(frame.has_value());
     const std::string line = frame_line({*frame, read_frame(frame->bytes, {}), std::nullopt}, {});
-    EXPECT_NE(std::string::npos, line.find(" ?eth?[2J ")) << line;
+    EXPECT_NE(std::string::npos, line.find(" \\x0aeth\\x1b[2J ")) << line;
     EXPECT_EQ(line.size() - 1, line.find('\n')) << line;
 }
 

@@ -135,9 +135,10 @@ TEST(NearestName, IsTheOneThatWasMeant) {
 }
 
 TEST(Printable, HasNothingThatATerminalObeys) {
-    EXPECT_EQ("?[31mred??", printable("\033[31mred\n\x9b"));
+    EXPECT_EQ("\\x1b[31mred\\x0a\\x9b\xC3\xA4", printable("\033[31mred\n\x9b\xC3\xA4"));
     EXPECT_EQ("\"a b\"", in_quotes("a b"));
     EXPECT_EQ(63U, printable(std::string(1000, 'x')).size());
+    EXPECT_EQ(std::string(59, 'x') + "...", printable(std::string(59, 'x') + "\xC3\xA4 and more"));
 }
 
 // ---- Library, privileges, directory -------------------------------------------------------------

@@ -217,7 +217,7 @@ TEST(TopLayout, HasItsWholeHelpOnASmallScreen) {
 TEST(TopLayout, HasNothingThatATerminalWouldTakeForSomethingElse) {
     top_model model;
     model.ports = {{.name = "e\033[2J\xC3\xA4"}};
-    EXPECT_TRUE(holds(text_of(top_lines(model, {80, 24})), "port 0 e?[2J??"));
+    EXPECT_TRUE(holds(text_of(top_lines(model, {80, 24})), "port 0 e\\x1b[2J??"));
 }
 
 }  // namespace

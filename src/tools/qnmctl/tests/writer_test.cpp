@@ -64,5 +64,30 @@ TEST(Writer, TakesTextThatIsNoUtf8) {
     }));
 }
 
+// What a terminal would obey, from wherever it came.
+TEST(Writer, MakesForeignTextVisible) {
+    const std::string foreign = "a\033[31m\x7F\xC2\x9B\xC3\xA4\xFF\tb";
+    EXPECT_EQ("a\\x1b[31m\\x7f\\xc2\\x9b\xC3\xA4\\xff\tb\n",
+              written(output_form::text, "list", [&](writer& told) { told.text(foreign + '\n'); }));
+    testing::internal::CaptureStderr();
+    const std::string line = written(output_form::json_lines, "list",
+                                     [&](writer& told) { told.failure(foreign, 1, std::nullopt); });
+    EXPECT_EQ("qnmctl: a\\x1b[31m\\x7f\\xc2\\x9b\xC3\xA4\\xff\tb\n",
+              testing::internal::GetCapturedStderr());
+    EXPECT_NE(std::string::npos,
+              line.find("\"a\\u001b[31m\\u007f\\u009b\xC3\xA4\xEF\xBF\xBD\\tb\""))
+        << line;
+    EXPECT_EQ("a\033[31m\x7F\xC2\x9B\xC3\xA4\xEF\xBF\xBD\tb",
+              json::parse(line).at("message").get<std::string>());
+}
+
+// A record holds any text, without the forms that are for terminals.
+TEST(Writer, KeepsOtherCharactersOfRecords) {
+    const std::string line = written(output_form::json_lines, "list", [](writer& told) {
+        told.record("one", {{"\xC2\x9F", "\xC2\xA0\xC2"}});
+    });
+    EXPECT_EQ("{\"schema\":1,\"record\":\"one\",\"\\u009f\":\"\xC2\xA0\xEF\xBF\xBD\"}\n", line);
+}
+
 }  // namespace
 }  // namespace qnmctl
