@@ -1,10 +1,9 @@
 #!/usr/bin/env bash
 # Runs the library for a long time, in a private network namespace: a thousand simulated cards that
-# come, go and change behind two links that flap; lost and repeated announcements; lost, late and
-# repeated answers; eight threads
-# that read, write and dump registers and EEPROMs at random; callbacks that come and go; log files
-# that rotate; signals for every thread; restarts of the manager. Installs what is missing and
-# builds first.
+# come, go and change behind two links that flap; lost and repeated announcements; lost,
+# late and repeated answers; eight threads that read, write and dump registers and EEPROMs
+# at random; callbacks that come and go; log files that rotate; signals for every thread;
+# restarts of the manager. Installs what is missing and builds first.
 #
 #   usage: soak.sh [MINUTES]      default 60
 #

@@ -1,4 +1,4 @@
-// cards.cpp - the cards' process: three actors, for the cards, the links and the signals.
+// cards.cpp - the cards' process: the cards themselves, and a thread for each trouble.
 
 #include "cards.h"
 
@@ -14,12 +14,12 @@
 #include <functional>
 #include <memory>
 #include <random>
-#include <shared_mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "rig.h"
+#include "troubles/links.h"
 
 namespace soak {
 
@@ -77,29 +77,35 @@ card make(size_t number) {
     return made;
 }
 
+constexpr trouble k_troubles[] = {flap_links};
+
 class far_end {
   public:
     far_end(stage& shared, pid_t host, uint64_t seed) : shared_(shared), host_(host), seed_(seed) {
         for (size_t number = 0; number < k_present; number++)
-            simulator_->add(make(number));
+            simulator_.add(make(number));
         for (size_t number = k_present; number < k_cards; number++)
             away_.push_back(number);
         for (size_t number = k_lasting; number < k_present; number++)
             present_.push_back(number);
-        simulator_->start();
+        simulator_.start();
     }
 
     int play() {
         std::vector<std::thread> actors;
-        for (void (far_end::*const act)(std::mt19937&) :
-             {&far_end::move_cards, &far_end::flap_link, &far_end::send_signals}) {
-            actors.emplace_back([this, act, random = std::mt19937(seed_++)]() mutable {
-                while (!over_)
-                    (this->*act)(random);
-            });
-        }
+        const auto add_actor = [&](std::function<void(std::mt19937&)> act) {
+            actors.emplace_back(
+                [this, act = std::move(act), random = std::mt19937(seed_++)]() mutable {
+                    while (!scene_.over)
+                        act(random);
+                });
+        };
+        add_actor([this](std::mt19937& random) { move_cards(random); });
+        add_actor([this](std::mt19937& random) { send_signals(random); });
+        for (const trouble act : k_troubles)
+            add_actor([this, act](std::mt19937& random) { act(scene_, random); });
         const int status = serve_host();
-        over_ = true;
+        scene_.over = true;
         for (std::thread& actor : actors)
             actor.join();
         return status;
@@ -109,7 +115,7 @@ class far_end {
     // Gives the host the calm that it asks for, until it has ended.
     int serve_host() {
         int status = 0;
-        std::unique_lock rest(steps_, std::defer_lock);
+        std::unique_lock rest(scene_.steps, std::defer_lock);
         while (waitpid(host_, &status, WNOHANG) == 0) {
             const bool wanted = shared_.calm_wanted;
             if (wanted && !rest.owns_lock()) {
@@ -127,7 +133,7 @@ class far_end {
     }
 
     void count() {
-        const cardsim::counters counted = simulator_->count();
+        const cardsim::counters counted = simulator_.count();
         shared_.frames = counted.devinfo + counted.notify + counted.raw + counted.answers;
         shared_.faulty = counted.faulty;
         shared_.lost_announcements = counted.lost_announcements;
@@ -141,7 +147,7 @@ class far_end {
 
     void publish() {
         shared_.cards = {};
-        for (const card& it : simulator_->cards()) {
+        for (const card& it : simulator_.cards()) {
             announced& out = shared_.cards[(it.id - card_id(0)) / 0x10];
             out.present = true;
             out.uid_switch = it.uid_switch;
@@ -160,7 +166,7 @@ class far_end {
 
     void move_cards(std::mt19937& random) {
         {
-            const std::shared_lock step(steps_);
+            const auto step = begin_step(scene_);
             switch (random() % 4) {
                 case 0:
                     swap(random);
@@ -181,23 +187,23 @@ class far_end {
     // The card that has been away for longest comes; another one goes.
     void swap(std::mt19937& random) {
         size_t& place = present_[random() % present_.size()];
-        simulator_->remove(card_id(place));
+        simulator_.remove(card_id(place));
         away_.push_back(place);
         place = away_.front();
         away_.pop_front();
-        simulator_->add(make(place));
+        simulator_.add(make(place));
         shared_.swaps++;
     }
 
     void turn_path(std::mt19937& random) {
         const uint64_t id = card_id(present_[random() % present_.size()]);
-        const card it = simulator_->get(id);
+        const card it = simulator_.get(id);
         const size_t port = random() % 2;
         const size_t path = random() % cardsim::path_count(it.speed);
         if (it.heard[port][path]) {
-            simulator_->silence(id, port, path);
+            simulator_.silence(id, port, path);
         } else {
-            simulator_->wake(id, port, path);
+            simulator_.wake(id, port, path);
         }
         shared_.changes++;
     }
@@ -206,7 +212,7 @@ class far_end {
         const uint64_t id = card_id(random() % 2 == 0 ? present_[random() % present_.size()]
                                                       : random() % k_lasting);
         const uint32_t bits = random();
-        simulator_->update(id, [bits](card& it) {
+        simulator_.update(id, [bits](card& it) {
             it.uid_switch = (bits & 1) != 0;
             it.power = (bits & 2) != 0;
             it.link0_fault = (bits & 4) != 0;
@@ -214,18 +220,18 @@ class far_end {
             it.down_ports[bits >> 8 & 7].port_status[1] = bits >> 4 & 2;
             it.int_vector = static_cast<uint8_t>(bits >> 16);
         });
-        if (random() % 2 == 0) simulator_->notify(id);
+        if (random() % 2 == 0) simulator_.notify(id);
         shared_.changes++;
     }
 
     // The same announcement twice, all cards in one burst, or a frame that breaks off.
     void send_oddity(std::mt19937& random) {
-        const card it = simulator_->get(card_id(random() % k_lasting));
+        const card it = simulator_.get(card_id(random() % k_lasting));
         if (random() % 500 == 0) {
-            simulator_->announce_all();
+            simulator_.announce_all();
         } else if (random() % 2 == 0) {
-            simulator_->devinfo(it.id);
-            simulator_->devinfo(it.id);
+            simulator_.devinfo(it.id);
+            simulator_.devinfo(it.id);
         } else {
             const cardsim::frame_bytes whole = cardsim::encode(it, cardsim::message::devinfo, 0);
             send_part(random() % 2, std::span(whole).first(14 + random() % 20));
@@ -235,30 +241,10 @@ class far_end {
 
     void send_part(size_t port, cardsim::frame_view part) {
         try {
-            simulator_->send_raw(port, part);
+            simulator_.send_raw(port, part);
         } catch (const cardsim::error&) {
             // The link is down, which is as good as lost.
         }
-    }
-
-    // ---- The links -----------------------------------------------------------------------------
-
-    // Either end of either cable, every few seconds. A step leaves all links up.
-    void flap_link(std::mt19937& random) {
-        pause(milliseconds(1500 + random() % 3000));
-        const std::shared_lock step(steps_);
-        const std::string interface =
-            std::string(random() % 4 == 0 ? "qnm" : "qsim") + (random() % 2 == 0 ? "0" : "1");
-        e2e::run("ip link set " + interface + " down");
-        pause(milliseconds(random() % 1000));
-        e2e::run("ip link set " + interface + " up");
-        shared_.flaps++;
-    }
-
-    void pause(milliseconds time) {
-        const auto end = std::chrono::steady_clock::now() + time;
-        while (!over_ && std::chrono::steady_clock::now() < end)
-            std::this_thread::sleep_for(milliseconds(20));
     }
 
     // ---- The signals ---------------------------------------------------------------------------
@@ -280,11 +266,10 @@ class far_end {
     stage& shared_;
     const pid_t host_;
     uint64_t seed_;
-    std::unique_ptr<cardsim::simulator> simulator_ = e2e::make_cards();
+    scene scene_{.shared = shared_, .cards = simulator_, .over = false, .steps = {}};
+    cardsim::simulator simulator_{{cardsim::open_port("qsim0"), cardsim::open_port("qsim1")}};
     std::vector<size_t> present_;  // of those that do not last
     std::deque<size_t> away_;
-    std::shared_mutex steps_;  // an actor shares it during a step
-    std::atomic<bool> over_ = false;
 };
 
 }  // namespace

@@ -47,16 +47,36 @@ soak::plan read_arguments(int argc, char** argv) {
     return planned;
 }
 
-// The host goes with the cards, whatever ends them.
-[[noreturn]] void be_host(soak::stage& shared, const soak::plan& planned) {
+// Whoever is started goes with the cards, whatever ends them.
+pid_t start(const char* name, bool (*run)(soak::stage&, const soak::plan&), soak::stage& shared,
+            const soak::plan& planned) {
+    const pid_t child = fork();
+    if (child != 0) return child;
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     bool right = false;
     try {
-        right = soak::run_host(shared, planned);
+        right = run(shared, planned);
     } catch (const std::exception& problem) {
-        fprintf(stderr, "FAILED: host: %s\n", problem.what());
+        fprintf(stderr, "FAILED: %s: %s\n", name, problem.what());
     }
     exit(right ? 0 : 1);
+}
+
+bool has_ended_well(const char* name, int status) {
+    if (WIFSIGNALED(status)) {
+        fprintf(stderr, "FAILED: the %s was ended by signal %d\n", name, WTERMSIG(status));
+    }
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+int soak_all(const soak::plan& planned) {
+    const e2e::cables wires;
+    soak::stage& shared = make_stage();
+    printf("soak: %ld seconds, seed %lu\n", static_cast<long>(planned.duration.count()),
+           planned.seed);
+    fflush(stdout);
+    const pid_t host = start("host", soak::run_host, shared, planned);
+    return has_ended_well("host", soak::play_cards(shared, host, planned.seed)) ? 0 : 1;
 }
 
 }  // namespace
@@ -70,18 +90,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     try {
-        const e2e::cables wires;
-        soak::stage& shared = make_stage();
-        printf("soak: %ld seconds, seed %lu\n", static_cast<long>(planned.duration.count()),
-               planned.seed);
-        fflush(stdout);
-        const pid_t host = fork();
-        if (host == 0) be_host(shared, planned);
-        const int status = soak::play_cards(shared, host, planned.seed);
-        if (WIFSIGNALED(status)) {
-            fprintf(stderr, "FAILED: the host was ended by signal %d\n", WTERMSIG(status));
-        }
-        return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? 0 : 1;
+        return soak_all(planned);
     } catch (const std::exception& problem) {
         fprintf(stderr, "FAILED: %s\n", problem.what());
         return 1;

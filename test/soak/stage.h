@@ -1,5 +1,5 @@
-// stage.h - what the two processes of the soak share: which cards there are, what is in them, and a
-// page of memory by which the host asks the cards for calm and learns what they announce.
+// stage.h - what the two processes of the soak share: which cards there are, what is in them, and
+// a page of memory by which the host asks the cards for calm and learns what they announce.
 #pragma once
 
 #include <array>

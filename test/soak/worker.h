@@ -8,8 +8,8 @@
 #include <random>
 #include <vector>
 
+#include "checks/tally.h"
 #include "stage.h"
-#include "tally.h"
 
 namespace soak {
 

@@ -1,6 +1,6 @@
 // watch.cpp - reads /proc.
 
-#include "watch.h"
+#include "checks/watch.h"
 
 #include <malloc.h>
 

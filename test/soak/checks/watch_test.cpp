@@ -1,6 +1,6 @@
 // watch_test.cpp - what counts as growth.
 
-#include "watch.h"
+#include "checks/watch.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 // tally_test.cpp - which results count as failures.
 
-#include "tally.h"
+#include "checks/tally.h"
 
 #include <gtest/gtest.h>
 

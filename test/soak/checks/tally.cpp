@@ -1,6 +1,6 @@
 // tally.cpp - counting from many threads.
 
-#include "tally.h"
+#include "checks/tally.h"
 
 #include <cstdio>
 #include <utility>

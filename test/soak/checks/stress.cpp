@@ -1,0 +1,49 @@
+// stress.cpp - all that is counted on the shared page.
+
+#include "checks/stress.h"
+
+namespace soak {
+
+namespace {
+
+struct counted_stress {
+    const char* name;
+    std::atomic<uint64_t> stage::*counter;
+};
+
+constexpr counted_stress k_stress[] = {
+    {"frames", &stage::frames},
+    {"cards swapped", &stage::swaps},
+    {"cards changed", &stage::changes},
+    {"oddities", &stage::oddities},
+    {"link flaps", &stage::flaps},
+    {"signals sent", &stage::signals},
+    {"announcements lost", &stage::lost_announcements},
+    {"announcements repeated", &stage::repeated_announcements},
+    {"requests lost", &stage::lost_requests},
+    {"answers lost", &stage::lost_answers},
+    {"answers repeated", &stage::repeated_answers},
+    {"answers from elsewhere", &stage::stray_answers},
+    {"answers late", &stage::late_answers},
+};
+
+}  // namespace
+
+std::string missing_stress(const stage& shared) {
+    std::string names;
+    for (const counted_stress& it : k_stress) {
+        if (shared.*it.counter == 0) names += std::string(names.empty() ? "" : ", ") + it.name;
+    }
+    return names;
+}
+
+std::string all_stress(const stage& shared) {
+    std::string text;
+    for (const counted_stress& it : k_stress) {
+        text += std::string(text.empty() ? "" : ", ") + std::to_string(shared.*it.counter) + ' ' +
+                it.name;
+    }
+    return text;
+}
+
+}  // namespace soak

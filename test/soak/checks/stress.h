@@ -1,0 +1,16 @@
+// stress.h - what the far end has done to the host: what did not happen proves nothing.
+#pragma once
+
+#include <string>
+
+#include "stage.h"
+
+namespace soak {
+
+// The names of what has not happened, empty when all has.
+std::string missing_stress(const stage& shared);
+
+// How often each has happened.
+std::string all_stress(const stage& shared);
+
+}  // namespace soak
