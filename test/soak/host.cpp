@@ -109,10 +109,12 @@ class host {
     host(stage& shared, const plan& planned) : shared_(shared), planned_(planned) {
         qnm_log_init(site_.path().c_str());
         take_signals();
-        for (unsigned number = 0; number < k_workers; number++) {
+        for (unsigned number = 0; number < k_workers + k_hurried; number++) {
             workers_.push_back(
                 std::make_unique<worker>(number, planned.seed * 100 + number, life_, tally_));
-            threads_.emplace_back([this, self = workers_.back().get()] { work(*self); });
+            const auto use = number < k_workers ? &host::work : &host::hurry;
+            threads_.emplace_back(
+                [this, use, self = workers_.back().get()] { (this->*use)(*self); });
         }
     }
 
@@ -149,6 +151,18 @@ class host {
                 self.step();
             }
             std::this_thread::sleep_for(self.rest());
+        }
+    }
+
+    // Likewise, in times of hurry only, but without a rest.
+    void hurry(worker& self) {
+        while (!over_) {
+            if (shared_.hurry && life_ % 2 == 1 && !gate_closing_) {
+                const std::shared_lock inside(gate_);
+                self.hurry();
+            } else {
+                std::this_thread::sleep_for(milliseconds(5));
+            }
         }
     }
 
@@ -283,14 +297,14 @@ class host {
             std::chrono::duration<double, std::ratio<60>>(clock::now() - begin_).count();
         printf(
             "%6.1f min  resident %zu KiB, held %zu KiB, descriptors %zu, threads %zu, backlog up "
-            "to %u, cards %u, frames %lu,"
-            " events %lu, calls %lu, slowest %.0f ms %s, failures "
+            "to %u, cards %u, frames %lu, port "
+            "flaps %lu, events %lu, calls %lu, slowest %.0f ms %s, failures "
             "%lu, errors: %s\n",
             minutes, std::max(std::exchange(peak_, 0), resident()), held(), descriptors(),
             threads(), std::exchange(backlog_, 0), e2e::qnsv_total() + e2e::qnio_total(),
-            frames_before_ + frames_of_this_manager(), events_.load(), tally_.calls(),
-            std::chrono::duration<double, std::milli>(slowest.lasted).count(), slowest.name,
-            tally_.failures(), tally_.errors().c_str());
+            frames_before_ + frames_of_this_manager(), shared_.port_flaps.load(), events_.load(),
+            tally_.calls(), std::chrono::duration<double, std::milli>(slowest.lasted).count(),
+            slowest.name, tally_.failures(), tally_.errors().c_str());
         fflush(stdout);
         report_at_ += seconds(60);
     }

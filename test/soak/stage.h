@@ -48,6 +48,9 @@ constexpr uint32_t preset_value(uint64_t id, uint32_t address) {
 constexpr uint32_t k_own_registers = 0x3000;
 constexpr uint32_t k_own_words = 0x400;
 
+// Written, but never read.
+constexpr uint32_t k_scratch_register = 0x4000;
+
 // ---- The shared page ---------------------------------------------------------------------------
 
 // What a card announces: all that changes while it is there.
@@ -67,6 +70,7 @@ struct stage {
     std::atomic<bool> host_ready;   // signals are handled from now on
     std::atomic<bool> calm_wanted;  // by the host
     std::atomic<bool> calm;         // the cards rest, the links are up, `cards` holds
+    std::atomic<bool> hurry;        // the host is to send as much as it can
     std::array<announced, k_cards> cards;
 
     std::atomic<uint64_t> frames;  // announcements and answers sent
@@ -76,6 +80,7 @@ struct stage {
     std::atomic<uint64_t> flaps;
     std::atomic<uint64_t> oddities;
     std::atomic<uint64_t> signals;
+    std::atomic<uint64_t> port_flaps;  // of the host's own ports, down and up at once
 
     // Faults done
     std::atomic<uint64_t> lost_announcements;

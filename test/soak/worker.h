@@ -14,6 +14,7 @@
 namespace soak {
 
 constexpr unsigned k_workers = 8;
+constexpr unsigned k_hurried = 8;  // more of them, for times of hurry
 
 // All functions that the workers call.
 constexpr const char* k_called[] = {"qnm_read_register",      "qnm_dump_register",
@@ -51,7 +52,8 @@ class worker {
     // `life` is odd while a manager runs, and another number for each.
     worker(unsigned number, uint64_t seed, const std::atomic<unsigned>& life, tally& counted);
 
-    void step();  // one operation, drawn at random
+    void step();   // one operation, drawn at random
+    void hurry();  // one that sends a frame soon
     std::chrono::microseconds rest() { return std::chrono::microseconds(draw(4000)); }
 
     // The VLAN ID that this worker has given to one of its cards, or 0 when it is not known.

@@ -17,6 +17,7 @@ constexpr counted_stress k_stress[] = {
     {"cards changed", &stage::changes},
     {"oddities", &stage::oddities},
     {"link flaps", &stage::flaps},
+    {"port flaps", &stage::port_flaps},
     {"signals sent", &stage::signals},
     {"announcements lost", &stage::lost_announcements},
     {"announcements repeated", &stage::repeated_announcements},

@@ -16,6 +16,8 @@ namespace {
 
 using std::chrono::milliseconds;
 
+constexpr unsigned k_flaps_of_a_burst = 20;
+
 // Sets interfaces up and down by the kernel's own call: a program started for each would take
 // longer than a frame that is under way.
 class switchboard {
@@ -58,12 +60,41 @@ void break_cable(scene& at, std::mt19937& random) {
     at.shared.flaps++;
 }
 
+// Several times in a row, so that whoever is told that the port is down finds it up, or down again.
+void flap_port(scene& at, std::mt19937& random, const switchboard& interfaces) {
+    const std::string port = any_port("qnm", random);
+    const unsigned times = 1 + random() % 6;
+    for (unsigned n = 0; n < times; n++) {
+        interfaces.set(port, false);
+        if (random() % 4 == 0) pause(at, milliseconds(random() % 3));
+        interfaces.set(port, true);
+        at.shared.port_flaps++;
+    }
+}
+
+// The host hurries meanwhile, and the cards that it talks to come back at once: what matters is who
+// sends when the port goes down.
+void flap_ports(scene& at, std::mt19937& random) {
+    const switchboard interfaces;
+    at.shared.hurry = true;
+    for (unsigned n = 0; n < k_flaps_of_a_burst && !at.over; n++) {
+        flap_port(at, random, interfaces);
+        pause(at, milliseconds(random() % 20));
+        for (size_t number = 0; number < k_lasting; number++)
+            at.cards.devinfo(card_id(number));
+        pause(at, milliseconds(random() % 20));
+    }
+    at.shared.hurry = false;
+}
+
 }  // namespace
 
 void flap_links(scene& at, std::mt19937& random) {
-    pause(at, milliseconds(1500 + random() % 3000));
-    const auto step = begin_step(at);
-    break_cable(at, random);
+    for (void (*const act)(scene&, std::mt19937&) : {break_cable, flap_ports}) {
+        pause(at, milliseconds(1000 + random() % 2000));
+        const auto step = begin_step(at);
+        act(at, random);
+    }
 }
 
 }  // namespace soak
