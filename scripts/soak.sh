@@ -2,7 +2,8 @@
 # Runs the library for a long time, in a private network namespace: a thousand simulated cards that
 # come, go and change behind two links that flap; lost and repeated announcements; lost,
 # late and repeated answers; eight threads that read, write and dump registers and EEPROMs
-# at random; the host's ports down and up at once while more threads send; callbacks that come and go; log files that rotate; signals for every thread;
+# at random; the host's ports down and up at once while more threads send; hundreds of other
+# interfaces that change at once; callbacks that come and go; log files that rotate; signals for every thread;
 # restarts of the manager. Installs what is missing and builds first.
 #
 #   usage: soak.sh [MINUTES]      default 60

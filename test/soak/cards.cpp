@@ -77,7 +77,7 @@ card make(size_t number) {
     return made;
 }
 
-constexpr trouble k_troubles[] = {flap_links};
+constexpr trouble k_troubles[] = {flap_links, change_crowd};
 
 class far_end {
   public:

@@ -21,6 +21,7 @@
 #include "cards.h"
 #include "host.h"
 #include "rig.h"
+#include "troubles/links.h"
 
 namespace {
 
@@ -71,6 +72,7 @@ bool has_ended_well(const char* name, int status) {
 
 int soak_all(const soak::plan& planned) {
     const e2e::cables wires;
+    const soak::crowd others;
     soak::stage& shared = make_stage();
     printf("soak: %ld seconds, seed %lu\n", static_cast<long>(planned.duration.count()),
            planned.seed);

@@ -80,7 +80,8 @@ struct stage {
     std::atomic<uint64_t> flaps;
     std::atomic<uint64_t> oddities;
     std::atomic<uint64_t> signals;
-    std::atomic<uint64_t> port_flaps;  // of the host's own ports, down and up at once
+    std::atomic<uint64_t> port_flaps;     // of the host's own ports, down and up at once
+    std::atomic<uint64_t> crowd_changes;  // each of some hundred interfaces
 
     // Faults done
     std::atomic<uint64_t> lost_announcements;

@@ -18,6 +18,7 @@ constexpr counted_stress k_stress[] = {
     {"oddities", &stage::oddities},
     {"link flaps", &stage::flaps},
     {"port flaps", &stage::port_flaps},
+    {"changes of other interfaces", &stage::crowd_changes},
     {"signals sent", &stage::signals},
     {"announcements lost", &stage::lost_announcements},
     {"announcements repeated", &stage::repeated_announcements},

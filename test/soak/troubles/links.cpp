@@ -10,6 +10,8 @@
 #include <string>
 #include <system_error>
 
+#include "rig.h"
+
 namespace soak {
 
 namespace {
@@ -17,6 +19,8 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr unsigned k_flaps_of_a_burst = 20;
+constexpr size_t k_crowd_cables = 100;
+constexpr char k_crowd[] = "77";  // the group of the crowd's interfaces
 
 // Sets interfaces up and down by the kernel's own call: a program started for each would take
 // longer than a frame that is under way.
@@ -94,6 +98,29 @@ void flap_links(scene& at, std::mt19937& random) {
         pause(at, milliseconds(1000 + random() % 2000));
         const auto step = begin_step(at);
         act(at, random);
+    }
+}
+
+crowd::crowd() {
+    e2e::run("for n in $(seq " + std::to_string(k_crowd_cables) +
+             "); do echo link add crowd$n group " + k_crowd +
+             " type veth peer name throng$n group " + k_crowd + "; done | ip -batch -");
+}
+
+crowd::~crowd() {
+    try {
+        e2e::run(std::string("ip link del group ") + k_crowd);
+    } catch (const std::exception& problem) {
+        fprintf(stderr, "%s\n", problem.what());  // they go with the namespace
+    }
+}
+
+void change_crowd(scene& at, std::mt19937& random) {
+    for (const char* const state : {" up", " down"}) {
+        pause(at, milliseconds(500 + random() % 2000));
+        const auto step = begin_step(at);
+        e2e::run(std::string("ip link set group ") + k_crowd + state);
+        at.shared.crowd_changes++;
     }
 }
 
