@@ -20,6 +20,7 @@
 
 #include "rig.h"
 #include "troubles/links.h"
+#include "troubles/traffic.h"
 
 namespace soak {
 
@@ -77,7 +78,7 @@ card make(size_t number) {
     return made;
 }
 
-constexpr trouble k_troubles[] = {flap_links, change_crowd};
+constexpr trouble k_troubles[] = {flap_links, change_crowd, send_foreign};
 
 class far_end {
   public:

@@ -297,14 +297,15 @@ class host {
             std::chrono::duration<double, std::ratio<60>>(clock::now() - begin_).count();
         printf(
             "%6.1f min  resident %zu KiB, held %zu KiB, descriptors %zu, threads %zu, backlog up "
-            "to %u, cards %u, frames %lu, port "
+            "to %u, cards %u, frames %lu, foreign frames %lu (%.0f a second), port "
             "flaps %lu, events %lu, calls %lu, slowest %.0f ms %s, failures "
             "%lu, errors: %s\n",
             minutes, std::max(std::exchange(peak_, 0), resident()), held(), descriptors(),
             threads(), std::exchange(backlog_, 0), e2e::qnsv_total() + e2e::qnio_total(),
-            frames_before_ + frames_of_this_manager(), shared_.port_flaps.load(), events_.load(),
-            tally_.calls(), std::chrono::duration<double, std::milli>(slowest.lasted).count(),
-            slowest.name, tally_.failures(), tally_.errors().c_str());
+            frames_before_ + frames_of_this_manager(), shared_.foreign.load(),
+            foreign_rate(shared_), shared_.port_flaps.load(), events_.load(), tally_.calls(),
+            std::chrono::duration<double, std::milli>(slowest.lasted).count(), slowest.name,
+            tally_.failures(), tally_.errors().c_str());
         fflush(stdout);
         report_at_ += seconds(60);
     }
@@ -364,7 +365,8 @@ class host {
         require_stress();
         if (shared_.faulty != 0) tally_.fail("frames that break a rule of the protocol");
         report();
-        printf("soak: %s\n", all_stress(shared_).c_str());
+        printf("soak: %s; foreign frames %.0f a second while they came\n",
+               all_stress(shared_).c_str(), foreign_rate(shared_));
         printf("soak: %u managers, %lu calls, %lu events, %lu signals taken, %lu failures\n",
                restarts_, tally_.calls(), events_.load(), signals_taken.load(), tally_.failures());
     }

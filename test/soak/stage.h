@@ -82,6 +82,8 @@ struct stage {
     std::atomic<uint64_t> signals;
     std::atomic<uint64_t> port_flaps;     // of the host's own ports, down and up at once
     std::atomic<uint64_t> crowd_changes;  // each of some hundred interfaces
+    std::atomic<uint64_t> foreign;        // frames
+    std::atomic<uint64_t> foreign_time;   // in microseconds, that they took
 
     // Faults done
     std::atomic<uint64_t> lost_announcements;

@@ -2,6 +2,8 @@
 
 #include "checks/stress.h"
 
+#include <algorithm>
+
 namespace soak {
 
 namespace {
@@ -19,6 +21,7 @@ constexpr counted_stress k_stress[] = {
     {"link flaps", &stage::flaps},
     {"port flaps", &stage::port_flaps},
     {"changes of other interfaces", &stage::crowd_changes},
+    {"foreign frames", &stage::foreign},
     {"signals sent", &stage::signals},
     {"announcements lost", &stage::lost_announcements},
     {"announcements repeated", &stage::repeated_announcements},
@@ -46,6 +49,11 @@ std::string all_stress(const stage& shared) {
                 it.name;
     }
     return text;
+}
+
+double foreign_rate(const stage& shared) {
+    return 1e6 * static_cast<double>(shared.foreign) /
+           static_cast<double>(std::max<uint64_t>(shared.foreign_time, 1));
 }
 
 }  // namespace soak
