@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Runs the library for a long time, in a private network namespace: a thousand simulated cards that
-# come, go and change behind two links that flap; lost and repeated announcements; lost,
-# late and repeated answers; eight threads that read, write and dump registers and EEPROMs
+# come, go and change behind two links that flap; lost, repeated and forged announcements; lost,
+# late, repeated and misled answers; eight threads that read, write and dump registers and EEPROMs
 # at random; the host's ports down and up at once while more threads send; hundreds of other
 # interfaces that change at once; 100,000 foreign frames a second; callbacks that come and go; log files that rotate; signals for every thread;
 # restarts of the manager. Installs what is missing and builds first.

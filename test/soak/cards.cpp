@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "rig.h"
+#include "troubles/forgeries.h"
 #include "troubles/links.h"
 #include "troubles/traffic.h"
 
@@ -78,7 +79,7 @@ card make(size_t number) {
     return made;
 }
 
-constexpr trouble k_troubles[] = {flap_links, change_crowd, send_foreign};
+constexpr trouble k_troubles[] = {flap_links, change_crowd, send_foreign, forge};
 
 class far_end {
   public:
@@ -268,7 +269,10 @@ class far_end {
     const pid_t host_;
     uint64_t seed_;
     scene scene_{.shared = shared_, .cards = simulator_, .over = false, .steps = {}};
-    cardsim::simulator simulator_{{cardsim::open_port("qsim0"), cardsim::open_port("qsim1")}};
+    cardsim::simulator simulator_{
+        {cardsim::open_port("qsim0"), cardsim::open_port("qsim1")},
+        cardsim::default_ether_type,
+        [this](size_t port, const cardsim::request& it) { mislead(scene_, port, it); }};
     std::vector<size_t> present_;  // of those that do not last
     std::deque<size_t> away_;
 };

@@ -297,15 +297,15 @@ class host {
             std::chrono::duration<double, std::ratio<60>>(clock::now() - begin_).count();
         printf(
             "%6.1f min  resident %zu KiB, held %zu KiB, descriptors %zu, threads %zu, backlog up "
-            "to %u, cards %u, frames %lu, foreign frames %lu (%.0f a second), port "
+            "to %u, cards %u, frames %lu, foreign frames %lu (%.0f a second), forgeries %lu, port "
             "flaps %lu, events %lu, calls %lu, slowest %.0f ms %s, failures "
             "%lu, errors: %s\n",
             minutes, std::max(std::exchange(peak_, 0), resident()), held(), descriptors(),
             threads(), std::exchange(backlog_, 0), e2e::qnsv_total() + e2e::qnio_total(),
             frames_before_ + frames_of_this_manager(), shared_.foreign.load(),
-            foreign_rate(shared_), shared_.port_flaps.load(), events_.load(), tally_.calls(),
-            std::chrono::duration<double, std::milli>(slowest.lasted).count(), slowest.name,
-            tally_.failures(), tally_.errors().c_str());
+            foreign_rate(shared_), forgeries(shared_), shared_.port_flaps.load(), events_.load(),
+            tally_.calls(), std::chrono::duration<double, std::milli>(slowest.lasted).count(),
+            slowest.name, tally_.failures(), tally_.errors().c_str());
         fflush(stdout);
         report_at_ += seconds(60);
     }
@@ -326,6 +326,8 @@ class host {
         for (size_t number = 0; number < k_cards; number++)
             qnm_restart_monitor(card_id(number));
         require_none([this] { return find_difference(shared_); });
+        for (size_t number = 0; number < k_lasting; number++)
+            require_none([this, number] { return read_card(number); });
         compare_vlans();
         calm(false);
     }
@@ -339,6 +341,17 @@ class host {
             fault = find_fault();
         }
         if (!fault.empty()) tally_.fail(fault);
+    }
+
+    // Why the card cannot be accessed, if it cannot.
+    std::string read_card(size_t number) {
+        const std::string name = "card " + std::to_string(number);
+        const uint64_t id = card_id(number);
+        uint32_t value = 0;
+        const auto ret = qnm_read_register(id, k_preset_registers, &value, nullptr, 0);
+        if (ret != QNM_API_SUCCESS) return name + " cannot be read: " + std::to_string(ret);
+        if (value != preset_value(id, k_preset_registers)) tally_.fail("wrong register of " + name);
+        return "";
     }
 
     void compare_vlans() {

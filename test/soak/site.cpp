@@ -5,17 +5,22 @@
 #include <filesystem>
 #include <fstream>
 
+#include "stage.h"
+
 namespace soak {
 
 namespace {
 
-constexpr char k_conf[] =
-    "ether_port = qnm0,qnm1\n"
-    "devinfo_expire_time = 4000\n"
-    "stats_interval = 20\n"
-    "eeprom_retry_count = 20\n"
-    "eeprom_verify_count = 5\n"
-    "eeprom_rw_interval = 10\n";
+std::string configuration() {
+    return "ether_port = qnm0,qnm1\n"
+           "devinfo_expire_time = 4000\n"
+           "stats_interval = 20\n"
+           "eeprom_retry_count = 20\n"
+           "eeprom_verify_count = 5\n"
+           "eeprom_rw_interval = 10\n"
+           "tag_max = " +
+           std::to_string(k_highest_tag) + "\n";
+}
 
 void install_rotation(const std::string& directory) {
     std::ofstream out(directory + "/conf/qnm_log4c.properties");
@@ -34,7 +39,7 @@ void install_rotation(const std::string& directory) {
 
 }  // namespace
 
-site::site() : e2e::installation(k_conf) {
+site::site() : e2e::installation(configuration()) {
     install_rotation(path());
 }
 

@@ -31,6 +31,19 @@ constexpr bool is_reset_often(size_t number) {
     return number >= k_lasting && number % 20 == 19;
 }
 
+// IDs that only forged announcements have; even ones are announced as QNSV cards, odd ones as QNIO
+// cards. Strangers come to be known, nobodies must not.
+constexpr size_t k_strangers = 512;
+constexpr size_t k_nobodies = 16;
+
+constexpr uint64_t stranger_id(size_t number) {
+    return 0x020000100000 + 0x10 * number;
+}
+
+constexpr uint64_t nobody_id(size_t number) {
+    return 0x020000200000 + 0x10 * number;
+}
+
 // ---- Values ------------------------------------------------------------------------------------
 // Registers and words that nobody writes hold values known everywhere.
 
@@ -50,6 +63,8 @@ constexpr uint32_t k_own_words = 0x400;
 
 // Written, but never read.
 constexpr uint32_t k_scratch_register = 0x4000;
+
+constexpr uint8_t k_highest_tag = 239;  // that the host uses
 
 // ---- The shared page ---------------------------------------------------------------------------
 
@@ -93,6 +108,16 @@ struct stage {
     std::atomic<uint64_t> repeated_answers;
     std::atomic<uint64_t> stray_answers;  // from the wrong port or address
     std::atomic<uint64_t> late_answers;
+
+    // Forgeries, see there
+    std::atomic<uint64_t> strangers;
+    std::atomic<uint64_t> false_records;
+    std::atomic<uint64_t> false_kinds;
+    std::atomic<uint64_t> broken_announcements;
+    std::atomic<uint64_t> long_announcements;
+    std::atomic<uint64_t> bad_tags;
+    std::atomic<uint64_t> misled_answers;
+    std::atomic<uint64_t> reads_seen;
 };
 
 static_assert(std::atomic<uint64_t>::is_always_lock_free);

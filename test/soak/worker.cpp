@@ -346,17 +346,20 @@ void worker::list() {
     const auto ret = call(drawn.name, k_plain, [&] { return drawn.get(group, &ids, &count); });
     if (ret != QNM_API_SUCCESS) return;
     const std::span<const uint64_t> all(ids, count);
-    const bool right = count <= k_cards / 2 && (ids == nullptr) == (count == 0) &&
+    constexpr size_t k_most = (k_cards + k_lasting + k_strangers) / 2;
+    const bool right = count <= k_most && (ids == nullptr) == (count == 0) &&
                        std::is_sorted(all.begin(), all.end());
     if (!right) counted_.fail("wrong list of " + std::to_string(count) + " cards");
     call("qnm_free_idlist", any_of({QNM_API_SUCCESS}), [&] { return qnm_free_idlist(ids); });
 }
 
 void worker::forget() {
-    const size_t number = draw(k_cards);
+    const bool stranger = draw(4) == 0;
+    const size_t number = draw(stranger ? k_strangers : k_cards);
+    const uint64_t id = stranger ? stranger_id(number) : card_id(number);
     const auto forget = number % 2 == 0 ? qnm_delete_qnsv : qnm_delete_qnio;
     call(number % 2 == 0 ? "qnm_delete_qnsv" : "qnm_delete_qnio", k_query,
-         [&] { return forget(card_id(number)); });
+         [&] { return forget(id); });
 }
 
 void worker::stop_monitor() {

@@ -2,6 +2,7 @@
 
 #include "checks/compare.h"
 
+#include <algorithm>
 #include <optional>
 
 #include "rig.h"
@@ -41,10 +42,18 @@ std::optional<qnm_com_dev_t> common(uint64_t id, bool server) {
     return card ? std::optional(card->eio_com_dev) : std::nullopt;
 }
 
+bool is_connected(uint64_t id, bool server) {
+    const auto dev = common(id, server);
+    if (!dev) return false;
+    return std::any_of(&dev->ecd_state[0][0], &dev->ecd_state[0][0] + 4,
+                       [](uint32_t state) { return state != 0; });
+}
+
 std::string compare_card(size_t number, const announced& expected) {
     const std::string name = "card " + std::to_string(number);
     const uint64_t id = card_id(number);
     const bool server = number % 2 == 0;
+    if (is_connected(id, !server)) return name + " is of the other kind, too";
     const bool silent = expected.paths == decltype(expected.paths){};
     const auto dev = common(id, server);
     if (!dev) return expected.present && !silent ? name + " is not known" : "";
@@ -58,6 +67,19 @@ std::string compare_card(size_t number, const announced& expected) {
     return right ? "" : name + " has a wrong record";
 }
 
+std::string find_forged() {
+    for (size_t number = 0; number < k_strangers; number++) {
+        if (is_connected(stranger_id(number), number % 2 == 0)) {
+            return "stranger " + std::to_string(number) + " has not expired";
+        }
+    }
+    for (size_t number = 0; number < k_nobodies; number++) {
+        const uint64_t id = nobody_id(number);
+        if (qnsv(id) || qnio(id)) return "nobody " + std::to_string(number) + " is known";
+    }
+    return "";
+}
+
 }  // namespace
 
 std::string find_difference(const stage& shared) {
@@ -65,7 +87,7 @@ std::string find_difference(const stage& shared) {
         std::string difference = compare_card(number, shared.cards[number]);
         if (!difference.empty()) return difference;
     }
-    return "";
+    return find_forged();
 }
 
 }  // namespace soak

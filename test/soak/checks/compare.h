@@ -7,7 +7,8 @@
 
 namespace soak {
 
-// The first difference between the tables and the cards; empty when there is none.
+// The first difference between the tables and the cards; empty when there is none. What forgeries
+// have left must have expired.
 std::string find_difference(const stage& shared);
 
 }  // namespace soak

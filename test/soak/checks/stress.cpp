@@ -11,6 +11,7 @@ namespace {
 struct counted_stress {
     const char* name;
     std::atomic<uint64_t> stage::*counter;
+    bool forged = false;
 };
 
 constexpr counted_stress k_stress[] = {
@@ -30,6 +31,13 @@ constexpr counted_stress k_stress[] = {
     {"answers repeated", &stage::repeated_answers},
     {"answers from elsewhere", &stage::stray_answers},
     {"answers late", &stage::late_answers},
+    {"strangers", &stage::strangers, true},
+    {"false records", &stage::false_records, true},
+    {"false kinds", &stage::false_kinds, true},
+    {"broken announcements", &stage::broken_announcements, true},
+    {"long announcements", &stage::long_announcements, true},
+    {"bad tags", &stage::bad_tags, true},
+    {"misled answers", &stage::misled_answers, true},
 };
 
 }  // namespace
@@ -49,6 +57,14 @@ std::string all_stress(const stage& shared) {
                 it.name;
     }
     return text;
+}
+
+uint64_t forgeries(const stage& shared) {
+    uint64_t sum = 0;
+    for (const counted_stress& it : k_stress) {
+        if (it.forged) sum += shared.*it.counter;
+    }
+    return sum;
 }
 
 double foreign_rate(const stage& shared) {

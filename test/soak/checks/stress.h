@@ -13,6 +13,8 @@ std::string missing_stress(const stage& shared);
 // How often each has happened.
 std::string all_stress(const stage& shared);
 
+uint64_t forgeries(const stage& shared);
+
 // Foreign frames a second, in the time in which they were sent.
 double foreign_rate(const stage& shared);
 
