@@ -3,7 +3,8 @@
 # come, go and change behind two links that flap; lost, repeated and forged announcements; lost,
 # late, repeated and misled answers; eight threads that read, write and dump registers and EEPROMs
 # at random; the host's ports down and up at once while more threads send; hundreds of other
-# interfaces that change at once; 100,000 foreign frames a second; callbacks that come and go; log files that rotate; signals for every thread;
+# interfaces that change at once; 100,000 foreign frames a second; a second process that tries to
+# access the cards; callbacks that come and go; log files that rotate; signals for every thread;
 # restarts of the manager. Installs what is missing and builds first.
 #
 #   usage: soak.sh [MINUTES]      default 60
@@ -12,7 +13,8 @@
 #
 # Prints a line a minute. Fails when a value was wrong, a call returned a code that is not
 # documented for it or did not return, a call never succeeded, one of these troubles did not occur,
-# an allocation failed, the manager did not stop, a counter pair did not balance after a stop, a
+# the second process reached a card beside the host or could not once the host had stopped, an
+# allocation failed, the manager did not stop, a counter pair did not balance after a stop, a
 # descriptor or thread was left, the tables differed from what the cards announce, or memory still
 # grew after the first tenth of the run.
 set -euo pipefail

@@ -110,8 +110,8 @@ class host {
         qnm_log_init(site_.path().c_str());
         take_signals();
         for (unsigned number = 0; number < k_workers + k_hurried; number++) {
-            workers_.push_back(
-                std::make_unique<worker>(number, planned.seed * 100 + number, life_, tally_));
+            workers_.push_back(std::make_unique<worker>(number, planned.seed * 100 + number, life_,
+                                                        shared.hold, tally_));
             const auto use = number < k_workers ? &host::work : &host::hurry;
             threads_.emplace_back(
                 [this, use, self = workers_.back().get()] { (this->*use)(*self); });
@@ -130,14 +130,17 @@ class host {
         tasks_ = threads();
         shared_.host_ready = true;
         restart_for(tenth);
+        let_rival_access();
         calm(true);  // a port whose link is down at the start would never be used
         start();
         calm(false);
+        take_hold();
         stay(8 * tenth, &running_);
         await_stress();
         compare_with_cards();
         stop();
         restart_for(tenth);
+        let_rival_access();
         judge();
         return tally_.failures() == 0;
     }
@@ -203,6 +206,7 @@ class host {
     // Under load; the next one is not started before all calls have returned.
     void stop() {
         life_++;
+        if (shared_.hold % 2 == 1) shared_.hold++;
         qnm_fini_manager();
         const auto limit = clock::now() + k_stop_limit;
         while (!ended_) {
@@ -257,6 +261,33 @@ class host {
         abort();
     }
 
+    // ---- The rival -----------------------------------------------------------------------------
+
+    // Where no manager of the host runs, nothing stands in the rival's way.
+    void let_rival_access() {
+        const uint64_t before = shared_.rival_reads;
+        if (!e2e::wait_for([&] { return shared_.rival_reads > before; })) {
+            tally_.fail("the rival cannot read a card, although no manager runs here");
+        }
+    }
+
+    // The rival may have the ports at first, until its manager stops. A card that is heard on one
+    // port has answered there: from now on the port is the host's.
+    void take_hold() {
+        const auto accesses = [](size_t number) {
+            uint32_t value = 0;
+            return qnm_read_register(card_id(number), k_preset_registers, &value, nullptr, 0) ==
+                   QNM_API_SUCCESS;
+        };
+        for (const size_t number : k_heard_on_one_port) {
+            if (!e2e::wait_for([&] { return accesses(number); })) {
+                tally_.fail("card " + std::to_string(number) + " cannot be read beside the rival");
+                return;
+            }
+        }
+        shared_.hold++;
+    }
+
     // ---- Watching ------------------------------------------------------------------------------
 
     // Lets the manager run, and takes samples of the memory; not too many, because each gives back
@@ -298,14 +329,15 @@ class host {
         printf(
             "%6.1f min  resident %zu KiB, held %zu KiB, descriptors %zu, threads %zu, backlog up "
             "to %u, cards %u, frames %lu, foreign frames %lu (%.0f a second), forgeries %lu, port "
-            "flaps %lu, events %lu, calls %lu, slowest %.0f ms %s, failures "
+            "flaps %lu, rival refused %lu, events %lu, calls %lu, slowest %.0f ms %s, failures "
             "%lu, errors: %s\n",
             minutes, std::max(std::exchange(peak_, 0), resident()), held(), descriptors(),
             threads(), std::exchange(backlog_, 0), e2e::qnsv_total() + e2e::qnio_total(),
             frames_before_ + frames_of_this_manager(), shared_.foreign.load(),
-            foreign_rate(shared_), forgeries(shared_), shared_.port_flaps.load(), events_.load(),
-            tally_.calls(), std::chrono::duration<double, std::milli>(slowest.lasted).count(),
-            slowest.name, tally_.failures(), tally_.errors().c_str());
+            foreign_rate(shared_), forgeries(shared_), shared_.port_flaps.load(),
+            shared_.rival_refused.load(), events_.load(), tally_.calls(),
+            std::chrono::duration<double, std::milli>(slowest.lasted).count(), slowest.name,
+            tally_.failures(), tally_.errors().c_str());
         fflush(stdout);
         report_at_ += seconds(60);
     }

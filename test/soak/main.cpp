@@ -2,8 +2,9 @@
 //
 //   usage: qnm-soak SECONDS [--any-memory] [--seed=N]
 //
-// Two processes, so that the memory that is watched is the host's alone. It needs a network
-// namespace of its own; scripts/soak.sh makes one.
+// Three processes: the host alone, so that the memory that is watched is its own; a rival with a
+// manager of its own; and the cards with all other troubles. It needs a network namespace of its
+// own; scripts/soak.sh makes one.
 
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -21,6 +22,7 @@
 #include "cards.h"
 #include "host.h"
 #include "rig.h"
+#include "rival.h"
 #include "troubles/links.h"
 
 namespace {
@@ -70,6 +72,17 @@ bool has_ended_well(const char* name, int status) {
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
+// The wait status. What hangs is ended by a signal; the core tells where it was.
+int end_rival(soak::stage& shared, pid_t rival) {
+    shared.over = true;
+    int status = 0;
+    if (!e2e::wait_for([&] { return waitpid(rival, &status, WNOHANG) == rival; })) {
+        kill(rival, SIGABRT);
+        waitpid(rival, &status, 0);
+    }
+    return status;
+}
+
 int soak_all(const soak::plan& planned) {
     const e2e::cables wires;
     const soak::crowd others;
@@ -78,7 +91,11 @@ int soak_all(const soak::plan& planned) {
            planned.seed);
     fflush(stdout);
     const pid_t host = start("host", soak::run_host, shared, planned);
-    return has_ended_well("host", soak::play_cards(shared, host, planned.seed)) ? 0 : 1;
+    const pid_t rival = start("rival", soak::run_rival, shared, planned);
+    const int host_status = soak::play_cards(shared, host, planned.seed);
+    const int rival_status = end_rival(shared, rival);
+    const bool host_right = has_ended_well("host", host_status);
+    return has_ended_well("rival", rival_status) && host_right ? 0 : 1;
 }
 
 }  // namespace

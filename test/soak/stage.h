@@ -1,4 +1,4 @@
-// stage.h - what the two processes of the soak share: which cards there are, what is in them, and
+// stage.h - what the three processes of the soak share: which cards there are, what is in them, and
 // a page of memory by which the host asks the cards for calm and learns what they announce.
 #pragma once
 
@@ -16,6 +16,9 @@ namespace soak {
 constexpr size_t k_cards = 1200;    // that ever appear
 constexpr size_t k_present = 1000;  // at any time
 constexpr size_t k_lasting = 64;
+
+// Of those that last, one that is heard on port 0 alone and one on port 1.
+constexpr std::array<size_t, 2> k_heard_on_one_port = {4, 0};
 
 constexpr uint64_t card_id(size_t number) {
     return 0x020000000000 + 0x10 * number;
@@ -61,8 +64,9 @@ constexpr uint32_t preset_value(uint64_t id, uint32_t address) {
 constexpr uint32_t k_own_registers = 0x3000;
 constexpr uint32_t k_own_words = 0x400;
 
-// Written, but never read.
+// Places that are written, but never read.
 constexpr uint32_t k_scratch_register = 0x4000;
+constexpr uint32_t k_scratch_word = 0x600;
 
 constexpr uint8_t k_highest_tag = 239;  // that the host uses
 
@@ -118,6 +122,14 @@ struct stage {
     std::atomic<uint64_t> bad_tags;
     std::atomic<uint64_t> misled_answers;
     std::atomic<uint64_t> reads_seen;
+
+    // The rival. The hold is odd while the host has accessed cards by both ports and its manager
+    // runs, and another number each time.
+    std::atomic<unsigned> hold;
+    std::atomic<uint64_t> rival_managers;
+    std::atomic<uint64_t> rival_refused;
+    std::atomic<uint64_t> rival_reads;
+    std::atomic<bool> over;  // for the rival
 };
 
 static_assert(std::atomic<uint64_t>::is_always_lock_free);

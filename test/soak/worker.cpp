@@ -71,8 +71,9 @@ const worker::operation worker::k_operations[] = {
     {1, &worker::dump_status},
 };
 
-worker::worker(unsigned number, uint64_t seed, const std::atomic<unsigned>& life, tally& counted)
-    : number_(number), random_(seed), life_(life), counted_(counted) {}
+worker::worker(unsigned number, uint64_t seed, const std::atomic<unsigned>& life,
+               const std::atomic<unsigned>& hold, tally& counted)
+    : number_(number), random_(seed), life_(life), hold_(hold), counted_(counted) {}
 
 void worker::step() {
     static const unsigned total =
@@ -91,8 +92,12 @@ qnm_api_code_t worker::call(const char* name, codes documented, Call call) {
     since_ = start;
     name_ = name;
     const unsigned life = life_;
+    const unsigned hold = hold_;
     const qnm_api_code_t ret = call();
     if (life % 2 == 1 && life == life_) documented &= ~any_of({QNM_API_ENOSYS});
+    // Whatever may find no link sends frames, which the rival may be ahead of.
+    const bool sends = (documented & any_of({QNM_API_ENOLINK})) != 0;
+    if (sends && (hold % 2 == 0 || hold != hold_)) documented |= any_of({QNM_API_EBUSY});
     name_ = nullptr;
     counted_.count(name, ret, documented, clock::now() - start);
     return ret;

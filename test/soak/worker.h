@@ -49,8 +49,10 @@ class contents {
 
 class worker {
   public:
-    // `life` is odd while a manager runs, and another number for each.
-    worker(unsigned number, uint64_t seed, const std::atomic<unsigned>& life, tally& counted);
+    // `life` is odd while a manager runs, and another number for each; `hold` likewise while no
+    // other process can access cards.
+    worker(unsigned number, uint64_t seed, const std::atomic<unsigned>& life,
+           const std::atomic<unsigned>& hold, tally& counted);
 
     void step();   // one operation, drawn at random
     void hurry();  // one that sends a frame soon
@@ -103,6 +105,7 @@ class worker {
     const unsigned number_;
     std::mt19937_64 random_;
     const std::atomic<unsigned>& life_;
+    const std::atomic<unsigned>& hold_;
     tally& counted_;
     std::vector<contents> registers_{k_lasting, contents(0)};
     std::vector<contents> words_{k_lasting, contents(0xFFFFFFFF)};

@@ -38,6 +38,9 @@ constexpr counted_stress k_stress[] = {
     {"long announcements", &stage::long_announcements, true},
     {"bad tags", &stage::bad_tags, true},
     {"misled answers", &stage::misled_answers, true},
+    {"managers of the rival", &stage::rival_managers},
+    {"calls refused to the rival", &stage::rival_refused},
+    {"reads by the rival", &stage::rival_reads},
 };
 
 }  // namespace
