@@ -27,8 +27,8 @@ class stuck_terminal {
     int signals_;
     int done_fd_;
     pthread_t writer_;
+    termios before_ = {};  // in front of what fills it
     bool is_terminal_;
-    termios before_ = {};
     std::thread thread_;
 };
 
