@@ -3,43 +3,110 @@
 #include "regular_file.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdint>
 #include <cstring>
 
 namespace tools {
 
 namespace {
 
-struct descriptor {
-    int fd;
-    ~descriptor() {
-        if (fd >= 0) close(fd);
+file_state state_of(const struct stat& about) {
+    if (S_ISLNK(about.st_mode)) return file_state::link;
+    return S_ISREG(about.st_mode) ? file_state::readable : file_state::no_file;
+}
+
+void fail(opened_file& into, int code) {
+    into.state = code == ENOENT || code == ENOTDIR ? file_state::missing : file_state::unreadable;
+    into.problem = std::strerror(code);
+}
+
+// Returns errno of what ended it early, 0 otherwise.
+int append_part(const opened_file& of, std::uint64_t start, std::size_t limit, std::string& to) {
+    char chunk[16384];
+    std::size_t taken = 0;
+    while (taken < limit) {
+        const ssize_t length = pread(of.file.fd, chunk, std::min(sizeof chunk, limit - taken),
+                                     static_cast<off_t>(start + taken));
+        if (length < 0 && errno == EINTR) continue;
+        if (length < 0) return errno;
+        if (length == 0) break;
+        to.append(chunk, static_cast<std::size_t>(length));
+        taken += static_cast<std::size_t>(length);
     }
-};
-
-file_problem system_problem(int code) {
-    return {false, std::strerror(code)};
+    return 0;
 }
 
-std::string too_long(const std::string& size, std::size_t limit) {
-    return "it has " + size + " bytes and may have " + std::to_string(limit);
-}
-
-// What keeps the file from being read; an empty text when nothing does.
-file_problem unusable(const struct stat& file, std::size_t limit) {
-    const std::string kind = strange_kind(file.st_mode);
-    if (!kind.empty()) return {true, "it is " + kind + ", not a regular file"};
-    const auto size = static_cast<std::uintmax_t>(std::max<off_t>(0, file.st_size));
-    if (size > limit) return {true, too_long(std::to_string(size), limit)};
-    return {};
+file_problem too_long(const std::string& size, std::size_t limit) {
+    return {true, "it has " + size + " bytes and may have " + std::to_string(limit)};
 }
 
 }  // namespace
+
+opened_file open_regular(const std::string& name, links how) {
+    opened_file found = {.name = name};
+    const bool follows = how == links::followed;
+    if (fstatat(AT_FDCWD, name.c_str(), &found.about, follows ? 0 : AT_SYMLINK_NOFOLLOW) != 0) {
+        fail(found, errno);
+        return found;
+    }
+    found.state = state_of(found.about);
+    if (found.state != file_state::readable) return found;
+    constexpr int always = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    found.file = descriptor(open(name.c_str(), follows ? always : always | O_NOFOLLOW));
+    const int code = errno;
+    if (found.file.fd < 0) {
+        fail(found, code);
+        if (!follows && code == ELOOP) found.state = file_state::link;
+    } else if (fstat(found.file.fd, &found.about) != 0) {
+        fail(found, errno);
+    } else {
+        found.state = state_of(found.about);
+    }
+    return found;
+}
+
+std::string refusal_text(const opened_file& of) {
+    switch (of.state) {
+        case file_state::missing:
+            return "there is no file " + of.name;
+        case file_state::link:
+            return of.name + " is a symbolic link, which is not followed";
+        case file_state::no_file:
+            return of.name + " is " + strange_kind(of.about.st_mode) + ", not a regular file";
+        default:
+            return "cannot read " + of.name + ": " + of.problem;
+    }
+}
+
+std::string read_part(const opened_file& of, std::uint64_t start, std::size_t limit) {
+    std::string text;
+    append_part(of, start, limit, text);
+    return text;
+}
+
+std::string read_from(const opened_file& of, std::uint64_t start) {
+    return read_part(of, start, SIZE_MAX);
+}
+
+file_contents read_regular_file(const std::string& name, std::size_t limit) {
+    const opened_file file = open_regular(name, links::followed);
+    if (file.state == file_state::no_file) {
+        return file_problem{true,
+                            "it is " + strange_kind(file.about.st_mode) + ", not a regular file"};
+    }
+    if (file.state != file_state::readable) return file_problem{false, file.problem};
+    if (file.size() > limit) return too_long(std::to_string(file.size()), limit);
+    std::string contents;
+    // It may have grown, and some tell no size.
+    const std::size_t one_more = std::min(limit, SIZE_MAX - 1) + 1;
+    const int code = append_part(file, 0, one_more, contents);
+    if (code != 0) return file_problem{false, std::strerror(code)};
+    if (contents.size() > limit) return too_long("more than " + std::to_string(limit), limit);
+    return contents;
+}
 
 std::string strange_kind(unsigned mode) {
     constexpr struct {
@@ -55,24 +122,6 @@ std::string strange_kind(unsigned mode) {
         if ((mode & S_IFMT) == row.type) return row.words;
     }
     return "something unknown";
-}
-
-file_contents read_regular_file(const std::string& name, std::size_t limit) {
-    struct stat found {};
-    if (stat(name.c_str(), &found) != 0) return system_problem(errno);
-    if (auto wrong = unusable(found, limit); !wrong.text.empty()) return wrong;
-    const descriptor file{open(name.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)};
-    if (file.fd < 0 || fstat(file.fd, &found) != 0) return system_problem(errno);
-    if (auto wrong = unusable(found, limit); !wrong.text.empty()) return wrong;
-    std::string contents;
-    char chunk[16384];
-    while (contents.size() <= limit) {  // it may have grown, and some tell no size
-        const ssize_t length = read(file.fd, chunk, sizeof chunk);
-        if (length < 0 && errno != EINTR) return system_problem(errno);
-        if (length == 0) return contents;
-        if (length > 0) contents.append(chunk, static_cast<std::size_t>(length));
-    }
-    return file_problem{true, too_long("more than " + std::to_string(limit), limit)};
 }
 
 }  // namespace tools

@@ -278,6 +278,13 @@ void check_config_file(const inspected& system, findings& found) {
             told.text = "there is no such file, so every key has its default";
             told.remedy = "To change one, copy the sample conf/qnm.conf there.";
             break;
+        case file_state::link:
+            told.rank = severity::warning;
+            told.text =
+                "is a symbolic link, which is not followed here, so neither its keys nor the ports "
+                "were looked at";
+            told.remedy = "Put the file itself there.";
+            break;
         case file_state::no_file:
             told.rank = severity::error;
             told.text = "is no regular file; the library takes no notice of it";

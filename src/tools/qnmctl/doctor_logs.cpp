@@ -149,6 +149,11 @@ bool check_file(const file_facts& file, findings& found) {
     if (file.state == file_state::missing) {
         told.text = "there is no such file, and the library does not start without it";
         told.remedy = "Copy the sample conf/qnm_log4c.properties there.";
+    } else if (file.state == file_state::link) {
+        told.rank = severity::warning;
+        told.text =
+            "is a symbolic link, which is not followed here, so the logs were not looked at";
+        told.remedy = "Put the file itself there.";
     } else if (file.state == file_state::no_file) {
         told.text = "is no regular file, and the library does not start without one";
         told.remedy = "Move it away, and copy the sample conf/qnm_log4c.properties there.";
@@ -209,6 +214,10 @@ void check_logger(const std::string& file, const properties& in, const logger& o
 
 void check_log(const log_place& place, findings& found) {
     finding told = {.about = printable(place.file), .text = "can be written"};
+    if (place.link) {
+        told.rank = severity::note;
+        told.text += ", but is a symbolic link, which a report does not follow";
+    }
     if (!place.problem.empty()) {
         told.rank = severity::error;
         told.text = place.problem + ", so the lines are lost";

@@ -36,17 +36,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-struct descriptor {
-    explicit descriptor(int of) : fd(of) {}
-    ~descriptor() {
-        if (fd >= 0) close(fd);
-    }
-    descriptor(const descriptor&) = delete;
-    descriptor& operator=(const descriptor&) = delete;
-
-    int fd;
-};
-
 // ---- Library and privileges ---------------------------------------------------------------------
 
 library_facts look_at_library() {
@@ -67,7 +56,7 @@ privilege_facts look_at_privileges() {
         found.permitted = (data[0].permitted >> CAP_NET_RAW & 1U) != 0;
     }
     found.attainable = prctl(PR_CAPBSET_READ, CAP_NET_RAW) != 0;
-    const descriptor raw(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0));
+    const tools::descriptor raw(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0));
     found.socket_error = raw.fd < 0 ? errno : 0;
     std::error_code ignored;  // the command has a name even so
     found.program = fs::read_symlink("/proc/self/exe", ignored).string();
@@ -255,18 +244,6 @@ std::string reason_not_to_write(const fs::path& file, const fs::path& folder) {
     return "cannot be made in " + folder.string() + ": " + why;
 }
 
-void read_beginning(int fd, std::string& text) {
-    text.resize(text_limit);
-    std::size_t filled = 0;
-    while (filled < text.size()) {
-        const ssize_t length = read(fd, text.data() + filled, text.size() - filled);
-        if (length < 0 && errno == EINTR) continue;
-        if (length <= 0) break;
-        filled += static_cast<std::size_t>(length);
-    }
-    text.resize(filled);
-}
-
 // Of a temporary configuration it is the command's own, and nothing that the operator has given.
 void remove_last_line(std::string& text) {
     if (text.ends_with('\n')) text.pop_back();
@@ -276,28 +253,11 @@ void remove_last_line(std::string& text) {
 }  // namespace
 
 file_facts look_at_file(const fs::path& name) {
-    file_facts found = {.name = name.string()};
-    std::error_code problem;
-    const fs::file_status status = fs::status(name, problem);
-    if (status.type() == fs::file_type::not_found) return found;
-    found.state = file_state::unreadable;
-    if (problem) {
-        found.problem = problem.message();
-        return found;
-    }
-    if (!fs::is_regular_file(status)) {
-        found.state = file_state::no_file;
-        return found;
-    }
-    const descriptor file(open(name.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    if (file.fd < 0) {
-        found.problem = std::strerror(errno);
-        return found;
-    }
-    found.state = file_state::readable;
-    read_beginning(file.fd, found.text);
-    const std::uintmax_t size = fs::file_size(name, problem);
-    found.size = problem ? found.text.size() : size;
+    const tools::opened_file file = tools::open_regular(name, tools::links::refused);
+    file_facts found = {.name = file.name, .state = file.state, .problem = file.problem};
+    if (file.state != file_state::readable) return found;
+    found.text = tools::read_part(file, 0, text_limit);
+    found.size = std::max<std::uintmax_t>(file.size(), found.text.size());
     return found;
 }
 
@@ -324,6 +284,8 @@ log_place look_at_log(const std::string& file) {
     found.folder = folder.string();
     found.problem = reason_not_to_write(file, folder);
     found.folder_writable = may(folder, W_OK | X_OK);
+    std::error_code ignored;
+    found.link = fs::is_symlink(file, ignored);
     struct statvfs space {};
     if (statvfs(folder.c_str(), &space) != 0) {
         found.folder.clear();  // nothing is known of its space
@@ -336,7 +298,7 @@ log_place look_at_log(const std::string& file) {
 
 interface_facts look_at_interface(const std::string& name) {
     interface_facts found = {.name = name};
-    const descriptor any(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const tools::descriptor any(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     ifreq asked{};
     name.copy(asked.ifr_name, IFNAMSIZ - 1);
     if (name.size() >= IFNAMSIZ) {
@@ -362,7 +324,10 @@ inspected inspect_system(const installation& where) {
     if (found.temporary) remove_last_line(found.config.text);
     found.properties = look_at_file(where.properties());
     found.known_interfaces = name_interfaces();
-    for (const std::string& name : configured_ports(found.config.text)) {
+    // Behind a link nobody has looked which ports are named.
+    const bool is_known = found.config.state != file_state::link;
+    for (const std::string& name :
+         is_known ? configured_ports(found.config.text) : std::vector<std::string>()) {
         interface_facts one = look_at_interface(name);
         const bool can_open = one.error == 0 && one.up && found.privileges.socket_error == 0;
         if (can_open) one.capture = look_at_capture(name);

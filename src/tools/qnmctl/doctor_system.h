@@ -9,7 +9,11 @@
 #include <string>
 #include <vector>
 
+#include "regular_file.h"
+
 namespace qnmctl {
+
+using tools::file_state;
 
 struct installation;
 
@@ -26,8 +30,6 @@ struct privilege_facts {
     int socket_error = 0;      // of opening a raw socket
     std::string program = {};  // path of the command
 };
-
-enum class file_state { missing, no_file, unreadable, readable };
 
 struct file_facts {
     std::string name = {};
@@ -89,6 +91,7 @@ struct log_place {
     std::string problem = {};       // why it cannot be written
     std::string folder = {};        // which is there, of those above it the nearest
     bool folder_writable = false;   // for the renaming of old files
+    bool link = false;              // the file's name stands for another one
     std::uintmax_t free_bytes = 0;  // for this user
     bool files_can_be_made = true;  // there are inodes left
 };

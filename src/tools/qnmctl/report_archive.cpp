@@ -5,19 +5,12 @@
 #include <archive_entry.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <ctime>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <memory>
 
 #include "table.h"
 
 namespace qnmctl {
-
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -108,22 +101,6 @@ std::string last_part(const std::string& text, std::size_t limit) {
     const std::size_t start = text.size() - limit;
     const std::size_t end_of_line = text.find('\n', start - 1);
     return text.substr(end_of_line == std::string::npos ? start : end_of_line + 1);
-}
-
-std::string read_last_part(const std::string& name, std::size_t limit) {
-    std::error_code problem;
-    const fs::file_status status = fs::status(name, problem);
-    if (status.type() == fs::file_type::not_found) throw error("there is no file " + name);
-    if (problem) throw error("cannot read " + name + ": " + problem.message());
-    if (!fs::is_regular_file(status)) throw error(name + " is not a regular file");
-    std::ifstream file(name, std::ios::binary | std::ios::ate);
-    if (!file) throw error("cannot read " + name + ": " + std::strerror(errno));
-    // One byte more, so that a line which starts just there is seen to do so.
-    const auto wanted = static_cast<std::streamoff>(limit) + 1;
-    const std::streamoff size = file.tellg();
-    file.seekg(std::max<std::streamoff>(0, size - wanted));
-    return last_part({std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()},
-                     limit);
 }
 
 void mask_report(report_contents& of) {

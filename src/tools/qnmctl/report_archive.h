@@ -43,9 +43,6 @@ inline constexpr char archive_ending[] = ".tar.gz";
 // The end of a file that grows, from the beginning of a line on.
 std::string last_part(const std::string& text, std::size_t limit);
 
-// A regular file's last part. Throws error.
-std::string read_last_part(const std::string& name, std::size_t limit);
-
 // Puts pseudonyms in place of all card IDs and MAC addresses. A member that still shows one is left
 // out, and is missing then.
 void mask_report(report_contents& of);

@@ -10,6 +10,8 @@
 #include "config_file.h"
 #include "doctor_report.h"
 #include "fields.h"
+#include "ownership.h"
+#include "regular_file.h"
 #include "report.h"
 #include "report_archive_system.h"
 #include "session.h"
@@ -40,15 +42,30 @@ void add_versions(const report_sources&, const char* part, report_contents& to) 
 
 // ---- Files --------------------------------------------------------------------------------------
 
+// The last part of a file, as a member; what was cut off is told.
+void add_end(const std::string& name, const file_end& end, const std::string& member,
+             const char* part, report_contents& to) {
+    to.members.push_back({member, end.text, part});
+    if (end.text.size() >= end.size) return;
+    to.missing.push_back({part, name + " has " + std::to_string(end.size) +
+                                    " bytes; the archive has the last " +
+                                    std::to_string(end.text.size()) + " of them"});
+}
+
+void add_file(const std::string& name, const char* member, const char* part, report_contents& to) {
+    add_end(name, read_file_end(name, file_limit), member, part, to);
+}
+
 void add_config(const report_sources& from, const char* part, report_contents& to) {
     const std::string name = from.where.config();
-    if (!fs::exists(name)) throw error("there is no file " + name + ", so the defaults hold");
-    to.members.push_back({config_name, read_last_part(name, file_limit), part});
+    if (tools::open_regular(name, tools::links::refused).state == tools::file_state::missing) {
+        throw error("there is no file " + name + ", so the defaults hold");
+    }
+    add_file(name, config_name, part, to);
 }
 
 void add_properties(const report_sources& from, const char* part, report_contents& to) {
-    to.members.push_back(
-        {properties_name, read_last_part(from.where.properties(), file_limit), part});
+    add_file(from.where.properties(), properties_name, part, to);
 }
 
 // Logs of several folders may have the same name: "logs/qnm.log", "logs/qnm-2.log".
@@ -65,26 +82,61 @@ std::string name_of_log(const fs::path& file, const report_contents& to) {
     return name;
 }
 
-// One that cannot be read does not keep the others out.
-void add_log(const std::string& file, const char* part, report_contents& to) {
-    const std::string name = name_of_log(file, to);
-    try {
-        to.members.push_back({name, read_last_part(file, log_limit), part});
-    } catch (const error& e) {
-        to.missing.push_back({part, e.what()});
+bool is_in_own_folder(const std::string& file) {
+    struct stat folder {};
+    return stat(fs::absolute(file).parent_path().c_str(), &folder) == 0 && is_own(folder);
+}
+
+// Whoever can change the properties file could name any file there, and have it read by somebody
+// who may read more. So his own are taken then, and no others. A further name of a file elsewhere,
+// which a hard link is, can be put into the folder by whoever can change that.
+std::optional<std::string> reason_to_leave_out(const std::string& name, const struct stat& log,
+                                               const std::string& properties,
+                                               const struct stat& author) {
+    if (log.st_nlink > 1 && !is_in_own_folder(name)) {
+        return name + " has other names, too, and others can change its folder";
+    }
+    if (is_own(author)) return std::nullopt;
+    if (!is_own_user(author.st_uid) && log.st_uid == author.st_uid) return std::nullopt;
+    return name + " belongs to another user than " + properties +
+           ", which others can change\nGive that one to root, or have its owner make the report.";
+}
+
+struct named_logs {
+    const std::string& properties;
+    struct stat author;
+};
+
+// One that cannot be read does not keep the others out. What was rotated last tells more when the
+// log itself has just begun.
+void add_log(const std::string& file, const named_logs& by, const char* part, report_contents& to) {
+    for (const std::string& name : {file, file + ".1"}) {
+        const bool is_rotated = name != file;
+        if (is_rotated &&
+            tools::open_regular(name, tools::links::refused).state == tools::file_state::missing)
+            return;
+        const std::string member = name_of_log(name, to);
+        try {
+            const file_end end = read_file_end(name, log_limit);
+            if (const auto why = reason_to_leave_out(name, end.about, by.properties, by.author))
+                throw error(*why);
+            add_end(name, end, member, part, to);
+        } catch (const error& e) {
+            to.missing.push_back({part, e.what()});
+        }
     }
 }
 
 void add_logs(const report_sources& from, const char* part, report_contents& to) {
     const std::string properties = from.where.properties();
-    const std::string text = read_last_part(properties, file_limit);
+    const file_end read = read_file_end(properties, file_limit);
     std::set<std::string> seen = {from.where.stats};  // of a temporary one: part "statistics"
     for (const char* const logger : {"logfile", "syslogfile", "statslogfile"}) {
-        const std::string file = file_of_logger(text, logger);
+        const std::string file = file_of_logger(read.text, logger);
         if (file.empty()) {
             to.missing.push_back({part, properties + " names no file for the logger " + logger});
         } else if (seen.insert(file).second) {
-            add_log(file, part, to);
+            add_log(file, {properties, read.about}, part, to);
         }
     }
 }
@@ -93,7 +145,7 @@ void add_logs(const report_sources& from, const char* part, report_contents& to)
 void add_own_log(const report_sources& from, const char* part, report_contents& to) {
     if (from.where.temporary) return;
     const std::string log = running(from).log;
-    to.members.push_back({name_of_log("report.log", to), read_last_part(log, log_limit), part});
+    add_end(log, read_file_end(log, log_limit), name_of_log("report.log", to), part, to);
 }
 
 void add_findings(const report_sources& from, const char* part, report_contents& to) {
@@ -105,7 +157,7 @@ void add_findings(const report_sources& from, const char* part, report_contents&
 
 void add_ports(const report_sources& from, const char* part, report_contents& to) {
     json ports = json::array();
-    const std::vector<std::string> names = configured_ports(read_text(from.where.config()));
+    const std::vector<std::string> names = configured_ports(config_of(from.where));
     for (std::size_t at = 0; at < names.size(); ++at) {
         if (auto found = port_json(static_cast<int>(at), names[at])) {
             ports.push_back(*found);
@@ -180,6 +232,20 @@ constexpr report_part rows[] = {
 
 std::span<const report_part> report_parts() {
     return rows;
+}
+
+// One byte more is read, so that a line which starts just there is seen to do so.
+file_end read_file_end(const std::string& name, std::size_t limit) {
+    const tools::opened_file file = tools::open_regular(name, tools::links::refused);
+    if (file.state != tools::file_state::readable) throw error(tools::refusal_text(file));
+    const std::uint64_t wanted = std::uint64_t{limit} + 1;
+    const std::uint64_t start = file.size() - std::min(file.size(), wanted);
+    return {last_part(tools::read_part(file, start, limit + 1), limit), file.size(), file.about};
+}
+
+std::string config_of(const installation& where) {
+    const tools::opened_file file = tools::open_regular(where.config(), tools::links::refused);
+    return file.state == tools::file_state::readable ? tools::read_part(file, 0, file_limit) : "";
 }
 
 report_contents collect_report(std::span<const report_part> parts, const report_sources& from) {

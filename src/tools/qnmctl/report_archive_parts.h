@@ -4,6 +4,9 @@
 // by then stays.
 #pragma once
 
+#include <sys/stat.h>
+
+#include <cstdint>
 #include <optional>
 #include <span>
 #include <string>
@@ -33,6 +36,18 @@ struct report_part {
 };
 
 std::span<const report_part> report_parts();
+
+// A regular file's last part, and the size of the whole. What is reached by a link alone is none.
+// Throws error.
+struct file_end {
+    std::string text;
+    std::uint64_t size;
+    struct stat about;
+};
+file_end read_file_end(const std::string& name, std::size_t limit);
+
+// The configuration, as far as a report looks at it: empty where it is no regular file.
+std::string config_of(const installation& where);
 
 // All of them, in the order of the table.
 report_contents collect_report(std::span<const report_part> parts, const report_sources& from);

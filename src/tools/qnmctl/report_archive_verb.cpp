@@ -87,7 +87,7 @@ class short_capture {
   private:
     static capture_options options(const context& with, const request& asked) {
         constexpr std::uint64_t byte_limit = std::uint64_t{4} * 1024 * 1024;
-        const std::string config = read_text(with.where.config());
+        const std::string config = config_of(with.where);
         return {.ports = configured_ports(config),
                 .rules = configured_rules(config),
                 .seconds = asked.seconds,

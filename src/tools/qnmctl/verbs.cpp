@@ -151,8 +151,10 @@ constexpr char doctor_help[] =
     "Looks at privileges, interfaces with their link and VLAN offload, capture, clock, both files\n"
     "of the configuration line by line, log folders and free space, without starting a manager\n"
     "and without changing anything. Each finding is ok, a note, a warning or an error, and has\n"
-    "its remedy below it. Run it as the user that the host program runs as. The exit status is 3\n"
-    "when there is an error: a manager would not start, or do without what it is told to use.";
+    "its remedy below it. Run it as the user that the host program runs as. Only regular files "
+    "are\n"
+    "read, up to 1 MiB, and not what a symbolic link stands for. The exit status is 3 when there\n"
+    "is an error: a manager would not start, or do without what it is told to use.";
 
 constexpr char show_help[] =
     "Beside the title of a field stands its name in JSON. A QNSV card has its bridge settings and\n"
@@ -201,8 +203,13 @@ constexpr char report_help[] =
     "Versions, configuration, findings of doctor, ports, cards, statistics, the events heard\n"
     "meanwhile, the last part of the logs and a capture of both ports, in one archive that its\n"
     "owner alone can read. What cannot be had is named at the end and in problems.txt; the rest\n"
-    "is there. Nothing is written to the operator's logs: the manager runs on a copy of his\n"
-    "configuration.\n"
+    "is there. Of each log, and of the one that was rotated last, it takes the last 256 KiB, of a\n"
+    "file of the configuration 1 MiB; what was cut off is told there, too. Only regular files are\n"
+    "taken, not what a symbolic link stands for, though links in the folders above are followed.\n"
+    "Where others than root and this user can change qnm_log4c.properties, only logs of its owner\n"
+    "are taken, and where they can change the folder, no log that has other names, too. Nothing "
+    "is\n"
+    "written to the operator's logs: the manager runs on a copy of his configuration.\n"
     "--mask-ids replaces each card ID and each MAC address by the same pseudonym everywhere: in\n"
     "texts, names of files, logs and captured frames. Not masked are parts of an address, groups,\n"
     "names of interfaces, and what registers and EEPROMs hold. A part that cannot be masked\n"

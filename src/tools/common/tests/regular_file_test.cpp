@@ -1,4 +1,4 @@
-// Files that are read whole, and those that are not.
+// Files that are read, whole or in parts, and those that are not.
 #include "regular_file.h"
 
 #include <gtest/gtest.h>
@@ -100,6 +100,77 @@ TEST_F(RegularFile, ThatCannotBeOpenedIsNoWrongFile) {
     ASSERT_NE(nullptr, problem);
     EXPECT_FALSE(problem->wrong_file);
     EXPECT_EQ("No such file or directory", problem->text);
+}
+
+// Why it is not opened.
+std::string refusal(const std::string& name, links how = links::refused) {
+    const opened_file found = open_regular(name, how);
+    return found.state == file_state::readable ? "" : refusal_text(found);
+}
+
+TEST_F(RegularFile, IsReadInParts) {
+    const opened_file found = open_regular(store("file", "one\ntwo\n"), links::refused);
+    ASSERT_EQ(file_state::readable, found.state);
+    EXPECT_EQ(8U, found.size());
+    EXPECT_EQ("one", read_part(found, 0, 3));
+    EXPECT_EQ("two\n", read_part(found, 4, 100));
+    EXPECT_EQ("", read_part(found, 9, 100));
+    EXPECT_EQ("ne\ntwo\n", read_from(found, 1));
+}
+
+// More than is read at once, by its tail.
+TEST_F(RegularFile, IsReadToItsEnd) {
+    std::string whole;
+    for (int i = 0; i < 20'000; ++i)
+        whole += std::to_string(i) + '\n';
+    const opened_file found = open_regular(store("file", whole), links::refused);
+    EXPECT_EQ(whole, read_from(found, 0));
+    EXPECT_EQ(whole.substr(17), read_from(found, 17));
+    EXPECT_EQ(whole, contents_of(read_regular_file(path("file"), whole.size())));
+}
+
+TEST_F(RegularFile, MayHaveNoSizeInPartsToo) {
+    const opened_file found = open_regular("/proc/self/status", links::refused);
+    ASSERT_EQ(file_state::readable, found.state);
+    EXPECT_NE("", read_from(found, 0));
+}
+
+TEST_F(RegularFile, IsNoLinkUnlessItMayBe) {
+    const std::string file = store("file", "abc");
+    const std::string link = path("link");
+    fs::create_symlink(file, link);
+    EXPECT_EQ(link + " is a symbolic link, which is not followed", refusal(link));
+    EXPECT_EQ("", refusal(link, links::followed));
+    fs::remove(file);
+    EXPECT_EQ(link + " is a symbolic link, which is not followed", refusal(link));
+    EXPECT_EQ("there is no file " + link, refusal(link, links::followed));
+}
+
+TEST_F(RegularFile, MayLieInAFolderThatIsReachedByALink) {
+    store("file", "abc");
+    fs::create_directory_symlink(dir_, path("link"));
+    EXPECT_EQ("", refusal(path("link/file")));
+}
+
+TEST_F(RegularFile, IsNamedWhenItIsNone) {
+    ASSERT_EQ(0, mkfifo(path("fifo").c_str(), 0600));
+    for (const links how : {links::refused, links::followed})
+        EXPECT_EQ(path("fifo") + " is a FIFO, not a regular file", refusal(path("fifo"), how));
+    EXPECT_EQ(dir_.string() + " is a directory, not a regular file", refusal(dir_));
+    EXPECT_EQ("/dev/zero is a device, not a regular file", refusal("/dev/zero"));
+}
+
+TEST_F(RegularFile, ThatIsMissingIsNamed) {
+    EXPECT_EQ("there is no file " + path("nothing"), refusal(path("nothing")));
+    const std::string below = store("file", "abc") + "/below";
+    EXPECT_EQ("there is no file " + below, refusal(below));
+}
+
+TEST_F(RegularFile, ThatMayNotBeReadIsNamed) {
+    if (geteuid() == 0) GTEST_SKIP() << "root may read all";
+    const std::string file = store("file", "abc");
+    fs::permissions(file, fs::perms::none);
+    EXPECT_EQ("cannot read " + file + ": Permission denied", refusal(file));
 }
 
 }  // namespace

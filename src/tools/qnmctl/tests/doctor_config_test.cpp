@@ -150,6 +150,8 @@ TEST_F(ConfigFile, HasToBeReadableWhereItIs) {
     EXPECT_EQ(severity::ok, worst("can be read, 1 lines"));
     system.config.state = file_state::no_file;
     EXPECT_EQ(severity::error, worst("no regular file"));
+    system.config.state = file_state::link;
+    EXPECT_EQ(severity::warning, worst("symbolic link"));
     system.config.state = file_state::unreadable;
     EXPECT_EQ(severity::error, worst("cannot be read"));
 }

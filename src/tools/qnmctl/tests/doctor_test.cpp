@@ -5,6 +5,7 @@
 #include <sys/timex.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <fstream>
 #include <set>
 #include <stdexcept>
@@ -14,6 +15,7 @@
 #include "doctor_nearest.h"
 #include "doctor_report.h"
 #include "foreign_words.h"
+#include "installation.h"
 #include "sample_system.h"
 
 namespace qnmctl {
@@ -297,12 +299,24 @@ TEST_F(CheckLogs, WantAPropertiesFileThatCanBeRead) {
     EXPECT_TRUE(finds("properties", severity::error, "no such file", system));
     system.properties.state = file_state::no_file;
     EXPECT_TRUE(finds("properties", severity::error, "no regular file", system));
+    system.properties.state = file_state::link;
+    EXPECT_TRUE(finds("properties", severity::warning, "symbolic link", system));
     system.properties.state = file_state::unreadable;
     system.properties.problem = "go away";
     EXPECT_TRUE(finds("properties", severity::error, "go away", system));
     set(sample_properties);
     system.properties.size = std::uintmax_t{1} << 30;
     EXPECT_TRUE(finds("properties", severity::warning, "1073741824 bytes", system));
+}
+
+TEST_F(CheckLogs, TellOfALinkInThePlaceOfALog) {
+    system.logs[0].link = true;
+    EXPECT_TRUE(finds("log_file", severity::note, "a report does not follow", system));
+    const temporary_dir dir;
+    const std::string log = dir.path() / "log";
+    EXPECT_FALSE(look_at_log(log).link);
+    std::filesystem::create_symlink("elsewhere", log);
+    EXPECT_TRUE(look_at_log(log).link);
 }
 
 TEST_F(CheckLogs, FollowTheLoggersToTheirFiles) {

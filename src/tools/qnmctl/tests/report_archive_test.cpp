@@ -340,6 +340,10 @@ TEST(ReportParts, SayWhyTheyAreNotThere) {
     EXPECT_EQ("versions.json", found.members.front().name);
 }
 
+bool holds(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
 // Lines of a properties file.
 std::string appender(const std::string& logger, const fs::path& file) {
     return "log4j.logger." + logger + "=ALL, " + logger + "\nlog4j.appender." + logger +
@@ -394,6 +398,88 @@ TEST(ReportParts, HaveNamesOfTheirOwn) {
     EXPECT_EQ(wanted, logs);
 }
 
+// An installation whose log is whatever a test puts in its place.
+class ReportLogs : public testing::Test {
+  protected:
+    ReportLogs() {
+        fs::create_directory(dir.path() / "conf");
+        std::ofstream(dir.path() / properties_name) << appender("logfile", log);
+        where.dir = dir.path();
+    }
+
+    // The logs, and why one is missing.
+    std::map<std::string, std::string> taken(std::string& reasons) const {
+        const report_contents found = collect_report(report_parts(), {.where = where});
+        std::map<std::string, std::string> logs;
+        for (const report_member& member : found.members)
+            if (member.part == "logs") logs[member.name] = member.bytes;
+        for (const missing_part& part : found.missing)
+            if (part.part == "logs") reasons += part.reason + '\n';
+        return logs;
+    }
+    void leaves_out(const std::string& why) const {
+        std::string reasons;
+        EXPECT_TRUE(taken(reasons).empty());
+        EXPECT_TRUE(holds(reasons, log + why + '\n')) << reasons;
+    }
+
+    temporary_dir dir;
+    std::string log = dir.path() / "qnm.log";
+    installation where;
+};
+
+TEST_F(ReportLogs, AreRegularFilesAlone) {
+    std::ofstream(dir.path() / "secret") << "a secret\n";
+    fs::create_symlink(dir.path() / "secret", log);
+    leaves_out(" is a symbolic link, which is not followed");
+    fs::remove(log);
+    ASSERT_EQ(0, mkfifo(log.c_str(), 0600));
+    leaves_out(" is a FIFO, not a regular file");
+}
+
+TEST_F(ReportLogs, HaveTheOneThatWasRotatedLastBesideThem) {
+    std::ofstream(log) << "new\n";
+    std::ofstream(log + ".1") << "old\n";
+    std::ofstream(log + ".2") << "older\n";
+    std::string reasons;
+    const std::map<std::string, std::string> wanted = {{"logs/qnm.log", "new\n"},
+                                                       {"logs/qnm.log.1", "old\n"}};
+    EXPECT_EQ(wanted, taken(reasons));
+    fs::remove(log + ".1");
+    fs::create_symlink(log, log + ".1");
+    EXPECT_EQ(1U, taken(reasons).size());
+    EXPECT_TRUE(holds(reasons, log + ".1 is a symbolic link")) << reasons;
+}
+
+TEST_F(ReportLogs, TellWhatWasCutOff) {
+    std::ofstream(log) << std::string(300000, 'x') << "\nthe end\n";
+    std::string reasons;
+    EXPECT_EQ("the end\n", taken(reasons)["logs/qnm.log"]);
+    EXPECT_TRUE(holds(reasons, log + " has 300009 bytes; the archive has the last 8 of them\n"))
+        << reasons;
+}
+
+// Whoever may change that file could name any file in it.
+TEST_F(ReportLogs, AreNotTakenOnAnothersWord) {
+    std::ofstream(log) << "a secret\n";
+    fs::permissions(where.properties(), fs::perms::all);
+    leaves_out(
+        " belongs to another user than " + where.properties().string() +
+        ", which others can change\nGive that one to root, or have its owner make the report.");
+    fs::permissions(where.properties(), fs::perms::owner_all);
+    std::string reasons;
+    EXPECT_EQ("a secret\n", taken(reasons)["logs/qnm.log"]);
+}
+
+TEST_F(ReportLogs, AreNotTakenByAFurtherNameThatOthersCouldHaveGiven) {
+    std::ofstream(dir.path() / "secret") << "a secret\n";
+    fs::create_hard_link(dir.path() / "secret", log);
+    std::string reasons;
+    EXPECT_EQ("a secret\n", taken(reasons)["logs/qnm.log"]);
+    fs::permissions(dir.path(), fs::perms::all);
+    leaves_out(" has other names, too, and others can change its folder");
+}
+
 TEST(ReportParts, TakeTheEndOfALogFromALinesStart) {
     EXPECT_EQ("three\n", last_part("one\ntwo\nthree\n", 7));
     EXPECT_EQ("two\nthree\n", last_part("one\ntwo\nthree\n", 10));
@@ -402,10 +488,11 @@ TEST(ReportParts, TakeTheEndOfALogFromALinesStart) {
     const temporary_dir dir;
     const std::string name = dir.path() / "log";
     std::ofstream(name) << "one\ntwo\nthree\n";
-    EXPECT_EQ("two\nthree\n", read_last_part(name, 10));
-    EXPECT_EQ("three\n", read_last_part(name, 9));
-    EXPECT_EQ("one\ntwo\nthree\n", read_last_part(name, 100));
-    EXPECT_THROW(read_last_part(dir.path(), 10), error);
+    EXPECT_EQ("two\nthree\n", read_file_end(name, 10).text);
+    EXPECT_EQ("three\n", read_file_end(name, 9).text);
+    EXPECT_EQ("one\ntwo\nthree\n", read_file_end(name, 100).text);
+    EXPECT_EQ(14U, read_file_end(name, 9).size);
+    EXPECT_THROW(read_file_end(dir.path(), 10), error);
 }
 
 // ---- System -------------------------------------------------------------------------------------

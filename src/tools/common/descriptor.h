@@ -1,0 +1,25 @@
+// An open descriptor that is closed with its record.
+#pragma once
+
+#include <unistd.h>
+
+#include <utility>
+
+namespace tools {
+
+struct descriptor {
+    descriptor() = default;
+    explicit descriptor(int of) : fd(of) {}
+    ~descriptor() {
+        if (fd >= 0) close(fd);
+    }
+    descriptor(descriptor&& other) noexcept : fd(std::exchange(other.fd, -1)) {}
+    descriptor& operator=(descriptor&& other) noexcept {
+        std::swap(fd, other.fd);
+        return *this;
+    }
+
+    int fd = -1;  // below 0: there is none
+};
+
+}  // namespace tools
