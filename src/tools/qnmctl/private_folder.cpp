@@ -1,0 +1,230 @@
+// Walks to a place for the folder step by step, makes it there, and removes what others have left.
+#include "private_folder.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/random.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <vector>
+
+#include "ownership.h"
+#include "text.h"
+
+namespace qnmctl {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr mode_t owner_only = 0700;
+constexpr char removed_start[] = "run.";
+constexpr char kept_start[] = "kept.";
+constexpr char own_name[] = "qnmctl";
+
+// ---- The way there ------------------------------------------------------------------------------
+
+class walk {
+  public:
+    explicit walk(const fs::path& name) { put_in_front(name); }
+
+    // Whether it ended in a folder that is this user's own all the way.
+    bool go(bool makes) {
+        if (!enter("/")) return false;
+        while (!left_.empty()) {
+            const std::string part = left_.front();
+            left_.pop_front();
+            if (!step(part, makes)) return false;
+        }
+        return true;
+    }
+
+    own_folder end() { return std::move(here_); }
+
+  private:
+    void put_in_front(const fs::path& name) {
+        const std::vector<std::string> parts = split(name.string(), "/");
+        left_.insert(left_.begin(), parts.begin(), parts.end());
+    }
+
+    // Returns false with errno.
+    bool enter(const std::string& part) {
+        tools::descriptor next(
+            openat(here_.at.fd, part.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (next.fd < 0) return false;
+        struct stat about {};
+        errno = EACCES;  // of a folder that is another's
+        if (fstat(next.fd, &about) != 0 || !is_own(about)) return false;
+        here_.at = std::move(next);
+        here_.path = part == ".." ? here_.path.parent_path() : here_.path / part;
+        return true;
+    }
+
+    bool step(const std::string& part, bool makes) {
+        if (part == "." || enter(part)) return true;
+        const int code = errno;
+        if (code == ENOTDIR || code == ELOOP) return follow(part);
+        if (code != ENOENT || !makes) return false;
+        const bool made = mkdirat(here_.at.fd, part.c_str(), owner_only) == 0;
+        if (!made && errno != EEXIST) return false;
+        return enter(part);
+    }
+
+    bool follow(const std::string& part) {
+        struct stat about {};
+        char target[PATH_MAX];
+        if (fstatat(here_.at.fd, part.c_str(), &about, AT_SYMLINK_NOFOLLOW) != 0) return false;
+        if (!S_ISLNK(about.st_mode) || !is_own_user(about.st_uid)) return false;
+        const ssize_t length = readlinkat(here_.at.fd, part.c_str(), target, sizeof target);
+        constexpr int most_links = 40;  // as the kernel has it
+        if (length <= 0 || length == sizeof target || ++links_ > most_links) return false;
+        const std::string name(target, static_cast<std::size_t>(length));
+        put_in_front(name);
+        return name.front() != '/' || enter("/");
+    }
+
+    own_folder here_;
+    std::deque<std::string> left_;
+    int links_ = 0;
+};
+
+// ---- Places -------------------------------------------------------------------------------------
+
+std::string variable(const char* name) {
+    const char* const value = std::getenv(name);
+    return value != nullptr ? value : "";
+}
+
+// Nobody but this user may put anything there, so all that is there is from runs of his.
+bool is_private(const own_folder& of) {
+    struct stat about {};
+    if (fstat(of.at.fd, &about) != 0 || about.st_uid != geteuid()) return false;
+    return (about.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
+std::optional<own_folder> state_in(const fs::path& folder) {
+    auto found = open_own_folder(folder / own_name, true);
+    return found && is_private(*found) ? std::move(found) : std::nullopt;
+}
+
+// A home is there already; a folder for state may be made.
+std::optional<own_folder> state_folder() {
+    if (auto named = state_in(variable("XDG_STATE_HOME"))) return named;
+    const fs::path home = variable("HOME");
+    return open_own_folder(home, false) ? state_in(home / ".local" / "state") : std::nullopt;
+}
+
+std::string random_name() {
+    constexpr char letters[] = "abcdefghijklmnopqrstuvwxyz234567";  // 32 of them
+    unsigned char bytes[12];
+    if (getrandom(bytes, sizeof bytes, 0) != sizeof bytes) return {};
+    std::string name;
+    for (const unsigned char byte : bytes)
+        name += letters[byte % 32];
+    return name;
+}
+
+// log4cxx takes "${" for the beginning of a variable.
+bool is_usable(const fs::path& path) {
+    const std::string& name = path.native();
+    const auto is_control = [](unsigned char c) { return c < ' ' || c == 0x7F; };
+    return name.size() <= longest_dir && name.find("${") == std::string::npos &&
+           std::none_of(name.begin(), name.end(), is_control);
+}
+
+// Whether the name still stands for the folder that is open.
+bool is_still(const tools::descriptor& folder, const own_folder& parent, const std::string& name) {
+    struct stat open {};
+    struct stat named {};
+    if (fstat(folder.fd, &open) != 0) return false;
+    if (fstatat(parent.at.fd, name.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0) return false;
+    return open.st_dev == named.st_dev && open.st_ino == named.st_ino && is_own(open);
+}
+
+tools::descriptor open_folder(const own_folder& parent, const std::string& name) {
+    return tools::descriptor(
+        openat(parent.at.fd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+}
+
+void remove_leftover(const own_folder& from, const std::string& name) {
+    const tools::descriptor folder = open_folder(from, name);
+    if (folder.fd < 0 || flock(folder.fd, LOCK_EX | LOCK_NB) != 0) return;
+    if (!is_still(folder, from, name)) return;
+    std::error_code ignored;  // what cannot be removed stays for the next run
+    fs::remove_all(from.path / name, ignored);
+}
+
+}  // namespace
+
+std::optional<own_folder> open_own_folder(const fs::path& name, bool makes) {
+    if (!name.is_absolute()) return std::nullopt;
+    walk way(name);
+    if (!way.go(makes)) return std::nullopt;
+    return way.end();
+}
+
+private_folder::private_folder(at_the_end what) : what_(what) {
+    const std::string start = what == at_the_end::kept ? kept_start : removed_start;
+    const auto state = state_folder();
+    if (state) {
+        remove_leftovers(*state);
+        if (make_in(state, start)) return;
+    }
+    const std::string shared_start = std::string(own_name) + '.' + start;
+    const std::string given = variable("TMPDIR");
+    if (!given.empty() && make_in(open_own_folder(given, false), shared_start)) return;
+    if (make_in(open_own_folder("/tmp", false), shared_start)) return;
+    throw error(
+        "there is no place for the files of this run\nSet XDG_STATE_HOME to a folder of your own "
+        "that nobody else can write to.");
+}
+
+private_folder::~private_folder() {
+    std::error_code ignored;  // nobody is left to be told
+    if (what_ == at_the_end::removed) fs::remove_all(path_, ignored);
+}
+
+bool private_folder::make_in(const std::optional<own_folder>& parent, const std::string& start) {
+    constexpr int tries = 100;
+    if (!parent || !is_usable(parent->path / (start + random_name()))) return false;
+    for (int tried = 0; tried < tries; ++tried) {
+        if (make(*parent, start + random_name())) return true;
+        if (errno != EEXIST) return false;
+    }
+    return false;
+}
+
+// Returns false with errno; EEXIST when another name may do.
+bool private_folder::make(const own_folder& parent, const std::string& name) {
+    if (mkdirat(parent.at.fd, name.c_str(), owner_only) != 0) return false;
+    tools::descriptor made = open_folder(parent, name);
+    // Where the file system has no locks, nobody removes what is left.
+    const bool taken =
+        made.fd >= 0 && flock(made.fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+    if (made.fd < 0 || taken || !is_still(made, parent, name)) {
+        errno = EEXIST;
+        return false;
+    }
+    lock_ = std::move(made);
+    path_ = parent.path / name;
+    return true;
+}
+
+void remove_leftovers(const own_folder& from) {
+    // Read to its end first, so that nothing is removed from under the reading.
+    std::error_code problem;
+    std::vector<std::string> names;
+    for (fs::directory_iterator at(from.path, problem), end; !problem && at != end;
+         at.increment(problem))
+        names.push_back(at->path().filename().string());
+    for (const std::string& name : names) {
+        if (name.starts_with(removed_start)) remove_leftover(from, name);
+    }
+}
+
+}  // namespace qnmctl
