@@ -100,7 +100,8 @@ make_pipes() {
 
 set_stage() {
   work=$(mktemp -d "${TMPDIR:-/tmp}/qnm-demo.XXXXXX")
-  export TMPDIR=$work # so that nothing is left even of a program that had to be killed
+  # So that nothing is left even of a program that had to be killed.
+  export TMPDIR=$work XDG_STATE_HOME=$work/state
   trap clear_stage EXIT
   trap 'exit 130' INT
   trap 'exit 143' TERM HUP

@@ -43,6 +43,7 @@ restore_lists() {
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/qnm-install.XXXXXX")
 readonly work
+export XDG_STATE_HOME=$work/state # where qnmctl has its logs
 background=()
 cleanup() {
   local pid

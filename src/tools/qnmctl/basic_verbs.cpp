@@ -6,7 +6,6 @@
 
 #include <string>
 
-#include "config_file.h"
 #include "listen.h"
 #include "report.h"
 #include "text.h"
@@ -80,28 +79,15 @@ int run_topology(context& with, const request& asked) {
 
 // ---- stats --------------------------------------------------------------------------------------
 
-namespace {
-
-// Of an operator's installation the dump is in a log of his; it may hold anything else, too.
-void tell_dump_place(context& with) {
-    const std::string properties = with.where.properties().string();
-    const std::string file = file_of_logger(read_text(properties), "statslogfile");
-    const std::string place =
-        file.empty() ? "where " + properties + " sends the logger statslogfile" : "to " + file;
-    with.told.text("The status dump was written " + place + '\n');
-    with.told.record("stats", stats_json(std::nullopt, file));
-}
-
-}  // namespace
-
 void answer_stats(context& with, const request& asked) {
-    const std::size_t before = with.where.temporary ? read_text(with.where.stats).size() : 0;
+    const installation& running = with.running();
+    const log_mark before(running.stats);
     const qnm_api_code_t code = qnm_stdump(asked.verbose ? 1 : 0);
     if (code != QNM_API_SUCCESS) throw failed_call("qnm_stdump", code);
-    if (!with.where.temporary) return tell_dump_place(with);
-    const std::string dump = read_text(with.where.stats).substr(before);
+    const std::string dump = before.text_since();
+    const bool kept = running.wanted.folder == at_the_end::kept;
     with.told.text(dump);
-    with.told.record("stats", stats_json(dump, ""));
+    with.told.record("stats", stats_json(dump, kept ? running.stats.string() : ""));
 }
 
 int run_stats(context& with, const request& asked) {

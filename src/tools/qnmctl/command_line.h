@@ -27,6 +27,7 @@ struct settings {
     std::vector<std::string> ports = {};  // not empty: a temporary directory for these
     std::vector<std::string> keys = {};   // "KEY=VALUE", further lines of its configuration
     std::string log = {};                 // the library's log; empty: only what explains a failure
+    bool keep_logs = false;
     qnm_log_level_t log_level = QNM_LOGLVL_NONE;
 };
 

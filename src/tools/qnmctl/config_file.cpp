@@ -40,6 +40,11 @@ std::optional<std::string> wrong_file(const std::string& name, const tools::file
     return "cannot use " + name + ": " + problem->text;
 }
 
+// "LEVEL, APPENDER"
+std::vector<std::string> logger_parts(const std::string& properties, const std::string& logger) {
+    return split(property(properties, "log4j.logger." + logger), ", ");
+}
+
 }  // namespace
 
 std::optional<config_line> find_key(const std::string& config, std::string_view key) {
@@ -84,11 +89,14 @@ std::vector<std::string> configured_ports(const std::string& config) {
 }
 
 std::string file_of_logger(const std::string& properties, const std::string& logger) {
-    // "LEVEL, APPENDER"
-    const std::vector<std::string> parts =
-        split(property(properties, "log4j.logger." + logger), ", ");
+    const std::vector<std::string> parts = logger_parts(properties, logger);
     if (parts.size() < 2) return {};
     return property(properties, "log4j.appender." + parts[1] + ".File");
+}
+
+std::string level_of_logger(const std::string& properties, const std::string& logger) {
+    const std::vector<std::string> parts = logger_parts(properties, logger);
+    return parts.empty() ? "" : parts.front();
 }
 
 std::string read_text(const std::string& name) {

@@ -32,6 +32,9 @@ std::vector<std::string> configured_ports(const std::string& config);
 // The file that a properties file sends a logger's lines to; empty when it names none.
 std::string file_of_logger(const std::string& properties, const std::string& logger);
 
+// The level of a logger there; empty when it names none.
+std::string level_of_logger(const std::string& properties, const std::string& logger);
+
 // A whole regular file; empty when it cannot be read, or is none.
 std::string read_text(const std::string& name);
 

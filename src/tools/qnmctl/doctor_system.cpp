@@ -262,11 +262,10 @@ file_facts look_at_file(const fs::path& name) {
 }
 
 directory_facts look_at_directory(const fs::path& name) {
-    constexpr std::size_t longest = 485;  // of the library
     directory_facts found = {.name = name.string()};
     std::error_code problem;
     const fs::file_status status = fs::status(name, problem);
-    if (found.name.size() > longest) {
+    if (found.name.size() > longest_dir) {
         found.problem = "the name is too long; the library takes up to 485 characters";
     } else if (status.type() == fs::file_type::not_found) {
         found.problem = "there is no such directory";

@@ -24,8 +24,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr std::size_t dir_limit = 485;  // the longest name that the library takes
-
 // A line of the library's log that names a configuration key at its end.
 struct key_message {
     const char* text;
@@ -59,7 +57,7 @@ std::optional<std::string> missing_dir(const installation& where) {
 }
 
 std::optional<std::string> unusable_files(const installation& where) {
-    if (where.dir.string().size() > dir_limit) {
+    if (where.dir.string().size() > longest_dir) {
         return "the name of the directory is too long; the library takes up to 485 characters";
     }
     for (const fs::path& file : {where.config(), where.properties()}) {
@@ -189,6 +187,14 @@ std::vector<std::string> error_lines(const std::string& log) {
         }
     }
     return found;
+}
+
+std::vector<std::string> error_lines_of(const installation& running) {
+    try {
+        return error_lines(running.before.text_since());
+    } catch (const error&) {
+        return {};  // a log of the operator's that has been rotated
+    }
 }
 
 std::string failed_start_text(qnm_api_code_t code, const installation& where,

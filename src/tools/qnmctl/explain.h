@@ -23,6 +23,9 @@ std::optional<std::string> port_problem(const std::string& interface);
 // The error and fatal lines of a log without time, level and the name of the function.
 std::vector<std::string> error_lines(const std::string& log);
 
+// Those of this run, as far as they can be had.
+std::vector<std::string> error_lines_of(const installation& running);
+
 // The message for a start that ended with a code; `lines` are those of error_lines().
 std::string failed_start_text(qnm_api_code_t code, const installation& where,
                               const std::vector<std::string>& lines);

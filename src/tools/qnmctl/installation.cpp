@@ -1,4 +1,4 @@
-// Makes the temporary directory and writes its two files.
+// Makes the private folder and writes its two files.
 #include "installation.h"
 
 #include <fcntl.h>
@@ -7,12 +7,15 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <set>
 #include <system_error>
 
+#include "config_file.h"
+#include "regular_file.h"
+#include "standard_files.h"
 #include "text.h"
 
 namespace qnmctl {
@@ -70,16 +73,21 @@ std::string escaped(const std::string& path) {
     return text;
 }
 
-// A file and the layout of its lines.
-std::string appender_text(const char* name, const fs::path& file, const char* pattern) {
+// A file and the layout of its lines. In a folder that nobody looks after it does not grow for
+// ever.
+std::string appender_text(const char* name, const fs::path& file, const char* pattern,
+                          const char* largest) {
     const std::string key = std::string("log4j.appender.") + name;
-    return key + "=org.apache.log4j.FileAppender\n" + key + ".File=" + escaped(file) + "\n" + key +
-           ".Append=true\n" + key + ".ImmediateFlush=true\n" + key +
-           ".layout=org.apache.log4j.PatternLayout\n" + key +
-           ".layout.ConversionPattern=" + pattern + "\n";
+    const bool rolls = largest[0] != '\0';
+    std::string text =
+        key + "=org.apache.log4j." + (rolls ? "RollingFileAppender\n" : "FileAppender\n");
+    if (rolls) text += key + ".MaxFileSize=" + largest + '\n' + key + ".MaxBackupIndex=1\n";
+    return text + key + ".File=" + escaped(file) + '\n' + key + ".Append=true\n" + key +
+           ".ImmediateFlush=true\n" + key + ".layout=org.apache.log4j.PatternLayout\n" + key +
+           ".layout.ConversionPattern=" + pattern + '\n';
 }
 
-std::string logger_text(const char* name, const char* level, const char* appender) {
+std::string logger_text(const char* name, const std::string& level, const char* appender) {
     return std::string("log4j.logger.") + name + "=" + level + ", " + appender +
            "\nlog4j.additivity." + name + "=false\n";
 }
@@ -91,43 +99,45 @@ void write_file(const fs::path& name, const std::string& text) {
     if (!file) throw error("cannot write " + name.string() + ": " + std::strerror(errno));
 }
 
-// log4cxx complains of a file it cannot write, and goes on without a log.
-// A FIFO would hold up the manager, and its end, while nobody reads it.
+// log4cxx complains of a file it cannot write, and goes on without a log. A FIFO would hold up the
+// manager, and its end, while nobody reads it.
 void check_writable(const fs::path& log) {
     std::error_code ignored;
     if (fs::is_fifo(log, ignored))
         throw error("cannot write the log " + log.string() + ": it is a FIFO");
-    const int fd = open(log.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
+    const int fd =
+        open(log.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666);
     if (fd < 0) throw error("cannot write the log " + log.string() + ": " + std::strerror(errno));
     close(fd);
 }
 
-void make_temporary(installation& made) {
-    made.temporary.emplace();
+void make_private(installation& made) {
+    const wanted_logs& wanted = made.wanted;
+    made.temporary.emplace(wanted.folder);
     made.dir = made.temporary->path();
-    made.log = made.dir / "qnm.log";
+    made.log = wanted.file.empty() ? made.dir / "qnm.log" : wanted.file;
+    made.before = log_mark(made.log);
     made.stats = made.dir / "qnm_stats.log";
+    if (wanted.folder == at_the_end::kept) {
+        tools::tell(message_text("the logs are kept in " + made.dir.string()));
+    }
     std::error_code problem;
     fs::create_directory(made.dir / "conf", problem);
     if (problem) throw error("cannot make " + made.dir.string() + "/conf: " + problem.message());
 }
 
+// What the command itself reads of a log that nobody else sees.
+const logger_levels quiet = {.log = "WARN", .syslog = "WARN"};
+
+// Of a file that may be missing. A link is followed, as the library does.
+std::optional<std::string> file_text(const fs::path& name) {
+    const tools::opened_file file = tools::open_regular(name, tools::links::followed);
+    if (file.state == tools::file_state::missing) return std::nullopt;
+    if (file.state == tools::file_state::unreadable) throw error(tools::refusal_text(file));
+    return read_config(name);
+}
+
 }  // namespace
-
-temporary_dir::temporary_dir() {
-    const char* const base = std::getenv("TMPDIR");
-    std::string name = fs::path(base != nullptr && *base != '\0' ? base : "/tmp") / "qnmctl.XXXXXX";
-    if (mkdtemp(name.data()) == nullptr) {
-        throw error("cannot make a temporary directory " + name + ": " + std::strerror(errno) +
-                    "\nset TMPDIR to a directory that can be written");
-    }
-    path_ = name;
-}
-
-temporary_dir::~temporary_dir() {
-    std::error_code ignored;  // nobody is left to be told
-    fs::remove_all(path_, ignored);
-}
 
 std::optional<std::string> wrong_settings(const settings& given) {
     if (auto wrong = wrong_ports(given)) return wrong;
@@ -146,31 +156,54 @@ std::string config_text(const settings& given) {
     return text + stats_interval_key + '=' + longest_stats_interval + '\n';
 }
 
-std::string properties_text(const installation& of, bool whole_log) {
-    const char* const level = whole_log ? "ALL" : "WARN";
-    return appender_text("LOG", of.log, "%d{ISO8601} %-5p %m%n") +
-           appender_text("STATS", of.stats, "%m%n") + logger_text("logfile", level, "LOG") +
-           logger_text("syslogfile", level, "LOG") + logger_text("statslogfile", "ALL", "STATS");
+// One that would hide why a start failed is not taken.
+logger_levels levels_of(const std::string& properties) {
+    const auto level = [&](const char* logger) {
+        constexpr const char* known[] = {"ERROR", "WARN", "INFO", "DEBUG", "TRACE", "ALL"};
+        constexpr const char* hiding[] = {"OFF", "FATAL"};
+        const std::string word = level_of_logger(properties, logger);
+        if (std::find(std::begin(hiding), std::end(hiding), word) != std::end(hiding))
+            return std::string(known[0]);
+        const bool is_known =
+            std::find(std::begin(known), std::end(known), word) != std::end(known);
+        return is_known ? word : std::string("ALL");
+    };
+    return {.log = level("logfile"), .syslog = level("syslogfile")};
+}
+
+std::string properties_text(const installation& of, const logger_levels& levels) {
+    const char* const largest = of.wanted.file.empty() ? "10MB" : "";
+    return appender_text("LOG", of.log, "%d{ISO8601} %-5p %m%n", largest) +
+           appender_text("STATS", of.stats, "%m%n", "100MB") +
+           logger_text("logfile", levels.log, "LOG") +
+           logger_text("syslogfile", levels.syslog, "LOG") +
+           logger_text("statslogfile", "ALL", "STATS");
 }
 
 void install(const settings& given, installation& made) {
+    if (given.keep_logs) made.wanted.folder = at_the_end::kept;
+    if (!given.log.empty()) {
+        made.wanted.file = fs::absolute(given.log);
+        check_writable(made.wanted.file);
+    }
     if (given.ports.empty()) {
         made.dir = given.dir.empty() ? default_dir : given.dir;
         return;
     }
-    make_temporary(made);
-    if (!given.log.empty()) {
-        made.log = fs::absolute(given.log);
-        check_writable(made.log);
-    }
+    make_private(made);
     write_file(made.config(), config_text(given));
-    write_file(made.properties(), properties_text(made, !given.log.empty()));
+    write_file(made.properties(),
+               properties_text(made, made.wanted.any() ? logger_levels{} : quiet));
 }
 
 void install_copy(const installation& original, installation& made) {
-    make_temporary(made);
-    if (fs::exists(original.config())) fs::copy_file(original.config(), made.config());
-    write_file(made.properties(), properties_text(made, false));
+    const auto config = file_text(original.config());
+    const auto properties = file_text(original.properties());
+    made.wanted = original.wanted;
+    make_private(made);
+    if (config) write_file(made.config(), *config);
+    const logger_levels levels = made.wanted.any() ? levels_of(properties.value_or("")) : quiet;
+    write_file(made.properties(), properties_text(made, levels));
 }
 
 }  // namespace qnmctl

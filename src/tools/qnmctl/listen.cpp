@@ -15,6 +15,7 @@
 #include "config_file.h"
 #include "deadline.h"
 #include "end_signals.h"
+#include "explain.h"
 #include "input_lines.h"
 #include "report.h"
 #include "standard_files.h"
@@ -159,9 +160,9 @@ void tell_monitor(context& with, std::uint64_t id, bool restarted) {
 }
 
 void start(context& with) {
-    with.known.facts.expire_ms = configured_number(read_config(with.where.config()),
+    with.manager = start_manager(with.where, with.copy, with.log_level);
+    with.known.facts.expire_ms = configured_number(read_config(with.running().config()),
                                                    "devinfo_expire_time", default_expire_ms);
-    with.manager = start_manager(with.where, with.log_level);
 }
 
 void listen_and_tell(context& with, const request& asked) {
@@ -176,10 +177,12 @@ void check_running(const context& with) {
     const auto ended = with.manager->result();
     if (!ended) return;
     std::string text = std::string("the manager has ended: ") + code_name(*ended);
-    const std::string log = with.where.temporary
-                                ? with.where.log.string()
-                                : file_of_logger(read_text(with.where.properties()), "logfile");
-    if (!log.empty()) text += "\nIts log is " + log;
+    constexpr std::ptrdiff_t most = 3;
+    const std::vector<std::string> lines = error_lines_of(with.running());
+    const auto count = std::ssize(lines);
+    for (auto at = std::max<std::ptrdiff_t>(0, count - most); at < count; ++at)
+        text += "\nThe library's log: " + lines[static_cast<std::size_t>(at)];
+    if (with.running().wanted.any()) text += "\nIts log is " + with.running().log.string();
     throw error(text, *ended);
 }
 

@@ -48,6 +48,24 @@ constexpr char surroundings_text[] =
     "names and texts of others, and bytes that are no UTF-8, are shown as \\x1b, in JSON as it "
     "escapes them.";
 
+constexpr char logs_text[] =
+    "A manager of qnmctl never runs on the installation that --dir names, but on a copy of its "
+    "qnm.conf, and its logs are its own: appenders of the installation are not used, so what a "
+    "host program logs there is neither added to nor rotated. Copy and logs lie in a folder that "
+    "only this user can look into, one for each run, and are removed at the end. What is left of "
+    "a run that was killed is removed by a later one. --keep-logs keeps the folder and says where "
+    "it is; --log adds the library's log to a file. Then the lines are there that log_level or "
+    "--log-level and the levels of the installation's loggers let through; otherwise warnings and "
+    "errors alone. In the folder each log is renamed to .1 when it is full: qnm.log at 10 MB, "
+    "qnm_stats.log at 100.";
+
+constexpr char places_text[] =
+    "The folder is made where nobody but this user and root can have prepared anything: each "
+    "folder on the way and each link has to belong to one of them and to be closed to others. "
+    "Where that does not hold for XDG_STATE_HOME and HOME, for instance of root with another "
+    "user's HOME, it is made in TMPDIR or /tmp; what is left of a run there stays until the "
+    "system clears it.";
+
 constexpr entry environment[] = {
     {"NO_COLOR", "When it is set and not empty, nothing is coloured."},
     {"COLUMNS",
@@ -59,12 +77,16 @@ constexpr entry environment[] = {
      "Character set: the first that is set and not empty counts. When it names UTF-8, the tree of "
      "topology has lines, otherwise ASCII characters."},
     {"TZ", "Time zone that times are told in."},
-    {"TMPDIR", "Where the directory that --ports makes is put, in place of /tmp."},
+    {"XDG_STATE_HOME, HOME",
+     "Where the folders with logs are made: in $XDG_STATE_HOME/qnmctl or ~/.local/state/qnmctl."},
+    {"TMPDIR", "Where they are made, in place of /tmp, when neither of these can be used."},
 };
 
 constexpr entry files[] = {
     {"/opt/tarvo/qnm/conf/qnm.conf", "Configuration, where neither --dir nor --ports is given."},
-    {"/opt/tarvo/qnm/conf/qnm_log4c.properties", "Where the library logs to."},
+    {"/opt/tarvo/qnm/conf/qnm_log4c.properties", "Where host programs log to."},
+    {"~/.local/state/qnmctl",
+     "One folder for each run, run.*, and those that --keep-logs has kept, kept.*"},
     {"/usr/share/qnm/qnmctl.schema.json", "JSON Schema of what -o json and -o jsonl tell."},
 };
 
@@ -157,6 +179,7 @@ std::string man_page(std::span<const verb> verbs) {
     text += heading("COMMANDS") + commands(verbs);
     text += heading("LINES") + lines(verbs);
     text += heading("OUTPUT") + escaped(output_form_text) + '\n';
+    text += heading("LOGS") + escaped(logs_text) + "\n.PP\n" + escaped(places_text) + '\n';
     text += heading("SIGNALS AND FILES OF OTHERS") + escaped(surroundings_text) + '\n';
     text += heading("EXIT STATUS") + statuses();
     text += heading("ENVIRONMENT") + tagged(environment);

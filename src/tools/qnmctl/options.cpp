@@ -242,6 +242,11 @@ problem set_log(const std::string& word, command_line& into) {
     return std::nullopt;
 }
 
+problem set_keep_logs(const std::string&, command_line& into) {
+    into.global.keep_logs = true;
+    return std::nullopt;
+}
+
 problem set_log_level(const std::string& word, command_line& into) {
     into.global.log_level = value_of<qnm_log_level_t>(level_words, word);
     return std::nullopt;
@@ -431,7 +436,7 @@ constexpr option rows[] = {
     {.taken = takes_global,
      .names = "--ports",
      .value = "IF0[,IF1]",
-     .help = "Interfaces of port 0 and 1; makes a temporary directory, removed at the end",
+     .help = "Interfaces of port 0 and 1, in place of an installation's configuration",
      .offered = offers::interfaces,
      .set = set_ports},
     {.taken = takes_global,
@@ -443,9 +448,13 @@ constexpr option rows[] = {
     {.taken = takes_global,
      .names = "--log",
      .value = "FILE",
-     .help = "With --ports: file that the library's log is added to",
+     .help = "File that the library's log is added to",
      .offered = offers::files,
      .set = set_log},
+    {.taken = takes_global,
+     .names = "--keep-logs",
+     .help = "Keep the folder with the library's logs, and say where it is",
+     .set = set_keep_logs},
     {.taken = takes_global,
      .names = "--log-level",
      .value = "LEVEL",
@@ -522,7 +531,6 @@ std::optional<std::string> wrong_globals(const settings& given) {
         return "--ports and --dir exclude each other";
     }
     if (!given.keys.empty()) return "--set requires --ports";
-    if (!given.log.empty()) return "--log requires --ports";
     return std::nullopt;
 }
 

@@ -186,8 +186,8 @@ json monitored_json(const char* action, std::uint64_t id, qnm_api_code_t code) {
     return {{"action", action}, {"id", id_text(id)}, {"result", code_name(code)}};
 }
 
-json stats_json(const std::optional<std::string>& text, const std::string& file) {
-    return {{"text", text ? json(*text) : json()}, {"file", file.empty() ? json() : json(file)}};
+json stats_json(const std::string& text, const std::string& file) {
+    return {{"text", text}, {"file", file.empty() ? json() : json(file)}};
 }
 
 std::string cards_text(const std::vector<card>& cards, const look& how) {

@@ -41,7 +41,7 @@ json monitor_json(const monitor_change& of);
 json monitored_json(const char* action, std::uint64_t id, qnm_api_code_t code);
 
 // A status dump: its text, or the file that it was written to, empty where that is unknown.
-json stats_json(const std::optional<std::string>& text, const std::string& file);
+json stats_json(const std::string& text, const std::string& file);
 
 // A heading, a row for every card and a line with their numbers.
 std::string cards_text(const std::vector<card>& cards, const look& how);

@@ -130,7 +130,7 @@ void add_log(const std::string& file, const named_logs& by, const char* part, re
 void add_logs(const report_sources& from, const char* part, report_contents& to) {
     const std::string properties = from.where.properties();
     const file_end read = read_file_end(properties, file_limit);
-    std::set<std::string> seen = {from.where.stats};  // of a temporary one: part "statistics"
+    std::set<std::string> seen = {from.where.stats};  // of a private one: part "statistics"
     for (const char* const logger : {"logfile", "syslogfile", "statslogfile"}) {
         const std::string file = file_of_logger(read.text, logger);
         if (file.empty()) {
@@ -194,11 +194,10 @@ void add_cards(const report_sources& from, const char* part, report_contents& to
 }
 
 void add_statistics(const report_sources& from, const char* part, report_contents& to) {
-    const std::string stats = running(from).stats;
-    const std::size_t before = read_text(stats).size();
+    const log_mark before(running(from).stats);
     const qnm_api_code_t code = qnm_stdump(1);
     if (code != QNM_API_SUCCESS) throw failed_call("qnm_stdump", code);
-    to.members.push_back({"statistics.txt", read_text(stats).substr(before), part});
+    to.members.push_back({"statistics.txt", before.text_since(), part});
 }
 
 void add_events(const report_sources& from, const char* part, report_contents& to) {

@@ -11,7 +11,6 @@
 
 #include "capture.h"
 #include "config_file.h"
-#include "explain.h"
 #include "image.h"
 #include "listen.h"
 #include "report_archive.h"
@@ -46,27 +45,13 @@ class memory_file {
     int fd_;
 };
 
-// An operator's logs are left alone: his installation is copied.
-void start_own(const context& with, installation& copy, context& own) {
-    if (const auto obstacle = find_obstacle(with.where)) throw error(*obstacle);
-    if (!with.where.temporary) install_copy(with.where, copy);
-    try {
-        start(own);
-    } catch (const error& e) {
-        if (with.where.temporary || !e.code) throw;
-        const auto lines = error_lines(read_text(copy.log));
-        throw error(failed_start_text(*e.code, with.where, lines), e.code);
-    }
-}
-
 // Listens, with events told into a text. Why there is no manager, or none any more, is for the
 // parts to tell.
-void hear(const context& with, const request& asked, installation& copy, context& own,
-          report_sources& into) {
+void hear(context& own, const request& asked, report_sources& into) {
     try {
-        start_own(with, copy, own);
+        start(own);
         listen(own, {.seconds = asked.seconds, .tells = true});
-        into.running = &own.where;
+        into.running = &own.running();
     } catch (const std::exception& e) {
         into.why_not_running = e.what();
     }
@@ -113,11 +98,10 @@ class short_capture {
 };
 
 report_contents gather(context& with, const request& asked) {
-    installation copy;
     const memory_file events;
     output out(events.fd(), with.signals);
     writer told(out, output_form::text, asked.asked->name);
-    context own{.where = with.where.temporary ? with.where : copy,
+    context own{.where = with.where,
                 .log_level = with.log_level,
                 .out = out,
                 .told = told,
@@ -125,7 +109,7 @@ report_contents gather(context& with, const request& asked) {
                 .how = {}};
     report_sources from{.where = with.where};
     short_capture capture(with, asked);
-    hear(with, asked, copy, own, from);
+    hear(own, asked, from);
     capture.end(from);
     if (is_signalled(with)) throw error("ended by a signal; no archive was written");
     from.events = events.contents();

@@ -8,8 +8,10 @@
 
 namespace qnmctl {
 
-// Throws error with the reason and the remedy. Says on standard error when one of the ports could
-// not be opened; the manager runs on the other.
-std::unique_ptr<session> start_manager(const installation& where, qnm_log_level_t level);
+// On what is made for it; an operator's installation is copied into `copy` first. Throws error with
+// the reason and the remedy. Says on standard error when one of the ports could not be opened; the
+// manager runs on the other.
+std::unique_ptr<session> start_manager(const installation& where, installation& copy,
+                                       qnm_log_level_t level);
 
 }  // namespace qnmctl

@@ -115,7 +115,9 @@ constexpr char reset_help[] =
 
 constexpr char loglevel_help[] =
     "The level is that of the running manager, and the manager runs in this very process. So the\n"
-    "command goes on like watch. In a running watch, the line \"loglevel LEVEL\" does the same.";
+    "command goes on like watch. In a running watch, the line \"loglevel LEVEL\" does the same. "
+    "The\n"
+    "lines are where --log or --keep-logs puts them.";
 
 constexpr char completion_help[] =
     "\"source <(qnmctl completion bash)\" switches it on for a running shell; packages install it\n"
@@ -173,8 +175,9 @@ constexpr char mms_help[] =
     "is a QNIO card of version 1.\n" MANY_CARDS_HELP;
 
 constexpr char stats_help[] =
-    "With --ports the dump is printed. With --dir it goes where the operator's\n"
-    "qnm_log4c.properties sends the logger statslogfile, and that place is printed.";
+    "The one that a manager writes into its statistics log, here of the manager in this very\n"
+    "process. A host program's own is in the file that qnm_log4c.properties names for the logger\n"
+    "statslogfile.";
 
 constexpr char monitor_help[] =
     "Monitoring is controlled in a running manager, and the manager runs in this very process. So\n"
@@ -207,9 +210,7 @@ constexpr char report_help[] =
     "file of the configuration 1 MiB; what was cut off is told there, too. Only regular files are\n"
     "taken, not what a symbolic link stands for, though links in the folders above are followed.\n"
     "Where others than root and this user can change qnm_log4c.properties, only logs of its owner\n"
-    "are taken, and where they can change the folder, no log that has other names, too. Nothing "
-    "is\n"
-    "written to the operator's logs: the manager runs on a copy of his configuration.\n"
+    "are taken, and where they can change the folder, no log that has other names, too.\n"
     "--mask-ids replaces each card ID and each MAC address by the same pseudonym everywhere: in\n"
     "texts, names of files, logs and captured frames. Not masked are parts of an address, groups,\n"
     "names of interfaces, and what registers and EEPROMs hold. A part that cannot be masked\n"

@@ -24,19 +24,23 @@ struct event_filter {
 
 // What a verb works with while it runs.
 struct context {
-    const installation& where;
+    const installation& where;  // as named by the operator
     qnm_log_level_t log_level;
     output& out;
     writer& told;  // what is written there
     int signals;   // readable when the command is to end
     look how;      // texts on standard output
 
+    installation copy = {};  // of an operator's directory, that the manager runs on
     std::unique_ptr<session> manager = nullptr;
     event_filter filter = {};
     known_cards known = {};
     std::set<std::uint64_t> stopped = {};  // cards that are not monitored
     bool quit = false;                     // asked for by a line
     std::uint64_t told_events = 0;         // since it listens
+
+    // What the manager runs on.
+    const installation& running() const { return where.temporary ? where : copy; }
 };
 
 }  // namespace qnmctl

@@ -83,7 +83,7 @@ class Site:
         command = [self.programs[program], *words]
         started = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=out,
                                    stderr=subprocess.PIPE, preexec_fn=before,
-                                   env=dict(os.environ, TMPDIR=self.path))
+                                   env=dict(os.environ, TMPDIR=self.path, XDG_STATE_HOME=self.path))
         try:
             said, errors = started.communicate(given, LIMIT)
         except subprocess.TimeoutExpired:
@@ -102,7 +102,8 @@ class Site:
         termios.tcsetattr(theirs, termios.TCSANOW, modes)
         started = subprocess.Popen([self.programs[program], *words], stdin=theirs, stdout=theirs,
                                    stderr=theirs,
-                                   env=dict(os.environ, TERM="xterm", TMPDIR=self.path))
+                                   env=dict(os.environ, TERM="xterm", TMPDIR=self.path,
+                                            XDG_STATE_HOME=self.path))
         os.close(theirs)
         said = b""
         deadline = time.monotonic() + LIMIT

@@ -136,6 +136,20 @@ def beginning_fifo(place):
     os.write(place.open[-1], SECTION + INTERFACE)
 
 
+def log_into_fifo(place):
+    """An installation whose log nobody reads."""
+    fifo(place)
+    os.mkdir(place.file("conf"))
+    with open(place.file("conf/qnm.conf"), "w", encoding="utf-8") as to:
+        to.write("ether_port=lo\n")
+    with open(place.file("conf/qnm_log4c.properties"), "w", encoding="utf-8") as to:
+        for logger in "logfile", "syslogfile", "statslogfile":
+            to.write(f"log4j.logger.{logger}=ALL, FILE\n")
+        to.write("log4j.appender.FILE=org.apache.log4j.FileAppender\n"
+                 f"log4j.appender.FILE.File={place.file('fifo')}\n"
+                 "log4j.appender.FILE.layout=org.apache.log4j.SimpleLayout\n")
+
+
 def capture(place):
     with open(place.file("frames"), "wb") as to:
         frame = b"\xff" * 6 + b"\2\0\0\0\x10\0" + b"\x88\xb6" + bytes(46)
@@ -199,6 +213,8 @@ WAITS = [
     Wait("decode: endless without frames", "qnmctl", "decode -", 0, given=endless_blocks,
          running=True),
     Wait("watch: silent standard input", "qnmctl", MANAGER + "watch", 0, given=silent_pipe),
+    Wait("watch: installation with a FIFO as its log", "qnmctl", "--dir {place} watch", 0,
+         files=log_into_fifo, given=silent_pipe),
     Wait("capture: no frames", "qnmctl", MANAGER + "capture {file}", 0, given=silent_pipe),
     Wait("cardsim: silent standard input", "cardsim", "{scenario}", 0,
          given=silent_pipe),
@@ -281,15 +297,15 @@ def signalled(programs, row, number, place):
     with open(place.file("scenario"), "w", encoding="utf-8") as to:
         to.write(SCENARIO)
     row.files(place)
-    names = {"fifo": place.file("fifo"), "file": place.file("file"),
+    names = {"place": place.path, "fifo": place.file("fifo"), "file": place.file("file"),
              "frames": place.file("frames"), "scenario": place.file("scenario")}
     words = [programs[row.program]] + [word.format(**names) for word in row.words]
     told = open(place.file("told"), "w+b")
     place.keep(os.dup(told.fileno()))
     run = subprocess.Popen(
         words, stdin=row.given(place), stdout=row.out(place),
-        stderr=row.told(place) if row.told else told, env=dict(os.environ, TMPDIR=place.path, TERM="xterm"),
-        start_new_session=True)
+        stderr=row.told(place) if row.told else told, start_new_session=True,
+        env=dict(os.environ, TMPDIR=place.path, XDG_STATE_HOME=place.path, TERM="xterm"))
     try:
         until(lambda: is_waiting(run, row), run, "the wait")
         run.send_signal(number)
@@ -307,6 +323,8 @@ def signalled(programs, row, number, place):
     if row.says and row.says not in said:
         raise Failure(f"does not say {row.says!r}: {said!r}")
     left = [name for name in os.listdir(place.path) if name.startswith("qnmctl.")]
+    if os.path.isdir(place.file("qnmctl")):  # the state of the command, with a folder for each run
+        left += os.listdir(place.file("qnmctl"))
     if left:
         raise Failure(f"leaves {left}")
 

@@ -10,6 +10,8 @@
 #include <filesystem>
 #include <fstream>
 
+#include "temporary_dir.h"
+
 namespace tools {
 namespace {
 
@@ -17,13 +19,6 @@ namespace fs = std::filesystem;
 
 class RegularFile : public testing::Test {
   protected:
-    void SetUp() override {
-        std::string name = testing::TempDir() + "/regular-file.XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(name.data()));
-        dir_ = name;
-    }
-    void TearDown() override { fs::remove_all(dir_); }
-
     std::string path(const char* name) const { return (dir_ / name).string(); }
 
     std::string store(const char* name, const std::string& contents) const {
@@ -31,7 +26,8 @@ class RegularFile : public testing::Test {
         return path(name);
     }
 
-    fs::path dir_;
+    temporary_dir made_;
+    fs::path dir_ = made_.path();
 };
 
 std::string contents_of(const file_contents& read) {

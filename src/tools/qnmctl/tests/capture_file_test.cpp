@@ -7,8 +7,8 @@
 
 #include "config_file.h"
 #include "frame_report.h"
-#include "installation.h"
 #include "pcapng.h"
+#include "temporary_dir.h"
 #include "text.h"
 
 namespace qnmctl {
@@ -28,7 +28,7 @@ std::string sample(std::uint16_t link_type = 1) {
 }
 
 struct CaptureFile : testing::Test {
-    temporary_dir dir;
+    tools::temporary_dir dir;
 
     std::string write(const std::string& contents) const {
         const std::string name = dir.path() / "capture";

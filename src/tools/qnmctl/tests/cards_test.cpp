@@ -125,7 +125,7 @@ class Cards : public testing::Test {
 
     cables wires;
     cardsim::simulator cards{far_ends()};
-    temporary_dir dir;
+    tools::temporary_dir dir;
 };
 
 // ---- Registers ----------------------------------------------------------------------------------

@@ -21,6 +21,7 @@ import time
 
 import pyte
 
+STATE = tempfile.TemporaryDirectory()  # where the command has its logs
 LIMIT = 60  # seconds, which only a failure reaches
 RACK = """ports = ["qsim0", "qsim1"]
 [[card]]
@@ -85,7 +86,7 @@ class Top:
             [program, "--ports", "qnm0,qnm1", "top", "--delay", "0.2", *options],
             stdin=slave, stdout=slave, stderr=slave, start_new_session=True,
             preexec_fn=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0),
-            env={**os.environ, "TERM": TERMINAL, **(env or {})},
+            env={**os.environ, "TERM": TERMINAL, "XDG_STATE_HOME": STATE.name, **(env or {})},
         )
         os.close(slave)
 

@@ -297,7 +297,7 @@ INSTANTIATE_TEST_SUITE_P(CommandLine, WrongUsage,
                                          "watch --for inf", "watch --for nan", "watch --for soon",
                                          "watch --count 0", "--ports a --dir /x watch",
                                          "--ports , watch", "--ports a,b,c watch",
-                                         "--set a=1 watch", "--log x watch",
+                                         "--set a=1 watch", "--keep-logs frob",
                                          "--ports a --set a watch"));
 
 INSTANTIATE_TEST_SUITE_P(

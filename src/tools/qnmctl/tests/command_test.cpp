@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <filesystem>
 #include <nlohmann/json.hpp>
 
 #include "config_file.h"
@@ -15,6 +16,8 @@
 
 namespace qnmctl {
 namespace {
+
+namespace fs = std::filesystem;
 
 TEST(Command, WithoutAVerbIsWrongUsage) {
     program run(command({}));
@@ -52,7 +55,7 @@ TEST(Command, ADirectoryThatIsMissingIsNamed) {
 }
 
 TEST(Command, AMissingPropertiesFileIsNamed) {
-    const temporary_dir dir;
+    const tools::temporary_dir dir;
     program run(command({"--dir", dir.path(), "list"}));
     EXPECT_EQ(1, run.end());
     EXPECT_TRUE(holds(run.errors(), dir.path().string() + "/conf/qnm_log4c.properties"));
@@ -233,13 +236,26 @@ TEST_F(Manager, NamesFileAndLineOfAnOperatorsUnknownKey) {
     EXPECT_FALSE(run.left_something());
 }
 
-TEST_F(Manager, SaysWhereAnOperatorsDumpWent) {
+TEST_F(Manager, PrintsTheDumpOfAnOperatorsInstallationAndLogsNothingThere) {
     installation where;
     install({.ports = {"lo"}}, where);
     program run(in_namespace({"--dir", where.dir, "stats", "--for", "0.1"}));
-    EXPECT_EQ("The status dump was written to " + where.stats.string() + '\n', run.read_all());
+    EXPECT_TRUE(holds(run.read_all(), "qnm status dump (v0)\n"));
+    EXPECT_EQ(0, run.end()) << run.errors();
+    EXPECT_FALSE(fs::exists(where.stats));
+    EXPECT_FALSE(fs::exists(where.log));
+    EXPECT_FALSE(run.left_something());
+}
+
+TEST_F(Manager, KeepsItsLogsWhenAsked) {
+    program run(in_namespace({"--ports", "lo", "--keep-logs", "stats", "--for", "0.1", "--json"}));
+    const auto told = nlohmann::json::parse(run.read_all());
     EXPECT_EQ(0, run.end());
-    EXPECT_TRUE(holds(read_text(where.stats), "qnm status dump (v0)"));
+    const std::string file = told.at("records")[0].at("file");
+    EXPECT_TRUE(holds(read_text(file), told.at("records")[0].at("text")));
+    EXPECT_EQ("qnmctl: the logs are kept in " + fs::path(file).parent_path().string() + '\n',
+              run.errors());
+    EXPECT_TRUE(run.left_something());
 }
 
 TEST_F(Manager, NamesAnInterfaceThatIsMissing) {

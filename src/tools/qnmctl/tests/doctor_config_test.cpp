@@ -8,9 +8,9 @@
 
 #include "config_keys.h"
 #include "doctor_report.h"
-#include "installation.h"
 #include "qnm_config.h"
 #include "sample_system.h"
+#include "temporary_dir.h"
 
 namespace qnmctl {
 namespace {
@@ -180,7 +180,7 @@ class BesideTheLibrary : public testing::Test {
                                                                       << findings_text(found, {});
     }
 
-    temporary_dir dir;
+    tools::temporary_dir dir;
 };
 
 TEST_F(BesideTheLibrary, EveryKeyTakesTheSameValues) {

@@ -71,7 +71,7 @@ class DoctorProgram : public NamespaceTest {
         return testing::AssertionFailure() << records.dump(1);
     }
 
-    temporary_dir dir;
+    tools::temporary_dir dir;
     fs::path config = dir.path() / "conf/qnm.conf";
     fs::path properties = dir.path() / "conf/qnm_log4c.properties";
     std::string cables = {};  // a shell's command, with a semicolon behind it

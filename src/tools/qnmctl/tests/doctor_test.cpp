@@ -15,8 +15,8 @@
 #include "doctor_nearest.h"
 #include "doctor_report.h"
 #include "foreign_words.h"
-#include "installation.h"
 #include "sample_system.h"
+#include "temporary_dir.h"
 
 namespace qnmctl {
 namespace {
@@ -312,7 +312,7 @@ TEST_F(CheckLogs, WantAPropertiesFileThatCanBeRead) {
 TEST_F(CheckLogs, TellOfALinkInThePlaceOfALog) {
     system.logs[0].link = true;
     EXPECT_TRUE(finds("log_file", severity::note, "a report does not follow", system));
-    const temporary_dir dir;
+    const tools::temporary_dir dir;
     const std::string log = dir.path() / "log";
     EXPECT_FALSE(look_at_log(log).link);
     std::filesystem::create_symlink("elsewhere", log);

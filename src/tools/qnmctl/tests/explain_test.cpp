@@ -5,6 +5,7 @@
 
 #include <fstream>
 
+#include "temporary_dir.h"
 #include "text.h"
 
 namespace qnmctl {
@@ -30,7 +31,7 @@ class OperatorsDir : public testing::Test {
         std::ofstream(name) << text;
     }
 
-    temporary_dir base;
+    tools::temporary_dir base;
     installation where;
 };
 

@@ -8,7 +8,7 @@
 #include <fstream>
 
 #include "config_file.h"
-#include "installation.h"
+#include "temporary_dir.h"
 #include "text.h"
 
 namespace qnmctl {
@@ -63,7 +63,7 @@ TEST(Differences, EndWithTheImage) {
 
 class ImageFile : public testing::Test {
   protected:
-    temporary_dir dir_;
+    tools::temporary_dir dir_;
     const fs::path file_ = dir_.path() / "image";
 };
 

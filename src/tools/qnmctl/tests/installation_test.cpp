@@ -1,38 +1,20 @@
-// The temporary installation directory and what is written into it.
+// The private installation directory and what is written into it.
 #include "installation.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <fstream>
 
 #include "config_file.h"
+#include "program.h"
+#include "temporary_dir.h"
 #include "text.h"
 
 namespace qnmctl {
 namespace {
 
 namespace fs = std::filesystem;
-
-TEST(TemporaryDir, GoesWithItsRecord) {
-    fs::path path;
-    {
-        const temporary_dir dir;
-        path = dir.path();
-        EXPECT_TRUE(fs::is_directory(path));
-        fs::create_directories(path / "a" / "b");
-    }
-    EXPECT_FALSE(fs::exists(path));
-}
-
-TEST(TemporaryDir, IsMadeBelowTmpdir) {
-    const temporary_dir base;
-    const char* const old = std::getenv("TMPDIR");
-    const std::string kept = old != nullptr ? old : "";
-    setenv("TMPDIR", base.path().c_str(), 1);
-    const fs::path made = temporary_dir().path();
-    setenv("TMPDIR", (base.path() / "missing").c_str(), 1);
-    EXPECT_THROW(temporary_dir(), error);
-    old != nullptr ? setenv("TMPDIR", kept.c_str(), 1) : unsetenv("TMPDIR");
-    EXPECT_EQ(base.path(), made.parent_path());
-}
 
 TEST(Install, TakesTheOperatorsDirectoryAsItIs) {
     installation given;
@@ -59,37 +41,127 @@ TEST(Install, WritesBothFilesForPorts) {
 }
 
 TEST(Install, LogsIntoTheFileThatIsGiven) {
-    const temporary_dir dir;
+    const tools::temporary_dir dir;
     const fs::path log = dir.path() / "my.log";
     installation made;
     install({.ports = {"qnm0"}, .log = log}, made);
     EXPECT_EQ(log, file_of_logger(read_text(made.properties()), "logfile"));
+    EXPECT_EQ("ALL", level_of_logger(read_text(made.properties()), "logfile"));
     EXPECT_TRUE(fs::exists(log));
 }
 
+// A file of the operator's is added to and not renamed; a private one does not grow for ever.
+TEST(Install, RotatesItsOwnLogsAlone) {
+    const tools::temporary_dir dir;
+    installation own;
+    install({.ports = {"qnm0"}}, own);
+    EXPECT_TRUE(holds(read_text(own.properties()), "LOG=org.apache.log4j.RollingFileAppender"));
+    installation given;
+    install({.ports = {"qnm0"}, .log = dir.path() / "my.log"}, given);
+    EXPECT_TRUE(holds(read_text(given.properties()), "LOG=org.apache.log4j.FileAppender"));
+}
+
+TEST(Install, KeepsTheFolderWhenAsked) {
+    fs::path kept;
+    {
+        installation made;
+        testing::internal::CaptureStderr();
+        install({.ports = {"qnm0"}, .keep_logs = true}, made);
+        kept = made.dir;
+        EXPECT_EQ("qnmctl: the logs are kept in " + kept.string() + '\n',
+                  testing::internal::GetCapturedStderr());
+        EXPECT_EQ("ALL", level_of_logger(read_text(made.properties()), "logfile"));
+    }
+    EXPECT_TRUE(fs::exists(kept / config_name));
+    fs::remove_all(kept);
+}
+
 TEST(Install, RefusesALogThatCannotBeWritten) {
-    const temporary_dir dir;
+    const tools::temporary_dir dir;
     installation made;
     EXPECT_THROW(install({.ports = {"qnm0"}, .log = dir.path() / "missing" / "my.log"}, made),
                  error);
 }
 
-TEST(InstallCopy, KeepsTheConfigurationAndHasItsOwnLog) {
+// An installation of an operator's, whose appenders write wherever he likes.
+class InstallCopy : public testing::Test {
+  protected:
+    InstallCopy() {
+        fs::create_directory(dir.path() / "conf");
+        original.dir = dir.path();
+        write(original.config(), "ether_port = qnm0\nfrob=1\n");
+        write(
+            original.properties(),
+            "log4j.rootLogger=ALL, SCREEN\nlog4j.appender.SCREEN=org.apache.log4j.ConsoleAppender\n"
+            "log4j.logger.logfile=INFO, NET, FILE\nlog4j.logger.syslogfile = OFF, FILE\n"
+            "log4j.appender.NET=org.apache.log4j.net.SyslogAppender\n"
+            "log4j.appender.FILE=org.apache.log4j.FileAppender\n"
+            "log4j.appender.FILE.File=" +
+                (dir.path() / "his.log").string() + '\n');
+    }
+    static void write(const fs::path& file, const std::string& text) {
+        std::ofstream(file, std::ios::binary) << text;
+    }
+    std::string copied() {
+        install_copy(original, copy);
+        return read_text(copy.properties());
+    }
+
+    tools::temporary_dir dir;
     installation original;
-    install({.ports = {"qnm0"}, .keys = {"frob=1"}}, original);
     installation copy;
-    install_copy(original, copy);
+};
+
+TEST_F(InstallCopy, HasTheConfigurationAndLogsOfItsOwn) {
+    const std::string properties = copied();
     EXPECT_NE(original.dir, copy.dir);
     EXPECT_EQ(read_text(original.config()), read_text(copy.config()));
-    EXPECT_EQ(copy.log, file_of_logger(read_text(copy.properties()), "logfile"));
+    for (const char* const logger : {"logfile", "syslogfile"})
+        EXPECT_EQ(copy.log, file_of_logger(properties, logger));
+    EXPECT_EQ(copy.stats, file_of_logger(properties, "statslogfile"));
+    EXPECT_EQ(copy.dir, copy.log.parent_path());
+    EXPECT_EQ(copy.dir, copy.stats.parent_path());
+    for (const char* const his : {"his.log", "rootLogger", "Console", "Syslog"})
+        EXPECT_FALSE(holds(properties, his)) << his;
 }
 
-TEST(InstallCopy, DoesWithoutAConfiguration) {
-    installation original;
-    original.dir = "/nonexistent";
-    installation copy;
-    install_copy(original, copy);
+TEST_F(InstallCopy, LogsOnlyWhatTheCommandReads) {
+    const std::string properties = copied();
+    EXPECT_EQ("WARN", level_of_logger(properties, "logfile"));
+    EXPECT_EQ("WARN", level_of_logger(properties, "syslogfile"));
+    EXPECT_EQ("ALL", level_of_logger(properties, "statslogfile"));
+}
+
+TEST_F(InstallCopy, HasTheLevelsWhereSomebodyElseReadsIt) {
+    original.wanted.file = dir.path() / "my.log";
+    const std::string properties = copied();
+    EXPECT_EQ("INFO", level_of_logger(properties, "logfile"));
+    EXPECT_EQ("ERROR", level_of_logger(properties, "syslogfile"));  // why a start failed is kept
+    EXPECT_EQ(original.wanted.file, file_of_logger(properties, "logfile"));
+}
+
+TEST_F(InstallCopy, TakesNothingElseForALevel) {
+    EXPECT_EQ("ALL", levels_of("log4j.logger.logfile=INHERITED, A\n").log);
+    EXPECT_EQ("ALL", levels_of("log4j.logger.logfile=ALL${x}, A\n").log);
+    EXPECT_EQ("TRACE", levels_of("log4j.logger.logfile=TRACE, A\n").log);
+    EXPECT_EQ("ALL", levels_of("").syslog);
+}
+
+TEST_F(InstallCopy, DoesWithoutAConfiguration) {
+    fs::remove(original.config());
+    copied();
     EXPECT_FALSE(fs::exists(copy.config()));
+}
+
+TEST_F(InstallCopy, TakesRegularFilesOfAboutTheRightSize) {
+    fs::remove(original.config());
+    ASSERT_EQ(0, mkfifo(original.config().c_str(), 0600));
+    EXPECT_THROW(copied(), error);
+    fs::remove(original.config());
+    write(original.config(), std::string(std::size_t{1} << 20, '#'));
+    copied();
+    write(original.config(), std::string((std::size_t{1} << 20) + 1, '#'));
+    EXPECT_THROW(copied(), error);
 }
 
 TEST(WrongSettings, FindsNothingWrongWithGoodOnes) {

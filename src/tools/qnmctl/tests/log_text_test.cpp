@@ -5,7 +5,7 @@
 
 #include <fstream>
 
-#include "installation.h"
+#include "temporary_dir.h"
 #include "text.h"
 
 namespace qnmctl {
@@ -21,7 +21,7 @@ class LogMark : public testing::Test {
         fs::rename(log, log.string() + ".1");
     }
 
-    temporary_dir dir;
+    tools::temporary_dir dir;
     fs::path log = dir.path() / "log";
 };
 

@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "installation.h"
+#include "temporary_dir.h"
 #include "text.h"
 
 namespace qnmctl {
@@ -68,7 +68,7 @@ class PrivateFolder : public testing::Test {
         return lchown(what.c_str(), another, another) == 0;
     }
 
-    temporary_dir dir;
+    tools::temporary_dir dir;
     fs::path top = fs::canonical(dir.path());
     fs::path home = top / "home";
     fs::path state = top / "state";

@@ -92,6 +92,7 @@ void program::become(words command) const {
     for (int fd = 0; fd < 3; ++fd)
         dup2(theirs_[fd], fd);
     setenv("TMPDIR", dir_.path().c_str(), 1);
+    setenv("XDG_STATE_HOME", dir_.path().c_str(), 1);
     std::vector<char*> arguments;
     for (std::string& word : command)
         arguments.push_back(word.data());
@@ -135,11 +136,14 @@ std::string program::errors() const {
     return read_text(dir_.path() / "errors");
 }
 
+// Beside its errors and the folder of the command's state, with nothing in it.
 bool program::left_something() const {
-    for (const auto& entry : fs::directory_iterator(dir_.path())) {
-        if (entry.path().filename().string().starts_with("qnmctl.")) return true;
+    std::size_t found = 0;
+    for (const auto& entry : fs::recursive_directory_iterator(dir_.path())) {
+        const std::string name = entry.path().filename();
+        found += name != "errors" && name != "qnmctl" ? 1U : 0U;
     }
-    return false;
+    return found > 0;
 }
 
 // A terminal whose program has gone reads as an error.

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "installation.h"
+#include "temporary_dir.h"
 
 namespace qnmctl {
 
@@ -53,7 +53,7 @@ class program {
     bool read_some(std::chrono::steady_clock::time_point deadline);
     static void close_end(int& fd);
 
-    temporary_dir dir_;
+    tools::temporary_dir dir_;
     int theirs_[3] = {-1, -1, -1};  // the program's ends
     pid_t pid_ = -1;
     int in_ = -1;

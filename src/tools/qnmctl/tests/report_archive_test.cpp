@@ -21,6 +21,7 @@
 #include "report_archive_parts.h"
 #include "report_archive_spelling.h"
 #include "report_archive_system.h"
+#include "temporary_dir.h"
 
 namespace qnmctl {
 namespace {
@@ -324,7 +325,7 @@ TEST(ReportParts, FailWithoutTheOthers) {
 
 // Where there is neither an installation nor a manager, each part that needs one says so.
 TEST(ReportParts, SayWhyTheyAreNotThere) {
-    const temporary_dir empty;
+    const tools::temporary_dir empty;
     const installation where{.temporary = {}, .dir = empty.path(), .log = {}, .stats = {}};
     const report_contents found =
         collect_report(report_parts(), {.where = where, .why_not_running = "no privilege"});
@@ -351,7 +352,7 @@ std::string appender(const std::string& logger, const fs::path& file) {
 }
 
 TEST(ReportParts, TakeOneLogWithoutTheOther) {
-    const temporary_dir dir;
+    const tools::temporary_dir dir;
     fs::create_directory(dir.path() / "conf");
     std::ofstream(dir.path() / "qnm.log") << "a line\n";
     std::ofstream(dir.path() / properties_name) << appender("logfile", dir.path() / "qnm.log")
@@ -372,7 +373,7 @@ TEST(ReportParts, TakeOneLogWithoutTheOther) {
 }
 
 TEST(ReportParts, HaveNamesOfTheirOwn) {
-    const temporary_dir dir;
+    const tools::temporary_dir dir;
     fs::create_directory(dir.path() / "conf");
     for (const char* const folder : {"a", "b"}) {
         fs::create_directory(dir.path() / folder);
@@ -423,7 +424,7 @@ class ReportLogs : public testing::Test {
         EXPECT_TRUE(holds(reasons, log + why + '\n')) << reasons;
     }
 
-    temporary_dir dir;
+    tools::temporary_dir dir;
     std::string log = dir.path() / "qnm.log";
     installation where;
 };
@@ -485,7 +486,7 @@ TEST(ReportParts, TakeTheEndOfALogFromALinesStart) {
     EXPECT_EQ("two\nthree\n", last_part("one\ntwo\nthree\n", 10));
     EXPECT_EQ("one\n", last_part("one\n", 4));
     EXPECT_EQ("ne", last_part("one", 2));
-    const temporary_dir dir;
+    const tools::temporary_dir dir;
     const std::string name = dir.path() / "log";
     std::ofstream(name) << "one\ntwo\nthree\n";
     EXPECT_EQ("two\nthree\n", read_file_end(name, 10).text);
@@ -543,7 +544,7 @@ class ReportFile : public testing::Test {
             std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()));
     }
 
-    temporary_dir dir;
+    tools::temporary_dir dir;
 };
 
 TEST_F(ReportFile, IsForItsOwnerAlone) {

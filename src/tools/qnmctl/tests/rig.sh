@@ -4,6 +4,8 @@
 # and the waits. To be sourced in a network namespace of its own.
 
 work=$(mktemp -d)
+export XDG_STATE_HOME=$work/state # where the command has its logs
+mkdir "$XDG_STATE_HOME"
 pids=()
 clear_up() {
   ((${#pids[@]} == 0)) || kill "${pids[@]}" 2>/dev/null || true
