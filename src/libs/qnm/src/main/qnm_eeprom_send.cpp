@@ -7,7 +7,9 @@
 // keeps is taken away from it, so often as configured.
 //
 // Everything here is register access, and each step may fail by itself. 71 and 38 (a stop) end
-// every loop at once; any other failure is a failed attempt, and attempts are counted.
+// every loop at once; any other failure is a failed attempt, and attempts are counted. That another
+// process accesses cards by the port shows with the first frame, before any loop: a 16 within one
+// is the card's.
 //
 // A card must not stay locked because a manager stops. What this host may have on it is kept with
 // the call (traces); a loop that ends at once takes it back by frames that nobody waits for: first

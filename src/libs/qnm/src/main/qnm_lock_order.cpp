@@ -42,6 +42,7 @@ constexpr level_rule k_rules[] = {
     {"event queue", k_by_tables | held(QNM_LOCK_EVENT)},
     {"map of write locks", k_by_calls | held(QNM_LOCK_TABLE)},
     {"completion tags", k_by_calls},
+    {"port lock", k_by_calls},
     {"counts of lines", k_by_all},
     {"statistics", k_by_all},
 };

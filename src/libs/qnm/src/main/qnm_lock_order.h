@@ -21,6 +21,7 @@ typedef enum qnm_lock_level {
     QNM_LOCK_WRITE_LOCKS,  // the map of the cards' write locks; after those that the table follows,
                            // and after the table
     QNM_LOCK_TAGS,         // after a callback list or a write lock: of all others it is taken alone
+    QNM_LOCK_PORT,         // that of a port against other processes; after the same
     QNM_LOCK_PACED,        // the counts of lines; after any other but the statistics
     QNM_LOCK_STATS,        // after any other, and followed by none
     QNM_LOCK_LEVEL_MAX

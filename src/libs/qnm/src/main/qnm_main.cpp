@@ -27,6 +27,7 @@
 #include "qnm_event_cb.h"
 #include "qnm_linkdown.h"
 #include "qnm_paced_log.h"
+#include "qnm_port_lock.h"
 #include "qnm_qn_info.h"
 #include "qnm_recv.h"
 #include "qnm_reg_send.h"
@@ -208,6 +209,7 @@ int run_with_ports() {
             _qnm_socket_open(qnm_config.ether_port_name[port], qnm_config.ether_port_ifindex[port],
                              &qnm_root.er_port_info[port]);
         if (open_err == 0) {
+            _qnm_port_lock_open(static_cast<int>(port), qnm_root.er_port_info[port].epi_if_index);
             any_open = true;
             continue;
         }
@@ -218,8 +220,10 @@ int run_with_ports() {
     if (!any_open) return err;
     err = run_with_pipes();
     _qnm_wait_calls();
-    for (qnm_port_info_t& port : qnm_root.er_port_info)
-        _qnm_socket_close(&port);
+    for (int port = 0; port < 2; port++) {
+        _qnm_socket_close(&qnm_root.er_port_info[port]);
+        _qnm_port_lock_close(port);
+    }
     return err;
 }
 

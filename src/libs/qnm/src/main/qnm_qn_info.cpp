@@ -19,6 +19,7 @@
 #include "qnm_limits.h"
 #include "qnm_main.h"
 #include "qnm_paced_log.h"
+#include "qnm_port_lock.h"
 #include "qnm_reg_send.h"
 #include "qnm_stats.h"
 #include "qnm_util.h"
@@ -918,6 +919,7 @@ int _qnm_interval_check(void) {
         uint64_t monotonic = 0;
         may_judge(loop, flag_interval, &monotonic);
         _qnm_paced_tell();
+        _qnm_port_lock_serve();
         if (slept < check_interval) continue;
         check_once(loop, restart_checks);
         slept = 0;

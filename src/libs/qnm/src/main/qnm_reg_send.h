@@ -22,8 +22,9 @@ int _qnm_reg_init(void);
 int _qnm_reg_fini(void);
 
 // Read, write, change and dump registers. dev is the caller's copy; its path flags choose the path.
-// interval and count are those of a qnm_retry_t. All return 0 or an errno-style code, of these 38
-// when a stop has been requested, 67 without a path, 71, 110. What was read is stored on success.
+// interval and count are those of a qnm_retry_t. All return 0 or an errno-style code, of these 16
+// while another process accesses cards by the port, 38 when a stop has been requested, 67 without a
+// path, 71, 110. What was read is stored on success.
 int _qnm_read_register(const qnm_com_dev_t* dev, uint32_t addr, uint32_t* data, uint32_t interval,
                        uint32_t count);
 int _qnm_write_register(const qnm_com_dev_t* dev, uint32_t addr, uint32_t data, uint32_t interval,

@@ -12,6 +12,7 @@
 #include "qnm_config.h"
 #include "qnm_frame.h"
 #include "qnm_main.h"
+#include "qnm_port_lock.h"
 #include "qnm_socket.h"
 #include "qnm_stats.h"
 #include "qnm_util.h"
@@ -90,7 +91,9 @@ int send_message(const sender& self, const qnm_com_dev_t& dev, unsigned char* fr
     if (self.to_broadcast) {
         _qnm_uint64_to_mac(qnm_config.broadcast_mac, qnm::view<quillnet_header_s>(frame).dmac);
     }
-    const int err = _qnm_send(path.port, frame, length);
+    int err = _qnm_port_lock_take(path.port);
+    if (err != 0) return err;
+    err = _qnm_send(path.port, frame, length);
     if (err != 0) {
         qnm_log_error("%s: Failed to _qnm_send(). err=%d", self.name, err);
         return err;

@@ -3,7 +3,8 @@
 // A frame goes out by one path only, the first connected one of P0M0, P0M1, P1M0, P1M1. dev is
 // read without a lock: callers hand in their own copy of the record. Any thread may send.
 //
-// All return 0; 67 when the card is connected on no path; 71 when libpcap refuses the frame.
+// All return 0; 67 when the card is connected on no path; 16 when another process accesses cards by
+// the port; 71 when libpcap refuses the frame.
 #pragma once
 
 #include <cstdint>

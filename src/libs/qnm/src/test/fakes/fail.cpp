@@ -16,15 +16,18 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
+#include <sys/un.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstddef>
 #include <filesystem>
 #include <map>
 #include <mutex>
+#include <string>
 #include <type_traits>
 #include <utility>
 
@@ -208,6 +211,33 @@ std::optional<struct timeval> wall_clock() {
     return timeval{static_cast<time_t>(us / 1000000), static_cast<suseconds_t>(us % 1000000)};
 }
 
+// ---- Addresses of the test's own ----------------------------------------------------------------
+
+const pid_t k_test = getpid();  // that of children, too
+
+// An abstract Unix address with the test's process behind the name.
+struct own_unix_address {
+    struct sockaddr_un address;
+    socklen_t length;
+    const struct sockaddr* get() const {
+        return reinterpret_cast<const struct sockaddr*>(&address);
+    }
+};
+
+std::optional<own_unix_address> own_address(const struct sockaddr* addr, socklen_t len) {
+    constexpr std::size_t k_path = offsetof(struct sockaddr_un, sun_path);
+    if (addr == nullptr || len <= k_path || addr->sa_family != AF_UNIX) return std::nullopt;
+    const auto* const wanted = reinterpret_cast<const struct sockaddr_un*>(addr);
+    if (wanted->sun_path[0] != '\0') return std::nullopt;
+    const std::string name =
+        std::string(wanted->sun_path + 1, len - k_path - 1) + "." + std::to_string(k_test);
+    own_unix_address own = {};
+    own.address.sun_family = AF_UNIX;
+    name.copy(own.address.sun_path + 1, sizeof own.address.sun_path - 1);
+    own.length = static_cast<socklen_t>(k_path + 1 + name.size());
+    return own;
+}
+
 }  // namespace
 
 // ---- The test's side ----------------------------------------------------------------------------
@@ -342,12 +372,18 @@ std::size_t open_descriptors() {
 // ---- The library's side -------------------------------------------------------------------------
 
 using fail::call;
+using fail::own_address;
 using fail::run;
 
 extern "C" {
 
+int fail_accept4(int fd, struct sockaddr* addr, socklen_t* len, int flags) {
+    return run<call::accept4>([&] { return accept4(fd, addr, len, flags); });
+}
+
 int fail_bind(int fd, const struct sockaddr* addr, socklen_t len) {
     return run<call::bind>([&] {
+        if (const auto own = own_address(addr, len)) return bind(fd, own->get(), own->length);
         const std::optional<int> answer = fake_netif::answer_bind(fd, addr, len);
         return answer.has_value() ? *answer : bind(fd, addr, len);
     });
@@ -550,6 +586,25 @@ ssize_t fail_recv(int fd, void* buf, size_t count, int flags) {
 
 ssize_t fail_recv_chk(int fd, void* buf, size_t count, size_t, int flags) {
     return fail_recv(fd, buf, count, flags);
+}
+
+int fail_connect(int fd, const struct sockaddr* addr, socklen_t len) {
+    return run<call::connect>([&] {
+        const auto own = own_address(addr, len);
+        return own ? connect(fd, own->get(), own->length) : connect(fd, addr, len);
+    });
+}
+
+int fail_kill(pid_t pid, int signal) {
+    return run<call::kill>([&] { return kill(pid, signal); });
+}
+
+int fail_listen(int fd, int backlog) {
+    return run<call::listen>([&] { return listen(fd, backlog); });
+}
+
+int fail_pthread_atfork(void (*prepare)(), void (*parent)(), void (*child)()) {
+    return run<call::pthread_atfork>([&] { return pthread_atfork(prepare, parent, child); });
 }
 
 int fail_setsockopt(int fd, int level, int option, const void* value, socklen_t len) {

@@ -8,6 +8,10 @@
 
 namespace redirected {
 
+int do_accept4(int fd, int flags) {
+    return accept4(fd, nullptr, nullptr, flags);
+}
+
 int do_bind(int fd, const struct sockaddr* addr, socklen_t len) {
     return bind(fd, addr, len);
 }
@@ -18,6 +22,10 @@ int do_clock_gettime(clockid_t clock, struct timespec* now) {
 
 int do_clock_nanosleep(clockid_t clock, int flags, const struct timespec* until) {
     return clock_nanosleep(clock, flags, until, nullptr);
+}
+
+int do_connect(int fd, const struct sockaddr* addr, socklen_t len) {
+    return connect(fd, addr, len);
 }
 
 int do_fcntl(int fd, int command, int arg) {
@@ -52,6 +60,14 @@ int do_ioctl(int fd, unsigned long request, void* arg) {
     return ioctl(fd, request, arg);
 }
 
+int do_kill(pid_t pid, int signal) {
+    return kill(pid, signal);
+}
+
+int do_listen(int fd, int backlog) {
+    return listen(fd, backlog);
+}
+
 struct tm* do_localtime_r(const time_t* when, struct tm* result) {
     return localtime_r(when, result);
 }
@@ -66,6 +82,10 @@ int do_pipe(int ends[2]) {
 
 int do_poll(struct pollfd* fds, nfds_t nfds, int timeout_ms) {
     return poll(fds, nfds, timeout_ms);
+}
+
+int do_atfork(void (*child)()) {
+    return pthread_atfork(nullptr, nullptr, child);
 }
 
 int do_cond_destroy(pthread_cond_t* cond) {

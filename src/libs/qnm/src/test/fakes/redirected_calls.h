@@ -17,9 +17,11 @@
 
 namespace redirected {
 
+int do_accept4(int fd, int flags);
 int do_bind(int fd, const struct sockaddr* addr, socklen_t len);
 int do_clock_gettime(clockid_t clock, struct timespec* now);
 int do_clock_nanosleep(clockid_t clock, int flags, const struct timespec* until);
+int do_connect(int fd, const struct sockaddr* addr, socklen_t len);
 int do_fcntl(int fd, int command, int arg);
 FILE* do_fdopen(int fd, const char* mode);
 char* do_fgets(char* buf, int size, FILE* stream);
@@ -28,10 +30,13 @@ int do_fstat(int fd, struct stat* st);
 int do_getsockopt(int fd, int level, int option, void* value, socklen_t* len);
 int do_gettimeofday(struct timeval* now);
 int do_ioctl(int fd, unsigned long request, void* arg);
+int do_kill(pid_t pid, int signal);
+int do_listen(int fd, int backlog);
 struct tm* do_localtime_r(const time_t* when, struct tm* result);
 int do_open(const char* path);
 int do_pipe(int ends[2]);
 int do_poll(struct pollfd* fds, nfds_t nfds, int timeout_ms);
+int do_atfork(void (*child)());
 int do_cond_destroy(pthread_cond_t* cond);
 int do_cond_init(pthread_cond_t* cond);
 int do_cond_signal(pthread_cond_t* cond);

@@ -12,6 +12,7 @@
 #include <pcap/pcap.h>
 #include <sys/ioctl.h>
 #include <sys/time.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -69,6 +70,7 @@ pthread_cond_t g_cond = PTHREAD_COND_INITIALIZER;
 char g_buf[64];
 
 const call_row k_rows[] = {
+    {call::accept4, "accept4", [] { return minus_one(redirected::do_accept4(-1, 0)); }},
     {call::bind, "bind", [] { return minus_one(redirected::do_bind(-1, nullptr, 0)); }},
     {call::clock_gettime, "clock_gettime",
      [] {
@@ -80,6 +82,7 @@ const call_row k_rows[] = {
          const struct timespec past = {0, 0};
          return redirected::do_clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &past);
      }},
+    {call::connect, "connect", [] { return minus_one(redirected::do_connect(-1, nullptr, 0)); }},
     {call::fcntl, "fcntl", [] { return minus_one(redirected::do_fcntl(-1, F_SETFD, 0)); }},
     {call::fdopen, "fdopen", [] { return null(redirected::do_fdopen(-1, "r")); }},
     {call::fgets, "fgets", [] { return null(redirected::do_fgets(g_buf, sizeof g_buf, stdin)); }},
@@ -97,6 +100,8 @@ const call_row k_rows[] = {
          return minus_one(redirected::do_gettimeofday(&now));
      }},
     {call::ioctl, "ioctl", [] { return minus_one(redirected::do_ioctl(-1, 0, nullptr)); }},
+    {call::kill, "kill", [] { return minus_one(redirected::do_kill(getpid(), 0)); }},
+    {call::listen, "listen", [] { return minus_one(redirected::do_listen(-1, 0)); }},
     {call::localtime_r, "localtime_r",
      [] {
          const time_t when = 0;
@@ -110,6 +115,7 @@ const call_row k_rows[] = {
          return minus_one(redirected::do_pipe(ends));
      }},
     {call::poll, "poll", [] { return minus_one(redirected::do_poll(nullptr, 0, 0)); }},
+    {call::pthread_atfork, "pthread_atfork", [] { return redirected::do_atfork(nullptr); }},
     {call::pthread_cond_destroy, "pthread_cond_destroy",
      [] { return redirected::do_cond_destroy(&g_cond); }},
     {call::pthread_cond_init, "pthread_cond_init",
@@ -481,6 +487,24 @@ TEST_F(Netif, PacketVersionIsAnsweredWhenSet) {
     EXPECT_EQ(get(fd_), 0);
     EXPECT_EQ(version, TPACKET_V3);
     EXPECT_NONFATAL_FAILURE(EXPECT_EQ(get(-1), EBADF), "not a capture descriptor");
+}
+
+TEST_F(Fail, AnAbstractAddressIsOfThisTestAlone) {
+    struct sockaddr_un address = {AF_UNIX, "\0qnm-test"};
+    const auto* const to = reinterpret_cast<const struct sockaddr*>(&address);
+    constexpr socklen_t length = sizeof(sa_family_t) + 9;
+    const int listener = redirected::do_socket(AF_UNIX, SOCK_STREAM, 0);
+    const int stranger = redirected::do_socket(AF_UNIX, SOCK_STREAM, 0);
+    const int other = redirected::do_socket(AF_UNIX, SOCK_STREAM, 0);
+    EXPECT_EQ(redirected::do_bind(listener, to, length), 0);
+    EXPECT_EQ(minus_one(redirected::do_bind(other, to, length)), EADDRINUSE);
+    EXPECT_EQ(redirected::do_listen(listener, 1), 0);
+    EXPECT_EQ(minus_one(connect(stranger, to, length)), ECONNREFUSED) << "as other tests see it";
+    EXPECT_EQ(redirected::do_connect(other, to, length), 0);
+    const int guest = redirected::do_accept4(listener, 0);
+    EXPECT_GE(guest, 0);
+    for (const int fd : {listener, stranger, other, guest})
+        close(fd);
 }
 
 TEST_F(Netif, CaptureTakesFilterAndSendTimeout) {
