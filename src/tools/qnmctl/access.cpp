@@ -1,10 +1,16 @@
 // Cards heard, calls made.
 #include "access.h"
 
+#include <net/if.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cctype>
 
 #include "config_file.h"
+#include "foreign_words.h"
 #include "listen.h"
+#include "port_user.h"
 #include "text.h"
 
 namespace qnmctl {
@@ -24,6 +30,31 @@ std::uint32_t configured(const context& with, const char* key, std::uint32_t oth
 
 bool is_known(std::uint64_t id) {
     return read_card(id).has_value();
+}
+
+// The local port that the library sends to a card by.
+std::optional<std::size_t> port_of(std::uint64_t id) {
+    const auto known = read_card(id);
+    if (!known) return std::nullopt;
+    for (const std::size_t port : {0, 1}) {
+        const auto& paths = common(*known).ecd_state[port];
+        if (paths[0] == 1 || paths[1] == 1) return port;
+    }
+    return std::nullopt;
+}
+
+// Nothing when it is none of another process.
+std::string port_in_use_text(const context& with, std::uint64_t id) {
+    const std::vector<std::string> ports = configured_ports(read_text(with.where.config()));
+    const std::size_t port = port_of(id).value_or(0);
+    if (port >= ports.size()) return {};
+    const auto user = find_port_user(static_cast<int>(if_nametoindex(ports[port].c_str())));
+    if (!user || !user->manager || user->pid == getpid()) return {};
+    std::string text = process_text(*user);
+    text[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(text[0])));
+    return text + " accesses cards by " + printable(ports[port]) +
+           ", and one process at a time may. Stop its manager, or access cards from there; "
+           "commands that only listen work beside it.";
 }
 
 std::vector<std::uint64_t> named_ids(const request& asked) {
@@ -109,12 +140,19 @@ dump_result read_dump(context& with, const dump_source& from, const request& ask
     return result;
 }
 
-std::string incomplete_text(const dump_source& from, const dump_result& of, std::uint32_t end) {
+std::string access_failure(const context& with, std::uint64_t id, const char* call,
+                           access_scope scope, qnm_api_code_t code) {
+    return failure_text(id, call, scope, code,
+                        code == QNM_API_EBUSY ? port_in_use_text(with, id) : "");
+}
+
+std::string incomplete_text(const context& with, const dump_source& from, const dump_result& of,
+                            std::uint32_t end) {
     const auto next = of.read.start + static_cast<std::uint32_t>(of.read.words.size() * word_bytes);
     const std::string place =
         "\nRead up to " + hex_text(next, 8) + ", of " + hex_text(end, 8) + '.';
     if (!of.code) return id_text(of.read.id) + ": ended by a signal" + place;
-    return failure_text(of.read.id, from.call, from.scope, *of.code) + place;
+    return access_failure(with, of.read.id, from.call, from.scope, *of.code) + place;
 }
 
 }  // namespace qnmctl

@@ -47,6 +47,10 @@ struct dump_source {
     const char* label;   // of the progress line
 };
 
+// Why a call failed for a card. A port that another process has is told with the process.
+std::string access_failure(const context& with, std::uint64_t id, const char* call,
+                           access_scope scope, qnm_api_code_t code);
+
 extern const dump_source register_source;
 extern const dump_source eeprom_source;
 
@@ -59,6 +63,7 @@ dump_result read_dump(context& with, const dump_source& from, const request& ask
                       std::uint32_t start, std::uint32_t end);
 
 // Why a dump is not complete. Only for one that is not.
-std::string incomplete_text(const dump_source& from, const dump_result& of, std::uint32_t end);
+std::string incomplete_text(const context& with, const dump_source& from, const dump_result& of,
+                            std::uint32_t end);
 
 }  // namespace qnmctl

@@ -30,10 +30,15 @@ constexpr char unsent[] =
     "A frame could not be sent, or too many reads are waiting for answers. The library's log tells "
     "which.";
 
+constexpr char in_use[] =
+    "Another process accessed cards by the same port. Try again, and see \"qnmctl doctor\" for who "
+    "that is.";
+
 // What the codes mean for these calls in particular; others are explained by code_remedy().
 constexpr remedy remedies[] = {
     {access_scope::registers, QNM_API_ENOLINK, no_path},
     {access_scope::registers, QNM_API_EPROTO, unsent},
+    {access_scope::registers, QNM_API_EBUSY, in_use},
     {access_scope::registers, QNM_API_ETIMEDOUT,
      "The card did not answer, or what was written did not hold. Try more --retries or a longer "
      "--interval; not every address is a register that answers."},
@@ -47,17 +52,21 @@ constexpr remedy remedies[] = {
      "Another party keeps the EEPROM lock. Try again later; if that party has gone, free the lock "
      "by \"eeprom unlock\" or take it by --force-lock."},
     {access_scope::eeprom_lock, QNM_API_ENOLINK, no_path_to_check},
+    {access_scope::eeprom_lock, QNM_API_EBUSY, in_use},
     {access_scope::eeprom_lock, QNM_API_ETIMEDOUT,
      "The card did not answer, or another party takes the lock again and again. Try again later."},
     {access_scope::vlan, QNM_API_ENOLINK, no_path},
     {access_scope::vlan, QNM_API_EPROTO, unsent},
+    {access_scope::vlan, QNM_API_EBUSY, in_use},
     {access_scope::vlan, QNM_API_ETIMEDOUT,
      "The card did not announce the new VLAN ID in time. Give it as long as it takes between two "
      "announcements, by more --retries or a longer --interval."},
     {access_scope::reset, QNM_API_ENOLINK, no_path_to_check},
     {access_scope::reset, QNM_API_EPROTO, unsent},
+    {access_scope::reset, QNM_API_EBUSY, in_use},
     {access_scope::mms, QNM_API_ENOLINK, no_path},
     {access_scope::mms, QNM_API_EPROTO, unsent},
+    {access_scope::mms, QNM_API_EBUSY, in_use},
     {access_scope::mms, QNM_API_ENOENT,
      "No multi-root QNIO card has that ID. \"qnmctl list\" shows the cards that can be heard; a "
      "multi-root card is a QNIO card of version 1."},
@@ -113,9 +122,9 @@ json outcome_json(const outcome& of, const access_told& told) {
 }
 
 std::string failure_text(std::uint64_t id, const char* call, access_scope scope,
-                         qnm_api_code_t code) {
+                         qnm_api_code_t code, const std::string& known) {
     return id_text(id) + ": " + call + " failed: " + code_name(code) + '\n' +
-           remedy_of(scope, code);
+           (known.empty() ? remedy_of(scope, code) : known);
 }
 
 std::string dump_text(const dump& of) {

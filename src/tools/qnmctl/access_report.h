@@ -52,9 +52,9 @@ struct access_told {
 std::string outcome_text(const outcome& of, const access_told& told);  // of a success; one line
 json outcome_json(const outcome& of, const access_told& told);
 
-// Why the call failed for a card, and what to try.
+// Why the call failed for a card, and what to try: in general, or as is known.
 std::string failure_text(std::uint64_t id, const char* call, access_scope scope,
-                         qnm_api_code_t code);
+                         qnm_api_code_t code, const std::string& known = "");
 
 // Consecutive words of a card, from an address on.
 struct dump {

@@ -139,7 +139,8 @@ int tell_failures(context& with, const std::vector<outcome>& all, const access_w
         if (!one.code) ++unreached;
         if (!one.code || one.code == QNM_API_SUCCESS) continue;
         if (status == exit_ok) status = code_status(*one.code);
-        tell_failure(with, failure_text(one.id, words.call, words.scope, *one.code), one.code);
+        tell_failure(with, access_failure(with, one.id, words.call, words.scope, *one.code),
+                     one.code);
     }
     if (unreached == 0) return status;
     tell_failure(with, "ended by a signal; cards not accessed: " + std::to_string(unreached));
@@ -196,7 +197,7 @@ int dump_and_tell(context& with, const request& asked, const dump_source& from) 
     if (result.code != QNM_API_SUCCESS) {
         tell_dump(with, result);
         tell_failure(with,
-                     incomplete_text(from, result, range.end) +
+                     incomplete_text(with, from, result, range.end) +
                          (raw == nullptr ? "" : '\n' + asked.raw + " is as it was before."),
                      result.code);
         return status_of(result.code);

@@ -23,6 +23,7 @@ constexpr check table_of_checks[] = {
     {"mtu", check_mtu},
     {"vlan", check_vlan},
     {"capture", check_capture},
+    {"access", check_users},
     {"clock_step", check_clock_steps},
     {"clock_sync", check_clock_sync},
     {"properties", check_properties},

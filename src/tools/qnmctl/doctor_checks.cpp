@@ -6,6 +6,7 @@
 #include <sys/timex.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
@@ -287,6 +288,58 @@ void check_capture(const inspected& system, findings& found) {
         }
         found.back().about = one.name;
     });
+}
+
+// ---- Access -------------------------------------------------------------------------------------
+
+namespace {
+
+finding judge_user(const std::optional<port_user>& user) {
+    if (!user) return {.text = "no process accesses cards by it"};
+    if (user->manager) {
+        return {.rank = severity::note,
+                .text = process_text(*user) +
+                        " accesses cards by it; all others are refused, and can listen",
+                .remedy = "To access cards by another process, stop the manager of that one."};
+    }
+    return {.rank = severity::warning,
+            .text = process_text(*user) +
+                    " has taken the name by which managers exclude each other, and is none; two "
+                    "managers that access cards at once get wrong values",
+            .remedy = "Find out what it is for, and end it."};
+}
+
+// An interface that was renamed is another one for whoever goes by its name.
+finding judge_left(const left_behind& one, bool is_port_missing) {
+    if (!one.name.empty()) {
+        return {.rank = is_port_missing ? severity::warning : severity::note,
+                .about = one.name,
+                .text = process_text(one.user) +
+                        " works with this interface, which is none of the ports here",
+                .remedy =
+                    "If it was a port of that process and was renamed, its manager is deaf "
+                    "there: name the interface in its qnm.conf, and start it again."};
+    }
+    const std::string index =
+        one.if_index == 0 ? "" : " (index " + std::to_string(one.if_index) + ')';
+    return {.rank = severity::error,
+            .text = process_text(one.user) + " works with an interface that has gone" + index +
+                    ": it is deaf there, also when one of the same name has come back",
+            .remedy = "Stop its manager and start it again."};
+}
+
+}  // namespace
+
+void check_users(const inspected& system, findings& found) {
+    for_interfaces(system, [&](const interface_facts& one) {
+        found.push_back(judge_user(one.user));
+        found.back().about = one.name;
+    });
+    const bool is_port_missing =
+        std::any_of(system.interfaces.begin(), system.interfaces.end(),
+                    [](const interface_facts& one) { return one.error == ENODEV; });
+    for (const left_behind& one : system.left)
+        found.push_back(judge_left(one, is_port_missing));
 }
 
 // ---- Clock --------------------------------------------------------------------------------------

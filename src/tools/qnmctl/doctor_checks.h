@@ -13,6 +13,7 @@ void check_interfaces(const inspected& system, findings& found);
 void check_links(const inspected& system, findings& found);
 void check_mtu(const inspected& system, findings& found);
 void check_vlan(const inspected& system, findings& found);
+void check_users(const inspected& system, findings& found);
 void check_capture(const inspected& system, findings& found);
 void check_clock_steps(const inspected& system, findings& found);
 void check_clock_sync(const inspected& system, findings& found);

@@ -28,6 +28,7 @@
 #include "config_file.h"
 #include "doctor_logs.h"
 #include "installation.h"
+#include "open_ports.h"
 #include "qnm.h"
 
 namespace qnmctl {
@@ -190,6 +191,35 @@ capture_facts look_at_capture(const std::string& name) {
     return found;
 }
 
+// ---- Who uses the interfaces --------------------------------------------------------------------
+
+// Notes a process with an interface, unless that is one of the ports.
+void note_interface(std::vector<left_behind>& found, const std::vector<std::string>& ports,
+                    int index, const port_user& user) {
+    char name[IF_NAMESIZE] = "";
+    const bool is_there =
+        index > 0 && if_indextoname(static_cast<unsigned>(index), name) != nullptr;
+    if (!is_there && index > 0 && errno != ENXIO) return;
+    if (std::find(ports.begin(), ports.end(), name) != ports.end()) return;
+    const auto is_same = [&](const left_behind& one) {
+        return one.user.pid == user.pid && one.name == name;
+    };
+    if (std::any_of(found.begin(), found.end(), is_same)) return;
+    found.push_back({.if_index = index, .name = name, .user = user});
+}
+
+// Who has the lock of an interface anybody may ask; who has a port open, only root in general.
+std::vector<left_behind> find_left_behind(const std::vector<std::string>& ports) {
+    std::vector<left_behind> found;
+    for (const int index : used_indexes()) {
+        const auto user = find_port_user(index);
+        if (user && user->manager) note_interface(found, ports, index, *user);
+    }
+    for (const open_port& one : find_open_ports())
+        note_interface(found, ports, one.if_index, one.user);
+    return found;
+}
+
 // ---- Clock --------------------------------------------------------------------------------------
 
 std::int64_t nanoseconds_of(clockid_t clock) {
@@ -325,13 +355,18 @@ inspected inspect_system(const installation& where) {
     found.known_interfaces = name_interfaces();
     // Behind a link nobody has looked which ports are named.
     const bool is_known = found.config.state != file_state::link;
-    for (const std::string& name :
-         is_known ? configured_ports(found.config.text) : std::vector<std::string>()) {
+    const std::vector<std::string> ports =
+        is_known ? configured_ports(found.config.text) : std::vector<std::string>();
+    for (const std::string& name : ports) {
         interface_facts one = look_at_interface(name);
         const bool can_open = one.error == 0 && one.up && found.privileges.socket_error == 0;
         if (can_open) one.capture = look_at_capture(name);
+        if (one.error == 0) {
+            one.user = find_port_user(static_cast<int>(if_nametoindex(name.c_str())));
+        }
         found.interfaces.push_back(one);
     }
+    found.left = find_left_behind(ports);
     found.capture_library = pcap_lib_version();
     found.clock = look_at_clock();
     for (const std::string& file : log_files(found.properties.text))

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "port_user.h"
 #include "regular_file.h"
 
 namespace qnmctl {
@@ -70,6 +71,14 @@ struct interface_facts {
     std::optional<feature> vlan_offload = {};
     std::optional<feature> vlan_filter = {};
     std::optional<capture_facts> capture = {};  // not there: it was not tried
+    std::optional<port_user> user = {};
+};
+
+// A process that works with an interface which is no port of the configuration.
+struct left_behind {
+    int if_index = 0;       // 0: not known
+    std::string name = {};  // of the interface; empty: it has gone
+    port_user user = {};
 };
 
 // The wall clock, read between two readings of the monotonic one; nanoseconds.
@@ -105,6 +114,7 @@ struct inspected {
     file_facts properties = {};
     std::vector<std::string> known_interfaces = {};
     std::vector<interface_facts> interfaces = {};  // those of the configuration, in their order
+    std::vector<left_behind> left = {};            // each process once for an interface
     std::string capture_library = {};              // libpcap's name and version
     clock_facts clock = {};
     std::vector<log_place> logs = {};  // those of the properties file

@@ -63,9 +63,9 @@ void tell_result(context& with, const request& asked, const std::vector<differen
                                  {"written", result.written},
                                  {"result", code_json(result.code)}});
     if (result.code == QNM_API_SUCCESS) return;
-    const std::string reason =
-        result.code ? failure_text(asked.id, "qnm_write_eeprom", access_scope::eeprom, *result.code)
-                    : id_text(asked.id) + ": ended by a signal";
+    const std::string reason = result.code ? access_failure(with, asked.id, "qnm_write_eeprom",
+                                                            access_scope::eeprom, *result.code)
+                                           : id_text(asked.id) + ": ended by a signal";
     tell_failure(with,
                  reason + "\nOf " + std::to_string(changes.size()) + " words " + count +
                      " were written. The same command writes the rest.",
@@ -94,7 +94,8 @@ int run_restore(context& with, const request& asked) {
     wanted_ids(asked);
     const dump_result before = read_dump(with, eeprom_source, asked, 0, end);
     if (before.code != QNM_API_SUCCESS) {
-        tell_failure(with, incomplete_text(eeprom_source, before, end) + "\nNothing was written.",
+        tell_failure(with,
+                     incomplete_text(with, eeprom_source, before, end) + "\nNothing was written.",
                      before.code);
         return status_of(before.code);
     }

@@ -40,8 +40,8 @@ constexpr code_words codes[] = {
      "Something failed inside the library. Its log tells what."},
     {"QNM_API_ETIMEDOUT", "no answer in time",
      "The card did not answer in time. Check that it is connected."},
-    {"QNM_API_EBUSY", "the manager or the card is busy",
-     "The manager or the card is busy. Try again later."},
+    {"QNM_API_EBUSY", "the manager, the port or the card is busy",
+     "The manager, the port or the card is busy. Try again later."},
     {"QNM_API_ENOSYS", "the manager is not running",
      "The manager is not running. Its log tells why it ended."},
 };

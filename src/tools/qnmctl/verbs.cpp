@@ -150,13 +150,13 @@ constexpr char topology_help[] =
     "    qnmctl --ports eth1 topology -o dot | dot -Tsvg > topology.svg";
 
 constexpr char doctor_help[] =
-    "Looks at privileges, interfaces with their link and VLAN offload, capture, clock, both files\n"
-    "of the configuration line by line, log folders and free space, without starting a manager\n"
-    "and without changing anything. Each finding is ok, a note, a warning or an error, and has\n"
-    "its remedy below it. Run it as the user that the host program runs as. Only regular files "
-    "are\n"
-    "read, up to 1 MiB, and not what a symbolic link stands for. The exit status is 3 when there\n"
-    "is an error: a manager would not start, or do without what it is told to use.";
+    "Looks at privileges, interfaces with their link and VLAN offload, capture, which process\n"
+    "accesses cards by an interface or is deaf there, clock, both files of the configuration line\n"
+    "by line, log folders and free space, without starting a manager and without changing\n"
+    "anything. Each finding is ok, a note, a warning or an error, and has its remedy below it.\n"
+    "Run it as the user that the host program runs as. Only regular files are read, up to 1 MiB,\n"
+    "and not what a symbolic link stands for. The exit status is 3 when there is an error: a\n"
+    "manager would not start, do without what it is told to use, or hear nothing.";
 
 constexpr char show_help[] =
     "Beside the title of a field stands its name in JSON. A QNSV card has its bridge settings and\n"

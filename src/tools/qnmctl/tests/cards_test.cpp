@@ -582,6 +582,114 @@ TEST_F(Cards, AreAccessedFromLinesOfAWatch) {
         << run.errors();
 }
 
+// ---- Two processes ------------------------------------------------------------------------------
+
+// A command that accesses cards, and stays.
+class Accessed : public Cards {
+  protected:
+    void SetUp() override {
+        // On the first port alone, so that all processes go by that one.
+        add("sv", cardsim::card_kind::qnsv, cardsim::card_speed::g1_10, 0x020000001000, 10);
+        cards.silence("sv", 1, 0);
+        cards.start();
+        holder.read_until(std::string("QNSV ") + server);
+        holder.say(std::string("reg read ") + server + " 0x100");
+        holder.read_until("register 0x00000100");
+    }
+
+    // Its findings of one check.
+    static json findings_of(const char* check, int status) {
+        json found = json::array();
+        for (const json& one : records({"doctor"}, status)) {
+            if (one.at("record") == "finding" && one.at("check") == check) found.push_back(one);
+        }
+        return found;
+    }
+
+    program holder{ctl({"watch"})};
+};
+
+TEST_F(Accessed, AreRefusedToAnotherProcessUntilThatOneEnds) {
+    const words accesses[] = {{"reg", "read", server, "0x100"},
+                              {"reg", "write", server, "0x100", "1"},
+                              {"reg", "dump", server, "0x100", "0x110"},
+                              {"eeprom", "read", server, "8"},
+                              {"eeprom", "unlock", server},
+                              {"vlan", server, "30"},
+                              {"reset", server, "1"}};
+    for (const words& access : accesses) {
+        const ended refused = run(access);
+        EXPECT_EQ(code_status(QNM_API_EBUSY), refused.status) << refused.errors;
+        EXPECT_TRUE(holds(refused.errors, "failed: QNM_API_EBUSY\n  Process ")) << refused.errors;
+        EXPECT_TRUE(holds(refused.errors,
+                          " (qnmctl) accesses cards by qnm0, and one process at a "
+                          "time may."))
+            << refused.errors;
+        EXPECT_EQ("", refused.out);
+    }
+    holder.say("quit");
+    EXPECT_EQ(0, holder.end());
+    const ended taken = run(accesses[0]);
+    EXPECT_EQ(0, taken.status) << taken.errors;
+}
+
+TEST_F(Accessed, AreListenedToByOthersBesideIt) {
+    for (const words& listening :
+         {words{"list", "--for", "1"}, words{"show", server}, words{"topology", "--for", "1"}}) {
+        const ended listened = run(listening);
+        EXPECT_EQ(0, listened.status) << listening[0] << ": " << listened.errors;
+        EXPECT_TRUE(holds(listened.out, server)) << listening[0] << ": " << listened.out;
+    }
+    const ended captured = run({"capture", "--count", "1", file("one.pcapng")});
+    EXPECT_EQ(0, captured.status) << captured.errors;
+}
+
+TEST_F(Accessed, HaveTheirProcessNamedByTheDoctor) {
+    const json found = findings_of("access", 0);
+    ASSERT_EQ(2U, found.size());
+    EXPECT_EQ("qnm0", found[0].at("about"));
+    EXPECT_EQ("note", found[0].at("severity"));
+    EXPECT_TRUE(holds(found[0].at("text"), "(qnmctl) accesses cards by it")) << found;
+    EXPECT_EQ("ok", found[1].at("severity"));
+    EXPECT_EQ("no process accesses cards by it", found[1].at("text"));
+}
+
+// As after a driver has been loaded anew: the name is there, the interface is another one.
+TEST_F(Accessed, HaveADeafProcessNamedByTheDoctor) {
+    run_or_throw("ip link del qnm0");
+    run_or_throw("ip link add qnm0 type veth peer name qsim2");
+    run_or_throw("ip link set qnm0 up && ip link set qsim2 up");
+    const json found = findings_of("access", 3);
+    ASSERT_EQ(3U, found.size()) << found;
+    EXPECT_EQ("ok", found[0].at("severity"));
+    EXPECT_EQ("error", found[2].at("severity"));
+    EXPECT_TRUE(holds(found[2].at("text"), "(qnmctl) works with an interface that has gone (index"))
+        << found;
+}
+
+// The same of one that only listens, and has no lock.
+TEST_F(Cards, HaveADeafListenerNamedByTheDoctor) {
+    program listener(ctl({"watch"}));
+    listener.read_until(std::string("QNSV ") + server);
+    const auto named = [&](const char* severity, int status) {
+        const std::string process = "process " + std::to_string(listener.pid()) + " (qnmctl) works";
+        for (const json& one : records({"doctor"}, status)) {
+            if (one.at("record") == "finding" && one.at("check") == "access" &&
+                one.at("severity") == severity && holds(one.at("text"), process)) {
+                return true;
+            }
+        }
+        return false;
+    };
+    EXPECT_FALSE(named("error", 0));
+    run_or_throw("ip link set qnm0 down && ip link set qnm0 name renamed0");
+    EXPECT_TRUE(named("warning", 3));
+    run_or_throw("ip link del renamed0");
+    run_or_throw("ip link add qnm0 type veth peer name qsim2");
+    run_or_throw("ip link set qnm0 up && ip link set qsim2 up");
+    EXPECT_TRUE(named("error", 3));
+}
+
 // ---- Lost paths ---------------------------------------------------------------------------------
 
 // The library tells no reasons; a watch finds them by the times in its records.

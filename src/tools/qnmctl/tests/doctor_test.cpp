@@ -256,6 +256,35 @@ TEST_F(CheckInterface, TellsHowFramesAreCaptured) {
     EXPECT_TRUE(finds("capture", severity::note, "was not opened", system));
 }
 
+TEST_F(CheckInterface, TellsWhoAccessesCardsByIt) {
+    EXPECT_TRUE(finds("access", severity::ok, "no process", system));
+    first.user = port_user{.pid = 4711, .name = "host"};
+    EXPECT_TRUE(
+        finds("access", severity::note, "process 4711 (host) accesses cards by it", system));
+    first.user->pid = 0;
+    EXPECT_TRUE(finds("access", severity::note, "that cannot be seen from here accesses", system));
+    first.user = port_user{.manager = false, .pid = 4711, .name = "sh"};
+    EXPECT_TRUE(finds("access", severity::warning, "process 4711 (sh) has taken the name", system));
+}
+
+TEST_F(CheckInterface, TellsWhoWorksWithOneThatHasGone) {
+    system.left = {{.if_index = 7, .user = {.pid = 4711, .name = "host"}}};
+    EXPECT_TRUE(finds("access", severity::error,
+                      "process 4711 (host) works with an interface that has gone (index 7)",
+                      system));
+    system.left[0].if_index = 0;
+    EXPECT_TRUE(finds("access", severity::error, "an interface that has gone: it is deaf", system));
+}
+
+TEST_F(CheckInterface, TellsWhoWorksWithOneThatIsNoPortAndMayHaveBeenRenamed) {
+    system.left = {{.if_index = 7, .name = "eth7", .user = {.pid = 4711, .name = "host"}}};
+    EXPECT_TRUE(finds("access", severity::note,
+                      "process 4711 (host) works with this interface, which is none", system));
+    first.error = ENODEV;
+    EXPECT_TRUE(finds("access", severity::warning, "works with this interface", system));
+    EXPECT_TRUE(holds(found_by("access", system).back().remedy, "renamed"));
+}
+
 // ---- Clock --------------------------------------------------------------------------------------
 
 TEST(ClockStep, IsToldOnlyWhereTheReadingsLeaveNoDoubt) {

@@ -33,6 +33,7 @@ class program {
 
     void say(const std::string& line) const;
     void signal(int number) const;
+    pid_t pid() const { return pid_; }
     void close_input() { close_end(in_); }
     void close_output() { close_end(out_); }
 

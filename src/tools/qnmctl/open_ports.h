@@ -1,0 +1,18 @@
+// Which processes have ports of a manager open, whether or not they access cards by them.
+#pragma once
+
+#include <vector>
+
+#include "port_user.h"
+
+namespace qnmctl {
+
+struct open_port {
+    int if_index = 0;  // 0: the interface has gone
+    port_user user = {};
+};
+
+// Of all other processes that have libqnm loaded and that this user may look into.
+std::vector<open_port> find_open_ports();
+
+}  // namespace qnmctl
