@@ -186,7 +186,11 @@ class TimedOutError(Error, TimeoutError):
 
 
 class BusyError(Error):
-    """A manager that runs already, or an EEPROM lock that another party keeps (EBUSY)."""
+    """Somebody else has what is wanted (EBUSY).
+
+    A manager that runs already; cards on a port by which another process accesses cards; an EEPROM
+    lock that another party keeps.
+    """
 
     code = ResultCode.EBUSY
     meaning = "busy"

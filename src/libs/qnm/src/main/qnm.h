@@ -480,6 +480,12 @@ qnm_api_code_t qnm_unregister_callback(qnm_cbid_t id);
  * read up to retry count + 1 times; a live check adds up to four reads, with the values configured
  * for it.
  *
+ * At most one manager at a time accesses cards by an interface: all managers there are the same to
+ * the cards, so that one would take the other's answers. The first call that sends a frame by a
+ * port takes the port for this manager, until that stops; in all other processes of this machine,
+ * and of this network namespace, these calls return QNM_API_EBUSY from then on, and the log tells
+ * which process has the port. Listening needs nothing of it. Between machines nothing excludes.
+ *
  * All of them may return, beside what each lists:
  *
  * @retval QNM_API_ENOENT     the card ID is not known
@@ -524,6 +530,7 @@ enum {
  * @retval QNM_API_SUCCESS    the value was read
  * @retval QNM_API_EINVAL     addr is no multiple of 4, data is NULL, or the retry interval is 0
  * @retval QNM_API_ETIMEDOUT  no answer to any of retry count + 1 frames
+ * @retval QNM_API_EBUSY      another process accesses cards by the same port
  */
 qnm_api_code_t qnm_read_register(uint64_t id, uint32_t addr, uint32_t* data,
                                  const qnm_retry_t* retry_param, uint32_t flags);
@@ -541,6 +548,7 @@ qnm_api_code_t qnm_read_register(uint64_t id, uint32_t addr, uint32_t* data,
  * @retval QNM_API_EINVAL     addr is no multiple of 4, or the retry interval is 0
  * @retval QNM_API_ETIMEDOUT  QNM_FLAG_VERIFY: no answer, or another value after retry count + 1
  *                            writes
+ * @retval QNM_API_EBUSY      another process accesses cards by the same port
  */
 qnm_api_code_t qnm_write_register(uint64_t id, uint32_t addr, uint32_t data,
                                   const qnm_retry_t* retry_param, uint32_t flags);
@@ -558,6 +566,7 @@ qnm_api_code_t qnm_write_register(uint64_t id, uint32_t addr, uint32_t data,
  * @retval QNM_API_SUCCESS    the bits hold, or without QNM_FLAG_VERIFY were sent
  * @retval QNM_API_EINVAL     addr is no multiple of 4, or the retry interval is 0
  * @retval QNM_API_ETIMEDOUT  no answer, or QNM_FLAG_VERIFY: other bits after retry count + 1 writes
+ * @retval QNM_API_EBUSY      another process accesses cards by the same port
  */
 qnm_api_code_t qnm_modify_register(uint64_t id, uint32_t addr, uint32_t data, uint32_t mask,
                                    const qnm_retry_t* retry_param, uint32_t flags);
@@ -579,6 +588,7 @@ qnm_api_code_t qnm_modify_register(uint64_t id, uint32_t addr, uint32_t data, ui
  * @retval QNM_API_EINVAL     an address, the order of the two or *len does not fit, data or len is
  *                            NULL, or the retry interval is 0
  * @retval QNM_API_ETIMEDOUT  a register was not answered
+ * @retval QNM_API_EBUSY      another process accesses cards by the same port
  */
 qnm_api_code_t qnm_dump_register(uint64_t id, uint32_t startaddr, uint32_t endaddr, uint32_t* data,
                                  size_t* len, const qnm_retry_t* retry_param, uint32_t flags);
@@ -610,7 +620,8 @@ qnm_api_code_t qnm_dump_register(uint64_t id, uint32_t startaddr, uint32_t endad
  * @retval QNM_API_SUCCESS    the word was read
  * @retval QNM_API_EINVAL     addr is no multiple of 4 or above 2044, data is NULL, or the retry
  *                            interval is 0
- * @retval QNM_API_EBUSY      another party keeps the lock
+ * @retval QNM_API_EBUSY      another party keeps the lock, or another process accesses cards by the
+ *                            same port
  * @retval QNM_API_ETIMEDOUT  no answer, or the EEPROM did not get ready, or the card did not take
  *                            the request for its lock, or the lock could not be had by force
  * @retval QNM_API_EPROTO     the card refused the access
@@ -629,7 +640,8 @@ qnm_api_code_t qnm_read_eeprom(uint64_t id, uint32_t addr, uint32_t* data,
  * @retval QNM_API_SUCCESS    the card reported the write complete, or with QNM_FLAG_VERIFY the word
  *                            was read back
  * @retval QNM_API_EINVAL     addr is no multiple of 4 or above 2044, or the retry interval is 0
- * @retval QNM_API_EBUSY      another party keeps the lock
+ * @retval QNM_API_EBUSY      another party keeps the lock, or another process accesses cards by the
+ *                            same port
  * @retval QNM_API_ETIMEDOUT  as for qnm_read_eeprom(), or with QNM_FLAG_VERIFY another word was
  *                            read back after every attempt
  * @retval QNM_API_EPROTO     the card refused the access
@@ -654,7 +666,8 @@ qnm_api_code_t qnm_write_eeprom(uint64_t id, uint32_t addr, uint32_t data,
  * @retval QNM_API_SUCCESS    all words were read
  * @retval QNM_API_EINVAL     an address, the order of the two or *len does not fit, data or len is
  *                            NULL, or the retry interval is 0
- * @retval QNM_API_EBUSY      another party keeps the lock
+ * @retval QNM_API_EBUSY      another party keeps the lock, or another process accesses cards by the
+ *                            same port
  * @retval QNM_API_ETIMEDOUT  a word was not read for one of the reasons of qnm_read_eeprom()
  * @retval QNM_API_EPROTO     the card refused the access to a word
  */
@@ -670,6 +683,7 @@ qnm_api_code_t qnm_dump_eeprom(uint64_t id, uint32_t startaddr, uint32_t endaddr
  * @param[in] id  card ID
  * @retval QNM_API_SUCCESS    no other party holds the lock
  * @retval QNM_API_ETIMEDOUT  no answer, or the lock was kept
+ * @retval QNM_API_EBUSY      another process accesses cards by the same port
  */
 qnm_api_code_t qnm_unlock_eeprom(uint64_t id);
 
@@ -688,6 +702,7 @@ qnm_api_code_t qnm_unlock_eeprom(uint64_t id);
  * @retval QNM_API_EINVAL     vlanid out of range, or the retry interval is 0
  * @retval QNM_API_ETIMEDOUT  QNM_FLAG_VERIFY: the card did not announce the new ID
  * @retval QNM_API_EPROTO     QNM_FLAG_VERIFY: the card was deleted meanwhile
+ * @retval QNM_API_EBUSY      another process accesses cards by the same port
  */
 qnm_api_code_t qnm_set_vlanid(uint64_t id, uint16_t vlanid, const qnm_retry_t* retry_param,
                               uint32_t flags);
@@ -702,6 +717,7 @@ qnm_api_code_t qnm_set_vlanid(uint64_t id, uint16_t vlanid, const qnm_retry_t* r
  * @param[in] retry_param  has no effect; may be NULL
  * @param[in] flags        have no effect
  * @retval QNM_API_SUCCESS  the frame was sent
+ * @retval QNM_API_EBUSY    another process accesses cards by the same port
  */
 qnm_api_code_t qnm_send_resetframe(uint64_t id, unsigned char status,
                                    const qnm_retry_t* retry_param, uint32_t flags);
@@ -716,6 +732,7 @@ qnm_api_code_t qnm_send_resetframe(uint64_t id, unsigned char status,
  * @retval QNM_API_SUCCESS  the page was sent
  * @retval QNM_API_EINVAL   page out of range, or data is NULL
  * @retval QNM_API_ENOENT   the ID is not that of a multi-root QNIO card
+ * @retval QNM_API_EBUSY    another process accesses cards by the same port
  */
 qnm_api_code_t qnm_write_mmspage(uint64_t id, uint32_t page, uint32_t* data, uint32_t flags);
 
