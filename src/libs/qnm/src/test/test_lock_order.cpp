@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "qnm_completion.h"
+#include "qnm_port_lock.h"
 #include "units.h"
 
 namespace {
@@ -132,6 +133,15 @@ TEST_F(lock_order_death, the_tags_after_the_table) {
         "completion tags taken while device table is held");
 }
 
+TEST_F(lock_order_death, a_ports_lock_after_the_table) {
+    EXPECT_DEATH(
+        {
+            const qnm::table_guard lock;
+            _qnm_port_lock_close(0);
+        },
+        "port lock taken while device table is held");
+}
+
 // Locks of every level, in their order.
 struct all_levels {
     qnm_mutex_t callbacks = QNM_MUTEX_OF_LEVEL(QNM_LOCK_CALLBACKS);
@@ -144,6 +154,7 @@ struct all_levels {
     qnm_mutex_t event_queue = QNM_MUTEX_OF_LEVEL(QNM_LOCK_EVENT_QUEUE);
     qnm_mutex_t write_locks = QNM_MUTEX_OF_LEVEL(QNM_LOCK_WRITE_LOCKS);
     qnm_mutex_t tags = QNM_MUTEX_OF_LEVEL(QNM_LOCK_TAGS);
+    qnm_mutex_t port = QNM_MUTEX_OF_LEVEL(QNM_LOCK_PORT);
     qnm_mutex_t paced = QNM_MUTEX_OF_LEVEL(QNM_LOCK_PACED);
     qnm_mutex_t statistics = QNM_MUTEX_OF_LEVEL(QNM_LOCK_STATS);
 };
@@ -151,13 +162,14 @@ struct all_levels {
 constexpr qnm_mutex_t all_levels::*k_levels[] = {
     &all_levels::callbacks,   &all_levels::handles,   &all_levels::log,   &all_levels::card_write,
     &all_levels::table,       &all_levels::blacklist, &all_levels::event, &all_levels::event_queue,
-    &all_levels::write_locks, &all_levels::tags,      &all_levels::paced, &all_levels::statistics,
+    &all_levels::write_locks, &all_levels::tags,      &all_levels::port,  &all_levels::paced,
+    &all_levels::statistics,
 };
 static_assert(std::size(k_levels) + 1 == QNM_LOCK_LEVEL_MAX);
 
 TEST_F(lock_order_death, anything_but_counts_after_a_lock_of_single_steps) {
     for (const auto outer : {&all_levels::handles, &all_levels::event_queue,
-                             &all_levels::write_locks, &all_levels::tags}) {
+                             &all_levels::write_locks, &all_levels::tags, &all_levels::port}) {
         for (const auto inner : k_levels) {
             all_levels of;
             if (inner == &all_levels::statistics || inner == &all_levels::paced) {
@@ -190,6 +202,17 @@ TEST_F(lock_order_death, the_tags_after_anything_but_what_a_call_holds) {
             take_two(of.*outer, of.tags);
         } else {
             EXPECT_DEATH(take_two(of.*outer, of.tags), "completion tags taken while");
+        }
+    }
+}
+
+TEST_F(lock_order_death, a_ports_lock_after_anything_but_what_a_call_holds) {
+    for (const auto outer : k_levels) {
+        all_levels of;
+        if (outer == &all_levels::callbacks || outer == &all_levels::card_write) {
+            take_two(of.*outer, of.port);
+        } else {
+            EXPECT_DEATH(take_two(of.*outer, of.port), "port lock taken while");
         }
     }
 }
