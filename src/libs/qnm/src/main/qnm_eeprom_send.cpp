@@ -8,8 +8,8 @@
 //
 // Everything here is register access, and each step may fail by itself. 71 and 38 (a stop) end
 // every loop at once; any other failure is a failed attempt, and attempts are counted. That another
-// process accesses cards by the port shows with the first frame, before any loop: a 16 within one
-// is the card's.
+// process accesses cards by the port shows with the first frame, before any loop; a 16 within one
+// is as good as always the card's, and counts as that.
 //
 // A card must not stay locked because a manager stops. What this host may have on it is kept with
 // the call (traces); a loop that ends at once takes it back by frames that nobody waits for: first
@@ -175,6 +175,14 @@ int take_bit_back(const card_access& card) {
     if (!card.left->bit) return 0;
     card.left->bit = false;
     return write_register(card, k_bit_lock, card.left->others_bits);
+}
+
+// At the end of an access there is no next attempt; and where the bits cannot be read, none has
+// been written.
+int release_bit(const card_access& card) {
+    const int err = _qnm_unlock_eeprom(card);
+    if (err != 0) take_bit_back(card);
+    return err;
 }
 
 int read_lock_bits(const card_access& card, uint32_t* bits) {
@@ -373,7 +381,7 @@ struct eeprom_lock {
 };
 
 constexpr eeprom_lock k_lock_by_bits = {{lock_by_bits, k_lock_by_bits_name},
-                                        {_qnm_unlock_eeprom, "_qnm_unlock_eeprom"},
+                                        {release_bit, "_qnm_unlock_eeprom"},
                                         {_qnm_unlock_eeprom_impl, "_qnm_unlock_eeprom_impl"},
                                         take_bit_back};
 constexpr eeprom_lock k_lock_by_id = {{lock_by_id, k_lock_by_id_name},

@@ -335,12 +335,16 @@ TEST_P(eeprom_call, leaves_nothing_on_the_card_whenever_it_is_stopped) {
     }
 }
 
-TEST_P(eeprom_call, takes_the_lock_back_when_its_release_fails_for_good) {
-    script.fail_at(1 + 4 + 7 + 1, EPROTO);  // lock type, lock, word, release
-    call();
-    EXPECT_THAT(steps(script.seen().end() - 3, script.seen().end()),
-                ElementsAre("M 50F0=0/4", "W 50F0=0", "unlock"));
-    EXPECT_TRUE(is_clean());
+TEST_P(eeprom_call, takes_the_lock_back_when_its_release_fails) {
+    for (const int err : {EPROTO, ETIMEDOUT}) {
+        SCOPED_TRACE(err);
+        renew();
+        script.fail_at(1 + 4 + 7 + 1, err);  // lock type, lock, word, release
+        call();
+        EXPECT_THAT(steps(script.seen().end() - 3, script.seen().end()),
+                    ElementsAre("M 50F0=0/4", "W 50F0=0", "unlock"));
+        EXPECT_TRUE(is_clean());
+    }
 }
 
 TEST_P(eeprom_call, keeps_its_own_failure_when_the_release_fails_as_well) {
