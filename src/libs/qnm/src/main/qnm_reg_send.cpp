@@ -216,13 +216,14 @@ int modify_verified(const qnm_com_dev_t* dev, uint32_t addr, uint32_t data, uint
 
 // ---- Live check ---------------------------------------------------------------------------------
 
-// Whether the card answers over this path, which stays connected in dev unless there is no answer.
+// Whether the card answers over this path, which stays connected in dev unless there is no answer,
+// or the port is another process's.
 int try_path(qnm_com_dev_t* dev, int port, int path) {
     uint32_t data = 0;
     dev->ecd_state[port][path] = 1;
     const int err = _qnm_read_register(dev, 0, &data, qnm_config.frame_retry_interval_lc,
                                        qnm_config.frame_retry_count_lc);
-    if (err == ETIMEDOUT) dev->ecd_state[port][path] = 0;
+    if (err == ETIMEDOUT || err == EBUSY) dev->ecd_state[port][path] = 0;
     return err;
 }
 
@@ -380,7 +381,11 @@ int _qnm_livecheck(qnm_com_dev_t* dev) {
     const uint32_t used = qnm_config.use_port_num_linux;
     int err = ETIMEDOUT;
     if (used >= 1) err = try_port(dev, 0);
-    if (used >= 2 && err == ETIMEDOUT) err = try_port(dev, 1);
+    // The other port may be nobody's where another process has this one.
+    if (used >= 2 && (err == ETIMEDOUT || err == EBUSY)) {
+        const int second = try_port(dev, 1);
+        if (err == ETIMEDOUT || second != ETIMEDOUT) err = second;
+    }
     return err == ETIMEDOUT ? ENOLINK : err;
 }
 

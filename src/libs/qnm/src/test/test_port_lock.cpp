@@ -201,6 +201,7 @@ TEST_F(port_lock, of_another_process_refuses_every_call_without_a_frame) {
 }
 
 TEST_F(port_lock, of_another_process_ends_the_live_check) {
+    qnm_config.use_port_num_linux = 1;
     const other_process other(lock_first_port);
     dev.ecd_state[0][0] = 0;  // connected nowhere: a path is looked for
     store(dev);
@@ -208,6 +209,14 @@ TEST_F(port_lock, of_another_process_ends_the_live_check) {
     EXPECT_EQ(qnm_read_register(k_id, 0, &data, &k_retry, QNM_FLAG_LIVECHECK), QNM_API_EBUSY);
     EXPECT_EQ(logs.count(k_error, line_of(other.pid(), "")), 1U);
     EXPECT_EQ(sent_count(), 0U);
+}
+
+TEST_F(port_lock, of_another_process_lets_the_live_check_go_on_to_a_free_port) {
+    const other_process other(lock_first_port);
+    dev.ecd_state[0][0] = 0;  // connected nowhere: a path is looked for
+    store(dev);
+    uint32_t data = 0;
+    EXPECT_EQ(qnm_read_register(k_id, 0, &data, &k_retry, QNM_FLAG_LIVECHECK), QNM_API_SUCCESS);
 }
 
 TEST_F(port_lock, is_free_when_the_other_one_has_released_it_or_has_died) {
