@@ -634,6 +634,7 @@ void take_from_batch(unsigned char* arg, const struct pcap_pkthdr* header,
                      const unsigned char* frame) {
     const int port = *reinterpret_cast<const int*>(arg);
     take_frame("_qnm_recv_frame", port, frame, captured_length(*header));
+    if (_qnm_untold_events() >= k_untold_max) _qnm_tell_events();
     if (is_stopping(port)) pcap_breakloop(qnm_root.er_port_info[port].epi_pcap);
 }
 
@@ -699,21 +700,35 @@ bool serve_capture(int port, const struct pollfd& capture) {
     return true;
 }
 
+// What the receive loop waits for, and how many frames it has taken one by one since it last woke
+// the event thread.
+struct waiting {
+    struct pollfd fds[2];
+    int frames = 0;
+};
+
+// The event thread may sleep on while another frame waits, but not for more than some. A batch has
+// taken as many, or all that were there.
+bool may_tell_later(waiting& wait) {
+    const uint32_t untold = _qnm_untold_events();
+    return !takes_batches() && untold != 0 && untold < k_untold_max && ++wait.frames < k_batch_max;
+}
+
 // Waits for the next frame, and before it sleeps wakes the event thread for what the last ones have
 // raised.
-int wait_for_frame(struct pollfd (&fds)[2]) {
-    const uint32_t untold = _qnm_untold_events();
-    if (untold != 0 && untold < k_untold_max) {
-        const int ready = poll(fds, 2, 0);
+int wait_for_frame(waiting& wait) {
+    if (may_tell_later(wait)) {
+        const int ready = poll(wait.fds, 2, 0);
         if (ready != 0) return ready;
     }
+    wait.frames = 0;
     _qnm_tell_events();
-    return poll(fds, 2, k_poll_ms);
+    return poll(wait.fds, 2, k_poll_ms);
 }
 
 // One round of the loop; false when the thread must end.
-bool receive_once(int port, struct pollfd (&fds)[2]) {
-    const int ready = wait_for_frame(fds);
+bool receive_once(int port, waiting& wait) {
+    const int ready = wait_for_frame(wait);
     if (ready == -1) {
         qnm_log_fatal("%s: poll() returned -1. errno=%d, port_num=%d", k_loop_name, errno, port);
         _qnm_fini_manager();
@@ -722,8 +737,9 @@ bool receive_once(int port, struct pollfd (&fds)[2]) {
     if (ready == 0) {
         qnm_log_trace("%s: poll() returned 0(Timeout). port_num=%d", k_loop_name, port);
     }
-    if (_qnm_terminate_event_check(k_loop_name, &fds[1], k_drain_size, port) != 0) return false;
-    if (serve_capture(port, fds[0])) return true;
+    if (_qnm_terminate_event_check(k_loop_name, &wait.fds[1], k_drain_size, port) != 0)
+        return false;
+    if (serve_capture(port, wait.fds[0])) return true;
     _qnm_fini_manager();
     return false;
 }
@@ -749,8 +765,8 @@ void _qnm_recv_lin(int port) {
         _qnm_fini_manager();
         return;
     }
-    struct pollfd fds[2] = {{capture, POLLIN, 0}, {qnm_terminate_fd_recv[port][0], POLLIN, 0}};
-    while (qnm::is_running() && receive_once(port, fds)) {
+    waiting wait = {{{capture, POLLIN, 0}, {qnm_terminate_fd_recv[port][0], POLLIN, 0}}};
+    while (qnm::is_running() && receive_once(port, wait)) {
     }
 }
 

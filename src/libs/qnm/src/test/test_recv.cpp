@@ -612,6 +612,24 @@ TEST_F(recv, a_burst_wakes_the_event_thread_once_in_64_events) {
     EXPECT_EQ(fail::count(fail::call::pthread_cond_signal), 3U);
 }
 
+TEST_F(recv, news_are_told_while_frames_without_any_go_on_waiting) {
+    constexpr size_t k_frames = 100;  // the first one makes the only event
+    for (size_t n = 0; n < k_frames; n++)
+        fake_pcap::push_frame("port0", frames::build(small()));
+    size_t waiting_when_told = 0;
+    fail::on_poll([&](auto, int timeout_ms) -> std::optional<fail::poll_result> {
+        const size_t waiting = fake_pcap::queued("port0");
+        if (fail::count(fail::call::pthread_cond_signal) == 0) waiting_when_told = waiting;
+        if (waiting != 0) return std::nullopt;
+        if (timeout_ms != 0) qnm::store(qnm_root.er_fini_flag, 0U);
+        return events(0, 0);
+    });
+    _qnm_recv_lin(0);
+    EXPECT_EQ(received(), k_frames);
+    EXPECT_EQ(fail::count(fail::call::pthread_cond_signal), 1U);
+    EXPECT_EQ(waiting_when_told, k_frames - 63) << "the last look before it was told";
+}
+
 TEST_F(recv, frames_without_news_wake_nobody) {
     fake_pcap::push_frame("port0", frames::build(small()));
     take_all_in();

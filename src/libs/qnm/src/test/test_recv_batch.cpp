@@ -3,6 +3,7 @@
 #include <pcap/pcap.h>
 
 #include <atomic>
+#include <functional>
 
 #include "frames.h"
 #include "ports.h"
@@ -14,6 +15,7 @@ using testing::SizeIs;
 
 std::vector<int> g_dispatched;  // what each pcap_dispatch() returned
 std::atomic<bool> g_broken;
+std::function<void()> g_at_dispatch;
 
 }  // namespace
 
@@ -21,6 +23,7 @@ std::atomic<bool> g_broken;
 int pcap_dispatch(pcap_t* p, int count, pcap_handler take, unsigned char* arg) {
     int taken = 0;
     int result = 1;
+    if (g_at_dispatch) g_at_dispatch();
     while (taken < count && !g_broken) {
         struct pcap_pkthdr* header = nullptr;
         const unsigned char* frame = nullptr;
@@ -45,6 +48,7 @@ struct recv_batch : ports {
     recv_batch() {
         g_dispatched.clear();
         g_broken = false;
+        g_at_dispatch = nullptr;
         qnm::store(g_log_level, QNM_LOGLVL_INFO);
     }
 
@@ -71,6 +75,31 @@ TEST_F(recv_batch, up_to_64_frames_are_taken_between_two_polls) {
     take_all_in();
     EXPECT_THAT(g_dispatched, ElementsAre(64, 10));
     EXPECT_EQ(received(), 74U);
+}
+
+// With every frame a card comes.
+void push_cards(uint64_t cards) {
+    for (uint64_t n = 0; n < cards; n++) {
+        frames::announcement card;
+        card.mac += 2 * n;
+        fake_pcap::push_frame("port0", frames::build(card));
+    }
+}
+
+TEST_F(recv_batch, the_event_thread_is_woken_once_in_a_batch) {
+    push_cards(2 * 64 + 10);
+    take_all_in();
+    EXPECT_THAT(g_dispatched, ElementsAre(64, 64, 10));
+    EXPECT_EQ(fail::count(fail::call::pthread_cond_signal), 3U);
+}
+
+TEST_F(recv_batch, news_are_told_after_their_batch_although_frames_wait) {
+    push_cards(1);
+    push(2 * 64);
+    std::vector<uint64_t> told;
+    g_at_dispatch = [&] { told.push_back(fail::count(fail::call::pthread_cond_signal)); };
+    take_all_in();
+    EXPECT_THAT(told, ElementsAre(0, 1, 1));
 }
 
 TEST_F(recv_batch, frames_are_as_long_as_what_was_captured_of_them) {
