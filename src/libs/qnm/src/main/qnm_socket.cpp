@@ -47,6 +47,7 @@ static_assert(std::max({sizeof(qnw_devinfo_server_s), sizeof(qnw_devinfo_server_
 constexpr int k_promiscuous = 1;
 constexpr int k_read_timeout_ms = 1000;
 constexpr int k_buffer_size = 16 * 1024 * 1024;
+constexpr int k_send_timeout_ms = 1000;
 
 bool delivers_in_blocks(pcap_t* pcap) {
     int version = 0;
@@ -61,6 +62,12 @@ bool can_choose_mode() {
            pcap_set_buffer_size != nullptr && pcap_activate != nullptr;
 }
 
+// At once: another thread may execute a program at any moment.
+void close_on_exec(pcap_t* pcap) {
+    const int fd = pcap_fileno(pcap);
+    if (fd != -1) _qnm_close_on_exec(fd);
+}
+
 // A handle on the same interface that delivers every frame at once; null when there is none.
 pcap_t* open_immediate(const char* port_name) {
     char error[PCAP_ERRBUF_SIZE];
@@ -70,6 +77,7 @@ pcap_t* open_immediate(const char* port_name) {
         pcap_set_timeout(pcap, k_read_timeout_ms) == 0 && pcap_set_immediate_mode(pcap, 1) == 0 &&
         pcap_set_buffer_size(pcap, k_buffer_size) == 0 &&
         pcap_activate(pcap) >= 0) {  // above 0 is a warning
+        close_on_exec(pcap);
         return pcap;
     }
     pcap_close(pcap);
@@ -145,8 +153,8 @@ int capture_of(int port) {
 // A port that its peer has paused, or whose queue does not move, must not hold callers, and with
 // them the stop. A send that has to wait longer for room in the buffer fails.
 void limit_sending(const char* func, int fd) {
-    constexpr struct timeval k_send_timeout = {1, 0};
-    if (setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &k_send_timeout, sizeof k_send_timeout) != 0) {
+    constexpr struct timeval k_timeout = {k_send_timeout_ms / 1000, 0};
+    if (setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &k_timeout, sizeof k_timeout) != 0) {
         qnm_log_warn("%s: Failed to setsockopt(SO_SNDTIMEO). errno=%d", func, errno);
     }
 }
@@ -158,7 +166,6 @@ int learn_port(const char* func, const char* port_name, qnm_port_info_t* port_in
         qnm_log_error("%s: Failed to pcap_fileno().", func);
         return EPROTO;
     }
-    _qnm_close_on_exec(fd);
     limit_sending(func, fd);
     struct ifreq request;
     int err = make_request(func, port_name, "interface index.", &request);
@@ -182,6 +189,19 @@ int learn_port(const char* func, const char* port_name, qnm_port_info_t* port_in
     return 0;
 }
 
+// With a time-out, a signal that a handler takes ends a wait for room, whatever the handler's flags
+// are. The frame has not left then, and is tried again until the time is over.
+bool send_frame(pcap_t* pcap, const unsigned char* buffer, int length) {
+    for (uint64_t deadline = 0;;) {
+        errno = 0;
+        if (pcap_sendpacket(pcap, buffer, length) == 0) return true;
+        if (errno != EINTR) return false;
+        const uint64_t now = _qnm_get_msec_monotonic();
+        if (deadline == 0) deadline = now + k_send_timeout_ms;
+        if (now >= deadline) return false;
+    }
+}
+
 }  // namespace
 
 extern "C" {
@@ -199,6 +219,7 @@ int _qnm_socket_open_lin(const char* port_name, qnm_port_info_t* port_info) {
         qnm_log_error("%s: Failed to pcap_open_live(). %s", __func__, error);
         return EPROTO;
     }
+    close_on_exec(pcap);
     port_info->epi_pcap = without_delay(pcap, port_name);
     const int err = learn_port(__func__, port_name, port_info);
     if (err != 0) {
@@ -222,7 +243,7 @@ int _qnm_socket_close(qnm_port_info_t* port_info) {
 
 int _qnm_send(int port, const unsigned char* buffer, size_t length) {
     pcap_t* const pcap = qnm_root.er_port_info[port].epi_pcap;
-    if (pcap == nullptr || pcap_sendpacket(pcap, buffer, static_cast<int>(length)) != 0) {
+    if (pcap == nullptr || !send_frame(pcap, buffer, static_cast<int>(length))) {
         qnm_log_error("%s: Failed to pcap_sendpacket().", __func__);
         return EPROTO;
     }

@@ -124,6 +124,17 @@ TEST_F(socket_unit, closing_twice_is_harmless) {
     EXPECT_EQ(_qnm_socket_close(&port), 0);
 }
 
+TEST_F(socket_unit, a_send_that_a_signal_ends_is_made_again) {
+    EXPECT_EQ(open(), 0);
+    const unsigned char frame[] = {1, 2, 3};
+    fake_pcap::set_send_failure("eth9", 1, false, EINTR);
+    EXPECT_EQ(_qnm_send(1, frame, sizeof frame), 0);
+    EXPECT_EQ(fake_pcap::sent("eth9").size(), 1U);
+    fake_pcap::set_send_failure("eth9", 1, true, EINTR);
+    EXPECT_EQ(_qnm_send(1, frame, sizeof frame), EPROTO) << "not for ever";
+    EXPECT_EQ(logs.count(k_error, "_qnm_send: Failed to pcap_sendpacket()."), 1U);
+}
+
 TEST_F(socket_unit, a_frame_is_sent_unchanged) {
     EXPECT_EQ(open(), 0);
     const unsigned char frame[] = {1, 2, 3};

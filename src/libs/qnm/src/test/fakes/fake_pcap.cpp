@@ -89,6 +89,7 @@ bool send_fails(port_t& port) {
         return false;
     }
     if (!port.failure_lasts) port.sends_until_failure = 0;
+    errno = port.send_error;
     return true;
 }
 
@@ -237,13 +238,14 @@ void set_selectable_fd(const std::string& name, std::optional<int> fd) {
     port_of(registry(), name).selectable_fd = fd;
 }
 
-void set_send_failure(const std::string& name, unsigned n, bool lasting) {
+void set_send_failure(const std::string& name, unsigned n, bool lasting, int error) {
     registry_t& reg = registry();
     const std::lock_guard lock(reg.mutex);
     port_t& port = port_of(reg, name);
     const std::lock_guard send_lock(port.send_mutex);
     port.sends_until_failure = n;
     port.failure_lasts = lasting;
+    port.send_error = error;
 }
 
 std::optional<std::string> owner_of_fileno(int fd) {

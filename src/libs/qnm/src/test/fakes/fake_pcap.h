@@ -22,6 +22,7 @@
 // All functions may be called from any thread, except reset(), which needs all handles idle.
 #pragma once
 
+#include <cerrno>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -97,8 +98,9 @@ void set_fileno(const std::string& name, std::optional<int> fd);
 void set_selectable_fd(const std::string& name, std::optional<int> fd);
 
 // The n-th pcap_sendpacket of this name from now (1 = the next) returns -1; so does every one from
-// then on when `lasting` is set. 0 ends it.
-void set_send_failure(const std::string& name, unsigned n, bool lasting = false);
+// then on when `lasting` is set, and leaves the error in errno. 0 ends it.
+void set_send_failure(const std::string& name, unsigned n, bool lasting = false,
+                      int error = ENOBUFS);
 
 // The name of the open handle whose pcap_fileno is fd.
 std::optional<std::string> owner_of_fileno(int fd);

@@ -34,6 +34,7 @@ struct port_t {
     std::vector<send_hook_t> send_hooks;
     unsigned sends_until_failure = 0;  // 0: no failure is due
     bool failure_lasts = false;
+    int send_error = 0;
 };
 
 // A result of pcap_next_ex, with its frame when the result is 1.
