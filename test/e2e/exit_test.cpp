@@ -1,9 +1,13 @@
-// exit_test.cpp - host programs that end without a stop, while their threads are inside the
-// library.
+// exit_test.cpp - host programs that load the library, and end without a stop, while their threads
+// are inside it.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdlib>
+#include <fstream>
 #include <string>
 #include <string_view>
 
@@ -24,6 +28,11 @@ size_t count(const std::string& text, std::string_view wanted) {
     for (size_t at = text.find(wanted); at != std::string::npos; at = text.find(wanted, at + 1))
         found++;
     return found;
+}
+
+std::string text_of(const std::string& path) {
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 struct ends_without_a_stop : testing::TestWithParam<const char*> {};
@@ -52,6 +61,36 @@ TEST_P(ends_without_a_stop, and_nothing_goes_wrong) {
     if (GetParam() == std::string("starting")) return;
     // By the handler that was registered while the manager ran, and not by the one before it.
     EXPECT_EQ(count(install.log(), "log_at_exit: "), static_cast<size_t>(exits()));
+}
+
+// Whoever could read the log holds it open, and does not.
+TEST(stuck_line, of_the_log_holds_no_exit) {
+    const installation install("");
+    const std::string log = install.path() + "/log";
+    ASSERT_EQ(mkfifo(log.c_str(), 0600), 0);
+    const int reader = open(log.c_str(), O_RDWR | O_CLOEXEC);
+    program host({EXITING_HOST, install.path(), "stuck"}, install.path());
+    EXPECT_EQ(host.wait(), 0);
+    EXPECT_EQ(host.output(), "");
+    close(reader);
+}
+
+// What lies in the directory in which a program is started may be anybody's.
+TEST(current_directory, configures_no_log) {
+    const installation install("");
+    const std::string victim = install.path() + "/victim";
+    std::ofstream(victim) << "precious\n";
+    std::ofstream(install.path() + "/log4cxx.properties")
+        << "log4j.rootLogger=ALL, HOSTILE\n"
+           "log4j.appender.HOSTILE=org.apache.log4j.FileAppender\n"
+           "log4j.appender.HOSTILE.Append=false\n"
+           "log4j.appender.HOSTILE.File="
+        << victim << "\nlog4j.appender.HOSTILE.layout=org.apache.log4j.SimpleLayout\n";
+    const std::string command =
+        "cd " + install.path() + " && exec " PLUGIN_HOST " " QNM_LIBRARY " .";
+    program host({"/bin/sh", "-c", command}, install.path());
+    EXPECT_EQ(host.wait(), 0);
+    EXPECT_EQ(text_of(victim), "precious\n");
 }
 
 // The library is unloaded and loaded again as a plugin may be, and writes each time.

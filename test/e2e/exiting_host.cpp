@@ -7,7 +7,9 @@
 //       return    the main function returns
 //       callback  exit() in a callback
 //       starting  the main function returns while the manager starts
+//       stuck     the main function returns while a thread is stuck in a log that nobody reads
 
+#include <fcntl.h>
 #include <poll.h>
 
 #include <atomic>
@@ -83,12 +85,27 @@ int end_while_starting(const std::string& directory) {
     return 0;
 }
 
+[[noreturn]] void log_lines() {
+    for (;;)
+        qnm_log_error("%s: a line that fills the pipe, and that nobody reads.", __func__);
+}
+
+int end_while_log_is_stuck(const std::string& directory) {
+    struct pollfd pipe = {open((directory + "/log").c_str(), O_WRONLY | O_CLOEXEC), POLLOUT, 0};
+    qnm_log_init(directory.c_str());
+    leave_running(log_lines);
+    while (poll(&pipe, 1, 0) != 0)
+        poll(nullptr, 0, 1);
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     if (argc != 3) return 2;
     const std::string directory = argv[1];
     const std::string way = argv[2];
+    if (way == "stuck") return end_while_log_is_stuck(directory);
     atexit(log_at_exit);
     if (way == "starting") return end_while_starting(directory);
     qnm_log_init(directory.c_str());

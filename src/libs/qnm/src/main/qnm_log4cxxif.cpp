@@ -14,11 +14,13 @@
 
 #include "qnm_log4cxxif.h"
 
+#include <log4cxx/defaultconfigurator.h>
 #include <log4cxx/file.h>
 #include <log4cxx/helpers/loglog.h>
 #include <log4cxx/helpers/properties.h>
 #include <log4cxx/hierarchy.h>
 #include <log4cxx/logger.h>
+#include <log4cxx/logmanager.h>
 #include <log4cxx/propertyconfigurator.h>
 
 #include <atomic>
@@ -30,6 +32,7 @@
 #include <exception>
 #include <iterator>
 #include <string>
+#include <utility>
 
 #include "qnm_log_check.h"
 #include "qnm_thread.h"
@@ -44,7 +47,7 @@ using log4cxx::LoggerPtr;
 constexpr char k_properties[] = "conf/qnm_log4c.properties";
 constexpr size_t k_line_size = 512;
 
-constexpr int k_exit_wait_ms = 1000;
+constexpr uint64_t k_exit_wait_ms = 1000;
 
 // Properties that differ from those read before may have log4cxx make more, so each reading
 // registers the handler again. A manager that is restarted for ever must not gather handlers for
@@ -75,26 +78,52 @@ class line_guard {
 };
 
 // Lives until the handler has seen the last line end, and for ever if that did not come in time.
-union logger_handle {
-    explicit logger_handle(const char* name) : ptr(log4cxx::Logger::getLogger(name)) {}
-    ~logger_handle() {}
-    LoggerPtr ptr;
+template <typename Pointer>
+union kept {
+    explicit kept(Pointer made) : ptr(std::move(made)) {}
+    ~kept() {}
+    Pointer ptr;
 };
 
-logger_handle logger_file("logfile");
-logger_handle logger_syslog("syslogfile");
-logger_handle logger_stats("statslogfile");
+using logger_handle = kept<LoggerPtr>;
+
+// Who first asks log4cxx for its loggers has it read a configuration from the current directory,
+// which may be anybody's: with the rights of this process it would open, and empty, whatever file
+// that names. Whether it may is for the host program to decide, so the library names a file that is
+// not there while it asks.
+struct no_default_configuration {
+    no_default_configuration() { name("/nonexistent/log4cxx.properties"); }
+    ~no_default_configuration() { name(""); }
+    static void name(const char* file) {
+        log4cxx::DefaultConfigurator::setConfigurationFileName(file);
+    }
+};
+
+log4cxx::spi::LoggerRepositoryPtr get_hierarchy() {
+    const no_default_configuration none;
+    return log4cxx::LogManager::getLoggerRepository();
+}
+
+// What holds all loggers. Its destructor closes their files, and would wait for a line that is
+// stuck, in a pipe that nobody reads, say.
+kept<log4cxx::spi::LoggerRepositoryPtr> hierarchy(get_hierarchy());
+
+logger_handle logger_file(hierarchy.ptr->getLogger("logfile"));
+logger_handle logger_syslog(hierarchy.ptr->getLogger("syslogfile"));
+logger_handle logger_stats(hierarchy.ptr->getLogger("statslogfile"));
 
 // Runs at the end of the process, and when the library is unloaded: as often as it was registered,
 // but the first time is the one that counts.
 void close_log() {
     if (exiting.exchange(true)) return;
-    for (int ms = 0; lines_under_way > 0; ms++) {
-        if (ms == k_exit_wait_ms) return;
+    const uint64_t deadline = _qnm_get_msec_monotonic() + k_exit_wait_ms;
+    while (lines_under_way > 0) {
+        if (_qnm_get_msec_monotonic() >= deadline) return;
         _qnm_msleep(1);
     }
     for (logger_handle* const logger : {&logger_file, &logger_syslog, &logger_stats})
         logger->ptr.reset();
+    hierarchy.ptr.reset();
 }
 
 // Indexed by qnm_log_level_t.
@@ -162,8 +191,11 @@ bool read_properties(const char* name, qnm::problem_text& problem) {
     if (problem.text[0] != '\0') return true;
     try {
         const quiet_log4cxx quiet;
+        const no_default_configuration none;
+        const bool was_configured = hierarchy.ptr->isConfigured();
         log4cxx::PropertyConfigurator::configure(log4cxx::File(name));
-        _qnm_log_check_loggers(&problem);
+        hierarchy.ptr->setConfigured(was_configured);  // by the host program, that is
+        _qnm_log_check_loggers(hierarchy.ptr.get(), &problem);
     } catch (const std::exception& thrown) {
         problem.add("%s", thrown.what());
         did_throw = true;

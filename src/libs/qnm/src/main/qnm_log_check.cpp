@@ -9,6 +9,7 @@
 
 #include <log4cxx/fileappender.h>
 #include <log4cxx/logger.h>
+#include <log4cxx/spi/loggerrepository.h>
 
 #include <atomic>
 #include <cerrno>
@@ -81,22 +82,23 @@ struct attachment {
 };
 
 // Notes what is attached in vain. It is taken off later, because others may be led to it as well.
-void check_logger(const char* name, qnm::problem_text& problem, std::vector<attachment>& broken) {
-    const LoggerPtr logger = Logger::getLogger(name);
+void check_logger(const LoggerPtr& logger, qnm::problem_text& problem,
+                  std::vector<attachment>& broken) {
     if (!logger->isEnabledFor(log4cxx::Level::getFatal())) return;
     bool has_some = false;
     for_each_appender(logger.get(), [&](Logger& owner, const AppenderPtr& appender) {
         has_some = true;
         if (!can_write(appender, problem)) broken.push_back({&owner, appender});
     });
-    if (!has_some) problem.add("no appender for the logger %s", name);
+    if (!has_some) problem.add("no appender for the logger %s", logger->getName().c_str());
 }
 
-// Names from outside must not break the line, nor give orders to a terminal.
+// Names from outside must not break the line, nor give orders to a terminal, which some take by
+// bytes beyond ASCII.
 void make_printable(char* text) {
     for (; *text != '\0'; text++) {
         const auto byte = static_cast<unsigned char>(*text);
-        if (byte < ' ' || byte == 0x7f) *text = '?';
+        if (byte < ' ' || byte >= 0x7f) *text = '?';
     }
 }
 
@@ -125,11 +127,11 @@ void _qnm_log_check_file(const char* name, qnm::problem_text* problem) {
     if (err != 0) problem->add("%s", strerror(err));
 }
 
-void _qnm_log_check_loggers(qnm::problem_text* problem) {
+void _qnm_log_check_loggers(log4cxx::spi::LoggerRepository* loggers, qnm::problem_text* problem) {
     try {
         std::vector<attachment> broken;
         for (const char* const name : k_loggers)
-            check_logger(name, *problem, broken);
+            check_logger(loggers->getLogger(name), *problem, broken);
         for (const attachment& it : broken)
             it.logger->removeAppender(it.appender);
     } catch (const std::exception& thrown) {

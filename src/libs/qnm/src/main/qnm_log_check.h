@@ -5,7 +5,10 @@
 
 namespace log4cxx {
 class Logger;
+namespace spi {
+class LoggerRepository;
 }
+}  // namespace log4cxx
 
 namespace qnm {
 
@@ -25,7 +28,7 @@ void _qnm_log_check_file(const char* name, qnm::problem_text* problem);
 // Whether each of the three loggers that is not off writes somewhere, once log4cxx is configured.
 // Appenders that cannot write are taken off, so that log4cxx has no reason to complain about them
 // upon the first line.
-void _qnm_log_check_loggers(qnm::problem_text* problem);
+void _qnm_log_check_loggers(log4cxx::spi::LoggerRepository* loggers, qnm::problem_text* problem);
 
 // Whether a line of the logger has anywhere to go. May throw what an allocation throws.
 int _qnm_log_has_appender(log4cxx::Logger* logger);

@@ -515,8 +515,14 @@ TEST_F(LogProblem, may_be_the_name_of_the_directory) {
 }
 
 TEST_F(LogProblem, gives_no_orders_to_a_terminal) {
-    EXPECT_EQ(told_by_reading("/none/\x1b[2J\n\x7f", QNM_API_EPROTO),
-              "qnm_log_init: /none/?[2J\?\?/conf/qnm_log4c.properties: No such file or directory\n");
+    EXPECT_EQ(
+        told_by_reading("/none/\x1b[2J\n\x7f", QNM_API_EPROTO),
+        "qnm_log_init: /none/?[2J\?\?/conf/qnm_log4c.properties: No such file or directory\n");
+    EXPECT_EQ(told_by_reading("/none/\xc2\x9b"
+                              "2J",
+                              QNM_API_EPROTO),
+              "qnm_log_init: /none/\?\?2J/conf/qnm_log4c.properties: No such file or directory\n")
+        << "an order in one byte, as UTF-8";
 }
 
 }  // namespace
