@@ -419,9 +419,9 @@ typedef enum qnm_evt_type QNM_ANY_INT {
  * A function that is told of events. It runs on the library's event thread, one event at a time, in
  * the order in which the events arose and the callbacks were registered. It may call every public
  * function except qnm_register_callback() and qnm_unregister_callback() for its own event type,
- * which would deadlock. While it runs, further events wait. Those that wait when a stop is
- * requested are still delivered, so a slow callback delays the stop by its backlog; what arises
- * after that is dropped. It must not throw.
+ * which would deadlock. While it runs, further events wait. Once the delivery of those that wait
+ * has begun, a stop does not cut it short, so a slow callback delays the stop by its backlog; what
+ * arises later is dropped. It must not throw.
  *
  * @param[in] id     card ID
  * @param[in] event  event type
@@ -603,9 +603,9 @@ qnm_api_code_t qnm_dump_register(uint64_t id, uint32_t startaddr, uint32_t endad
  * for every register frame, and its count for the attempts at a word, too.
  *
  * The lock is given back on every way out of a call. When the manager is stopped during one, or no
- * answer can be had any more, that is done by frames that nobody waits for: only where these are
- * lost, or cannot be sent, the card is left locked until the next EEPROM access by any manager of
- * this library.
+ * answer can be had any more, that is done by frames that nobody waits for. The card is left locked
+ * only where these are lost or cannot be sent, or where every answer was lost while the lock was
+ * being taken: until the next EEPROM access by any manager of this library.
  * @{
  */
 
