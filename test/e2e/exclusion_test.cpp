@@ -7,6 +7,7 @@
 #include <linux/capability.h>
 #include <net/if.h>
 #include <sched.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
@@ -37,6 +38,7 @@ enum command : char {
     read_one = 'r',    // answers the result
     read_many = 'm',   // answers how many values were wrong; ends with a failure
     fork_child = 'f',  // which stays
+    use_up = 'u',      // descriptors: there are no more for this process
     stop = 'x',
 };
 
@@ -58,6 +60,15 @@ char count_wrong(uint32_t address, uint32_t right) {
         if (data != right && wrong < 100) wrong++;
     }
     return wrong;
+}
+
+// The lowest number that is not in use by any process with standard streams.
+char use_up_descriptors() {
+    struct rlimit limit = {};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = 3;
+    if (setrlimit(RLIMIT_NOFILE, &limit) != 0) return -1;
+    return dup(0) == -1 ? 0 : -1;
 }
 
 [[noreturn]] void run_child() {
@@ -127,6 +138,9 @@ class host_process {
                     child = fork();
                     if (child == 0) run_child();
                     break;
+                case use_up:
+                    answer = use_up_descriptors();
+                    break;
                 case stop:
                     answer = static_cast<char>(host->stop());
                     break;
@@ -141,6 +155,8 @@ class host_process {
     int ends_[2];
     pid_t pid_ = -1;
 };
+
+class squatter;
 
 struct exclusion : testing::Test {
     cables wires;
@@ -167,6 +183,8 @@ struct exclusion : testing::Test {
         uint32_t data = 0;
         return read_register(k_own, &data);
     }
+
+    void expect_told_once(const squatter& stranger) const;
 
     std::string holder_line() const {
         return "are accessed by process " + std::to_string(other.pid()) + " (qnm-e2e)\n";
@@ -248,14 +266,17 @@ socklen_t address_of(unsigned index, struct sockaddr_un& address) {
     return static_cast<socklen_t>(offsetof(struct sockaddr_un, sun_path) + 1 + name.size());
 }
 
-// Has the name of a port's interface without the capability to be a manager.
+// Has the name of a port's interface and is no manager, nor could be one without capabilities.
 class squatter {
   public:
-    explicit squatter(const char* interface_name) {
+    explicit squatter(const char* interface_name, bool is_privileged = false) {
         int ready[2];
         EXPECT_EQ(pipe(ready), 0);
         pid_ = fork();
-        if (pid_ == 0) squat(if_nametoindex(interface_name), ready[1]);
+        if (pid_ == 0) {
+            if (!is_privileged) give_up_capabilities();
+            squat(if_nametoindex(interface_name), ready[1]);
+        }
         char byte = 0;
         EXPECT_EQ(read(ready[0], &byte, 1), 1);
         EXPECT_EQ(byte, 'l');
@@ -272,7 +293,6 @@ class squatter {
 
   private:
     [[noreturn]] static void squat(unsigned index, int ready) {
-        give_up_capabilities();
         struct sockaddr_un address;
         const socklen_t length = address_of(index, address);
         const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
@@ -286,16 +306,83 @@ class squatter {
     pid_t pid_;
 };
 
-TEST_F(exclusion, a_process_that_cannot_be_a_manager_keeps_nobody_out) {
-    const squatter stranger("qnm0");
-    for (int n = 0; n < 100; n++)
-        EXPECT_EQ(read_own(), QNM_API_SUCCESS);
+void exclusion::expect_told_once(const squatter& stranger) const {
     const std::string line = "Process " + std::to_string(stranger.pid()) +
                              " (qnm-e2e) has the lock of the port and is no manager.";
     const std::string log = install.log();
     const size_t told = log.find(line);
     ASSERT_NE(told, std::string::npos) << log;
     EXPECT_EQ(log.find(line, told + 1), std::string::npos) << "once";
+}
+
+// With all capabilities, as a set-uid program has that an ordinary user has started with the
+// socket.
+TEST_F(exclusion, a_process_that_is_no_manager_keeps_nobody_out) {
+    for (const bool is_privileged : {false, true}) {
+        const squatter stranger("qnm0", is_privileged);
+        for (int n = 0; n < 100; n++)
+            ASSERT_EQ(read_own(), QNM_API_SUCCESS) << is_privileged;
+        expect_told_once(stranger);
+        ASSERT_EQ(host->stop(), QNM_API_SUCCESS);
+        start_host();
+    }
+}
+
+struct squatted : exclusion {
+    const squatter stranger{"qnm0"};
+
+    void SetUp() override {
+        exclusion::SetUp();
+        ASSERT_EQ(other.tell(start), 1);
+        ASSERT_EQ(other.tell(read_one), QNM_API_SUCCESS);
+    }
+};
+
+// The name tells nothing of the holder then.
+TEST_F(squatted, one_at_a_time_accesses_cards) {
+    EXPECT_EQ(read_own(), QNM_API_EBUSY);
+    EXPECT_THAT(install.log(),
+                HasSubstr("are accessed by a process that cannot be seen from here"));
+    EXPECT_THAT(install.log(), Not(HasSubstr("Going on without it")));
+    EXPECT_EQ(other.tell(stop), QNM_API_SUCCESS);
+    EXPECT_EQ(read_own(), QNM_API_SUCCESS);
+    ASSERT_EQ(other.tell(start), 1);
+    EXPECT_EQ(other.tell(read_one), QNM_API_EBUSY);
+}
+
+TEST_F(squatted, one_that_is_killed_keeps_nobody_out) {
+    ASSERT_EQ(read_own(), QNM_API_EBUSY);
+    other.die();
+    EXPECT_EQ(read_own(), QNM_API_SUCCESS);
+}
+
+TEST_F(squatted, a_child_that_outlives_the_stop_keeps_nobody_out) {
+    ASSERT_EQ(other.tell(fork_child), 0);
+    ASSERT_EQ(read_own(), QNM_API_EBUSY);
+    ASSERT_EQ(other.tell(stop), QNM_API_SUCCESS);
+    EXPECT_EQ(read_own(), QNM_API_SUCCESS);
+}
+
+TEST_F(squatted, the_one_that_accesses_cards_keeps_them_when_its_interface_was_down) {
+    e2e::run("ip link set qnm0 down");
+    ASSERT_TRUE(wait_for([] { return paths(k_id) == "DDCD"; }));
+    e2e::run("ip link set qnm0 up");
+    ASSERT_TRUE(wait_for(is_heard_by_both));
+    EXPECT_EQ(read_own(), QNM_API_EBUSY);
+    EXPECT_EQ(other.tell(stop), QNM_API_SUCCESS);
+    EXPECT_EQ(read_own(), QNM_API_SUCCESS);
+}
+
+// The name is tried for again, for others to be told who it is.
+TEST_F(exclusion, is_named_when_the_process_that_had_the_name_has_gone) {
+    auto stranger = std::make_unique<squatter>("qnm0");
+    ASSERT_EQ(other.tell(start), 1);
+    ASSERT_EQ(other.tell(read_one), QNM_API_SUCCESS);
+    stranger.reset();
+    EXPECT_TRUE(wait_for([&] {
+        EXPECT_EQ(read_own(), QNM_API_EBUSY);
+        return install.log().find(holder_line()) != std::string::npos;
+    }));
 }
 
 // Connects to the holder of the name until it has no room for more; true if that came to be.
@@ -327,6 +414,26 @@ TEST_F(exclusion, holds_against_somebody_who_takes_all_room_at_the_holder) {
             close(guest);
     }
     EXPECT_EQ(install.log().find("Going on without it"), std::string::npos);
+}
+
+// It has no descriptor left to take their connections with.
+TEST_F(exclusion, holds_against_somebody_who_takes_all_room_for_good) {
+    std::ofstream("/proc/sys/net/core/somaxconn") << 16;
+    ASSERT_EQ(other.tell(start), 1);
+    ASSERT_EQ(other.tell(read_one), QNM_API_SUCCESS);
+    ASSERT_EQ(other.tell(use_up), 0);
+    std::vector<int> guests;
+    const auto fill = [&] { return take_all_room(if_nametoindex("qnm0"), guests); };
+
+    for (int round = 0; round < 10; round++) {
+        ASSERT_TRUE(fill());
+        EXPECT_EQ(read_own(), QNM_API_EBUSY);
+    }
+    for (const int guest : guests)
+        close(guest);
+    EXPECT_THAT(install.log(), Not(HasSubstr("Going on without it")));
+    EXPECT_EQ(other.tell(stop), QNM_API_SUCCESS);
+    EXPECT_EQ(read_own(), QNM_API_SUCCESS);
 }
 
 // What a thread does in another network namespace, where the names are free.

@@ -294,7 +294,17 @@ void check_capture(const inspected& system, findings& found) {
 
 namespace {
 
-finding judge_user(const std::optional<port_user>& user) {
+constexpr char hidden_user[] =
+    " the name by which a manager tells that it accesses cards; whether one does cannot be told, "
+    "and before Linux 5.12 two may at once, and get wrong values";
+
+finding judge_user(const interface_facts& one) {
+    const auto& user = one.user;
+    if (!user && one.name_taken) {
+        return {.rank = severity::warning,
+                .text = std::string("a process that does not answer has") + hidden_user,
+                .remedy = "Find out which one has the socket @libqnm.port.INDEX (ss -xlp)."};
+    }
     if (!user) return {.text = "no process accesses cards by it"};
     if (user->manager) {
         return {.rank = severity::note,
@@ -303,9 +313,7 @@ finding judge_user(const std::optional<port_user>& user) {
                 .remedy = "To access cards by another process, stop the manager of that one."};
     }
     return {.rank = severity::warning,
-            .text = process_text(*user) +
-                    " has taken the name by which managers exclude each other, and is none; two "
-                    "managers that access cards at once get wrong values",
+            .text = process_text(*user) + " is no manager and has taken" + hidden_user,
             .remedy = "Find out what it is for, and end it."};
 }
 
@@ -332,7 +340,7 @@ finding judge_left(const left_behind& one, bool is_port_missing) {
 
 void check_users(const inspected& system, findings& found) {
     for_interfaces(system, [&](const interface_facts& one) {
-        found.push_back(judge_user(one.user));
+        found.push_back(judge_user(one));
         found.back().about = one.name;
     });
     const bool is_port_missing =

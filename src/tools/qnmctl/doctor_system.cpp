@@ -208,6 +208,11 @@ void note_interface(std::vector<left_behind>& found, const std::vector<std::stri
     found.push_back({.if_index = index, .name = name, .user = user});
 }
 
+bool is_used(int index) {
+    const std::vector<int> used = used_indexes();
+    return std::find(used.begin(), used.end(), index) != used.end();
+}
+
 // Who has the lock of an interface anybody may ask; who has a port open, only root in general.
 std::vector<left_behind> find_left_behind(const std::vector<std::string>& ports) {
     std::vector<left_behind> found;
@@ -362,7 +367,9 @@ inspected inspect_system(const installation& where) {
         const bool can_open = one.error == 0 && one.up && found.privileges.socket_error == 0;
         if (can_open) one.capture = look_at_capture(name);
         if (one.error == 0) {
-            one.user = find_port_user(static_cast<int>(if_nametoindex(name.c_str())));
+            const int index = static_cast<int>(if_nametoindex(name.c_str()));
+            one.user = find_port_user(index);
+            one.name_taken = is_used(index);
         }
         found.interfaces.push_back(one);
     }

@@ -72,6 +72,7 @@ struct interface_facts {
     std::optional<feature> vlan_filter = {};
     std::optional<capture_facts> capture = {};  // not there: it was not tried
     std::optional<port_user> user = {};
+    bool name_taken = false;  // by whoever does not answer, where there is no user
 };
 
 // A process that works with an interface which is no port of the configuration.

@@ -1,5 +1,5 @@
-// A port is a packet socket. The kernel's table of them tells the interface of each, and whose it
-// is stands among the descriptors of the processes.
+// A port is one packet socket and another one that locks it. The kernel's table of them tells the
+// interface of each, and whose it is stands among the descriptors of the processes.
 #include "open_ports.h"
 
 #include <unistd.h>
@@ -10,6 +10,7 @@
 #include <fstream>
 #include <map>
 #include <optional>
+#include <set>
 #include <sstream>
 #include <string>
 
@@ -70,12 +71,13 @@ bool has_library(const fs::path& process) {
     return false;
 }
 
-std::vector<int> interfaces_of(const fs::path& process, const socket_table& sockets) {
-    std::vector<int> found;
+// A port has several such sockets.
+std::set<int> interfaces_of(const fs::path& process, const socket_table& sockets) {
+    std::set<int> found;
     for (const fs::path& descriptor : entries_of(process / "fd")) {
         std::error_code ignored;  // a descriptor that is closed by now is none
         const auto at = sockets.find(fs::read_symlink(descriptor, ignored).string());
-        if (at != sockets.end()) found.push_back(at->second);
+        if (at != sockets.end()) found.insert(at->second);
     }
     return found;
 }
@@ -96,7 +98,7 @@ std::vector<open_port> find_open_ports() {
     for (const fs::path& process : entries_of("/proc")) {
         const auto pid = pid_of(process);
         if (!pid) continue;
-        const std::vector<int> interfaces = interfaces_of(process, sockets);
+        const std::set<int> interfaces = interfaces_of(process, sockets);
         if (interfaces.empty() || !has_library(process)) continue;
         for (const int index : interfaces)
             found.push_back({.if_index = index, .user = {.pid = *pid, .name = name_of(process)}});

@@ -1,5 +1,5 @@
-// Which process accesses cards by an interface. Of several managers one at a time may; the library
-// keeps a name for that, which tells who has it.
+// Which process accesses cards by an interface. Of several managers one at a time may; it has a
+// name that tells who it is, unless somebody else has that.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +10,7 @@
 namespace qnmctl {
 
 struct port_user {
-    bool manager = true;    // otherwise it has the name alone, and managers pass it over
+    bool manager = true;    // otherwise it has the name alone, which hides who accesses cards
     int pid = 0;            // 0: of another PID namespace
     std::string name = {};  // of the process
 };

@@ -264,7 +264,11 @@ TEST_F(CheckInterface, TellsWhoAccessesCardsByIt) {
     first.user->pid = 0;
     EXPECT_TRUE(finds("access", severity::note, "that cannot be seen from here accesses", system));
     first.user = port_user{.manager = false, .pid = 4711, .name = "sh"};
-    EXPECT_TRUE(finds("access", severity::warning, "process 4711 (sh) has taken the name", system));
+    EXPECT_TRUE(finds("access", severity::warning, "process 4711 (sh) is no manager", system));
+    EXPECT_TRUE(finds("access", severity::warning, "whether one does cannot be told", system));
+    first.user.reset();
+    first.name_taken = true;
+    EXPECT_TRUE(finds("access", severity::warning, "a process that does not answer has", system));
 }
 
 TEST_F(CheckInterface, TellsWhoWorksWithOneThatHasGone) {

@@ -212,10 +212,10 @@ const start_row k_starts[] = {
       {1, QNM_API_EPROTO, {{k_error, failed_thread("event_task")}}},
       {1, QNM_API_EPROTO, {{k_error, failed_thread("watch_link")}}},
       {1, QNM_API_EPROTO, {{k_error, failed_thread("stats_task")}}}}},
-    // Two per port for its lock, which the first access to a card would tell of.
+    // Three per port for its lock, which the first access to a card would tell of.
     {call::socket,
      EMFILE,
-     {{4, QNM_API_SUCCESS},
+     {{6, QNM_API_SUCCESS},
       {1, QNM_API_EPROTO, {{k_fatal, "_qnm_watch_linkstate_lin: Failed to socket(). errno=24"}}}}},
     {call::bind,
      EPERM,

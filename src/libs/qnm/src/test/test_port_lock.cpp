@@ -11,6 +11,7 @@
 #include <csignal>
 
 #include "answering_card.h"
+#include "fake_netif.h"
 #include "qnm_eeprom_send.h"
 #include "qnm_port_holder.h"
 
@@ -496,9 +497,9 @@ TEST_F(port_lock, without_a_spare_socket_its_holder_stays_unknown_until_there_is
     close_ports();
     const other_process other(lock_first_port);
     const uint64_t before = fail::count(fail::call::socket);
-    fail::nth(fail::call::socket, 2, EMFILE);
+    fail::nth(fail::call::socket, 3, EMFILE);  // behind those for the group and the name
     open();
-    EXPECT_EQ(fail::count(fail::call::socket), before + 4);
+    EXPECT_EQ(fail::count(fail::call::socket), before + 6);
     EXPECT_EQ(_qnm_port_lock_take(0), EBUSY);
     EXPECT_TRUE(logs.has(k_error,
                          "_qnm_port_lock_take: Cards on port_num=0 are accessed by a process that "
@@ -506,6 +507,297 @@ TEST_F(port_lock, without_a_spare_socket_its_holder_stays_unknown_until_there_is
     _qnm_port_lock_serve();
     EXPECT_EQ(_qnm_port_lock_take(0), EBUSY);
     EXPECT_TRUE(logs.has(k_error, line_of(other.pid(), "")));
+}
+
+// ---- The group ----------------------------------------------------------------------------------
+
+constexpr char k_unseen[] =
+    "_qnm_port_lock_take: Cards on port_num=0 are accessed by a process that cannot be seen from "
+    "here";
+constexpr char k_taken_name[] =
+    "_qnm_port_lock_take: The lock of the port is taken and nobody answers there. Going on without "
+    "it. port_num=0";
+
+// What a process does that has the name and is in no group.
+void take_name_alone() {
+    fake_netif::set_fanout(fake_netif::fanout::none);
+    lock_first_port();
+}
+
+void expect_refused() {
+    _qnm_port_lock_open(0, k_index[0]);
+    if (_qnm_port_lock_take(0) != EBUSY) _exit(1);
+}
+
+// The kernel's groups in which there is room for one decide, and the name only tells.
+struct port_group : port_lock {
+    port_group() {
+        use(fake_netif::fanout::kept);
+        fail::on_sleep([&](std::chrono::nanoseconds) { sleeps++; });
+    }
+
+    static void use(fake_netif::fanout groups) {
+        close_ports();
+        fake_netif::set_fanout(groups);
+        open();
+    }
+
+    static std::string stranger_line(pid_t pid) {
+        return "_qnm_port_lock_take: Process " + std::to_string(pid) +
+               " () has the lock of the port and is no manager. Going on without it. port_num=0";
+    }
+
+    int sleeps = 0;
+};
+
+TEST_F(port_group, is_joined_with_the_first_frame_and_then_costs_no_call) {
+    const uint64_t before = fail::count(fail::call::setsockopt);
+    EXPECT_EQ(read_one(), QNM_API_SUCCESS);
+    EXPECT_EQ(fail::count(fail::call::setsockopt), before + 2) << "one tries whether it is kept to";
+    const uint64_t bound = fail::count(fail::call::bind);
+    for (int n = 0; n < 100; n++)
+        EXPECT_EQ(read_one(), QNM_API_SUCCESS);
+    EXPECT_EQ(fail::count(fail::call::setsockopt), before + 2);
+    EXPECT_EQ(fail::count(fail::call::bind), bound);
+    EXPECT_EQ(fail::count(fail::call::listen), 1U) << "the name is had as well";
+    EXPECT_EQ(sleeps, 0);
+    EXPECT_TRUE(logs.texts("logfile", k_warn).empty());
+}
+
+TEST_F(port_group, of_another_process_refuses_and_the_name_tells_which) {
+    other_process other(lock_first_port);
+    for (int n = 0; n < 3; n++)
+        EXPECT_EQ(read_one(), QNM_API_EBUSY);
+    EXPECT_EQ(logs.count(k_error, line_of(other.pid(), "")), 3U);
+    EXPECT_EQ(sent_count(), 0U);
+    EXPECT_EQ(sleeps, 0);
+    EXPECT_EQ(_qnm_port_lock_take(1), 0) << "it is one per interface";
+    other.end(SIGKILL);
+    EXPECT_EQ(read_one(), QNM_API_SUCCESS);
+    EXPECT_EQ(_qnm_port_lock_take(0), 0);
+    EXPECT_EQ(logs.texts("logfile", k_warn).size(), 0U);
+}
+
+// A backlog that somebody has filled hides the other manager no longer.
+TEST_F(port_group, of_another_process_refuses_where_the_name_tells_nothing) {
+    const other_process other(lock_first_port);
+    for (const int err : {EAGAIN, ECONNREFUSED}) {
+        fail::always(fail::call::connect, err);
+        for (int n = 0; n < 5; n++)
+            EXPECT_EQ(read_one(), QNM_API_EBUSY);
+    }
+    EXPECT_EQ(sleeps, 2) << "for a name to show up, once a run";
+    EXPECT_EQ(logs.count(k_error, k_unseen), 10U);
+    EXPECT_EQ(sent_count(), 0U);
+    fail::clear(fail::call::connect);
+    EXPECT_EQ(read_one(), QNM_API_EBUSY);
+    EXPECT_EQ(logs.count(k_error, line_of(other.pid(), "")), 1U) << "it is told once it is known";
+}
+
+TEST_F(port_group, of_another_process_refuses_where_somebody_else_has_the_name) {
+    fail::clear(fail::call::fopen);
+    const other_process squatter([] {
+        drop_capabilities();
+        take_name_alone();
+    });
+    const other_process other(lock_first_port);
+    for (int n = 0; n < 3; n++)
+        EXPECT_EQ(_qnm_port_lock_take(0), EBUSY);
+    EXPECT_EQ(logs.count(k_error, k_unseen), 3U);
+    EXPECT_TRUE(logs.texts("logfile", k_warn).empty());
+    EXPECT_EQ(sleeps, 0);
+}
+
+TEST_F(port_group, is_waited_for_when_its_holder_has_no_name_yet_and_leaves) {
+    auto other = std::make_unique<other_process>(lock_first_port);
+    fail::always(fail::call::connect, ECONNREFUSED);
+    fail::on_sleep([&](std::chrono::nanoseconds) { other.reset(); });
+    EXPECT_EQ(_qnm_port_lock_take(0), 0);
+    fail::clear(fail::call::connect);
+    EXPECT_TRUE(logs.lines().empty());
+}
+
+// As a privileged program does that an ordinary user has started with the socket.
+TEST_F(port_group, is_taken_whoever_has_the_name) {
+    other_process squatter(take_name_alone);
+    for (int n = 0; n < 3; n++)
+        EXPECT_EQ(read_one(), QNM_API_SUCCESS);
+    EXPECT_THAT(logs.texts("logfile", k_warn), ElementsAre(stranger_line(squatter.pid())));
+    EXPECT_EQ(sleeps, 2) << "no second";
+    const uint64_t binds = fail::count(fail::call::bind);
+    EXPECT_EQ(_qnm_port_lock_take(0), 0);
+    EXPECT_EQ(fail::count(fail::call::bind), binds) << "nothing is left to be done for a frame";
+    { const other_process other(expect_refused); }
+    squatter.end();
+    _qnm_port_lock_serve();
+    EXPECT_EQ(fail::count(fail::call::listen), 1U) << "the name is tried for again";
+    _qnm_port_lock_serve();
+    EXPECT_EQ(fail::count(fail::call::listen), 1U);
+    const other_process other(expect_refused);
+    EXPECT_EQ(logs.texts("logfile", k_warn).size(), 1U);
+}
+
+TEST_F(port_group, is_taken_when_nobody_answers_by_the_name) {
+    const other_process squatter(take_name_alone);
+    fail::always(fail::call::connect, EAGAIN);
+    EXPECT_EQ(_qnm_port_lock_take(0), 0);
+    fail::clear(fail::call::connect);
+    EXPECT_EQ(_qnm_port_lock_take(0), 0);
+    EXPECT_THAT(logs.texts("logfile", k_warn), ElementsAre(k_taken_name));
+    EXPECT_EQ(sleeps, 2);
+}
+
+TEST_F(port_group, is_taken_where_there_can_be_no_name) {
+    fail::nth(fail::call::bind, 1, EACCES);
+    EXPECT_EQ(_qnm_port_lock_take(0), 0);
+    EXPECT_EQ(_qnm_port_lock_take(0), 0);
+    EXPECT_THAT(logs.texts("logfile", k_warn),
+                ElementsAre("_qnm_port_lock_take: Other managers cannot be told who has the port. "
+                            "errno=13, port_num=0"));
+    const other_process other(expect_refused);
+}
+
+TEST_F(port_group, is_left_with_the_port) {
+    ASSERT_EQ(_qnm_port_lock_take(0), 0);
+    close_ports();
+    other_process other(lock_first_port);
+    open();
+    EXPECT_EQ(_qnm_port_lock_take(0), EBUSY);
+    EXPECT_EQ(logs.count(k_error, line_of(other.pid(), "")), 1U);
+    other.end();
+    EXPECT_EQ(_qnm_port_lock_take(0), 0);
+}
+
+TEST_F(port_group, is_not_kept_by_a_child) {
+    ASSERT_EQ(_qnm_port_lock_take(0), 0);
+    const other_process child([] {});
+    close_ports();
+    const other_process other(lock_first_port);
+    open();
+    EXPECT_EQ(_qnm_port_lock_take(0), EBUSY);
+}
+
+// By a way that runs no handlers; the kernel leaves the group with the last copy of the socket.
+TEST_F(port_group, is_kept_by_a_child_that_no_handler_sees_until_it_ends) {
+    ASSERT_EQ(_qnm_port_lock_take(0), 0);
+    const pid_t child = _Fork();
+    if (child == 0) {
+        for (;;)
+            pause();
+    }
+    close_ports();
+    open();
+    EXPECT_EQ(_qnm_port_lock_take(0), EBUSY);
+    EXPECT_EQ(logs.count(k_error, k_unseen), 1U);
+    kill(child, SIGKILL);
+    EXPECT_EQ(waitpid(child, nullptr, 0), child);
+    EXPECT_EQ(_qnm_port_lock_take(0), 0);
+}
+
+TEST_F(port_group, is_one_where_both_ports_are_the_same_interface) {
+    close_ports();
+    _qnm_port_lock_open(0, k_index[0]);
+    _qnm_port_lock_open(1, k_index[0]);
+    EXPECT_EQ(_qnm_port_lock_take(1), 0);
+    EXPECT_EQ(_qnm_port_lock_take(0), 0);
+    EXPECT_TRUE(logs.lines().empty());
+}
+
+TEST_F(port_group, leaves_no_descriptor_behind) {
+    close_ports();
+    const std::size_t before = fail::open_descriptors();
+    for (const bool is_taken : {false, true}) {
+        open();
+        EXPECT_GT(fail::open_descriptors(), before);
+        if (is_taken) {
+            EXPECT_EQ(_qnm_port_lock_take(0), 0);
+            _qnm_port_lock_serve();
+        }
+        close_ports();
+        EXPECT_EQ(fail::open_descriptors(), before);
+    }
+    fail::nth(fail::call::bind, 1, ENODEV);  // of the socket for the group
+    open();
+    close_ports();
+    EXPECT_EQ(fail::open_descriptors(), before);
+}
+
+// ---- Where the group decides nothing ------------------------------------------------------------
+
+// Another program has its number, or the kernel knows no limit of members.
+TEST_F(port_group, that_cannot_be_joined_leaves_the_decision_to_the_name) {
+    fail::always(fail::call::setsockopt, EINVAL);
+    EXPECT_EQ(_qnm_port_lock_take(0), 0);
+    EXPECT_EQ(fail::count(fail::call::listen), 1U);
+    { const other_process other(expect_refused); }
+    close_ports();
+    open();
+    const other_process other(lock_first_port);
+    EXPECT_EQ(_qnm_port_lock_take(0), EBUSY);
+    EXPECT_EQ(logs.count(k_error, line_of(other.pid(), "")), 1U);
+    fail::clear(fail::call::setsockopt);
+    EXPECT_TRUE(logs.texts("logfile", k_warn).empty());
+}
+
+// The other program has gone, or the interface is up again.
+TEST_F(port_group, that_could_not_be_joined_is_tried_for_again) {
+    const uint64_t before = fail::count(fail::call::setsockopt);
+    fail::nth(fail::call::setsockopt, 1, EINVAL);
+    EXPECT_EQ(_qnm_port_lock_take(0), 0);
+    EXPECT_EQ(fail::count(fail::call::setsockopt), before + 1);
+    EXPECT_EQ(_qnm_port_lock_take(0), 0);
+    EXPECT_EQ(_qnm_port_lock_take(0), 0);
+    EXPECT_EQ(fail::count(fail::call::setsockopt), before + 3)
+        << "joined, and tried whether it is kept to";
+    EXPECT_EQ(fail::count(fail::call::listen), 1U);
+    EXPECT_TRUE(logs.lines().empty());
+}
+
+TEST_F(port_group, that_another_one_has_joined_meanwhile_refuses_who_has_the_name) {
+    fail::nth(fail::call::setsockopt, 1, EINVAL);
+    EXPECT_EQ(_qnm_port_lock_take(0), 0);
+    const other_process other(lock_first_port);
+    EXPECT_EQ(_qnm_port_lock_take(0), EBUSY);
+    EXPECT_EQ(logs.count(k_error, k_unseen), 1U);
+}
+
+TEST_F(port_group, that_does_not_keep_others_out_leaves_the_decision_to_the_name) {
+    use(fake_netif::fanout::unkept);
+    {
+        const other_process other(lock_first_port);
+        EXPECT_EQ(_qnm_port_lock_take(0), EBUSY);
+        EXPECT_EQ(logs.count(k_error, line_of(other.pid(), "")), 1U);
+    }
+    EXPECT_EQ(_qnm_port_lock_take(0), 0);
+    const uint64_t calls = fail::count(fail::call::setsockopt);
+    EXPECT_EQ(_qnm_port_lock_take(0), 0);
+    EXPECT_EQ(fail::count(fail::call::setsockopt), calls);
+    const other_process other(expect_refused);
+}
+
+// Not even tried, so that nobody who has the name is passed over.
+TEST_F(port_group, that_cannot_be_tried_leaves_the_decision_to_the_name_and_keeps_others_out) {
+    close_ports();
+    fail::nth(fail::call::socket, 4, EMFILE);  // behind those for the group, the name and questions
+    open();
+    {
+        const other_process other(take_name_alone);
+        EXPECT_EQ(_qnm_port_lock_take(0), EBUSY);
+        EXPECT_EQ(logs.count(k_error, line_of(other.pid(), "")), 1U);
+    }
+    EXPECT_EQ(_qnm_port_lock_take(0), 0);
+    const other_process other(expect_refused);
+}
+
+TEST_F(port_group, without_a_socket_leaves_the_decision_to_the_name) {
+    close_ports();
+    const uint64_t before = fail::count(fail::call::setsockopt);
+    fail::nth(fail::call::socket, 1, EMFILE);
+    open();
+    EXPECT_EQ(_qnm_port_lock_take(0), 0);
+    EXPECT_EQ(fail::count(fail::call::setsockopt), before);
+    EXPECT_EQ(fail::count(fail::call::listen), 1U);
+    EXPECT_TRUE(logs.lines().empty());
 }
 
 // ---- Who is a manager ---------------------------------------------------------------------------

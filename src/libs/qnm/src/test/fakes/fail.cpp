@@ -618,6 +618,7 @@ int fail_setsockopt(int fd, int level, int option, const void* value, socklen_t 
 int fail_socket(int domain, int type, int protocol) {
     return run<call::socket>([&] {
         if (domain == AF_NETLINK) return fake_netif::answer_netlink_socket(type, protocol);
+        if (domain == AF_PACKET) return fake_netif::answer_packet_socket(type, protocol);
         return socket(domain, type, protocol);
     });
 }

@@ -8,7 +8,7 @@
 // freely; count() counts the code under test alone.
 //
 // Without a request each call does what it always does, except that
-//   - ioctl, netlink sockets and PACKET_VERSION are answered by fake_netif.h;
+//   - ioctl, netlink and packet sockets and PACKET_VERSION are answered by fake_netif.h;
 //   - an abstract Unix address is one of the test's own, whatever other tests run beside it;
 //   - gettimeofday and time show the wall clock set here, if one is set;
 //   - clock_gettime shows the monotonic clock set here, if one is set;

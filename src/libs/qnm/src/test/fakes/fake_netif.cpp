@@ -3,8 +3,10 @@
 
 #include "fake_netif.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <linux/ethtool.h>
+#include <linux/if_ether.h>
 #include <linux/if_packet.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
@@ -13,10 +15,12 @@
 #include <sys/ioctl.h>
 #include <sys/time.h>
 #include <sys/types.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 #include <map>
 #include <mutex>
@@ -43,6 +47,10 @@ std::vector<netlink_t> g_netlinks;
 std::optional<int> g_packet_version;
 std::set<std::string> g_filtered;                          // interfaces whose capture has a filter
 std::map<int, std::chrono::microseconds> g_send_timeouts;  // by the capture's descriptor
+fanout g_fanout = fanout::none;
+std::map<int, int> g_packet_sockets;  // the interface by the descriptor; 0 = not bound
+
+const pid_t k_test = getpid();  // that of children, too
 
 int failed(int err) {
     errno = err;
@@ -139,6 +147,8 @@ void reset() {
     g_packet_version.reset();
     g_filtered.clear();
     g_send_timeouts.clear();
+    g_fanout = fanout::none;
+    g_packet_sockets.clear();
 }
 
 void set(const std::string& name, const interface_t& netif) {
@@ -163,6 +173,11 @@ void fail_request(unsigned long request, int err) {
     } else {
         g_request_failures[request] = err;
     }
+}
+
+void set_fanout(fanout groups) {
+    const std::lock_guard lock(g_mutex);
+    g_fanout = groups;
 }
 
 void set_packet_version(std::optional<int> version) {
@@ -241,8 +256,70 @@ int answer_netlink_socket(int type, int protocol) {
     return ends[0];
 }
 
+// A Unix socket in its place, which joins a group by taking a name of the test's own: the kernel
+// releases that as it releases a group, with the last copy of the descriptor.
+int answer_packet_socket(int type, int protocol) {
+    constexpr int k_flags = SOCK_CLOEXEC | SOCK_NONBLOCK;
+    if (type != (SOCK_RAW | k_flags) || protocol != 0) {
+        ADD_FAILURE() << "socket(AF_PACKET): type " << type << ", protocol " << protocol;
+        return failed(EPROTONOSUPPORT);
+    }
+    const std::lock_guard lock(g_mutex);
+    if (g_fanout == fanout::none) return failed(EPERM);
+    const int fd = socket(AF_UNIX, SOCK_STREAM | k_flags, 0);
+    if (fd != -1) g_packet_sockets[fd] = 0;
+    return fd;
+}
+
+namespace {
+
+// Both need the mutex.
+int bind_packet_socket(int fd, const struct sockaddr* addr, socklen_t len) {
+    const auto found = g_packet_sockets.find(fd);
+    struct sockaddr_ll given = {}, want = {};
+    if (found == g_packet_sockets.end() || len != sizeof given) return failed(EINVAL);
+    std::memcpy(&given, addr, sizeof given);
+    want.sll_family = AF_PACKET;
+    want.sll_ifindex = given.sll_ifindex;
+    want.sll_protocol = given.sll_protocol;
+    constexpr unsigned k_first_type = 0x600;
+    if (std::memcmp(&given, &want, sizeof want) != 0 || given.sll_ifindex <= 0 ||
+        given.sll_protocol == 0 || ntohs(given.sll_protocol) <= ETH_P_ALL ||
+        ntohs(given.sll_protocol) >= k_first_type) {
+        ADD_FAILURE() << "bind: not a clean address of an interface with a type no frame has";
+        return failed(EINVAL);
+    }
+    found->second = given.sll_ifindex;
+    return 0;
+}
+
+int join_fanout(int fd, const void* value, socklen_t len) {
+    const auto found = g_packet_sockets.find(fd);
+    if (found == g_packet_sockets.end()) return failed(EBADF);
+    struct fanout_args group = {};
+    if (found->second == 0 || len != sizeof group) return failed(EINVAL);
+    std::memcpy(&group, value, sizeof group);
+    if (group.type_flags != PACKET_FANOUT_HASH || group.max_num_members != 1) {
+        ADD_FAILURE() << "setsockopt(PACKET_FANOUT): not a group of one member";
+        return failed(EINVAL);
+    }
+    if (g_fanout == fanout::unkept) return 0;
+    struct sockaddr_un name = {};
+    name.sun_family = AF_UNIX;
+    const std::string text = "qnm-test.group." + std::to_string(group.id) + "." +
+                             std::to_string(found->second) + "." + std::to_string(k_test);
+    text.copy(name.sun_path + 1, sizeof name.sun_path - 1);
+    const auto length =
+        static_cast<socklen_t>(offsetof(struct sockaddr_un, sun_path) + 1 + text.size());
+    if (bind(fd, reinterpret_cast<const struct sockaddr*>(&name), length) == 0) return 0;
+    return failed(errno == EADDRINUSE ? ENOSPC : EALREADY);
+}
+
+}  // namespace
+
 std::optional<int> answer_bind(int fd, const struct sockaddr* addr, socklen_t len) {
     const std::lock_guard lock(g_mutex);
+    if (addr->sa_family == AF_PACKET) return bind_packet_socket(fd, addr, len);
     drop_closed();
     const auto link = std::find_if(g_netlinks.begin(), g_netlinks.end(),
                                    [&](const netlink_t& entry) { return entry.fd == fd; });
@@ -312,6 +389,7 @@ std::optional<int> answer_setsockopt(int fd, int level, int option, const void* 
                                      socklen_t len) {
     const auto capture = fake_pcap::owner_of_fileno(fd);
     const std::lock_guard lock(g_mutex);
+    if (level == SOL_PACKET && option == PACKET_FANOUT) return join_fanout(fd, value, len);
     if (capture.has_value()) {
         if (level != SOL_SOCKET) return std::nullopt;
         return set_capture_option(*capture, fd, option, value, len);

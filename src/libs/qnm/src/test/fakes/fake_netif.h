@@ -4,12 +4,15 @@
 // table kept here; the faked socket() hands out one end of a private socket pair for AF_NETLINK, on
 // whose other end notify() writes; the faked getsockopt() answers PACKET_VERSION, and the faked
 // setsockopt() notes SO_SNDTIMEO, filters and NETLINK_NO_ENOBUFS, which these descriptors do not
-// take. Nothing of the machine's own network is touched or seen, and no privilege is needed.
+// take. A packet socket can do nothing but join a fanout group of one member, and exists where a
+// test asks for such groups only. Nothing of the machine's own network is touched or seen, and no
+// privilege is needed.
 //
 // Wrong requests are test failures at once: an ioctl on a descriptor that pcap_fileno did not give
 // for that interface, an unknown request, an unterminated name, an ETHTOOL_GLINK whose data does
 // not start at 0, a netlink socket of another kind than raw NETLINK_ROUTE, a bind to anything but
-// the link group with port ID 0.
+// the link group with port ID 0, a packet socket that could be given frames, a group of more
+// members or another kind.
 //
 // All functions may be called from any thread.
 #pragma once
@@ -62,10 +65,17 @@ void notify();
 std::size_t listeners();
 bool wait_listener(std::chrono::seconds limit = std::chrono::seconds(60));
 
+// What there is of fanout groups: no packet socket can be made, by default; the number of members
+// is kept to, also among processes that the test has forked; or it is not, as before Linux 5.12 if
+// that took such requests. Until reset().
+enum class fanout { none, kept, unkept };
+void set_fanout(fanout groups);
+
 // ---- For the faked system calls -----------------------------------------------------------------
 
 int answer_ioctl(int fd, unsigned long request, void* arg);
 int answer_netlink_socket(int type, int protocol);
+int answer_packet_socket(int type, int protocol);
 // No value: not a descriptor or option of this fake, so the real call has to answer.
 std::optional<int> answer_bind(int fd, const struct sockaddr* addr, socklen_t len);
 std::optional<int> answer_getsockopt(int fd, int level, int option, void* value, socklen_t* len);

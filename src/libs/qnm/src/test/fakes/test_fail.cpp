@@ -1,9 +1,11 @@
 // test_fail.cpp - self-test of the failing calls and the fake network interfaces.
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 #include <linux/ethtool.h>
+#include <linux/if_ether.h>
 #include <linux/if_packet.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
@@ -570,6 +572,60 @@ TEST_F(Netif, NetlinkSocketsThatOverlookOverrunsAreCounted) {
     EXPECT_EQ(fake_netif::patient_listeners(), 1u);
     close(fd);
     close(other);
+}
+
+int packet_socket() {
+    return redirected::do_socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+}
+
+int bind_packet(int fd, int index, uint16_t type) {
+    struct sockaddr_ll addr = {};
+    addr.sll_family = AF_PACKET;
+    addr.sll_protocol = htons(type);
+    addr.sll_ifindex = index;
+    return minus_one(
+        redirected::do_bind(fd, reinterpret_cast<const struct sockaddr*>(&addr), sizeof addr));
+}
+
+int join(int fd, uint16_t id, uint32_t members = 1) {
+    struct fanout_args group = {};
+    group.id = id;
+    group.type_flags = PACKET_FANOUT_HASH;
+    group.max_num_members = members;
+    return minus_one(
+        redirected::do_setsockopt(fd, SOL_PACKET, PACKET_FANOUT, &group, sizeof group));
+}
+
+TEST_F(Netif, GroupsHaveRoomForOne) {
+    EXPECT_EQ(minus_one(packet_socket()), EPERM) << "unless a test asks for them";
+    fake_netif::set_fanout(fake_netif::fanout::kept);
+    const int first = packet_socket(), second = packet_socket();
+    EXPECT_EQ(join(first, 7), EINVAL) << "not bound";
+    for (const int fd : {first, second})
+        EXPECT_EQ(bind_packet(fd, 5, 0x5FF), 0);
+    EXPECT_EQ(join(first, 7), 0);
+    EXPECT_EQ(join(second, 7), ENOSPC);
+    close(first);
+    EXPECT_EQ(join(second, 7), 0);
+    EXPECT_EQ(join(second, 8), EALREADY);
+    fake_netif::set_fanout(fake_netif::fanout::unkept);
+    const int third = packet_socket();
+    EXPECT_EQ(bind_packet(third, 5, 0x5FF), 0);
+    EXPECT_EQ(join(third, 7), 0);
+    close(second);
+    close(third);
+}
+
+TEST_F(Netif, RefusesWrongPacketSockets) {
+    fake_netif::set_fanout(fake_netif::fanout::kept);
+    EXPECT_NONFATAL_FAILURE(redirected::do_socket(AF_PACKET, SOCK_RAW, 0), "socket(AF_PACKET)");
+    const int fd = packet_socket();
+    for (const uint16_t type : {0, ETH_P_ALL, 0x800})
+        EXPECT_NONFATAL_FAILURE(EXPECT_EQ(bind_packet(fd, 5, type), EINVAL), "no frame has");
+    EXPECT_NONFATAL_FAILURE(EXPECT_EQ(bind_packet(fd, 0, 0x5FF), EINVAL), "no frame has");
+    EXPECT_EQ(bind_packet(fd, 5, 0x5FF), 0);
+    EXPECT_NONFATAL_FAILURE(EXPECT_EQ(join(fd, 7, 2), EINVAL), "of one member");
+    close(fd);
 }
 
 TEST_F(Netif, RefusesWrongNetlinkSockets) {
