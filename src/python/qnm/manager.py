@@ -5,6 +5,7 @@ from __future__ import annotations
 import atexit
 import collections
 import contextlib
+import queue
 import signal
 import threading
 import time
@@ -19,35 +20,51 @@ __all__ = ["Manager"]
 
 
 class _EventQueue:
-    """Events from the library's event thread to whoever asks. Full, it loses the oldest."""
+    """Events from the library's event thread to whoever asks. Full, it loses the oldest.
+
+    A signal handler runs on the main thread between any two steps, also of take(), and may stop the
+    manager, which waits for the event that is being put. So no lock is held by Python code: both
+    queues are atomic by themselves.
+    """
 
     def __init__(self, limit: int) -> None:
         self._events: collections.deque[Event] = collections.deque(maxlen=limit)
-        self._changed = threading.Condition()
+        self._wakes: queue.SimpleQueue[None] = queue.SimpleQueue()  # one when there is news
         self._closed = False
         self.lost = 0
 
     def put(self, event: Event) -> None:
-        with self._changed:
-            self.lost += len(self._events) == self._events.maxlen
-            self._events.append(event)
-            self._changed.notify()
+        self.lost += len(self._events) == self._events.maxlen
+        self._events.append(event)
+        self._wake()
 
     def close(self) -> None:
         """No event comes any more; those that are there can still be taken."""
-        with self._changed:
-            self._closed = True
-            self._changed.notify_all()
+        self._closed = True
+        self._wake()
 
     def take(self, deadline: float | None) -> Event | None:
         """The next event, or None when none came in time or the queue is closed and empty."""
-        with self._changed:
-            while not self._events and not self._closed:
-                left = None if deadline is None else deadline - time.monotonic()
-                if left is not None and left <= 0:
-                    break
-                self._changed.wait(left)
-            return self._events.popleft() if self._events else None
+        while True:
+            closed = self._closed  # before the look for events: none comes behind it
+            try:
+                event = self._events.popleft()
+            except IndexError:
+                if closed:
+                    self._wake()
+                    return None
+            else:
+                self._wake()  # another taker looks what is left
+                return event
+            left = None if deadline is None else deadline - time.monotonic()
+            if left is not None and left <= 0:
+                return None
+            with contextlib.suppress(queue.Empty):
+                self._wakes.get(timeout=left)
+
+    def _wake(self) -> None:
+        if self._wakes.empty():
+            self._wakes.put(None)
 
 
 class Manager:

@@ -8,12 +8,14 @@ import shutil
 import subprocess
 import sys
 import tempfile
+import threading
 import unittest
 from collections.abc import Callable
+from unittest import mock
 
 import qnm
 from qnm.manager import _EventQueue
-from rig import Installation
+from rig import LIMIT, Installation
 
 NEED_NO_MANAGER = (
     "Event",
@@ -152,6 +154,44 @@ class EventQueue(unittest.TestCase):
             queue.put(event)
         self.assertEqual(queue.lost, 1)
         self.assertEqual([queue.take(None), queue.take(None)], events[1:])
+
+    def test_an_event_gets_in_wherever_a_signal_interrupts_the_taker(self) -> None:
+        # The handler may be waiting for the end of the manager, which waits for this event.
+        queue = _EventQueue(2)
+        event = qnm.Event(1, qnm.EventType.NEWDEVINFO)
+        got_in: list[bool] = []
+
+        def handled() -> float:
+            if not got_in:
+                putter = threading.Thread(target=queue.put, args=(event,), daemon=True)
+                putter.start()
+                putter.join(LIMIT)
+                got_in.append(not putter.is_alive())
+            return 0.0
+
+        with mock.patch("time.monotonic", handled):
+            self.assertEqual(queue.take(1.0), event)
+        self.assertEqual(got_in, [True])
+
+    def test_every_taker_learns_of_events_and_of_the_end(self) -> None:
+        queue = _EventQueue(100)
+        events = [qnm.Event(n, qnm.EventType.NEWDEVINFO) for n in range(100)]
+        taken: list[qnm.Event] = []
+
+        def take() -> None:
+            while (event := queue.take(None)) is not None:
+                taken.append(event)
+
+        takers = [threading.Thread(target=take, daemon=True) for _ in range(4)]
+        for taker in takers:
+            taker.start()
+        for event in events:
+            queue.put(event)
+        queue.close()
+        for taker in takers:
+            taker.join(LIMIT)
+            self.assertFalse(taker.is_alive())
+        self.assertEqual(sorted(event.card_id for event in taken), list(range(100)))
 
     def test_closed_it_gives_what_is_left_and_then_nothing(self) -> None:
         queue = _EventQueue(2)
