@@ -172,7 +172,7 @@ class ProtocolError(Error):
     """A start or a frame that failed, a card's refusal, an internal error (EPROTO)."""
 
     code = ResultCode.EPROTO
-    meaning = "protocol or internal error; the log tells which"
+    meaning = "protocol or internal error; the log or a line above tells which"
 
 
 class TimedOutError(Error, TimeoutError):

@@ -198,7 +198,10 @@ class Programs(unittest.TestCase):
 
     def test_the_example_says_why_it_cannot_start(self) -> None:
         process = self.run_program(os.environ["QNM_EXAMPLE"], conf="ether_port = absent0\n")
-        wanted = "watch.py: qnm_init_manager: protocol or internal error; the log tells which\n"
+        wanted = (
+            "watch.py: qnm_init_manager: protocol or internal error; "
+            "the log or a line above tells which\n"
+        )
         self.assertEqual(process.communicate(timeout=LIMIT), ("", wanted))
         self.assertEqual(process.returncode, 1)
 
