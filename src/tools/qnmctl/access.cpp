@@ -83,6 +83,9 @@ void start_and_hear(context& with, const request& asked) {
                       .enough = [&ids] { return std::all_of(ids.begin(), ids.end(), is_known); }});
     }
     if (is_signalled(with)) throw error("ended by a signal; no card was accessed");
+    if (with.out.closed()) {
+        throw error("the reader of standard output has gone; no card was accessed");
+    }
 }
 
 std::vector<std::uint64_t> wanted_ids(const request& asked) {

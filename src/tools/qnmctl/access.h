@@ -27,7 +27,8 @@ class retry_param {
 };
 
 // Starts the manager and listens until the cards are known that the request names, or for as long
-// as it takes to hear all of them. Throws error when a signal ends it.
+// as it takes to hear all of them. Throws error when a signal ends it, or the reader has gone:
+// which cards there are is not known then.
 void start_and_hear(context& with, const request& asked);
 
 // The cards of a request. Throws error when none fits, or the only one is not known.

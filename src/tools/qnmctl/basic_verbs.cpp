@@ -54,6 +54,10 @@ int run_show(context& with, const request& asked) {
     start(with);
     listen(with, {.seconds = asked.seconds,
                   .enough = [&asked] { return read_card(asked.id).has_value(); }});
+    if (with.out.closed()) return exit_ok;  // nobody is left to be told
+    if (is_signalled(with) && !read_card(asked.id)) {
+        throw error("ended by a signal; the card was not heard by then");
+    }
     answer_show(with, asked);
     return exit_ok;
 }

@@ -236,7 +236,7 @@ WAITS = [
     Wait("cardsim, wrong usage: full standard error", "cardsim", "--frob", 2, told=full_pipe),
 ]
 for verb in (MANAGER + "list" + SHORT, MANAGER + "list -o json" + SHORT,
-             MANAGER + "topology -o dot" + SHORT, MANAGER + "show 0x1 -o json" + SHORT,
+             MANAGER + "topology -o dot" + SHORT, MANAGER + "show 0x1 -o json --for 0.01",
              MANAGER + "stats -v" + SHORT, MANAGER + "doctor", "completion bash", "man-page",
              "--help", "list --help", "--version"):
     status = 13 if "show" in verb else 1

@@ -12,6 +12,7 @@
 #include "cardsim.h"
 #include "config_file.h"
 #include "program.h"
+#include "standard_files.h"
 #include "text.h"
 
 namespace qnmctl {
@@ -486,6 +487,31 @@ TEST_F(Cards, EndAtASignalWhileTheyAreWaitedFor) {
     run.signal(SIGINT);
     EXPECT_EQ(1, run.end());
     EXPECT_TRUE(holds(run.errors(), "no card was accessed")) << run.errors();
+}
+
+// The wait was cut short, so nothing is known of the card.
+TEST_F(Cards, ThatWereNotWaitedForAreNotCalledUnheard) {
+    program shown(ctl({"show", "0x99", "--for", "600"}));
+    ASSERT_TRUE(comes_true([&] { return shown.left_something(); }));  // it runs
+    shown.signal(SIGTERM);
+    EXPECT_EQ(1, shown.end());
+    EXPECT_EQ("qnmctl: ended by a signal; the card was not heard by then\n", shown.errors());
+
+    program unread(ctl({"show", "0x99", "--for", "600"}));
+    unread.close_output();
+    EXPECT_EQ(tools::exit_output, unread.end());
+    EXPECT_EQ("qnmctl: cannot write to standard output: its reader has gone\n", unread.errors());
+
+    for (const words& access : {words{"reg", "write", "0x99", "0x100", "1", "--wait", "600"},
+                                words{"reg", "read", "--all", "0x100", "--wait", "600"}}) {
+        program written(ctl(access));
+        written.close_output();
+        EXPECT_EQ(1, written.end());
+        EXPECT_EQ(
+            "qnmctl: the reader of standard output has gone; no card was accessed\n"
+            "qnmctl: cannot write to standard output: its reader has gone\n",
+            written.errors());
+    }
 }
 
 // Two different ones, since one that waits to be read already is not sent again.
