@@ -27,8 +27,8 @@ constexpr char no_path[] =
 constexpr char no_path_to_check[] =
     "No path to the card is connected, or its monitoring is stopped. Check cable and port.";
 constexpr char unsent[] =
-    "A frame could not be sent, or too many reads are waiting for answers. The library's log tells "
-    "which.";
+    "A frame could not be sent, or too many reads are waiting for answers. With --log FILE the "
+    "library's log tells which.";
 
 constexpr char in_use[] =
     "Another process accessed cards by the same port. Try again, and see \"qnmctl doctor\" for who "
@@ -44,13 +44,15 @@ constexpr remedy remedies[] = {
      "--interval; not every address is a register that answers."},
     {access_scope::eeprom, QNM_API_ENOLINK, no_path},
     {access_scope::eeprom, QNM_API_EPROTO,
-     "The card refused the access, or a frame could not be sent. The library's log tells which."},
+     "The card refused the access, or a frame could not be sent. With --log FILE the library's log "
+     "tells which."},
     {access_scope::eeprom, QNM_API_ETIMEDOUT,
      "The card did not answer, its EEPROM did not get ready, or its lock could not be had. Try "
      "again, with more --retries or a longer --interval."},
     {access_scope::eeprom, QNM_API_EBUSY,
      "Another party keeps the EEPROM lock. Try again later; if that party has gone, free the lock "
-     "by \"eeprom unlock\" or take it by --force-lock."},
+     "by \"eeprom unlock\" or take it by --force-lock. Or another process accessed cards by the "
+     "same port until now; then trying again is enough."},
     {access_scope::eeprom_lock, QNM_API_ENOLINK, no_path_to_check},
     {access_scope::eeprom_lock, QNM_API_EBUSY, in_use},
     {access_scope::eeprom_lock, QNM_API_ETIMEDOUT,

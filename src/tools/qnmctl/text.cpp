@@ -37,13 +37,13 @@ constexpr code_words codes[] = {
      "There is no link to the card. Check its cable and the port."},
     {"QNM_API_ENOMEM", "out of memory", "The memory is used up. Free some and try again."},
     {"QNM_API_EPROTO", "protocol or internal error",
-     "Something failed inside the library. Its log tells what."},
+     "Something failed inside the library. With --log FILE its log tells what."},
     {"QNM_API_ETIMEDOUT", "no answer in time",
      "The card did not answer in time. Check that it is connected."},
     {"QNM_API_EBUSY", "the manager, the port or the card is busy",
      "The manager, the port or the card is busy. Try again later."},
     {"QNM_API_ENOSYS", "the manager is not running",
-     "The manager is not running. Its log tells why it ended."},
+     "The manager is not running. With --log FILE its log tells why it ended."},
 };
 static_assert(std::size(codes) == QNM_API_CODE_MAX);
 

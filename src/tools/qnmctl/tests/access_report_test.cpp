@@ -60,7 +60,9 @@ TEST(FailureText, NamesCallAndCodeAndWhatToTry) {
     EXPECT_EQ(
         "0x020000001000: qnm_read_eeprom failed: QNM_API_EBUSY\n"
         "Another party keeps the EEPROM lock. Try again later; if that party has gone, free the "
-        "lock by \"eeprom unlock\" or take it by --force-lock.",
+        "lock by \"eeprom unlock\" or take it by --force-lock. Or another process accessed cards "
+        "by "
+        "the same port until now; then trying again is enough.",
         failure_text(id, "qnm_read_eeprom", access_scope::eeprom, QNM_API_EBUSY));
 }
 
@@ -68,6 +70,21 @@ TEST(FailureText, IsThatOfTheCodeWhereNothingIsSpecial) {
     EXPECT_EQ("0x020000001000: qnm_read_register failed: QNM_API_ENOENT\n" +
                   std::string(code_remedy(QNM_API_ENOENT)),
               failure_text(id, "qnm_read_register", access_scope::registers, QNM_API_ENOENT));
+}
+
+// That of a run without --log is gone when the text is read.
+TEST(FailureText, NamesNoLogWithoutTellingHowToGetIt) {
+    constexpr access_scope scopes[] = {access_scope::registers,   access_scope::eeprom,
+                                       access_scope::eeprom_lock, access_scope::vlan,
+                                       access_scope::reset,       access_scope::mms};
+    for (const access_scope scope : scopes) {
+        for (int code = 0; code < QNM_API_CODE_MAX; ++code) {
+            const std::string text =
+                failure_text(id, "call", scope, static_cast<qnm_api_code_t>(code));
+            if (text.find(" log") == std::string::npos) continue;
+            EXPECT_NE(std::string::npos, text.find("--log FILE")) << text;
+        }
+    }
 }
 
 TEST(FailureText, DoesNotAdviseOptionsThatTheVerbLacks) {
