@@ -24,6 +24,7 @@ int open_end_signals() {
         sigaddset(&ends, signal);
     pthread_sigmask(SIG_BLOCK, &ends, nullptr);
     std::signal(SIGPIPE, SIG_IGN);  // a reader that has gone shows as EPIPE
+    std::signal(SIGXFSZ, SIG_IGN);  // a file that may grow no further as EFBIG
     opened = signalfd(-1, &ends, SFD_CLOEXEC | SFD_NONBLOCK);
     return opened;
 }

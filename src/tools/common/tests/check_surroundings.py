@@ -11,6 +11,7 @@ import json
 import os
 import pty
 import re
+import resource
 import select
 import signal
 import socket
@@ -267,6 +268,23 @@ def site_name(program):
     return {"qnmctl": "qnmctl", "cardsim": "qnm-cardsim"}[program]
 
 
+def check_limited_files(site):
+    """A file that may grow no further is told like a full disk."""
+    def limited():
+        resource.setrlimit(resource.RLIMIT_FSIZE, (0, 0))
+
+    for program, words in (("qnmctl", ("man-page",)), ("cardsim", ("--man-page",))):
+        with open(site.file("limited"), "wb") as out:
+            ended = site.run(program, *words, out=out, before=limited)
+        require(ended.status == EXIT_OUTPUT, f"{program}: {ended.status} {ended.errors}")
+        require(b"standard output: File too large" in ended.errors, f"{program}: {ended.errors}")
+    ended = site.run("qnmctl", "--ports", "lo", "list", before=limited)
+    require(ended.status == 1 and b"conf/qnm.conf: File too large\n" in ended.errors,
+            f"list: {ended.status} {ended.errors}")
+    left = os.listdir(site.file("qnmctl"))
+    require(not left, f"left: {left}")
+
+
 def outputs(site, program, words, given):
     """The ways in which standard output can be closed."""
     yield "it is closed", site.run(program, *words, given=given, before=closed)
@@ -374,6 +392,7 @@ def check_words_of_cardsim(site):
 
 
 CHECKS = (check_configuration, check_images, check_log, check_nesting, check_outputs,
+          check_limited_files,
           check_words_of_qnmctl, check_configured_words, check_names_of_interfaces,
           check_words_of_cardsim)
 
