@@ -348,6 +348,11 @@ void check_users(const inspected& system, findings& found) {
                     [](const interface_facts& one) { return one.error == ENODEV; });
     for (const left_behind& one : system.left)
         found.push_back(judge_left(one, is_port_missing));
+    if (system.all_users_seen) return;
+    found.push_back({.rank = severity::note,
+                     .text = "not all processes could be looked into, so one that only listens and "
+                             "is deaf may be missing here",
+                     .remedy = "Run it as root, and where all processes can be seen."});
 }
 
 // ---- Clock --------------------------------------------------------------------------------------

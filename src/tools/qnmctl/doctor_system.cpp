@@ -214,15 +214,15 @@ bool is_used(int index) {
 }
 
 // Who has the lock of an interface anybody may ask; who has a port open, only root in general.
-std::vector<left_behind> find_left_behind(const std::vector<std::string>& ports) {
-    std::vector<left_behind> found;
+void find_left_behind(const std::vector<std::string>& ports, inspected& into) {
     for (const int index : used_indexes()) {
         const auto user = find_port_user(index);
-        if (user && user->manager) note_interface(found, ports, index, *user);
+        if (user && user->manager) note_interface(into.left, ports, index, *user);
     }
-    for (const open_port& one : find_open_ports())
-        note_interface(found, ports, one.if_index, one.user);
-    return found;
+    const open_ports open = find_open_ports();
+    into.all_users_seen = open.all_seen;
+    for (const open_port& one : open.found)
+        note_interface(into.left, ports, one.if_index, one.user);
 }
 
 // ---- Clock --------------------------------------------------------------------------------------
@@ -373,7 +373,7 @@ inspected inspect_system(const installation& where) {
         }
         found.interfaces.push_back(one);
     }
-    found.left = find_left_behind(ports);
+    find_left_behind(ports, found);
     found.capture_library = pcap_lib_version();
     found.clock = look_at_clock();
     for (const std::string& file : log_files(found.properties.text))

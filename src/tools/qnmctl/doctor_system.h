@@ -116,6 +116,7 @@ struct inspected {
     std::vector<std::string> known_interfaces = {};
     std::vector<interface_facts> interfaces = {};  // those of the configuration, in their order
     std::vector<left_behind> left = {};            // each process once for an interface
+    bool all_users_seen = true;                    // no process was hidden from this user
     std::string capture_library = {};              // libpcap's name and version
     clock_facts clock = {};
     std::vector<log_place> logs = {};  // those of the properties file

@@ -63,21 +63,21 @@ std::optional<int> pid_of(const fs::path& folder) {
     return pid;
 }
 
-bool has_library(const fs::path& process) {
-    std::ifstream maps(process / "maps");
+bool has_library(std::ifstream& maps) {
     for (std::string line; std::getline(maps, line);) {
         if (line.find("/libqnm.so") != std::string::npos) return true;
     }
     return false;
 }
 
-// A port has several such sockets.
-std::set<int> interfaces_of(const fs::path& process, const socket_table& sockets) {
-    std::set<int> found;
+// The sockets of the table that a process has.
+std::vector<socket_table::const_iterator> sockets_of(const fs::path& process,
+                                                     const socket_table& sockets) {
+    std::vector<socket_table::const_iterator> found;
     for (const fs::path& descriptor : entries_of(process / "fd")) {
         std::error_code ignored;  // a descriptor that is closed by now is none
         const auto at = sockets.find(fs::read_symlink(descriptor, ignored).string());
-        if (at != sockets.end()) found.insert(at->second);
+        if (at != sockets.end()) found.push_back(at);
     }
     return found;
 }
@@ -91,19 +91,34 @@ std::string name_of(const fs::path& process) {
 
 }  // namespace
 
-std::vector<open_port> find_open_ports() {
-    std::vector<open_port> found;
+// A socket that is found with nobody is one of a process that is hidden, or may not be looked into.
+open_ports find_open_ports() {
+    open_ports made;
     const socket_table sockets = packet_sockets();
-    if (sockets.empty()) return found;
+    if (sockets.empty()) return made;
+    std::set<std::string> seen;
     for (const fs::path& process : entries_of("/proc")) {
         const auto pid = pid_of(process);
         if (!pid) continue;
-        const std::set<int> interfaces = interfaces_of(process, sockets);
-        if (interfaces.empty() || !has_library(process)) continue;
+        const auto own = sockets_of(process, sockets);
+        if (own.empty()) continue;
+        std::ifstream maps(process / "maps");
+        if (!maps) continue;
+        std::set<int> interfaces;  // a port has several such sockets
+        for (const auto& one : own) {
+            seen.insert(one->first);
+            interfaces.insert(one->second);
+        }
+        if (!has_library(maps)) continue;
+        const port_user user = {.pid = *pid, .name = name_of(process)};
         for (const int index : interfaces)
-            found.push_back({.if_index = index, .user = {.pid = *pid, .name = name_of(process)}});
+            made.found.push_back({.if_index = index, .user = user});
     }
-    return found;
+    const socket_table now = packet_sockets();  // others have been closed meanwhile
+    made.all_seen = std::all_of(sockets.begin(), sockets.end(), [&](const auto& one) {
+        return seen.count(one.first) > 0 || now.count(one.first) == 0;
+    });
+    return made;
 }
 
 }  // namespace qnmctl

@@ -12,7 +12,12 @@ struct open_port {
     port_user user = {};
 };
 
+struct open_ports {
+    std::vector<open_port> found = {};
+    bool all_seen = true;  // otherwise there are sockets of processes that cannot be looked into
+};
+
 // Of all other processes that have libqnm loaded and that this user may look into.
-std::vector<open_port> find_open_ports();
+open_ports find_open_ports();
 
 }  // namespace qnmctl

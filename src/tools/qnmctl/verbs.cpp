@@ -154,8 +154,9 @@ constexpr char doctor_help[] =
     "accesses cards by an interface or is deaf there, clock, both files of the configuration line\n"
     "by line, log folders and free space, without starting a manager and without changing\n"
     "anything. Each finding is ok, a note, a warning or an error, and has its remedy below it.\n"
-    "Run it as the user that the host program runs as. Only regular files are read, up to 1 MiB,\n"
-    "and not what a symbolic link stands for. The exit status is 3 when there is an error: a\n"
+    "Run it as the user that the host program runs as; which other processes listen, though, only\n"
+    "root can see. Only regular files are read, up to 1 MiB, and not what a symbolic link stands\n"
+    "for. The exit status is 3 when there is an error: a\n"
     "manager would not start, do without what it is told to use, or hear nothing.";
 
 constexpr char show_help[] =

@@ -716,6 +716,25 @@ TEST_F(Cards, HaveADeafListenerNamedByTheDoctor) {
     EXPECT_TRUE(named("error", 3));
 }
 
+// The simulated cards' own ports are root's, so another user cannot see whose they are.
+TEST_F(Cards, BesideProcessesThatCannotBeLookedIntoAreNotCalledWell) {
+    if (geteuid() != 0) GTEST_SKIP() << "only root can become another user";
+    const auto unseen = [](const std::string& told) {
+        return holds(told, "not all processes could be looked into");
+    };
+    EXPECT_FALSE(unseen(run({"doctor"}).out));
+    fs::permissions(dir.path(), fs::perms(0755));
+    fs::copy_file(command({})[0], file("qnmctl"));
+    fs::copy_file(QNM_LIBRARY, file("libqnm.so.1"));
+    program other({"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "env",
+                   "LD_LIBRARY_PATH=" + dir.path().string(), "XDG_STATE_HOME=", "TMPDIR=/tmp",
+                   file("qnmctl"), "--ports", "qnm0,qnm1", "doctor"});
+    EXPECT_EQ(3, other.end());
+    const std::string& told = other.read_all();
+    EXPECT_TRUE(unseen(told)) << told << other.errors();
+    EXPECT_TRUE(holds(told, "Run it as root")) << told;
+}
+
 // ---- Lost paths ---------------------------------------------------------------------------------
 
 // The library tells no reasons; a watch finds them by the times in its records.
