@@ -26,6 +26,7 @@ struct appender {
     std::string file;
     std::string largest;  // MaxFileSize
     std::string backups;  // MaxBackupIndex
+    std::string layout;   // the class, without its packages; empty: there is none
 };
 
 struct logger {
@@ -81,18 +82,57 @@ logger find_logger(const properties& in, const char* name) {
     return found;
 }
 
+// A class without its packages.
+std::string class_of(const properties& in, const std::string& key) {
+    const std::string type = value_of(in, key);
+    return type.substr(type.rfind('.') + 1);
+}
+
 appender find_appender(const properties& in, const std::string& name) {
     const std::string key = "log4j.appender." + name;
-    const std::string type = value_of(in, key);
     return {.name = name,
-            .kind = type.substr(type.rfind('.') + 1),
+            .kind = class_of(in, key),
             .file = value_of(in, key + ".File"),
             .largest = value_of(in, key + ".MaxFileSize"),
-            .backups = value_of(in, key + ".MaxBackupIndex")};
+            .backups = value_of(in, key + ".MaxBackupIndex"),
+            .layout = class_of(in, key + ".layout")};
+}
+
+// log4cxx finds a class by this last part of its name, whatever the case of its letters.
+std::string lower(std::string text) {
+    for (char& c : text)
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return text;
+}
+
+struct appender_class {
+    const char* name;
+    bool wants_layout;
+};
+
+constexpr appender_class appender_classes[] = {
+    {"asyncappender", false},     {"consoleappender", true}, {"dailyrollingfileappender", true},
+    {"fileappender", true},       {"odbcappender", false},   {"rollingfileappender", true},
+    {"smtpappender", true},       {"syslogappender", true},  {"telnetappender", true},
+    {"xmlsocketappender", false},
+};
+constexpr const char* layout_classes[] = {"htmllayout", "jsonlayout", "patternlayout",
+                                          "simplelayout", "xmllayout"};
+
+const appender_class* find_class(const appender& of) {
+    const auto* const found =
+        std::find_if(std::begin(appender_classes), std::end(appender_classes),
+                     [kind = lower(of.kind)](const auto& row) { return kind == row.name; });
+    return found == std::end(appender_classes) ? nullptr : found;
+}
+
+bool is_known_layout(const appender& of) {
+    return std::find(std::begin(layout_classes), std::end(layout_classes), lower(of.layout)) !=
+           std::end(layout_classes);
 }
 
 bool writes_file(const appender& of) {
-    return of.kind.ends_with("FileAppender");
+    return lower(of.kind).ends_with("fileappender");
 }
 
 // Each once, by the loggers' order.
@@ -132,7 +172,7 @@ struct room {
 };
 
 room room_for(const appender& of) {
-    if (of.kind != "RollingFileAppender") return {64 * mebi, false};
+    if (lower(of.kind) != "rollingfileappender") return {64 * mebi, false};
     return {size_of(of.largest, 10 * mebi) * (size_of(of.backups, 1) + 1)};
 }
 
@@ -185,6 +225,38 @@ void check_level(const std::string& file, const logger& of, findings& found) {
                      .remedy = "Set it to ALL, and how much is logged by log_level in qnm.conf."});
 }
 
+// Without what the log cannot do without, its lines are lost.
+finding judge_appender(const appender& of) {
+    const std::string key = "Add: log4j.appender." + printable(of.name);
+    const appender_class* const known = find_class(of);
+    if (of.kind.empty()) {
+        return {.rank = severity::error,
+                .text = ", which is not defined",
+                .remedy = key + "=org.apache.log4j.RollingFileAppender"};
+    }
+    if (known == nullptr) {
+        return {.rank = severity::warning,
+                .text = ", whose class " + printable(of.kind) +
+                        " is not known; if log4cxx does not know it either, its lines are lost",
+                .remedy = "Name one that is: org.apache.log4j.RollingFileAppender, say."};
+    }
+    if (writes_file(of) && of.file.empty()) {
+        return {.rank = severity::error,
+                .text = ", which has no file",
+                .remedy = key + ".File=/var/log/qnm/qnm.log"};
+    }
+    if (!known->wants_layout || is_known_layout(of)) return {};
+    if (of.layout.empty()) {
+        return {.rank = severity::error,
+                .text = ", which has no layout, so its lines are lost",
+                .remedy = key + ".layout=org.apache.log4j.PatternLayout"};
+    }
+    return {.rank = severity::warning,
+            .text = ", whose layout " + printable(of.layout) +
+                    " is not known; if log4cxx does not know it either, its lines are lost",
+            .remedy = "Name one that is: org.apache.log4j.PatternLayout, say."};
+}
+
 void check_logger(const std::string& file, const properties& in, const logger& of,
                   findings& found) {
     if (of.appenders.empty()) {
@@ -192,23 +264,16 @@ void check_logger(const std::string& file, const properties& in, const logger& o
                          .about = file,
                          .text = std::string("the logger ") + of.name +
                                  (of.given ? " has no appender" : " is not there") +
-                                 ", so its lines go where the host program's own log goes",
+                                 ", so its lines are lost",
                          .remedy = std::string("Add: log4j.logger.") + of.name +
                                    "=ALL, and the name of an appender."});
     }
     for (const std::string& name : of.appenders) {
-        const appender used = find_appender(in, name);
-        const bool lost = used.kind.empty() || (writes_file(used) && used.file.empty());
-        found.push_back({.rank = lost ? severity::error : severity::ok,
-                         .about = file,
-                         .text = std::string("the logger ") + of.name + " writes to the appender " +
-                                 printable(name),
-                         .remedy = {}});
-        if (!lost) continue;
-        found.back().text += used.kind.empty() ? ", which is not defined" : ", which has no file";
-        found.back().remedy = "Add: log4j.appender." + printable(name) +
-                              (used.kind.empty() ? "=org.apache.log4j.RollingFileAppender"
-                                                 : ".File=/var/log/qnm/qnm.log");
+        finding told = judge_appender(find_appender(in, name));
+        told.about = file;
+        told.text = std::string("the logger ") + of.name + " writes to the appender " +
+                    printable(name) + told.text;
+        found.push_back(told);
     }
 }
 

@@ -31,7 +31,8 @@ class DoctorProgram : public NamespaceTest {
         for (const std::string name : {"logfile", "syslogfile", "statslogfile"})
             text += "log4j.logger." + name + "=ALL, LOG\n";
         write(properties, text + "log4j.appender.LOG=org.apache.log4j.FileAppender\n" +
-                              "log4j.appender.LOG.File=" + log + '\n');
+                              "log4j.appender.LOG.File=" + log +
+                              "\nlog4j.appender.LOG.layout=org.apache.log4j.SimpleLayout\n");
     }
 
     static void write(const fs::path& file, const std::string& text) {

@@ -376,6 +376,34 @@ TEST_F(CheckLogs, FindLoggersThatWriteNowhere) {
     EXPECT_TRUE(finds("properties", severity::error, "LOG, which has no file", system));
 }
 
+// The library goes on without such an appender, and its lines are lost.
+TEST_F(CheckLogs, FindAppendersThatTheLogWouldNotTake) {
+    const auto with = [&](const std::string& kind, const std::string& layout) {
+        set("log4j.logger.logfile=ALL,LOG\nlog4j.appender.LOG=" + kind +
+            "\nlog4j.appender.LOG.File=/var/log/qnm/qnm.log\n" +
+            (layout.empty() ? "" : "log4j.appender.LOG.layout=" + layout + '\n'));
+        return system;
+    };
+    const std::string package = "org.apache.log4j.";
+    const std::string pattern = package + "PatternLayout";
+    const auto is_well = [](const inspected& of) {
+        return found_by("properties", of).front().rank == severity::ok;
+    };
+    EXPECT_TRUE(is_well(with(package + "RollingFileAppender", pattern)));
+    EXPECT_TRUE(is_well(with(package + "rolling.RollingFileAppender", pattern)));
+    EXPECT_TRUE(is_well(with("fileappender", "simplelayout")));
+    EXPECT_TRUE(is_well(with(package + "net.XMLSocketAppender", "")));
+    EXPECT_TRUE(finds("properties", severity::warning,
+                      "whose class RolingFileAppender is not known",
+                      with(package + "RolingFileAppender", pattern)));
+    EXPECT_TRUE(finds("properties", severity::error, "LOG, which has no layout",
+                      with(package + "RollingFileAppender", "")));
+    EXPECT_TRUE(finds("properties", severity::error, "LOG, which has no layout",
+                      with(package + "ConsoleAppender", "")));
+    EXPECT_TRUE(finds("properties", severity::warning, "whose layout PaternLayout is not known",
+                      with(package + "RollingFileAppender", package + "PaternLayout")));
+}
+
 TEST_F(CheckLogs, FindALevelThatHidesLines) {
     set("log4j.logger.logfile=warn,LOG\n");
     EXPECT_TRUE(finds("properties", severity::note, "level WARN", system));

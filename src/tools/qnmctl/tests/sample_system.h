@@ -31,10 +31,12 @@ inline constexpr char sample_properties[] =
     "log4j.appender.LOG.File=/var/log/qnm/qnm.log\n"
     "log4j.appender.LOG.MaxFileSize=10MB\n"
     "log4j.appender.LOG.MaxBackupIndex=5\n"
+    "log4j.appender.LOG.layout=org.apache.log4j.PatternLayout\n"
     "log4j.appender.STATS=org.apache.log4j.RollingFileAppender\n"
     "log4j.appender.STATS.File=/var/log/qnm/qnm_stats.log\n"
     "log4j.appender.STATS.MaxFileSize=10MB\n"
-    "log4j.appender.STATS.MaxBackupIndex=5\n";
+    "log4j.appender.STATS.MaxBackupIndex=5\n"
+    "log4j.appender.STATS.layout=org.apache.log4j.PatternLayout\n";
 
 inline log_place sample_log(const char* file) {
     return {.file = file,
