@@ -39,23 +39,17 @@ int append_part(const opened_file& of, std::uint64_t start, std::size_t limit, s
     return 0;
 }
 
-file_problem too_long(const std::string& size, std::size_t limit) {
-    return {true, "it has " + size + " bytes and may have " + std::to_string(limit)};
-}
-
-}  // namespace
-
-opened_file open_regular(const std::string& name, links how) {
+opened_file open_from(int folder, const std::string& there, const std::string& name, links how) {
     opened_file found = {.name = name};
     const bool follows = how == links::followed;
-    if (fstatat(AT_FDCWD, name.c_str(), &found.about, follows ? 0 : AT_SYMLINK_NOFOLLOW) != 0) {
+    if (fstatat(folder, there.c_str(), &found.about, follows ? 0 : AT_SYMLINK_NOFOLLOW) != 0) {
         fail(found, errno);
         return found;
     }
     found.state = state_of(found.about);
     if (found.state != file_state::readable) return found;
     constexpr int always = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-    found.file = descriptor(open(name.c_str(), follows ? always : always | O_NOFOLLOW));
+    found.file = descriptor(openat(folder, there.c_str(), follows ? always : always | O_NOFOLLOW));
     const int code = errno;
     if (found.file.fd < 0) {
         fail(found, code);
@@ -68,12 +62,27 @@ opened_file open_regular(const std::string& name, links how) {
     return found;
 }
 
+file_problem too_long(const std::string& size, std::size_t limit) {
+    return {true, "it has " + size + " bytes and may have " + std::to_string(limit)};
+}
+
+}  // namespace
+
+opened_file open_regular(const std::string& name, links how) {
+    return open_from(AT_FDCWD, name, name, how);
+}
+
+opened_file open_regular_at(int folder, const std::string& there, const std::string& name) {
+    return open_from(folder, there, name, links::refused);
+}
+
 std::string refusal_text(const opened_file& of) {
     switch (of.state) {
         case file_state::missing:
             return "there is no file " + of.name;
         case file_state::link:
-            return of.name + " is a symbolic link, which is not followed";
+            return of.name +
+                   (of.problem.empty() ? " is a symbolic link, which is not followed" : of.problem);
         case file_state::no_file:
             return of.name + " is " + strange_kind(of.about.st_mode) + ", not a regular file";
         default:
@@ -92,7 +101,10 @@ std::string read_from(const opened_file& of, std::uint64_t start) {
 }
 
 file_contents read_regular_file(const std::string& name, std::size_t limit) {
-    const opened_file file = open_regular(name, links::followed);
+    return contents_of(open_regular(name, links::followed), limit);
+}
+
+file_contents contents_of(const opened_file& file, std::size_t limit) {
     if (file.state == file_state::no_file) {
         return file_problem{true,
                             "it is " + strange_kind(file.about.st_mode) + ", not a regular file"};

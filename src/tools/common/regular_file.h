@@ -23,7 +23,8 @@ enum class file_state { missing, link, no_file, unreadable, readable };
 struct opened_file {
     std::string name = {};
     file_state state = file_state::missing;
-    std::string problem = {};  // what the system says of a missing or unreadable one
+    std::string problem = {};  // what the system says of a missing or unreadable one, or what is
+                               // wrong with a link beyond being one
     struct stat about = {};    // of one that could be looked at
     descriptor file = {};
 
@@ -31,6 +32,9 @@ struct opened_file {
 };
 
 opened_file open_regular(const std::string& name, links how);
+
+// By its name in an open folder, and not what a link there stands for; told by another name.
+opened_file open_regular_at(int folder, const std::string& there, const std::string& name);
 
 // Why it is not readable, in one sentence.
 std::string refusal_text(const opened_file& of);
@@ -51,6 +55,8 @@ using file_contents = std::variant<std::string, file_problem>;
 
 // Also one that symbolic links lead to. What is far too long is the wrong file.
 file_contents read_regular_file(const std::string& name, std::size_t limit);
+
+file_contents contents_of(const opened_file& file, std::size_t limit);
 
 // What a file is that is none: "a FIFO"; empty for a regular one.
 std::string strange_kind(unsigned mode);

@@ -106,8 +106,12 @@ std::string read_text(const std::string& name) {
 }
 
 std::string read_config(const std::string& name) {
-    auto read = tools::read_regular_file(name, config_size_limit);
-    if (const auto wrong = wrong_file(name, read)) throw error(*wrong);
+    return config_text_of(tools::open_regular(name, tools::links::followed));
+}
+
+std::string config_text_of(const tools::opened_file& file) {
+    auto read = tools::contents_of(file, config_size_limit);
+    if (const auto wrong = wrong_file(file.name, read)) throw error(*wrong);
     auto* const contents = std::get_if<std::string>(&read);
     return contents != nullptr ? std::move(*contents) : std::string();
 }

@@ -8,6 +8,8 @@
 #include <string_view>
 #include <vector>
 
+#include "regular_file.h"
+
 namespace qnmctl {
 
 struct config_line {
@@ -42,7 +44,10 @@ std::string read_text(const std::string& name);
 // regular file, or far too long for one.
 std::string read_config(const std::string& name);
 
-// The same as a text: what is wrong with a file of the configuration.
+// Of a file that was opened.
+std::string config_text_of(const tools::opened_file& file);
+
+// As a text: what is wrong with a file of the configuration.
 std::optional<std::string> wrong_config(const std::string& name);
 
 }  // namespace qnmctl

@@ -29,6 +29,7 @@
 #include "doctor_logs.h"
 #include "installation.h"
 #include "open_ports.h"
+#include "own_folder.h"
 #include "qnm.h"
 
 namespace qnmctl {
@@ -288,7 +289,7 @@ void remove_last_line(std::string& text) {
 }  // namespace
 
 file_facts look_at_file(const fs::path& name) {
-    const tools::opened_file file = tools::open_regular(name, tools::links::refused);
+    const tools::opened_file file = open_by_own_links(name, tools::links::refused);
     file_facts found = {.name = file.name, .state = file.state, .problem = file.problem};
     if (file.state != file_state::readable) return found;
     found.text = tools::read_part(file, 0, text_limit);

@@ -129,12 +129,15 @@ void make_private(installation& made) {
 // What the command itself reads of a log that nobody else sees.
 const logger_levels quiet = {.log = "WARN", .syslog = "WARN"};
 
-// Of a file that may be missing. A link is followed, as the library does.
+// Of a file that may be missing. The library follows every link; the lines that are wrong are
+// quoted here, though, and a report hands them on, so those of another user are not followed.
 std::optional<std::string> file_text(const fs::path& name) {
-    const tools::opened_file file = tools::open_regular(name, tools::links::followed);
+    const tools::opened_file file = open_by_own_links(name, tools::links::followed);
+    const bool refused =
+        file.state == tools::file_state::unreadable || file.state == tools::file_state::link;
     if (file.state == tools::file_state::missing) return std::nullopt;
-    if (file.state == tools::file_state::unreadable) throw error(tools::refusal_text(file));
-    return read_config(name);
+    if (refused) throw error(tools::refusal_text(file));
+    return config_text_of(file);
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Walks to a place for the folder step by step, makes it there, and removes what others have left.
+// Looks for a place for the folder, makes it there, and removes what others have left.
 #include "private_folder.h"
 
 #include <fcntl.h>
@@ -10,7 +10,6 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <deque>
 #include <vector>
 
 #include "ownership.h"
@@ -22,76 +21,9 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr mode_t owner_only = 0700;
 constexpr char removed_start[] = "run.";
 constexpr char kept_start[] = "kept.";
 constexpr char own_name[] = "qnmctl";
-
-// ---- The way there ------------------------------------------------------------------------------
-
-class walk {
-  public:
-    explicit walk(const fs::path& name) { put_in_front(name); }
-
-    // Whether it ended in a folder that is this user's own all the way.
-    bool go(bool makes) {
-        if (!enter("/")) return false;
-        while (!left_.empty()) {
-            const std::string part = left_.front();
-            left_.pop_front();
-            if (!step(part, makes)) return false;
-        }
-        return true;
-    }
-
-    own_folder end() { return std::move(here_); }
-
-  private:
-    void put_in_front(const fs::path& name) {
-        const std::vector<std::string> parts = split(name.string(), "/");
-        left_.insert(left_.begin(), parts.begin(), parts.end());
-    }
-
-    // Returns false with errno.
-    bool enter(const std::string& part) {
-        tools::descriptor next(
-            openat(here_.at.fd, part.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-        if (next.fd < 0) return false;
-        struct stat about {};
-        errno = EACCES;  // of a folder that is another's
-        if (fstat(next.fd, &about) != 0 || !is_own(about)) return false;
-        here_.at = std::move(next);
-        here_.path = part == ".." ? here_.path.parent_path() : here_.path / part;
-        return true;
-    }
-
-    bool step(const std::string& part, bool makes) {
-        if (part == "." || enter(part)) return true;
-        const int code = errno;
-        if (code == ENOTDIR || code == ELOOP) return follow(part);
-        if (code != ENOENT || !makes) return false;
-        const bool made = mkdirat(here_.at.fd, part.c_str(), owner_only) == 0;
-        if (!made && errno != EEXIST) return false;
-        return enter(part);
-    }
-
-    bool follow(const std::string& part) {
-        struct stat about {};
-        char target[PATH_MAX];
-        if (fstatat(here_.at.fd, part.c_str(), &about, AT_SYMLINK_NOFOLLOW) != 0) return false;
-        if (!S_ISLNK(about.st_mode) || !is_own_user(about.st_uid)) return false;
-        const ssize_t length = readlinkat(here_.at.fd, part.c_str(), target, sizeof target);
-        constexpr int most_links = 40;  // as the kernel has it
-        if (length <= 0 || length == sizeof target || ++links_ > most_links) return false;
-        const std::string name(target, static_cast<std::size_t>(length));
-        put_in_front(name);
-        return name.front() != '/' || enter("/");
-    }
-
-    own_folder here_;
-    std::deque<std::string> left_;
-    int links_ = 0;
-};
 
 // ---- Places -------------------------------------------------------------------------------------
 
@@ -129,12 +61,8 @@ std::string random_name() {
     return name;
 }
 
-// log4cxx takes "${" for the beginning of a variable.
 bool is_usable(const fs::path& path) {
-    const std::string& name = path.native();
-    const auto is_control = [](unsigned char c) { return c < ' ' || c == 0x7F; };
-    return name.size() <= longest_dir && name.find("${") == std::string::npos &&
-           std::none_of(name.begin(), name.end(), is_control);
+    return path.native().size() <= longest_dir && is_plain_name(path);
 }
 
 // Whether the name still stands for the folder that is open.
@@ -161,11 +89,11 @@ void remove_leftover(const own_folder& from, const std::string& name) {
 
 }  // namespace
 
-std::optional<own_folder> open_own_folder(const fs::path& name, bool makes) {
-    if (!name.is_absolute()) return std::nullopt;
-    walk way(name);
-    if (!way.go(makes)) return std::nullopt;
-    return way.end();
+bool is_plain_name(const fs::path& name) {
+    const std::string& text = name.native();
+    const auto is_control = [](unsigned char c) { return c < ' ' || c == 0x7F; };
+    return text.find("${") == std::string::npos &&
+           std::none_of(text.begin(), text.end(), is_control);
 }
 
 private_folder::private_folder(at_the_end what) : what_(what) {
@@ -201,7 +129,7 @@ bool private_folder::make_in(const std::optional<own_folder>& parent, const std:
 
 // Returns false with errno; EEXIST when another name may do.
 bool private_folder::make(const own_folder& parent, const std::string& name) {
-    if (mkdirat(parent.at.fd, name.c_str(), owner_only) != 0) return false;
+    if (mkdirat(parent.at.fd, name.c_str(), own_folder_mode) != 0) return false;
     tools::descriptor made = open_folder(parent, name);
     // Where the file system has no locks, nobody removes what is left.
     const bool taken =

@@ -6,7 +6,8 @@
 // folder on the way, and each link, has to be this user's own or root's and closed to others.
 //
 // A run keeps its folder locked. The lock goes with the process, so a later run finds by it what
-// one that was killed has left, and removes that. Between making a folder and locking it another
+// one that was killed has left below the first two, and removes that; below $TMPDIR and /tmp it
+// stays, as for whoever cleans them up. Between making a folder and locking it another
 // run may have taken it for such a rest; then it is gone, and the next name is tried.
 #pragma once
 
@@ -14,21 +15,15 @@
 #include <optional>
 #include <string>
 
-#include "descriptor.h"
+#include "own_folder.h"
 
 namespace qnmctl {
 
 inline constexpr std::size_t longest_dir = 485;  // the longest name that the library takes
 
-// A folder that nobody else can have put there, by its name without links.
-struct own_folder {
-    tools::descriptor at = {};
-    std::filesystem::path path = "/";
-};
-
-// By its absolute name; nothing where others have a hand in it. Missing ones are made when asked
-// for.
-std::optional<own_folder> open_own_folder(const std::filesystem::path& name, bool makes);
+// Whether a properties file of log4cxx can have the name: it takes "${" for the beginning of a
+// variable, and a control character may end the line.
+bool is_plain_name(const std::filesystem::path& name);
 
 enum class at_the_end { removed, kept };
 

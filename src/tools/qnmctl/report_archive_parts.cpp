@@ -10,6 +10,7 @@
 #include "config_file.h"
 #include "doctor_report.h"
 #include "fields.h"
+#include "own_folder.h"
 #include "ownership.h"
 #include "regular_file.h"
 #include "report.h"
@@ -58,7 +59,7 @@ void add_file(const std::string& name, const char* member, const char* part, rep
 
 void add_config(const report_sources& from, const char* part, report_contents& to) {
     const std::string name = from.where.config();
-    if (tools::open_regular(name, tools::links::refused).state == tools::file_state::missing) {
+    if (open_by_own_links(name, tools::links::refused).state == tools::file_state::missing) {
         throw error("there is no file " + name + ", so the defaults hold");
     }
     add_file(name, config_name, part, to);
@@ -113,7 +114,7 @@ void add_log(const std::string& file, const named_logs& by, const char* part, re
     for (const std::string& name : {file, file + ".1"}) {
         const bool is_rotated = name != file;
         if (is_rotated &&
-            tools::open_regular(name, tools::links::refused).state == tools::file_state::missing)
+            open_by_own_links(name, tools::links::refused).state == tools::file_state::missing)
             return;
         const std::string member = name_of_log(name, to);
         try {
@@ -235,7 +236,7 @@ std::span<const report_part> report_parts() {
 
 // One byte more is read, so that a line which starts just there is seen to do so.
 file_end read_file_end(const std::string& name, std::size_t limit) {
-    const tools::opened_file file = tools::open_regular(name, tools::links::refused);
+    const tools::opened_file file = open_by_own_links(name, tools::links::refused);
     if (file.state != tools::file_state::readable) throw error(tools::refusal_text(file));
     const std::uint64_t wanted = std::uint64_t{limit} + 1;
     const std::uint64_t start = file.size() - std::min(file.size(), wanted);
@@ -243,7 +244,7 @@ file_end read_file_end(const std::string& name, std::size_t limit) {
 }
 
 std::string config_of(const installation& where) {
-    const tools::opened_file file = tools::open_regular(where.config(), tools::links::refused);
+    const tools::opened_file file = open_by_own_links(where.config(), tools::links::refused);
     return file.state == tools::file_state::readable ? tools::read_part(file, 0, file_limit) : "";
 }
 

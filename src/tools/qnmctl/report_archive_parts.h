@@ -37,8 +37,8 @@ struct report_part {
 
 std::span<const report_part> report_parts();
 
-// A regular file's last part, and the size of the whole. What is reached by a link alone is none.
-// Throws error.
+// A regular file's last part, and the size of the whole. What a link stands for is none, nor what
+// lies behind one of another user. Throws error.
 struct file_end {
     std::string text;
     std::uint64_t size;
