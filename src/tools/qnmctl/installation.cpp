@@ -17,6 +17,7 @@
 #include "regular_file.h"
 #include "standard_files.h"
 #include "text.h"
+#include "visible.h"
 
 namespace qnmctl {
 
@@ -100,8 +101,13 @@ void write_file(const fs::path& name, const std::string& text) {
 }
 
 // log4cxx complains of a file it cannot write, and goes on without a log. A FIFO would hold up the
-// manager, and its end, while nobody reads it.
+// manager, and its end, while nobody reads it. A name that the properties cannot have would be that
+// of another file.
 void check_writable(const fs::path& log) {
+    if (!is_plain_name(log)) {
+        throw error("--log: " + tools::visible_line(log.string()) +
+                    ": a log's name can have neither ${ nor control characters");
+    }
     std::error_code ignored;
     if (fs::is_fifo(log, ignored))
         throw error("cannot write the log " + log.string() + ": it is a FIFO");

@@ -225,6 +225,11 @@ def check_log(site):
     make_fifo(site.file("log"))
     ended = site.run("qnmctl", "--ports", "lo", "--log", site.file("log"), "list")
     refused(ended, f"qnmctl: cannot write the log {site.file('log')}: ", "it is a FIFO")
+    for name, shown in (("${HOME}.log", "${HOME}.log"), ("a\nb", r"a\x0ab"), ("a\tb", r"a\x09b")):
+        ended = site.run("qnmctl", "--ports", "lo", "--log", site.file(name), "list")
+        refused(ended, f"qnmctl: --log: {site.file(shown)}: ",
+                "a log's name can have neither ${ nor control characters")
+        require(not os.path.exists(site.file(name)), f"{name} was made")
 
 
 def check_nesting(site):
