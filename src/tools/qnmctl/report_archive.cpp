@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "table.h"
+#include "visible.h"
 
 namespace qnmctl {
 
@@ -133,11 +134,11 @@ void mask_report(report_contents& of) {
 }
 
 void add_manifest(report_contents& to) {
-    const std::string missing = missing_text(to.missing);
+    const std::string missing = tools::visible(missing_text(to.missing));
     to.members.push_back(
         {problems_name, missing.empty() ? "Nothing is missing.\n" : missing, "manifest"});
     const std::string listed =
-        manifest(to).dump(2, ' ', false, json::error_handler_t::replace) + '\n';
+        manifest(to).dump(2, ' ', true, json::error_handler_t::replace) + '\n';
     to.members.push_back({manifest_name, listed, "manifest"});
 }
 

@@ -17,6 +17,7 @@
 #include "report_archive_system.h"
 #include "session.h"
 #include "topology.h"
+#include "visible.h"
 
 namespace qnmctl {
 
@@ -28,8 +29,9 @@ constexpr std::size_t file_limit = std::size_t{1024} * 1024;  // of a configurat
 constexpr std::size_t log_limit =
     std::size_t{256} * 1024;  // the last part of a log, and of the events
 
+// Archives are read on terminals.
 std::string document(const json& of) {
-    return of.dump(2, ' ', false, json::error_handler_t::replace) + '\n';
+    return of.dump(2, ' ', true, json::error_handler_t::replace) + '\n';
 }
 
 const installation& running(const report_sources& from) {
@@ -75,12 +77,11 @@ std::string name_of_log(const fs::path& file, const report_contents& to) {
         return std::any_of(to.members.begin(), to.members.end(),
                            [&](const report_member& of) { return of.name == name; });
     };
-    std::string name = "logs/" + file.filename().string();
-    for (int number = 2; is_taken(name); ++number) {
-        name = "logs/" + file.stem().string() + '-' + std::to_string(number) +
-               file.extension().string();
-    }
-    return name;
+    std::string name = file.filename().string();
+    const auto member = [&name] { return "logs/" + tools::visible_line(name); };
+    for (int number = 2; is_taken(member()); ++number)
+        name = file.stem().string() + '-' + std::to_string(number) + file.extension().string();
+    return member();
 }
 
 bool is_in_own_folder(const std::string& file) {
@@ -151,7 +152,7 @@ void add_own_log(const report_sources& from, const char* part, report_contents& 
 
 void add_findings(const report_sources& from, const char* part, report_contents& to) {
     const findings found = examine(all_checks(), inspect_system(from.where));
-    to.members.push_back({"doctor.txt", findings_text(found, {}), part});
+    to.members.push_back({"doctor.txt", tools::visible(findings_text(found, {})), part});
 }
 
 // ---- Ports --------------------------------------------------------------------------------------
@@ -198,7 +199,7 @@ void add_statistics(const report_sources& from, const char* part, report_content
     const log_mark before(running(from).stats);
     const qnm_api_code_t code = qnm_stdump(1);
     if (code != QNM_API_SUCCESS) throw failed_call("qnm_stdump", code);
-    to.members.push_back({"statistics.txt", before.text_since(), part});
+    to.members.push_back({"statistics.txt", tools::visible(before.text_since()), part});
 }
 
 void add_events(const report_sources& from, const char* part, report_contents& to) {

@@ -17,6 +17,7 @@ import signal
 import socket
 import subprocess
 import sys
+import tarfile
 import tempfile
 import termios
 import time
@@ -361,6 +362,28 @@ def check_configured_words(site):
         look_at(site, "qnmctl", "--dir", dirs[name], "doctor", shown=shown, json_too=True)
 
 
+def check_reports(site):
+    """What the command itself has made for an archive is read on terminals, too."""
+    log = b"/nowhere/" + EVIL
+    properties = PROPERTIES.replace(b"/dev/null", log)
+    site.store("named/conf/qnm.conf", b"ether_port = " + EVIL_PORT + b",lo\n" + EVIL + b" = 1\n")
+    site.store("named/conf/qnm_log4c.properties", properties)
+    archive = site.file("named.tar.gz")
+    ended = site.run("qnmctl", "--dir", site.file("named"), "report", archive, "--for", "0.1")
+    require(ended.status == 0, f"report: {ended.status} {ended.errors}")
+    texts = {}
+    with tarfile.open(archive) as members:
+        for member in members:
+            is_quiet(member.name.encode(errors="surrogateescape"), "a member's name")
+            texts[os.path.basename(member.name)] = members.extractfile(member).read()
+    for name, text in texts.items():
+        if name not in ("qnm.conf", "qnm_log4c.properties", "capture.pcapng"):  # as they are
+            is_quiet(text, name)
+    for name in "doctor.txt", "problems.txt":
+        require(SHOWN_PORT in texts[name].decode(), f"{name}: {texts[name]}")
+    require(json.loads(texts["manifest.json"])["missing"], "the manifest misses nothing")
+
+
 def check_names_of_interfaces(site):
     subprocess.run([b"ip", b"link", b"add", EVIL_PORT, b"type", b"veth", b"peer", b"name", b"ev1"],
                    check=True)
@@ -398,7 +421,7 @@ def check_words_of_cardsim(site):
 
 CHECKS = (check_configuration, check_images, check_log, check_nesting, check_outputs,
           check_limited_files,
-          check_words_of_qnmctl, check_configured_words, check_names_of_interfaces,
+          check_words_of_qnmctl, check_configured_words, check_reports, check_names_of_interfaces,
           check_words_of_cardsim)
 
 
