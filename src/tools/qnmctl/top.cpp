@@ -101,19 +101,20 @@ void take_signals(view& of) {
 void take_keys(view& of) {
     while (const auto key = of.screen.key()) {
         press(of.model, *key);
-        if (of.model.quit) return;
+        if (of.model.quit || is_signalled(of.with)) return;
     }
 }
 
 // Waits for anything but events, which only count until the next look; false when a signal or the
-// end of the terminal ends the view.
+// end of the terminal ends the view. All is looked at once even when the next look is due, since it
+// always may be.
 bool wait_for_input(view& of, clock::time_point until) {
     enum { keys, ends, signals, events };
     pollfd waited[] = {{STDIN_FILENO, POLLIN, 0},
                        {of.with.signals, POLLIN, 0},
                        {of.signals.fd(), POLLIN, 0},
                        {of.with.manager->wake_fd(), POLLIN, 0}};
-    while (clock::now() < until) {
+    do {
         if (poll(waited, std::size(waited), milliseconds_until(until)) < 0) {
             if (errno == EINTR) continue;
             throw error(std::string("cannot wait: ") + std::strerror(errno));
@@ -124,7 +125,7 @@ bool wait_for_input(view& of, clock::time_point until) {
         if (waited[signals].revents != 0) take_signals(of);
         if (waited[keys].revents != 0) take_keys(of);
         if (waited[signals].revents != 0 || waited[keys].revents != 0) return true;
-    }
+    } while (clock::now() < until);
     return true;
 }
 

@@ -292,7 +292,7 @@ std::vector<top_line> top_lines(top_model& model, top_size size) {
     }
     made.resize(std::min(made.size(), size.height));
     for (top_line& one : made)
-        one.text = fitted(std::move(one.text), size.width);
+        one.text = fitted(one.text, size.width);
     return made;
 }
 

@@ -278,6 +278,7 @@ constexpr top_key_row rows[] = {
 
 // The cards follow every key, and the filter that was there comes back by Esc.
 void type(top_model& model, int key) {
+    constexpr std::size_t longest = 256;
     std::string& text = *model.typed;
     if (key == key_enter) {
         model.filter.text = text;
@@ -288,7 +289,7 @@ void type(top_model& model, int key) {
         text.clear();
     } else if (key == key_backspace) {
         if (!text.empty()) text.pop_back();
-    } else if (key >= ' ' && key <= '~') {
+    } else if (key >= ' ' && key <= '~' && text.size() < longest) {
         text += static_cast<char>(key);
     }
 }

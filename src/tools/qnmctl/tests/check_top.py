@@ -75,7 +75,7 @@ class Failure(Exception):
 class Top:
     """A running view and the screen that a terminal makes of what it writes."""
 
-    def __init__(self, program, *options, size=(80, 24), env=None):
+    def __init__(self, program, *options, size=(80, 24), env=None, delay="0.2"):
         self.screen = pyte.Screen(*size)
         self.stream = pyte.ByteStream(self.screen)
         self.raw = b""
@@ -83,7 +83,7 @@ class Top:
         self.set_size(*size)
         self.before = termios.tcgetattr(self.master)
         self.process = subprocess.Popen(
-            [program, "--ports", "qnm0,qnm1", "top", "--delay", "0.2", *options],
+            [program, "--ports", "qnm0,qnm1", "top", "--delay", delay, *options],
             stdin=slave, stdout=slave, stderr=slave, start_new_session=True,
             preexec_fn=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0),
             env={**os.environ, "TERM": TERMINAL, "XDG_STATE_HOME": STATE.name, **(env or {})},
@@ -228,6 +228,16 @@ def check_ends(program):
         top.ends(name)
 
 
+def check_hurry(program):
+    """It obeys also when the next look is always due."""
+    for name, end in (("q", lambda top: top.type("q")),
+                      ("SIGTERM", lambda top: top.process.send_signal(signal.SIGTERM))):
+        top = Top(program, delay="1e-9")
+        top.until("cards", r"port 0 qnm0 +up")
+        end(top)
+        top.ends(f"{name} in a hurry")
+
+
 def check_colours(program):
     """Colours only where they are wanted."""
     for env, wanted in ({}, True), ({"NO_COLOR": "1"}, False):
@@ -267,7 +277,7 @@ def main():
         with subprocess.Popen([cardsim, scenario.name, "--quiet"], stdin=subprocess.PIPE,
                               stdout=subprocess.DEVNULL) as cards:
             try:
-                for check in (check_refusals, check_view, check_options, check_ends,
+                for check in (check_refusals, check_view, check_options, check_ends, check_hurry,
                               check_colours):
                     started = time.monotonic()
                     check(program)

@@ -134,6 +134,14 @@ TEST_F(TopModel, SortsByEveryOrderAndRound) {
     EXPECT_FALSE(model.reversed);
 }
 
+// As by a paste, of which every key is a look at all cards.
+TEST_F(TopModel, TakesNoFilterThatIsEndless) {
+    press('/');
+    for (int count = 0; count < 1000; ++count)
+        press('x');
+    EXPECT_EQ(std::string(256, 'x'), *model.typed);
+}
+
 TEST_F(TopModel, FiltersByKindAndConnection) {
     std::vector<card> at = {card_of(true, 1), card_of(false, 2), card_of(false, 3)};
     part_of(at[2]).ecd_state[1][1] = 0;
