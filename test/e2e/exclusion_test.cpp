@@ -418,6 +418,9 @@ TEST_F(exclusion, holds_against_somebody_who_takes_all_room_at_the_holder) {
 
 // It has no descriptor left to take their connections with.
 TEST_F(exclusion, holds_against_somebody_who_takes_all_room_for_good) {
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "the check of undefined behaviour needs descriptors itself";
+#endif
     std::ofstream("/proc/sys/net/core/somaxconn") << 16;
     ASSERT_EQ(other.tell(start), 1);
     ASSERT_EQ(other.tell(read_one), QNM_API_SUCCESS);
