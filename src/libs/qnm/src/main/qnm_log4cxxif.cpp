@@ -31,6 +31,7 @@
 #include <cstring>
 #include <exception>
 #include <iterator>
+#include <memory>
 #include <string>
 #include <utility>
 
@@ -106,11 +107,12 @@ log4cxx::spi::LoggerRepositoryPtr get_hierarchy() {
 
 // What holds all loggers. Its destructor closes their files, and would wait for a line that is
 // stuck, in a pipe that nobody reads, say.
-kept<log4cxx::spi::LoggerRepositoryPtr> hierarchy(get_hierarchy());
+const std::weak_ptr<log4cxx::spi::LoggerRepository> hierarchy = get_hierarchy();
+kept<log4cxx::spi::LoggerRepositoryPtr> kept_hierarchy(nullptr);
 
-logger_handle logger_file(hierarchy.ptr->getLogger("logfile"));
-logger_handle logger_syslog(hierarchy.ptr->getLogger("syslogfile"));
-logger_handle logger_stats(hierarchy.ptr->getLogger("statslogfile"));
+logger_handle logger_file(hierarchy.lock()->getLogger("logfile"));
+logger_handle logger_syslog(hierarchy.lock()->getLogger("syslogfile"));
+logger_handle logger_stats(hierarchy.lock()->getLogger("statslogfile"));
 
 // Runs at the end of the process, and when the library is unloaded: as often as it was registered,
 // but the first time is the one that counts.
@@ -118,12 +120,14 @@ void close_log() {
     if (exiting.exchange(true)) return;
     const uint64_t deadline = _qnm_get_msec_monotonic() + k_exit_wait_ms;
     while (lines_under_way > 0) {
-        if (_qnm_get_msec_monotonic() >= deadline) return;
+        if (_qnm_get_msec_monotonic() >= deadline) {
+            kept_hierarchy.ptr = hierarchy.lock();
+            return;
+        }
         _qnm_msleep(1);
     }
     for (logger_handle* const logger : {&logger_file, &logger_syslog, &logger_stats})
         logger->ptr.reset();
-    hierarchy.ptr.reset();
 }
 
 // Indexed by qnm_log_level_t.
@@ -192,10 +196,11 @@ bool read_properties(const char* name, qnm::problem_text& problem) {
     try {
         const quiet_log4cxx quiet;
         const no_default_configuration none;
-        const bool was_configured = hierarchy.ptr->isConfigured();
+        const log4cxx::spi::LoggerRepositoryPtr loggers = hierarchy.lock();
+        const bool was_configured = loggers->isConfigured();
         log4cxx::PropertyConfigurator::configure(log4cxx::File(name));
-        hierarchy.ptr->setConfigured(was_configured);  // by the host program, that is
-        _qnm_log_check_loggers(hierarchy.ptr.get(), &problem);
+        loggers->setConfigured(was_configured);  // by the host program, that is
+        _qnm_log_check_loggers(loggers.get(), &problem);
     } catch (const std::exception& thrown) {
         problem.add("%s", thrown.what());
         did_throw = true;
