@@ -108,6 +108,14 @@ struct port_lock : card_units {
             _qnm_port_lock_close(port);
     }
 
+    static void take_both_of_one_interface() {
+        close_ports();
+        _qnm_port_lock_open(0, k_index[0]);
+        _qnm_port_lock_open(1, k_index[0]);
+        EXPECT_EQ(_qnm_port_lock_take(1), 0);
+        EXPECT_EQ(_qnm_port_lock_take(0), 0);
+    }
+
     static std::string line_of(pid_t pid, const std::string& process_name) {
         return "_qnm_port_lock_take: Cards on port_num=0 are accessed by process " +
                std::to_string(pid) + " (" + process_name + ")";
@@ -137,11 +145,7 @@ TEST_F(port_lock, is_one_per_port) {
 }
 
 TEST_F(port_lock, is_one_where_both_ports_are_the_same_interface) {
-    close_ports();
-    _qnm_port_lock_open(0, k_index[0]);
-    _qnm_port_lock_open(1, k_index[0]);
-    EXPECT_EQ(_qnm_port_lock_take(1), 0);
-    EXPECT_EQ(_qnm_port_lock_take(0), 0);
+    take_both_of_one_interface();
     EXPECT_EQ(fail::count(fail::call::bind), 1U);
     EXPECT_TRUE(logs.lines().empty());
 }
@@ -695,11 +699,7 @@ TEST_F(port_group, is_kept_by_a_child_that_no_handler_sees_until_it_ends) {
 }
 
 TEST_F(port_group, is_one_where_both_ports_are_the_same_interface) {
-    close_ports();
-    _qnm_port_lock_open(0, k_index[0]);
-    _qnm_port_lock_open(1, k_index[0]);
-    EXPECT_EQ(_qnm_port_lock_take(1), 0);
-    EXPECT_EQ(_qnm_port_lock_take(0), 0);
+    take_both_of_one_interface();
     EXPECT_TRUE(logs.lines().empty());
 }
 
