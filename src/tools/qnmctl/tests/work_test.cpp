@@ -2,39 +2,18 @@
 #include "work.h"
 
 #include <gtest/gtest.h>
-#include <sys/signalfd.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <array>
+#include <csignal>
 #include <thread>
 #include <vector>
+
+#include "signal_pipe.h"
 
 namespace qnmctl {
 namespace {
 
-// A pipe that carries what a signalfd would.
-class signal_pipe {
-  public:
-    signal_pipe() {
-        if (pipe(ends_.data()) != 0) std::abort();
-    }
-    ~signal_pipe() {
-        close(ends_[0]);
-        close(ends_[1]);
-    }
-    signal_pipe(const signal_pipe&) = delete;
-    signal_pipe& operator=(const signal_pipe&) = delete;
-
-    int fd() const { return ends_[0]; }
-    void raise() const {
-        const signalfd_siginfo info{};
-        EXPECT_EQ(static_cast<ssize_t>(sizeof info), write(ends_[1], &info, sizeof info));
-    }
-
-  private:
-    std::array<int, 2> ends_{};
-};
+constexpr int ignored = SIGURG;  // run_work() sends it to the process when all jobs have ended
 
 work of_jobs(std::size_t jobs, std::function<void(std::size_t, work_state&)> run) {
     return {.label = "work", .jobs = jobs, .steps = jobs, .run = std::move(run), .give_up = [] {}};
@@ -72,7 +51,7 @@ TEST(Work, LetsTheJobUnderWayEndAtASignalAndStartsNoOther) {
     std::atomic<int> begun = 0;
     std::atomic<int> ended = 0;
     const auto job = [&](std::size_t, work_state& state) {
-        if (++begun == 1) signals.raise();
+        if (++begun == 1) signals.raise(ignored);
         while (!state.ending) {
             std::this_thread::yield();
         }
@@ -87,11 +66,11 @@ TEST(Work, GivesUpAtASecondSignal) {
     const signal_pipe signals;
     std::atomic<bool> given_up = false;
     work wanted = of_jobs(1, [&](std::size_t, work_state& state) {
-        signals.raise();
+        signals.raise(ignored);
         while (!state.ending) {
             std::this_thread::yield();
         }
-        signals.raise();
+        signals.raise(ignored);
         given_up.wait(false);
     });
     wanted.give_up = [&] {
