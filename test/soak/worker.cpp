@@ -29,16 +29,19 @@ void ignore_event(uint64_t, qnm_evt_type_t, void*) {}
 
 // ---- What a place may hold ---------------------------------------------------------------------
 
+bool contents::may_be(uint32_t value) const {
+    const auto end = possible_.begin() + count_;
+    return std::find(possible_.begin(), end, value) != end;
+}
+
 void contents::written(uint32_t value, bool surely) {
-    if (surely) possible_.clear();
-    if (std::find(possible_.begin(), possible_.end(), value) == possible_.end()) {
-        possible_.push_back(value);
-    }
+    if (surely) count_ = 0;
+    if (!may_be(value)) possible_.at(count_++) = value;
 }
 
 bool contents::read(uint32_t value) {
-    if (std::find(possible_.begin(), possible_.end(), value) == possible_.end()) return false;
-    possible_.assign(1, value);
+    if (!may_be(value)) return false;
+    written(value, true);
     return true;
 }
 
@@ -170,7 +173,7 @@ void worker::use_own_register() {
     const uint32_t flags = any_flags() | (draw(2) == 0 ? QNM_FLAG_VERIFY : 0);
     const bool verified = (flags & QNM_FLAG_VERIFY) != 0;
     const uint32_t kind = draw(3);
-    if (kind == 0) {
+    if (kind == 0 && !held.is_full()) {
         const auto ret = call("qnm_write_register", k_answered, [&] {
             return qnm_write_register(id, address, value, &k_register_retry, flags);
         });
@@ -250,7 +253,7 @@ void worker::use_own_word() {
     const uint64_t id = card_id(number);
     const uint32_t address = k_own_words + 4 * number_;
     contents& held = words_[number];
-    if (draw(2) == 0) {
+    if (draw(2) == 0 && !held.is_full()) {
         const auto value = static_cast<uint32_t>(random_());
         const uint32_t flags = draw(2) == 0 ? QNM_FLAG_VERIFY : 0;
         const auto ret = call("qnm_write_eeprom", k_eeprom, [&] {

@@ -33,18 +33,23 @@ constexpr const char* k_called[] = {"qnm_read_register",      "qnm_dump_register
                                     "qnm_set_loglevel",       "qnm_stdump"};
 
 // What a place that one thread alone writes may hold: one value, or after a write whose effect is
-// not known both the old and the new one.
+// not known both the old and the new one. Its own memory does not grow, so that what grows is the
+// library's.
 class contents {
   public:
     explicit contents(uint32_t initial) : possible_{initial} {}
 
-    bool is_known() const { return possible_.size() == 1; }
+    bool is_known() const { return count_ == 1; }
+    bool is_full() const { return count_ == possible_.size(); }  // to be read before it is written
     uint32_t value() const { return possible_.front(); }
     void written(uint32_t value, bool surely);
     bool read(uint32_t value);  // whether it may be this one
 
   private:
-    std::vector<uint32_t> possible_;
+    bool may_be(uint32_t value) const;
+
+    std::array<uint32_t, 32> possible_;
+    size_t count_ = 1;
 };
 
 class worker {
