@@ -44,6 +44,7 @@ constexpr seconds k_calm_limit{120};
 // Growth in KiB that is no leak: what the allocator scatters, and how the load happens to differ.
 constexpr size_t k_running_allowance = 1024;
 constexpr size_t k_stopped_allowance = 512;
+constexpr size_t k_in_use_allowance = 32;
 
 constexpr int k_samples = 240;  // of the memory, while the long-lived manager runs
 
@@ -243,6 +244,7 @@ class host {
                         std::to_string(descriptors_));
         }
         stopped_.push_back(held());
+        in_use_.push_back(in_use());
     }
 
     void restart_for(milliseconds time) {
@@ -404,6 +406,8 @@ class host {
             if (!early.empty()) tally_.fail("memory has grown while the manager ran " + early);
             const std::string stopped = growth(stopped_, k_stopped_allowance);
             if (!stopped.empty()) tally_.fail("memory grows from stop to stop " + stopped);
+            const std::string kept = growth(in_use_, k_in_use_allowance);
+            if (!kept.empty()) tally_.fail("memory in use grows from stop to stop " + kept);
         }
         check_rotation();
         tally_.require_successes(planned_.duration < k_all_succeed_after ? k_enough_calls : 0);
@@ -460,6 +464,7 @@ class host {
     size_t peak_ = 0;              // resident memory, the most since the last report
     std::vector<size_t> running_;  // samples of the memory, while the long-lived manager runs
     std::vector<size_t> stopped_;  // and after each stop
+    std::vector<size_t> in_use_;   // what is left in use then
     const clock::time_point begin_ = clock::now();
     clock::time_point report_at_ = begin_;
 };

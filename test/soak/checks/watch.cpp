@@ -63,6 +63,11 @@ size_t held() {
     return status_kib("RssAnon:");
 }
 
+size_t in_use() {
+    const struct mallinfo2 all = mallinfo2();
+    return (all.uordblks + all.hblkhd) / 1024;
+}
+
 std::string growth(const std::vector<size_t>& samples, size_t allowance) {
     const size_t third = samples.size() / 3;
     if (third < 3) return "";

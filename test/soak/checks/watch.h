@@ -17,6 +17,10 @@ size_t resident();
 // been freed is given back to the system first, so that a past peak does not count.
 size_t held();
 
+// What malloc() has given out and not got back, in KiB: what the threads' caches keep for the next
+// call counts, the gaps between do not.
+size_t in_use();
+
 // Whether memory still grows: the median of the last third of the samples lies above an earlier one
 // by more than the allowance. Medians, so that single peaks do not matter. Says by how much, and is
 // empty when it does not grow. Fewer than nine samples tell nothing.

@@ -77,5 +77,21 @@ TEST(figures, show_what_this_process_has) {
     EXPECT_GE(resident(), all + (k_mib << 10) / 2);
 }
 
+// In a large piece of its own, and in many small ones. The sanitizers have allocators of their own,
+// which tell malloc's figures as none.
+TEST(figures, show_what_is_in_use) {
+    if (in_use() == 0) GTEST_SKIP() << "another allocator is in use";
+    constexpr size_t k_pieces = 1000;
+    constexpr size_t k_words = 2048 / sizeof(size_t);
+    const size_t before = in_use();
+    {
+        const std::vector<char> large(size_t{4} << 20);
+        EXPECT_NEAR(in_use(), before + 4096, 100);
+        const std::vector<std::vector<size_t>> small(k_pieces, std::vector<size_t>(k_words));
+        EXPECT_NEAR(in_use(), before + 4096 + 2 * k_pieces, 200);
+    }
+    EXPECT_NEAR(in_use(), before, 100);
+}
+
 }  // namespace
 }  // namespace soak
