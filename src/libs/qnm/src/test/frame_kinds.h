@@ -66,15 +66,19 @@ inline uint32_t ignore_state_of(const frame_kind& it) {
     return state;
 }
 
+// Comes back when the event thread has been woken for the frame, which may fail.
+inline void deliver_and_wake(public_calls& at, const frames::frame_t& frame, int port = 0) {
+    const auto woken = [] { return fail::count(fail::call::pthread_cond_signal); };
+    const auto before = woken();
+    at.deliver(frame, port);
+    EXPECT_TRUE(wait_until([&] { return woken() > before; }));
+}
+
 // The card known again as from its first announcement.
-// Comes back when the event thread has been woken for it, as that may fail in what follows.
 inline void learn_anew(public_calls& at, const frame_kind& it) {
     qnm_delete_qnsv(k_new);
     qnm_delete_qnio(k_new);
-    const auto woken = [] { return fail::count(fail::call::pthread_cond_signal); };
-    const auto before = woken();
-    at.deliver(frames::build(it.announcement));
-    EXPECT_TRUE(wait_until([&] { return woken() > before; }));
+    deliver_and_wake(at, frames::build(it.announcement));
 }
 
 // The same, and its monitoring stopped and restarted: the next frame begins its record afresh.

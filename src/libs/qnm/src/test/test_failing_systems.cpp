@@ -649,7 +649,10 @@ TEST_F(failing_systems, a_known_card_of_each_kind_survives_each_failed_call) {
         SCOPED_TRACE(text_of(it));
         const auto learn = [&] { learn_anew(*this, it); };
         const auto restart = [&] { learn_and_restart(*this, it); };
-        const auto announce = [&] { return announce_change(*this, it); };
+        const auto announce = [&] {
+            deliver_and_wake(*this, changed(it), 1);
+            return look_up(it);
+        };
         const failure no_time = call_anywhere(call::gettimeofday, EAGAIN);
         sweep(no_time, learn, announce, {{1, QNM_API_SUCCESS}});
         sweep(no_time, restart, announce, {{1, QNM_API_SUCCESS}});
