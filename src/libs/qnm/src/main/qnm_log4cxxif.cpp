@@ -10,7 +10,8 @@
 // them. So the lines under way are counted, and a handler of exit() forbids further ones and waits
 // for these. It has to run before log4cxx's own handlers. The last one registered runs first, and
 // log4cxx makes some of its objects when they are needed first; so the handler is registered when
-// the library is loaded, and again when log4cxx has been configured and has everything.
+// the library is loaded, as a destructor, and again when log4cxx has been configured and has
+// everything.
 
 #include "qnm_log4cxxif.h"
 
@@ -170,13 +171,14 @@ void read_first_properties() {
     }
 }
 
+// Its destructor rather than atexit(), for which ThreadSanitizer forgets what library it is of.
 const struct load_time {
     load_time() {
         for (const auto& level : k_levels)
             level();
         read_first_properties();
-        close_log_before_log4cxx();
     }
+    ~load_time() { close_log(); }
 } at_load;
 
 void format_and_output(const logger_handle& logger, qnm_log_level_t level, const char* fmt,
