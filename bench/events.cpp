@@ -68,7 +68,7 @@ bool time_callback(const packet_socket& far_end, std::span<uint8_t> frame, uint8
 bool time_wake_up(const packet_socket& far_end, two_thread_asker& near_end, samples& into) {
     constexpr uint8_t k_tag = 0;
     near_end.arm(k_tag);
-    const auto frame = completion(card_id(0), k_tag, 0);
+    const auto frame = completion(card_id(0), k_manager_mac, k_tag, 0);
     const auto start = stopwatch::now();
     far_end.send(frame);
     uint32_t unused = 0;

@@ -56,7 +56,8 @@ void responder::run() {
         const auto& request = qnm::view<untagged_register>(buffer.data());
         const qnet_com_register_s& message = request.regw.com;
         if (message.subtype == qnm::k_register_read) {
-            socket_.send(completion(mac_of(request.dmac), message.tag, at(address_of(message))));
+            socket_.send(completion(mac_of(request.dmac), mac_of(request.smac), message.tag,
+                                    at(address_of(message))));
         } else if (message.subtype == qnm::k_register_write) {
             write(address_of(message), qnm::host32(request.regw.data));
         }

@@ -18,7 +18,6 @@ namespace bench {
 namespace {
 
 constexpr uint16_t k_tci = 0x8001;  // priority 4, VLAN 1
-constexpr uint64_t k_manager_mac = 0x02FFFFFFFFFE;
 constexpr timeval k_receive_timeout = {0, 100'000};
 
 void put_mac(uint64_t mac, uint8_t (&bytes)[6]) {
@@ -65,10 +64,10 @@ short_frame read_request(uint64_t card, uint8_t tag, uint32_t address) {
     return frame;
 }
 
-short_frame completion(uint64_t card, uint8_t tag, uint32_t data) {
+short_frame completion(uint64_t card, uint64_t manager, uint8_t tag, uint32_t data) {
     short_frame frame = {};
     auto& answer = qnm::view<qnw_completion_s>(frame.data());
-    put_header(k_manager_mac, card, answer.header);
+    put_header(manager, card, answer.header);
     answer.comp.subtype = qnm::k_completion;
     answer.comp.tag = tag;
     memcpy(answer.comp.data, &data, sizeof data);

@@ -40,8 +40,11 @@ void set_source(std::span<uint8_t> frame, uint64_t mac);
 // An interrupt vector other than before makes the announcement of a known card an event.
 void set_interrupt_vector(std::span<uint8_t> frame, uint8_t vector);
 
+// The sender of the floors' requests; the library sends from its port's own address.
+constexpr uint64_t k_manager_mac = 0x02FFFFFFFFFE;
+
 short_frame read_request(uint64_t card, uint8_t tag, uint32_t address);
-short_frame completion(uint64_t card, uint8_t tag, uint32_t data);
+short_frame completion(uint64_t card, uint64_t manager, uint8_t tag, uint32_t data);
 
 // A raw socket on one interface, which hears the frames of the cards' protocol and not its own.
 // The kernel takes the VLAN tag out of what it delivers.
