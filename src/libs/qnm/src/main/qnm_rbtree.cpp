@@ -81,10 +81,11 @@ struct place {
     int side;
 };
 
-place descend(const tree_t* tree, qnm_cptr_t key) {
+template <typename Comp>
+place descend_by(Comp comp, const tree_t* tree, qnm_cptr_t key) {
     place found = {nullptr, nullptr, 0};
     for (node_t* node = tree->rb_root; node != nullptr; node = node->rbn_children[found.side]) {
-        const int order = compare(tree, key, node);
+        const int order = comp(key, tree->rb_keyfunc(node));
         if (order == 0) {
             found.match = node;
             return found;
@@ -93,6 +94,22 @@ place descend(const tree_t* tree, qnm_cptr_t key) {
         found.side = order > 0 ? 1 : 0;
     }
     return found;
+}
+
+template <typename Key>
+int compare_keys(qnm_cptr_t a, qnm_cptr_t b) {
+    const Key x = static_cast<Key>(reinterpret_cast<uintptr_t>(a));
+    const Key y = static_cast<Key>(reinterpret_cast<uintptr_t>(b));
+    return (x > y) - (x < y);
+}
+
+// Card IDs are compared in place: a call for each level takes longer than the comparison.
+place descend(const tree_t* tree, qnm_cptr_t key) {
+    if (tree->rb_comp != qnm_rbtree_uint64_compare) return descend_by(tree->rb_comp, tree, key);
+    const auto compare_ids = [](qnm_cptr_t a, qnm_cptr_t b) {
+        return compare_keys<uint64_t>(a, b);
+    };
+    return descend_by(compare_ids, tree, key);
 }
 
 // The nearest ancestor that is reached from its subtree on the given side.
@@ -205,13 +222,6 @@ void exchange_with_predecessor(tree_t* tree, node_t* node) {
     set_child(node, 0, left);
     set_child(node, 1, nullptr);
     std::swap(node->rbn_red, predecessor->rbn_red);
-}
-
-template <typename Key>
-int compare_keys(qnm_cptr_t a, qnm_cptr_t b) {
-    const Key x = static_cast<Key>(reinterpret_cast<uintptr_t>(a));
-    const Key y = static_cast<Key>(reinterpret_cast<uintptr_t>(b));
-    return (x > y) - (x < y);
 }
 
 }  // namespace
