@@ -3,10 +3,10 @@
 from __future__ import annotations
 
 import ctypes
-import operator
 import os
 from typing import Any
 
+from ._integers import INTEGERS, checked
 from .codes import ERRORS, Error, InvalidArgumentError
 from .records import Qnio, Qnsv, Retry
 
@@ -85,16 +85,6 @@ PROTOTYPES: dict[str, tuple[Any, ...]] = {
     "qnm_rbtree_uint64_compare": (ctypes.c_int, *_compare),
 }
 
-_INTEGERS: dict[Any, tuple[int, int]] = {
-    ctypes.c_ubyte: (0, 0xFF),
-    ctypes.c_uint16: (0, 0xFFFF),
-    ctypes.c_uint32: (0, 0xFFFF_FFFF),
-    ctypes.c_uint64: (0, 0xFFFF_FFFF_FFFF_FFFF),
-    ctypes.c_int: (-0x8000_0000, 0x7FFF_FFFF),
-    ctypes.c_int64: (-0x8000_0000_0000_0000, 0x7FFF_FFFF_FFFF_FFFF),
-}
-
-
 def _load() -> ctypes.CDLL:
     name = os.environ.get(VARIABLE) or SONAME
     try:
@@ -114,20 +104,20 @@ def _load() -> ctypes.CDLL:
 _lib = _load()
 
 
-def checked(kind: Any, value: Any, function: str) -> int:
-    """An integer argument. ctypes by itself would cut off what does not fit, without a word."""
-    low, high = _INTEGERS[kind]
-    number = operator.index(value)
-    if not low <= number <= high:
-        raise InvalidArgumentError(function, f"{number} is not between {low} and {high}")
-    return number
+def _fitting(kind: Any, value: Any, function: str) -> Any:
+    """An argument as it is; ctypes by itself would cut off what does not fit, without a word."""
+    if kind in INTEGERS:
+        return checked(kind, value, function)
+    if kind is _text and value is not None and b"\0" in value:
+        raise InvalidArgumentError(function, f"{value!r} has a null byte")
+    return value
 
 
 def call(function: str, *arguments: Any) -> Any:
     """Calls a function of the library and returns its result."""
     kinds = PROTOTYPES[function][1:]
     fitting = (
-        checked(kind, argument, function) if kind in _INTEGERS else argument
+        _fitting(kind, argument, function)
         for kind, argument in zip(kinds, arguments, strict=True)
     )
     return getattr(_lib, function)(*fitting)

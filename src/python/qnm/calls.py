@@ -15,7 +15,8 @@ from collections.abc import Callable, Sequence
 from dataclasses import dataclass
 from typing import Any, Union
 
-from ._library import Callback, call, check, checked
+from ._integers import checked
+from ._library import Callback, call, check
 from .codes import (
     BusyError,
     Error,

@@ -11,6 +11,8 @@ import ctypes
 from collections.abc import Sequence
 from typing import Annotated, Any, TypeVar, get_type_hints
 
+from ._integers import checked
+
 __all__ = ["ComDev", "ComPort", "DownPort", "Qnio", "Qnsv", "Record", "Retry"]
 
 # A field: what a type checker takes it for, and how it lies in memory.
@@ -240,3 +242,6 @@ class Retry(Record):
 
     er_retry_count: u32
     er_retry_interval: u32
+
+    def __setattr__(self, name: str, value: Any) -> None:
+        super().__setattr__(name, checked(ctypes.c_uint32, value, "Retry"))

@@ -82,12 +82,27 @@ class WithoutManager(unittest.TestCase):
             lambda: qnm.write_mmspage(1, 0, [2**32] * 32),
             lambda: qnm.write_mmspage(1, 0, [0] * 31),
             lambda: qnm.rbtree_int32_compare(2**31, 0),
+            lambda: qnm.Retry(2**32 + 1, 5),
+            lambda: qnm.Retry(-1, 5),
+            lambda: qnm.Retry(er_retry_interval=2**32),
+            lambda: setattr(qnm.Retry(1, 5), "er_retry_count", -1),
         ]
         for call in calls:
             with self.assertRaises(qnm.InvalidArgumentError):
                 call()
         with self.assertRaises(TypeError):
             qnm.get_qnsv("0x020000001000")  # type: ignore[arg-type]
+
+    def test_a_text_with_a_null_byte_is_refused_and_not_cut_off(self) -> None:
+        calls: list[Callable[[str], object]] = [
+            qnm.log_info,
+            qnm.statslog,
+            qnm.log_init,
+            qnm.init_manager,
+        ]
+        for call in calls:
+            with self.subTest(call), self.assertRaises(qnm.InvalidArgumentError):
+                call("/x\0/y")
 
     def test_exceptions_are_also_those_that_python_programs_know(self) -> None:
         self.assertTrue(issubclass(qnm.TimedOutError, TimeoutError))
