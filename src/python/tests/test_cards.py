@@ -6,6 +6,8 @@ cards when a test starts.
 
 import json
 import queue
+import subprocess
+import sys
 import threading
 import unittest
 from unittest import mock
@@ -45,6 +47,33 @@ class Running(unittest.TestCase):
     def setUp(self) -> None:
         known = wait_for(lambda: paths(SERVER) == ALL_PATHS and len(qnm.get_qnioids()) == 2)
         self.assertTrue(known, install.log()[-20:])
+
+
+# A second host program on the same ports: what it hears and what a read brings it.
+OTHER_PROCESS = """
+import sys, qnm, rig
+with qnm.Manager(sys.argv[1]):
+    print(rig.wait_for(lambda: rig.paths(rig.SERVER) == rig.ALL_PATHS))
+    try:
+        print(qnm.read_register(rig.SERVER, 0, rig.PATIENT))
+    except qnm.BusyError as refused:
+        print(refused.call)
+"""
+
+
+class OtherProcess(Running):
+    def test_hears_the_cards_that_are_accessed_here_and_is_refused_them(self) -> None:
+        qnm.read_register(SERVER, 0, PATIENT)  # from now on the port is this process's
+        other = Installation()
+        self.addCleanup(other.remove)
+        told = subprocess.run(
+            [sys.executable, "-c", OTHER_PROCESS, other.path],
+            cwd=sys.path[0],
+            capture_output=True,
+            text=True,
+        )
+        self.assertEqual(told.stdout.split(), ["True", "qnm_read_register"], told.stderr)
+        qnm.read_register(SERVER, 0, PATIENT)
 
 
 class Queries(Running):
