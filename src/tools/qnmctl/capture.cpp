@@ -80,7 +80,8 @@ void block_file::fail(std::size_t written, int code) {
         const int ignored = ftruncate(fd_, end - half);
     if (fd_ == STDOUT_FILENO) return;  // told by its problem
     throw error("cannot write " + name_ + ": " + strerror(code) +
-                "\nThe frames written before are there and can be read.");
+                (end > half ? "\nThe frames written before are there and can be read."
+                            : "\nThe file is empty."));
 }
 
 void block_file::flush() {

@@ -124,5 +124,10 @@ qnmctl capture "$work/small/full" 2>"$work/errors" || status=$?
 has "$work/errors" "No space left on device"
 "$program" decode "$work/small/full" >"$work/full" || fail "a full disk leaves half a frame"
 (($(wc -l <"$work/full") > 5)) || fail "a full disk leaves nothing: $(<"$work/full")"
+cat /dev/zero >"$work/small/rest" 2>"$work/errors" || true
+status=0
+qnmctl capture "$work/small/none" 2>"$work/errors" || status=$?
+((status == 1)) || fail "a disk without any room: exit status $status"
+has "$work/errors" "The file is empty"
 
 python3 "$here/check_schema.py" "$schema" "$work/capture.json" "$work/frames.jsonl"
