@@ -1,0 +1,7 @@
+/**
+ * @file
+ * Holds the precompiled headers of the tests, and does nothing.
+ */
+int main() {
+  return 0;
+}
