@@ -61,8 +61,7 @@ TEST(FailureText, NamesCallAndCodeAndWhatToTry) {
         "0x020000001000: qnm_read_eeprom failed: QNM_API_EBUSY\n"
         "Another party keeps the EEPROM lock. Try again later; if that party has gone, free the "
         "lock by \"eeprom unlock\" or take it by --force-lock. Or another process accessed cards "
-        "by "
-        "the same port until now; then trying again is enough.",
+        "by the same port until now; then trying again is enough.",
         failure_text(id, "qnm_read_eeprom", access_scope::eeprom, QNM_API_EBUSY));
 }
 
