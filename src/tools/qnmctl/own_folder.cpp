@@ -25,6 +25,28 @@ constexpr int most_links = 40;  // as the kernel has it
 
 enum class owners { self, anybody };
 
+struct found_link {
+    std::string target = {};  // empty with errno: it is none that can be followed
+    bool is_foreign = false;  // another user's, which is not read
+};
+
+// Its owner and its target are those of one open link: whoever may write to the folder can put
+// another one in its place at any time.
+found_link find_link(const own_folder& in, const std::string& name) {
+    const tools::descriptor link(openat(in.at.fd, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    struct stat about {};
+    if (link.fd < 0 || fstat(link.fd, &about) != 0) return {};
+    errno = ENOTDIR;  // of what is no folder either
+    if (!S_ISLNK(about.st_mode)) return {};
+    errno = EACCES;
+    if (!is_own_user(about.st_uid)) return {.is_foreign = true};
+    char target[PATH_MAX];
+    const ssize_t length = readlinkat(link.fd, "", target, sizeof target);
+    errno = ELOOP;
+    if (length <= 0 || length == sizeof target) return {};
+    return {.target = std::string(target, static_cast<std::size_t>(length))};
+}
+
 class walk {
   public:
     walk(const fs::path& name, owners of) : owners_(of) { put_in_front(name); }
@@ -77,22 +99,13 @@ class walk {
     }
 
     bool follow(const std::string& part) {
-        struct stat about {};
-        char target[PATH_MAX];
-        if (fstatat(here_.at.fd, part.c_str(), &about, AT_SYMLINK_NOFOLLOW) != 0) return false;
-        errno = ENOTDIR;  // of what is no folder either
-        if (!S_ISLNK(about.st_mode)) return false;
-        errno = EACCES;
-        if (!is_own_user(about.st_uid)) {
-            foreign_link_ = here_.path / part;
-            return false;
-        }
-        const ssize_t length = readlinkat(here_.at.fd, part.c_str(), target, sizeof target);
+        const found_link link = find_link(here_, part);
+        if (link.is_foreign) foreign_link_ = here_.path / part;
+        if (link.target.empty()) return false;
         errno = ELOOP;
-        if (length <= 0 || length == sizeof target || ++links_ > most_links) return false;
-        const std::string name(target, static_cast<std::size_t>(length));
-        put_in_front(name);
-        return name.front() != '/' || enter("/");
+        if (++links_ > most_links) return false;
+        put_in_front(link.target);
+        return link.target.front() != '/' || enter("/");
     }
 
     owners owners_;
@@ -111,14 +124,6 @@ tools::opened_file not_opened(const std::string& name, int code) {
 
 tools::opened_file refused_link(const std::string& name, const std::string& problem) {
     return {.name = name, .state = tools::file_state::link, .problem = problem};
-}
-
-// The target of a link in a folder; nothing with errno.
-std::optional<fs::path> target_of(const own_folder& in, const std::string& link) {
-    char target[PATH_MAX];
-    const ssize_t length = readlinkat(in.at.fd, link.c_str(), target, sizeof target);
-    if (length < 0) return std::nullopt;
-    return in.path / std::string(target, static_cast<std::size_t>(length));
 }
 
 }  // namespace
@@ -146,12 +151,13 @@ tools::opened_file open_by_own_links(const std::string& name, tools::links how) 
         const std::string last = at.has_filename() ? at.filename().string() : ".";
         tools::opened_file found = tools::open_regular_at(folder.at.fd, last, name);
         if (found.state != tools::file_state::link || how == tools::links::refused) return found;
-        if (!is_own_user(found.about.st_uid)) {
+        const found_link link = find_link(folder, last);
+        const int code = errno;
+        if (link.is_foreign) {
             return refused_link(name, " is a symbolic link of another user, which is not followed");
         }
-        const auto target = target_of(folder, last);
-        if (!target) return not_opened(name, errno);
-        at = *target;
+        if (link.target.empty()) return not_opened(name, code);
+        at = folder.path / link.target;
     }
     return not_opened(name, ELOOP);
 }
