@@ -59,7 +59,7 @@ std::optional<int> pid_of(const fs::path& folder) {
     const char* const end = name.data() + name.size();
     int pid = 0;
     const auto [stop, problem] = std::from_chars(name.data(), end, pid);
-    if (problem != std::errc{} || stop != end || pid <= 0 || pid == getpid()) return std::nullopt;
+    if (problem != std::errc{} || stop != end || pid <= 0) return std::nullopt;
     return pid;
 }
 
@@ -109,7 +109,8 @@ open_ports find_open_ports() {
             seen.insert(one->first);
             interfaces.insert(one->second);
         }
-        if (!has_library(maps)) continue;
+        // The sockets of a manager in this process are seen, but are no other's.
+        if (*pid == getpid() || !has_library(maps)) continue;
         const port_user user = {.pid = *pid, .name = name_of(process)};
         for (const int index : interfaces)
             made.found.push_back({.if_index = index, .user = user});
