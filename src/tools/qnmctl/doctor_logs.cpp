@@ -1,4 +1,5 @@
-// Follows the library's three loggers to their appenders, and these to their files.
+// Follows the library's three loggers to their appenders and those of the root logger, and these to
+// their files.
 #include "doctor_logs.h"
 
 #include <algorithm>
@@ -70,19 +71,53 @@ std::string value_of(const properties& in, const std::string& key) {
     return found == in.end() ? "" : found->second;
 }
 
-logger find_logger(const properties& in, const char* name) {
-    const std::string key = std::string("log4j.logger.") + name;
-    const std::string value = value_of(in, key);
+std::string lower(std::string text) {
+    for (char& c : text)
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return text;
+}
+
+// "LEVEL, APPENDER, APPENDER"; without a level it is the parent's.
+logger read_logger(const char* name, const std::string& value) {
+    const std::size_t comma = std::min(value.find(','), value.size());
     logger found = {.name = name,
-                    .given = in.count(key) > 0,
-                    .level = trimmed(value.substr(0, value.find(','))),
-                    .appenders = {}};
-    if (value.find(',') == std::string::npos) return found;
-    found.appenders = split(value.substr(value.find(',')), ", \t");
+                    .given = false,
+                    .level = trimmed(value.substr(0, comma)),
+                    .appenders = split(value.substr(comma), ", \t")};
+    const std::string word = lower(found.level);
+    if (word == "inherited" || word == "null") found.level.clear();
     return found;
 }
 
-// A class without its packages.
+// The parent of the three. log4cxx has a level for it where the file has none.
+logger find_root(const properties& in) {
+    const std::string value = value_of(in, "log4j.rootLogger");
+    logger root = read_logger("", value.empty() ? value_of(in, "log4j.rootCategory") : value);
+    if (root.level.empty()) root.level = "DEBUG";
+    return root;
+}
+
+void add_missing(const std::vector<std::string>& names, std::vector<std::string>& to) {
+    for (const std::string& name : names) {
+        if (std::find(to.begin(), to.end(), name) == to.end()) to.push_back(name);
+    }
+}
+
+// With the appenders of the root logger, which gets the lines as well unless the file says
+// otherwise. It can say so only of a logger that it gives.
+logger find_logger(const properties& in, const char* name) {
+    const std::string key = std::string("log4j.logger.") + name;
+    const std::string former_key = std::string("log4j.category.") + name;
+    logger found = read_logger(name, value_of(in, in.count(key) > 0 ? key : former_key));
+    found.given = in.count(key) > 0 || in.count(former_key) > 0;
+    const logger root = find_root(in);
+    const std::string adds = lower(value_of(in, std::string("log4j.additivity.") + name));
+    if (!found.given || !adds.starts_with("false")) add_missing(root.appenders, found.appenders);
+    if (found.level.empty() && !found.appenders.empty()) found.level = root.level;
+    return found;
+}
+
+// A class without its packages, by which log4cxx finds it, whatever the case of its letters.
 std::string class_of(const properties& in, const std::string& key) {
     const std::string type = value_of(in, key);
     return type.substr(type.rfind('.') + 1);
@@ -96,13 +131,6 @@ appender find_appender(const properties& in, const std::string& name) {
             .largest = value_of(in, key + ".MaxFileSize"),
             .backups = value_of(in, key + ".MaxBackupIndex"),
             .layout = class_of(in, key + ".layout")};
-}
-
-// log4cxx finds a class by this last part of its name, whatever the case of its letters.
-std::string lower(std::string text) {
-    for (char& c : text)
-        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return text;
 }
 
 struct appender_class {
