@@ -133,14 +133,9 @@ appender find_appender(const properties& in, const std::string& name) {
             .layout = class_of(in, key + ".layout")};
 }
 
-struct appender_class {
-    const char* name;
-    bool wants_layout;
-};
-
 constexpr appender_class appender_classes[] = {
     {"asyncappender", false},     {"consoleappender", true}, {"dailyrollingfileappender", true},
-    {"fileappender", true},       {"odbcappender", false},   {"rollingfileappender", true},
+    {"fileappender", true},       {"odbcappender", true},    {"rollingfileappender", true},
     {"smtpappender", true},       {"syslogappender", true},  {"telnetappender", true},
     {"xmlsocketappender", false},
 };
@@ -371,6 +366,10 @@ void check_room(const log_place& place, const room& wanted, findings& found) {
 }
 
 }  // namespace
+
+std::span<const appender_class> known_appender_classes() {
+    return appender_classes;
+}
 
 std::vector<std::string> log_files(const std::string& text) {
     std::vector<std::string> files;

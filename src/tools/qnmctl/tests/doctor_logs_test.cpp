@@ -10,9 +10,14 @@
 #include <log4cxx/hierarchy.h>
 #include <log4cxx/propertyconfigurator.h>
 
+#include <algorithm>
+#include <memory>
+#include <optional>
+
 #include "doctor_report.h"
 #include "qnm_log_check.h"
 #include "sample_system.h"
+#include "temporary_dir.h"
 
 namespace qnmctl {
 namespace {
@@ -118,6 +123,30 @@ TEST_F(BesideLog4cxx, LinesAreDroppedByTheSameLevels) {
             << start << level << '\n'
             << findings_text(found, {});
     }
+}
+
+// Without being told to open or connect anything. log4cxx has ODBCAppender also where it is built
+// without ODBC, with what its header promises; and one class only its configurator knows, which
+// opens its file.
+TEST_F(BesideLog4cxx, TheSameAppendersWantALayout) {
+    const tools::temporary_dir dir;
+    const auto daily = configured(
+        "log4j.rootLogger=ALL, R\n"
+        "log4j.appender.R=org.apache.log4j.DailyRollingFileAppender\n"
+        "log4j.appender.R.File=" +
+        (dir.path() / "log").string() + '\n');
+    const auto wants_layout = [&](const std::string& name) -> std::optional<bool> {
+        if (name == "dailyrollingfileappender") {
+            const auto made = daily->getRootLogger()->getAppender("R");
+            return made ? std::optional(made->requiresLayout()) : std::nullopt;
+        }
+        const auto& of = log4cxx::helpers::Class::forName("org.apache.log4j." + name);
+        const std::unique_ptr<log4cxx::helpers::Object> made(of.newInstance());
+        const auto* const appender = dynamic_cast<const log4cxx::Appender*>(made.get());
+        return appender ? std::optional(appender->requiresLayout()) : std::nullopt;
+    };
+    for (const appender_class& row : known_appender_classes())
+        EXPECT_EQ(wants_layout(row.name), row.wants_layout) << row.name;
 }
 
 // What the root logger writes to has to be as good as what is a logger's own.
