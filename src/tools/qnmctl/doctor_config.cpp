@@ -9,6 +9,7 @@
 #include <map>
 #include <optional>
 #include <string_view>
+#include <utility>
 
 #include "config_file.h"
 #include "config_keys.h"
@@ -42,6 +43,24 @@ struct known_value {
 
 // By key.
 using known_values = std::map<std::string, known_value>;
+
+// What is beyond the limit only counts.
+struct line_findings {
+    std::size_t limit = finding_limit;
+    findings told = {};
+    std::size_t all = 0;
+    bool wrong = false;  // there are errors among all
+};
+
+bool is_full(const line_findings& of) {
+    return of.told.size() >= of.limit;
+}
+
+void add(line_findings& to, finding one) {
+    ++to.all;
+    to.wrong = to.wrong || one.rank == severity::error;
+    if (!is_full(to)) to.told.push_back(std::move(one));
+}
 
 // ---- Values -------------------------------------------------------------------------------------
 
@@ -151,9 +170,10 @@ std::string meaning_of(const config_key& key, const reading& value) {
                : std::string(key.name) + ": " + value.text;
 }
 
-void tell_unknown(const std::string& key, int line, findings& found) {
+void tell_unknown(const std::string& key, int line, line_findings& found) {
     constexpr char byte_order_mark[] = "\xEF\xBB\xBF";
     finding told = {.rank = severity::error, .line = line};
+    if (is_full(found)) return add(found, told);  // looking for what is meant takes long
     if (key.starts_with('#')) {
         told.text = "the # is not in the first column, so this is no comment";
         told.remedy = "Take away the blanks in front of the #.";
@@ -169,38 +189,38 @@ void tell_unknown(const std::string& key, int line, findings& found) {
         told.remedy = meant ? "Is " + *meant + " meant? Upper and lower case matter."
                             : "Remove the line, or put a # in front of it.";
     }
-    found.push_back(told);
+    add(found, told);
 }
 
 void read_key(known_values& seen, const config_key& key, const std::string& value, int line,
-              findings& found) {
+              line_findings& found) {
     known_value& known = seen[key.name];
     if (known.good) {
-        found.push_back({.rank = severity::warning,
-                         .line = line,
-                         .text = std::string(key.name) + " is given twice; line " +
-                                 std::to_string(known.line) + " counts, this one is ignored",
-                         .remedy = "Remove one of the two."});
+        add(found, {.rank = severity::warning,
+                    .line = line,
+                    .text = std::string(key.name) + " is given twice; line " +
+                            std::to_string(known.line) + " counts, this one is ignored",
+                    .remedy = "Remove one of the two."});
         return;
     }
     const reading read = read_value(key, value);
     known = {.line = line, .number = read.number, .good = read.rank != severity::error};
-    found.push_back(
+    add(found,
         {.rank = read.rank, .line = line, .text = meaning_of(key, read), .remedy = read.remedy});
 }
 
 // What the library reads at once. It ends at a NUL.
-void read_piece(known_values& seen, std::string_view piece, int line, findings& found) {
+void read_piece(known_values& seen, std::string_view piece, int line, line_findings& found) {
     piece = piece.substr(0, piece.find('\0'));
     if (piece.starts_with('#')) return;
     const std::size_t equals = std::min(piece.find('='), piece.size());
     const std::vector<std::string> words = split(piece.substr(0, equals), blanks);
     if (words.empty()) {
         if (equals == piece.size()) return;
-        found.push_back({.rank = severity::warning,
-                         .line = line,
-                         .text = "there is no key in front of the =, so the line is ignored",
-                         .remedy = "Write it as KEY = VALUE."});
+        add(found, {.rank = severity::warning,
+                    .line = line,
+                    .text = "there is no key in front of the =, so the line is ignored",
+                    .remedy = "Write it as KEY = VALUE."});
         return;
     }
     const config_key* const key = find_config_key(words[0]);
@@ -210,55 +230,52 @@ void read_piece(known_values& seen, std::string_view piece, int line, findings& 
 }
 
 // Of the pieces behind the first, only whether they do harm is news.
-void read_line(known_values& seen, std::string_view text, int line, findings& found) {
+void read_line(known_values& seen, std::string_view text, int line, line_findings& found) {
     read_piece(seen, text.substr(0, piece_size), line, found);
     if (text.size() <= piece_size) return;
-    findings further;
+    line_findings further = {.limit = 0};
     for (std::size_t at = piece_size; at < text.size(); at += piece_size)
         read_piece(seen, text.substr(at, piece_size), line, further);
-    const bool harm = count(further, severity::error) > 0;
-    found.push_back({.rank = harm ? severity::error : severity::warning,
-                     .line = line,
-                     .text = "has " + std::to_string(text.size()) +
-                             " characters, and what is behind the first 127 is read as a line of "
-                             "its own",
-                     .remedy = "Break the line; a comment needs a # in front of each part."});
+    add(found, {.rank = further.wrong ? severity::error : severity::warning,
+                .line = line,
+                .text = "has " + std::to_string(text.size()) +
+                        " characters, and what is behind the first 127 is read as a line of "
+                        "its own",
+                .remedy = "Break the line; a comment needs a # in front of each part."});
 }
 
 // Both may have their defaults.
-void check_tags(known_values& seen, findings& found) {
+void check_tags(known_values& seen, line_findings& found) {
     const auto number = [&](const char* name) {
         const known_value& known = seen[name];
         return known.good ? known.number : *library_number(find_config_key(name)->initial);
     };
     if (number("tag_min") <= number("tag_max")) return;
-    found.push_back({.rank = severity::error,
-                     .line = std::max(seen["tag_min"].line, seen["tag_max"].line),
-                     .text = "tag_min " + std::to_string(number("tag_min")) + " is above tag_max " +
-                             std::to_string(number("tag_max")),
-                     .remedy = "Set tag_min to at most tag_max."});
+    add(found, {.rank = severity::error,
+                .line = std::max(seen["tag_min"].line, seen["tag_max"].line),
+                .text = "tag_min " + std::to_string(number("tag_min")) + " is above tag_max " +
+                        std::to_string(number("tag_max")),
+                .remedy = "Set tag_min to at most tag_max."});
 }
 
-void check_ether_type(known_values& seen, findings& found) {
+void check_ether_type(known_values& seen, line_findings& found) {
     constexpr std::uint32_t least = 0x0600;
     const known_value& known = seen["ether_type"];
     if (!known.good || known.number >= least) return;
-    found.push_back({.rank = severity::warning,
-                     .line = known.line,
-                     .text = "ether_type " + hex_text(known.number, 4) +
-                             " is the length of a frame, and no Ethernet type",
-                     .remedy = "Set it to the cards' own, or leave it out for the default."});
+    add(found, {.rank = severity::warning,
+                .line = known.line,
+                .text = "ether_type " + hex_text(known.number, 4) +
+                        " is the length of a frame, and no Ethernet type",
+                .remedy = "Set it to the cards' own, or leave it out for the default."});
 }
 
-void leave_out_many(const std::string& file, findings& found) {
-    if (found.size() <= finding_limit) return;
-    const std::string more = std::to_string(found.size() - finding_limit);
-    const bool wrong = count(found, severity::error) > 0;
-    found.resize(finding_limit);
-    found.push_back({.rank = wrong ? severity::error : severity::note,
-                     .about = file,
-                     .text = "there are " + more + " more findings in this file",
-                     .remedy = wrong ? "Is it the right file?" : ""});
+void tell_what_is_left_out(const std::string& file, line_findings& found) {
+    if (found.all <= found.limit) return;
+    const std::string more = std::to_string(found.all - found.limit);
+    found.told.push_back({.rank = found.wrong ? severity::error : severity::note,
+                          .about = file,
+                          .text = "there are " + more + " more findings in this file",
+                          .remedy = found.wrong ? "Is it the right file?" : ""});
 }
 
 std::size_t count_lines(const std::string& text) {
@@ -315,17 +332,17 @@ void check_config_file(const inspected& system, findings& found) {
 
 void check_config_lines(const inspected& system, findings& found) {
     known_values seen;
-    findings own;
+    line_findings own;
     std::string_view rest = system.config.text;
-    for (int line = 1; !rest.empty() && own.size() < 100 * finding_limit; ++line) {
+    for (int line = 1; !rest.empty() && own.all < 100 * finding_limit; ++line) {
         const std::size_t end = std::min(rest.find('\n'), rest.size());
         read_line(seen, rest.substr(0, end), line, own);
         rest.remove_prefix(std::min(end + 1, rest.size()));
     }
     check_tags(seen, own);
     check_ether_type(seen, own);
-    leave_out_many(system.config.name, own);
-    for (finding& one : own) {
+    tell_what_is_left_out(system.config.name, own);
+    for (finding& one : own.told) {
         one.about = system.temporary ? "--set" : system.config.name;
         if (system.temporary) one.line = 0;
         found.push_back(one);

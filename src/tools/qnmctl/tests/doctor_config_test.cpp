@@ -4,6 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdint>
+#include <ctime>
 #include <fstream>
 
 #include "config_keys.h"
@@ -109,8 +112,43 @@ TEST(ConfigLines, OfAFileThatIsNoneAreNotAllTold) {
     const findings found = lines_of(text);
     EXPECT_EQ(51U, found.size());
     EXPECT_EQ(severity::error, found.back().rank);
+    EXPECT_EQ("there are 4950 more findings in this file", found.back().text);
     for (const finding& one : found)
         EXPECT_EQ(std::string::npos, one.text.find('\033'));
+}
+
+// The least of several, of this thread alone, so that a busy machine does not count.
+std::int64_t work_for(const std::string& text) {
+    constexpr int rounds = 5;
+    const auto now = [] {
+        timespec time{};
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+        return std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
+    };
+    std::int64_t least = INT64_MAX;
+    for (int round = 0; round < rounds; ++round) {
+        const std::int64_t start = now();
+        lines_of(text);
+        least = std::min(least, now() - start);
+    }
+    return least;
+}
+
+// The keys that are meant are looked for where that is told: in 50 of these 5000 lines, or pieces
+// of a line. Looking for all of them would be 100 times the work.
+TEST(ConfigLines, ThatAreNotToldTakeLittleWork) {
+    constexpr std::int64_t at_most = 20;
+    const auto lines = [](int number) {
+        std::string text;
+        for (int line = 0; line < number; ++line)
+            text += "a_key_that_is_none = 1\n";
+        return text;
+    };
+    const std::int64_t told = work_for(lines(50));
+    EXPECT_LT(work_for(lines(5000)), at_most * told);
+    std::string in_one = lines(5000 * 6);
+    std::replace(in_one.begin(), in_one.end(), '\n', ' ');
+    EXPECT_LT(work_for(in_one), at_most * told);
 }
 
 TEST(ConfigLines, OfOptionsHaveNoNumber) {
