@@ -15,6 +15,7 @@
 
 #include "qnm_log4cxxif.h"
 
+#include <cxxabi.h>
 #include <log4cxx/defaultconfigurator.h>
 #include <log4cxx/file.h>
 #include <log4cxx/helpers/loglog.h>
@@ -42,6 +43,9 @@
 #include "qnm_log_check.h"
 #include "qnm_thread.h"
 #include "qnm_util.h"
+
+// Stands for the library among those that are loaded.
+extern "C" __attribute__((visibility("hidden"))) void* __dso_handle;
 
 namespace {
 
@@ -109,14 +113,14 @@ log4cxx::spi::LoggerRepositoryPtr get_hierarchy() {
     return log4cxx::LogManager::getLoggerRepository();
 }
 
-// What holds all loggers. Its destructor closes their files, and would wait for a line that is
-// stuck, in a pipe that nobody reads, say.
-const std::weak_ptr<log4cxx::spi::LoggerRepository> hierarchy = get_hierarchy();
-kept<log4cxx::spi::LoggerRepositoryPtr> kept_hierarchy(nullptr);
+// What holds all loggers, also when the host program has given log4cxx another one since. Its
+// destructor closes their files, and would wait for a line that is stuck, in a pipe that nobody
+// reads, say; it is kept from that as the loggers are.
+kept<log4cxx::spi::LoggerRepositoryPtr> hierarchy(get_hierarchy());
 
-logger_handle logger_file(hierarchy.lock()->getLogger("logfile"));
-logger_handle logger_syslog(hierarchy.lock()->getLogger("syslogfile"));
-logger_handle logger_stats(hierarchy.lock()->getLogger("statslogfile"));
+logger_handle logger_file(hierarchy.ptr->getLogger("logfile"));
+logger_handle logger_syslog(hierarchy.ptr->getLogger("syslogfile"));
+logger_handle logger_stats(hierarchy.ptr->getLogger("statslogfile"));
 
 // Runs at the end of the process, and when the library is unloaded: as often as it was registered,
 // but the first time is the one that counts.
@@ -124,23 +128,24 @@ void close_log() {
     if (exiting.exchange(true)) return;
     const uint64_t deadline = _qnm_get_msec_monotonic() + k_exit_wait_ms;
     while (lines_under_way > 0) {
-        if (_qnm_get_msec_monotonic() >= deadline) {
-            kept_hierarchy.ptr = hierarchy.lock();
-            return;
-        }
+        if (_qnm_get_msec_monotonic() >= deadline) return;
         _qnm_msleep(1);
     }
     for (logger_handle* const logger : {&logger_file, &logger_syslog, &logger_stats})
         logger->ptr.reset();
+    hierarchy.ptr.reset();
 }
 
 // Indexed by qnm_log_level_t.
 LevelPtr (*const k_levels[])() = {Level::getFatal, Level::getError, Level::getWarn,
                                   Level::getInfo,  Level::getDebug, Level::getTrace};
 
-// Without memory for the handler the process ends as it would without the library's care.
+// Without memory for the handler the process ends as it would without the library's care. What
+// atexit() does, but ThreadSanitizer's forgets which library calls it.
 void close_log_before_log4cxx() {
-    if (exit_handlers < k_exit_handlers && atexit(close_log) == 0) exit_handlers++;
+    if (exit_handlers >= k_exit_handlers) return;
+    const auto handler = [](void*) { close_log(); };
+    if (abi::__cxa_atexit(handler, nullptr, &__dso_handle) == 0) exit_handlers++;
 }
 
 // log4cxx's own words on standard error would stand beside the library's.
@@ -174,7 +179,6 @@ void read_first_properties() {
     }
 }
 
-// Its destructor rather than atexit(), for which ThreadSanitizer forgets what library it is of.
 const struct load_time {
     load_time() {
         for (const auto& level : k_levels)
@@ -212,11 +216,10 @@ bool read_properties(const char* name, qnm::problem_text& problem) {
     try {
         const quiet_log4cxx quiet;
         const no_default_configuration none;
-        const log4cxx::spi::LoggerRepositoryPtr loggers = hierarchy.lock();
-        const bool was_configured = loggers->isConfigured();
-        log4cxx::PropertyConfigurator::configure(log4cxx::File(name));
-        loggers->setConfigured(was_configured);  // by the host program, that is
-        _qnm_log_check_loggers(loggers.get(), &problem);
+        const bool was_configured = hierarchy.ptr->isConfigured();
+        log4cxx::PropertyConfigurator().doConfigure(log4cxx::File(name), hierarchy.ptr);
+        hierarchy.ptr->setConfigured(was_configured);  // by the host program, that is
+        _qnm_log_check_loggers(hierarchy.ptr.get(), &problem);
     } catch (const std::exception& thrown) {
         problem.add("%s", thrown.what());
         did_throw = true;

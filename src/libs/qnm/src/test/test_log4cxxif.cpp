@@ -3,9 +3,12 @@
 #include <gtest/gtest.h>
 #include <log4cxx/appenderskeleton.h>
 #include <log4cxx/file.h>
+#include <log4cxx/helpers/transcoder.h>
+#include <log4cxx/hierarchy.h>
 #include <log4cxx/level.h>
 #include <log4cxx/logger.h>
 #include <log4cxx/logmanager.h>
+#include <log4cxx/spi/repositoryselector.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -49,14 +52,19 @@ int __wrap__qnm_file_exist(const char* path) {
     return answer.has_value() ? *answer : __real__qnm_file_exist(path);
 }
 
-// log4cxx::PropertyConfigurator::configure(const File&). This version of log4cxx catches by itself
-// what goes wrong in a file.
-int __real__ZN7log4cxx20PropertyConfigurator9configureERKNS_4FileE(const log4cxx::File& file);
-int __wrap__ZN7log4cxx20PropertyConfigurator9configureERKNS_4FileE(const log4cxx::File& file);
+// log4cxx::PropertyConfigurator::doConfigure(const File&, LoggerRepositoryPtr). This version of
+// log4cxx catches by itself what goes wrong in a file.
+#define DO_CONFIGURE                                                        \
+    "_ZN7log4cxx20PropertyConfigurator11doConfigureERKNS_4FileESt10shared_" \
+    "ptrINS_3spi16LoggerRepositoryEE"
+int real_do_configure(void* self, const log4cxx::File& file,
+                      void* loggers) asm("__real_" DO_CONFIGURE);
+int wrap_do_configure(void* self, const log4cxx::File& file,
+                      void* loggers) asm("__wrap_" DO_CONFIGURE);
 
-int __wrap__ZN7log4cxx20PropertyConfigurator9configureERKNS_4FileE(const log4cxx::File& file) {
+int wrap_do_configure(void* self, const log4cxx::File& file, void* loggers) {
     if (configuring_throws) throw std::runtime_error("no space left on device");
-    return __real__ZN7log4cxx20PropertyConfigurator9configureERKNS_4FileE(file);
+    return real_do_configure(self, file, loggers);
 }
 
 }  // extern "C"
@@ -166,6 +174,17 @@ TEST_F(Log, adds_nothing_to_a_line) {
     EXPECT_EQ(log_.texts(), std::vector<std::string>{"100%d \t~"});
 }
 
+TEST_F(Log, letters_beyond_ascii_are_those_that_the_locale_has) {
+    for (const std::string text : {"caf\u00e9", "\u65e5\u672c", "caf\xff", "\xc3"}) {
+        log_.clear();
+        qnm_log_info("%s", text.c_str());
+        LOG4CXX_DECODE_CHAR(decoded, text);
+        std::string expected;
+        log4cxx::helpers::Transcoder::encodeUTF8(decoded, expected);
+        EXPECT_EQ(log_.texts(), std::vector<std::string>{expected});
+    }
+}
+
 // ---- The back end -------------------------------------------------------------------------------
 
 TEST_F(Log, output_writes_at_the_level_that_matches) {
@@ -240,6 +259,21 @@ class full_disk_appender : public log4cxx::AppenderSkeleton {
 };
 
 IMPLEMENT_LOG4CXX_OBJECT(full_disk_appender)
+
+// A host program that has loggers of its own.
+class chosen_loggers : public virtual log4cxx::spi::RepositorySelector {
+  public:
+    DECLARE_LOG4CXX_OBJECT(chosen_loggers)
+    BEGIN_LOG4CXX_CAST_MAP()
+    LOG4CXX_CAST_ENTRY(log4cxx::spi::RepositorySelector)
+    END_LOG4CXX_CAST_MAP()
+
+    log4cxx::spi::LoggerRepositoryPtr getLoggerRepository() override { return loggers; }
+
+    log4cxx::spi::LoggerRepositoryPtr loggers = log4cxx::Hierarchy::create();
+};
+
+IMPLEMENT_LOG4CXX_OBJECT(chosen_loggers)
 
 namespace {
 
@@ -348,8 +382,22 @@ TEST_F(LogInit, survives_what_log4cxx_throws) {
     EXPECT_TRUE(log_.lines().empty());
 }
 
-// ---- Where there is no log
-// ------------------------------------------------------------------------
+TEST_F(LogInit, keeps_its_loggers_when_the_host_gives_log4cxx_others) {
+    const std::string output = write_properties();
+    const auto before = std::make_shared<chosen_loggers>();
+    before->loggers = log4cxx::LogManager::getLoggerRepository();
+    const auto chosen = std::make_shared<chosen_loggers>();
+    log4cxx::LogManager::setRepositorySelector(chosen, nullptr);
+    EXPECT_EQ(qnm_log_init(dir_.path().c_str()), QNM_API_SUCCESS);
+    qnm_log_error("%s: a line", "caller");
+    const bool is_touched = chosen->loggers->exists("logfile") != nullptr;
+    log4cxx::LogManager::setRepositorySelector(before, nullptr);
+    log4cxx::LogManager::resetConfiguration();
+    EXPECT_NE(read(output).find("caller: a line\n"), std::string::npos);
+    EXPECT_FALSE(is_touched);
+}
+
+// ---- Where there is no log ----------------------------------------------------------------------
 
 // What log4cxx would say by itself comes upon the first line of each logger at the latest.
 std::string told_by_reading(const std::string& dir, qnm_api_code_t expected) {
