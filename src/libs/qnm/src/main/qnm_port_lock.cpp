@@ -14,11 +14,11 @@
 // time.
 //
 // Where the group tells nothing (Linux before 5.12, its number in other hands, no packet socket)
-// the name alone decides. Anybody can have that, so a process that cannot be a manager is passed
-// over with a warning, and then there is no lock, but each frame tries for it. Somebody can also
-// fill a manager's backlog by connecting to it; it makes room each time it looks at its guests, so
-// whoever finds none asks for a while before passing it over. Where no such socket can be had at
-// all, there is no lock either.
+// the name alone decides, and the group is tried for from time to time. Anybody can have the name,
+// so a process that cannot be a manager is passed over with a warning, and then there is no lock,
+// but each frame tries for it. Somebody can also fill a manager's backlog by connecting to it; it
+// makes room each time it looks at its guests, so whoever finds none asks for a while before
+// passing it over. Where no such socket can be had at all, there is no lock either.
 //
 // All sockets are made when the port is opened, as they belong to the namespace of the thread that
 // makes them; so is a spare one, by which another holder can be asked who he is, and which is
@@ -113,11 +113,6 @@ bool is_other_in_group(port_lock& lock) QNM_REQUIRES(lock.pl_mutex) {
     const bool is_full = _qnm_port_group_join(lock.pl_probe, lock.pl_if_index) == ENOSPC;
     lock.pl_member = is_full ? membership::sole : membership::unproven;
     return false;
-}
-
-// Whether the group may still decide otherwise, so that the next frame has to try for it.
-bool is_group_open(const port_lock& lock) QNM_REQUIRES(lock.pl_mutex) {
-    return lock.pl_group != -1 && lock.pl_member == membership::none;
 }
 
 // 0; EADDRINUSE when another one has the name; or why it cannot be had.
@@ -221,8 +216,7 @@ int try_to_take(const char* func, port_lock& lock, int port, uint32_t rounds_lef
         if (judged != 0) return judged;
     }
     if (err != 0) pass_over(func, lock, port, err);
-    const bool is_sole = lock.pl_member == membership::sole;
-    if (is_sole || (err != EADDRINUSE && !is_group_open(lock))) qnm::store(lock.pl_settled, 1U);
+    if (lock.pl_member == membership::sole || err != EADDRINUSE) qnm::store(lock.pl_settled, 1U);
     return 0;
 }
 
@@ -278,13 +272,15 @@ int _qnm_port_lock_take(int port) {
 void _qnm_port_lock_serve(void) {
     for (port_lock& lock : port_locks) {
         const qnm::mutex_guard guard(lock.pl_mutex);
-        if (lock.pl_fd == -1) continue;
-        if (qnm::load(lock.pl_settled) == 1) {
-            close_descriptor(lock.pl_probe);
+        if (qnm::load(lock.pl_settled) == 0) {
+            if (lock.pl_fd != -1 && lock.pl_spare == -1) lock.pl_spare = _qnm_port_socket();
+        } else if (is_other_in_group(lock)) {
+            qnm::store(lock.pl_settled, 0U);
+        } else {
+            if (lock.pl_member != membership::none) close_descriptor(lock.pl_probe);
+            if (lock.pl_fd == -1) continue;
             bind_name(lock);
             dismiss_guests(lock.pl_fd);
-        } else if (lock.pl_spare == -1) {
-            lock.pl_spare = _qnm_port_socket();
         }
     }
 }
