@@ -196,6 +196,22 @@ int run_with_pipes() {
     return err;
 }
 
+void* close_locks(void*) {
+    for (int port = 0; port < 2; port++)
+        _qnm_port_lock_close(port);
+    return nullptr;
+}
+
+// For each close of a packet socket the kernel waits until no core looks at it any more, some 16 ms
+// where nothing hurries. The locks have as many of them as the captures, so the two go at once.
+void close_ports() {
+    worker locks = {close_locks, nullptr, "close_locks", false, {}};
+    if (start_worker(locks) != 0) close_locks(nullptr);
+    for (qnm_port_info_t& port : qnm_root.er_port_info)
+        _qnm_socket_close(&port);
+    join_worker(locks);
+}
+
 // Opens the configured ports; one is enough. Without any, the last error is the result. A closed
 // port keeps its link state; one that is not opened in this run must not seem connected by it.
 int run_with_ports() {
@@ -220,10 +236,7 @@ int run_with_ports() {
     if (!any_open) return err;
     err = run_with_pipes();
     _qnm_wait_calls();
-    for (int port = 0; port < 2; port++) {
-        _qnm_socket_close(&qnm_root.er_port_info[port]);
-        _qnm_port_lock_close(port);
-    }
+    close_ports();
     return err;
 }
 

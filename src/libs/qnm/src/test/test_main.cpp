@@ -72,8 +72,8 @@ TEST_F(main_unit, units_are_brought_up_in_order_and_taken_down_in_reverse) {
                               "_qnm_recv_task: end. if_index=4, mac=000000000002",
                               "_qnm_watch_linkstate: end.", "_qnm_event_task_com: end.",
                               "_qnm_stats_task_com: end."}));
-    EXPECT_EQ(fail::count(fail::call::pthread_create), 5U);
-    EXPECT_EQ(fail::count(fail::call::pthread_join), 5U);
+    EXPECT_EQ(fail::count(fail::call::pthread_create), 6U);
+    EXPECT_EQ(fail::count(fail::call::pthread_join), 6U);
 }
 
 TEST_F(main_unit, the_flags_tell_the_state) {
@@ -206,7 +206,7 @@ TEST_F(main_unit, one_port_that_opens_is_enough) {
     EXPECT_EQ(stop(), QNM_API_SUCCESS);
     EXPECT_TRUE(
         logs.has(k_error, "qnm_init_manager: Failed to _qnm_socket_open(). port=0, err=71"));
-    EXPECT_EQ(fail::count(fail::call::pthread_create), 4U);
+    EXPECT_EQ(fail::count(fail::call::pthread_create), 5U);
     EXPECT_THAT(fake_pcap::close_calls(), ElementsAre("port1"));
 }
 
