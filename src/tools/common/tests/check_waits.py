@@ -53,6 +53,7 @@ class Place:
     def __init__(self, path):
         self.path = path
         self.open = []
+        self.orders = None  # the pipe that orders come by
 
     def keep(self, fd):
         self.open.append(fd)
@@ -61,6 +62,10 @@ class Place:
     def close(self):
         for fd in self.open:
             os.close(fd)
+
+    def has_taken_orders(self):
+        left = fcntl.ioctl(self.orders, termios.FIONREAD, bytes(4)) if self.orders else bytes(4)
+        return left == bytes(4)
 
     def file(self, name):
         return os.path.join(self.path, name)
@@ -179,7 +184,8 @@ def orders(text):
         reading, writing = os.pipe()
         place.keep(writing)
         os.write(writing, text)
-        return place.keep(reading)
+        place.orders = place.keep(reading)
+        return place.orders
 
     return make
 
@@ -307,7 +313,7 @@ def signalled(programs, row, number, place):
         stderr=row.told(place) if row.told else told, start_new_session=True,
         env=dict(os.environ, TMPDIR=place.path, XDG_STATE_HOME=place.path, TERM="xterm"))
     try:
-        until(lambda: is_waiting(run, row), run, "the wait")
+        until(lambda: place.has_taken_orders() and is_waiting(run, row), run, "the wait")
         run.send_signal(number)
         status = run.wait(LIMIT)
     except subprocess.TimeoutExpired:

@@ -223,7 +223,7 @@ TEST_F(Cards, AreReadThroughLoss) {
 TEST_F(Cards, DumpRegistersAsFarAsTheyAnswer) {
     cards.update("sv", [](cardsim::card& changed) { changed.faults.silent_registers = {0x108}; });
     const ended result =
-        run({"reg", "dump", server, "0x100", "0x120", "--retries", "0", "--interval", "20"});
+        run({"reg", "dump", server, "0x100", "0x120", "--retries", "2", "--interval", "1000"});
     EXPECT_EQ(code_status(QNM_API_ETIMEDOUT), result.status);
     EXPECT_EQ("0x00000100  00000000 00000000                    |........|\n", result.out);
     EXPECT_TRUE(holds(result.errors, "Read up to 0x00000108, of 0x00000120.")) << result.errors;
