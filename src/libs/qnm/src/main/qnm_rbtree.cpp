@@ -103,7 +103,7 @@ int compare_keys(qnm_cptr_t a, qnm_cptr_t b) {
     return (x > y) - (x < y);
 }
 
-// Card IDs are compared in place: a call for each level takes longer than the comparison.
+// Card IDs are compared in place: calling the comparison at each level takes longer than comparing.
 place descend(const tree_t* tree, qnm_cptr_t key) {
     if (tree->rb_comp != qnm_rbtree_uint64_compare) return descend_by(tree->rb_comp, tree, key);
     const auto compare_ids = [](qnm_cptr_t a, qnm_cptr_t b) {
