@@ -27,21 +27,25 @@ namespace {
 using clock = std::chrono::steady_clock;
 using seconds = std::chrono::duration<double>;
 
-// SIGWINCH, and what would end the command with the terminal as it is. As input, like the signals
-// that end every command; blocked before a thread is started, so that no other one takes them.
+// SIGWINCH, SIGTSTP and SIGCONT, and what would end the command with the terminal as it is. As
+// input, like the signals that end every command; blocked before a thread is started, so that no
+// other one takes them, and before ncurses has its own handler of SIGTSTP, which would draw in the
+// middle of whatever ncurses is at.
 class screen_signals {
   public:
     screen_signals() {
         sigset_t wanted;
         sigemptyset(&wanted);
-        sigaddset(&wanted, SIGWINCH);
-        sigaddset(&wanted, SIGQUIT);
+        for (const int number : {SIGWINCH, SIGTSTP, SIGCONT, SIGQUIT})
+            sigaddset(&wanted, number);
         pthread_sigmask(SIG_BLOCK, &wanted, &before_);
+        sigaction(SIGTSTP, nullptr, &stop_before_);
         fd_ = signalfd(-1, &wanted, SFD_CLOEXEC | SFD_NONBLOCK);
         if (fd_ < 0) throw error(std::string("cannot wait for signals: ") + std::strerror(errno));
     }
     ~screen_signals() {
         close(fd_);
+        sigaction(SIGTSTP, &stop_before_, nullptr);
         pthread_sigmask(SIG_SETMASK, &before_, nullptr);
     }
     screen_signals(const screen_signals&) = delete;
@@ -56,8 +60,24 @@ class screen_signals {
         return length == sizeof told ? static_cast<int>(told.ssi_signo) : 0;
     }
 
+    // Whether Ctrl-Z means anything; it does not where whoever started this has it ignored.
+    bool can_stop() const { return stop_before_.sa_handler != SIG_IGN; }
+
+    // As Ctrl-Z does to any program: returns when it is continued, and at once where the system
+    // does not stop a process group because no shell is there to continue it.
+    void stop() const {
+        sigset_t one;
+        sigemptyset(&one);
+        sigaddset(&one, SIGTSTP);
+        sigaction(SIGTSTP, &stop_before_, nullptr);
+        raise(SIGTSTP);
+        pthread_sigmask(SIG_UNBLOCK, &one, nullptr);
+        pthread_sigmask(SIG_BLOCK, &one, nullptr);
+    }
+
   private:
     sigset_t before_ = {};
+    struct sigaction stop_before_ = {};
     int fd_ = -1;
 };
 
@@ -91,9 +111,20 @@ void take_events(view& of) {
     check_running(of.with);
 }
 
+void stop(view& of) {
+    if (!of.signals.can_stop()) return;
+    of.screen.leave();
+    of.signals.stop();
+}
+
+// One that ends the view is obeyed first: a shell sends it to a stopped job and then continues it
+// in the background, where it would wait for the terminal.
 void take_signals(view& of) {
     while (const int number = of.signals.take()) {
+        if (number == SIGTSTP) stop(of);
+        if (is_signalled(of.with)) return;
         if (number == SIGWINCH) of.screen.resize();
+        if (number == SIGCONT) of.screen.resume();
         if (number == SIGQUIT) of.model.quit = true;
     }
 }
@@ -123,6 +154,7 @@ bool wait_for_input(view& of, clock::time_point until) {
         if ((waited[keys].revents & (POLLHUP | POLLERR | POLLNVAL)) != 0) return false;
         if (waited[events].revents != 0) take_events(of);
         if (waited[signals].revents != 0) take_signals(of);
+        if (is_signalled(of.with)) return false;
         if (waited[keys].revents != 0) take_keys(of);
         if (waited[signals].revents != 0 || waited[keys].revents != 0) return true;
     } while (clock::now() < until);

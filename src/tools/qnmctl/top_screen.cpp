@@ -1,7 +1,7 @@
 // Everything that knows ncurses.
 //
-// Signals are none of its business: SIGWINCH and what ends the program are blocked and arrive as
-// input, so that no handler of ncurses runs, except for Ctrl-Z.
+// Signals are none of its business: SIGWINCH, Ctrl-Z and what ends the program are blocked and
+// arrive as input, so that no handler of ncurses runs.
 #include "top_screen.h"
 
 #define NCURSES_NOMACROS
@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdlib>
 #include <iterator>
 
@@ -98,7 +99,7 @@ top_screen::top_screen(bool coloured) : own_(newterm(nullptr, stdout, stdin)) {
 }
 
 top_screen::~top_screen() {
-    endwin();
+    if (!left_) endwin();
     delscreen(own_);
 }
 
@@ -117,6 +118,28 @@ void top_screen::draw(const std::vector<top_line>& lines) {
         ++row;
     }
     refresh();
+    left_ = false;
+}
+
+// Also when a shell has taken the terminal already, as it does when the script stops first that
+// has started this: then the change of the mode would stop it by SIGTTOU, half done.
+void top_screen::leave() {
+    sigset_t in_background;
+    sigset_t before;
+    sigemptyset(&in_background);
+    sigaddset(&in_background, SIGTTOU);
+    pthread_sigmask(SIG_BLOCK, &in_background, &before);
+    endwin();
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    left_ = true;
+}
+
+// Nobody has told of a size that has changed while a shell had the terminal. ncurses sees to the
+// rest itself when the screen was left; otherwise the mode and the screen are what others made.
+void top_screen::resume() {
+    if (!left_) reset_prog_mode();
+    clearok(curscr, TRUE);
+    resize();
 }
 
 void top_screen::resize() {

@@ -24,7 +24,9 @@ class top_screen {
 
     top_size size() const;
     void draw(const std::vector<top_line>& lines);  // sends what has changed
-    void resize();                                  // the terminal has another size
+    void leave();                                   // gives the terminal back until the next draw()
+    void resume();  // the process has been continued: the next draw() sends everything
+    void resize();  // the terminal has another size
 
     // A key that has been pressed, as the model takes it, 0 for one that means nothing to it;
     // nothing when there is none. Ctrl-L has the whole screen sent again.
@@ -33,6 +35,7 @@ class top_screen {
   private:
     ::screen* own_;
     bool coloured_;
+    bool left_ = false;
 };
 
 }  // namespace qnmctl

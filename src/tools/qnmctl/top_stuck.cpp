@@ -30,6 +30,12 @@ int make_event_fd() {
     return fd;
 }
 
+// A shell has the terminal, which has been given back to it as it was.
+bool is_in_background() {
+    const pid_t foreground = tcgetpgrp(STDIN_FILENO);
+    return foreground != -1 && foreground != getpgrp();
+}
+
 // Whether the event comes within the time.
 bool comes(int event_fd, int milliseconds) {
     pollfd waited{event_fd, POLLIN, 0};
@@ -55,7 +61,7 @@ stuck_terminal::~stuck_terminal() {
     [[maybe_unused]] const ssize_t written = write(done_fd_, &one, sizeof one);
     thread_.join();
     close(done_fd_);
-    if (is_terminal_) tcsetattr(STDIN_FILENO, TCSANOW, &before_);
+    if (is_terminal_ && !is_in_background()) tcsetattr(STDIN_FILENO, TCSANOW, &before_);
 }
 
 void stuck_terminal::watch() const {

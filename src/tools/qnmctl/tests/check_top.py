@@ -9,6 +9,7 @@ Nothing waits for a time: every step waits until the screen shows what it has to
 import fcntl
 import os
 import pty
+import random
 import re
 import select
 import signal
@@ -21,6 +22,30 @@ import time
 
 import pyte
 
+# A shell's job control for one command: the command is a job of its own, in the foreground. When
+# it stops, the terminal is taken from it and its process is told; "f" and "b" continue it in the
+# foreground and in the background. Ends as the command does.
+JOB = """
+import os, signal, sys
+told, orders = int(sys.argv[1]), int(sys.argv[2])
+signal.signal(signal.SIGTTOU, signal.SIG_IGN)
+job = os.fork()
+if job == 0:
+    os.setpgid(0, 0)
+    os.tcsetpgrp(0, os.getpid())
+    signal.signal(signal.SIGTTOU, signal.SIG_DFL)
+    os.execv(sys.argv[3], sys.argv[3:])
+os.write(told, b"%d\\n" % job)
+while True:
+    status = os.waitpid(job, os.WUNTRACED)[1]
+    if not os.WIFSTOPPED(status):
+        sys.exit(os.waitstatus_to_exitcode(status))
+    os.tcsetpgrp(0, os.getpid())
+    os.write(told, b"stopped\\n")
+    if os.read(orders, 1) == b"f":
+        os.tcsetpgrp(0, job)
+    os.kill(-job, signal.SIGCONT)
+"""
 STATE = tempfile.TemporaryDirectory()  # where the command has its logs
 LIMIT = 60  # seconds, which only a failure reaches
 RACK = """ports = ["qsim0", "qsim1"]
@@ -68,6 +93,15 @@ frames: all that the kernel counts on the interface"""
 FIRST, LAST = "0x020000001000", "0x020000100f9e"
 
 
+def take_terminal():
+    fcntl.ioctl(0, termios.TIOCSCTTY, 0)
+
+
+def take_terminal_and_ignore_stop():
+    take_terminal()
+    signal.signal(signal.SIGTSTP, signal.SIG_IGN)
+
+
 class Failure(Exception):
     pass
 
@@ -75,7 +109,8 @@ class Failure(Exception):
 class Top:
     """A running view and the screen that a terminal makes of what it writes."""
 
-    def __init__(self, program, *options, size=(80, 24), env=None, delay="0.2"):
+    def __init__(self, program, *options, size=(80, 24), env=None, delay="0.2", before=(),
+                 preexec_fn=take_terminal, **how):
         self.screen = pyte.Screen(*size)
         self.stream = pyte.ByteStream(self.screen)
         self.raw = b""
@@ -83,10 +118,11 @@ class Top:
         self.set_size(*size)
         self.before = termios.tcgetattr(self.master)
         self.process = subprocess.Popen(
-            [program, "--ports", "qnm0,qnm1", "top", "--delay", delay, *options],
+            [*before, program, "--ports", "qnm0,qnm1", "top", "--delay", delay, *options],
             stdin=slave, stdout=slave, stderr=slave, start_new_session=True,
-            preexec_fn=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0),
+            preexec_fn=preexec_fn,
             env={**os.environ, "TERM": TERMINAL, "XDG_STATE_HOME": STATE.name, **(env or {})},
+            **how,
         )
         os.close(slave)
 
@@ -112,6 +148,15 @@ class Top:
         self.raw += piece
         self.stream.feed(piece)
         return bool(piece)
+
+    def drop(self):
+        """What has been written so far, without the time that the screen takes for it."""
+        while select.select([self.master], [], [], 0)[0]:
+            try:
+                if not os.read(self.master, 65536):
+                    return
+            except OSError:
+                return
 
     def until(self, what, *texts):
         """The screen as soon as it has all of these (patterns); they have to come."""
@@ -142,6 +187,24 @@ class Top:
             if time.monotonic() > give_up or not self.read(1):
                 raise Failure(f"{text} is not selected in\n{self.text()}")
 
+    def until_cleared(self, what, since):
+        """Until the screen has been made anew."""
+        give_up = time.monotonic() + LIMIT
+        while b"\x1b[J" not in self.raw[since:] and b"\x1b[2J" not in self.raw[since:]:
+            if time.monotonic() > give_up or not self.read(1):
+                raise Failure(f"{what}: the screen is not drawn anew, status "
+                              f"{self.process.poll()}\n{self.text()}")
+
+    def until_help(self, what):
+        """The whole view is there: the help, each line of it, and nothing else."""
+        give_up = time.monotonic() + LIMIT
+        wanted = HELP.split("\n")
+        wanted += [""] * (self.screen.lines - len(wanted))
+        while [line.rstrip() for line in self.screen.display] != wanted:
+            if time.monotonic() > give_up or not self.read(1):
+                raise Failure(f"{what}: the view is not whole, status {self.process.poll()}\n"
+                              f"{self.text()}")
+
     def ends(self, what, status=0):
         """By itself, and with the terminal as it was."""
         give_up = time.monotonic() + LIMIT
@@ -157,6 +220,48 @@ class Top:
         if self.raw.rfind(OWN_SCREEN) > self.raw.rfind(FIRST_SCREEN):
             raise Failure(f"{what}: the first screen of the terminal is not back")
         os.close(self.master)
+
+
+class Job(Top):
+    """A running view that a shell with job control has started."""
+
+    def __init__(self, program, **how):
+        self.told, told = os.pipe()
+        orders, self.orders = os.pipe()
+        before = (sys.executable, "-c", JOB, str(told), str(orders))
+        super().__init__(program, before=before, pass_fds=(told, orders), **how)
+        os.close(told)
+        os.close(orders)
+        self.pid = int(self.next_told("start"))
+
+    def next_told(self, what):
+        give_up = time.monotonic() + LIMIT
+        while not select.select([self.told], [], [], 0.1)[0]:
+            self.read(0.1)
+            if time.monotonic() > give_up:
+                raise Failure(f"{what}: the command does not stop\n{self.text()}")
+        line = os.read(self.told, 100)
+        if not line:
+            raise Failure(f"{what}: the command has ended\n{self.text()}")
+        return line
+
+    def until_stopped(self, what):
+        if self.next_told(what) != b"stopped\n":
+            raise Failure(f"{what}: it is not told")
+
+    def shell_writes(self):
+        """What is on the screen then is not what the view has drawn."""
+        while select.select([self.master], [], [], 0)[0]:
+            self.read(0)
+        self.stream.feed(b"\x1b[2J\x1b[H" + b"$ anything else\r\n" * 7)
+
+    def order(self, what):
+        os.write(self.orders, what)
+
+    def ends(self, what, status=0):
+        super().ends(what, status)
+        os.close(self.told)
+        os.close(self.orders)
 
 
 def check_view(program):
@@ -183,9 +288,7 @@ def check_view(program):
     top.type(PAGE_DOWN)
     top.until("detail", r"PCI vendor ID")
     top.type("?")
-    top.until("help", r"Keys of qnmctl top", r"kernel counts")
-    if [line.rstrip() for line in top.screen.display] != (HELP.split("\n") + [""] * 9):
-        raise Failure(f"help:\n{top.text()}")
+    top.until_help("help")
     top.type("x")
     top.until("back", r"filter \"f9e vlan100\"")
     top.type("\x1b")
@@ -226,6 +329,109 @@ def check_ends(program):
         top.until("cards", r"port 0 qnm0 +up")
         top.type(key)
         top.ends(name)
+
+
+def check_stops(program):
+    """Ctrl-Z gives the terminal back, and the view is whole when the shell continues it."""
+    top = Job(program, env={"TERM": TERMINAL_WITH_SCREENS})
+    top.until("cards", r"port 0 qnm0 +up")
+    top.type("\x1a")
+    top.until_stopped("Ctrl-Z")
+    if termios.tcgetattr(top.master) != top.before:
+        raise Failure("Ctrl-Z: the terminal is not as it was while the view is stopped")
+    while select.select([top.master], [], [], 0)[0]:
+        top.read(0)
+    if top.raw.rfind(OWN_SCREEN) > top.raw.rfind(FIRST_SCREEN):
+        raise Failure("Ctrl-Z: the first screen of the terminal is not back")
+    mark = len(top.raw)
+    top.order(b"f")
+    top.until_cleared("fg", mark)
+    if OWN_SCREEN not in top.raw[mark:]:
+        raise Failure("fg: the view does not take the other screen of the terminal again")
+    top.type("q")
+    top.ends("q after Ctrl-Z")
+
+
+def check_size_while_stopped(program):
+    """Nobody tells the view of a size that changes while the shell has the terminal."""
+    for number in signal.SIGTSTP, signal.SIGSTOP:
+        what = number.name
+        top = Job(program)
+        top.until("cards", r"port 0 qnm0 +up")
+        top.type("?")
+        top.until_help(what)
+        for size in (100, 30), (90, 26):
+            os.kill(top.pid, number)
+            top.until_stopped(what)
+            top.resize(*size)
+            top.shell_writes()
+            top.order(b"f")
+            top.until_help(f"fg after {what}")
+            top.type("x")  # any key closes the help
+            top.until_lines(f"size {size} after {what}", r"\? help  q end.*")
+            if "? help" not in top.screen.display[size[1] - 1]:
+                raise Failure(f"{what}: the view has not the size {size}\n{top.text()}")
+            top.type("?")
+            top.until_help(what)
+        top.type("xq")
+        top.ends(f"q after {what}")
+
+
+def check_background(program):
+    """In the background it waits for the terminal, and ends all the same."""
+    top = Job(program)
+    top.until("cards", r"port 0 qnm0 +up")
+    top.type("?")
+    top.until_help("help")
+    os.kill(top.pid, signal.SIGTSTP)
+    top.until_stopped("SIGTSTP")
+    top.shell_writes()
+    top.order(b"b")
+    top.until_stopped("bg")
+    if termios.tcgetattr(top.master) != top.before:
+        raise Failure("bg: the terminal is not left as it was")
+    top.resize(100, 30)
+    top.order(b"f")
+    top.until_help("fg after bg")
+    os.kill(top.pid, signal.SIGTSTP)
+    top.until_stopped("SIGTSTP")
+    os.kill(top.pid, signal.SIGTERM)
+    top.order(b"b")
+    top.ends("SIGTERM while it is stopped")
+
+
+def check_ignored_stop(program):
+    """Whoever has SIGTSTP ignored is not stopped by it."""
+    top = Job(program, preexec_fn=take_terminal_and_ignore_stop)
+    top.until("cards", r"port 0 qnm0 +up")
+    top.type("?")
+    top.until_help("help")
+    os.kill(top.pid, signal.SIGTSTP)
+    top.type("x")
+    top.until("after SIGTSTP", r"\? help  q")
+    top.type("q")
+    top.ends("q after an ignored SIGTSTP")
+
+
+def check_storm(program):
+    """Stops while the size changes. Its process group is one that the system does not stop."""
+    sizes = random.Random(5)
+    for _ in range(3):
+        top = Top(program, delay="0.1")
+        top.until("cards", r"port 0 qnm0 +up")
+        for _ in range(500):
+            top.set_size(sizes.randrange(40, 400), sizes.randrange(20, 150))
+            time.sleep(sizes.random() / 500)  # the stop comes at any place of the drawing
+            top.process.send_signal(signal.SIGTSTP)
+            top.drop()
+        top.set_size(80, 24)
+        top.type("?")
+        top.process.send_signal(signal.SIGTSTP)
+        top.until_help("stops and sizes")
+        for _ in range(20):
+            top.process.send_signal(signal.SIGTSTP)
+        top.process.send_signal(signal.SIGTERM)
+        top.ends("SIGTERM after stops and sizes")
 
 
 def check_hurry(program):
@@ -277,8 +483,9 @@ def main():
         with subprocess.Popen([cardsim, scenario.name, "--quiet"], stdin=subprocess.PIPE,
                               stdout=subprocess.DEVNULL) as cards:
             try:
-                for check in (check_refusals, check_view, check_options, check_ends, check_hurry,
-                              check_colours):
+                for check in (check_refusals, check_view, check_options, check_ends, check_stops,
+                              check_size_while_stopped, check_background, check_ignored_stop,
+                              check_storm, check_hurry, check_colours):
                     started = time.monotonic()
                     check(program)
                     print(f"{check.__name__}: {time.monotonic() - started:.1f} s")
