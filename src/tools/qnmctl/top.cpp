@@ -179,6 +179,7 @@ void show(view& of, const request& asked) {
 
 int run_top(context& with, const request& asked) {
     if (const auto problem = screen_problem()) throw usage_error(*problem);
+    limit_screen();
     const screen_signals signals;
     start(with);
     const stuck_terminal watched(with.signals);

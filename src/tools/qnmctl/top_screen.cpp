@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <iterator>
 
+#include "operands.h"
 #include "text.h"
 #include "top_terminal.h"
 
@@ -70,6 +71,19 @@ int key_of(int theirs) {
     return theirs >= ' ' && theirs <= '~' ? theirs : 0;
 }
 
+// No screen is larger. For each character ncurses keeps a cell in several buffers (some 85 MB at
+// this size), and beyond 32,767 it counts wrong without a look, so that a terminal which tells more
+// would take all memory or end the view. Of a larger one the upper left part is used.
+constexpr unsigned short largest_side = 1000;
+
+// Of two sizes, what the environment has goes before what the terminal tells.
+void limit_side(const char* name, unsigned short told) {
+    const char* const text = std::getenv(name);
+    const auto given = parse_number(text == nullptr ? "" : text);
+    if ((given && *given > 0 ? *given : told) > largest_side)
+        setenv(name, std::to_string(largest_side).c_str(), 1);
+}
+
 }  // namespace
 
 std::optional<std::string> screen_problem() {
@@ -82,6 +96,13 @@ std::optional<std::string> screen_problem() {
     const char* const term = std::getenv("TERM");
     return "top needs a terminal with a cursor that can be moved, and TERM is " +
            (term == nullptr ? "not set" : '"' + std::string(term) + '"') + instead;
+}
+
+void limit_screen() {
+    winsize now{};
+    ioctl(STDOUT_FILENO, TIOCGWINSZ, &now);  // 0 by 0 where it has none
+    limit_side("LINES", now.ws_row);
+    limit_side("COLUMNS", now.ws_col);
 }
 
 top_screen::top_screen(bool coloured) : own_(newterm(nullptr, stdout, stdin)) {
@@ -145,7 +166,7 @@ void top_screen::resume() {
 void top_screen::resize() {
     winsize now{};
     if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &now) != 0 || now.ws_row == 0 || now.ws_col == 0) return;
-    resizeterm(now.ws_row, now.ws_col);
+    resizeterm(std::min(now.ws_row, largest_side), std::min(now.ws_col, largest_side));
 }
 
 std::optional<int> top_screen::key() {

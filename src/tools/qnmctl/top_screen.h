@@ -14,6 +14,10 @@ namespace qnmctl {
 // Why standard input and output are no screen; nothing when they are one.
 std::optional<std::string> screen_problem();
 
+// Keeps the screen that is made next from a size that no terminal has. To be called before any
+// thread is started, since ncurses takes it from the environment.
+void limit_screen();
+
 // The terminal is given back as it was when this ends. There is one at a time, used by one thread.
 class top_screen {
   public:

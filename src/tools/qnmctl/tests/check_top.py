@@ -48,6 +48,7 @@ while True:
 """
 STATE = tempfile.TemporaryDirectory()  # where the command has its logs
 LIMIT = 60  # seconds, which only a failure reaches
+HUGE_LIMIT = 1 << 20  # KiB; with what a sanitizer adds
 RACK = """ports = ["qsim0", "qsim1"]
 [[card]]
 name = "sv"
@@ -102,6 +103,11 @@ def take_terminal_and_ignore_stop():
     signal.signal(signal.SIGTSTP, signal.SIG_IGN)
 
 
+def read(path):
+    with open(path, encoding="utf-8") as file:
+        return file.read()
+
+
 class Failure(Exception):
     pass
 
@@ -109,13 +115,13 @@ class Failure(Exception):
 class Top:
     """A running view and the screen that a terminal makes of what it writes."""
 
-    def __init__(self, program, *options, size=(80, 24), env=None, delay="0.2", before=(),
-                 preexec_fn=take_terminal, **how):
+    def __init__(self, program, *options, size=(80, 24), told_size=None, env=None, delay="0.2",
+                 before=(), preexec_fn=take_terminal, **how):
         self.screen = pyte.Screen(*size)
         self.stream = pyte.ByteStream(self.screen)
         self.raw = b""
         self.master, slave = pty.openpty()
-        self.set_size(*size)
+        self.set_size(*(told_size or size))
         self.before = termios.tcgetattr(self.master)
         self.process = subprocess.Popen(
             [*before, program, "--ports", "qnm0,qnm1", "top", "--delay", delay, *options],
@@ -434,6 +440,31 @@ def check_storm(program):
         top.ends("SIGTERM after stops and sizes")
 
 
+def check_huge(program):
+    """Sizes that no terminal has: the view takes a part, and not more memory than that needs."""
+    top = Top(program, size=(80, 24))
+    top.until("cards", r"port 0 qnm0 +up")
+    top.type("?")
+    for _ in range(5):
+        for size in (65535, 1), (1, 65535), (40000, 40000):
+            mark = len(top.raw)
+            top.set_size(*size)
+            top.until_cleared(f"size {size}", mark)
+    top.set_size(80, 24)
+    top.until_help("after huge sizes")
+    taken = int(re.search(r"VmHWM:\s+(\d+) kB", read(f"/proc/{top.process.pid}/status"))[1])
+    print(f"memory after huge sizes: {taken // 1024} MiB at most")
+    if taken > HUGE_LIMIT:
+        raise Failure(f"huge sizes take {taken} kB")
+    top.type("xq")
+    top.ends("q after huge sizes")
+    for size, env in ((65535, 65535), {}), ((80, 24), {"COLUMNS": "65535", "LINES": "65535"}):
+        top = Top(program, size=(80, 24), told_size=size, env=env)
+        top.until("cards", r"port 0 qnm0 +up")
+        top.type("q")
+        top.ends(f"q at {size}, {env}")
+
+
 def check_hurry(program):
     """It obeys also when the next look is always due."""
     for name, end in (("q", lambda top: top.type("q")),
@@ -485,7 +516,7 @@ def main():
             try:
                 for check in (check_refusals, check_view, check_options, check_ends, check_stops,
                               check_size_while_stopped, check_background, check_ignored_stop,
-                              check_storm, check_hurry, check_colours):
+                              check_storm, check_huge, check_hurry, check_colours):
                     started = time.monotonic()
                     check(program)
                     print(f"{check.__name__}: {time.monotonic() - started:.1f} s")
