@@ -3,5 +3,5 @@
  * Holds the precompiled headers of the tests, and does nothing.
  */
 int main() {
-  return 0;
+    return 0;
 }
