@@ -70,7 +70,7 @@ class screen_signals {
         sigemptyset(&one);
         sigaddset(&one, SIGTSTP);
         sigaction(SIGTSTP, &stop_before_, nullptr);
-        raise(SIGTSTP);
+        pthread_kill(pthread_self(), SIGTSTP);
         pthread_sigmask(SIG_UNBLOCK, &one, nullptr);
         pthread_sigmask(SIG_BLOCK, &one, nullptr);
     }
