@@ -6,20 +6,42 @@
 // ways: exit      exit() in the main thread
 //       return    the main function returns
 //       callback  exit() in a callback
+//       selector  exit() in the main thread, when it has given log4cxx loggers of its own
 //       starting  the main function returns while the manager starts
 //       stuck     the main function returns while a thread is stuck in a log that nobody reads
 
 #include <fcntl.h>
+#include <log4cxx/hierarchy.h>
+#include <log4cxx/logmanager.h>
+#include <log4cxx/spi/repositoryselector.h>
 #include <poll.h>
 
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <random>
 #include <string>
 #include <thread>
 
 #include "qnm.h"
+
+namespace helpers = log4cxx::helpers;  // the macros of log4cxx name it without its scope
+
+class own_loggers : public virtual log4cxx::spi::RepositorySelector {
+  public:
+    DECLARE_LOG4CXX_OBJECT(own_loggers)
+    BEGIN_LOG4CXX_CAST_MAP()
+    LOG4CXX_CAST_ENTRY(log4cxx::spi::RepositorySelector)
+    END_LOG4CXX_CAST_MAP()
+
+    log4cxx::spi::LoggerRepositoryPtr getLoggerRepository() override { return loggers_; }
+
+  private:
+    log4cxx::spi::LoggerRepositoryPtr loggers_ = log4cxx::Hierarchy::create();
+};
+
+IMPLEMENT_LOG4CXX_OBJECT(own_loggers)
 
 namespace {
 
@@ -106,6 +128,9 @@ int main(int argc, char** argv) {
     const std::string directory = argv[1];
     const std::string way = argv[2];
     if (way == "stuck") return end_while_log_is_stuck(directory);
+    if (way == "selector") {
+        log4cxx::LogManager::setRepositorySelector(std::make_shared<own_loggers>(), nullptr);
+    }
     atexit(log_at_exit);
     if (way == "starting") return end_while_starting(directory);
     qnm_log_init(directory.c_str());
@@ -122,6 +147,6 @@ int main(int argc, char** argv) {
     }
     while (way == "callback" || !all_at_work())
         poll(nullptr, 0, 1);
-    if (way == "exit") exit(0);
+    if (way != "return") exit(0);
     return 0;
 }

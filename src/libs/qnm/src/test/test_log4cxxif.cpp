@@ -384,13 +384,17 @@ TEST_F(LogInit, survives_what_log4cxx_throws) {
 
 TEST_F(LogInit, keeps_its_loggers_when_the_host_gives_log4cxx_others) {
     const std::string output = write_properties();
-    const auto before = std::make_shared<chosen_loggers>();
-    before->loggers = log4cxx::LogManager::getLoggerRepository();
+    // The library alone keeps them meanwhile.
+    const std::weak_ptr<log4cxx::spi::LoggerRepository> first =
+        log4cxx::LogManager::getLoggerRepository();
     const auto chosen = std::make_shared<chosen_loggers>();
     log4cxx::LogManager::setRepositorySelector(chosen, nullptr);
     EXPECT_EQ(qnm_log_init(dir_.path().c_str()), QNM_API_SUCCESS);
     qnm_log_error("%s: a line", "caller");
     const bool is_touched = chosen->loggers->exists("logfile") != nullptr;
+    const auto before = std::make_shared<chosen_loggers>();
+    before->loggers = first.lock();
+    ASSERT_NE(before->loggers, nullptr);
     log4cxx::LogManager::setRepositorySelector(before, nullptr);
     log4cxx::LogManager::resetConfiguration();
     EXPECT_NE(read(output).find("caller: a line\n"), std::string::npos);
