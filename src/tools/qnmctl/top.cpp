@@ -27,10 +27,15 @@ namespace {
 using clock = std::chrono::steady_clock;
 using seconds = std::chrono::duration<double>;
 
+extern "C" void never_called(int) {}
+
 // SIGWINCH, SIGTSTP and SIGCONT, and what would end the command with the terminal as it is. As
 // input, like the signals that end every command; blocked before a thread is started, so that no
-// other one takes them, and before ncurses has its own handler of SIGTSTP, which would draw in the
-// middle of whatever ncurses is at.
+// other one takes them.
+//
+// SIGTSTP has a handler before ncurses looks, which then leaves it alone. Otherwise ncurses takes
+// one of its own, which would draw in the middle of whatever ncurses is at, and ignores SIGTSTP
+// while it draws: the system throws away what has come and is blocked when it becomes ignored.
 class screen_signals {
   public:
     screen_signals() {
@@ -40,6 +45,7 @@ class screen_signals {
             sigaddset(&wanted, number);
         pthread_sigmask(SIG_BLOCK, &wanted, &before_);
         sigaction(SIGTSTP, nullptr, &stop_before_);
+        handle_stop();
         fd_ = signalfd(-1, &wanted, SFD_CLOEXEC | SFD_NONBLOCK);
         if (fd_ < 0) throw error(std::string("cannot wait for signals: ") + std::strerror(errno));
     }
@@ -73,9 +79,16 @@ class screen_signals {
         pthread_kill(pthread_self(), SIGTSTP);
         pthread_sigmask(SIG_UNBLOCK, &one, nullptr);
         pthread_sigmask(SIG_BLOCK, &one, nullptr);
+        handle_stop();
     }
 
   private:
+    void handle_stop() const {
+        struct sigaction action {};
+        action.sa_handler = never_called;
+        if (can_stop()) sigaction(SIGTSTP, &action, nullptr);
+    }
+
     sigset_t before_ = {};
     struct sigaction stop_before_ = {};
     int fd_ = -1;

@@ -475,6 +475,21 @@ def check_hurry(program):
         top.ends(f"{name} in a hurry")
 
 
+def check_stops_in_hurry(program):
+    """Ctrl-Z is obeyed also when it comes while the view draws."""
+    top = Job(program, delay="1e-9")
+    top.until("cards", r"port 0 qnm0 +up")
+    for count in range(1, 31):
+        top.type("\x1a")
+        top.until_stopped(f"Ctrl-Z {count} in a hurry")
+        top.shell_writes()
+        mark = len(top.raw)
+        top.order(b"f")
+        top.until_cleared(f"fg {count} in a hurry", mark)
+    top.type("q")
+    top.ends("q after stops in a hurry")
+
+
 def check_colours(program):
     """Colours only where they are wanted."""
     for env, wanted in ({}, True), ({"NO_COLOR": "1"}, False):
@@ -516,7 +531,8 @@ def main():
             try:
                 for check in (check_refusals, check_view, check_options, check_ends, check_stops,
                               check_size_while_stopped, check_background, check_ignored_stop,
-                              check_storm, check_huge, check_hurry, check_colours):
+                              check_storm, check_huge, check_hurry, check_stops_in_hurry,
+                              check_colours):
                     started = time.monotonic()
                     check(program)
                     print(f"{check.__name__}: {time.monotonic() - started:.1f} s")
