@@ -82,7 +82,24 @@ class screen_signals {
         handle_stop();
     }
 
+    // In the background, stops as the system stops one that changes the terminal there, until it
+    // is in the foreground or is to end. Inside such a change it would not see that it is to end:
+    // the change begins anew when the process is continued, and stops it again.
+    void wait_for_terminal(const context& with) const {
+        while (is_in_background() && !is_signalled(with)) {
+            pthread_kill(pthread_self(), SIGTTOU);
+            // Not stopped: SIGTTOU is ignored, or no shell is there that would continue it.
+            if (!is_continued()) return;
+        }
+    }
+
   private:
+    // Each stop discards a SIGCONT that waits, so one that waits came after it.
+    static bool is_continued() {
+        sigset_t waiting;
+        return sigpending(&waiting) == 0 && sigismember(&waiting, SIGCONT) == 1;
+    }
+
     void handle_stop() const {
         struct sigaction action {};
         action.sa_handler = never_called;
@@ -131,10 +148,11 @@ void stop(view& of) {
 }
 
 // One that ends the view is obeyed first: a shell sends it to a stopped job and then continues it
-// in the background, where it would wait for the terminal.
+// in the background.
 void take_signals(view& of) {
     while (const int number = of.signals.take()) {
         if (number == SIGTSTP) stop(of);
+        if (number == SIGCONT) of.signals.wait_for_terminal(of.with);
         if (is_signalled(of.with)) return;
         if (number == SIGWINCH) of.screen.resize();
         if (number == SIGCONT) of.screen.resume();
@@ -183,6 +201,8 @@ void show(view& of, const request& asked) {
             look(of);
             next_look = clock::now() + delay;
         }
+        of.signals.wait_for_terminal(of.with);
+        if (is_signalled(of.with)) return;
         of.screen.draw(top_lines(of.model, of.screen.size()));
         if (!wait_for_input(of, std::min(end, next_look))) return;
     }
@@ -192,8 +212,10 @@ void show(view& of, const request& asked) {
 
 int run_top(context& with, const request& asked) {
     if (const auto problem = screen_problem()) throw usage_error(*problem);
-    limit_screen();
     const screen_signals signals;
+    signals.wait_for_terminal(with);
+    if (is_signalled(with)) return exit_ok;
+    limit_screen();
     start(with);
     const stuck_terminal watched(with.signals);
     top_screen screen(with.how.coloured);

@@ -16,6 +16,7 @@
 
 #include "operands.h"
 #include "text.h"
+#include "top_stuck.h"
 #include "top_terminal.h"
 
 namespace qnmctl {
@@ -120,7 +121,7 @@ top_screen::top_screen(bool coloured) : own_(newterm(nullptr, stdout, stdin)) {
 }
 
 top_screen::~top_screen() {
-    if (!left_) endwin();
+    if (!left_ && !is_in_background()) endwin();
     delscreen(own_);
 }
 

@@ -18,7 +18,8 @@ std::optional<std::string> screen_problem();
 // thread is started, since ncurses takes it from the environment.
 void limit_screen();
 
-// The terminal is given back as it was when this ends. There is one at a time, used by one thread.
+// The terminal is given back as it was when this ends, unless a shell has taken it. There is one at
+// a time, used by one thread.
 class top_screen {
   public:
     explicit top_screen(bool coloured);

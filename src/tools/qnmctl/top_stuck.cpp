@@ -30,12 +30,6 @@ int make_event_fd() {
     return fd;
 }
 
-// A shell has the terminal, which has been given back to it as it was.
-bool is_in_background() {
-    const pid_t foreground = tcgetpgrp(STDIN_FILENO);
-    return foreground != -1 && foreground != getpgrp();
-}
-
 // Whether the event comes within the time.
 bool comes(int event_fd, int milliseconds) {
     pollfd waited{event_fd, POLLIN, 0};
@@ -43,6 +37,11 @@ bool comes(int event_fd, int milliseconds) {
 }
 
 }  // namespace
+
+bool is_in_background() {
+    const pid_t foreground = tcgetpgrp(STDIN_FILENO);
+    return foreground != -1 && foreground != getpgrp();
+}
 
 stuck_terminal::stuck_terminal(int signals)
     : signals_(signals),

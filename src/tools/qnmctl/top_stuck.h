@@ -11,6 +11,9 @@
 
 namespace qnmctl {
 
+// Whether a shell has the terminal, in a mode of its own. Whoever changes the mode then is stopped.
+bool is_in_background();
+
 // While it is there, a signal ends what this thread writes to standard output: when the view has
 // not ended soon after it, /dev/null takes the terminal's place. At the end the terminal is set as
 // it was before.

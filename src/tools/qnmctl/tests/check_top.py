@@ -22,19 +22,20 @@ import time
 
 import pyte
 
-# A shell's job control for one command: the command is a job of its own, in the foreground. When
-# it stops, the terminal is taken from it and its process is told; "f" and "b" continue it in the
-# foreground and in the background. Ends as the command does.
+# A shell's job control for one command: the command is a job of its own, which is begun in the
+# foreground ("f") or in the background ("b"). When it stops, the terminal is taken from it and its
+# process is told; "f" and "b" continue it there. Ends as the command does.
 JOB = """
 import os, signal, sys
-told, orders = int(sys.argv[1]), int(sys.argv[2])
+told, orders, begun, *command = int(sys.argv[1]), int(sys.argv[2]), *sys.argv[3:]
 signal.signal(signal.SIGTTOU, signal.SIG_IGN)
 job = os.fork()
 if job == 0:
     os.setpgid(0, 0)
-    os.tcsetpgrp(0, os.getpid())
+    if begun == "f":
+        os.tcsetpgrp(0, os.getpid())
     signal.signal(signal.SIGTTOU, signal.SIG_DFL)
-    os.execv(sys.argv[3], sys.argv[3:])
+    os.execv(command[0], command)
 os.write(told, b"%d\\n" % job)
 while True:
     status = os.waitpid(job, os.WUNTRACED)[1]
@@ -231,10 +232,10 @@ class Top:
 class Job(Top):
     """A running view that a shell with job control has started."""
 
-    def __init__(self, program, **how):
+    def __init__(self, program, begun="f", **how):
         self.told, told = os.pipe()
         orders, self.orders = os.pipe()
-        before = (sys.executable, "-c", JOB, str(told), str(orders))
+        before = (sys.executable, "-c", JOB, str(told), str(orders), begun)
         super().__init__(program, before=before, pass_fds=(told, orders), **how)
         os.close(told)
         os.close(orders)
@@ -246,9 +247,12 @@ class Job(Top):
             self.read(0.1)
             if time.monotonic() > give_up:
                 raise Failure(f"{what}: the command does not stop\n{self.text()}")
-        line = os.read(self.told, 100)
-        if not line:
-            raise Failure(f"{what}: the command has ended\n{self.text()}")
+        line = b""
+        while not line.endswith(b"\n"):
+            piece = os.read(self.told, 1)
+            if not piece:
+                raise Failure(f"{what}: the command has ended\n{self.text()}")
+            line += piece
         return line
 
     def until_stopped(self, what):
@@ -260,6 +264,10 @@ class Job(Top):
         while select.select([self.master], [], [], 0)[0]:
             self.read(0)
         self.stream.feed(b"\x1b[2J\x1b[H" + b"$ anything else\r\n" * 7)
+
+    def take_mode(self):
+        """As a shell does that takes the terminal from a job."""
+        termios.tcsetattr(self.master, termios.TCSANOW, self.before)
 
     def order(self, what):
         os.write(self.orders, what)
@@ -406,6 +414,36 @@ def check_background(program):
     top.ends("SIGTERM while it is stopped")
 
 
+def check_killed_job(program):
+    """A shell's kill ends a stopped view, whatever has stopped it: SIGTERM, then SIGCONT in the
+    background."""
+    for stops in "Z", "S", "Zb", "Sb", "Zbb":
+        what = f"killed after {stops}"
+        top = Job(program)
+        top.until("cards", r"port 0 qnm0 +up")
+        for stop in stops:
+            if stop == "b":
+                top.order(b"b")
+            else:
+                os.kill(top.pid, signal.SIGTSTP if stop == "Z" else signal.SIGSTOP)
+            top.until_stopped(what)
+            top.take_mode()
+        os.kill(top.pid, signal.SIGTERM)
+        top.order(b"b")
+        top.ends(what)
+    top = Job(program, begun="b")
+    top.until_stopped("begun in the background")
+    os.kill(top.pid, signal.SIGTERM)
+    top.order(b"b")
+    top.ends("killed after it was begun in the background")
+    top = Job(program, begun="b")
+    top.until_stopped("begun in the background")
+    top.order(b"f")
+    top.until("fg after it was begun in the background", r"port 0 qnm0 +up")
+    top.type("q")
+    top.ends("q after it was begun in the background")
+
+
 def check_ignored_stop(program):
     """Whoever has SIGTSTP ignored is not stopped by it."""
     top = Job(program, preexec_fn=take_terminal_and_ignore_stop)
@@ -530,9 +568,9 @@ def main():
                               stdout=subprocess.DEVNULL) as cards:
             try:
                 for check in (check_refusals, check_view, check_options, check_ends, check_stops,
-                              check_size_while_stopped, check_background, check_ignored_stop,
-                              check_storm, check_huge, check_hurry, check_stops_in_hurry,
-                              check_colours):
+                              check_size_while_stopped, check_background, check_killed_job,
+                              check_ignored_stop, check_storm, check_huge, check_hurry,
+                              check_stops_in_hurry, check_colours):
                     started = time.monotonic()
                     check(program)
                     print(f"{check.__name__}: {time.monotonic() - started:.1f} s")
