@@ -13,8 +13,8 @@
 #include <csignal>
 #include <cstdlib>
 #include <iterator>
+#include <limits>
 
-#include "operands.h"
 #include "text.h"
 #include "top_stuck.h"
 #include "top_terminal.h"
@@ -77,11 +77,20 @@ int key_of(int theirs) {
 // would take all memory or end the view. Of a larger one the upper left part is used.
 constexpr unsigned short largest_side = 1000;
 
+// As ncurses reads it, which knows "+80", " 80", octal and hexadecimal, too; 0 for nothing to it.
+int side_of_environment(const char* name) {
+    const char* const text = std::getenv(name);
+    if (text == nullptr) return 0;
+    char* end = nullptr;
+    const long value = std::strtol(text, &end, 0);
+    if (*end != '\0' || value < 0 || value > std::numeric_limits<int>::max()) return 0;
+    return static_cast<int>(value);
+}
+
 // Of two sizes, what the environment has goes before what the terminal tells.
 void limit_side(const char* name, unsigned short told) {
-    const char* const text = std::getenv(name);
-    const auto given = parse_number(text == nullptr ? "" : text);
-    if ((given && *given > 0 ? *given : told) > largest_side)
+    const int given = side_of_environment(name);
+    if ((given > 0 ? given : told) > largest_side)
         setenv(name, std::to_string(largest_side).c_str(), 1);
 }
 

@@ -496,7 +496,9 @@ def check_huge(program):
         raise Failure(f"huge sizes take {taken} kB")
     top.type("xq")
     top.ends("q after huge sizes")
-    for size, env in ((65535, 65535), {}), ((80, 24), {"COLUMNS": "65535", "LINES": "65535"}):
+    huge = "65535", "+65535", " 65535", "0xffff", "0177777"  # all that ncurses reads
+    for size, env in (((65535, 65535), {}),
+                      *(((80, 24), {"COLUMNS": text, "LINES": text}) for text in huge)):
         top = Top(program, size=(80, 24), told_size=size, env=env)
         top.until("cards", r"port 0 qnm0 +up")
         top.type("q")
