@@ -157,13 +157,19 @@ class Top:
         return bool(piece)
 
     def drop(self):
-        """What has been written so far, without the time that the screen takes for it."""
-        while select.select([self.master], [], [], 0)[0]:
-            try:
-                if not os.read(self.master, 65536):
-                    return
-            except OSError:
+        """What the view draws, at least something, without the time that the screen takes for it."""
+        give_up = time.monotonic() + LIMIT
+        drawn = False
+        while time.monotonic() < give_up:
+            if select.select([self.master], [], [], 0 if drawn else 1)[0]:
+                drawn = True
+                try:
+                    os.read(self.master, 65536)
+                except OSError:  # the other end has been closed
+                    break
+            elif drawn:
                 return
+        raise Failure(f"it draws nothing or without an end, status {self.process.poll()}")
 
     def until(self, what, *texts):
         """The screen as soon as it has all of these (patterns); they have to come."""
@@ -461,13 +467,12 @@ def check_storm(program):
     """Stops while the size changes. Its process group is one that the system does not stop."""
     sizes = random.Random(5)
     for _ in range(3):
-        top = Top(program, delay="0.1")
+        top = Top(program, delay="1e-9")  # always draws: the stop comes at any place of it
         top.until("cards", r"port 0 qnm0 +up")
         for _ in range(500):
             top.set_size(sizes.randrange(40, 400), sizes.randrange(20, 150))
-            time.sleep(sizes.random() / 500)  # the stop comes at any place of the drawing
-            top.process.send_signal(signal.SIGTSTP)
             top.drop()
+            top.process.send_signal(signal.SIGTSTP)
         top.set_size(80, 24)
         top.type("?")
         top.process.send_signal(signal.SIGTSTP)
