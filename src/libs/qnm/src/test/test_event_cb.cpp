@@ -39,22 +39,20 @@ struct call {
     bool operator==(const call&) const = default;
 };
 
-// A callback that notes its calls under a name.
+// A callback that does something and notes its calls, when it is done, under a name.
 struct listener {
     std::string name;
     std::vector<call>* calls;
-    std::function<void()> also = [] {};
+    std::function<void()> act = [] {};
 };
 
 std::mutex g_calls_mutex;
 
 void note(uint64_t id, qnm_evt_type_t type, void* arg) {
     auto* const it = static_cast<listener*>(arg);
-    {
-        const std::lock_guard lock(g_calls_mutex);
-        it->calls->push_back({it->name, id, type});
-    }
-    it->also();
+    it->act();
+    const std::lock_guard lock(g_calls_mutex);
+    it->calls->push_back({it->name, id, type});
 }
 
 struct event_cb : units {
@@ -171,7 +169,7 @@ TEST_F(event_cb, an_unknown_handle_waits_for_no_callback) {
         EXPECT_EQ(qnm_unregister_callback(unknown.back()), QNM_API_SUCCESS);
     }
     std::atomic<int> tried = 0;  // a stop meanwhile would be the answer
-    one.also = [&] {
+    one.act = [&] {
         std::thread elsewhere([&] {
             for (const qnm_cbid_t id : unknown)
                 EXPECT_EQ(qnm_unregister_callback(id), QNM_API_EINVAL);
