@@ -3,7 +3,8 @@
 # its check of what the locks guard, cppcheck and luacheck look for mistakes, and mypy for wrong types
 # in the Python module. Fails on the first finding.
 #
-#   usage: analyse.sh
+#   usage: analyse.sh [--deep]     with as many states of a function as clang's analyser looks at of
+#                                  itself, which takes half as long again
 #
 # What is looked for, and what is not and why, stands in .clang-tidy and .cppcheck. The tests are left
 # to the compilers: the macros of GoogleTest take clang-tidy long, and cppcheck cannot read them.
@@ -22,8 +23,13 @@ list_sources() {
 # Its count of warnings in other people's headers is noise; a finding is told with all of it.
 run_clang_tidy() {
   local log=$build/clang-tidy.log
+  local limit=(--extra-arg=-Xclang --extra-arg=-analyzer-config --extra-arg=-Xclang
+    --extra-arg=max-nodes=40000)
+  if [[ $deep == yes ]]; then
+    limit=()
+  fi
   echo "clang-tidy: $(list_sources | wc -l) files"
-  list_sources | xargs -P "$jobs" -n 2 clang-tidy --quiet -p "$build" >"$log" 2>&1 || {
+  list_sources | xargs -P "$jobs" -n 2 clang-tidy --quiet -p "$build" "${limit[@]}" >"$log" 2>&1 || {
     cat "$log"
     die "clang-tidy has findings."
   }
@@ -51,6 +57,12 @@ run_mypy() {
 }
 
 main() {
+  deep=no
+  case ${1-} in
+    '') ;;
+    --deep) deep=yes ;;
+    *) die "usage: analyse.sh [--deep]" ;;
+  esac
   "$root/scripts/install-deps.sh" --with-analysis
   cd "$root"
   cmake --preset analysis
