@@ -315,7 +315,11 @@ std::vector<std::string_view> down_port_field_names() {
 }
 
 std::string in_quotes(std::string_view text) {
-    return "\"" + std::string(text) + "\"";
+    return std::string("\"").append(text).append("\"");
+}
+
+std::string path_text(std::size_t port, std::size_t path) {
+    return std::string("P").append(std::to_string(port)).append("M").append(std::to_string(path));
 }
 
 std::string unknown_name(std::string_view what, std::string_view name,
@@ -396,7 +400,7 @@ void check_card(const card& checked, std::size_t ports) {
     for (std::size_t p = 0; p < port_limit; ++p) {
         for (std::size_t m = 0; m < path_limit; ++m) {
             if (!checked.heard[p][m]) continue;
-            const std::string where = "P" + std::to_string(p) + "M" + std::to_string(m);
+            const std::string where = path_text(p, m);
             if (m >= path_count(checked.speed)) {
                 throw error(who + "heard on " + where + ", but a 1G/10G card has path 0 only");
             }

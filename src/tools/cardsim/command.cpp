@@ -63,7 +63,8 @@ std::string heard_text(const card& shown) {
     for (std::size_t p = 0; p < port_limit; ++p) {
         for (std::size_t m = 0; m < path_limit; ++m) {
             if (!shown.heard[p][m]) continue;
-            text += (text.empty() ? "P" : ",P") + std::to_string(p) + "M" + std::to_string(m);
+            if (!text.empty()) text += ',';
+            text += path_text(p, m);
         }
     }
     return text.empty() ? "silent" : text;
@@ -203,8 +204,10 @@ std::string show_mms_page(simulator& target, const words& given) {
     const auto page = target.mms_page(given[0], parse_word("PAGE", given[1]));
     if (!page) return "not written";
     std::string text;
-    for (const std::uint32_t word : *page)
-        text += (text.empty() ? "" : " ") + word_text(word);
+    for (const std::uint32_t word : *page) {
+        if (!text.empty()) text += ' ';
+        text += word_text(word);
+    }
     return text;
 }
 
@@ -346,8 +349,8 @@ answer execute(simulator& target, std::string_view line) {
 std::string describe(const counters& values) {
     std::string text;
     for (const auto& [name, counter] : shown_counters) {
-        text +=
-            (text.empty() ? "" : " ") + std::string(name) + "=" + std::to_string(values.*counter);
+        if (!text.empty()) text += ' ';
+        text += std::string(name) + "=" + std::to_string(values.*counter);
     }
     return text;
 }

@@ -29,6 +29,9 @@ std::string unknown_name(std::string_view what, std::string_view name,
 
 std::string in_quotes(std::string_view text);
 
+// A path as people call it, such as P0M1.
+std::string path_text(std::size_t port, std::size_t path);
+
 // Decimal, 0x form or, as a MAC address, colon form. Throws error that names `field`.
 std::uint64_t parse_number(std::string_view field, std::string_view text, std::uint64_t limit);
 std::uint64_t parse_mac(std::string_view field, std::string_view text);

@@ -112,8 +112,10 @@ void set_down_ports(const source& from, card& target, const toml::node& node) {
 // A list, as set_field() takes it.
 std::string list_text(const source& from, std::string_view key, const toml::array& values) {
     std::string text;
-    for (const toml::node& entry : values)
-        text += (text.empty() ? "" : ",") + value_text(from, key, entry);
+    for (const toml::node& entry : values) {
+        if (!text.empty()) text += ',';
+        text += value_text(from, key, entry);
+    }
     return text.empty() ? "none" : text;
 }
 
@@ -258,7 +260,7 @@ std::vector<card> unfold(const source& from, const toml::table& table, const car
     const bool at_once = burst != nullptr && flag_of(from, "burst", *burst);
     std::vector<card> cards(count, first);
     for (std::uint64_t k = 0; table.contains("count") && k < count; ++k) {
-        cards[k].name += "-" + std::to_string(k);
+        cards[k].name.append("-").append(std::to_string(k));
         cards[k].id += k * step;
         if (!at_once)
             cards[k].phase_ms += static_cast<std::uint32_t>(first.interval_ms * k / count);
