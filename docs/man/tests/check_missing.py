@@ -40,7 +40,7 @@ def complaints(given, header_text, folder):
     header = folder / "qnm.h"
     header.write_text(header_text, encoding="utf-8")
     settings = Path(doxyfile).read_text(encoding="utf-8")
-    settings += f"\nINPUT = {header}\nOUTPUT_DIRECTORY = {folder}\nWARN_AS_ERROR = NO\n"
+    settings += f"\nINPUT = \"{header}\"\nOUTPUT_DIRECTORY = \"{folder}\"\nWARN_AS_ERROR = NO\n"
     subprocess.run([doxygen, "-"], input=settings, text=True, check=True,
                    stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     made = subprocess.run(
