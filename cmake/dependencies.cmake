@@ -1,0 +1,77 @@
+# dependencies.cmake - looks for what the chosen parts are built with. All of it is looked for before
+# anything is refused, so that one message names all that is missing, the Debian packages that have it,
+# and the option that does without.
+
+set(qnm_missing "")
+
+# qnm_note(PART PACKAGE FOUND): remembers what was not found.
+macro(qnm_note part package found)
+    if(NOT ${found})
+        list(APPEND qnm_missing_${part} ${package})
+        list(APPEND qnm_missing ${package})
+    endif()
+endmacro()
+
+# qnm_need_module(PART PREFIX MODULE PACKAGE): by pkg-config; makes the target PkgConfig::PREFIX.
+macro(qnm_need_module part prefix module package)
+    if(PkgConfig_FOUND)
+        pkg_check_modules(${prefix} IMPORTED_TARGET ${module})
+    endif()
+    qnm_note(${part} "${package}" "${prefix}_FOUND")
+endmacro()
+
+# qnm_need(PART NAME PACKAGE [OPTION...]): by find_package, which takes the options.
+macro(qnm_need part name package)
+    find_package(${name} ${ARGN} QUIET)
+    qnm_note(${part} "${package}" "${name}_FOUND")
+endmacro()
+
+# Both -dev packages of the library bring pkg-config.
+find_package(PkgConfig QUIET)
+qnm_note(library pkg-config PkgConfig_FOUND)
+qnm_need(library Threads libc6-dev)
+qnm_need_module(library PCAP libpcap libpcap-dev)
+qnm_need_module(library LOG4CXX liblog4cxx liblog4cxx-dev)
+
+if(QNM_BUILD_TOOLS)
+    qnm_need(tools CLI11 libcli11-dev)
+    qnm_need(tools nlohmann_json nlohmann-json3-dev)
+    qnm_need_module(tools TOMLPLUSPLUS tomlplusplus libtomlplusplus-dev)
+    qnm_need_module(tools NCURSESW ncursesw libncurses-dev)
+    qnm_need_module(tools LIBARCHIVE libarchive libarchive-dev)
+endif()
+
+if(QNM_BUILD_PYTHON)
+    qnm_need(python Python3 python3 3.11 COMPONENTS Interpreter)
+endif()
+
+if(QNM_BUILD_DOCS)
+    find_program(QNM_DOXYGEN doxygen)
+    qnm_note(docs doxygen QNM_DOXYGEN)
+    qnm_need(docs Python3 python3 COMPONENTS Interpreter)
+endif()
+
+if(BUILD_TESTING)
+    qnm_need(tests GTest "libgtest-dev;libgmock-dev")
+endif()
+
+if(QNM_BUILD_BENCH)
+    qnm_need(benchmarks benchmark libbenchmark-dev)
+endif()
+
+if(qnm_missing)
+    set(text "Not all was found that is needed. Missing are, by their names on Debian:\n")
+    set(without_library "")
+    set(without_tools "; -DQNM_BUILD_TOOLS=OFF does without")
+    set(without_python "; -DQNM_BUILD_PYTHON=OFF does without")
+    set(without_docs "; -DQNM_BUILD_DOCS=OFF does without")
+    set(without_tests "; -DBUILD_TESTING=OFF does without")
+    set(without_benchmarks "; -DQNM_BUILD_BENCH=OFF does without")
+    foreach(part IN ITEMS library tools python docs tests benchmarks)
+        if(qnm_missing_${part})
+            list(JOIN qnm_missing_${part} " " packages)
+            string(APPEND text "  for the ${part}: ${packages}${without_${part}}\n")
+        endif()
+    endforeach()
+    message(FATAL_ERROR "${text}On Debian, scripts/install-deps.sh installs all of it.")
+endif()
