@@ -22,7 +22,7 @@ readonly results=$root/bench/results
 build_benchmarks() {
   (
     cd "$root" || exit
-    cmake --preset release -B "$build" -DQNM_BUILD_BENCH=ON -DBUILD_TESTING=OFF
+    cmake --preset package -B "$build" -DQNM_BUILD_BENCH=ON
     cmake --build "$build" --target qnm-bench \
       --parallel "${CMAKE_BUILD_PARALLEL_LEVEL:-$(nproc)}"
   )

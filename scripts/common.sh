@@ -39,3 +39,14 @@ build_preset() {
       --parallel "${CMAKE_BUILD_PARALLEL_LEVEL:-$(nproc)}" ${1:+--target "$@"}
   )
 }
+
+# copy_sources FOLDER: what a fresh clone would have, with what is changed but not yet committed.
+copy_sources() {
+  mkdir -p "$1"
+  if [[ -e $root/.git ]]; then
+    git -C "$root" ls-files -z --cached --others --exclude-standard |
+      tar -C "$root" --null --files-from=- --ignore-failed-read -c
+  else
+    tar -C "$root" --exclude=./build -c .
+  fi | tar -C "$1" --no-same-owner -x
+}
