@@ -63,7 +63,7 @@ main() {
     --deep) deep=yes ;;
     *) die "usage: analyse.sh [--deep]" ;;
   esac
-  "$root/scripts/install-deps.sh" --with-analysis
+  "$root/scripts/install-deps.sh" build analysis
   cd "$root"
   cmake --preset analysis
   run_clang_tidy

@@ -22,7 +22,8 @@ readonly results=$root/bench/results
 build_benchmarks() {
   (
     cd "$root" || exit
-    cmake --preset package -B "$build" -DQNM_BUILD_BENCH=ON
+    cmake -G Ninja -B "$build" -DQNM_BUILD_BENCH=ON -DBUILD_TESTING=OFF -DQNM_BUILD_DOCS=OFF \
+      -DQNM_BUILD_PYTHON=OFF
     cmake --build "$build" --target qnm-bench \
       --parallel "${CMAKE_BUILD_PARALLEL_LEVEL:-$(nproc)}"
   )
@@ -36,7 +37,7 @@ describe_machine() {
 }
 
 main() {
-  "$root/scripts/install-deps.sh" --with-bench
+  "$root/scripts/install-deps.sh" build bench
   build_benchmarks
   mkdir -p "$results"
   "$root/scripts/in-netns.sh" "$build/bin/qnm-bench" --results="$results" "$@"

@@ -38,7 +38,7 @@ report() {
 }
 
 main() {
-  "$root/scripts/install-deps.sh" --with-coverage
+  "$root/scripts/install-deps.sh" build test coverage
   build_preset coverage
   forget_earlier_runs
   run_tests

@@ -20,7 +20,7 @@ clear_work() {
 prepare_debian() {
   [[ $(id -u) -eq 0 ]] || skip "making a Debian of its own needs root"
   [[ -e /etc/debian_version ]] || skip "this is not Debian, so there is nothing to make it from"
-  "$root/scripts/install-deps.sh" --with-trial
+  "$root/scripts/install-deps.sh" trial
   work=$(mktemp -d "${TMPDIR:-/tmp}/qnm-debian.XXXXXX")
   chmod 755 "$work"
   trap clear_work EXIT

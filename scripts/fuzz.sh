@@ -150,7 +150,7 @@ main() {
     check_targets "$@"
     targets=("$@")
   fi
-  "$root/scripts/install-deps.sh" --with-fuzz
+  "$root/scripts/install-deps.sh" build test fuzz
   keep_addresses
   build_preset fuzz
   put_findings_aside

@@ -1,47 +1,91 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that building, testing and the demonstration need.
-# Where nothing is missing it changes nothing and needs no privilege.
+# Installs the Debian packages that some purposes need, and no others. Where nothing is missing it
+# changes nothing and needs no privilege.
 #
-#   usage: install-deps.sh [OPTION...]
+#   usage: install-deps.sh [GROUP...]      without any: build, demo and test
 #
-#   --with-analysis   also what scripts/analyse.sh needs
-#   --with-bench      also what the benchmarks need
-#   --with-coverage   also what scripts/coverage.sh needs
-#   --with-fuzz       also what the fuzzers need
-#   --with-trial      also what scripts/try-packages.sh needs
+#   build      the library and the tools; the manual pages of the calls need docs as well
+#   docs       what makes those pages
+#   demo       scripts/demo.sh, beside build
+#   test       scripts/test.sh, beside build
+#   analysis   scripts/analyse.sh, beside build
+#   bench      scripts/bench.sh, beside build
+#   coverage   scripts/coverage.sh, beside build and test
+#   fuzz       scripts/fuzz.sh, beside build and test
+#   package    scripts/package.sh, beside build
+#   trial      what makes a Debian of its own to try something in
 #
 #   QNM_SKIP_DEPS=1   trust that everything is there, for systems that name their packages otherwise
 set -euo pipefail
 # shellcheck source=scripts/common.sh
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
-# What is needed, and what for. "a|b" is met by either; the first is the one that gets installed.
-needed=(
-  g++ cmake ninja-build 'pkg-config|pkgconf' # the build
-  libpcap-dev liblog4cxx-dev                 # the library
-  libcli11-dev nlohmann-json3-dev            # qnmctl
-  libncurses-dev                             # ... and its full screen
-  libarchive-dev                             # the archives of qnmctl report
-  libtomlplusplus-dev                        # qnm-cardsim
-  libgtest-dev libgmock-dev binutils         # the tests; nm lists what the library exports
-  iproute2 util-linux                        # network namespaces: ip, unshare
-  libcap2-bin                                # file capabilities: setcap
-  tshark                                     # the tests of the dissector for Wireshark
-  abigail-tools                              # the library's ABI: abidw, abidiff
-  dpkg-dev file lintian                      # the Debian packages
-  python3                                    # the Python module
-  doxygen                                    # the manual pages of the library
-  mandoc man-db zsh python3-jsonschema       # what the tests check pages and qnmctl's output with
-  python3-pyte                               # ... and its full screen
+# A row: groups; their packages; behind the colon the commands that have to be in PATH then. "a|b" is
+# met by either package, and the first is the one that gets installed.
+readonly table=(
+  'build              g++ cmake ninja-build pkg-config|pkgconf : g++ cmake ninja'
+  'build              libpcap-dev liblog4cxx-dev :'                   # the library
+  'build              libcli11-dev nlohmann-json3-dev :'              # qnmctl
+  'build              libncurses-dev :'                               # ... and its full screen
+  'build              libarchive-dev :'                               # the archives of qnmctl report
+  'build              libtomlplusplus-dev :'                          # qnm-cardsim
+  'build              python3 : python3'                              # the Python module
+  'docs,test,package  doxygen : doxygen'
+  'demo,test,bench    iproute2 util-linux : ip unshare'               # network namespaces
+  'test               libgtest-dev libgmock-dev :'
+  'test               binutils : nm'                                  # what the library exports
+  'test               libcap2-bin mount : setcap mount'               # capabilities, full file systems
+  'test               tshark : tshark'                                # the dissector for Wireshark
+  'test               mandoc man-db : mandoc man'                     # the manual pages
+  'test               zsh : zsh'                                      # completion
+  'test               python3-jsonschema :'                           # the JSON of qnmctl
+  'test               python3-pyte :'                                 # ... and its full screen
+  'test,package       abigail-tools : abidw abidiff'                  # the library's ABI
+  'test,package       dpkg-dev file lintian : dpkg-shlibdeps lintian' # the Debian packages
+  'analysis           clang clang-tidy : clang++ clang-tidy run-clang-tidy'
+  'analysis           cppcheck lua-check mypy : cppcheck luacheck mypy'
+  'bench              libbenchmark-dev :'
+  'bench              gnuplot-nox : gnuplot'
+  'coverage           gcovr : gcov gcovr'
+  'fuzz               clang libclang-rt-dev|libclang-rt-14-dev : clang clang++' # and the sanitizers
+  'trial              mmdebstrap : mmdebstrap'
 )
-commands=(g++ cmake ninja pkg-config nm ip unshare setcap tshark abidw abidiff python3)
 readonly cmake_minimum=3.25
+
+# What the chosen groups need.
+needed=()
+commands=()
+
+# Whether the first word is among the others.
+is_among() {
+  local word
+  for word in "${@:2}"; do
+    [[ $1 == "$word" ]] && return 0
+  done
+  return 1
+}
+
+add_group() {
+  local row groups rest words known=()
+  for row in "${table[@]}"; do
+    IFS=' ' read -r groups rest <<<"$row"
+    IFS=, read -r -a words <<<"$groups"
+    known+=("${words[@]}")
+    is_among "$1" "${words[@]}" || continue
+    read -r -a words <<<"${rest%:*}"
+    needed+=("${words[@]}")
+    read -r -a words <<<"${rest##*:}"
+    commands+=("${words[@]}")
+  done
+  is_among "$1" "${known[@]}" ||
+    die "unknown group '$1'; there are: $(printf '%s\n' "${known[@]}" | sort -u | paste -sd ' ')"
+}
 
 is_installed() {
   [[ $(dpkg-query --show --showformat='${db:Status-Status}' "$1" 2>/dev/null) == installed ]]
 }
 
-# Prints the packages that are not there, one a line.
+# Prints the packages that are not there, one a line. More than one group can have named one.
 list_missing() {
   local choice package
   for choice in "${needed[@]}"; do
@@ -49,7 +93,7 @@ list_missing() {
       is_installed "$package" && continue 2
     done
     echo "${choice%%|*}"
-  done
+  done | sort -u
 }
 
 # Runs a command as root; the caller has made sure that there is a way.
@@ -85,44 +129,19 @@ check_commands() {
     command -v "$command" >/dev/null ||
       die "'$command' is not found in PATH ($PATH), although its package is installed."
   done
+  is_among cmake "${commands[@]}" || return 0
   version=$(cmake --version | sed -n '1s/[^0-9]*\([0-9.]*\).*/\1/p')
   printf '%s\n' "$cmake_minimum" "$version" | sort --check=quiet --version-sort ||
     die "$(command -v cmake) is version $version, but at least $cmake_minimum is needed."
 }
 
-# Adds what an option asks for.
-add_option() {
-  case $1 in
-    --with-analysis)
-      needed+=(clang clang-tidy cppcheck lua-check mypy)
-      commands+=(clang++ clang-tidy run-clang-tidy cppcheck luacheck mypy)
-      ;;
-    --with-bench)
-      needed+=(libbenchmark-dev gnuplot-nox) # timing, plotting
-      commands+=(gnuplot)
-      ;;
-    --with-coverage)
-      needed+=(gcovr)
-      commands+=(gcov gcovr)
-      ;;
-    --with-fuzz)
-      needed+=(clang 'libclang-rt-dev|libclang-rt-14-dev') # libFuzzer, the sanitizers
-      commands+=(clang clang++)
-      ;;
-    --with-trial)
-      needed+=(mmdebstrap)
-      commands+=(mmdebstrap)
-      ;;
-    *)
-      die "unknown option '$1'"
-      ;;
-  esac
-}
-
 main() {
-  local missing option
-  for option in "$@"; do
-    add_option "$option"
+  local group missing
+  if (($# == 0)); then
+    set -- build demo test
+  fi
+  for group in "$@"; do
+    add_group "$group"
   done
   if [[ ${QNM_SKIP_DEPS:-0} != 1 ]]; then
     mapfile -t missing < <(list_missing)

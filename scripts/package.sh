@@ -23,7 +23,7 @@ make_packages() {
 }
 
 main() {
-  "$root/scripts/install-deps.sh"
+  "$root/scripts/install-deps.sh" build package
   build_preset package
   make_packages
   lintian --allow-root --fail-on error "$packages"/*.deb

@@ -24,7 +24,7 @@ set -euo pipefail
 main() {
   local minutes=${1:-60}
   [[ $minutes =~ ^[1-9][0-9]{0,4}$ ]] || die "usage: soak.sh [MINUTES]"
-  "$root/scripts/install-deps.sh"
+  "$root/scripts/install-deps.sh" build test
   build_preset release qnm-soak
   # What malloc() keeps for a thread's next call would count as in use.
   export GLIBC_TUNABLES=glibc.malloc.tcache_count=0

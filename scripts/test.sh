@@ -35,7 +35,7 @@ main() {
   if ((${#presets[@]} == 0)); then
     presets=(release)
   fi
-  "$root/scripts/install-deps.sh"
+  "$root/scripts/install-deps.sh" build test
   for preset in "${presets[@]}"; do
     test_preset "$preset"
   done
