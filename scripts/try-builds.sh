@@ -272,7 +272,7 @@ main() {
     chosen+=("$row")
   done
   (($# > 0)) || chosen=("${rows[@]}")
-  "$root/scripts/install-deps.sh" --with-analysis
+  "$root/scripts/install-deps.sh" build demo test analysis
 
   scratch=$(mktemp -d "${TMPDIR:-/tmp}/qnm-builds.XXXXXX")
   trap 'rm -rf "$scratch"' EXIT
