@@ -1,0 +1,54 @@
+#!/usr/bin/env bash
+# Configures where things are missing: all of them are named, with the option that does without, and
+# whoever takes that option is not asked for them. Nothing has to be compiled for that.
+set -euo pipefail
+# shellcheck source=test/install/common.sh
+. "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+
+# Puts links to the modules of pkg-config that the library needs, and what those need, into a folder.
+copy_modules() {
+  local name file
+  mkdir "$work/modules"
+  for name in libpcap liblog4cxx $(pkg-config --print-requires --print-requires-private libpcap \
+    liblog4cxx | sed 's/ .*//'); do
+    file=$(pkg-config --variable=pcfiledir "$name")/$name.pc
+    ln -sf "$file" "$work/modules"
+  done
+}
+
+# configure OPTION...: with the library's modules only, and without some packages.
+configure() {
+  rm -rf "$work/build"
+  PKG_CONFIG_LIBDIR=$work/modules cmake -G Ninja -S "$source" -B "$work/build" \
+    -DCMAKE_DISABLE_FIND_PACKAGE_CLI11=ON -DCMAKE_DISABLE_FIND_PACKAGE_GTest=ON \
+    -DCMAKE_DISABLE_FIND_PACKAGE_Python3=ON "$@" >"$work/told" 2>&1
+}
+
+# expect_missing LINE: it is told of a part.
+expect_missing() {
+  grep -qxF "    $1" "$work/told" || fail "not told: $1; but: $(<"$work/told")"
+}
+
+check_all_is_named() {
+  ! configure || fail "nothing is missed"
+  expect_missing "for the tools: libcli11-dev libtomlplusplus-dev libncurses-dev libarchive-dev;\
+ -DQNM_BUILD_TOOLS=OFF does without"
+  expect_missing "for the Python module: python3; -DQNM_BUILD_PYTHON=OFF does without"
+  expect_missing "for the tests: libgtest-dev libgmock-dev; -DBUILD_TESTING=OFF does without"
+  ! grep -q 'for the library' "$work/told" || fail "the library lacks: $(<"$work/told")"
+}
+
+check_library_alone() {
+  configure -DBUILD_TESTING=OFF -DQNM_BUILD_TOOLS=OFF -DQNM_BUILD_PYTHON=OFF -DQNM_BUILD_DOCS=OFF ||
+    fail "the library alone needs more: $(<"$work/told")"
+}
+
+main() {
+  need cmake ninja pkg-config
+  copy_modules
+  check_all_is_named
+  check_library_alone
+  echo "passed"
+}
+
+main
