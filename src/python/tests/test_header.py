@@ -2,6 +2,7 @@
 
 import ctypes
 import enum
+import inspect
 import os
 import pathlib
 import re
@@ -157,12 +158,13 @@ class Calls(unittest.TestCase):
         classes = [value for name in qnm.__all__ if isinstance(value := getattr(qnm, name), type)]
         self.assertGreater(len(classes), 20)
         for described in classes:
-            text = vars(described)["__doc__"]  # its own
+            text = vars(described)["__doc__"]  # its own, which Python 3.13 has without indentation
             self.assertTrue(text, described)
+            text = inspect.cleandoc(text)
             fields = vars(described).get("__annotations__", {})
             for member in (*fields, *getattr(described, "__members__", {})):
                 if "_pad" not in member:
-                    self.assertRegex(text, rf"(?m)^    {member}  +\w", described)
+                    self.assertRegex(text, rf"(?m)^{member}  +\w", described)
 
 
 if __name__ == "__main__":
