@@ -47,6 +47,7 @@ std::stringstream printed(const capture& taken, const words& options) {
     const scratch_directory own;
     const std::string file = own.path() / "capture.pcap";
     taken.write(file);
+    share(file);
     words arguments = {"-r", file, "-n"};
     arguments.insert(arguments.end(), options.begin(), options.end());
     return std::stringstream(tshark::run(arguments));

@@ -1,6 +1,8 @@
 // Runs tshark and takes its tables apart.
 #include "tshark.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <cctype>
@@ -12,10 +14,18 @@
 
 namespace fs = std::filesystem;
 
+void share(const fs::path& made) {
+    const auto read = fs::perms::group_read | fs::perms::others_read;
+    const auto enter = fs::perms::group_exec | fs::perms::others_exec;
+    const bool is_directory = fs::is_directory(made);
+    fs::permissions(made, is_directory ? read | enter : read, fs::perm_options::add);
+}
+
 scratch_directory::scratch_directory() {
     std::string name = (fs::temp_directory_path() / "wireshark-test-XXXXXX").string();
     if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("cannot make " + name);
     path_ = name;
+    share(path_);
 }
 
 scratch_directory::~scratch_directory() {
@@ -84,6 +94,18 @@ row to_row(const std::string& line, const words& columns) {
     return made;
 }
 
+// Wireshark 4.2 and later keep root from plugins that are not installed for all, without a word. So
+// for root tshark is run by another user, where there is one to be had.
+const std::string& as_user() {
+    static const std::string prefix = [] {
+        const std::string change = "setpriv --reuid=65534 --regid=65534 --clear-groups ";
+        const bool can_change =
+            geteuid() == 0 && std::system((change + "true 2>/dev/null").c_str()) == 0;
+        return can_change ? change : std::string();
+    }();
+    return prefix;
+}
+
 }  // namespace
 
 std::string number(std::uint64_t value) {
@@ -121,13 +143,16 @@ std::string duration(std::uint64_t nanoseconds) {
 
 std::string run(const words& arguments) {
     const scratch_directory own;
-    fs::create_directory(own.path() / "plugins");
-    fs::copy_file(QUILLNET_LUA, own.path() / "plugins" / "quillnet.lua");
+    const fs::path plugins = own.path() / "plugins";
+    fs::create_directory(plugins);
+    fs::copy_file(QUILLNET_LUA, plugins / "quillnet.lua");
+    share(plugins);
+    share(plugins / "quillnet.lua");
     const std::string said = (own.path() / "said").string();
     std::string command;
     for (const char* const name : {"HOME", "WIRESHARK_CONFIG_DIR", "WIRESHARK_PLUGIN_DIR"})
         command += std::string(name) + "=" + in_quotes(own.path()) + " ";
-    command += "tshark";
+    command += as_user() + "tshark";
     for (const std::string& argument : arguments)
         command += " " + in_quotes(argument);
     command += " 2>" + in_quotes(said);
@@ -149,6 +174,7 @@ const words& names() {
             if (cells.size() > 2 && cells[0] == "F" && cells[2].starts_with(k_prefix))
                 found.push_back(cells[2].substr(sizeof k_prefix - 1));
         }
+        if (found.empty()) throw std::runtime_error("tshark has not loaded the dissector");
         std::sort(found.begin(), found.end());
         found.erase(std::unique(found.begin(), found.end()), found.end());
         return found;
@@ -160,6 +186,7 @@ std::vector<row> read(const capture& taken, const words& options) {
     const scratch_directory own;
     const std::string file = (own.path() / "capture.pcap").string();
     taken.write(file);
+    share(file);
     words arguments = {"-r", file, "-n", "-T", "fields", "-E", std::string("aggregator=|")};
     arguments.insert(arguments.end(), options.begin(), options.end());
     words columns = names();

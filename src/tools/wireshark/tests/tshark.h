@@ -12,7 +12,10 @@
 
 #include "capture.h"
 
-// An empty directory, removed with all that has come into it.
+// Lets every user read what was made, as tshark may be run by another one than the test.
+void share(const std::filesystem::path& made);
+
+// An empty directory, which all may read, removed with all that has come into it.
 class scratch_directory {
   public:
     scratch_directory();
