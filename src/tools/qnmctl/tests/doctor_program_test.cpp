@@ -114,7 +114,7 @@ TEST_F(DoctorProgram, NamesTheKeyThatIsMeant) {
     for (const json& one : records) {
         if (one.at("record") != "finding" || one.at("severity") != "error") continue;
         EXPECT_EQ("config_line", one.at("check"));
-        EXPECT_EQ(config.string(), one.at("about"));
+        EXPECT_EQ(config.string(), one.at("about").get<std::string>());
         EXPECT_TRUE(one.at("line") == 3 || one.at("line") == 4);
     }
     EXPECT_EQ(2, records.back().at("errors"));
