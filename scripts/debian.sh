@@ -3,6 +3,11 @@
 # machine has its own; nothing of this machine is in it but what is copied in. Not a program.
 # shellcheck shell=bash
 
+: "${root:?has to name the top of the source tree}"
+
+# The releases that it runs on.
+readonly releases=(bookworm trixie)
+
 # The folder for everything that is made. It goes with the script.
 work=
 
@@ -30,6 +35,10 @@ prepare_debian() {
 own_release() {
   # shellcheck source=/dev/null
   (. /etc/os-release && echo "$VERSION_CODENAME")
+}
+
+is_release() {
+  [[ " ${releases[*]} " == *" $1 "* ]]
 }
 
 # Where this machine has its Debian from, as lines for sources.list; for another release, its suites.

@@ -165,6 +165,9 @@ follow_commands() {
 
   follow_command qnmctl decode capture.pcapng
   (($(wc -l <"$work/last") == 20)) || fail "not 20 frames: $(<"$work/last")"
+  # Of the package, the dissector is there for root as well.
+  follow_command tshark -n -r capture.pcapng -Y quillnet
+  grep -q 'Quillnet' "$work/last" || fail "tshark has no dissector: $(<"$work/last")"
   follow_command qnmctl --dir /opt/tarvo/qnm list -o json
   python3 -m json.tool "$work/last" >/dev/null || fail "this is no JSON: $(<"$work/last")"
   follow_command qnmctl completion bash
