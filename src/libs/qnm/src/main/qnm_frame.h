@@ -7,14 +7,18 @@
 // Every structure is made of bytes only, so it has no padding, needs no alignment and can be laid
 // over a received frame once its length has been checked. Multi-byte fields are read and written
 // through qnm::be16 and its kin (network byte order) or qnm::host16 and its kin (as they lie on the
-// wire, in the host's own order).
+// wire, in the host's own order, which has to be that of the cards).
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 
 namespace qnm {
+
+static_assert(std::endian::native == std::endian::little,
+              "cards send their registers with the little end first");
 
 constexpr uint16_t k_vlan_tpid = 0x8100;
 constexpr uint8_t k_priority_mask = 0xE0;
