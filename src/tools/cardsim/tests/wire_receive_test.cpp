@@ -172,6 +172,25 @@ TEST(Receive, EveryLengthIsSurvived) {
     }
 }
 
+// That many bytes behind an address that suits every type; a careless read of a number shows to
+// UndefinedBehaviorSanitizer, and in a value that is not the same.
+TEST_P(InBothArrangements, IsReadAlikeAtAnyAddress) {
+    frame_bytes mms_message = {0x92, 0xFF, 0xFF, 0x00, 0x00, 0x00, 0xDE, 0xAD, 0xBE, 0xEF};
+    mms_message.resize(mms_message.size() + 128, 0x5A);
+    for (const frame_bytes& message :
+         {read_message, write_message, vlan_message, reset_message, mms_message}) {
+        const frame_bytes frame = frame_of(GetParam(), message);
+        const std::string expected = describe(decoded(frame));
+        for (std::size_t offset = 0; offset < 16; ++offset) {
+            frame_bytes block(offset);
+            block.insert(block.end(), frame.begin(), frame.end());
+            const auto received = decode(std::span(block).subspan(offset));
+            ASSERT_TRUE(received) << offset;
+            EXPECT_EQ(describe(*received), expected) << offset;
+        }
+    }
+}
+
 TEST(Receive, DescriptionNamesTheMessageAndItsFault) {
     frame_bytes frame = frame_of(arrangement::change, read_message);
     EXPECT_EQ(describe(decoded(frame)),

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <map>
 #include <stdexcept>
 
@@ -24,6 +25,8 @@ struct registry_t {
     std::vector<open_call> open_calls;
     std::vector<std::string> close_calls;
 };
+
+std::atomic<std::size_t> g_frame_offset = 0;
 
 registry_t& registry() {
     static registry_t the_registry;
@@ -76,8 +79,10 @@ std::unique_ptr<captured_t> capture(const arrival_t& arrival, int snaplen) {
     gettimeofday(&captured->header.ts, nullptr);
     captured->header.caplen = static_cast<bpf_u_int32>(caplen);
     captured->header.len = arrival.wire_len;
-    captured->data.reset(new u_char[caplen]);
-    std::copy_n(arrival.frame.begin(), caplen, captured->data.get());
+    const std::size_t offset = g_frame_offset;
+    captured->block.reset(new u_char[offset + caplen]);
+    std::copy_n(arrival.frame.begin(), caplen, captured->block.get() + offset);
+    captured->data = captured->block.get() + offset;
     return captured;
 }
 
@@ -140,6 +145,11 @@ void reset() {
     reg.ports.clear();
     reg.open_calls.clear();
     reg.close_calls.clear();
+    g_frame_offset = 0;
+}
+
+void set_frame_offset(std::size_t offset) {
+    g_frame_offset = offset;
 }
 
 void push_frame(const std::string& name, std::span<const std::uint8_t> frame,
@@ -311,7 +321,7 @@ int pcap_next_ex(pcap_t* p, struct pcap_pkthdr** header, const u_char** data) {
     if (arrival.result != 1) return arrival.result;
     p->current = fake_pcap::capture(arrival, p->snaplen);
     *header = &p->current->header;
-    *data = p->current->data.get();
+    *data = p->current->data;
     return 1;
 }
 

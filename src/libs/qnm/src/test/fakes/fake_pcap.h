@@ -15,9 +15,10 @@
 // an open without a name, an empty buffer to send. Misuse by the test itself (an interface that
 // is not open) throws std::logic_error.
 //
-// A received frame lies in a heap block of exactly the captured length, which is freed by the next
+// A received frame lies at the end of a heap block of its own, which is freed by the next
 // pcap_next_ex on that handle, so that AddressSanitizer sees every read that is too long or too
-// late.
+// late. It begins where the block does, at an address that suits every type, unless a test says
+// otherwise.
 //
 // All functions may be called from any thread, except reset(), which needs all handles idle.
 #pragma once
@@ -56,6 +57,9 @@ void push_frame(const std::string& name, std::span<const std::uint8_t> frame,
 
 // Queues a result of pcap_next_ex without a frame: 0 (time-out), -1 (error), -2 (end) and so on.
 void push_result(const std::string& name, int result);
+
+// Every frame begins so many bytes behind such an address from the next pcap_next_ex on.
+void set_frame_offset(std::size_t offset);
 
 // Frames and results that have not been taken yet.
 std::size_t queued(const std::string& name);

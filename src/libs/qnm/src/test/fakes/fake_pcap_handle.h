@@ -44,10 +44,11 @@ struct arrival_t {
     std::uint32_t wire_len;
 };
 
-// Exactly as large as what was captured, in a heap block of its own.
+// What was captured ends where its heap block does.
 struct captured_t {
     struct pcap_pkthdr header;
-    std::unique_ptr<u_char[]> data;
+    std::unique_ptr<u_char[]> block;
+    const u_char* data;
 };
 
 enum class handle_state { created, open, closed };
