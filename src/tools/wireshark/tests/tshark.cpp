@@ -76,7 +76,10 @@ words split(const std::string& text, char at) {
     return parts;
 }
 
+// Wireshark 4.4 has words for the two values of a flag.
 std::string to_decimal(const std::string& value) {
+    if (value == "True") return "1";
+    if (value == "False") return "0";
     if (!value.starts_with("0x") || value.find_first_of(" (,") != std::string::npos) return value;
     return std::to_string(std::stoull(value, nullptr, 16));
 }
