@@ -18,7 +18,7 @@ list(REMOVE_DUPLICATES called)
 list(REMOVE_ITEM called ${defined})
 # C++, what the compiler calls by itself, and the sanitizers.
 list(FILTER called EXCLUDE REGEX
-    "^(_Z|_U|_ITM_|_GLOBAL_OFFSET|__(cxa|gxx|dso|stack_chk|asan|ubsan|tsan|gcov|errno_location|libc_single)|DW\\.)")
+    "^(_Z|_U|_ITM_|_GLOBAL_OFFSET|__(aarch64|cxa|gxx|dso|stack_chk|asan|ubsan|tsan|gcov|errno_location|libc_single)|DW\\.)")
 
 file(STRINGS ${CALLS} rows REGEX "^FAIL_(CALL|ALIAS)\\(")
 list(TRANSFORM rows REPLACE "^FAIL_[A-Z]+\\(([a-z0-9_]+),.*$" "\\1")
