@@ -6,11 +6,15 @@ from dataclasses import dataclass, field
 from pathlib import Path
 
 
+# Used by the header alone.
+OWN_MACROS = {"QNM_ANY_INT", "QNM_PRINTF_FORMAT", "QNM_VERSION_TEXT", "QNM_QUOTED_VERSION"}
+
+
 @dataclass
 class Item:
     """A function or a type with its text. Texts are lists of paragraphs."""
 
-    kind: str  # "function", "struct", "enum" or "typedef"
+    kind: str  # "function", "struct", "enum", "typedef" or "macro"
     name: str
     declaration: list  # its lines, of a type
     line: int  # in the header
@@ -32,7 +36,6 @@ class Header:
     columns: dict  # heading of a column: what it tells
     words: dict  # word of a row: what it means
     rules: list  # that hold for every call
-    macros: list
 
 
 def flat(node):
@@ -93,9 +96,18 @@ def read_function(node):
     return item
 
 
+def read_macro(node):
+    name = node.findtext("name")
+    item = Item("macro", name, [name], int(node.find("location").get("line")), [])
+    read_text(node, item)
+    return item
+
+
 def read_member(node, lines):
-    return read_function(node) if node.get("kind") == "function" else read_type(
-        node, node.get("kind"), lines)
+    kind = node.get("kind")
+    if kind == "function":
+        return read_function(node)
+    return read_macro(node) if kind == "define" else read_type(node, kind, lines)
 
 
 def add_group(groups, name, item):
@@ -122,7 +134,7 @@ def read_groups(compounds):
 
 
 def read_items(compounds, lines):
-    """Every function and type once, a name with a typedef under the name of that."""
+    """Every function, type and macro once, a name with a typedef under the name of that."""
     groups = read_groups(compounds)
     items = {}
     for node in compounds:
@@ -130,7 +142,7 @@ def read_items(compounds, lines):
             items[node.get("id")] = read_type(node, "struct", lines)
     for node in sorted(compounds, key=lambda one: one.get("kind") != "group"):
         for member in node.findall("sectiondef/memberdef"):
-            if node.get("kind") == "struct" or member.get("kind") == "define":
+            if node.get("kind") == "struct" or member.findtext("name") in OWN_MACROS:
                 continue
             if member.get("id") in items:
                 continue
@@ -231,6 +243,4 @@ def read(xml_folder, path):
     items = join_aliases(name_types(read_items(compounds, lines)))
     set_sections(items, lines)
     promises, columns, words = read_promises(comment)
-    macros = [node.findtext("name") for root in roots for node in root.iter("memberdef")
-              if node.get("kind") == "define"]
-    return Header(items, promises, columns, words, read_rules(comment), macros)
+    return Header(items, promises, columns, words, read_rules(comment))

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Writes the manual pages of section 3, one for each call and type of the public header, and the
-overview qnm(7). A text that is missing in the header ends it with a line that names it.
+"""Writes the manual pages of section 3, one for each call, type and macro of the public header,
+and the overview qnm(7). A text that is missing in the header ends it with a line that names it.
 
 usage: make_pages.py --xml FOLDER --header FILE --overview TEMPLATE --version V --date D --to FOLDER
 """
@@ -16,8 +16,6 @@ import roff
 
 LIBRARY = "Manager library for Quillnet adapter cards"
 LINE = 76  # columns that a declaration may take
-# Used by the header alone.
-OWN_MACROS = {"QNM_ANY_INT", "QNM_PRINTF_FORMAT"}
 
 
 # ---- What is missing ----------------------------------------------------------------------------
@@ -64,8 +62,6 @@ def missing(told):
                     yield f"{function.name}: has no row in the table of promises"
             for line in missing_in_function(item):
                 yield f"{item.name}: {line}"
-    for name in set(told.macros) - OWN_MACROS:
-        yield f"{name}: a macro gets no page"
 
 
 # ---- Texts --------------------------------------------------------------------------------------

@@ -124,6 +124,21 @@ extern "C" {
 #define QNM_PRINTF_FORMAT
 #endif
 
+/* ---- Version --------------------------------------------------------------------------------- */
+
+/**
+ * The version of the header as a text, such as "1.0.0"; its three numbers are for the preprocessor.
+ * What is added to the interface comes with the next minor version. A program runs with every
+ * library of the same major version that is not older than the header.
+ */
+#define QNM_VERSION QNM_VERSION_TEXT(QNM_VERSION_MAJOR, QNM_VERSION_MINOR, QNM_VERSION_PATCH)
+#define QNM_VERSION_MAJOR 1 /**< as QNM_VERSION */
+#define QNM_VERSION_MINOR 0 /**< as QNM_VERSION */
+#define QNM_VERSION_PATCH 0 /**< as QNM_VERSION */
+
+#define QNM_VERSION_TEXT(major, minor, patch) QNM_QUOTED_VERSION(major, minor, patch)
+#define QNM_QUOTED_VERSION(major, minor, patch) #major "." #minor "." #patch
+
 /* ---- Result codes ---------------------------------------------------------------------------- */
 
 /** Result of every public call that can fail. */

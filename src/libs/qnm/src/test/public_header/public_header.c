@@ -3,6 +3,7 @@
  * on, and every function can be linked.
  */
 #include <stdio.h>
+#include <string.h>
 
 #include "qnm.h"
 
@@ -80,8 +81,19 @@ static const int k_values[][2] = {
     {(int)sizeof(qnm_retry_t), 8},
 };
 
+/* The text is that of the numbers, and what packages, soname and documents are called by. */
+static int check_version(void) {
+    char numbers[32];
+    snprintf(numbers, sizeof numbers, "%d.%d.%d", QNM_VERSION_MAJOR, QNM_VERSION_MINOR,
+             QNM_VERSION_PATCH);
+    if (strcmp(QNM_VERSION, numbers) == 0 && strcmp(QNM_VERSION, PACKAGED_VERSION) == 0) return 0;
+    printf("QNM_VERSION is %s, its numbers are %s, packages have %s\n", QNM_VERSION, numbers,
+           PACKAGED_VERSION);
+    return 1;
+}
+
 int main(void) {
-    int failures = 0;
+    int failures = check_version();
     size_t i;
     for (i = 0; i < sizeof k_values / sizeof k_values[0]; i++) {
         if (k_values[i][0] != k_values[i][1]) {

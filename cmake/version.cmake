@@ -1,0 +1,15 @@
+# version.cmake - the version, which stands in the public header, as host programs see it. Everything
+# else takes it from project().
+set(header ${CMAKE_CURRENT_LIST_DIR}/../src/libs/qnm/src/main/qnm.h)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${header})
+
+set(qnm_version "")
+foreach(part IN ITEMS MAJOR MINOR PATCH)
+    file(STRINGS ${header} line REGEX "^#define QNM_VERSION_${part} ")
+    if(NOT line MATCHES "^#define QNM_VERSION_${part} ([0-9]+)( |$)")
+        message(FATAL_ERROR "qnm.h does not say the version: there should be one line "
+            "\"#define QNM_VERSION_${part} NUMBER\", and there is \"${line}\"")
+    endif()
+    list(APPEND qnm_version ${CMAKE_MATCH_1})
+endforeach()
+list(JOIN qnm_version "." qnm_version)
