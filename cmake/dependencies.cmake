@@ -62,10 +62,10 @@ endif()
 if(qnm_missing)
     set(text "Not all was found that is needed. Missing are, by their names on Debian:\n")
     foreach(part IN ITEMS
-            "library|library|" "tools|tools|QNM_BUILD_TOOLS" "python|Python module|QNM_BUILD_PYTHON"
-            "docs|manual pages|QNM_BUILD_DOCS" "tests|tests|BUILD_TESTING"
-            "benchmarks|benchmarks|QNM_BUILD_BENCH")
-        string(REGEX MATCH "^(.*)\\|(.*)\\|(.*)$" part "${part}")
+            "library|library||build" "tools|tools|QNM_BUILD_TOOLS|build"
+            "python|Python module|QNM_BUILD_PYTHON|build" "docs|manual pages|QNM_BUILD_DOCS|docs"
+            "tests|tests|BUILD_TESTING|test" "benchmarks|benchmarks|QNM_BUILD_BENCH|bench")
+        string(REGEX MATCH "^(.*)\\|(.*)\\|(.*)\\|(.*)$" part "${part}")
         if(qnm_missing_${CMAKE_MATCH_1})
             list(JOIN qnm_missing_${CMAKE_MATCH_1} " " packages)
             string(APPEND text "  for the ${CMAKE_MATCH_2}: ${packages}")
@@ -73,7 +73,10 @@ if(qnm_missing)
                 string(APPEND text "; -D${CMAKE_MATCH_3}=OFF does without")
             endif()
             string(APPEND text "\n")
+            list(APPEND groups ${CMAKE_MATCH_4})
         endif()
     endforeach()
-    message(FATAL_ERROR "${text}On Debian, scripts/install-deps.sh installs all of it.")
+    list(REMOVE_DUPLICATES groups)
+    list(JOIN groups " " groups)
+    message(FATAL_ERROR "${text}On Debian, this installs it: scripts/install-deps.sh ${groups}")
 endif()

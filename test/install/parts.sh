@@ -35,6 +35,8 @@ check_all_is_named() {
  -DQNM_BUILD_TOOLS=OFF does without"
   expect_missing "for the Python module: python3; -DQNM_BUILD_PYTHON=OFF does without"
   expect_missing "for the tests: libgtest-dev libgmock-dev; -DBUILD_TESTING=OFF does without"
+  grep -qE 'scripts/install-deps\.sh build( docs)? test$' "$work/told" ||
+    fail "no way to install it is told: $(<"$work/told")"
   ! grep -q 'for the library' "$work/told" || fail "the library lacks: $(<"$work/told")"
 }
 
