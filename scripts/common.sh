@@ -40,11 +40,13 @@ build_preset() {
   )
 }
 
-# copy_sources FOLDER: what a fresh clone would have, with what is changed but not yet committed.
+# copy_sources FOLDER: what a fresh clone would have, with what is changed but not yet committed. Root
+# may take what belongs to somebody else.
 copy_sources() {
+  local git=(git -c "safe.directory=$root" -C "$root")
   mkdir -p "$1"
-  if [[ -e $root/.git ]]; then
-    git -C "$root" ls-files -z --cached --others --exclude-standard |
+  if [[ -e $root/.git ]] && "${git[@]}" rev-parse 2>/dev/null; then
+    "${git[@]}" ls-files -z --cached --others --exclude-standard |
       tar -C "$root" --null --files-from=- --ignore-failed-read -c
   else
     tar -C "$root" --exclude=./build -c .

@@ -11,6 +11,9 @@ readonly releases=(bookworm trixie)
 # The folder for everything that is made. It goes with the script.
 work=
 
+# The process that is waited for.
+busy=
+
 skip() {
   echo "SKIPPED: $*"
   exit 77
@@ -18,6 +21,10 @@ skip() {
 
 # Removes what was made, and never through a mount that a kill left in it.
 clear_work() {
+  if [[ -n $busy ]]; then
+    kill -KILL "$busy" 2>/dev/null || true
+    wait "$busy" 2>/dev/null || true
+  fi
   rm -rf --one-file-system "$work"
 }
 
@@ -29,6 +36,8 @@ prepare_debian() {
   work=$(mktemp -d "${TMPDIR:-/tmp}/qnm-debian.XXXXXX")
   chmod 755 "$work"
   trap clear_work EXIT
+  trap 'exit 130' INT
+  trap 'exit 143' TERM HUP
 }
 
 # The name of the release that this machine runs, such as bookworm.
@@ -48,13 +57,27 @@ list_sources() {
     'Identifier: Packages' 'Origin: Debian' | sed "s/ $(own_release)/ $1/" | sort -u
 }
 
+# Runs a command, awake to signals: when this script ends, by whatever, the command and all that it
+# has started end before.
+await() {
+  local status=0
+  setpriv --pdeathsig KILL "$@" &
+  busy=$!
+  wait "$busy" || status=$?
+  busy=
+  return "$status"
+}
+
 # make_debian RELEASE FOLDER PACKAGE,... [OPTION...]: the rest is for mmdebstrap. mount is in every
 # installed system.
 make_debian() {
   local release=$1 folder=$2 packages=$3
-  list_sources "$release" | unshare --mount mmdebstrap --mode=root --variant=apt --quiet \
-    --include="mount,$packages" --aptopt='Acquire::Languages "none"' --dpkgopt=force-unsafe-io \
-    "${@:4}" "$release" "$folder" - || die "no Debian could be made; the lines above tell why."
+  list_sources "$release" >"$work/sources"
+  [[ -s $work/sources ]] ||
+    die "this machine does not know where Debian is to be had; apt-get update has to run first."
+  await unshare --mount --pid --fork --kill-child --mount-proc mmdebstrap --mode=root \
+    --variant=apt --quiet --include="mount,$packages" --aptopt='Acquire::Languages "none"' \
+    --dpkgopt=force-unsafe-io "${@:4}" "$release" "$folder" "$work/sources" || die "no Debian could be made; the lines above tell why."
   # What apt is to install later comes by this machine's network.
   cp --remove-destination /etc/resolv.conf "$folder/etc/resolv.conf"
 }
@@ -70,7 +93,7 @@ in_debian() {
     shift
   done
   # shellcheck disable=SC2016 # for the shell inside
-  env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LANG=C.UTF-8 TERM=dumb \
+  await env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LANG=C.UTF-8 TERM=dumb \
     DEBIAN_FRONTEND=noninteractive \
     unshare --mount --pid --fork --kill-child "${options[@]}" sh -ec '
       mount --bind "$0" "$0"

@@ -80,7 +80,7 @@ print_system() {
 
 # usage: count PATTERN     among what was seen
 count() {
-  grep --count --extended-regexp "$1" "$work/seen" || true
+  grep --count --extended-regexp "$1" "$work/debian/trial/seen" || true
 }
 
 print_summary() {
@@ -108,7 +108,8 @@ main() {
   begun=$SECONDS
   install_packages
   print_system >"$work/system"
-  in_debian "$work/debian" --net -- /trial/test/install/trial.sh | tee "$work/seen"
+  in_debian "$work/debian" --net -- \
+    bash -o pipefail -c '/trial/test/install/trial.sh | tee /trial/seen'
   print_summary "$((SECONDS - begun))"
 }
 
