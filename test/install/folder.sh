@@ -50,14 +50,15 @@ check_components() {
   expect_in doc usr/share/doc/qnm/README.md usr/share/doc/qnm/docs/examples/host.c
 }
 
-# Below another prefix, everything but the configuration moves with it, and is found there.
+# Below another prefix, also one with a blank, everything but the configuration moves with it, and is
+# found there.
 check_prefix() {
   local strayed flags
-  DESTDIR=$work/moved quietly cmake --install "$build" --prefix /srv/qnm
-  strayed=$(list_files "$work/moved" | grep -v -e '^\./srv/qnm/' -e '^\./opt/tarvo/qnm/conf/') &&
+  DESTDIR=$work/moved quietly cmake --install "$build" --prefix '/srv/my qnm'
+  strayed=$(list_files "$work/moved" | grep -v -e '^\./srv/my qnm/' -e '^\./opt/tarvo/qnm/conf/') &&
     fail "outside of the prefix: $strayed"
-  flags=$(PKG_CONFIG_LIBDIR=$work/moved/srv/qnm/$libdir/pkgconfig pkg-config --cflags --libs qnm)
-  [[ $flags =~ ^"-I/srv/qnm/include -L/srv/qnm/$libdir -lqnm"\ ?$ ]] ||
+  flags=$(PKG_CONFIG_LIBDIR="$work/moved/srv/my qnm/$libdir/pkgconfig" pkg-config --cflags --libs qnm)
+  [[ $flags =~ ^"-I/srv/my\\ qnm/include -L/srv/my\\ qnm/$libdir -lqnm"\ ?$ ]] ||
     fail "below another prefix, pkg-config says: $flags"
 }
 
