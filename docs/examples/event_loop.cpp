@@ -199,9 +199,8 @@ int watch(const std::string& dir) {
     run_loop(changes, host, signals);
     const qnm_api_code_t result = host.stop();
     if (result == QNM_API_SUCCESS) return 0;
-    std::fprintf(stderr,
-                 "event_loop: the manager ended with code %d; the log or a line above tells why\n",
-                 result);
+    std::fprintf(stderr, "event_loop: the manager ended: %s; the log or a line above tells why\n",
+                 qnm_retcode_text(result));
     return 1;
 }
 

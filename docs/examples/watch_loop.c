@@ -110,10 +110,9 @@ static void print_card(uint64_t id) {
 
 /* Prints and frees what was taken; tells whether the manager has ended. */
 static int handle(struct batch taken) {
-    static const char* names[] = {"new", "update", "connection", "error", "path", "channel"};
     for (struct event* event = taken.first; event != NULL; event = taken.first) {
         taken.first = event->next;
-        printf("0x%012" PRIx64 " %s", event->id, names[event->type]);
+        printf("0x%012" PRIx64 " %s", event->id, qnm_event_name(event->type));
         print_card(event->id);
         putchar('\n');
         free(event);
@@ -171,9 +170,8 @@ int main(int argc, char** argv) {
     pthread_join(manager, NULL);
     handle(take(&bridge)); /* what came until the end */
     if (bridge.result != QNM_API_SUCCESS) {
-        fprintf(stderr,
-                "watch_loop: the manager ended with code %d; the log or a line above tells why\n",
-                bridge.result);
+        fprintf(stderr, "watch_loop: the manager ended: %s; the log or a line above tells why\n",
+                qnm_retcode_text(bridge.result));
     }
     close(bridge.raised);
     close(signals);

@@ -28,8 +28,8 @@ struct examples : testing::TestWithParam<example_row> {};
 
 INSTANTIATE_TEST_SUITE_P(host, examples,
                          testing::Values(example_row{"watch_loop_c", WATCH_LOOP_EXAMPLE,
-                                                     "0x020000001000 channel qnsv CDCD",
-                                                     "0x020000001000 channel qnsv DDCD"},
+                                                     "0x020000001000 CHANNELSTATECHANGE qnsv CDCD",
+                                                     "0x020000001000 CHANNELSTATECHANGE qnsv DDCD"},
                                          example_row{"event_loop_cpp", EVENT_LOOP_EXAMPLE,
                                                      "0x020000001000 qnsv vlan 1 CDCD",
                                                      "0x020000001000 qnsv vlan 1 DDCD"}),
@@ -62,7 +62,7 @@ TEST_P(examples, ends_with_a_failure_when_the_manager_cannot_start) {
     const installation install("ether_port = absent0\n");
     program host({GetParam().program, install.path()}, install.path());
     EXPECT_EQ(host.wait(), 1);
-    EXPECT_THAT(host.output(), testing::HasSubstr("the manager ended with code 6"));
+    EXPECT_THAT(host.output(), testing::HasSubstr("the manager ended: protocol or internal error"));
 }
 
 }  // namespace

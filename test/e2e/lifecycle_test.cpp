@@ -185,7 +185,7 @@ TEST(lifecycle, the_examples_show_in_one_line_what_is_wrong_with_the_properties)
 }
 
 TEST(lifecycle, the_host_example_reports_a_card) {
-    expect_first_line(HOST_EXAMPLE, "new 0x020000001000");
+    expect_first_line(HOST_EXAMPLE, "NEWDEVINFO 0x020000001000");
 }
 
 }  // namespace

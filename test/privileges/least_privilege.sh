@@ -151,14 +151,14 @@ check_host() {
   host=$!
   for ((tries = 0; tries < 600 && count < cards_in_scenario; tries++)); do
     sleep 0.1
-    count=$(grep -c '^new 0x' "$work/events") || true
+    count=$(grep -c '^NEWDEVINFO 0x' "$work/events") || true
   done
   echo >&"$orders"
   wait "$host" || status=$?
   ((status == 0)) || fail "the host program ended with $status: $(<"$work/events")"
-  count=$(grep '^new 0x' "$work/events" | sort -u | wc -l) || true
+  count=$(grep '^NEWDEVINFO 0x' "$work/events" | sort -u | wc -l) || true
   ((count == cards_in_scenario)) || fail "not all cards are reported: $(<"$work/events")"
-  ! grep -q 'ended with code' "$work/events" || fail "$(<"$work/events")"
+  ! grep -q 'the manager ended' "$work/events" || fail "$(<"$work/events")"
 }
 
 check_work() {
@@ -185,7 +185,7 @@ check_refusal() {
   status=0
   answer=$("${as_user[@]}" "$work/host" "$work" </dev/null 2>&1) || status=$?
   ((status == 1)) || fail "the host program ended with $status: $answer"
-  expect 'the manager ended with code 6'
+  expect 'the manager ended: protocol or internal error'
   answer=$(<"$work/tmp/qnm.log")
   expect "ERROR .*qnm0: You don't have permission"
 }

@@ -39,12 +39,12 @@ while read -r name; do
   fi
 done <"$exports"
 
-# Constants, types and the macros of the version.
+# Constants, types, inline functions and the macros of the version.
 while read -r name; do
   count=$((count + 1))
   [[ -f $folder/man3/$name.3 ]] || complain "$name: has no page"
-done < <(grep --only-matching --extended-regexp '^ +QNM_[A-Z0-9_]+ = |\bqnm_\w+_t;|\bQNM_VERSION(_[A-Z]+)? ' \
-  "$header" | tr -d ' =;' | sort -u)
+done < <(grep --only-matching --extended-regexp '^ +QNM_[A-Z0-9_]+ = |\bqnm_\w+_t;|\bQNM_VERSION(_[A-Z]+)? |^static inline .*' \
+  "$header" | sed 's/^static .*\b\(qnm_[a-z_]*\)(.*/\1/' | tr -d ' =;' | sort -u)
 
 ((count > 50)) || complain "only $count names were found"
 exit "$failed"

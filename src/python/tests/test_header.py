@@ -79,15 +79,20 @@ def type_of(argument: str) -> str:
     return argument if argument in TYPES else argument.rsplit(" ", 1)[0].strip()
 
 
-def run_probe(body: str) -> dict[str, int]:
-    """Compiles a C program around statements that print names and numbers, and runs it."""
+def run_program(body: str) -> str:
+    """Compiles a C program around statements that print, and runs it."""
     source = f"#include <stdio.h>\n#include <qnm.h>\nint main(void) {{\n{body}\nreturn 0;\n}}\n"
     with tempfile.TemporaryDirectory() as directory:
         program = f"{directory}/probe"
         compiler = [os.environ.get("CC", "cc"), "-std=c99", f"-I{HEADER.parent}", "-xc", "-"]
         subprocess.run([*compiler, "-o", program], input=source, text=True, check=True)
-        output = subprocess.run([program], capture_output=True, text=True, check=True).stdout
-    return {name: int(number) for name, number in (line.split() for line in output.splitlines())}
+        return subprocess.run([program], capture_output=True, text=True, check=True).stdout
+
+
+def run_probe(body: str) -> dict[str, int]:
+    """Likewise around statements that print names and numbers."""
+    lines = run_program(body).splitlines()
+    return {name: int(number) for name, number in (line.split() for line in lines)}
 
 
 def show(name: str, expression: str) -> str:
@@ -137,6 +142,24 @@ class Constants(unittest.TestCase):
             self.assertIn(error.__name__, qnm.__dict__)
             self.assertEqual(str(error("qnm_call")), f"qnm_call: {error.meaning}")
             self.assertIs(_library.error_of("qnm_call", code).code, code)
+
+
+class Texts(unittest.TestCase):
+    """The inline functions of the header have no symbol. The module has what they tell."""
+
+    def test_event_types_are_named_alike(self) -> None:
+        body = "\n".join(f"puts(qnm_event_name({event:d}));" for event in qnm.EventType)
+        self.assertEqual(run_program(body).splitlines(), [event.name for event in qnm.EventType])
+
+    def test_exceptions_mean_what_their_codes_mean(self) -> None:
+        errors = sorted(qnm.Error.__subclasses__(), key=lambda error: error.code)
+        body = "\n".join(f"puts(qnm_retcode_text({error.code:d}));" for error in errors)
+        texts = run_program(body).splitlines()
+        self.assertEqual(texts, [error.meaning.partition(";")[0] for error in errors])
+
+    def test_there_are_no_other_inline_functions(self) -> None:
+        found = re.findall(r"^static inline .*\b(qnm_\w+)\(", declarations(), flags=re.MULTILINE)
+        self.assertEqual(found, ["qnm_retcode_text", "qnm_event_name"])
 
 
 class Calls(unittest.TestCase):

@@ -10,21 +10,12 @@ namespace qnmctl {
 
 namespace {
 
-struct event_words {
-    const char* name;
-    std::optional<aspect> about;  // nothing: every field
+// What an event is about, indexed by qnm_evt_type_t; nothing: every field.
+constexpr std::optional<aspect> abouts[] = {
+    std::nullopt,         std::nullopt,       aspect::connection,
+    aspect::error_vector, aspect::link_fault, aspect::path,
 };
-
-// Indexed by qnm_evt_type_t.
-constexpr event_words events[] = {
-    {"NEWDEVINFO", std::nullopt},
-    {"UPDATEDEVINFO", std::nullopt},
-    {"CONNECTIONCHANGE", aspect::connection},
-    {"MAJORMINORERROR", aspect::error_vector},
-    {"PATHSTATECHANGE", aspect::link_fault},
-    {"CHANNELSTATECHANGE", aspect::path},
-};
-static_assert(std::size(events) == QNM_EVT_MAX);
+static_assert(std::size(abouts) == QNM_EVT_MAX);
 
 std::string full_name(const section& in, const field& of) {
     std::string name = in.name;
@@ -62,10 +53,6 @@ reason reason_of_no_change(watch_facts& facts, const told_card& last_told, const
 
 }  // namespace
 
-const char* event_name(qnm_evt_type_t type) {
-    return events[type].name;
-}
-
 told_change tell(known_cards& known, qnm_evt_type_t type, const card& now) {
     const auto [at, added] = known.last_told.try_emplace(common(now).ecd_id);
     told_card& last_told = at->second[type];
@@ -75,7 +62,7 @@ told_change tell(known_cards& known, qnm_evt_type_t type, const card& now) {
         at->second.fill({now});
         return {.first = true, .changes = {}};
     }
-    told_change told{.changes = compare(last_told.record, now, events[type].about)};
+    told_change told{.changes = compare(last_told.record, now, abouts[type])};
     for (change& one : told.changes)
         one.why = find_reason(known.facts, now, one.before, one.after);
     told.why = told.changes.empty() ? reason_of_no_change(known.facts, last_told, now)
@@ -107,7 +94,7 @@ std::string changes_text(const std::vector<change>& all) {
 }
 
 std::string present_text(qnm_evt_type_t type, const card& now) {
-    const std::optional<aspect> about = events[type].about;
+    const std::optional<aspect> about = abouts[type];
     if (!about) return "nothing further changed";
     std::vector<std::string> parts;
     for (const section& within : sections(now)) {

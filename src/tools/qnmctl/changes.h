@@ -21,9 +21,6 @@ namespace qnmctl {
 // monitoring of a card.
 inline constexpr char monitor_event[] = "MONITOR";
 
-// The name of an event type without its prefix, "NEWDEVINFO".
-const char* event_name(qnm_evt_type_t type);
-
 struct change {
     std::string section_title;
     std::string name;  // "vlan_id", "state.P0M0", "down_port[3].io_mac"

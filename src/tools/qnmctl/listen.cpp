@@ -48,7 +48,7 @@ void tell_event(context& with, const observed& seen) {
     const std::optional<card> before = told_before(with.known, seen.id);
     const told_change told =
         seen.record ? tell(with.known, seen.type, *seen.record) : told_change{};
-    if (!is_wanted(with.filter, event_name(seen.type), seen.id, before, seen.record)) return;
+    if (!is_wanted(with.filter, qnm_event_name(seen.type), seen.id, before, seen.record)) return;
     ++with.told_events;
     if (with.told.is_text()) {
         with.told.text(event_line(seen, told, with.how.coloured) + '\n');

@@ -2,6 +2,7 @@
 #include "options.h"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cmath>
 #include <cstring>
@@ -33,9 +34,14 @@ constexpr const char* message_words[] = {"devinfo",       "notify",    "completi
                                          "register-read", "mms-write", "other"};
 constexpr const char* shell_words[] = {"bash", "zsh"};
 constexpr const char* state_words[] = {"disconnected", "connected"};
-constexpr const char* event_words[] = {"NEWDEVINFO",      "UPDATEDEVINFO",   "CONNECTIONCHANGE",
-                                       "MAJORMINORERROR", "PATHSTATECHANGE", "CHANNELSTATECHANGE",
-                                       monitor_event};
+const auto event_words = [] {
+    std::array<const char*, QNM_EVT_MAX + 1> words{};
+    for (int type = 0; type < QNM_EVT_MAX; ++type) {
+        words.at(type) = qnm_event_name(static_cast<qnm_evt_type_t>(type));
+    }
+    words.back() = monitor_event;
+    return words;
+}();
 
 // Which of them it is; the words of a row have been checked.
 template <class Value>

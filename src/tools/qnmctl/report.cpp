@@ -142,14 +142,14 @@ json section_json(const section& of) {
 }  // namespace
 
 std::string event_line(const observed& seen, const told_change& told, bool coloured) {
-    return line_text(seen.when, event_name(seen.type),
+    return line_text(seen.when, qnm_event_name(seen.type),
                      coloured ? event_colours[seen.type] : nullptr, seen.record, seen.id,
                      event_words(seen, told));
 }
 
 json event_json(const observed& seen, const told_change& told) {
     json object = {{"time", iso_time_text(seen.when)},
-                   {"event", event_name(seen.type)},
+                   {"event", qnm_event_name(seen.type)},
                    {"kind", kind_json(seen.record)},
                    {"id", id_text(seen.id)}};
     if (!seen.record) return object;

@@ -97,7 +97,7 @@ std::string events_text(const top_model& model) {
                        std::to_string(model.events) + " in all";
     if (model.lost_events != 0) text += " (" + std::to_string(model.lost_events) + " lost)";
     if (model.last_event) {
-        text += "; last " + std::string(event_name(model.last_event->type)) + ' ' +
+        text += "; last " + std::string(qnm_event_name(model.last_event->type)) + ' ' +
                 id_text(model.last_event->id);
     }
     return text;
@@ -166,7 +166,7 @@ std::string rate_cell(const top_card& of, wall_time) {
 }
 
 std::string last_event_cell(const top_card& of, wall_time) {
-    return of.last_event ? event_name(*of.last_event) : "";
+    return of.last_event ? qnm_event_name(*of.last_event) : "";
 }
 
 struct card_column {
@@ -238,7 +238,7 @@ std::string activity_text(const top_card& one, wall_time now) {
     std::string text = "  last heard " + silence_text(silent) + (silent ? " ago" : "") + "; " +
                        std::to_string(one.events) + " events, " + per_second_text(one.event_rate) +
                        " a second";
-    if (one.last_event) text += ", last " + std::string(event_name(*one.last_event));
+    if (one.last_event) text += ", last " + std::string(qnm_event_name(*one.last_event));
     return text;
 }
 

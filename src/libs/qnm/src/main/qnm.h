@@ -27,8 +27,8 @@
  *  - Output arguments are written only on success, unless stated.
  *  - Strings and records passed in stay the caller's; the library keeps no pointer to them.
  *  - Signals: no call is cut short by one, and the library's own threads take none. From a signal
- *    handler only qnm_err2retcode() and the comparisons may be called; a handler that is to stop
- *    the manager has a thread call qnm_fini_manager().
+ *    handler only qnm_err2retcode(), qnm_retcode_text(), qnm_event_name() and the comparisons may
+ *    be called; a handler that is to stop the manager has a thread call qnm_fini_manager().
  *  - fork(): the manager stays with the parent and is not disturbed. In the child only the same
  *    functions may be called; qnm_init_manager() returns QNM_API_EBUSY there if the manager of the
  *    parent was running. The child ends by _exit() or by executing a program: exit() may wait for
@@ -48,6 +48,8 @@
  *
  *   call                     manager      in a callback  takes           at a stop  memory
  *   qnm_err2retcode          any          yes            at once         completes  -
+ *   qnm_retcode_text         any          yes            at once         completes  constant
+ *   qnm_event_name           any          yes            at once         completes  constant
  *   qnm_init_manager         not running  refused        until the stop  returns    -
  *   qnm_start_manager        running      yes            at once         completes  -
  *   qnm_fini_manager         any          yes            at once         completes  -
@@ -172,6 +174,41 @@ typedef enum qnm_api_code QNM_ANY_INT {
  * @retval QNM_API_ENOSYS     for 38
  */
 qnm_api_code_t qnm_err2retcode(int err);
+
+/**
+ * Tells a result code in words, as "no answer in time". The function is inline: the library has no
+ * symbol of it.
+ *
+ * @param[in] code  a result code, or any other number
+ * @return the text, never NULL; "unknown result code" for what is none
+ */
+static inline const char* qnm_retcode_text(qnm_api_code_t code) {
+    switch (code) {
+        case QNM_API_SUCCESS:
+            return "success";
+        case QNM_API_EINVAL:
+            return "invalid argument";
+        case QNM_API_ERANGE:
+            return "value out of range, or a list longer than accepted";
+        case QNM_API_ENOENT:
+            return "no such card or entry";
+        case QNM_API_ENOLINK:
+            return "no link to the card";
+        case QNM_API_ENOMEM:
+            return "out of memory";
+        case QNM_API_EPROTO:
+            return "protocol or internal error";
+        case QNM_API_ETIMEDOUT:
+            return "no answer in time";
+        case QNM_API_EBUSY:
+            return "busy";
+        case QNM_API_ENOSYS:
+            return "the manager is not running";
+        case QNM_API_CODE_MAX:
+            break;
+    }
+    return "unknown result code";
+}
 
 /* ---- Manager lifecycle ----------------------------------------------------------------------- */
 
@@ -429,6 +466,33 @@ typedef enum qnm_evt_type QNM_ANY_INT {
     QNM_EVT_CHANNELSTATECHANGE = 5, /**< a path [port][path] was connected or disconnected */
     QNM_EVT_MAX = 6                 /**< number of types; not a type */
 } qnm_evt_type_t;
+
+/**
+ * Names an event type as its constant without QNM_EVT_, as "NEWDEVINFO". The function is inline:
+ * the library has no symbol of it.
+ *
+ * @param[in] type  an event type, or any other number
+ * @return the name, never NULL; "unknown event type" for what is none
+ */
+static inline const char* qnm_event_name(qnm_evt_type_t type) {
+    switch (type) {
+        case QNM_EVT_NEWDEVINFO:
+            return "NEWDEVINFO";
+        case QNM_EVT_UPDATEDEVINFO:
+            return "UPDATEDEVINFO";
+        case QNM_EVT_CONNECTIONCHANGE:
+            return "CONNECTIONCHANGE";
+        case QNM_EVT_MAJORMINORERROR:
+            return "MAJORMINORERROR";
+        case QNM_EVT_PATHSTATECHANGE:
+            return "PATHSTATECHANGE";
+        case QNM_EVT_CHANNELSTATECHANGE:
+            return "CHANNELSTATECHANGE";
+        case QNM_EVT_MAX:
+            break;
+    }
+    return "unknown event type";
+}
 
 /**
  * A function that is told of events. It runs on the library's event thread, one event at a time, in

@@ -19,7 +19,6 @@
 
 #include <cerrno>
 #include <cstddef>
-#include <iterator>
 #include <new>
 
 #include "qnm_api.h"
@@ -96,12 +95,6 @@ live_handles_t live_handles;
 qnm_evt_queue_t qnm_event_queue;
 qnm_event_t event_sig;
 thread_local uint32_t untold_events;
-
-constexpr const char* k_event_names[] = {
-    "QNM_EVT_NEWDEVINFO",      "QNM_EVT_UPDATEDEVINFO",   "QNM_EVT_CONNECTIONCHANGE",
-    "QNM_EVT_MAJORMINORERROR", "QNM_EVT_PATHSTATECHANGE", "QNM_EVT_CHANNELSTATECHANGE",
-};
-static_assert(std::size(k_event_names) == QNM_EVT_MAX);
 
 qnm_cbinfo_t* cbinfo_of(qnm_list* links) {
     return reinterpret_cast<qnm_cbinfo_t*>(links);
@@ -185,8 +178,8 @@ int queue_event(const char* func, qnm_evt_type_t event_type, uint64_t id) {
     if (!push_event(*node)) {
         evt_node_free(node);
         if (_qnm_paced_may_write(QNM_PACED_EVENT_REFUSED, func)) {
-            qnm_log_warn("%s: Too many events are waiting. Drop %s. max=%u, id=0x%.12lx", func,
-                         _qnm_event_name(event_type), qnm::k_events_max, id);
+            qnm_log_warn("%s: Too many events are waiting. Drop QNM_EVT_%s. max=%u, id=0x%.12lx",
+                         func, qnm_event_name(event_type), qnm::k_events_max, id);
         }
         return ENOBUFS;
     }
@@ -347,18 +340,14 @@ int _qnm_add_event(qnm_evt_type_t event_type, uint64_t id) {
     return err == 0 ? 0 : ENOMEM;
 }
 
-const char* _qnm_event_name(qnm_evt_type_t event_type) {
-    return k_event_names[event_type];
-}
-
 void _qnm_raise_event(const char* func, qnm_evt_type_t event_type, uint64_t id) {
     const int err = queue_event(func, event_type, id);
     const auto line = static_cast<qnm_paced_line_t>(QNM_PACED_EVENT_LOST + int{event_type});
     if (err == 0) {
         untold_events++;
     } else if (err == ENOMEM && _qnm_paced_may_write(line, func)) {
-        qnm_log_warn("%s: Failed to _qnm_add_event(%s) id=0x%.12lx", func,
-                     _qnm_event_name(event_type), id);
+        qnm_log_warn("%s: Failed to _qnm_add_event(QNM_EVT_%s) id=0x%.12lx", func,
+                     qnm_event_name(event_type), id);
     }
 }
 

@@ -28,9 +28,6 @@ uint32_t _qnm_untold_events(void);
 // Wakes the event thread for what the calling thread has raised; to be called with no lock held.
 void _qnm_tell_events(void);
 
-// The name of an event type as it stands in qnm.h.
-const char* _qnm_event_name(qnm_evt_type_t event_type);
-
 // Wakes the event thread without an event, for the stop.
 void _qnm_event_cb_wake(void);
 

@@ -153,7 +153,7 @@ void print_events() {
     const qnm::mutex_guard lock(qnm_stats_mutex);
     qnm_statslog("  - Event statistics");
     for (int type = 0; type < QNM_EVT_MAX; type++) {
-        qnm_statslog("    %-26s: %lu", _qnm_event_name(static_cast<qnm_evt_type_t>(type)),
+        qnm_statslog("    QNM_EVT_%-18s: %lu", qnm_event_name(static_cast<qnm_evt_type_t>(type)),
                      qnm_stats.est_evt[type]);
     }
     qnm_statslog(k_blank);

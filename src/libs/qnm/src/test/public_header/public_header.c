@@ -81,6 +81,58 @@ static const int k_values[][2] = {
     {(int)sizeof(qnm_retry_t), 8},
 };
 
+static const struct {
+    int value;
+    const char* text;
+} k_code_texts[] =
+    {
+        {QNM_API_SUCCESS, "success"},
+        {QNM_API_EINVAL, "invalid argument"},
+        {QNM_API_ERANGE, "value out of range, or a list longer than accepted"},
+        {QNM_API_ENOENT, "no such card or entry"},
+        {QNM_API_ENOLINK, "no link to the card"},
+        {QNM_API_ENOMEM, "out of memory"},
+        {QNM_API_EPROTO, "protocol or internal error"},
+        {QNM_API_ETIMEDOUT, "no answer in time"},
+        {QNM_API_EBUSY, "busy"},
+        {QNM_API_ENOSYS, "the manager is not running"},
+        {QNM_API_CODE_MAX, "unknown result code"},
+        {-1, "unknown result code"},
+        {1000, "unknown result code"},
+},
+  k_event_names[] = {
+      {QNM_EVT_NEWDEVINFO, "NEWDEVINFO"},
+      {QNM_EVT_UPDATEDEVINFO, "UPDATEDEVINFO"},
+      {QNM_EVT_CONNECTIONCHANGE, "CONNECTIONCHANGE"},
+      {QNM_EVT_MAJORMINORERROR, "MAJORMINORERROR"},
+      {QNM_EVT_PATHSTATECHANGE, "PATHSTATECHANGE"},
+      {QNM_EVT_CHANNELSTATECHANGE, "CHANNELSTATECHANGE"},
+      {QNM_EVT_MAX, "unknown event type"},
+      {-1, "unknown event type"},
+      {1000, "unknown event type"},
+};
+
+static int check_text(int value, const char* got, const char* expected) {
+    if (got != NULL && strcmp(got, expected) == 0) return 0;
+    printf("%d is \"%s\", not \"%s\"\n", value, got != NULL ? got : "NULL", expected);
+    return 1;
+}
+
+static int check_texts(void) {
+    int failures = 0;
+    size_t i;
+    for (i = 0; i < sizeof k_code_texts / sizeof k_code_texts[0]; i++) {
+        const int value = k_code_texts[i].value;
+        failures +=
+            check_text(value, qnm_retcode_text((qnm_api_code_t)value), k_code_texts[i].text);
+    }
+    for (i = 0; i < sizeof k_event_names / sizeof k_event_names[0]; i++) {
+        const int value = k_event_names[i].value;
+        failures += check_text(value, qnm_event_name((qnm_evt_type_t)value), k_event_names[i].text);
+    }
+    return failures;
+}
+
 /* The text is that of the numbers, and what packages, soname and documents are called by. */
 static int check_version(void) {
     char numbers[32];
@@ -93,7 +145,7 @@ static int check_version(void) {
 }
 
 int main(void) {
-    int failures = check_version();
+    int failures = check_version() + check_texts();
     size_t i;
     for (i = 0; i < sizeof k_values / sizeof k_values[0]; i++) {
         if (k_values[i][0] != k_values[i][1]) {

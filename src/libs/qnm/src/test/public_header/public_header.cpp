@@ -3,6 +3,7 @@
 #include "qnm.h"
 
 #include <cstdio>
+#include <string_view>
 #include <type_traits>
 
 static_assert(std::is_same_v<std::underlying_type_t<qnm_api_code_t>, int>);
@@ -17,11 +18,29 @@ static_assert(std::is_same_v<qnm_ptr_t, void*>);
 
 extern "C" int check_public_header_in_cpp(void);
 
+namespace {
+
+// The same as in C, where each text is held.
+int check_texts() {
+    const std::string_view retcode = qnm_retcode_text(QNM_API_ETIMEDOUT);
+    const std::string_view event = qnm_event_name(QNM_EVT_CHANNELSTATECHANGE);
+    const std::string_view unknown_retcode = qnm_retcode_text(static_cast<qnm_api_code_t>(-1));
+    const std::string_view unknown_event = qnm_event_name(static_cast<qnm_evt_type_t>(99));
+    if (retcode == "no answer in time" && event == "CHANNELSTATECHANGE" &&
+        unknown_retcode == "unknown result code" && unknown_event == "unknown event type") {
+        return 0;
+    }
+    std::puts("a text is another one in C++");
+    return 1;
+}
+
+}  // namespace
+
 // The number of failures.
 int check_public_header_in_cpp(void) {
     if (qnm_set_loglevel(static_cast<qnm_log_level_t>(99)) == QNM_API_SUCCESS) {
         std::printf("qnm_set_loglevel(99) succeeds\n");
         return 1;
     }
-    return 0;
+    return check_texts();
 }
