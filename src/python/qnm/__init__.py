@@ -21,6 +21,7 @@ names its file.
 """
 
 from . import calls, codes, manager, records
+from ._version import __version__ as __version__
 from .calls import *
 from .codes import *
 from .manager import *

@@ -144,6 +144,11 @@ class Constants(unittest.TestCase):
             self.assertIs(_library.error_of("qnm_call", code).code, code)
 
 
+class Version(unittest.TestCase):
+    def test_the_module_has_that_of_the_header(self) -> None:
+        self.assertEqual(qnm.__version__, run_program("puts(QNM_VERSION);").strip())
+
+
 class Texts(unittest.TestCase):
     """The inline functions of the header have no symbol. The module has what they tell."""
 

@@ -7,6 +7,8 @@ import sys
 import tempfile
 import unittest
 
+import qnm
+
 SOURCE = pathlib.Path(__file__).parents[1] / "qnm"
 
 
@@ -31,16 +33,20 @@ class Install(unittest.TestCase):
         self.assertEqual(len(installed) - len(module), 1)
 
     def test_python_imports_it_and_knows_its_version(self) -> None:
-        program = "import importlib.metadata as m, qnm; print(qnm.__file__, m.version('qnm'))"
+        program = (
+            "import importlib.metadata, qnm; "
+            "print(qnm.__file__, qnm.__version__, importlib.metadata.version('qnm'))"
+        )
         done = subprocess.run(
             [sys.executable, "-c", program],
             env=os.environ | {"PYTHONPATH": str(self.packages)},
             capture_output=True,
             text=True,
         )
-        path, version = done.stdout.split() or ["", done.stderr]
+        path, *versions = done.stdout.split() or ["", done.stderr]
         self.assertEqual(path, f"{self.packages}/qnm/__init__.py")
-        self.assertRegex(version, r"^\d+\.\d+\.\d+$")
+        self.assertRegex(versions[0], r"^\d+\.\d+\.\d+$")
+        self.assertEqual(versions, [qnm.__version__] * 2)
 
 
 if __name__ == "__main__":
