@@ -140,7 +140,8 @@ TEST_F(BesideLog4cxx, TheSameAppendersWantALayout) {
             const auto made = daily->getRootLogger()->getAppender("R");
             return made ? std::optional(made->requiresLayout()) : std::nullopt;
         }
-        const auto& of = log4cxx::helpers::Class::forName("org.apache.log4j." + name);
+        const std::string whole_name = "org.apache.log4j." + name;
+        const auto& of = log4cxx::helpers::Class::forName(whole_name);
         const std::unique_ptr<log4cxx::helpers::Object> made(of.newInstance());
         const auto* const appender = dynamic_cast<const log4cxx::Appender*>(made.get());
         return appender ? std::optional(appender->requiresLayout()) : std::nullopt;
