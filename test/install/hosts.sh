@@ -80,7 +80,7 @@ run_host() {
   pid=$!
   background+=("$pid")
   for card in "${cards[@]}"; do
-    await_text "$host.output" "^new $card\$" "$pid"
+    await_text "$host.output" "^NEWDEVINFO $card\$" "$pid"
   done
   grep -q " $root/usr/$libdir/libqnm\.so\.1\.[0-9.]*$" "/proc/$pid/maps" ||
     fail "$host runs with another library: $(grep libqnm "/proc/$pid/maps")"

@@ -14,12 +14,13 @@ std::atomic<bool> ended = false;  // the manager has returned
 
 void run(const char* dir) {
     const qnm_api_code_t ret = qnm_init_manager(dir, QNM_LOGLVL_NONE);
-    if (ret != QNM_API_SUCCESS) std::fprintf(stderr, "the manager ended with code %d\n", ret);
+    if (ret != QNM_API_SUCCESS)
+        std::fprintf(stderr, "the manager ended: %s\n", qnm_retcode_text(ret));
     ended = true;
 }
 
-void on_new_card(uint64_t id, qnm_evt_type_t, void*) {
-    std::printf("new 0x%012lx\n", static_cast<unsigned long>(id));
+void on_new_card(uint64_t id, qnm_evt_type_t event, void*) {
+    std::printf("%s 0x%012lx\n", qnm_event_name(event), static_cast<unsigned long>(id));
     std::fflush(stdout);
 }
 
