@@ -15,7 +15,7 @@ set -euo pipefail
 # shellcheck source=scripts/common.sh
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
-readonly build=$root/build/bench
+readonly build=$root/build/benchmarks
 readonly results=$root/bench/results
 
 # A tree of its own: the benchmarks need packages that the library does not.

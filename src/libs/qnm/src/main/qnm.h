@@ -113,8 +113,8 @@ extern "C" {
 #pragma GCC visibility push(default)
 #endif
 
-/* In C++ the enumerations may hold any int, so that a wrong value is refused and not undefined. */
-#ifdef __cplusplus
+/* From C++11 on the enumerations hold any int, so that a wrong value is refused, not undefined. */
+#if defined(__cplusplus) && __cplusplus >= 201103L
 #define QNM_ANY_INT : int
 #else
 #define QNM_ANY_INT
