@@ -52,7 +52,10 @@ if(QNM_BUILD_DOCS)
 endif()
 
 if(BUILD_TESTING)
-    qnm_need(tests GTest "libgtest-dev;libgmock-dev")
+    qnm_need(tests GTest libgtest-dev)
+    if(NOT TARGET GTest::gmock)
+        qnm_note(tests libgmock-dev GMOCK_FOUND)
+    endif()
 endif()
 
 if(QNM_BUILD_BENCH)

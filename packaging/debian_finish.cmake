@@ -1,5 +1,9 @@
-# debian_finish.cmake - what cpack does to the staged files before it packs them: manual pages are
-# compressed, as everywhere on Debian, always to the same bytes.
+# debian_finish.cmake - what cpack does to the staged files before it packs them: folders are open to
+# all, whatever the umask was, and manual pages are compressed, as everywhere on Debian, always to the
+# same bytes.
+execute_process(COMMAND find "${CPACK_TEMPORARY_DIRECTORY}" -type d -exec chmod 755 {} +
+    COMMAND_ERROR_IS_FATAL ANY)
+
 file(GLOB pages "${CPACK_TEMPORARY_DIRECTORY}/*/usr/share/man/man*/*")
 foreach(page IN LISTS pages)
     if(IS_SYMLINK "${page}") # another name of the same page

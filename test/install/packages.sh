@@ -10,7 +10,7 @@ readonly scratch=$work/root
 readonly conf=$scratch/opt/tarvo/qnm/conf
 
 make_packages() {
-  quietly cpack --config "$build/CPackConfig.cmake" -B "$work/packages"
+  (umask 077 && quietly cpack --config "$build/CPackConfig.cmake" -B "$work/packages")
   library=("$work"/packages/libqnm1_*.deb)
   development=("$work"/packages/libqnm-dev_*.deb)
   tools=("$work"/packages/qnm-tools_*.deb)
@@ -20,9 +20,11 @@ make_packages() {
   quietly lintian --allow-root --fail-on error "${packages[@]}"
 }
 
-# check_contents PACKAGE: every file is one that belongs there, and all are there.
+# check_contents PACKAGE: every file is one that belongs there, and all are there, in folders that are
+# open to all.
 check_contents() {
   local name file pattern
+  ! dpkg-deb --contents "$1" | grep '^d' | grep -v '^drwxr-xr-x' || fail "$1 has closed folders"
   local -a patterns files
   name=$(dpkg-deb --field "$1" Package)
   mapfile -t patterns < <(sed "/^#/d; s#LIBDIR#$libdir#" "$source/test/install/contents/$name")
