@@ -6,11 +6,10 @@
 #   usage: try-packages.sh [RELEASE] [DEB...]     as root
 #
 #   RELEASE   bookworm or trixie; by default what this machine has
-#   DEB       packages to try; if there are none, scripts/package.sh makes them, in a Debian of its own
-#             when the release is another one than this machine's
+#   DEB       packages to try; if there are none, scripts/package.sh makes them, in another such Debian
 #
-# It downloads a Debian (some 300 MB, for another release twice as much) from where this machine has
-# its own, so it is no part of the tests. Exit status 77: not possible here; the last line says why.
+# It downloads Debian (some 300 MB, and as much to make packages) from where this machine has its own,
+# so it is no part of the tests. Exit status 77: not possible here; the last line says why.
 set -euo pipefail
 # shellcheck source=scripts/common.sh
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
@@ -36,18 +35,13 @@ read_arguments() {
   packages=("$@")
 }
 
-# For another release they are made where its libraries and its compiler are.
+# Made where the release's libraries and its compiler are, and nothing in the user's tree changes.
 make_packages() {
-  local maker=$work/maker built=$root/build/packages
-  if [[ $release == "$(own_release)" ]]; then
-    "$root/scripts/package.sh"
-  else
-    make_debian "$release" "$maker" ca-certificates
-    copy_sources "$maker/source"
-    in_debian "$maker" -- /source/scripts/package.sh
-    built=$maker/source/build/packages
-  fi
-  packages=("$built"/*.deb)
+  local maker=$work/maker
+  make_debian "$release" "$maker" ca-certificates
+  copy_sources "$maker/source"
+  in_debian "$maker" -- /source/scripts/package.sh
+  packages=("$maker"/source/build/packages/*.deb)
 }
 
 # The packages are there as files, and what uses them.
