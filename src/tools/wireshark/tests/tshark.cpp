@@ -152,8 +152,12 @@ std::string run(const words& arguments) {
     share(plugins);
     share(plugins / "quillnet.lua");
     const std::string said = (own.path() / "said").string();
-    std::string command;
-    for (const char* const name : {"HOME", "WIRESHARK_CONFIG_DIR", "WIRESHARK_PLUGIN_DIR"})
+    // The plugins for all users are looked for where there are none.
+    const fs::path none = own.path() / "none";
+    fs::create_directory(none);
+    share(none);
+    std::string command = "WIRESHARK_PLUGIN_DIR=" + in_quotes(none) + " ";
+    for (const char* const name : {"HOME", "WIRESHARK_CONFIG_DIR"})
         command += std::string(name) + "=" + in_quotes(own.path()) + " ";
     command += as_user() + "tshark";
     for (const std::string& argument : arguments)
