@@ -29,6 +29,7 @@ constexpr check table_of_checks[] = {
     {"properties", check_properties},
     {"log_file", check_logs},
     {"free_space", check_space},
+    {"dissector", check_dissector},
 };
 
 }  // namespace

@@ -7,9 +7,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <utility>
 
 #include "doctor_nearest.h"
 #include "foreign_words.h"
@@ -418,6 +420,35 @@ void check_clock_sync(const inspected& system, findings& found) {
         told.text = "a leap second comes at the end of the day, when the clock is set by a second";
     }
     found.push_back(told);
+}
+
+// ---- The dissector ------------------------------------------------------------------------------
+
+namespace {
+
+// Wireshark 4.0 comes with an init.lua that lets root have all plugins; 4.2 is the first without.
+bool keeps_root_from_plugins(const std::string& version) {
+    std::pair<int, int> number;
+    std::sscanf(version.c_str(), "%d.%d", &number.first, &number.second);
+    return number >= std::pair(4, 2);
+}
+
+}  // namespace
+
+void check_dissector(const inspected& system, findings& found) {
+    const dissector_facts& of = system.dissector;
+    if (of.version.empty()) return;
+    if (of.for_all) {
+        found.push_back({.text = "tshark " + of.version + " has quillnet.lua in " + of.folder});
+    } else if (keeps_root_from_plugins(of.version)) {
+        found.push_back(
+            {.rank = severity::note,
+             .text = "tshark " + of.version +
+                     " lets root have plugins in Lua from one folder only, and does not "
+                     "say so; quillnet.lua is not there: " +
+                     of.folder,
+             .remedy = "Read captures as an ordinary user, or put quillnet.lua there."});
+    }
 }
 
 }  // namespace qnmctl

@@ -1,5 +1,5 @@
 // The checks of what is outside the library's files: the library itself, privileges, directory,
-// interfaces, capture and clock.
+// interfaces, capture, clock and dissector.
 #pragma once
 
 #include "doctor.h"
@@ -17,6 +17,7 @@ void check_users(const inspected& system, findings& found);
 void check_capture(const inspected& system, findings& found);
 void check_clock_steps(const inspected& system, findings& found);
 void check_clock_sync(const inspected& system, findings& found);
+void check_dissector(const inspected& system, findings& found);
 
 // By how much the wall clock was set between the samples, at the largest step; 0 where the readings
 // leave it possible that it was not set at all, however far apart they were.

@@ -21,6 +21,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <memory>
@@ -280,6 +281,22 @@ std::string reason_not_to_write(const fs::path& file, const fs::path& folder) {
     return "cannot be made in " + folder.string() + ": " + why;
 }
 
+struct pipe_closer {
+    void operator()(FILE* of) const { pclose(of); }
+};
+
+// What tshark tells of itself. It is given up when it takes long.
+std::string ask_tshark() {
+    constexpr char command[] =
+        "exec </dev/null 2>/dev/null; timeout 10 tshark --version && timeout 10 tshark -G folders";
+    const std::unique_ptr<FILE, pipe_closer> answer(popen(command, "re"));
+    std::string told;
+    char part[1024];
+    while (answer && fgets(part, sizeof part, answer.get()) != nullptr)
+        told += part;
+    return told;
+}
+
 // Of a temporary configuration it is the command's own, and nothing that the operator has given.
 void remove_last_line(std::string& text) {
     if (text.ends_with('\n')) text.pop_back();
@@ -331,6 +348,28 @@ log_place look_at_log(const std::string& file) {
     return found;
 }
 
+// The line behind this beginning, without blanks in front; empty where there is none.
+std::string line_behind(const std::string& text, const std::string& beginning) {
+    const std::size_t at = ('\n' + text).find('\n' + beginning);
+    if (at == std::string::npos) return {};
+    const std::size_t start = text.find_first_not_of(" \t", at + beginning.size());
+    return start == std::string::npos ? "" : text.substr(start, text.find('\n', start) - start);
+}
+
+dissector_facts look_at_dissector(const std::string& told) {
+    constexpr char digits[] = "0123456789";
+    dissector_facts found;
+    const std::string version = line_behind(told, "TShark (Wireshark) ");
+    const std::size_t length = version.find_first_not_of("0123456789.");
+    found.version = version.substr(0, length);
+    found.version.erase(found.version.find_last_of(digits) + 1);  // what ends the sentence
+    found.folder = line_behind(told, "Global Lua Plugins:");
+    std::error_code ignored;  // tshark could not load it either
+    found.for_all =
+        !found.folder.empty() && fs::exists(fs::path(found.folder) / "quillnet.lua", ignored);
+    return found;
+}
+
 interface_facts look_at_interface(const std::string& name) {
     interface_facts found = {.name = name};
     const tools::descriptor any(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
@@ -379,6 +418,7 @@ inspected inspect_system(const installation& where) {
     found.clock = look_at_clock();
     for (const std::string& file : log_files(found.properties.text))
         found.logs.push_back(look_at_log(file));
+    if (found.privileges.root) found.dissector = look_at_dissector(ask_tshark());
     return found;
 }
 

@@ -106,6 +106,13 @@ struct log_place {
     bool files_can_be_made = true;  // there are inodes left
 };
 
+// Of tshark; it is asked for root only, who may be kept from the dissector.
+struct dissector_facts {
+    std::string version = {};  // as "4.4.6"; empty: it was not asked, or is not there
+    std::string folder = {};   // of the Lua plugins for all users
+    bool for_all = false;      // the dissector is in it
+};
+
 struct inspected {
     bool temporary = false;  // the configuration comes from options
     library_facts library = {};
@@ -120,6 +127,7 @@ struct inspected {
     std::string capture_library = {};              // libpcap's name and version
     clock_facts clock = {};
     std::vector<log_place> logs = {};  // those of the properties file
+    dissector_facts dissector = {};
 };
 
 inspected inspect_system(const installation& where);
@@ -129,5 +137,6 @@ file_facts look_at_file(const std::filesystem::path& name);
 directory_facts look_at_directory(const std::filesystem::path& name);
 log_place look_at_log(const std::string& file);
 interface_facts look_at_interface(const std::string& name);
+dissector_facts look_at_dissector(const std::string& told);  // by tshark, of itself
 
 }  // namespace qnmctl

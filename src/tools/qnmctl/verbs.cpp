@@ -152,8 +152,9 @@ constexpr char topology_help[] =
 constexpr char doctor_help[] =
     "Looks at privileges, interfaces with their link and VLAN offload, capture, which process\n"
     "accesses cards by an interface or is deaf there, clock, both files of the configuration line\n"
-    "by line, log folders and free space, without starting a manager and without changing\n"
-    "anything. Each finding is ok, a note, a warning or an error, and has its remedy below it.\n"
+    "by line, log folders and free space, and for root whether tshark has the dissector, without\n"
+    "starting a manager and without changing anything. Each finding is ok, a note, a warning or an\n"
+    "error, and has its remedy below it.\n"
     "Run it as the user that the host program runs as; which other processes listen, though, only\n"
     "root can see. Only regular files are read, up to 1 MiB, and not what a symbolic link stands\n"
     "for. The exit status is 3 when there is an error: a\n"

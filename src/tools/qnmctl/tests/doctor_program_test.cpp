@@ -142,6 +142,21 @@ TEST_F(DoctorProgram, TellsAUserWithoutPrivilegesWhatIsMissing) {
     EXPECT_TRUE(told(examine_by(by, exit_unwell), "log_file", "error", "cannot be made"));
 }
 
+// In the namespace it is root. The program that stands for tshark answers as one that is installed.
+TEST_F(DoctorProgram, TellsRootThatTsharkLeavesTheDissectorOut) {
+    fs::create_directory(dir.path() / "bin");
+    const fs::path tshark = dir.path() / "bin/tshark";
+    write(tshark,
+          "#!/bin/sh\n[ \"$1\" = --version ] && echo 'TShark (Wireshark) 4.4.19.' ||"
+          " echo 'Global Lua Plugins: " +
+              dir.path().string() + "'\n");
+    chmod(tshark.c_str(), 0755);
+    cables = "PATH=" + (dir.path() / "bin").string() + ":$PATH;";
+    EXPECT_TRUE(told(examine_here(exit_ok), "dissector", "note", "tshark 4.4.19"));
+    write(dir.path() / "quillnet.lua", "--\n");
+    EXPECT_TRUE(told(examine_here(exit_ok), "dissector", "ok", dir.path().string()));
+}
+
 // ---- Files of every sort ------------------------------------------------------------------------
 
 TEST_F(DoctorProgram, SurvivesDirectoriesInPlaceOfFiles) {

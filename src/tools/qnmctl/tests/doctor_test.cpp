@@ -455,5 +455,43 @@ TEST_F(CheckLogs, LeaveTheFilesOfTheCommandItselfAlone) {
         EXPECT_TRUE(found_by(check, system).empty()) << check;
 }
 
+// ---- The dissector ------------------------------------------------------------------------------
+
+TEST(CheckDissector, TellsRootWhereItIsNotLoaded) {
+    inspected system = sample_system();
+    dissector_facts& of = system.dissector;
+    of.for_all = false;
+    for (const char* const version : {"4.2.0", "4.4.19", "4.10.1", "5.0"}) {
+        of.version = version;
+        EXPECT_TRUE(finds("dissector", severity::note, "root", system)) << version;
+        EXPECT_TRUE(holds(found_by("dissector", system)[0].remedy, "an ordinary user"));
+    }
+    for (const char* const version : {"", "3.6.20", "4.0.17"}) {
+        of.version = version;
+        EXPECT_TRUE(found_by("dissector", system).empty()) << version;
+    }
+}
+
+TEST(LookAtDissector, TakesVersionAndFolderFromWhatTsharkTells) {
+    const tools::temporary_dir dir;
+    const std::string folder = (dir.path() / "lua plugins").string();
+    const std::string told =
+        "TShark (Wireshark) 4.4.19.\n\nCopyright 1998-2026\n"
+        "Global Plugins:      \t/usr/lib/plugins/4.4\n"
+        "Global Lua Plugins:  \t" +
+        folder + "\nPersonal Extcap path:\t/root\n";
+    dissector_facts found = look_at_dissector(told);
+    EXPECT_EQ("4.4.19", found.version);
+    EXPECT_EQ(folder, found.folder);
+    EXPECT_FALSE(found.for_all);
+    std::filesystem::create_directory(folder);
+    std::ofstream(folder + "/quillnet.lua") << "--";
+    EXPECT_TRUE(look_at_dissector(told).for_all);
+    found = look_at_dissector("TShark (Wireshark) 4.0.17 (Git v4.0.17 packaged as 4.0.17-0).\n");
+    EXPECT_EQ("4.0.17", found.version);
+    EXPECT_EQ("", found.folder);
+    EXPECT_EQ("", look_at_dissector("").version);
+}
+
 }  // namespace
 }  // namespace qnmctl

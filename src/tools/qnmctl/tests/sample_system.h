@@ -59,6 +59,8 @@ inline inspected sample_system() {
                     .adjustment = 0,
                     .synchronised = true};
     system.logs = {sample_log("/var/log/qnm/qnm.log"), sample_log("/var/log/qnm/qnm_stats.log")};
+    system.dissector = {
+        .version = "4.4.6", .folder = "/usr/lib/wireshark/plugins", .for_all = true};
     return system;
 }
 
