@@ -77,7 +77,8 @@ make_debian() {
     die "this machine does not know where Debian is to be had; apt-get update has to run first."
   await unshare --mount --pid --fork --kill-child --mount-proc mmdebstrap --mode=root \
     --variant=apt --quiet --include="mount,$packages" --aptopt='Acquire::Languages "none"' \
-    --dpkgopt=force-unsafe-io "${@:4}" "$release" "$folder" "$work/sources" || die "no Debian could be made; the lines above tell why."
+    --dpkgopt=force-unsafe-io "${@:4}" "$release" "$folder" "$work/sources" ||
+    die "no Debian could be made; the lines above tell why."
   # What apt is to install later comes by this machine's network.
   cp --remove-destination /etc/resolv.conf "$folder/etc/resolv.conf"
 }

@@ -2,7 +2,8 @@
 # Installs the Debian packages that some purposes need, and no others. Where nothing is missing it
 # changes nothing and needs no privilege.
 #
-#   usage: install-deps.sh [GROUP...]      without any: build, demo and test
+#   usage: install-deps.sh [GROUP...]             without any: build, demo and test
+#          install-deps.sh --list [GROUP...]      prints the packages, and installs nothing
 #
 #   build      the library and the tools; the manual pages of the calls need docs as well
 #   docs       what makes those pages
@@ -136,13 +137,21 @@ check_commands() {
 }
 
 main() {
-  local group missing
+  local group missing list=no
+  if [[ ${1-} == --list ]]; then
+    list=yes
+    shift
+  fi
   if (($# == 0)); then
     set -- build demo test
   fi
   for group in "$@"; do
     add_group "$group"
   done
+  if [[ $list == yes ]]; then
+    printf '%s\n' "${needed[@]}" | sort -u
+    return
+  fi
   if [[ ${QNM_SKIP_DEPS:-0} != 1 ]]; then
     mapfile -t missing < <(list_missing)
     if ((${#missing[@]} > 0)); then

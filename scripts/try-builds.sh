@@ -23,6 +23,7 @@ rows=(
   'clang|clang++|try_flags -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++'
   'make|make instead of ninja|try_flags -DCMAKE_BUILD_TYPE=Debug -G Unix\ Makefiles'
   'library|the library alone|try_library'
+  'sanitizer|the library, clang++ -fsanitize=address|try_sanitizer'
   'no-tools|without tools, with the tests of the library|try_without_tools'
   'no-python|without the Python module|try_without_python'
   'no-docs|without the manual pages of the library|try_without_docs'
@@ -87,10 +88,13 @@ fail() {
 
 # ---- The rows, each in the folder of its own ---------------------------------------------------------
 
+# Its warnings are errors only after its own choice has been seen.
 try_default() {
-  cmake -S "$root" -B build -DQNM_WERROR=ON
+  cmake -S "$root" -B build
   grep -q '^CMAKE_BUILD_TYPE:STRING=RelWithDebInfo$' build/CMakeCache.txt ||
     fail "RelWithDebInfo is not the default"
+  ! grep -r -- '-Werror' build --include=flags.make || fail "warnings are errors"
+  cmake -S "$root" -B build -DQNM_WERROR=ON
   build build
   play build
 }
@@ -102,9 +106,20 @@ try_flags() {
   play build
 }
 
-try_library() {
+configure_library() {
   configure "$root" build -DBUILD_TESTING=OFF -DQNM_BUILD_TOOLS=OFF -DQNM_BUILD_PYTHON=OFF \
-    -DQNM_BUILD_DOCS=OFF
+    -DQNM_BUILD_DOCS=OFF "$@"
+}
+
+# Its run time is in the program, and the library is linked without.
+try_sanitizer() {
+  configure_library -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+    -DCMAKE_CXX_FLAGS=-fsanitize=address
+  build build
+}
+
+try_library() {
+  configure_library
   expect_none "$of_tools|$of_tests|$of_docs|$of_python" build
   build build
   install_into "$PWD/installed" build
@@ -118,7 +133,8 @@ use_library() {
   local -a flags
   local pc
   pc=$(find "$1" -name qnm.pc)
-  read -ra flags < <(PKG_CONFIG_SYSROOT_DIR=$1 PKG_CONFIG_LIBDIR=${pc%/*} pkg-config --cflags --libs qnm)
+  read -ra flags < <(PKG_CONFIG_SYSROOT_DIR=$1 PKG_CONFIG_LIBDIR=${pc%/*} \
+    pkg-config --cflags --libs qnm)
   cc -std=c99 "$root/docs/examples/first.c" "${flags[@]}" -lpthread -o first
 }
 
@@ -130,8 +146,9 @@ try_without_tools() {
 }
 
 try_without_python() {
-  configure "$root" build -DBUILD_TESTING=OFF -DQNM_BUILD_TOOLS=OFF -DQNM_BUILD_PYTHON=OFF
+  configure "$root" build -DCMAKE_BUILD_TYPE=Debug -DBUILD_TESTING=OFF -DQNM_BUILD_PYTHON=OFF
   build build
+  play build
   install_into "$PWD/installed" build
   [[ -z $(find installed -name '*.py' -path '*-packages*') ]] || fail "the module is installed"
   expect_file installed/usr/share/man/man3/qnm_init_manager.3
@@ -206,7 +223,6 @@ try_read_only() {
   build build
   play build
   install_into "$PWD/installed" build
-  chmod -R u+w source
 }
 
 try_tarball() {
@@ -249,15 +265,34 @@ try_row() {
   log=$scratch/$name.log
   printf '%s: %s\n' "$name" "$text"
   mkdir "$scratch/$name"
-  # In the background, as the shell would not end it at a failure within a condition.
-  (cd "$scratch/$name" && eval "$how") >"$log" 2>&1 &
-  if ! wait $!; then
+  # In the background, as the shell would not end it at a failure within a condition; and as a group
+  # of its own, so that all of it can be ended.
+  set -m
+  (cd "$scratch/$name" && eval "$how") </dev/null >"$log" 2>&1 &
+  busy=$!
+  set +m
+  if ! wait "$busy"; then
     said='FAILED'
     failed+=("$name")
     tail -n 40 "$log"
   fi
+  busy=
   table+=("$(printf '| %-13s | %-44s | %5d s | %-6s |' "$name" "$text" $((SECONDS - start)) "$said")")
-  rm -rf "${scratch:?}/$name"
+  remove_scratch "$name"
+}
+
+# remove_scratch [ROW]: also what cannot be written.
+remove_scratch() {
+  chmod -R u+w "$scratch/${1-}"
+  rm -rf "${scratch:?}/${1-}"
+}
+
+clear_up() {
+  if [[ -n $busy ]]; then
+    kill -KILL -- "-$busy" 2>/dev/null || true
+    wait "$busy" 2>/dev/null || true
+  fi
+  remove_scratch
 }
 
 main() {
@@ -275,7 +310,10 @@ main() {
   "$root/scripts/install-deps.sh" build demo test analysis
 
   scratch=$(mktemp -d "${TMPDIR:-/tmp}/qnm-builds.XXXXXX")
-  trap 'rm -rf "$scratch"' EXIT
+  busy=
+  trap clear_up EXIT
+  trap 'exit 130' INT
+  trap 'exit 143' TERM HUP
   table=()
   failed=()
   for row in "${chosen[@]}"; do

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Configures where things are missing: all of them are named, with the option that does without, and
-# whoever takes that option is not asked for them. Nothing has to be compiled for that.
+# whoever takes that option is not asked for them. Who only builds is not made to install what tests
+# need. Nothing has to be compiled for that.
 set -euo pipefail
 # shellcheck source=test/install/common.sh
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
@@ -33,7 +34,7 @@ check_all_is_named() {
   ! configure || fail "nothing is missed"
   expect_missing "for the tools: libcli11-dev libtomlplusplus-dev libncurses-dev libarchive-dev;\
  -DQNM_BUILD_TOOLS=OFF does without"
-  expect_missing "for the Python module: python3; -DQNM_BUILD_PYTHON=OFF does without"
+  expect_missing "for the Python module: python3 (3.11 or later); -DQNM_BUILD_PYTHON=OFF does without"
   expect_missing "for the tests: libgtest-dev libgmock-dev; -DBUILD_TESTING=OFF does without"
   grep -qE 'scripts/install-deps\.sh build( docs)? test$' "$work/told" ||
     fail "no way to install it is told: $(<"$work/told")"
@@ -45,11 +46,21 @@ check_library_alone() {
     fail "the library alone needs more: $(<"$work/told")"
 }
 
+# What is only for tests and packages is not needed to build, and not for the demonstration.
+check_groups() {
+  local needed
+  needed=$("$source/scripts/install-deps.sh" --list build demo)
+  grep -qx libpcap-dev <<<"$needed" || fail "to build, install-deps.sh has only: $needed"
+  ! grep -E 'tshark|lintian|abigail|doxygen|mandoc|zsh|gtest|gmock|clang' <<<"$needed" ||
+    fail "that is not needed to build"
+}
+
 main() {
   need cmake ninja pkg-config
   copy_modules
   check_all_is_named
   check_library_alone
+  check_groups
   echo "passed"
 }
 
