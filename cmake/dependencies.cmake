@@ -42,7 +42,7 @@ if(QNM_BUILD_TOOLS)
 endif()
 
 if(QNM_BUILD_PYTHON)
-    qnm_need(python Python3 python3 3.11 COMPONENTS Interpreter)
+    qnm_need(python Python3 "python3 (3.11 or later)" 3.11 COMPONENTS Interpreter)
 endif()
 
 if(QNM_BUILD_DOCS)

@@ -357,12 +357,10 @@ std::string line_behind(const std::string& text, const std::string& beginning) {
 }
 
 dissector_facts look_at_dissector(const std::string& told) {
-    constexpr char digits[] = "0123456789";
     dissector_facts found;
     const std::string version = line_behind(told, "TShark (Wireshark) ");
-    const std::size_t length = version.find_first_not_of("0123456789.");
-    found.version = version.substr(0, length);
-    found.version.erase(found.version.find_last_of(digits) + 1);  // what ends the sentence
+    found.version = version.substr(0, version.find_first_not_of("0123456789."));
+    if (found.version.ends_with('.')) found.version.pop_back();  // it ends the sentence
     found.folder = line_behind(told, "Global Lua Plugins:");
     std::error_code ignored;  // tshark could not load it either
     found.for_all =
