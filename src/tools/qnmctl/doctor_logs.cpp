@@ -8,6 +8,7 @@
 #include <map>
 #include <set>
 #include <sstream>
+#include <string_view>
 
 #include "foreign_words.h"
 #include "text.h"
@@ -133,10 +134,15 @@ appender find_appender(const properties& in, const std::string& name) {
             .layout = class_of(in, key + ".layout")};
 }
 
+// Up to log4cxx 1.0 some appenders want a layout that do without one in 1.4. Between the two it is
+// not known, and nothing is said.
+constexpr std::string_view log4cxx_version = QNMCTL_LOG4CXX_VERSION;
+constexpr bool is_strict = log4cxx_version.starts_with("0.") || log4cxx_version.starts_with("1.0.");
+
 constexpr appender_class appender_classes[] = {
-    {"asyncappender", false},     {"consoleappender", true}, {"dailyrollingfileappender", true},
-    {"fileappender", true},       {"odbcappender", true},    {"rollingfileappender", true},
-    {"smtpappender", true},       {"syslogappender", true},  {"telnetappender", true},
+    {"asyncappender", false},     {"consoleappender", true},   {"dailyrollingfileappender", true},
+    {"fileappender", true},       {"odbcappender", is_strict}, {"rollingfileappender", true},
+    {"smtpappender", true},       {"syslogappender", true},    {"telnetappender", is_strict},
     {"xmlsocketappender", false},
 };
 constexpr const char* layout_classes[] = {"htmllayout", "jsonlayout", "patternlayout",
