@@ -168,6 +168,7 @@ class Top:
                 except OSError:  # the other end has been closed
                     break
             elif drawn:
+                self.stream = pyte.ByteStream(self.screen)  # nothing is begun any more
                 return
         raise Failure(f"it draws nothing or without an end, status {self.process.poll()}")
 
