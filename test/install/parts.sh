@@ -8,12 +8,16 @@ set -euo pipefail
 
 # Puts links to the modules of pkg-config that the library needs, and what those need, into a folder.
 copy_modules() {
-  local name file
+  local name
+  local -a left=(libpcap liblog4cxx)
   mkdir "$work/modules"
-  for name in libpcap liblog4cxx $(pkg-config --print-requires --print-requires-private libpcap \
-    liblog4cxx | sed 's/ .*//'); do
-    file=$(pkg-config --variable=pcfiledir "$name")/$name.pc
-    ln -sf "$file" "$work/modules"
+  while ((${#left[@]} > 0)); do
+    name=${left[0]}
+    left=("${left[@]:1}")
+    [[ ! -e $work/modules/$name.pc ]] || continue
+    ln -s "$(pkg-config --variable=pcfiledir "$name")/$name.pc" "$work/modules"
+    mapfile -t -O "${#left[@]}" left < <(
+      pkg-config --print-requires --print-requires-private "$name" | sed 's/ .*//; /^$/d')
   done
 }
 
