@@ -46,6 +46,7 @@ main() {
   make_debian "${1:-$(own_release)}" "$work/debian" "$(IFS=,; echo "${wished[*]}")" \
     --architectures=amd64,arm64
   copy_sources "$work/debian/source"
+  touch "$work/debian/made-for-a-trial"
   in_debian "$work/debian" --net -- env \
     "CMAKE_BUILD_PARALLEL_LEVEL=${CMAKE_BUILD_PARALLEL_LEVEL:-$(nproc)}" \
     "CTEST_PARALLEL_LEVEL=${CTEST_PARALLEL_LEVEL:-$(nproc)}" \
