@@ -63,6 +63,7 @@ if(QNM_BUILD_BENCH)
 endif()
 
 if(qnm_missing)
+    set(groups "")
     set(text "Not all was found that is needed. Missing are, by their names on Debian:\n")
     foreach(part IN ITEMS
             "library|library||build" "tools|tools|QNM_BUILD_TOOLS|build"

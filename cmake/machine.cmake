@@ -1,5 +1,5 @@
-# Refuses machines that the library cannot work on, before anything is looked for or compiled. The
-# headers say the same to other builds, qnm_rbtree.h and qnm_frame.h.
+# machine.cmake - refuses machines that the library cannot work on, before anything is looked for or
+# compiled. The headers say the same to other builds, qnm_rbtree.h and qnm_frame.h.
 
 # As with -m32 and the x32 ABI, too.
 if(CMAKE_SIZEOF_VOID_P AND NOT CMAKE_SIZEOF_VOID_P EQUAL 8)
