@@ -139,11 +139,16 @@ json section_json(const section& of) {
     return object;
 }
 
+// A type of a later library has no colour.
+const char* colour_of(qnm_evt_type_t type) {
+    return type < QNM_EVT_MAX ? event_colours[type] : nullptr;
+}
+
 }  // namespace
 
 std::string event_line(const observed& seen, const told_change& told, bool coloured) {
     return line_text(seen.when, qnm_event_name(seen.type),
-                     coloured ? event_colours[seen.type] : nullptr, seen.record, seen.id,
+                     coloured ? colour_of(seen.type) : nullptr, seen.record, seen.id,
                      event_words(seen, told));
 }
 
