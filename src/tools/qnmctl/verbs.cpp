@@ -153,12 +153,12 @@ constexpr char doctor_help[] =
     "Looks at privileges, interfaces with their link and VLAN offload, capture, which process\n"
     "accesses cards by an interface or is deaf there, clock, both files of the configuration line\n"
     "by line, log folders and free space, and for root whether tshark has the dissector, without\n"
-    "starting a manager and without changing anything. Each finding is ok, a note, a warning or an\n"
-    "error, and has its remedy below it.\n"
+    "starting a manager and without changing anything. Each finding is ok, a note, a warning or\n"
+    "an error, and has its remedy below it.\n"
     "Run it as the user that the host program runs as; which other processes listen, though, only\n"
     "root can see. Only regular files are read, up to 1 MiB, and not what a symbolic link stands\n"
-    "for. The exit status is 3 when there is an error: a\n"
-    "manager would not start, do without what it is told to use, or hear nothing.";
+    "for. The exit status is 3 when there is an error: a manager would not start, do without what\n"
+    "it is told to use, or hear nothing.";
 
 constexpr char show_help[] =
     "Beside the title of a field stands its name in JSON. A QNSV card has its bridge settings and\n"
