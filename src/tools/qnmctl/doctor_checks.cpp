@@ -437,7 +437,7 @@ bool keeps_root_from_plugins(const std::string& version) {
 
 void check_dissector(const inspected& system, findings& found) {
     const dissector_facts& of = system.dissector;
-    if (of.version.empty()) return;
+    if (of.version.empty() || of.folder.empty()) return;  // no tshark, or one that does not tell
     if (of.for_all) {
         found.push_back({.text = "tshark " + of.version + " has quillnet.lua in " + of.folder});
     } else if (keeps_root_from_plugins(of.version)) {

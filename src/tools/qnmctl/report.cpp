@@ -139,7 +139,7 @@ json section_json(const section& of) {
     return object;
 }
 
-// A type of a later library has no colour.
+// None for a type that no callback brings; qnm_event_name() has a name for those, too.
 const char* colour_of(qnm_evt_type_t type) {
     return type < QNM_EVT_MAX ? event_colours[type] : nullptr;
 }

@@ -472,6 +472,12 @@ TEST(CheckDissector, TellsRootWhereItIsNotLoaded) {
     }
 }
 
+TEST(CheckDissector, SaysNothingWhereTsharkDoesNotTellItsFolders) {
+    inspected system = sample_system();
+    system.dissector = {.version = "4.4.19"};
+    EXPECT_TRUE(found_by("dissector", system).empty());
+}
+
 TEST(LookAtDissector, TakesVersionAndFolderFromWhatTsharkTells) {
     const tools::temporary_dir dir;
     const std::string folder = (dir.path() / "lua plugins").string();
