@@ -21,6 +21,7 @@ rows=(
   'no-plt|-fno-plt|try_flags -DCMAKE_CXX_FLAGS=-fno-plt'
   'assertions|-D_GLIBCXX_ASSERTIONS|try_flags -DCMAKE_CXX_FLAGS=-D_GLIBCXX_ASSERTIONS'
   'clang|clang++|try_flags -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++'
+  'multi-config|Ninja Multi-Config, two types, Debug first|try_multi_config'
   'make|make instead of ninja|try_flags -DCMAKE_BUILD_TYPE=Debug -G Unix\ Makefiles'
   'library|the library alone|try_library'
   'sanitizer|the library, clang++ -fsanitize=address|try_sanitizer'
@@ -57,9 +58,9 @@ build() {
   "${before[@]}" cmake --build "$1" --parallel "$jobs" "${@:2}"
 }
 
-# The programs do their work, and the library of this build is what they run with.
+# play BUILD [TYPE]: the programs do their work, and the library of this build is what they run with.
 play() {
-  "$root/scripts/in-netns.sh" "$root/scripts/demo-acts.sh" "$1/bin"
+  "$root/scripts/in-netns.sh" "$root/scripts/demo-acts.sh" "$1/bin${2:+/$2}"
 }
 
 # install_into FOLDER BUILD: as a packager does; what was installed is listed.
@@ -90,10 +91,12 @@ fail() {
 
 # Its warnings are errors only after its own choice has been seen.
 try_default() {
+  unset CMAKE_GENERATOR CMAKE_BUILD_TYPE
   cmake -S "$root" -B build
   grep -q '^CMAKE_BUILD_TYPE:STRING=RelWithDebInfo$' build/CMakeCache.txt ||
     fail "RelWithDebInfo is not the default"
-  ! grep -r -- '-Werror' build --include=flags.make || fail "warnings are errors"
+  expect_file build/compile_commands.json
+  ! grep -e -Werror build/compile_commands.json || fail "warnings are errors"
   cmake -S "$root" -B build -DQNM_WERROR=ON
   build build
   play build
@@ -104,6 +107,14 @@ try_flags() {
   configure "$root" build -DBUILD_TESTING=OFF "$@"
   build build
   play build
+}
+
+# The types are the user's choice here, and so is the first of them.
+try_multi_config() {
+  configure "$root" build -G 'Ninja Multi-Config' -DCMAKE_CONFIGURATION_TYPES='Release;Debug' \
+    -DCMAKE_DEFAULT_BUILD_TYPE=Debug -DBUILD_TESTING=OFF
+  build build
+  play build Debug
 }
 
 configure_library() {
@@ -188,7 +199,7 @@ add_executable(first first.c)
 target_link_libraries(first PRIVATE qnm::qnm pthread)
 install(TARGETS first)
 END
-  configure host build -DCMAKE_BUILD_TYPE=Debug
+  configure host build -DCMAKE_BUILD_TYPE=Debug -DQNM_BUILD_TOOLS=ON -DQNM_BUILD_PYTHON=ON
   expect_none "$of_tools|$of_docs|$of_python|^GTest_DIR" build
   grep -q '^BUILD_TESTING:BOOL=ON' build/CMakeCache.txt || fail "the tests of the other are off"
   build build
@@ -307,7 +318,7 @@ main() {
     chosen+=("$row")
   done
   (($# > 0)) || chosen=("${rows[@]}")
-  "$root/scripts/install-deps.sh" build demo test analysis
+  "$root/scripts/install-deps.sh" build demo test analysis fuzz
 
   scratch=$(mktemp -d "${TMPDIR:-/tmp}/qnm-builds.XXXXXX")
   busy=

@@ -66,7 +66,7 @@ print_system() {
   in_debian "$work/debian" -- sh -ec '
     echo "Debian      $(cat /etc/debian_version), $0"
     for name in g++ cmake "libpcap0.8*" "liblog4cxx[0-9]*" tshark python3; do
-      dpkg-query --show --showformat="\${db:Status-Status} \${Package} \${Version}\n" "$name"
+      dpkg-query --show --showformat="\${db:Status-Status} \${Package} \${Version}\n" "$name" || true
     done | sed -n "s/^installed //p" | while read -r name version; do
       printf "%-19s %s\n" "$name" "$version"
     done' "$release"
