@@ -30,7 +30,7 @@ rows=(
   'no-docs|without the manual pages of the library|try_without_docs'
   'subdirectory|add_subdirectory() in another project|try_within subdirectory'
   'fetchcontent|FetchContent in another project|try_within fetchcontent'
-  'blanks|a path with blanks|try_blanks'
+  'blanks|a path with blanks, tests and all|try_blanks'
   'read-only|a source tree that cannot be written|try_read_only'
   'tarball|an exported tarball without git|try_tarball'
 )
@@ -67,6 +67,10 @@ play() {
 install_into() {
   DESTDIR=$1 "${before[@]}" cmake --install "$2" --prefix /usr
   (cd "$1" && find . -type f | sort)
+}
+
+run_tests() {
+  ctest --test-dir "$1" --parallel "$jobs" --no-tests=error --output-on-failure
 }
 
 # expect_none PATTERN BUILD: nothing of what the pattern tells was looked for.
@@ -153,7 +157,7 @@ try_without_tools() {
   configure "$root" build -DQNM_BUILD_TOOLS=OFF
   expect_none "$of_tools" build
   build build
-  ctest --test-dir build --parallel "$jobs" --no-tests=error --output-on-failure
+  run_tests build
 }
 
 try_without_python() {
@@ -213,9 +217,10 @@ END
 try_blanks() {
   local place="$PWD/a place with  blanks"
   copy_sources "$place"
-  configure "$place" "$place/the build" -DCMAKE_BUILD_TYPE=Debug -DBUILD_TESTING=OFF
+  configure "$place" "$place/the build" -DCMAKE_BUILD_TYPE=Debug
   build "$place/the build"
   play "$place/the build"
+  run_tests "$place/the build"
   install_into "$PWD/installed here" "$place/the build"
 }
 

@@ -91,9 +91,9 @@ TEST(current_directory, configures_no_log) {
            "log4j.appender.HOSTILE.Append=false\n"
            "log4j.appender.HOSTILE.File="
         << victim << "\nlog4j.appender.HOSTILE.layout=org.apache.log4j.SimpleLayout\n";
-    const std::string command =
-        "cd " + install.path() + " && exec " PLUGIN_HOST " " QNM_LIBRARY " .";
-    program host({"/bin/sh", "-c", command}, install.path());
+    const std::string command = "cd \"$0\" && exec \"$1\" \"$2\" .";
+    program host({"/bin/sh", "-c", command, install.path(), PLUGIN_HOST, QNM_LIBRARY},
+                 install.path());
     EXPECT_EQ(host.wait(), 0);
     EXPECT_EQ(text_of(victim), "precious\n");
 }

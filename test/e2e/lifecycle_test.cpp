@@ -143,8 +143,8 @@ void expect_first_line(const std::string& program, const std::string& expected) 
     cards->add(lively(card_kind::qnsv, card_speed::g1_10, k_id));
     cards->start();
     const std::string output = install.path() + "/output";
-    FILE* const host =
-        popen((program + " " + install.path() + " >" + output + " 2>&1").c_str(), "w");
+    const std::string command = "'" + program + "' " + install.path() + " >" + output + " 2>&1";
+    FILE* const host = popen(command.c_str(), "w");
     ASSERT_NE(host, nullptr);
     const auto reported = [&] {
         std::ifstream file(output);
