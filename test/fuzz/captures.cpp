@@ -5,9 +5,9 @@
 
 #include <string>
 
-#include "frame_report.h"
+#include "frames/frame_text.h"
 #include "memory_file.h"
-#include "text.h"
+#include "output/text.h"
 
 namespace {
 

@@ -4,11 +4,11 @@
 #include <algorithm>
 #include <string>
 
+#include "access/image.h"
 #include "cardsim.h"
 #include "fuzz.h"
-#include "image.h"
 #include "memory_file.h"
-#include "text.h"
+#include "output/text.h"
 
 namespace {
 

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "common/input_lines.h"
 #include "fuzz.h"
-#include "input_lines.h"
 
 namespace {
 

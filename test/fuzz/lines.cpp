@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "command_line.h"
+#include "cli/command_line.h"
 #include "fuzz.h"
-#include "text.h"
+#include "output/text.h"
 
 namespace qnmctl {
 namespace {

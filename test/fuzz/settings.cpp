@@ -4,9 +4,9 @@
 #include <algorithm>
 #include <string>
 
-#include "config_file.h"
-#include "explain.h"
 #include "fuzz.h"
+#include "installation/config_file.h"
+#include "manager/explain.h"
 #include "memory_file.h"
 
 namespace {

@@ -2,9 +2,9 @@
 #include <algorithm>
 #include <charconv>
 #include <iterator>
-#include <numeric>
 #include <type_traits>
 
+#include "common/nearest.h"
 #include "device.h"
 #include "fields.h"
 
@@ -238,22 +238,6 @@ void set_silent_registers(card& target, std::string_view text) {
     target.faults.silent_registers = std::move(silent);
 }
 
-// Levenshtein distance, one row at a time.
-std::size_t edit_distance(std::string_view a, std::string_view b) {
-    std::vector<std::size_t> row(b.size() + 1);
-    std::iota(row.begin(), row.end(), 0U);
-    for (std::size_t i = 1; i <= a.size(); ++i) {
-        std::size_t diagonal = row[0];
-        row[0] = i;
-        for (std::size_t j = 1; j <= b.size(); ++j) {
-            const std::size_t replaced = diagonal + (a[i - 1] == b[j - 1] ? 0 : 1);
-            diagonal = row[j];
-            row[j] = std::min({row[j] + 1, row[j - 1] + 1, replaced});
-        }
-    }
-    return row[b.size()];
-}
-
 // The value of all digits of `text` in `base`; nothing when there is anything else.
 std::optional<std::uint64_t> parse_digits(std::string_view text, int base) {
     std::uint64_t value = 0;
@@ -326,7 +310,7 @@ std::string unknown_name(std::string_view what, std::string_view name,
                          std::span<const std::string_view> known) {
     const auto nearest =
         std::min_element(known.begin(), known.end(), [&](std::string_view a, std::string_view b) {
-            return edit_distance(name, a) < edit_distance(name, b);
+            return tools::spelling_distance(name, a) < tools::spelling_distance(name, b);
         });
     return "no " + std::string(what) + " " + in_quotes(name) + "; the nearest is " +
            in_quotes(*nearest);

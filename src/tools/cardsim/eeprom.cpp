@@ -10,8 +10,8 @@
 #include <cstring>
 #include <iterator>
 
+#include "common/regular_file.h"
 #include "fields.h"
-#include "regular_file.h"
 
 namespace cardsim {
 

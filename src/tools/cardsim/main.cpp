@@ -13,12 +13,12 @@
 #include <string>
 
 #include "cardsim.h"
-#include "descriptor_writer.h"
-#include "end_signals.h"
-#include "input_lines.h"
+#include "common/descriptor_writer.h"
+#include "common/end_signals.h"
+#include "common/input_lines.h"
+#include "common/standard_files.h"
+#include "common/visible.h"
 #include "man_page.h"
-#include "standard_files.h"
-#include "visible.h"
 
 namespace {
 

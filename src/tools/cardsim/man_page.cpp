@@ -3,8 +3,8 @@
 #include "man_page.h"
 
 #include "cardsim.h"
-#include "man_language.h"
-#include "standard_files.h"
+#include "common/man_language.h"
+#include "common/standard_files.h"
 
 namespace cardsim {
 

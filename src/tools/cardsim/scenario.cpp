@@ -9,10 +9,10 @@
 
 #include <toml++/toml.h>
 
+#include "common/regular_file.h"
 #include "device.h"
 #include "fields.h"
 #include "nesting.h"
-#include "regular_file.h"
 
 namespace cardsim {
 

@@ -1,5 +1,5 @@
 // poll(), then a write that takes what there is room for.
-#include "descriptor_writer.h"
+#include "common/descriptor_writer.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -12,7 +12,7 @@
 #include <climits>
 #include <cstring>
 
-#include "end_signals.h"
+#include "common/end_signals.h"
 
 namespace tools {
 

@@ -1,5 +1,5 @@
 // Signals by signalfd(), waits by poll().
-#include "end_signals.h"
+#include "common/end_signals.h"
 
 #include <poll.h>
 #include <sys/signalfd.h>

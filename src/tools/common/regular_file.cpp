@@ -1,6 +1,6 @@
 // Looked at before it is opened, because opening alone does something to some devices, and once
 // more behind that, because it may have been replaced meanwhile.
-#include "regular_file.h"
+#include "common/regular_file.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -12,7 +12,7 @@
 #include <string>
 #include <variant>
 
-#include "descriptor.h"
+#include "common/descriptor.h"
 
 namespace tools {
 

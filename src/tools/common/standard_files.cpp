@@ -1,5 +1,5 @@
 // A writer for each text: they are few, and standard error may be another file by then.
-#include "standard_files.h"
+#include "common/standard_files.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -8,9 +8,9 @@
 #include <mutex>
 #include <string>
 
-#include "descriptor_writer.h"
-#include "end_signals.h"
-#include "visible.h"
+#include "common/descriptor_writer.h"
+#include "common/end_signals.h"
+#include "common/visible.h"
 
 namespace tools {
 

@@ -1,5 +1,5 @@
 // Character by character, as UTF-8.
-#include "visible.h"
+#include "common/visible.h"
 
 #include <cstdint>
 #include <cstdio>

@@ -4,12 +4,12 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "completion.h"
-#include "listen.h"
-#include "man_page.h"
-#include "report.h"
-#include "start.h"
-#include "text.h"
+#include "cards/card_text.h"
+#include "cli/completion.h"
+#include "cli/man_page.h"
+#include "manager/listen.h"
+#include "manager/start.h"
+#include "output/text.h"
 
 namespace qnmctl {
 
@@ -41,7 +41,8 @@ std::vector<candidate> heard_cards(const context& with, const settings& given) {
     if (given.ports.empty() && !std::filesystem::is_directory(dir_of(given))) return {};
     installation where;
     install_to_look(given, where);
-    context own{.where = where,
+    context own{.verbs = with.verbs,
+                .where = where,
                 .log_level = QNM_LOGLVL_NONE,
                 .out = with.out,
                 .told = with.told,
@@ -76,12 +77,12 @@ int run_complete(context& with, const request& asked) {
             return {};
         }
     };
-    with.told.text(candidates_text(complete(verbs, asked.rest, cards)));
+    with.told.text(candidates_text(complete(with.verbs, asked.rest, cards)));
     return exit_ok;
 }
 
 int run_man_page(context& with, const request&) {
-    with.told.text(man_page(verbs));
+    with.told.text(man_page(with.verbs));
     return exit_ok;
 }
 

@@ -1,8 +1,8 @@
 // The verbs that help to use the command: completion and the manual page.
 #pragma once
 
-#include "command_line.h"
-#include "verbs.h"
+#include "cli/command_line.h"
+#include "manager/context.h"
 
 namespace qnmctl {
 

@@ -8,11 +8,12 @@
 #include <cerrno>
 #include <cstring>
 
-#include "end_signals.h"
-#include "standard_files.h"
-#include "text.h"
+#include "common/end_signals.h"
+#include "common/standard_files.h"
+#include "common/visible.h"
+#include "manager/context.h"
+#include "output/text.h"
 #include "verbs.h"
-#include "visible.h"
 
 namespace {
 
@@ -26,7 +27,8 @@ int open_signals() {
 int run(const qnmctl::command_line& given, qnmctl::writer& told, qnmctl::output& out, int signals) {
     qnmctl::installation where;
     qnmctl::install(given.global, where);
-    qnmctl::context with{.where = where,
+    qnmctl::context with{.verbs = qnmctl::verbs,
+                         .where = where,
                          .log_level = given.global.log_level,
                          .out = out,
                          .told = told,

@@ -5,14 +5,14 @@
 // the rows; a record of a new name belongs into the schema, too.
 #include "verbs.h"
 
-#include "access.h"
-#include "basic_verbs.h"
-#include "device_verbs.h"
-#include "doctor_verb.h"
-#include "frame_verbs.h"
+#include "access/access.h"
+#include "access/verbs.h"
+#include "cards/verbs.h"
+#include "doctor/verb.h"
+#include "frames/verbs.h"
 #include "help_verbs.h"
-#include "report_archive_verb.h"
-#include "top.h"
+#include "report/verb.h"
+#include "top/top.h"
 
 namespace qnmctl {
 

@@ -1,46 +1,12 @@
 // The verbs of the command, in one table that parsing, help and dispatch are fed from.
 #pragma once
 
-#include <memory>
-#include <set>
 #include <span>
 
-#include "changes.h"
-#include "command_line.h"
-#include "installation.h"
-#include "output.h"
-#include "session.h"
-#include "writer.h"
+#include "cli/command_line.h"
 
 namespace qnmctl {
 
 extern const std::span<const verb> verbs;
-
-// Which events are told; what is empty lets all through.
-struct event_filter {
-    selection cards = {};
-    std::vector<std::string> events = {};  // names
-};
-
-// What a verb works with while it runs.
-struct context {
-    const installation& where;  // as named by the operator
-    qnm_log_level_t log_level;
-    output& out;
-    writer& told;  // what is written there
-    int signals;   // readable when the command is to end
-    look how;      // texts on standard output
-
-    installation copy = {};  // of an operator's directory, that the manager runs on
-    std::unique_ptr<session> manager = nullptr;
-    event_filter filter = {};
-    known_cards known = {};
-    std::set<std::uint64_t> stopped = {};  // cards that are not monitored
-    bool quit = false;                     // asked for by a line
-    std::uint64_t told_events = 0;         // since it listens
-
-    // What the manager runs on.
-    const installation& running() const { return where.temporary ? where : copy; }
-};
 
 }  // namespace qnmctl

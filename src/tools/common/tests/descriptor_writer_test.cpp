@@ -1,5 +1,5 @@
 // Writing to pipes, sockets, terminals and files that take nothing, little or all.
-#include "descriptor_writer.h"
+#include "common/descriptor_writer.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -11,7 +11,7 @@
 #include <cstdlib>
 #include <future>
 
-#include "signal_pipe.h"
+#include "common/tests/signal_pipe.h"
 
 namespace tools {
 namespace {

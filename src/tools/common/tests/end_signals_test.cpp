@@ -1,5 +1,5 @@
 // Waits, and the signals that end them.
-#include "end_signals.h"
+#include "common/end_signals.h"
 
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -7,7 +7,7 @@
 #include <csignal>
 #include <thread>
 
-#include "signal_pipe.h"
+#include "common/tests/signal_pipe.h"
 
 namespace tools {
 namespace {

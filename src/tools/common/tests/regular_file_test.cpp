@@ -1,5 +1,5 @@
 // Files that are read, whole or in parts, and those that are not.
-#include "regular_file.h"
+#include "common/regular_file.h"
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -10,7 +10,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "temporary_dir.h"
+#include "common/tests/temporary_dir.h"
 
 namespace tools {
 namespace {

@@ -1,5 +1,5 @@
 // What a terminal would obey, made visible.
-#include "visible.h"
+#include "common/visible.h"
 
 #include <gtest/gtest.h>
 

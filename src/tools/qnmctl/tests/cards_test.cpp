@@ -10,10 +10,10 @@
 #include <thread>
 
 #include "cardsim.h"
-#include "config_file.h"
-#include "program.h"
-#include "standard_files.h"
-#include "text.h"
+#include "common/standard_files.h"
+#include "installation/config_file.h"
+#include "output/text.h"
+#include "tests/program.h"
 
 namespace qnmctl {
 namespace {

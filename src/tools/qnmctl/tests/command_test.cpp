@@ -7,11 +7,11 @@
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
-#include "config_file.h"
-#include "installation.h"
-#include "program.h"
-#include "standard_files.h"
-#include "text.h"
+#include "common/standard_files.h"
+#include "installation/config_file.h"
+#include "installation/installation.h"
+#include "output/text.h"
+#include "tests/program.h"
 #include "verbs.h"
 
 namespace qnmctl {

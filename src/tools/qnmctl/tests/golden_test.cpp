@@ -6,16 +6,17 @@
 #include <ctime>
 #include <fstream>
 
-#include "access_report.h"
-#include "config_file.h"
-#include "doctor_report.h"
-#include "frame_report.h"
-#include "report.h"
-#include "report_archive.h"
-#include "sample_cards.h"
-#include "sample_system.h"
-#include "topology.h"
-#include "written.h"
+#include "access/access_text.h"
+#include "cards/card_text.h"
+#include "cards/topology.h"
+#include "doctor/findings_text.h"
+#include "frames/frame_text.h"
+#include "installation/config_file.h"
+#include "records/event_text.h"
+#include "report/archive.h"
+#include "tests/sample_cards.h"
+#include "tests/sample_system.h"
+#include "tests/written.h"
 
 namespace qnmctl {
 namespace {

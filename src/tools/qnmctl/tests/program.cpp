@@ -1,5 +1,5 @@
 // Programs started, watched and ended.
-#include "program.h"
+#include "tests/program.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -13,7 +13,7 @@
 #include <cstdlib>
 #include <filesystem>
 
-#include "config_file.h"
+#include "installation/config_file.h"
 
 namespace qnmctl {
 

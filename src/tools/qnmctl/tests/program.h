@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "temporary_dir.h"
+#include "common/tests/temporary_dir.h"
 
 namespace qnmctl {
 

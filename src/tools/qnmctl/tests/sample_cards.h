@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <iterator>
 
-#include "fields.h"
+#include "records/fields.h"
 
 namespace qnmctl {
 

@@ -3,7 +3,7 @@
 
 #include <net/if_arp.h>
 
-#include "doctor_system.h"
+#include "doctor/system.h"
 
 namespace qnmctl {
 

@@ -8,7 +8,7 @@
 #include <functional>
 #include <string>
 
-#include "writer.h"
+#include "output/writer.h"
 
 namespace qnmctl {
 

@@ -1,0 +1,70 @@
+// What accesses to cards share: who is meant, how the library is told to retry, and long work that
+// a signal ends.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "access/access_text.h"
+#include "access/work.h"
+#include "cli/command_line.h"
+#include "manager/context.h"
+
+namespace qnmctl {
+
+inline constexpr std::uint32_t eeprom_bytes = 2048;
+
+// The retry parameters for the library's calls. When only one was given, the other one is as
+// configured.
+class retry_param {
+  public:
+    retry_param(const context& with, const access_options& how);
+    const qnm_retry_t* get() const { return given_ ? &*given_ : nullptr; }
+
+  private:
+    std::optional<qnm_retry_t> given_;
+};
+
+// Starts the manager and listens until the cards are known that the request names, or for as long
+// as it takes to hear all of them. Throws error when a signal ends it, or the reader has gone:
+// which cards there are is not known then.
+void start_and_hear(context& with, const request& asked);
+
+// The cards of a request. Throws error when none fits, or the only one is not known.
+std::vector<std::uint64_t> wanted_ids(const request& asked);
+
+// As run_work(), but the command ends after a signal.
+bool run_access_work(context& with, work wanted);
+
+// Where a range of words is read: a call of the library for a few at a time.
+struct dump_source {
+    const char* call;
+    access_scope scope;
+    qnm_api_code_t (*read)(std::uint64_t id, std::uint32_t start, std::uint32_t end,
+                           std::uint32_t* data, std::size_t* length, const qnm_retry_t* retry,
+                           std::uint32_t flags);
+    std::uint32_t step;  // bytes in one call; between calls the command can end
+    const char* label;   // of the progress line
+};
+
+// Why a call failed for a card. A port that another process has is told with the process.
+std::string access_failure(const context& with, std::uint64_t id, const char* call,
+                           access_scope scope, qnm_api_code_t code);
+
+extern const dump_source register_source;
+extern const dump_source eeprom_source;
+
+struct dump_result {
+    dump read;                           // as far as it came
+    std::optional<qnm_api_code_t> code;  // nothing: ended by a signal
+};
+
+dump_result read_dump(context& with, const dump_source& from, const request& asked,
+                      std::uint32_t start, std::uint32_t end);
+
+// Why a dump is not complete. Only for one that is not.
+std::string incomplete_text(const context& with, const dump_source& from, const dump_result& of,
+                            std::uint32_t end);
+
+}  // namespace qnmctl

@@ -1,0 +1,114 @@
+// Makes a card's EEPROM hold what an image file holds.
+//
+// Only words that differ are written, so a restore that was ended or failed is taken up by simply
+// running it again.
+#include <poll.h>
+#include <unistd.h>
+
+#include "access/access.h"
+#include "access/verbs.h"
+#include "common/end_signals.h"
+#include "common/standard_files.h"
+#include "manager/listen.h"
+#include "output/text.h"
+
+namespace qnmctl {
+
+namespace {
+
+// Asked on standard error. Signals come as input, so they are waited for beside the answer.
+bool is_confirmed(const context& with, const std::string& question) {
+    tools::tell(question + " [y/N] ");
+    char answer[64];
+    const bool answered =
+        tools::wait_until_ready(STDIN_FILENO, POLLIN, with.signals) && !is_signalled(with);
+    const ssize_t length = answered ? read(STDIN_FILENO, answer, sizeof answer) : 0;
+    if (length <= 0) tools::tell("\n");
+    return length > 0 && (answer[0] == 'y' || answer[0] == 'Y');
+}
+
+struct restore_result {
+    std::size_t written = 0;
+    std::optional<qnm_api_code_t> code = QNM_API_SUCCESS;  // nothing: ended by a signal
+};
+
+restore_result write_words(context& with, const request& asked,
+                           const std::vector<difference>& changes) {
+    const retry_param retry(with, asked.how);
+    restore_result result;
+    const auto write = [&](std::size_t, work_state& state) {
+        for (const difference& one : changes) {
+            if (state.ending) return;
+            result.code = qnm_write_eeprom(asked.id, one.addr, one.after, retry.get(),
+                                           asked.how.flags | QNM_FLAG_VERIFY);
+            if (result.code != QNM_API_SUCCESS) return;
+            state.steps = ++result.written;
+        }
+    };
+    run_access_work(
+        with, {.label = "eeprom restore", .steps = changes.size(), .run = write, .give_up = {}});
+    const bool ended = result.code == QNM_API_SUCCESS && result.written < changes.size();
+    if (ended) result.code.reset();
+    return result;
+}
+
+void tell_result(context& with, const request& asked, const std::vector<difference>& changes,
+                 const restore_result& result) {
+    const std::string count = std::to_string(result.written);
+    with.told.text(changes.empty() ? "the EEPROM holds the image already\n"
+                                   : "words written and verified: " + count + '\n');
+    with.told.record("restore", {{"id", id_text(asked.id)},
+                                 {"file", asked.file},
+                                 {"differences", difference_json(changes)},
+                                 {"written", result.written},
+                                 {"result", code_json(result.code)}});
+    if (result.code == QNM_API_SUCCESS) return;
+    const std::string reason = result.code ? access_failure(with, asked.id, "qnm_write_eeprom",
+                                                            access_scope::eeprom, *result.code)
+                                           : id_text(asked.id) + ": ended by a signal";
+    tell_failure(with,
+                 reason + "\nOf " + std::to_string(changes.size()) + " words " + count +
+                     " were written. The same command writes the rest.",
+                 result.code);
+}
+
+void check_usage(const request& asked) {
+    if (asked.yes) return;
+    if (asked.form != output_form::text) {
+        throw usage_error("JSON leaves no room for a question\nAdd --yes.");
+    }
+    if (isatty(STDIN_FILENO) != 1) {
+        throw usage_error(
+            "there is no terminal to ask on whether the EEPROM shall be written\nAdd --yes to "
+            "write it without a question.");
+    }
+}
+
+}  // namespace
+
+int run_restore(context& with, const request& asked) {
+    check_usage(asked);
+    const word_list image = read_image(asked.file, eeprom_bytes);
+    const auto end = static_cast<std::uint32_t>(image.size() * word_bytes);
+    start_and_hear(with, asked);
+    wanted_ids(asked);
+    const dump_result before = read_dump(with, eeprom_source, asked, 0, end);
+    if (before.code != QNM_API_SUCCESS) {
+        tell_failure(with,
+                     incomplete_text(with, eeprom_source, before, end) + "\nNothing was written.",
+                     before.code);
+        return status_of(before.code);
+    }
+    const std::vector<difference> changes = differences(before.read.words, image);
+    with.told.text(difference_text(changes));
+    const std::string question = "Write " + std::to_string(changes.size()) +
+                                 " words to the EEPROM of card " + id_text(asked.id) + '?';
+    if (!changes.empty() && !asked.yes && !is_confirmed(with, question)) {
+        throw error("nothing was written");
+    }
+    const restore_result result = write_words(with, asked, changes);
+    tell_result(with, asked, changes, result);
+    return status_of(result.code);
+}
+
+}  // namespace qnmctl

@@ -1,0 +1,98 @@
+// Texts and JSON objects made from the fields of cards.
+#include "cards/card_text.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <iterator>
+#include <string_view>
+
+#include "output/table.h"
+
+namespace qnmctl {
+
+namespace {
+
+std::string trimmed(std::string text) {
+    text.erase(text.find_last_not_of(' ') + 1);
+    return text;
+}
+
+// A column of the table of cards: the field that it shows.
+struct card_column {
+    table_column column;
+    const char* name;
+    const char* key;
+};
+
+constexpr card_column card_columns[] = {
+    {{.heading = "ID", .width = 14}, "id", ""},
+    {{.heading = "TYPE", .width = 5, .spare = 2}, "type", ""},
+    {{.heading = "VLAN", .right = true, .spare = 1}, "vlan_id", ""},
+    {{.heading = "VER", .right = true, .spare = 3}, "ver", ""},
+    {{.heading = "P0M0", .right = true}, "state", "P0M0"},
+    {{.heading = "P0M1", .right = true}, "state", "P0M1"},
+    {{.heading = "P1M0", .right = true}, "state", "P1M0"},
+    {{.heading = "P1M1", .right = true}, "state", "P1M1"},
+    {{.heading = "MODE", .width = 6, .spare = 4}, "vlan_mode", ""},
+    {{.heading = "R-ID", .right = true, .spare = 5}, "mr_resource_num", ""},
+};
+
+std::string cell(const card& of, const field* shown) {
+    if (shown == nullptr) return "-";  // a field that this kind of card does not have
+    if (shown->about != aspect::path) return value_text(*shown);
+    const int port = shown->key[1] - '0';  // "P0M1"
+    const int path = shown->key[3] - '0';
+    return sight_text(path_of(of, port, path));
+}
+
+}  // namespace
+
+json monitored_json(const char* action, std::uint64_t id, qnm_api_code_t code) {
+    return {{"action", action}, {"id", id_text(id)}, {"result", code_name(code)}};
+}
+
+json stats_json(const std::string& text, const std::string& file) {
+    return {{"text", text}, {"file", file.empty() ? json() : json(file)}};
+}
+
+std::string cards_text(const std::vector<card>& cards, const look& how) {
+    table shown{.columns = {{.heading = "KIND"}}};
+    for (const card_column& of : card_columns)
+        shown.columns.push_back(of.column);
+    std::size_t servers = 0;
+    for (const card& one : cards) {
+        servers += std::holds_alternative<qnm_qnsv_t>(one) ? 1U : 0U;
+        const std::vector<field> fields = sections(one).front().fields;
+        std::vector<std::string>& row = shown.rows.emplace_back();
+        row.emplace_back(kind_text(one));
+        for (const card_column& of : card_columns)
+            row.push_back(cell(one, find_field(fields, of.name, of.key)));
+    }
+    return table_text(shown, how) + std::to_string(servers) + " QNSV, " +
+           std::to_string(cards.size() - servers) + " QNIO\n";
+}
+
+std::string card_text(const card& shown, const look& how) {
+    constexpr int title_width = -32;
+    constexpr int name_width = -18;
+    constexpr std::size_t width_with_names = 78;
+    std::string text =
+        in_colour(std::string(kind_text(shown)) + " card " + id_text(common(shown).ecd_id), bold,
+                  how.coloured) +
+        '\n';
+    for (const section& within : sections(shown)) {
+        const std::string title = section_title(within);
+        const bool indented = !title.empty();
+        if (indented) text += in_colour("  " + trimmed(title), bold, how.coloured) + '\n';
+        for (const field& of : within.fields) {
+            const std::string name =
+                of.key == nullptr ? of.name : of.name + (std::string(".") + of.key);
+            text += (indented ? "    " : "  ") + padded(of.title, title_width) + ' ';
+            if (how.width >= width_with_names) text += padded(name, name_width) + ' ';
+            text += value_text(of) + '\n';
+        }
+    }
+    return text;
+}
+
+}  // namespace qnmctl

@@ -1,0 +1,27 @@
+// What the command prints of cards: their table, one card, and what calls about them came to.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "output/output.h"
+#include "output/text.h"
+#include "records/changes.h"
+#include "records/fields.h"
+
+namespace qnmctl {
+
+// What a call for it has come to.
+json monitored_json(const char* action, std::uint64_t id, qnm_api_code_t code);
+
+// A status dump: its text, or the file that it was written to, empty where that is unknown.
+json stats_json(const std::string& text, const std::string& file);
+
+// A heading, a row for every card and a line with their numbers.
+std::string cards_text(const std::vector<card>& cards, const look& how);
+
+// Every field of a card, one a line: title, name, value.
+std::string card_text(const card& shown, const look& how);
+
+}  // namespace qnmctl

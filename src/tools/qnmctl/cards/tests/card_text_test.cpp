@@ -1,0 +1,77 @@
+// The table of cards, and one card.
+#include "cards/card_text.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/sample_cards.h"
+
+namespace qnmctl {
+namespace {
+
+TEST(CardsText, LeavesOutWhatDoesNotFit) {
+    EXPECT_EQ(
+        "KIND ID             TYPE  VLAN P0M0 P0M1 P1M0 P1M1\n"
+        "QNIO 0x020000003000 40G     30    -    -    -    C\n"
+        "0 QNSV, 1 QNIO\n",
+        cards_text({sample_device()}, {.width = 50}));
+    EXPECT_EQ(
+        "KIND ID             P0M0 P0M1 P1M0 P1M1\n"
+        "QNIO 0x020000003000    -    -    -    C\n"
+        "0 QNSV, 1 QNIO\n",
+        cards_text({sample_device()}, {.width = 40}));
+}
+
+TEST(CardText, LeavesOutTheNamesOnANarrowTerminal) {
+    const std::string text = card_text(sample_server(), {.width = 77});
+    EXPECT_NE(std::string::npos, text.find("\n  VLAN ID                          10\n")) << text;
+}
+
+TEST(CardsText, HasARowForEveryCard) {
+    EXPECT_EQ(
+        "KIND ID             TYPE  VLAN VER P0M0 P0M1 P1M0 P1M1 MODE   R-ID\n"
+        "QNSV 0x020000001000 1/10G   10   0    C    -    -    - NORMAL    -\n"
+        "QNIO 0x020000003000 40G     30   1    -    -    -    C NORMAL    7\n"
+        "1 QNSV, 1 QNIO\n",
+        cards_text({sample_server(), sample_device()}, {}));
+}
+
+TEST(CardsText, TellsAPathThatWasLostFromOneNeverHeard) {
+    qnm_qnsv_t record = sample_server();
+    record.esv_com_dev.ecd_state[0][0] = 0;
+    EXPECT_EQ(
+        "KIND ID             P0M0 P0M1 P1M0 P1M1\n"
+        "QNSV 0x020000001000    D    -    -    -\n"
+        "1 QNSV, 0 QNIO\n",
+        cards_text({record}, {.width = 40}));
+}
+
+TEST(CardsText, OfNoCardsHasTheNumbersStill) {
+    EXPECT_EQ(
+        "KIND ID             TYPE  VLAN VER P0M0 P0M1 P1M0 P1M1 MODE   R-ID\n"
+        "0 QNSV, 0 QNIO\n",
+        cards_text({}, {}));
+}
+
+TEST(CardText, HasALineForEveryField) {
+    const std::string text = card_text(sample_server(), {});
+    EXPECT_EQ(0U, text.find("QNSV card 0x020000001000\n"));
+    EXPECT_NE(std::string::npos,
+              text.find("\n  VLAN ID                          vlan_id            10\n"));
+    EXPECT_NE(std::string::npos,
+              text.find("\n  path P0M0                        state.P0M0         connected\n"));
+    EXPECT_NE(std::string::npos, text.find("\n  down port 7\n"));
+    EXPECT_EQ(std::string::npos, text.find("down port 8"));
+}
+
+TEST(CardJson, NestsPathsAndPorts) {
+    const json object = card_json(sample_server());
+    EXPECT_EQ("QNSV", object["kind"]);
+    EXPECT_EQ("0x020000001000", object["id"]);
+    EXPECT_EQ("connected", object["state"]["P0M0"]);
+    EXPECT_EQ(0, object["up_port"]["pri_bus_num"]);
+    EXPECT_EQ(8U, object["down_port"].size());
+    EXPECT_EQ("disconnected", object["down_port"][0]["connection"]);
+}
+
+}  // namespace
+}  // namespace qnmctl

@@ -1,0 +1,243 @@
+// Brings the two sides of each link together.
+#include "cards/topology.h"
+
+#include <algorithm>
+#include <iterator>
+
+#include "output/table.h"
+#include "output/text.h"
+
+namespace qnmctl {
+
+namespace {
+
+constexpr std::uint8_t connected_bit = 0x02;  // of the second status byte, on both sides
+constexpr int ports_1_10g = 8;
+constexpr int ports_40g = 16;
+
+template <std::size_t Size>
+std::uint64_t mac_of(const std::uint8_t (&bytes)[Size]) {
+    std::uint64_t mac = 0;
+    for (const std::uint8_t byte : bytes)
+        mac = mac << 8 | byte;
+    return mac;
+}
+
+// A 40G card has a second MAC address, which differs from its ID in the lowest bit.
+bool is_mac_of(const card& one, std::uint64_t mac) {
+    const qnm_com_dev_t& dev = common(one);
+    return dev.ecd_id == mac || (dev.ecd_type != 0 && dev.ecd_id == (mac & ~std::uint64_t{1}));
+}
+
+template <class Record>
+const card* find_card(const std::vector<card>& cards, std::uint64_t mac) {
+    const auto found = std::find_if(cards.begin(), cards.end(), [&](const card& one) {
+        return std::holds_alternative<Record>(one) && is_mac_of(one, mac);
+    });
+    return found == cards.end() ? nullptr : &*found;
+}
+
+topology_card card_or_mac(const card* known, std::uint64_t mac) {
+    if (known == nullptr) return {.id = mac};
+    return {.id = common(*known).ecd_id, .record = *known};
+}
+
+// The QNSV card that a QNIO card says it is bound to.
+std::optional<std::uint64_t> bound_to(const qnm_qnio_t& device) {
+    if ((device.eio_substate[1] & connected_bit) == 0) return std::nullopt;
+    return mac_of(device.eio_sermacaddr);
+}
+
+// ---- What the QNSV cards report -----------------------------------------------------------------
+
+std::string disagreement_of(const card& server, const card* device) {
+    if (device == nullptr) return "this QNIO card is not heard";
+    const auto& record = std::get<qnm_qnio_t>(*device);
+    const auto bound = bound_to(record);
+    if (!bound) return "the QNIO card reports no QNSV card";
+    if (!is_mac_of(server, *bound)) return "the QNIO card reports QNSV card " + id_text(*bound);
+    return {};
+}
+
+std::vector<topology_link> reported_links(const card& server, const std::vector<card>& cards) {
+    const auto& record = std::get<qnm_qnsv_t>(server);
+    const int ports = common(server).ecd_type == 0 ? ports_1_10g : ports_40g;
+    std::vector<topology_link> links;
+    for (int port = 0; port < ports; ++port) {
+        const qnm_down_port_t& down = record.esv_down_port[port];
+        if ((down.edp_port_status[1] & connected_bit) == 0) continue;
+        const std::uint64_t mac = mac_of(down.edp_io_mac);
+        const card* const device = find_card<qnm_qnio_t>(cards, mac);
+        links.push_back({.device = card_or_mac(device, mac),
+                         .port = port,
+                         .disagreement = disagreement_of(server, device)});
+    }
+    return links;
+}
+
+// ---- What only the QNIO cards report ------------------------------------------------------------
+
+topology_server& server_of(topology& in, std::uint64_t mac) {
+    const auto found =
+        std::find_if(in.servers.begin(), in.servers.end(), [&](const topology_server& one) {
+            return one.server.record ? is_mac_of(*one.server.record, mac) : one.server.id == mac;
+        });
+    if (found != in.servers.end()) return *found;
+    return in.servers.emplace_back(topology_server{.server = {.id = mac}});
+}
+
+bool has_link_to(const topology_server& from, std::uint64_t id) {
+    return std::any_of(from.links.begin(), from.links.end(),
+                       [&](const topology_link& one) { return one.device.id == id; });
+}
+
+bool is_behind_a_port(const topology& in, std::uint64_t id) {
+    return std::any_of(in.servers.begin(), in.servers.end(),
+                       [&](const topology_server& one) { return has_link_to(one, id); });
+}
+
+void add_device(topology& to, const card& device) {
+    const std::uint64_t id = common(device).ecd_id;
+    const auto bound = bound_to(std::get<qnm_qnio_t>(device));
+    if (!bound) {
+        if (!is_behind_a_port(to, id)) to.unbound.push_back(device);
+        return;
+    }
+    topology_server& server = server_of(to, *bound);
+    if (has_link_to(server, id)) return;
+    server.links.push_back({.device = {.id = id, .record = device},
+                            .disagreement = server.server.record
+                                                ? "the QNSV card reports it behind no port"
+                                                : "this QNSV card is not heard"});
+}
+
+// ---- Words --------------------------------------------------------------------------------------
+
+std::string group_of(const topology_card& of) {
+    return of.record ? std::to_string(common(*of.record).ecd_vlan_id) : "";
+}
+
+std::string card_words(const topology_card& of) {
+    if (!of.record) return id_text(of.id) + "  not heard";
+    const bool fast = common(*of.record).ecd_type != 0;
+    return id_text(of.id) + "  " + (fast ? "40G" : "1/10G") + ", VLAN ID " + group_of(of);
+}
+
+std::string port_words(const topology_link& of) {
+    return of.port ? "port " + std::to_string(*of.port) : "no port";
+}
+
+struct tree_signs {
+    const char* more;
+    const char* last;
+};
+
+constexpr tree_signs unicode_signs = {"├─ ", "└─ "};
+constexpr tree_signs plain_signs = {"|- ", "`- "};
+constexpr char red[] = "\033[31m";
+constexpr std::size_t sign_width = 3;
+constexpr std::size_t port_width = sizeof "port 15";
+
+// Where it does not fit, what is wrong has a line of its own.
+std::string link_line(const topology_link& of, const char* sign, const look& how) {
+    std::string line = port_words(of);
+    line.resize(port_width, ' ');
+    line = sign + line + "QNIO " + card_words(of.device);
+    if (of.disagreement.empty()) return line + '\n';
+    const std::string wrong = "! " + of.disagreement;
+    const bool fits = width_of(line) + 2 + wrong.size() <= how.width;
+    line += fits ? "  " : '\n' + std::string(sign_width, ' ');
+    return line + in_colour(wrong, red, how.coloured) + '\n';
+}
+
+json card_head_json(const topology_card& of) {
+    json object = {{"id", id_text(of.id)}, {"heard", of.record.has_value()}};
+    object["group"] = of.record ? json(common(*of.record).ecd_vlan_id) : json();
+    return object;
+}
+
+// ---- Graphviz -----------------------------------------------------------------------------------
+
+std::string node_name(std::uint64_t id) {
+    return '"' + id_text(id) + '"';
+}
+
+std::string node_line(const char* kind, const topology_card& of) {
+    const bool server = std::string_view(kind) == "QNSV";
+    std::string label = std::string(kind) + "\\n" + id_text(of.id);
+    label += of.record ? "\\nVLAN ID " + group_of(of) : "\\nnot heard";
+    return "    " + node_name(of.id) + " [label=\"" + label +
+           "\", shape=" + (server ? "box" : "ellipse") + (of.record ? "" : ", style=dashed") +
+           "];\n";
+}
+
+std::string edge_line(std::uint64_t server, const topology_link& of) {
+    std::string line = "    " + node_name(server) + " -> " + node_name(of.device.id) +
+                       " [label=\"" + port_words(of);
+    if (of.disagreement.empty()) return line + "\"];\n";
+    return line + "\\n" + of.disagreement + "\", color=red, fontcolor=red, style=dashed];\n";
+}
+
+}  // namespace
+
+topology make_topology(const std::vector<card>& cards) {
+    topology made;
+    for (const card& one : cards) {
+        if (!std::holds_alternative<qnm_qnsv_t>(one)) continue;
+        made.servers.push_back({.server = {.id = common(one).ecd_id, .record = one},
+                                .links = reported_links(one, cards)});
+    }
+    for (const card& one : cards) {
+        if (std::holds_alternative<qnm_qnio_t>(one)) add_device(made, one);
+    }
+    return made;
+}
+
+std::string topology_text(const topology& of, const look& how) {
+    const tree_signs& signs = how.unicode ? unicode_signs : plain_signs;
+    std::string text;
+    for (const topology_server& one : of.servers) {
+        text += "QNSV " + card_words(one.server) + '\n';
+        for (const topology_link& link : one.links)
+            text += link_line(link, &link == &one.links.back() ? signs.last : signs.more, how);
+    }
+    if (!of.unbound.empty()) text += "QNIO cards without a QNSV card\n";
+    for (const card& one : of.unbound) {
+        text += &one == &of.unbound.back() ? signs.last : signs.more;
+        text += "QNIO " + card_words({common(one).ecd_id, one}) + '\n';
+    }
+    return text.empty() ? "no cards heard\n" : text;
+}
+
+std::string topology_dot(const topology& of) {
+    std::string text =
+        "digraph topology {\n    rankdir=LR;\n    node [fontname=\"sans-serif\"];\n"
+        "    edge [fontname=\"sans-serif\"];\n";
+    for (const topology_server& one : of.servers) {
+        text += node_line("QNSV", one.server);
+        for (const topology_link& link : one.links)
+            text += node_line("QNIO", link.device) + edge_line(one.server.id, link);
+    }
+    for (const card& one : of.unbound)
+        text += node_line("QNIO", {common(one).ecd_id, one});
+    return text + "}\n";
+}
+
+json server_json(const topology_server& of) {
+    json object = card_head_json(of.server);
+    object["links"] = json::array();
+    for (const topology_link& link : of.links) {
+        json one = {{"port", link.port ? json(*link.port) : json()}};
+        one["qnio"] = card_head_json(link.device);
+        one["agreed"] = link.disagreement.empty();
+        one["disagreement"] = link.disagreement.empty() ? json() : json(link.disagreement);
+        object["links"].push_back(one);
+    }
+    return object;
+}
+
+json unbound_json(const card& of) {
+    return card_head_json({common(of).ecd_id, of});
+}
+
+}  // namespace qnmctl

@@ -1,0 +1,42 @@
+// Completion of command lines in a shell.
+//
+// The script of a shell is short: it asks the command itself, by a hidden verb, what can come next
+// on the line so far. So it never differs from the table of verbs, and card IDs can be those that
+// are heard at that moment.
+#pragma once
+
+#include <functional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "cli/command_line.h"
+
+namespace qnmctl {
+
+struct candidate {
+    std::string word;
+    std::string help;  // may be empty
+};
+
+struct candidates {
+    std::vector<candidate> words = {};
+    bool files = false;        // and names of files, which the shell knows better
+    bool directories = false;  // and names of directories
+};
+
+// The cards that are heard with these settings.
+using card_source = std::function<std::vector<candidate>(const settings&)>;
+
+// What can stand in place of the last of the words, which follow "qnmctl"; the last one may be
+// empty. Cards are looked for where an ID is wanted only.
+candidates complete(std::span<const verb> verbs, const std::vector<std::string>& words,
+                    const card_source& cards);
+
+// A line for each word, its help behind a tab; ":files" and ":directories" for those.
+std::string candidates_text(const candidates& of);
+
+// The script that makes a shell, "bash" or "zsh", ask.
+std::string completion_script(const std::string& shell);
+
+}  // namespace qnmctl

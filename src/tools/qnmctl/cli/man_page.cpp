@@ -1,0 +1,191 @@
+// Writes the tables in the man(7) language.
+#include "cli/man_page.h"
+
+#include <cctype>
+#include <vector>
+
+#include "cli/options.h"
+#include "cli/usage.h"
+#include "common/man_language.h"
+#include "output/text.h"
+
+namespace qnmctl {
+
+namespace {
+
+using man_language::argument;
+using man_language::escaped;
+using man_language::heading;
+using man_language::tagged;
+
+struct entry {
+    const char* title;
+    const char* text;
+};
+
+constexpr char description[] =
+    "runs a manager of libqnm in its own process, on up to two Ethernet interfaces, and tells what "
+    "it learns of the Quillnet adapter cards that announce themselves there. It needs the "
+    "capability CAP_NET_RAW, and nothing else of root's.";
+
+constexpr char output_form_text[] =
+    "With -o text a command writes for people: tables that fit the terminal, and colours where "
+    "standard output is one. With -o jsonl every line is an object, a record, that says by "
+    "\"record\" what it is and by \"schema\" which version of the schema it keeps to. With -o json "
+    "the same records stand in the array \"records\" of one document, which ends with the exit "
+    "status. IDs are strings (\"0x001122334455\"), values are numbers, and a list is an array even "
+    "when it is empty. What fails is told on standard error and is a record, too; only wrong "
+    "usage, "
+    "found before the command runs, is on standard error alone.";
+
+constexpr char surroundings_text[] =
+    "SIGINT, SIGTERM and SIGHUP end every wait: for frames, for input that does not come, and for "
+    "a "
+    "reader that takes nothing. What such a reader has not taken is lost, and standard error says "
+    "so. Configurations and images are regular files, or symbolic links to them, of up to 1 MiB "
+    "and "
+    "of the size of what they are for; anything else is named and refused. Control characters in "
+    "names and texts of others, and bytes that are no UTF-8, are shown as \\x1b, in JSON as it "
+    "escapes them.";
+
+constexpr char logs_text[] =
+    "A manager of qnmctl never runs on the installation that --dir names, but on a copy of its "
+    "qnm.conf, and its logs are its own: appenders of the installation are not used, so what a "
+    "host program logs there is neither added to nor rotated. Copy and logs lie in a folder that "
+    "only this user can look into, one for each run, and are removed at the end. What is left of "
+    "a run that was killed is removed by a later one. --keep-logs keeps the folder and says where "
+    "it is; --log adds the library's log to a file. Then the lines are there that log_level or "
+    "--log-level and the levels of the installation's loggers let through; otherwise warnings and "
+    "errors alone. In the folder each log is renamed to .1 when it is full: qnm.log at 10 MB, "
+    "qnm_stats.log at 100.";
+
+constexpr char places_text[] =
+    "The folder is made where nobody but this user and root can have prepared anything: each "
+    "folder on the way and each link has to belong to one of them and to be closed to others. "
+    "Where that does not hold for XDG_STATE_HOME and HOME, for instance of root with another "
+    "user's HOME, it is made in TMPDIR or /tmp; what is left of a run there stays until the "
+    "system clears it.";
+
+constexpr entry environment[] = {
+    {"NO_COLOR", "When it is set and not empty, nothing is coloured."},
+    {"COLUMNS",
+     "Width that tables have to fit, in place of that of the terminal, when it is a number above "
+     "0. "
+     "Without either there is no limit."},
+    {"TERM", "Kind of the terminal that top draws on."},
+    {"LC_ALL, LC_CTYPE, LANG",
+     "Character set: the first that is set and not empty counts. When it names UTF-8, the tree of "
+     "topology has lines, otherwise ASCII characters."},
+    {"TZ", "Time zone that times are told in."},
+    {"XDG_STATE_HOME, HOME",
+     "Where the folders with logs are made: in $XDG_STATE_HOME/qnmctl or ~/.local/state/qnmctl."},
+    {"TMPDIR", "Where they are made, in place of /tmp, when neither of these can be used."},
+};
+
+constexpr entry files[] = {
+    {"/opt/tarvo/qnm/conf/qnm.conf", "Configuration, where neither --dir nor --ports is given."},
+    {"/opt/tarvo/qnm/conf/qnm_log4c.properties", "Where host programs log to."},
+    {"~/.local/state/qnmctl",
+     "One folder for each run, run.*, and those that --keep-logs has kept, kept.*"},
+    {"/usr/share/qnm/qnmctl.schema.json", "JSON Schema of what -o json and -o jsonl tell."},
+};
+
+std::string tagged(std::span<const entry> entries) {
+    std::string text;
+    for (const entry& one : entries)
+        text += tagged(one.title, one.text);
+    return text;
+}
+
+// ---- The tables ---------------------------------------------------------------------------------
+
+// "-v, --verbose", "--for SECONDS"
+std::string option_term(const option& of) {
+    std::string term = join(names_of(of), ", ");
+    if (of.value != nullptr) term += std::string(" ") + of.value;
+    return term;
+}
+
+std::string verb_section(const verb& of) {
+    std::string text =
+        ".SS " + argument(of.name + words_text(of)) + '\n' + escaped(of.help) + ".\n";
+    if (of.more_help[0] != '\0') text += escaped(of.more_help) + '\n';
+    if ((of.takes & takes_ids) != 0) text += tagged("ID", id_help);
+    for (const option* const row : options_of(of)) {
+        if (row->is_word()) text += tagged(row->names, option_help(*row, of));
+    }
+    for (const operand& wanted : of.operands)
+        text += tagged(operand_text(wanted), wanted.help);
+    for (const option* const row : options_of(of)) {
+        if (!row->is_word()) text += tagged(option_term(*row), option_help(*row, of));
+    }
+    return text;
+}
+
+std::string commands(std::span<const verb> verbs) {
+    std::string text;
+    for (const verb& one : verbs) {
+        if (one.run != nullptr && !one.hidden) text += verb_section(one);
+    }
+    return text;
+}
+
+std::string lines(std::span<const verb> verbs) {
+    std::string text = escaped(
+                           "A running watch, monitor or loglevel takes commands as lines of "
+                           "standard input, on cards already heard:") +
+                       '\n';
+    for (const verb& one : verbs) {
+        if (one.answer != nullptr) text += tagged(one.name + words_text(one), one.help);
+    }
+    return text;
+}
+
+std::string globals() {
+    std::string text = escaped("They stand in front of the command or behind it.") + '\n';
+    for (const option* const row : global_options())
+        text += tagged(option_term(*row), row->help);
+    text += tagged("-h, --help", "Print help and end; behind a command, that of the command");
+    return text + tagged("--version", "Print the version and end");
+}
+
+std::string statuses() {
+    std::string text;
+    for (const status_row& row : exit_statuses())
+        text += tagged(std::to_string(row.status), row.meaning);
+    return text;
+}
+
+std::string example_list() {
+    std::string text;
+    for (const example& one : examples())
+        text += tagged(one.command, one.meaning);
+    return text;
+}
+
+}  // namespace
+
+std::string man_page(std::span<const verb> verbs) {
+    std::string text = ".\\\" Made from the tables of the command; not to be edited.\n";
+    text += ".TH QNMCTL 1 " QNM_TEXTS_DATE " \"libqnm " QNMCTL_VERSION
+            "\" \"User Commands\"\n.nh\n.ad l\n";
+    std::string what = summary;
+    what[0] = static_cast<char>(std::tolower(what[0]));
+    text += heading("NAME") + "qnmctl \\- " + escaped(what) + '\n';
+    text +=
+        heading("SYNOPSIS") + ".B qnmctl\n.RI [ options ]\n.I command\n.RI [ argument .\\|.\\|.]\n";
+    text += heading("DESCRIPTION") + ".B qnmctl\n" + escaped(description) + '\n';
+    text += heading("OPTIONS") + globals();
+    text += heading("COMMANDS") + commands(verbs);
+    text += heading("LINES") + lines(verbs);
+    text += heading("OUTPUT") + escaped(output_form_text) + '\n';
+    text += heading("LOGS") + escaped(logs_text) + "\n.PP\n" + escaped(places_text) + '\n';
+    text += heading("SIGNALS AND FILES OF OTHERS") + escaped(surroundings_text) + '\n';
+    text += heading("EXIT STATUS") + statuses();
+    text += heading("ENVIRONMENT") + tagged(environment);
+    text += heading("FILES") + tagged(files);
+    text += heading("EXAMPLES") + example_list();
+    return text + heading("SEE ALSO") + ".BR qnm (7),\n.BR qnm.conf (5),\n.BR qnm\\-cardsim (1)\n";
+}
+
+}  // namespace qnmctl

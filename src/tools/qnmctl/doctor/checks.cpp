@@ -1,0 +1,454 @@
+// Facts into findings.
+#include "doctor/checks.h"
+
+#include <net/if.h>
+#include <net/if_arp.h>
+#include <sys/timex.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <utility>
+
+#include "common/nearest.h"
+#include "output/foreign_words.h"
+
+namespace qnmctl {
+
+namespace {
+
+// Of those that are there.
+void for_interfaces(const inspected& system,
+                    const std::function<void(const interface_facts&)>& look) {
+    for (const interface_facts& one : system.interfaces) {
+        if (one.error == 0) look(one);
+    }
+}
+
+bool carries_frames(const interface_facts& of) {
+    return of.hardware == ARPHRD_ETHER || of.hardware == ARPHRD_LOOPBACK;
+}
+
+}  // namespace
+
+// ---- The library --------------------------------------------------------------------------------
+
+void check_library(const inspected& system, findings& found) {
+    constexpr char mark[] = ".so.";
+    const std::string& path = system.library.path;
+    const std::size_t at = path.rfind(mark);
+    finding told = {.about = path};
+    if (at == std::string::npos) {
+        told.rank = severity::note;
+        told.text = "the name of the library's file does not tell its version";
+        found.push_back(told);
+        return;
+    }
+    const std::string version = path.substr(at + std::strlen(mark));
+    told.text = "libqnm " + version + ", qnmctl " QNMCTL_VERSION;
+    if (version != QNMCTL_VERSION) {
+        told.rank = severity::warning;
+        told.text += "; they come from different releases";
+        told.remedy =
+            "Install both of the same release, and see that no older libqnm.so is found "
+            "first: ldconfig -p, LD_LIBRARY_PATH.";
+    }
+    found.push_back(told);
+}
+
+// ---- Privileges ---------------------------------------------------------------------------------
+
+namespace {
+
+std::string capability_remedy(const privilege_facts& of) {
+    if (!of.attainable) {
+        return "Start the container or service with the capability NET_RAW (docker run --cap-add "
+               "NET_RAW, CapabilityBoundingSet=).";
+    }
+    return "Run it under sudo, or give it the capability once: sudo setcap cap_net_raw+ep " +
+           of.program;
+}
+
+}  // namespace
+
+void check_privileges(const inspected& system, findings& found) {
+    const privilege_facts& of = system.privileges;
+    finding told = {.text = "CAP_NET_RAW is effective, and raw sockets can be opened"};
+    if (of.socket_error != 0 && of.effective) {
+        told.rank = severity::error;
+        told.text = std::string("CAP_NET_RAW is effective, but no raw socket can be opened: ") +
+                    std::strerror(of.socket_error);
+        told.remedy =
+            "Look for what refuses it: a user namespace without the network, a seccomp "
+            "profile, a security module.";
+    } else if (of.socket_error != 0 || !of.effective) {
+        told.rank = severity::error;
+        told.text = of.permitted ? "CAP_NET_RAW is permitted, but not effective"
+                                 : "CAP_NET_RAW is missing, so no port can be opened";
+        told.remedy = capability_remedy(of);
+    }
+    found.push_back(told);
+    if (!of.root || told.rank != severity::ok) return;
+    found.push_back({.rank = severity::note,
+                     .text = "this is root; CAP_NET_RAW alone would do",
+                     .remedy = "For an ordinary user: sudo setcap cap_net_raw+ep " + of.program});
+}
+
+// ---- Directory ----------------------------------------------------------------------------------
+
+void check_directory(const inspected& system, findings& found) {
+    if (system.temporary) return;
+    const directory_facts& of = system.directory;
+    finding told = {.about = of.name, .text = "is the installation directory"};
+    if (!of.problem.empty()) {
+        told.rank = severity::error;
+        told.text = of.problem;
+        told.remedy = "Name the installation directory by --dir, or the interfaces by --ports.";
+    }
+    found.push_back(told);
+}
+
+// ---- Interfaces ---------------------------------------------------------------------------------
+
+namespace {
+
+finding missing_interface(const interface_facts& of, const std::vector<std::string>& known) {
+    finding told = {.rank = severity::error,
+                    .text = "there is no such interface",
+                    .remedy =
+                        "\"ip link\" lists them; name the right one by ether_port in "
+                        "qnm.conf or by --ports."};
+    const auto meant = tools::nearest_name(of.name, known);
+    if (meant) told.remedy = "Is " + *meant + " meant? " + told.remedy;
+    return told;
+}
+
+finding judge_interface(const interface_facts& of, const std::vector<std::string>& known) {
+    if (of.name.size() >= IFNAMSIZ) {
+        return {.rank = severity::error,
+                .text = "the name is too long; Linux has up to 15 characters",
+                .remedy = "Name the interface by its short name, which \"ip link\" shows."};
+    }
+    if (of.error == ENODEV) return missing_interface(of, known);
+    if (of.error != 0) {
+        return {.rank = severity::error,
+                .text = std::string("cannot be looked at: ") + std::strerror(of.error),
+                .remedy = "\"ip link\" may tell more."};
+    }
+    if (!carries_frames(of)) {
+        return {.rank = severity::error,
+                .text = "is no Ethernet interface",
+                .remedy = "Name an Ethernet interface by ether_port in qnm.conf or by --ports."};
+    }
+    if (!of.up) {
+        return {.rank = severity::error,
+                .text = "is down, so it cannot be opened",
+                .remedy = "Bring it up: sudo ip link set " + of.name + " up"};
+    }
+    if (of.hardware == ARPHRD_LOOPBACK) {
+        return {.rank = severity::note, .text = "is the loopback; there are no cards behind it"};
+    }
+    return {.text = "is an Ethernet interface, and up"};
+}
+
+}  // namespace
+
+void check_interfaces(const inspected& system, findings& found) {
+    for (const interface_facts& one : system.interfaces) {
+        found.push_back(judge_interface(one, system.known_interfaces));
+        found.back().about = printable(one.name);
+    }
+    const auto& all = system.interfaces;
+    if (all.size() < 2 || all[0].name != all[1].name) return;
+    found.push_back({.rank = severity::warning,
+                     .about = printable(all[0].name),
+                     .text = "is named for both ports, so every frame is received twice",
+                     .remedy = "Name two interfaces, or one alone."});
+}
+
+void check_links(const inspected& system, findings& found) {
+    for_interfaces(system, [&](const interface_facts& one) {
+        if (one.link_error != 0) {
+            found.push_back({.rank = severity::error,
+                             .about = one.name,
+                             .text = std::string("does not tell its link: ") +
+                                     std::strerror(one.link_error) + "; it cannot be opened so",
+                             .remedy = "Use an interface whose driver knows ethtool."});
+        } else if (!one.up) {
+            return;  // then it has no link either
+        } else if (!one.link) {
+            found.push_back({.rank = severity::warning,
+                             .about = one.name,
+                             .text = "has no link, so no card can be heard on it",
+                             .remedy = "Check the cable and the far end: ethtool " + one.name});
+        } else {
+            found.push_back({.about = one.name, .text = "has a link"});
+        }
+    });
+}
+
+void check_mtu(const inspected& system, findings& found) {
+    constexpr int longest = 478;  // an announcement behind Ethernet header and VLAN tag
+    for_interfaces(system, [&](const interface_facts& one) {
+        const bool enough = one.mtu >= longest;
+        const std::string need = std::to_string(longest);
+        found.push_back({.rank = enough ? severity::ok : severity::warning,
+                         .about = one.name,
+                         .text = "MTU " + std::to_string(one.mtu) +
+                                 (enough ? ", " : ", too small: ") + need + " are needed",
+                         .remedy = enough ? "" : "sudo ip link set " + one.name + " mtu 1500"});
+    });
+}
+
+// ---- VLAN tags ----------------------------------------------------------------------------------
+
+namespace {
+
+// Every driver that is no VLAN's has another name.
+constexpr char vlan_driver[] = "802.1Q VLAN Support";
+
+finding judge_filter(const interface_facts& of) {
+    if (!of.vlan_filter->on) {
+        return {.text = "rx-vlan-filter is off: frames of every VLAN come in"};
+    }
+    finding told = {.rank = severity::note,
+                    .text =
+                        "rx-vlan-filter is on: frames of VLANs that nobody has set up here may "
+                        "be dropped; most drivers let them in to the library, which asks for "
+                        "all"};
+    told.remedy = of.vlan_filter->fixed ? "If cards are not heard: ip link add link " + of.name +
+                                              " type vlan id N, for the group N of each"
+                                        : "If cards are not heard: sudo ethtool -K " + of.name +
+                                              " rx-vlan-filter off";
+    return told;
+}
+
+}  // namespace
+
+void check_vlan(const inspected& system, findings& found) {
+    for_interfaces(system, [&](const interface_facts& one) {
+        const std::size_t before = found.size();
+        if (one.driver == vlan_driver) {
+            found.push_back({.rank = severity::warning,
+                             .text = "is a VLAN of another interface: frames come without the tag "
+                                     "that the library wants",
+                             .remedy = "Name the interface below it."});
+        }
+        if (one.vlan_offload) {
+            found.push_back({.text = one.vlan_offload->on
+                                         ? "rx-vlan-offload is on: tags are taken off, and libpcap "
+                                           "puts them back"
+                                         : "rx-vlan-offload is off: tags stay in the frames"});
+        }
+        if (one.vlan_filter) found.push_back(judge_filter(one));
+        if (found.size() == before) {
+            found.push_back({.rank = severity::note,
+                             .text = "does not tell how it treats VLAN tags",
+                             .remedy = "If cards are not heard: ethtool -k " + one.name});
+        }
+        for (std::size_t at = before; at < found.size(); ++at)
+            found[at].about = one.name;
+    });
+}
+
+// ---- Capture ------------------------------------------------------------------------------------
+
+namespace {
+
+finding judge_capture(const capture_facts& of, const std::string& name) {
+    if (!of.problem.empty()) {
+        return {.rank = severity::error,
+                .text = "cannot be captured from: " + of.problem,
+                .remedy = "Check the findings about privileges and about this interface."};
+    }
+    if (!of.in_blocks) return {.text = "delivers frames at once"};
+    if (of.immediate) {
+        return {.text = "delivers frames at once, in immediate mode with a buffer of 16 MiB"};
+    }
+    return {.rank = severity::warning,
+            .text = "delivers frames by the block, so an answer can take up to a second",
+            .remedy =
+                "Free memory for a buffer of 16 MiB, and see that libpcap is 1.5 or later; "
+                "try again: qnmctl --ports " +
+                name + " doctor"};
+}
+
+}  // namespace
+
+void check_capture(const inspected& system, findings& found) {
+    found.push_back({.text = system.capture_library});
+    for_interfaces(system, [&](const interface_facts& one) {
+        if (one.capture) {
+            found.push_back(judge_capture(*one.capture, one.name));
+        } else {
+            found.push_back({.rank = severity::note,
+                             .text = "was not opened, because it is down or CAP_NET_RAW is "
+                                     "missing"});
+        }
+        found.back().about = one.name;
+    });
+}
+
+// ---- Access -------------------------------------------------------------------------------------
+
+namespace {
+
+constexpr char hidden_user[] =
+    " the name by which a manager tells that it accesses cards; whether one does cannot be told, "
+    "and before Linux 5.12 two may at once, and get wrong values";
+
+finding judge_user(const interface_facts& one) {
+    const auto& user = one.user;
+    if (!user && one.name_taken) {
+        return {.rank = severity::warning,
+                .text = std::string("a process that does not answer has") + hidden_user,
+                .remedy = "Find out which one has the socket @libqnm.port.INDEX (ss -xlp)."};
+    }
+    if (!user) return {.text = "no process accesses cards by it"};
+    if (user->manager) {
+        return {.rank = severity::note,
+                .text = process_text(*user) +
+                        " accesses cards by it; all others are refused, and can listen",
+                .remedy = "To access cards by another process, stop the manager of that one."};
+    }
+    return {.rank = severity::warning,
+            .text = process_text(*user) + " is no manager and has taken" + hidden_user,
+            .remedy = "Find out what it is for, and end it."};
+}
+
+// An interface that was renamed is another one for whoever goes by its name.
+finding judge_left(const left_behind& one, bool is_port_missing) {
+    if (!one.name.empty()) {
+        return {.rank = is_port_missing ? severity::warning : severity::note,
+                .about = one.name,
+                .text = process_text(one.user) +
+                        " works with this interface, which is none of the ports here",
+                .remedy =
+                    "If it was a port of that process and was renamed, its manager is deaf "
+                    "there: name the interface in its qnm.conf, and start it again."};
+    }
+    const std::string index =
+        one.if_index == 0 ? "" : " (index " + std::to_string(one.if_index) + ')';
+    return {.rank = severity::error,
+            .text = process_text(one.user) + " works with an interface that has gone" + index +
+                    ": it is deaf there, also when one of the same name has come back",
+            .remedy = "Stop its manager and start it again."};
+}
+
+}  // namespace
+
+void check_users(const inspected& system, findings& found) {
+    for_interfaces(system, [&](const interface_facts& one) {
+        found.push_back(judge_user(one));
+        found.back().about = one.name;
+    });
+    const bool is_port_missing =
+        std::any_of(system.interfaces.begin(), system.interfaces.end(),
+                    [](const interface_facts& one) { return one.error == ENODEV; });
+    for (const left_behind& one : system.left)
+        found.push_back(judge_left(one, is_port_missing));
+    if (system.all_users_seen) return;
+    found.push_back({.rank = severity::note,
+                     .text = "not all processes could be looked into, so one that only listens and "
+                             "is deaf may be missing here",
+                     .remedy = "Run it as root, and where all processes can be seen."});
+}
+
+// ---- Clock --------------------------------------------------------------------------------------
+
+namespace {
+
+constexpr std::int64_t ns_per_ms = 1'000'000;
+
+constexpr char clock_remedy[] =
+    "Have the clock slewed and not set: chrony with makestep at the start only.";
+
+std::string look_text(const std::vector<clock_sample>& samples) {
+    const std::int64_t looked = samples.back().after - samples.front().before;
+    return "within the " + std::to_string(looked / ns_per_ms) + " ms that it was looked at";
+}
+
+}  // namespace
+
+// The wall clock is ahead of the monotonic one by something between wall - after and wall - before;
+// where two samples have no value in common, it was set between them.
+std::int64_t clock_step(const std::vector<clock_sample>& samples) {
+    std::int64_t largest = 0;
+    for (std::size_t at = 1; at < samples.size(); ++at) {
+        const clock_sample& old = samples[at - 1];
+        const clock_sample& now = samples[at];
+        const std::int64_t forward = (now.wall - now.after) - (old.wall - old.before);
+        const std::int64_t back = (now.wall - now.before) - (old.wall - old.after);
+        const std::int64_t step = forward > 0 ? forward : std::min<std::int64_t>(back, 0);
+        if (std::abs(step) > std::abs(largest)) largest = step;
+    }
+    return largest;
+}
+
+void check_clock_steps(const inspected& system, findings& found) {
+    const std::vector<clock_sample>& samples = system.clock.samples;
+    if (samples.empty()) return;
+    const std::int64_t step = clock_step(samples);
+    if (std::abs(step) < ns_per_ms) {  // the library counts milliseconds
+        found.push_back({.text = "the clock was not set " + look_text(samples)});
+        return;
+    }
+    found.push_back({.rank = severity::warning,
+                     .text = "the clock was set " + std::string(step > 0 ? "forward" : "back") +
+                             " by " + std::to_string(std::abs(step) / ns_per_ms) + " ms " +
+                             look_text(samples) + "; cards can seem lost, or losses be told late",
+                     .remedy = clock_remedy});
+}
+
+void check_clock_sync(const inspected& system, findings& found) {
+    const clock_facts& of = system.clock;
+    finding told = {.text = "the clock is kept by NTP"};
+    if (of.adjustment < 0) {
+        told.rank = severity::note;
+        told.text = "the kernel does not tell whether the clock is synchronised";
+    } else if (!of.synchronised) {
+        told.rank = severity::note;
+        told.text =
+            "the clock is not synchronised; if somebody sets it, cards can seem lost, or "
+            "losses be told late";
+        told.remedy = "Run chrony or systemd-timesyncd.";
+    } else if (of.adjustment == TIME_INS || of.adjustment == TIME_DEL) {
+        told.rank = severity::note;
+        told.text = "a leap second comes at the end of the day, when the clock is set by a second";
+    }
+    found.push_back(told);
+}
+
+// ---- The dissector ------------------------------------------------------------------------------
+
+namespace {
+
+// Wireshark 4.0 comes with an init.lua that lets root have all plugins; 4.2 is the first without.
+bool keeps_root_from_plugins(const std::string& version) {
+    std::pair<int, int> number;
+    std::sscanf(version.c_str(), "%d.%d", &number.first, &number.second);
+    return number >= std::pair(4, 2);
+}
+
+}  // namespace
+
+void check_dissector(const inspected& system, findings& found) {
+    const dissector_facts& of = system.dissector;
+    if (of.version.empty() || of.folder.empty()) return;  // no tshark, or one that does not tell
+    if (of.for_all) {
+        found.push_back({.text = "tshark " + of.version + " has quillnet.lua in " + of.folder});
+    } else if (keeps_root_from_plugins(of.version)) {
+        found.push_back(
+            {.rank = severity::note,
+             .text = "tshark " + of.version +
+                     " lets root have plugins in Lua from one folder only, and does not "
+                     "say so; quillnet.lua is not there: " +
+                     of.folder,
+             .remedy = "Read captures as an ordinary user, or put quillnet.lua there."});
+    }
+}
+
+}  // namespace qnmctl

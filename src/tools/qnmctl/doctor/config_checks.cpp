@@ -1,0 +1,352 @@
+// Reads a configuration file in the library's way, but goes on behind the first mistake, at which
+// the library ends.
+#include "doctor/config_checks.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <optional>
+#include <string_view>
+#include <utility>
+
+#include "common/nearest.h"
+#include "installation/config_file.h"
+#include "installation/config_keys.h"
+#include "output/foreign_words.h"
+#include "output/text.h"
+
+namespace qnmctl {
+
+namespace {
+
+constexpr std::size_t piece_size = 127;    // of what the library reads as a line
+constexpr std::size_t finding_limit = 50;  // a file that is none would fill the screen
+constexpr char blanks[] = " \t\r\n";
+constexpr char list_blanks[] = " ,\t";
+constexpr std::size_t port_limit = 2;
+
+// What a value is taken for; a number, if it is one.
+struct reading {
+    severity rank = severity::ok;
+    std::string text = {};  // what is wrong, or what it means
+    std::string remedy = {};
+    std::uint32_t number = 0;
+};
+
+struct known_value {
+    int line = 0;
+    std::uint32_t number = 0;
+    bool good = false;
+};
+
+// By key.
+using known_values = std::map<std::string, known_value>;
+
+// What is beyond the limit only counts.
+struct line_findings {
+    std::size_t limit = finding_limit;
+    findings told = {};
+    std::size_t all = 0;
+    bool wrong = false;  // there are errors among all
+};
+
+bool is_full(const line_findings& of) {
+    return of.told.size() >= of.limit;
+}
+
+void add(line_findings& to, finding one) {
+    ++to.all;
+    to.wrong = to.wrong || one.rank == severity::error;
+    if (!is_full(to)) to.told.push_back(std::move(one));
+}
+
+// ---- Values -------------------------------------------------------------------------------------
+
+std::string right_form(const config_key& key) {
+    return std::string("Write ") + key.name + " = VALUE; it can be " + value_text(key) +
+           ", and is " + key.initial + " by default.";
+}
+
+reading wrong_form(const config_key& key, const std::string& value) {
+    return {.rank = severity::error,
+            .text = value.empty() ? "has no value" : in_quotes(value) + " is not understood",
+            .remedy = right_form(key)};
+}
+
+reading out_of_range(const config_key& key, const std::string& value) {
+    return {.rank = severity::error,
+            .text = printable(value) + " is out of range",
+            .remedy = right_form(key)};
+}
+
+reading read_number(const config_key& key, const std::string& word) {
+    const auto number = library_number(word);
+    if (!number || (word[0] == '-' && !key.takes_minus)) return wrong_form(key, word);
+    if (*number < key.least || *number > key.most) return out_of_range(key, word);
+    reading found = {.text = printable(word), .number = *number};
+    const bool octal =
+        word.size() > 1 && word[0] == '0' && *number > 7 && word[1] != 'x' && word[1] != 'X';
+    if (octal) {
+        found.rank = severity::warning;
+        found.text += " is an octal number and means " + std::to_string(*number);
+        found.remedy = "Leave out the 0 in front if the decimal number is meant.";
+    }
+    return found;
+}
+
+reading read_interfaces(const config_key& key, const std::string& value) {
+    constexpr std::size_t name_limit = 256;  // of the library
+    const std::vector<std::string> names = split(value, list_blanks);
+    if (names.empty()) return wrong_form(key, "");
+    for (std::size_t at = 0; at < std::min(names.size(), port_limit); ++at) {
+        if (names[at].size() >= name_limit) return wrong_form(key, names[at]);
+    }
+    if (names.size() <= port_limit) return {.text = printable(join(names, ","))};
+    return {.rank = severity::warning,
+            .text = in_quotes(names[port_limit]) + " is ignored; there are two ports",
+            .remedy = "Name one or two interfaces."};
+}
+
+// A word that is no number ends the list.
+reading read_indexes(const config_key& key, const std::string& value) {
+    constexpr std::size_t longest = 10;
+    std::size_t count = 0;
+    for (const std::string& word : split(value, list_blanks)) {
+        if (count == port_limit) break;
+        if (word[0] == '-' || word.size() > longest) return wrong_form(key, word);
+        char* end = nullptr;
+        std::strtoul(word.c_str(), &end, 0);
+        if (end == word.c_str() || *end != '\0') break;
+        if (!library_number(word)) return wrong_form(key, word);
+        ++count;
+    }
+    if (count == 0) return wrong_form(key, value);
+    return {.text = printable(value)};
+}
+
+reading read_mac(const config_key& key, const std::string& word) {
+    constexpr std::size_t length = 17;
+    unsigned pair[6];
+    if (word.size() != length ||
+        std::sscanf(word.c_str(), "%02x:%02x:%02x:%02x:%02x:%02x", &pair[0], &pair[1], &pair[2],
+                    &pair[3], &pair[4], &pair[5]) != 6) {
+        return wrong_form(key, word);
+    }
+    const bool bytes =
+        std::all_of(std::begin(pair), std::end(pair), [](unsigned one) { return one <= 0xFF; });
+    return bytes ? reading{.text = printable(word)} : out_of_range(key, word);
+}
+
+// What has one word as its value.
+reading read_word(const config_key& key, const std::string& value) {
+    const std::vector<std::string> words = split(value, blanks);
+    if (words.empty()) return wrong_form(key, "");
+    reading found =
+        key.form == value_form::mac ? read_mac(key, words[0]) : read_number(key, words[0]);
+    const bool more = words.size() > 1 && words[1][0] != '#';
+    if (found.rank == severity::ok && more) {
+        found.rank = severity::warning;
+        found.text += " is taken, and what stands behind it is ignored: " + in_quotes(words[1]);
+        found.remedy = "Take it away, or begin it with #.";
+    }
+    return found;
+}
+
+reading read_value(const config_key& key, const std::string& value) {
+    const std::string line = value.substr(0, value.find_first_of("\r\n"));
+    if (key.form == value_form::interfaces) return read_interfaces(key, line);
+    if (key.form == value_form::indexes) return read_indexes(key, line);
+    return read_word(key, value);
+}
+
+// ---- Lines --------------------------------------------------------------------------------------
+
+std::string meaning_of(const config_key& key, const reading& value) {
+    const std::string start = std::string(key.name) + " = " + value.text;
+    return value.rank == severity::ok
+               ? start + " (" + value_text(key) + "; default " + key.initial + ')'
+               : std::string(key.name) + ": " + value.text;
+}
+
+void tell_unknown(const std::string& key, int line, line_findings& found) {
+    constexpr char byte_order_mark[] = "\xEF\xBB\xBF";
+    finding told = {.rank = severity::error, .line = line};
+    if (is_full(found)) return add(found, told);  // looking for what is meant takes long
+    if (key.starts_with('#')) {
+        told.text = "the # is not in the first column, so this is no comment";
+        told.remedy = "Take away the blanks in front of the #.";
+    } else if (key.starts_with(byte_order_mark)) {
+        told.text = "the file begins with a byte order mark, which is read as part of the key";
+        told.remedy = "Save the file as UTF-8 without BOM, or as ASCII.";
+    } else {
+        std::vector<std::string> names;
+        for (const config_key& row : config_keys())
+            names.emplace_back(row.name);
+        const auto meant = tools::nearest_name(key, names);
+        told.text = in_quotes(key) + " is no key";
+        told.remedy = meant ? "Is " + *meant + " meant? Upper and lower case matter."
+                            : "Remove the line, or put a # in front of it.";
+    }
+    add(found, told);
+}
+
+void read_key(known_values& seen, const config_key& key, const std::string& value, int line,
+              line_findings& found) {
+    known_value& known = seen[key.name];
+    if (known.good) {
+        add(found, {.rank = severity::warning,
+                    .line = line,
+                    .text = std::string(key.name) + " is given twice; line " +
+                            std::to_string(known.line) + " counts, this one is ignored",
+                    .remedy = "Remove one of the two."});
+        return;
+    }
+    const reading read = read_value(key, value);
+    known = {.line = line, .number = read.number, .good = read.rank != severity::error};
+    add(found,
+        {.rank = read.rank, .line = line, .text = meaning_of(key, read), .remedy = read.remedy});
+}
+
+// What the library reads at once. It ends at a NUL.
+void read_piece(known_values& seen, std::string_view piece, int line, line_findings& found) {
+    piece = piece.substr(0, piece.find('\0'));
+    if (piece.starts_with('#')) return;
+    const std::size_t equals = std::min(piece.find('='), piece.size());
+    const std::vector<std::string> words = split(piece.substr(0, equals), blanks);
+    if (words.empty()) {
+        if (equals == piece.size()) return;
+        add(found, {.rank = severity::warning,
+                    .line = line,
+                    .text = "there is no key in front of the =, so the line is ignored",
+                    .remedy = "Write it as KEY = VALUE."});
+        return;
+    }
+    const config_key* const key = find_config_key(words[0]);
+    if (key == nullptr) return tell_unknown(words[0], line, found);
+    const std::string value(piece.substr(std::min(equals + 1, piece.size())));
+    read_key(seen, *key, value, line, found);
+}
+
+// Of the pieces behind the first, only whether they do harm is news.
+void read_line(known_values& seen, std::string_view text, int line, line_findings& found) {
+    read_piece(seen, text.substr(0, piece_size), line, found);
+    if (text.size() <= piece_size) return;
+    line_findings further = {.limit = 0};
+    for (std::size_t at = piece_size; at < text.size(); at += piece_size)
+        read_piece(seen, text.substr(at, piece_size), line, further);
+    add(found, {.rank = further.wrong ? severity::error : severity::warning,
+                .line = line,
+                .text = "has " + std::to_string(text.size()) +
+                        " characters, and what is behind the first 127 is read as a line of "
+                        "its own",
+                .remedy = "Break the line; a comment needs a # in front of each part."});
+}
+
+// Both may have their defaults.
+void check_tags(known_values& seen, line_findings& found) {
+    const auto number = [&](const char* name) {
+        const known_value& known = seen[name];
+        return known.good ? known.number : *library_number(find_config_key(name)->initial);
+    };
+    if (number("tag_min") <= number("tag_max")) return;
+    add(found, {.rank = severity::error,
+                .line = std::max(seen["tag_min"].line, seen["tag_max"].line),
+                .text = "tag_min " + std::to_string(number("tag_min")) + " is above tag_max " +
+                        std::to_string(number("tag_max")),
+                .remedy = "Set tag_min to at most tag_max."});
+}
+
+void check_ether_type(known_values& seen, line_findings& found) {
+    constexpr std::uint32_t least = 0x0600;
+    const known_value& known = seen["ether_type"];
+    if (!known.good || known.number >= least) return;
+    add(found, {.rank = severity::warning,
+                .line = known.line,
+                .text = "ether_type " + hex_text(known.number, 4) +
+                        " is the length of a frame, and no Ethernet type",
+                .remedy = "Set it to the cards' own, or leave it out for the default."});
+}
+
+void tell_what_is_left_out(const std::string& file, line_findings& found) {
+    if (found.all <= found.limit) return;
+    const std::string more = std::to_string(found.all - found.limit);
+    found.told.push_back({.rank = found.wrong ? severity::error : severity::note,
+                          .about = file,
+                          .text = "there are " + more + " more findings in this file",
+                          .remedy = found.wrong ? "Is it the right file?" : ""});
+}
+
+std::size_t count_lines(const std::string& text) {
+    const auto ends = static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
+    return ends + (text.empty() || text.back() == '\n' ? 0 : 1);
+}
+
+}  // namespace
+
+void check_config_file(const inspected& system, findings& found) {
+    const file_facts& file = system.config;
+    if (system.temporary) return;  // options have no file
+    finding told = {.about = file.name};
+    switch (file.state) {
+        case file_state::missing:
+            told.rank = severity::note;
+            told.text = "there is no such file, so every key has its default";
+            told.remedy = "To change one, copy the sample conf/qnm.conf there.";
+            break;
+        case file_state::link:
+            told.rank = severity::warning;
+            told.text =
+                "is a symbolic link, which is not followed here, so neither its keys nor the ports "
+                "were looked at";
+            told.remedy = "Put the file itself there.";
+            break;
+        case file_state::no_file:
+            told.rank = severity::error;
+            told.text = "is no regular file; the library takes no notice of it";
+            told.remedy = "Move it away, and copy the sample conf/qnm.conf there.";
+            break;
+        case file_state::unreadable:
+            told.rank = severity::error;
+            told.text = "cannot be read: " + file.problem;
+            told.remedy = "Let the user of the host program read it: chmod, chown.";
+            break;
+        case file_state::readable:
+            told.text = "can be read, " + std::to_string(count_lines(file.text)) + " lines";
+            break;
+    }
+    if (file.size > file.text.size()) {
+        told.rank = severity::warning;
+        told.text = "has " + std::to_string(file.size) + " bytes; only the first " +
+                    std::to_string(file.text.size()) + " were looked at";
+        told.remedy = "Is it the right file?";
+    }
+    found.push_back(told);
+    if (file.text.find('\0') == std::string::npos) return;
+    found.push_back({.rank = severity::warning,
+                     .about = file.name,
+                     .text = "holds NUL bytes, so it is no text",
+                     .remedy = "Save it as ASCII or UTF-8, or copy the sample conf/qnm.conf."});
+}
+
+void check_config_lines(const inspected& system, findings& found) {
+    known_values seen;
+    line_findings own;
+    std::string_view rest = system.config.text;
+    for (int line = 1; !rest.empty() && own.all < 100 * finding_limit; ++line) {
+        const std::size_t end = std::min(rest.find('\n'), rest.size());
+        read_line(seen, rest.substr(0, end), line, own);
+        rest.remove_prefix(std::min(end + 1, rest.size()));
+    }
+    check_tags(seen, own);
+    check_ether_type(seen, own);
+    tell_what_is_left_out(system.config.name, own);
+    for (finding& one : own.told) {
+        one.about = system.temporary ? "--set" : system.config.name;
+        if (system.temporary) one.line = 0;
+        found.push_back(one);
+    }
+}
+
+}  // namespace qnmctl

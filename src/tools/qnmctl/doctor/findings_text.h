@@ -1,0 +1,17 @@
+// Findings in words, for people and for scripts.
+#pragma once
+
+#include <string>
+
+#include "doctor/doctor.h"
+#include "output/output.h"
+#include "output/writer.h"
+
+namespace qnmctl {
+
+// A line for each finding and one for its remedy, then how many there are.
+std::string findings_text(const findings& of, const look& how);
+json finding_json(const finding& of);
+json summary_json(const findings& of);
+
+}  // namespace qnmctl

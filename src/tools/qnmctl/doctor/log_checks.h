@@ -1,0 +1,28 @@
+// Where the library's log lines go: what a properties file says, and what becomes of it.
+#pragma once
+
+#include <span>
+#include <string>
+#include <vector>
+
+#include "doctor/doctor.h"
+
+namespace qnmctl {
+
+// The files that the appenders of the library's loggers write to, each once, by the text of a
+// properties file.
+std::vector<std::string> log_files(const std::string& text);
+
+struct appender_class {
+    const char* name;   // without its packages, in small letters
+    bool wants_layout;  // without one it writes nothing
+};
+
+// Those of log4cxx.
+std::span<const appender_class> known_appender_classes();
+
+void check_properties(const inspected& system, findings& found);
+void check_logs(const inspected& system, findings& found);
+void check_space(const inspected& system, findings& found);
+
+}  // namespace qnmctl

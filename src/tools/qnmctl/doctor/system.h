@@ -1,0 +1,142 @@
+// What the checks are made on: a record of the system as it was found. Tests make it up; for the
+// command the system is read, and nothing of it is changed.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "common/regular_file.h"
+#include "system/port_user.h"
+
+namespace qnmctl {
+
+using tools::file_state;
+
+struct installation;
+
+struct library_facts {
+    std::string path = {};  // of the file in use; empty: it could not be found out
+};
+
+// Whether CAP_NET_RAW is there, and whether it does what it is there for.
+struct privilege_facts {
+    bool root = false;
+    bool effective = false;
+    bool permitted = false;
+    bool attainable = true;    // in the bounding set, so that a program file can bring it
+    int socket_error = 0;      // of opening a raw socket
+    std::string program = {};  // path of the command
+};
+
+struct file_facts {
+    std::string name = {};
+    file_state state = file_state::missing;
+    std::string problem = {};  // why it is unreadable
+    std::uintmax_t size = 0;
+    std::string text = {};  // its beginning, up to text_limit
+};
+
+inline constexpr std::size_t text_limit = std::size_t{1} << 20;
+
+struct directory_facts {
+    std::string name = {};
+    std::string problem = {};  // why it is not there or cannot be used
+};
+
+struct feature {
+    bool on = false;
+    bool fixed = false;  // by the driver
+};
+
+// How frames come from an interface.
+struct capture_facts {
+    std::string problem = {};  // why it cannot be captured from
+    bool in_blocks = false;    // the way in which libpcap opens it
+    bool immediate = false;    // the same in immediate mode delivers frames at once
+};
+
+struct interface_facts {
+    std::string name = {};
+    int error = 0;  // of looking for it
+    bool up = false;
+    int hardware = 0;  // ARPHRD_...
+    int mtu = 0;
+    std::string driver = {};
+    int link_error = 0;
+    bool link = false;
+    std::optional<feature> vlan_offload = {};
+    std::optional<feature> vlan_filter = {};
+    std::optional<capture_facts> capture = {};  // not there: it was not tried
+    std::optional<port_user> user = {};
+    bool name_taken = false;  // by whoever does not answer, where there is no user
+};
+
+// A process that works with an interface which is no port of the configuration.
+struct left_behind {
+    int if_index = 0;       // 0: not known
+    std::string name = {};  // of the interface; empty: it has gone
+    port_user user = {};
+};
+
+// The wall clock, read between two readings of the monotonic one; nanoseconds.
+struct clock_sample {
+    std::int64_t before = 0;
+    std::int64_t wall = 0;
+    std::int64_t after = 0;
+};
+
+struct clock_facts {
+    std::vector<clock_sample> samples = {};
+    int adjustment = -1;  // as adjtimex() tells, TIME_OK and so on; -1: it does not
+    bool synchronised = false;
+};
+
+// Where a log file is to be.
+struct log_place {
+    std::string file = {};
+    std::string problem = {};       // why it cannot be written
+    std::string folder = {};        // which is there, of those above it the nearest
+    bool folder_writable = false;   // for the renaming of old files
+    bool link = false;              // the file's name stands for another one
+    std::uintmax_t free_bytes = 0;  // for this user
+    bool files_can_be_made = true;  // there are inodes left
+};
+
+// Of tshark; it is asked for root only, who may be kept from the dissector.
+struct dissector_facts {
+    std::string version = {};  // as "4.4.6"; empty: it was not asked, or is not there
+    std::string folder = {};   // of the Lua plugins for all users
+    bool for_all = false;      // the dissector is in it
+};
+
+struct inspected {
+    bool temporary = false;  // the configuration comes from options
+    library_facts library = {};
+    privilege_facts privileges = {};
+    directory_facts directory = {};
+    file_facts config = {};
+    file_facts properties = {};
+    std::vector<std::string> known_interfaces = {};
+    std::vector<interface_facts> interfaces = {};  // those of the configuration, in their order
+    std::vector<left_behind> left = {};            // each process once for an interface
+    bool all_users_seen = true;                    // no process was hidden from this user
+    std::string capture_library = {};              // libpcap's name and version
+    clock_facts clock = {};
+    std::vector<log_place> logs = {};  // those of the properties file
+    dissector_facts dissector = {};
+};
+
+inspected inspect_system(const installation& where);
+
+// Parts of it.
+file_facts look_at_file(const std::filesystem::path& name);
+directory_facts look_at_directory(const std::filesystem::path& name);
+log_place look_at_log(const std::string& file);
+interface_facts look_at_interface(const std::string& name);
+dissector_facts look_at_dissector(const std::string& told);  // by tshark, of itself
+
+}  // namespace qnmctl

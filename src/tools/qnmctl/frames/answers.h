@@ -1,0 +1,49 @@
+// Which Completion answers which Register Read, in frames that come one after the other.
+//
+// A manager's tags are its own, so there may be as many as managers have been seen. A manager takes
+// an answer only from the MAC address that it has asked, and none that is addressed to another one:
+// it knows its port's address, here the Register Read tells it. Where no frame tells that a
+// Register Read has been sent, a Completion may answer one from before the capture; that is no
+// fault of it.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+
+#include "frames/frame_reading.h"
+
+namespace qnmctl {
+
+// The Register Read that a Completion answers.
+struct answered_read {
+    std::uint64_t frame;
+    std::int64_t nanoseconds;  // since then
+    std::uint32_t address;
+};
+
+class answers {
+  public:
+    explicit answers(const frame_rules& rules) : rules_(rules) {}
+
+    // Takes the next frame. A Completion that no manager takes gets its reason.
+    std::optional<answered_read> take(frame_reading& of, std::uint64_t frame,
+                                      std::int64_t nanoseconds);
+
+  private:
+    struct waiting_read {
+        std::uint64_t frame;
+        std::int64_t nanoseconds;
+        std::uint64_t card;  // the MAC address that was asked
+        std::uint32_t address;
+        std::uint64_t answer = 0;  // the frame that it came in
+    };
+
+    waiting_read* find_read(const frame_reading& of);
+
+    frame_rules rules_;
+    // By tag, those of each manager by its MAC address: the one sent last.
+    std::map<std::uint8_t, std::map<std::uint64_t, waiting_read>> waiting_ = {};
+};
+
+}  // namespace qnmctl

@@ -1,0 +1,95 @@
+// Captures in files: pcap and pcapng, whatever program and host has written them.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "frames/frame_reading.h"
+
+struct pcap;
+
+namespace qnmctl {
+
+// The interface of each frame of a pcapng file, one after the other. libpcap, which reads the
+// frames, does not tell it. A file of another kind, or one that makes no sense, has none.
+class frame_interfaces {
+  public:
+    // Of a file that can be read at any place; of another descriptor, or -1, there are no names.
+    // The descriptor's own place stays where it is.
+    explicit frame_interfaces(int fd) : fd_(fd) {}
+
+    // Empty where it has no name.
+    std::string next();
+
+  private:
+    std::uint32_t number(const char* bytes, std::size_t size) const;
+    bool read(char* bytes, std::size_t size);
+    bool fill();
+    bool start_section(std::uint32_t& length);
+    void add_interface(const std::string& body);
+    std::string name_of(std::uint32_t index) const;
+
+    int fd_;
+    std::uint64_t at_ = 0;     // in the file
+    std::string buffer_ = {};  // what has been read of it
+    std::uint64_t begin_ = 0;  // of the buffer, in the file
+    bool swapped_ = false;
+    std::vector<std::string> names_ = {};  // those of the section
+};
+
+struct captured_frame {
+    std::uint64_t number;      // from 1
+    std::int64_t nanoseconds;  // since the epoch
+    std::string interface;     // empty: unknown
+    frame_bytes bytes;         // good until the next one
+};
+
+// Closed at the end of its scope, unless it is standard input.
+class capture_descriptor {
+  public:
+    explicit capture_descriptor(const std::string& name);  // "-" is standard input; throws error
+    ~capture_descriptor();
+    capture_descriptor(const capture_descriptor&) = delete;
+    capture_descriptor& operator=(const capture_descriptor&) = delete;
+
+    int fd() const { return fd_; }
+    bool is_regular() const;
+
+  private:
+    int fd_;
+};
+
+class capture_file {
+  public:
+    // "-" is standard input. Throws error when it is no capture of Ethernet frames. `signals` is
+    // that of end_signals.h: it ends every wait, and the capture with it.
+    explicit capture_file(const std::string& name, int signals = -1);
+
+    // Nothing at the end, or when a signal came. Throws error where the file ends within a frame,
+    // or makes no sense.
+    std::optional<captured_frame> next();
+
+  private:
+    struct closing {
+        void operator()(pcap* handle) const;
+    };
+    struct source {
+        int fd;
+        int signals;
+    };
+    static long read_some(void* from, char* bytes, std::size_t size);
+    void open();
+    bool is_signalled() const;
+
+    std::string name_;
+    capture_descriptor file_;
+    source source_;
+    frame_interfaces interfaces_;
+    std::unique_ptr<pcap, closing> handle_;  // reads from the source
+    std::uint64_t number_ = 0;
+};
+
+}  // namespace qnmctl

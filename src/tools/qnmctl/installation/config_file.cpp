@@ -1,0 +1,123 @@
+// Reading of qnm.conf and the properties file by their contents.
+#include "installation/config_file.h"
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <sstream>
+#include <utility>
+#include <variant>
+
+#include "common/regular_file.h"
+#include "output/text.h"
+
+namespace qnmctl {
+
+namespace {
+
+constexpr char blanks[] = " \t\r\n";
+constexpr std::size_t config_size_limit = std::size_t{1024} * 1024;
+
+// A line of a properties file with the given key: what stands behind the "=".
+std::string property(const std::string& properties, const std::string& key) {
+    std::istringstream lines(properties);
+    std::string found;
+    for (std::string line; std::getline(lines, line);) {
+        const std::size_t equals = line.find('=');
+        if (line.starts_with('#') || equals == std::string::npos) continue;
+        const std::vector<std::string> name = split(line.substr(0, equals), blanks);
+        if (name.size() == 1 && name.front() == key) found = line.substr(equals + 1);
+    }
+    const std::size_t start = found.find_first_not_of(blanks);
+    if (start == std::string::npos) return {};
+    return found.substr(start, found.find_last_not_of(blanks) + 1 - start);
+}
+
+// What cannot be opened is told where that matters.
+std::optional<std::string> wrong_file(const std::string& name, const tools::file_contents& read) {
+    const auto* const problem = std::get_if<tools::file_problem>(&read);
+    if (problem == nullptr || !problem->wrong_file) return std::nullopt;
+    return "cannot use " + name + ": " + problem->text;
+}
+
+// "LEVEL, APPENDER"
+std::vector<std::string> logger_parts(const std::string& properties, const std::string& logger) {
+    return split(property(properties, "log4j.logger." + logger), ", ");
+}
+
+}  // namespace
+
+std::optional<config_line> find_key(const std::string& config, std::string_view key) {
+    std::istringstream lines(config);
+    int number = 0;
+    for (std::string line; std::getline(lines, line);) {
+        ++number;
+        if (line.starts_with('#')) continue;
+        const std::size_t equals = std::min(line.find('='), line.size());
+        const std::vector<std::string> words = split(line.substr(0, equals), blanks);
+        if (words.empty() || words.front() != key) continue;
+        return config_line{number, equals < line.size() ? line.substr(equals + 1) : ""};
+    }
+    return std::nullopt;
+}
+
+std::optional<std::uint32_t> library_number(const std::string& word) {
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long value = std::strtoul(word.c_str(), &end, 0);
+    const bool whole = errno == 0 && end != word.c_str() && *end == '\0';
+    if (!whole || value > UINT32_MAX) return std::nullopt;
+    return static_cast<std::uint32_t>(value);
+}
+
+std::uint32_t configured_number(const std::string& config, std::string_view key,
+                                std::uint32_t otherwise) {
+    const auto line = find_key(config, key);
+    if (!line) return otherwise;
+    const std::vector<std::string> words = split(line->value, blanks);
+    const auto value = words.empty() ? std::nullopt : library_number(words.front());
+    return value.value_or(otherwise);
+}
+
+std::vector<std::string> configured_ports(const std::string& config) {
+    constexpr std::size_t port_limit = 2;
+    const auto line = find_key(config, "ether_port");
+    if (!line) return {"eth0", "eth1"};
+    std::vector<std::string> names = split(line->value, ", \t\r\n");
+    if (names.size() > port_limit) names.resize(port_limit);
+    return names;
+}
+
+std::string file_of_logger(const std::string& properties, const std::string& logger) {
+    const std::vector<std::string> parts = logger_parts(properties, logger);
+    if (parts.size() < 2) return {};
+    return property(properties, "log4j.appender." + parts[1] + ".File");
+}
+
+std::string level_of_logger(const std::string& properties, const std::string& logger) {
+    const std::vector<std::string> parts = logger_parts(properties, logger);
+    return parts.empty() ? "" : parts.front();
+}
+
+std::string read_text(const std::string& name) {
+    auto read = tools::read_regular_file(name, SIZE_MAX);
+    auto* const contents = std::get_if<std::string>(&read);
+    return contents != nullptr ? std::move(*contents) : std::string();
+}
+
+std::string read_config(const std::string& name) {
+    return config_text_of(tools::open_regular(name, tools::links::followed));
+}
+
+std::string config_text_of(const tools::opened_file& file) {
+    auto read = tools::contents_of(file, config_size_limit);
+    if (const auto wrong = wrong_file(file.name, read)) throw error(*wrong);
+    auto* const contents = std::get_if<std::string>(&read);
+    return contents != nullptr ? std::move(*contents) : std::string();
+}
+
+std::optional<std::string> wrong_config(const std::string& name) {
+    return wrong_file(name, tools::read_regular_file(name, config_size_limit));
+}
+
+}  // namespace qnmctl

@@ -1,0 +1,218 @@
+// Makes the private folder and writes its two files.
+#include "installation/installation.h"
+
+#include <fcntl.h>
+#include <net/if.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <system_error>
+
+#include "common/regular_file.h"
+#include "common/standard_files.h"
+#include "common/visible.h"
+#include "installation/config_file.h"
+#include "output/text.h"
+
+namespace qnmctl {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr std::size_t port_limit = 2;
+constexpr std::size_t line_limit = 127;  // a longer line would be read as two
+constexpr char port_key[] = "ether_port";
+
+// Nobody reads the periodic dumps of a temporary directory; the longest interval keeps it small.
+constexpr char stats_interval_key[] = "stats_interval";
+constexpr char longest_stats_interval[] = "2592000";
+
+std::string key_of(const std::string& setting) {
+    return setting.substr(0, setting.find('='));
+}
+
+std::optional<std::string> wrong_ports(const settings& given) {
+    if (given.ports.size() > port_limit) return "--ports: at most two interfaces";
+    for (const std::string& name : given.ports) {
+        if (name.size() >= IFNAMSIZ) {
+            return "--ports: \"" + name +
+                   "\" is too long; interface names have up to 15 characters";
+        }
+        if (name.find_first_of(" \t\r\n/") != std::string::npos) {
+            return "--ports: \"" + name + "\" is no interface name";
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string> wrong_key(const std::string& setting, std::set<std::string>& seen) {
+    const std::string key = key_of(setting);
+    if (key.size() == setting.size() || key.empty()) {
+        return "--set: \"" + setting + "\" is not KEY=VALUE";
+    }
+    if (setting.find_first_of("\r\n") != std::string::npos || setting.size() > line_limit) {
+        return "--set: " + key + ": the setting has to be one line of at most 127 characters";
+    }
+    if (key == port_key) return "--set: ether_port: name the interfaces by --ports";
+    if (!seen.insert(key).second) return "--set: " + key + " is given twice";
+    return std::nullopt;
+}
+
+// log4cxx reads a backslash as an escape.
+std::string escaped(const std::string& path) {
+    std::string text;
+    for (const char c : path) {
+        if (c == '\\') text += '\\';
+        text += c;
+    }
+    return text;
+}
+
+// A file and the layout of its lines. In a folder that nobody looks after it does not grow for
+// ever.
+std::string appender_text(const char* name, const fs::path& file, const char* pattern,
+                          const char* largest) {
+    const std::string key = std::string("log4j.appender.") + name;
+    const bool rolls = largest[0] != '\0';
+    std::string text =
+        key + "=org.apache.log4j." + (rolls ? "RollingFileAppender\n" : "FileAppender\n");
+    if (rolls) text += key + ".MaxFileSize=" + largest + '\n' + key + ".MaxBackupIndex=1\n";
+    return text + key + ".File=" + escaped(file) + '\n' + key + ".Append=true\n" + key +
+           ".ImmediateFlush=true\n" + key + ".layout=org.apache.log4j.PatternLayout\n" + key +
+           ".layout.ConversionPattern=" + pattern + '\n';
+}
+
+std::string logger_text(const char* name, const std::string& level, const char* appender) {
+    return std::string("log4j.logger.") + name + "=" + level + ", " + appender +
+           "\nlog4j.additivity." + name + "=false\n";
+}
+
+void write_file(const fs::path& name, const std::string& text) {
+    std::ofstream file(name);
+    file << text;
+    file.close();
+    if (!file) throw error("cannot write " + name.string() + ": " + std::strerror(errno));
+}
+
+// log4cxx complains of a file it cannot write, and goes on without a log. A FIFO would hold up the
+// manager, and its end, while nobody reads it. A name that the properties cannot have would be that
+// of another file.
+void check_writable(const fs::path& log) {
+    if (!is_plain_name(log)) {
+        throw error("--log: " + tools::visible_line(log.string()) +
+                    ": a log's name can have neither ${ nor control characters");
+    }
+    std::error_code ignored;
+    if (fs::is_fifo(log, ignored))
+        throw error("cannot write the log " + log.string() + ": it is a FIFO");
+    const int fd =
+        open(log.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666);
+    if (fd < 0) throw error("cannot write the log " + log.string() + ": " + std::strerror(errno));
+    close(fd);
+}
+
+void make_private(installation& made) {
+    const wanted_logs& wanted = made.wanted;
+    made.temporary.emplace(wanted.folder);
+    made.dir = made.temporary->path();
+    made.log = wanted.file.empty() ? made.dir / "qnm.log" : wanted.file;
+    made.before = log_mark(made.log);
+    made.stats = made.dir / "qnm_stats.log";
+    if (wanted.folder == at_the_end::kept) {
+        tools::tell(message_text("the logs are kept in " + made.dir.string()));
+    }
+    std::error_code problem;
+    fs::create_directory(made.dir / "conf", problem);
+    if (problem) throw error("cannot make " + made.dir.string() + "/conf: " + problem.message());
+}
+
+// What the command itself reads of a log that nobody else sees.
+const logger_levels quiet = {.log = "WARN", .syslog = "WARN"};
+
+// Of a file that may be missing. The library follows every link; the lines that are wrong are
+// quoted here, though, and a report hands them on, so those of another user are not followed.
+std::optional<std::string> file_text(const fs::path& name) {
+    const tools::opened_file file = open_by_own_links(name, tools::links::followed);
+    const bool refused =
+        file.state == tools::file_state::unreadable || file.state == tools::file_state::link;
+    if (file.state == tools::file_state::missing) return std::nullopt;
+    if (refused) throw error(tools::refusal_text(file));
+    return config_text_of(file);
+}
+
+}  // namespace
+
+std::optional<std::string> wrong_settings(const settings& given) {
+    if (auto wrong = wrong_ports(given)) return wrong;
+    std::set<std::string> seen;
+    for (const std::string& setting : given.keys) {
+        if (auto wrong = wrong_key(setting, seen)) return wrong;
+    }
+    return std::nullopt;
+}
+
+std::string config_text(const settings& given) {
+    std::string text = std::string(port_key) + '=' + join(given.ports, ",") + '\n';
+    for (const std::string& setting : given.keys)
+        text += setting + '\n';
+    // A key counts where it stands first, so the operator's own value wins.
+    return text + stats_interval_key + '=' + longest_stats_interval + '\n';
+}
+
+// One that would hide why a start failed is not taken.
+logger_levels levels_of(const std::string& properties) {
+    const auto level = [&](const char* logger) {
+        constexpr const char* known[] = {"ERROR", "WARN", "INFO", "DEBUG", "TRACE", "ALL"};
+        constexpr const char* hiding[] = {"OFF", "FATAL"};
+        const std::string word = level_of_logger(properties, logger);
+        if (std::find(std::begin(hiding), std::end(hiding), word) != std::end(hiding))
+            return std::string(known[0]);
+        const bool is_known =
+            std::find(std::begin(known), std::end(known), word) != std::end(known);
+        return is_known ? word : std::string("ALL");
+    };
+    return {.log = level("logfile"), .syslog = level("syslogfile")};
+}
+
+std::string properties_text(const installation& of, const logger_levels& levels) {
+    const char* const largest = of.wanted.file.empty() ? "10MB" : "";
+    return appender_text("LOG", of.log, "%d{ISO8601} %-5p %m%n", largest) +
+           appender_text("STATS", of.stats, "%m%n", "100MB") +
+           logger_text("logfile", levels.log, "LOG") +
+           logger_text("syslogfile", levels.syslog, "LOG") +
+           logger_text("statslogfile", "ALL", "STATS");
+}
+
+void install(const settings& given, installation& made) {
+    if (given.keep_logs) made.wanted.folder = at_the_end::kept;
+    if (!given.log.empty()) {
+        made.wanted.file = fs::absolute(given.log);
+        check_writable(made.wanted.file);
+    }
+    if (given.ports.empty()) {
+        made.dir = given.dir.empty() ? default_dir : given.dir;
+        return;
+    }
+    make_private(made);
+    write_file(made.config(), config_text(given));
+    write_file(made.properties(),
+               properties_text(made, made.wanted.any() ? logger_levels{} : quiet));
+}
+
+void install_copy(const installation& original, installation& made) {
+    const auto config = file_text(original.config());
+    const auto properties = file_text(original.properties());
+    made.wanted = original.wanted;
+    make_private(made);
+    if (config) write_file(made.config(), *config);
+    const logger_levels levels = made.wanted.any() ? levels_of(properties.value_or("")) : quiet;
+    write_file(made.properties(), properties_text(made, levels));
+}
+
+}  // namespace qnmctl

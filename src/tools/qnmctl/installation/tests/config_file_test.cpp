@@ -1,0 +1,55 @@
+// Places in the two configuration files.
+#include "installation/config_file.h"
+
+#include <gtest/gtest.h>
+
+namespace qnmctl {
+namespace {
+
+using names = std::vector<std::string>;
+
+TEST(FindKey, TakesTheFirstLineOfTheKey) {
+    const auto line = find_key("# tag_max = 1\n\n tag_max = 2\ntag_max = 3\n", "tag_max");
+    ASSERT_TRUE(line);
+    EXPECT_EQ(3, line->number);
+    EXPECT_EQ(" 2", line->value);
+}
+
+TEST(FindKey, FindsAnIndentedHashAndAKeyWithoutAValue) {
+    EXPECT_EQ(1, find_key("  # note\n", "#")->number);
+    EXPECT_EQ("", find_key("tag_max\n", "tag_max")->value);
+    EXPECT_FALSE(find_key("tag_maximum = 1\n", "tag_max"));
+}
+
+TEST(ConfiguredNumber, IsReadAsByTheLibrary) {
+    EXPECT_EQ(10000U, configured_number("key = 10000 ms\n", "key", 1));
+    EXPECT_EQ(4096U, configured_number("key = 010000\n", "key", 1));
+    EXPECT_EQ(4096U, configured_number("key=0x1000\r\n", "key", 1));
+    for (const char* const none : {"", "key\n", "key = \n", "key = 0b1\n", "key = 08\n",
+                                   "key = 4294967296\n", "key = 99999999999999999999\n"})
+        EXPECT_EQ(1U, configured_number(none, "key", 1)) << none;
+}
+
+TEST(ConfiguredPorts, AreTheOnesNamedOrTheDefaults) {
+    EXPECT_EQ((names{"eth0", "eth1"}), configured_ports(""));
+    EXPECT_EQ((names{"qnm0"}), configured_ports("ether_port = qnm0\r\n"));
+    EXPECT_EQ((names{"a", "b"}), configured_ports("ether_port=a,\tb c\n"));
+}
+
+constexpr char properties[] =
+    "# log4j.logger.statslogfile=ALL, NONE\n"
+    "log4j.logger.statslogfile = ALL, STATS\r\n"
+    "log4j.appender.STATS=org.apache.log4j.RollingFileAppender\r\n"
+    "log4j.appender.STATS.File = /var/log/with blank/stats.log\r\n";
+
+TEST(FileOfLogger, FollowsTheLoggersAppender) {
+    EXPECT_EQ("/var/log/with blank/stats.log", file_of_logger(properties, "statslogfile"));
+}
+
+TEST(FileOfLogger, IsEmptyWhereNoneIsNamed) {
+    EXPECT_EQ("", file_of_logger(properties, "logfile"));
+    EXPECT_EQ("", file_of_logger("log4j.logger.logfile=ALL, A\n", "logfile"));
+}
+
+}  // namespace
+}  // namespace qnmctl

@@ -1,0 +1,44 @@
+// What verbs share while the manager runs: starting it, waiting, and printing.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "cli/command_line.h"
+#include "manager/context.h"
+
+namespace qnmctl {
+
+// How long to listen, and what to do meanwhile.
+struct listening {
+    double seconds = 0;                      // 0: without limit
+    std::uint64_t count = 0;                 // events told; 0: without limit
+    bool tells = false;                      // events are printed
+    bool takes_lines = false;                // from standard input
+    std::function<bool()> enough = nullptr;  // asked after each batch of events
+};
+
+void start(context& with);
+
+// Until time, number, signal, "quit" or the end of the reader. Throws error when the manager ends.
+void listen(context& with, const listening& how);
+
+// Listens, tells the events and answers lines, as long as was asked for.
+void listen_and_tell(context& with, const request& asked);
+
+// Tells that the monitoring of a card was stopped or restarted just now; an event like others.
+void tell_monitor(context& with, std::uint64_t id, bool restarted);
+
+// Throws error when the manager has ended by itself.
+void check_running(const context& with);
+
+// Whether a signal waits to be obeyed.
+bool is_signalled(const context& with);
+
+// What went wrong with a part of what was asked; the rest goes on.
+void tell_failure(context& with, const std::string& text,
+                  std::optional<qnm_api_code_t> code = std::nullopt);
+
+}  // namespace qnmctl

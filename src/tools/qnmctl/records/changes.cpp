@@ -1,0 +1,109 @@
+// The comparison of records, by the rows of their fields.
+#include "records/changes.h"
+
+#include <iterator>
+#include <optional>
+
+#include "output/text.h"
+
+namespace qnmctl {
+
+namespace {
+
+// What an event is about, indexed by qnm_evt_type_t; nothing: every field.
+constexpr std::optional<aspect> abouts[] = {
+    std::nullopt,         std::nullopt,       aspect::connection,
+    aspect::error_vector, aspect::link_fault, aspect::path,
+};
+static_assert(std::size(abouts) == QNM_EVT_MAX);
+
+std::string full_name(const section& in, const field& of) {
+    std::string name = in.name;
+    if (in.index >= 0) name += '[' + std::to_string(in.index) + ']';
+    if (!name.empty()) name += '.';
+    name += of.name;
+    if (of.key != nullptr) name += std::string(".") + of.key;
+    return name;
+}
+
+// Both cards are of the same kind, so their sections and fields stand in the same order.
+std::vector<change> compare(const card& before, const card& after, std::optional<aspect> about) {
+    const std::vector<section> old_sections = all_sections(before);
+    const std::vector<section> new_sections = all_sections(after);
+    std::vector<change> found;
+    for (std::size_t in = 0; in < new_sections.size(); ++in) {
+        const section& within = new_sections[in];
+        for (std::size_t at = 0; at < within.fields.size(); ++at) {
+            const field& was = old_sections[in].fields[at];
+            const field& is = within.fields[at];
+            if (about && is.about != *about) continue;
+            if (((was.value ^ is.value) & is.compared) == 0) continue;
+            found.push_back({section_title(within), full_name(within, is), was, is, {}});
+        }
+    }
+    return found;
+}
+
+// A record that was ahead of the event before has told this one's change with it, and why.
+reason reason_of_no_change(watch_facts& facts, const told_card& last_told, const card& now) {
+    if (is_restarted(facts, now)) return {.why = cause::restarted};
+    const bool ahead = common(last_told.record).ecd_updatetime == common(now).ecd_updatetime;
+    return ahead ? last_told.why : reason{};
+}
+
+}  // namespace
+
+told_change tell(known_cards& known, qnm_evt_type_t type, const card& now) {
+    const auto [at, added] = known.last_told.try_emplace(common(now).ecd_id);
+    told_card& last_told = at->second[type];
+    const bool first =
+        added || type == QNM_EVT_NEWDEVINFO || last_told.record.index() != now.index();
+    if (first) {
+        at->second.fill({now});
+        return {.first = true, .changes = {}};
+    }
+    told_change told{.changes = compare(last_told.record, now, abouts[type])};
+    for (change& one : told.changes)
+        one.why = find_reason(known.facts, now, one.before, one.after);
+    told.why = told.changes.empty() ? reason_of_no_change(known.facts, last_told, now)
+                                    : told.changes.back().why;
+    last_told = {now, told.why};
+    return told;
+}
+
+std::optional<card> told_before(const known_cards& known, std::uint64_t id) {
+    const auto found = known.last_told.find(id);
+    if (found == known.last_told.end()) return std::nullopt;
+    return found->second[QNM_EVT_UPDATEDEVINFO].record;
+}
+
+std::string change_text(const change& told) {
+    return told.section_title + told.after.title + ' ' + value_text(told.before) + " -> " +
+           value_text(told.after);
+}
+
+std::string changes_text(const std::vector<change>& all) {
+    std::string text;
+    for (std::size_t at = 0; at < all.size(); ++at) {
+        if (at > 0) text += ", ";
+        text += change_text(all[at]);
+        const bool last = at + 1 == all.size() || all[at + 1].why != all[at].why;
+        if (last) text += " (" + reason_text(all[at].why) + ')';
+    }
+    return text;
+}
+
+std::string present_text(qnm_evt_type_t type, const card& now) {
+    const std::optional<aspect> about = abouts[type];
+    if (!about) return "nothing further changed";
+    std::vector<std::string> parts;
+    for (const section& within : sections(now)) {
+        for (const field& shown : within.fields) {
+            if (shown.about != *about || shown.value == 0) continue;
+            parts.push_back(section_title(within) + shown.title + ' ' + value_text(shown));
+        }
+    }
+    return "now: " + (parts.empty() ? std::string("none") : join(parts, ", "));
+}
+
+}  // namespace qnmctl

@@ -1,0 +1,65 @@
+// What an event means: the differences between a card's record now and when it was last told.
+//
+// The library's events carry a card ID only, and one frame can raise several of them. So that each
+// line tells what it is about, every event type has its own last told record of a card: an update
+// is compared in all fields, a channel event in the paths, and so on.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "records/fields.h"
+#include "records/reason.h"
+
+namespace qnmctl {
+
+// The name of what watch tells of its own accord: that the operator has stopped or restarted the
+// monitoring of a card.
+inline constexpr char monitor_event[] = "MONITOR";
+
+struct change {
+    std::string section_title;
+    std::string name;  // "vlan_id", "state.P0M0", "down_port[3].io_mac"
+    field before;
+    field after;
+    reason why = {};
+};
+
+struct told_change {
+    bool first = false;  // the card was not known here before, or is told as new: by announcement
+    std::vector<change> changes;
+    reason why = {};  // of the event, even where it changes nothing
+};
+
+// A card as it was told by the last event of a type.
+struct told_card {
+    card record;
+    reason why = {};  // of that event
+};
+
+struct known_cards {
+    std::map<std::uint64_t, std::array<told_card, QNM_EVT_MAX>> last_told = {};
+    watch_facts facts = {};
+};
+
+// What the event changed, and remembers the record as told.
+told_change tell(known_cards& known, qnm_evt_type_t type, const card& now);
+
+// The record that an update was compared with last, in all fields; nothing of a card not told yet.
+std::optional<card> told_before(const known_cards& known, std::uint64_t id);
+
+// "VLAN ID 10 -> 11", "path P1M0 disconnected -> connected"; without why.
+std::string change_text(const change& told);
+
+// All of them, each with its reason, which is said once for neighbours that have the same.
+std::string changes_text(const std::vector<change>& all);
+
+// What an event says when nothing differs from what was told before, since a record is read after
+// the event arose and can be ahead of it: the present state of what the event is about.
+std::string present_text(qnm_evt_type_t type, const card& now);
+
+}  // namespace qnmctl

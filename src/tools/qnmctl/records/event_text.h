@@ -1,0 +1,40 @@
+// Events in words: a line for people and an object for scripts.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "output/text.h"
+#include "qnm.h"
+#include "records/changes.h"
+#include "records/fields.h"
+
+namespace qnmctl {
+
+// An event as the library's event thread saw it. The card can be gone again by then.
+struct observed {
+    wall_time when;
+    qnm_evt_type_t type = QNM_EVT_NEWDEVINFO;
+    std::uint64_t id = 0;
+    std::optional<card> record;
+};
+
+// One line without its end. `told` is what tell() made of the event; nothing of a card that is
+// gone.
+std::string event_line(const observed& seen, const told_change& told, bool coloured);
+json event_json(const observed& seen, const told_change& told);
+
+// The operator has stopped or restarted the monitoring of a card, which may be unknown.
+struct monitor_change {
+    wall_time when;
+    std::uint64_t id = 0;
+    std::optional<card> record;
+    bool was_on = true;
+    bool restarted = false;
+};
+
+std::string monitor_line(const monitor_change& of, bool coloured);
+json monitor_json(const monitor_change& of);
+
+}  // namespace qnmctl

@@ -1,0 +1,64 @@
+// Causes by the times in a record.
+#include "records/reason.h"
+
+#include <algorithm>
+#include <iterator>
+
+namespace qnmctl {
+
+namespace {
+
+// Indexed by cause, as JSON has them.
+constexpr const char* cause_words[] = {"announced", "expired", "link_down", "stopped", "restarted"};
+
+std::uint64_t last_heard(const card& of) {
+    const auto& times = common(of).ecd_recvtime;
+    return *std::max_element(&times[0][0], &times[0][0] + 4);
+}
+
+}  // namespace
+
+std::string reason_text(const reason& of) {
+    switch (of.why) {
+        case cause::expired:
+            return "expired after " + std::to_string(of.silent_ms) + " ms";
+        case cause::link_down:
+            return "link down on port " + std::to_string(of.port);
+        default:
+            return cause_words[static_cast<std::size_t>(of.why)];
+    }
+}
+
+json reason_json(const reason& of) {
+    json object = {{"reason", cause_words[static_cast<std::size_t>(of.why)]}};
+    if (of.why == cause::expired) object["silent_ms"] = of.silent_ms;
+    if (of.why == cause::link_down) object["port"] = of.port;
+    return object;
+}
+
+bool is_restarted(watch_facts& facts, const card& now) {
+    const auto found = facts.restarted.find(common(now).ecd_id);
+    if (found == facts.restarted.end()) return false;
+    watch_facts::restart& known = found->second;
+    const std::uint64_t heard = last_heard(now);
+    if (heard < known.when) return false;
+    if (known.first_heard == 0) known.first_heard = heard;
+    if (known.first_heard == heard) return true;
+    facts.restarted.erase(found);
+    return false;
+}
+
+reason find_reason(watch_facts& facts, const card& now, const field& before, const field& after) {
+    if (is_restarted(facts, now)) return {.why = cause::restarted};
+    const bool lost = after.about == aspect::path && before.value != 0 && after.value == 0;
+    if (!lost) return {};
+    const int port = after.key[1] - '0';  // "P0M1"
+    const int path = after.key[3] - '0';
+    const qnm_com_dev_t& dev = common(now);
+    const std::uint64_t heard = dev.ecd_recvtime[port][path];
+    const std::uint64_t silent = dev.ecd_updatetime < heard ? 0 : dev.ecd_updatetime - heard;
+    if (silent < facts.expire_ms) return {.why = cause::link_down, .port = port};
+    return {.why = cause::expired, .silent_ms = silent};
+}
+
+}  // namespace qnmctl

@@ -1,0 +1,79 @@
+// A thread that waits for the signal, and then for the end of the view.
+#include "top/stuck.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <cstring>
+
+#include "common/end_signals.h"
+#include "output/text.h"
+
+namespace qnmctl {
+
+namespace {
+
+constexpr int interrupting = SIGUSR1;  // a call under way returns; nothing else
+constexpr int patience_milliseconds = 3000;
+constexpr int pause_milliseconds = 100;
+
+extern "C" void do_nothing(int) {}
+
+int make_event_fd() {
+    const int fd = eventfd(0, EFD_CLOEXEC);
+    if (fd < 0) throw error(std::string("cannot make an event descriptor: ") + strerror(errno));
+    return fd;
+}
+
+// Whether the event comes within the time.
+bool comes(int event_fd, int milliseconds) {
+    pollfd waited{event_fd, POLLIN, 0};
+    return poll(&waited, 1, milliseconds) > 0;
+}
+
+}  // namespace
+
+bool is_in_background() {
+    const pid_t foreground = tcgetpgrp(STDIN_FILENO);
+    return foreground != -1 && foreground != getpgrp();
+}
+
+stuck_terminal::stuck_terminal(int signals)
+    : signals_(signals),
+      done_fd_(make_event_fd()),
+      writer_(pthread_self()),
+      is_terminal_(tcgetattr(STDIN_FILENO, &before_) == 0) {
+    struct sigaction action {};
+    action.sa_handler = do_nothing;  // without SA_RESTART
+    sigaction(interrupting, &action, nullptr);
+    thread_ = std::thread([this] { watch(); });
+}
+
+stuck_terminal::~stuck_terminal() {
+    const std::uint64_t one = 1;
+    // It can only fail when the counter is full.
+    [[maybe_unused]] const ssize_t written = write(done_fd_, &one, sizeof one);
+    thread_.join();
+    close(done_fd_);
+    if (is_terminal_ && !is_in_background()) tcsetattr(STDIN_FILENO, TCSANOW, &before_);
+}
+
+void stuck_terminal::watch() const {
+    if (tools::wait_until_ready(done_fd_, POLLIN, signals_)) return;
+    if (comes(done_fd_, patience_milliseconds)) return;
+    const int nowhere = open("/dev/null", O_RDWR | O_CLOEXEC);
+    if (nowhere < 0) return;
+    dup2(nowhere, STDOUT_FILENO);
+    close(nowhere);
+    // What is written already began with the terminal, so it has to begin anew.
+    do
+        pthread_kill(writer_, interrupting);
+    while (!comes(done_fd_, pause_milliseconds));
+}
+
+}  // namespace qnmctl

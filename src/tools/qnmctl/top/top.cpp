@@ -1,0 +1,227 @@
+// The loop behind the full-screen view: looks at cards and ports from time to time, counts events,
+// and obeys keys, all on the main thread.
+#include "top/top.h"
+
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <iterator>
+
+#include "common/deadline.h"
+#include "installation/config_file.h"
+#include "manager/listen.h"
+#include "manager/session.h"
+#include "top/screen.h"
+#include "top/stuck.h"
+
+namespace qnmctl {
+
+namespace {
+
+using clock = std::chrono::steady_clock;
+using seconds = std::chrono::duration<double>;
+
+extern "C" void never_called(int) {}
+
+// SIGWINCH, SIGTSTP and SIGCONT, and what would end the command with the terminal as it is. As
+// input, like the signals that end every command; blocked before a thread is started, so that no
+// other one takes them.
+//
+// SIGTSTP has a handler before ncurses looks, which then leaves it alone. Otherwise ncurses takes
+// one of its own, which would draw in the middle of whatever ncurses is at, and ignores SIGTSTP
+// while it draws: the system throws away what has come and is blocked when it becomes ignored.
+class screen_signals {
+  public:
+    screen_signals() {
+        sigset_t wanted;
+        sigemptyset(&wanted);
+        for (const int number : {SIGWINCH, SIGTSTP, SIGCONT, SIGQUIT})
+            sigaddset(&wanted, number);
+        pthread_sigmask(SIG_BLOCK, &wanted, &before_);
+        sigaction(SIGTSTP, nullptr, &stop_before_);
+        handle_stop();
+        fd_ = signalfd(-1, &wanted, SFD_CLOEXEC | SFD_NONBLOCK);
+        if (fd_ < 0) throw error(std::string("cannot wait for signals: ") + std::strerror(errno));
+    }
+    ~screen_signals() {
+        close(fd_);
+        sigaction(SIGTSTP, &stop_before_, nullptr);
+        pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+    }
+    screen_signals(const screen_signals&) = delete;
+    screen_signals& operator=(const screen_signals&) = delete;
+
+    int fd() const { return fd_; }
+
+    // The number of one that has come; 0 when there is none.
+    int take() const {
+        signalfd_siginfo told{};
+        const ssize_t length = read(fd_, &told, sizeof told);
+        return length == sizeof told ? static_cast<int>(told.ssi_signo) : 0;
+    }
+
+    // Whether Ctrl-Z means anything; it does not where whoever started this has it ignored.
+    bool can_stop() const { return stop_before_.sa_handler != SIG_IGN; }
+
+    // As Ctrl-Z does to any program: returns when it is continued, and at once where the system
+    // does not stop a process group because no shell is there to continue it.
+    void stop() const {
+        sigset_t one;
+        sigemptyset(&one);
+        sigaddset(&one, SIGTSTP);
+        sigaction(SIGTSTP, &stop_before_, nullptr);
+        pthread_kill(pthread_self(), SIGTSTP);
+        pthread_sigmask(SIG_UNBLOCK, &one, nullptr);
+        pthread_sigmask(SIG_BLOCK, &one, nullptr);
+        handle_stop();
+    }
+
+    // In the background, stops as the system stops one that changes the terminal there, until it
+    // is in the foreground or is to end. Inside such a change it would not see that it is to end:
+    // the change begins anew when the process is continued, and stops it again.
+    void wait_for_terminal(const context& with) const {
+        while (is_in_background() && !is_signalled(with)) {
+            pthread_kill(pthread_self(), SIGTTOU);
+            // Not stopped: SIGTTOU is ignored, or no shell is there that would continue it.
+            if (!is_continued()) return;
+        }
+    }
+
+  private:
+    // Each stop discards a SIGCONT that waits, so one that waits came after it.
+    static bool is_continued() {
+        sigset_t waiting;
+        return sigpending(&waiting) == 0 && sigismember(&waiting, SIGCONT) == 1;
+    }
+
+    void handle_stop() const {
+        struct sigaction action {};
+        action.sa_handler = never_called;
+        if (can_stop()) sigaction(SIGTSTP, &action, nullptr);
+    }
+
+    sigset_t before_ = {};
+    struct sigaction stop_before_ = {};
+    int fd_ = -1;
+};
+
+struct view {
+    context& with;
+    const screen_signals& signals;
+    top_screen& screen;
+    top_model model = {};
+    clock::time_point begun = clock::now();
+};
+
+top_model first_model(const context& with, const request& asked) {
+    top_model made;
+    made.order = asked.top.order;
+    made.reversed = asked.top.reversed;
+    made.filter = {asked.top.text, asked.cards, asked.top.connected};
+    for (const std::string& name : configured_ports(read_config(with.where.config())))
+        made.ports.push_back({.name = name});
+    return made;
+}
+
+void look(view& of) {
+    const double now = seconds(clock::now() - of.begun).count();
+    look_at_ports(of.model, read_port_counts(), now);
+    look_at_cards(of.model, read_cards(), std::chrono::system_clock::now(), now);
+}
+
+void take_events(view& of) {
+    const session::batch batch = of.with.manager->take();
+    count_events(of.model, batch.events, batch.lost);
+    check_running(of.with);
+}
+
+void stop(view& of) {
+    if (!of.signals.can_stop()) return;
+    of.screen.leave();
+    of.signals.stop();
+}
+
+// One that ends the view is obeyed first: a shell sends it to a stopped job and then continues it
+// in the background.
+void take_signals(view& of) {
+    while (const int number = of.signals.take()) {
+        if (number == SIGTSTP) stop(of);
+        if (number == SIGCONT) of.signals.wait_for_terminal(of.with);
+        if (is_signalled(of.with)) return;
+        if (number == SIGWINCH) of.screen.resize();
+        if (number == SIGCONT) of.screen.resume();
+        if (number == SIGQUIT) of.model.quit = true;
+    }
+}
+
+void take_keys(view& of) {
+    while (const auto key = of.screen.key()) {
+        press(of.model, *key);
+        if (of.model.quit || is_signalled(of.with)) return;
+    }
+}
+
+// Waits for anything but events, which only count until the next look; false when a signal or the
+// end of the terminal ends the view. All is looked at once even when the next look is due, since it
+// always may be.
+bool wait_for_input(view& of, clock::time_point until) {
+    enum { keys, ends, signals, events };
+    pollfd waited[] = {{STDIN_FILENO, POLLIN, 0},
+                       {of.with.signals, POLLIN, 0},
+                       {of.signals.fd(), POLLIN, 0},
+                       {of.with.manager->wake_fd(), POLLIN, 0}};
+    do {
+        if (poll(waited, std::size(waited), tools::milliseconds_until(until)) < 0) {
+            if (errno == EINTR) continue;
+            throw error(std::string("cannot wait: ") + std::strerror(errno));
+        }
+        if (waited[ends].revents != 0) return false;
+        if ((waited[keys].revents & (POLLHUP | POLLERR | POLLNVAL)) != 0) return false;
+        if (waited[events].revents != 0) take_events(of);
+        if (waited[signals].revents != 0) take_signals(of);
+        if (is_signalled(of.with)) return false;
+        if (waited[keys].revents != 0) take_keys(of);
+        if (waited[signals].revents != 0 || waited[keys].revents != 0) return true;
+    } while (clock::now() < until);
+    return true;
+}
+
+void show(view& of, const request& asked) {
+    const auto delay = std::chrono::duration_cast<clock::duration>(seconds(asked.top.delay));
+    const clock::time_point end = tools::deadline_after(asked.seconds);
+    clock::time_point next_look = clock::now();
+    while (!of.model.quit && clock::now() < end) {
+        if (clock::now() >= next_look) {
+            look(of);
+            next_look = clock::now() + delay;
+        }
+        of.signals.wait_for_terminal(of.with);
+        if (is_signalled(of.with)) return;
+        of.screen.draw(top_lines(of.model, of.screen.size()));
+        if (!wait_for_input(of, std::min(end, next_look))) return;
+    }
+}
+
+}  // namespace
+
+int run_top(context& with, const request& asked) {
+    if (const auto problem = screen_problem()) throw usage_error(*problem);
+    const screen_signals signals;
+    signals.wait_for_terminal(with);
+    if (is_signalled(with)) return exit_ok;
+    limit_screen();
+    start(with);
+    const stuck_terminal watched(with.signals);
+    top_screen screen(with.how.coloured);
+    view of{with, signals, screen, first_model(with, asked)};
+    show(of, asked);
+    return exit_ok;
+}
+
+}  // namespace qnmctl
