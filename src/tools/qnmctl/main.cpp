@@ -8,12 +8,13 @@
 #include <cerrno>
 #include <cstring>
 
+#include "cli/command_line.h"
+#include "commands.h"
 #include "common/end_signals.h"
 #include "common/standard_files.h"
 #include "common/visible.h"
 #include "manager/context.h"
 #include "output/text.h"
-#include "verbs.h"
 
 namespace {
 
@@ -24,38 +25,38 @@ int open_signals() {
     return fd;
 }
 
-int run(const qnmctl::command_line& given, qnmctl::writer& told, qnmctl::output& out, int signals) {
+int run(const qnmctl::command& wanted, qnmctl::writer& told, qnmctl::output& out, int signals) {
+    const qnmctl::settings& global = wanted.tree.global;
     qnmctl::installation where;
-    qnmctl::install(given.global, where);
-    qnmctl::context with{.verbs = qnmctl::verbs,
+    qnmctl::install(global, where);
+    qnmctl::context with{.define = qnmctl::define_all_commands,
                          .where = where,
-                         .log_level = given.global.log_level,
+                         .log_level = global.log_level,
                          .out = out,
                          .told = told,
                          .signals = signals,
-                         .how = qnmctl::look_of(STDOUT_FILENO),
-                         .filter = {given.asked.cards, given.asked.events}};
-    return given.asked.asked->run(with, given.asked);
+                         .how = qnmctl::look_of(STDOUT_FILENO)};
+    return wanted.run(with);
 }
 
 // What could not be written is lost, and the status says so. A command that goes on until it is
 // ended may well be ended while it writes.
-int status_after(const qnmctl::output& out, const qnmctl::request& asked, int status) {
+int status_after(const qnmctl::output& out, const qnmctl::command& wanted, int status) {
     const std::string problem = out.problem();
     if (problem.empty()) return status;
     tools::tell(qnmctl::message_text(problem));
     if (status != qnmctl::exit_ok) return status;
     if (!out.signalled()) return tools::exit_output;
-    return asked.asked->endless ? qnmctl::exit_ok : qnmctl::exit_failed;
+    return wanted.endless ? qnmctl::exit_ok : qnmctl::exit_failed;
 }
 
 // The exit status. What is told of a failure is a record, too, so the document ends behind it.
-int run_and_tell(const qnmctl::command_line& given, int signals) {
+int run_and_tell(const qnmctl::command& wanted, int signals) {
     qnmctl::output out(STDOUT_FILENO, signals);
-    qnmctl::writer told(out, given.asked.form, given.asked.asked->name);
+    qnmctl::writer told(out, wanted.form, wanted.name);
     int status = qnmctl::exit_failed;
     try {
-        status = run(given, told, out, signals);
+        status = run(wanted, told, out, signals);
     } catch (const qnmctl::error& e) {
         status = e.status;
         told.failure(e.what(), e.status, e.code);
@@ -63,7 +64,7 @@ int run_and_tell(const qnmctl::command_line& given, int signals) {
         told.failure(e.what(), status, std::nullopt);
     }
     told.end(status);
-    return status_after(out, given.asked, status);
+    return status_after(out, wanted, status);
 }
 
 }  // namespace
@@ -73,9 +74,11 @@ int main(int argc, char** argv) {
     try {
         tools::mark_own_sequences();
         const int signals = open_signals();
-        const auto parsed = qnmctl::parse_command_line(qnmctl::verbs, argc, argv);
+        qnmctl::command_tree tree(qnmctl::used_for::command_line);
+        qnmctl::define_all_commands(tree);
+        const auto parsed = qnmctl::parse_command_line(tree, argc, argv);
         if (const int* status = std::get_if<int>(&parsed)) return *status;
-        return run_and_tell(std::get<qnmctl::command_line>(parsed), signals);
+        return run_and_tell(*std::get<const qnmctl::command*>(parsed), signals);
     } catch (const std::exception& e) {
         tools::tell(qnmctl::message_text(e.what()));
         return qnmctl::exit_failed;

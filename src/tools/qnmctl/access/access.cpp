@@ -1,4 +1,4 @@
-// Cards heard, calls made.
+// Waits until the cards are heard, and makes the calls.
 #include "access/access.h"
 
 #include <net/if.h>
@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cctype>
 
+#include "cli/options.h"
 #include "installation/config_file.h"
 #include "manager/listen.h"
 #include "output/foreign_words.h"
@@ -23,6 +24,8 @@ constexpr std::uint32_t default_interval = 100;
 
 // Which cards there are shows after an announcement of each; they come about every second.
 constexpr double seconds_to_hear_all = 3;
+
+constexpr double seconds_to_hear = 10;
 
 std::uint32_t configured(const context& with, const char* key, std::uint32_t otherwise) {
     return configured_number(read_config(with.where.config()), key, otherwise);
@@ -57,29 +60,64 @@ std::string port_in_use_text(const context& with, std::uint64_t id) {
            "commands that only listen work beside it.";
 }
 
-std::vector<std::uint64_t> named_ids(const request& asked) {
-    if (asked.cards.by_property()) return {};
-    return asked.cards.ids.empty() ? std::vector{asked.id} : asked.cards.ids;
-}
-
 }  // namespace
 
-retry_param::retry_param(const context& with, const access_options& how) {
-    if (!how.retries && !how.interval) return;
-    given_.emplace();
-    given_->er_retry_count =
-        how.retries ? *how.retries : configured(with, "frame_retry_count", default_retries);
-    given_->er_retry_interval =
-        how.interval ? *how.interval : configured(with, "frame_retry_interval", default_interval);
+void add_one_card(command& to, access_options& options) {
+    value id = card_ids(options.cards.ids);
+    id.repeatable = false;
+    add_operand(to, "ID", id_help, id);
 }
 
-void start_and_hear(context& with, const request& asked) {
+void add_retry(command& to, access_options& options) {
+    add_option(to, {"--retries", "N", "How often a frame is sent again (default: as configured)"},
+               number(options.retries));
+    add_option(
+        to, {"--interval", "MS", "Milliseconds to wait for each answer (default: as configured)"},
+        number(options.interval, {.least = 1}));
+}
+
+void add_livecheck(command& to, access_options& options) {
+    add_flag(to, "--livecheck",
+             "Look for a path on which the card answers; reaches unmonitored cards, too",
+             options.flags, QNM_FLAG_LIVECHECK);
+}
+
+void add_verify(command& to, access_options& options) {
+    add_flag(to, "--verify", "Make sure that it holds, and write again until it does",
+             options.flags, QNM_FLAG_VERIFY);
+}
+
+void add_force_lock(command& to, access_options& options) {
+    add_flag(to, "--force-lock", "Take the EEPROM lock away from another party that keeps it",
+             options.flags, QNM_FLAG_FORCELOCK);
+}
+
+void add_wait(command& to, access_options& options) {
+    if (to.tree.use == used_for::lines) return;
+    const char* const help =
+        to.cards == nullptr
+            ? "Seconds to wait until each card is heard (default: 10)"
+            : "Seconds to wait until each card is heard (default: 10, without IDs 3)";
+    add_option(to, {"--wait", "SECONDS", help}, seconds(options.wait));
+}
+
+retry_param::retry_param(const context& with, const access_options& options) {
+    if (!options.retries && !options.interval) return;
+    given_.emplace();
+    given_->er_retry_count =
+        options.retries ? *options.retries : configured(with, "frame_retry_count", default_retries);
+    given_->er_retry_interval = options.interval
+                                    ? *options.interval
+                                    : configured(with, "frame_retry_interval", default_interval);
+}
+
+void start_and_hear(context& with, const access_options& options) {
     start(with);
-    const std::vector<std::uint64_t> ids = named_ids(asked);
+    const std::vector<std::uint64_t>& ids = options.cards.ids;
     if (ids.empty()) {
-        listen(with, {.seconds = asked.wait.value_or(seconds_to_hear_all)});
+        listen(with, {.seconds = options.wait.value_or(seconds_to_hear_all)});
     } else {
-        listen(with, {.seconds = asked.wait.value_or(asked.seconds),
+        listen(with, {.seconds = options.wait.value_or(seconds_to_hear),
                       .enough = [&ids] { return std::all_of(ids.begin(), ids.end(), is_known); }});
     }
     if (is_signalled(with)) throw error("ended by a signal; no card was accessed");
@@ -88,15 +126,15 @@ void start_and_hear(context& with, const request& asked) {
     }
 }
 
-std::vector<std::uint64_t> wanted_ids(const request& asked) {
-    std::vector<std::uint64_t> ids = named_ids(asked);
+std::vector<std::uint64_t> wanted_ids(const access_options& options) {
+    std::vector<std::uint64_t> ids = options.cards.ids;
     if (ids.size() == 1 && !is_known(ids.front())) {
         throw error("no card " + id_text(ids.front()) +
                         " has been heard\n\"list\" shows the cards that are; --wait gives it more "
                         "time.",
                     QNM_API_ENOENT);
     }
-    if (ids.empty()) ids = fitting_ids(read_cards(), asked.cards);
+    if (ids.empty()) ids = fitting_ids(read_cards(), options.cards);
     if (ids.empty()) {
         throw error("no card that fits has been heard\n\"list\" shows those that are.",
                     QNM_API_ENOENT);
@@ -118,10 +156,10 @@ const dump_source register_source = {"qnm_dump_register", access_scope::register
 const dump_source eeprom_source = {"qnm_dump_eeprom", access_scope::eeprom, qnm_dump_eeprom,
                                    word_bytes, "eeprom dump"};
 
-dump_result read_dump(context& with, const dump_source& from, const request& asked,
+dump_result read_dump(context& with, const dump_source& from, const access_options& options,
                       std::uint32_t start, std::uint32_t end) {
-    const retry_param retry(with, asked.how);
-    dump_result result{{asked.id, start, {}}, std::nullopt};
+    const retry_param retry(with, options);
+    dump_result result{{options.id(), start, {}}, std::nullopt};
     word_list words((end - start) / word_bytes);
     std::size_t length = 0;
     qnm_api_code_t code = QNM_API_SUCCESS;
@@ -129,8 +167,8 @@ dump_result read_dump(context& with, const dump_source& from, const request& ask
         for (std::uint32_t at = start; at < end && code == QNM_API_SUCCESS && !state.ending;) {
             const std::uint32_t part = std::min(from.step, end - at);
             std::size_t got = part;
-            code = from.read(asked.id, at, at + part, &words[length / word_bytes], &got,
-                             retry.get(), asked.how.flags);
+            code = from.read(options.id(), at, at + part, &words[length / word_bytes], &got,
+                             retry.get(), options.flags);
             length += got;
             at += part;
             state.steps = length;

@@ -1,5 +1,5 @@
-// What accesses to cards share: who is meant, how the library is told to retry, and long work that
-// a signal ends.
+// What accesses to cards share: which cards are meant, how they are reached, and long work that a
+// signal ends.
 #pragma once
 
 #include <cstdint>
@@ -8,31 +8,50 @@
 
 #include "access/access_text.h"
 #include "access/work.h"
-#include "cli/command_line.h"
+#include "cli/command.h"
 #include "manager/context.h"
 
 namespace qnmctl {
 
 inline constexpr std::uint32_t eeprom_bytes = 2048;
 
+struct access_options {
+    selection cards = {};
+    std::optional<std::uint32_t> retries = {};   // not given: as configured
+    std::optional<std::uint32_t> interval = {};  // milliseconds; likewise
+    std::uint32_t flags = 0;                     // QNM_FLAG_LIVECHECK and so on
+    std::optional<double> wait = {};             // seconds; not given: as the help says
+
+    std::uint64_t id() const { return cards.ids.front(); }  // of a command that takes one card
+};
+
+void add_one_card(command& to, access_options& options);
+void add_retry(command& to, access_options& options);
+void add_livecheck(command& to, access_options& options);
+void add_verify(command& to, access_options& options);
+void add_force_lock(command& to, access_options& options);
+
+// --wait; after the cards.
+void add_wait(command& to, access_options& options);
+
 // The retry parameters for the library's calls. When only one was given, the other one is as
 // configured.
 class retry_param {
   public:
-    retry_param(const context& with, const access_options& how);
+    retry_param(const context& with, const access_options& options);
     const qnm_retry_t* get() const { return given_ ? &*given_ : nullptr; }
 
   private:
     std::optional<qnm_retry_t> given_;
 };
 
-// Starts the manager and listens until the cards are known that the request names, or for as long
+// Starts the manager and listens until the cards are known that are named, or for as long
 // as it takes to hear all of them. Throws error when a signal ends it, or the reader has gone:
 // which cards there are is not known then.
-void start_and_hear(context& with, const request& asked);
+void start_and_hear(context& with, const access_options& options);
 
-// The cards of a request. Throws error when none fits, or the only one is not known.
-std::vector<std::uint64_t> wanted_ids(const request& asked);
+// The cards that are meant. Throws error when none fits, or the only one is not known.
+std::vector<std::uint64_t> wanted_ids(const access_options& options);
 
 // As run_work(), but the command ends after a signal.
 bool run_access_work(context& with, work wanted);
@@ -60,7 +79,7 @@ struct dump_result {
     std::optional<qnm_api_code_t> code;  // nothing: ended by a signal
 };
 
-dump_result read_dump(context& with, const dump_source& from, const request& asked,
+dump_result read_dump(context& with, const dump_source& from, const access_options& options,
                       std::uint32_t start, std::uint32_t end);
 
 // Why a dump is not complete. Only for one that is not.

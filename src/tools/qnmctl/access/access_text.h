@@ -1,9 +1,10 @@
 // What the command prints about accesses to cards: results, dumps, and why one failed. Text and
 // JSON; no output and no access here.
 //
-// What a verb tells of each card is a row of items, from which both forms are made.
+// What a command tells of each card is a row of items, from which both forms are made.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -43,9 +44,13 @@ struct outcome {
     std::uint32_t value = 0;  // from the card
 };
 
+// The operands that are numbers, those that there are.
+inline constexpr std::size_t most_operands = 3;
+using operand_numbers = std::array<std::uint32_t, most_operands>;
+
 struct access_told {
     const access_words* words;
-    std::vector<std::uint32_t> numbers;  // the operands
+    operand_numbers numbers;
     std::uint32_t flags;
 };
 

@@ -1,4 +1,4 @@
-// Makes a card's EEPROM hold what an image file holds.
+// eeprom restore: makes a card's EEPROM hold what an image file holds.
 //
 // Only words that differ are written, so a restore that was ended or failed is taken up by simply
 // running it again.
@@ -6,7 +6,8 @@
 #include <unistd.h>
 
 #include "access/access.h"
-#include "access/verbs.h"
+#include "access/commands.h"
+#include "cli/options.h"
 #include "common/end_signals.h"
 #include "common/standard_files.h"
 #include "manager/listen.h"
@@ -15,6 +16,17 @@
 namespace qnmctl {
 
 namespace {
+
+constexpr char restore_help[] =
+    "Reads the EEPROM, shows the words that differ from the image, asks, and then writes and\n"
+    "verifies them one by one. An image that is shorter than the EEPROM is that of its beginning.\n"
+    "Ctrl-C ends it between two words; the same command writes the rest.";
+
+struct restore_options {
+    access_options access = {};
+    std::string file = {};
+    bool yes = false;
+};
 
 // Asked on standard error. Signals come as input, so they are waited for beside the answer.
 bool is_confirmed(const context& with, const std::string& question) {
@@ -32,15 +44,15 @@ struct restore_result {
     std::optional<qnm_api_code_t> code = QNM_API_SUCCESS;  // nothing: ended by a signal
 };
 
-restore_result write_words(context& with, const request& asked,
+restore_result write_words(context& with, const restore_options& options,
                            const std::vector<difference>& changes) {
-    const retry_param retry(with, asked.how);
+    const retry_param retry(with, options.access);
     restore_result result;
     const auto write = [&](std::size_t, work_state& state) {
         for (const difference& one : changes) {
             if (state.ending) return;
-            result.code = qnm_write_eeprom(asked.id, one.addr, one.after, retry.get(),
-                                           asked.how.flags | QNM_FLAG_VERIFY);
+            result.code = qnm_write_eeprom(options.access.id(), one.addr, one.after, retry.get(),
+                                           options.access.flags | QNM_FLAG_VERIFY);
             if (result.code != QNM_API_SUCCESS) return;
             state.steps = ++result.written;
         }
@@ -52,29 +64,30 @@ restore_result write_words(context& with, const request& asked,
     return result;
 }
 
-void tell_result(context& with, const request& asked, const std::vector<difference>& changes,
-                 const restore_result& result) {
+void tell_result(context& with, const restore_options& options,
+                 const std::vector<difference>& changes, const restore_result& result) {
     const std::string count = std::to_string(result.written);
     with.told.text(changes.empty() ? "the EEPROM holds the image already\n"
                                    : "words written and verified: " + count + '\n');
-    with.told.record("restore", {{"id", id_text(asked.id)},
-                                 {"file", asked.file},
+    with.told.record("restore", {{"id", id_text(options.access.id())},
+                                 {"file", options.file},
                                  {"differences", difference_json(changes)},
                                  {"written", result.written},
                                  {"result", code_json(result.code)}});
     if (result.code == QNM_API_SUCCESS) return;
-    const std::string reason = result.code ? access_failure(with, asked.id, "qnm_write_eeprom",
-                                                            access_scope::eeprom, *result.code)
-                                           : id_text(asked.id) + ": ended by a signal";
+    const std::string reason = result.code
+                                   ? access_failure(with, options.access.id(), "qnm_write_eeprom",
+                                                    access_scope::eeprom, *result.code)
+                                   : id_text(options.access.id()) + ": ended by a signal";
     tell_failure(with,
                  reason + "\nOf " + std::to_string(changes.size()) + " words " + count +
                      " were written. The same command writes the rest.",
                  result.code);
 }
 
-void check_usage(const request& asked) {
-    if (asked.yes) return;
-    if (asked.form != output_form::text) {
+void check_usage(const context& with, const restore_options& options) {
+    if (options.yes) return;
+    if (!with.told.is_text()) {
         throw usage_error("JSON leaves no room for a question\nAdd --yes.");
     }
     if (isatty(STDIN_FILENO) != 1) {
@@ -84,15 +97,13 @@ void check_usage(const request& asked) {
     }
 }
 
-}  // namespace
-
-int run_restore(context& with, const request& asked) {
-    check_usage(asked);
-    const word_list image = read_image(asked.file, eeprom_bytes);
+int run_restore(context& with, const restore_options& options) {
+    check_usage(with, options);
+    const word_list image = read_image(options.file, eeprom_bytes);
     const auto end = static_cast<std::uint32_t>(image.size() * word_bytes);
-    start_and_hear(with, asked);
-    wanted_ids(asked);
-    const dump_result before = read_dump(with, eeprom_source, asked, 0, end);
+    start_and_hear(with, options.access);
+    wanted_ids(options.access);
+    const dump_result before = read_dump(with, eeprom_source, options.access, 0, end);
     if (before.code != QNM_API_SUCCESS) {
         tell_failure(with,
                      incomplete_text(with, eeprom_source, before, end) + "\nNothing was written.",
@@ -102,13 +113,33 @@ int run_restore(context& with, const request& asked) {
     const std::vector<difference> changes = differences(before.read.words, image);
     with.told.text(difference_text(changes));
     const std::string question = "Write " + std::to_string(changes.size()) +
-                                 " words to the EEPROM of card " + id_text(asked.id) + '?';
-    if (!changes.empty() && !asked.yes && !is_confirmed(with, question)) {
+                                 " words to the EEPROM of card " + id_text(options.access.id()) +
+                                 '?';
+    if (!changes.empty() && !options.yes && !is_confirmed(with, question)) {
         throw error("nothing was written");
     }
-    const restore_result result = write_words(with, asked, changes);
-    tell_result(with, asked, changes, result);
+    const restore_result result = write_words(with, options, changes);
+    tell_result(with, options, changes, result);
     return status_of(result.code);
+}
+
+}  // namespace
+
+void define_eeprom_restore(command_tree& tree) {
+    if (tree.use == used_for::lines) return;
+    const auto restore = add_command_with<restore_options>(
+        tree, {"eeprom restore", "Writes an image to the EEPROM", restore_help});
+    access_options& access = restore.options.access;
+    add_one_card(restore.self, access);
+    add_operand(restore.self, "FILE", "Image, as --raw of a dump writes it",
+                file_name(restore.options.file));
+    add_retry(restore.self, access);
+    add_livecheck(restore.self, access);
+    add_force_lock(restore.self, access);
+    add_flag(restore.self, "-y,--yes", "Do not ask", restore.options.yes);
+    add_wait(restore.self, access);
+    add_output(restore.self);
+    set_run(restore, run_restore);
 }
 
 }  // namespace qnmctl

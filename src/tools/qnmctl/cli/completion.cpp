@@ -1,12 +1,11 @@
 // Walks the words of a line as the parser would, but forgives what is not there yet.
 #include "cli/completion.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <filesystem>
 #include <iterator>
 
-#include "cli/operands.h"
-#include "cli/options.h"
 #include "completion_scripts.h"
 #include "output/text.h"
 
@@ -16,73 +15,64 @@ namespace {
 
 // What has been read of a line up to the word that is asked for.
 struct progress {
-    command_line given = {};
-    const verb* verb_found = nullptr;
-    std::string group = {};        // the first word of a verb that has two
-    std::size_t operands = 0;      // words behind the verb
-    bool lost = false;             // there is no such verb
-    const option* open = nullptr;  // wants its value now
+    command_tree& tree;
+    CLI::App* app = nullptr;      // of the command or group so far
+    std::size_t words = 0;        // behind the command
+    bool lost = false;            // there is no such command
+    CLI::Option* open = nullptr;  // wants its value now
 };
 
 bool is_option(const std::string& word) {
     return word.size() > 1 && word.front() == '-';
 }
 
-std::vector<const option*> options_now(const progress& now) {
-    std::vector<const option*> found = global_options();
-    if (now.verb_found == nullptr) return found;
-    const std::vector<const option*> own = options_of(*now.verb_found);
-    found.insert(found.begin(), own.begin(), own.end());
-    return found;
+bool is_shown(const CLI::App& app) {
+    return !app.get_group().empty();
 }
 
-const option* find_option(const progress& now, const std::string& name) {
-    for (const option* const row : options_now(now)) {
-        const std::vector<std::string> names = names_of(*row);
-        if (std::find(names.begin(), names.end(), name) != names.end()) return row;
-    }
-    return nullptr;
+// A group or the whole has commands, a command has none.
+bool has_commands(const CLI::App& app) {
+    return !app.get_subcommands([](const CLI::App*) { return true; }).empty();
 }
 
-const verb* find_verb(std::span<const verb> verbs, const std::string& name) {
-    const auto found = std::find_if(verbs.begin(), verbs.end(), [&](const verb& one) {
-        return one.run != nullptr && name == one.name;
-    });
-    return found == verbs.end() ? nullptr : &*found;
+// Its own options, and those in front of every command.
+CLI::Option* find_option(const progress& now, const std::string& name) {
+    CLI::Option* const own = now.app->get_option_no_throw(name);
+    return own != nullptr ? own : now.tree.app->get_option_no_throw(name);
 }
 
-bool is_group(const std::string& word) {
-    const auto groups = verb_groups();
-    return std::any_of(groups.begin(), groups.end(),
-                       [&](const verb_group& one) { return word == one.name; });
-}
-
-void take_name(std::span<const verb> verbs, progress& now, const std::string& word) {
-    if (now.group.empty() && is_group(word)) {
-        now.group = word;
-        return;
-    }
-    now.verb_found = find_verb(verbs, now.group.empty() ? word : now.group + ' ' + word);
-    if (now.verb_found != nullptr) now.given.asked.asked = now.verb_found;
-    now.lost = now.verb_found == nullptr;
+void take_name(progress& now, const std::string& word) {
+    CLI::App* const named = find_app(*now.app, word);
+    now.lost = named == nullptr;
+    if (named != nullptr) now.app = named;
 }
 
 // What is wrong with a value does not matter to the words behind it.
-void take_word(std::span<const verb> verbs, progress& now, const std::string& word) {
+void take_value(CLI::Option& option, const std::string& word) {
+    try {
+        if (option.get_expected_max() == 1) option.clear();
+        option.add_result(word);
+        option.run_callback();
+    } catch (const CLI::Error&) {
+        option.clear();
+    }
+}
+
+void take_word(progress& now, const std::string& word) {
     if (word == "=") return;  // bash makes a word of its own of it
     if (now.open != nullptr) {
-        static_cast<void>(set_value(*now.open, word, now.given));
+        take_value(*now.open, word);
         now.open = nullptr;
     } else if (is_option(word)) {
         const std::size_t equals = std::min(word.find('='), word.size());
-        const option* const row = find_option(now, word.substr(0, equals));
-        if (row == nullptr || row->value == nullptr) return;
-        now.open = row;
-        if (equals < word.size()) take_word(verbs, now, word.substr(equals + 1));
-    } else if (now.verb_found == nullptr && !now.lost) {
-        take_name(verbs, now, word);
+        CLI::Option* const named = find_option(now, word.substr(0, equals));
+        if (named == nullptr || !now.tree.values.contains(named)) return;
+        now.open = named;
+        if (equals < word.size()) take_word(now, word.substr(equals + 1));
+    } else if (has_commands(*now.app) && !now.lost) {
+        take_name(now, word);
     } else {
-        ++now.operands;
+        ++now.words;
     }
 }
 
@@ -100,14 +90,15 @@ std::vector<candidate> interfaces(const std::string& typed) {
     return found;
 }
 
-candidates values(const option& of, const progress& now, const std::string& typed,
+candidates values(const CLI::Option& option, const progress& now, const std::string& typed,
                   const card_source& cards) {
+    const value& taken = now.tree.values.at(&option);
     candidates found;
-    switch (of.offered) {
+    switch (taken.offered) {
         case offers::nothing:
             break;
         case offers::words:
-            for (const char* const word : of.words)
+            for (const std::string& word : taken.words)
                 found.words.push_back({word, ""});
             break;
         case offers::files:
@@ -120,79 +111,74 @@ candidates values(const option& of, const progress& now, const std::string& type
             found.words = interfaces(typed);
             break;
         case offers::cards:
-            found.words = cards(now.given.global);
+            found.words = cards(now.tree.global);
             break;
     }
     return found;
 }
 
+void add_options(const CLI::App& app, candidates& found) {
+    for (const CLI::Option* const option : app.get_options()) {
+        if (option->get_positional() || option == app.get_help_ptr()) continue;
+        if (option == app.get_version_ptr()) continue;
+        found.words.push_back({"--" + option->get_lnames().back(), option->get_description()});
+    }
+}
+
 candidates options(const progress& now) {
     candidates found;
-    for (const option* const row : options_now(now)) {
-        if (row->is_word()) continue;
-        const std::string help =
-            now.verb_found == nullptr ? row->help : option_help(*row, *now.verb_found);
-        found.words.push_back({names_of(*row).back(), help});
-    }
+    if (now.app != now.tree.app.get()) add_options(*now.app, found);
+    add_options(*now.tree.app, found);
     found.words.push_back({"--help", "Print help and end"});
     return found;
 }
 
-candidates names(std::span<const verb> verbs, const progress& now) {
+// Commands first, then groups.
+candidates names(const progress& now) {
     candidates found;
-    const std::string start = now.group.empty() ? "" : now.group + ' ';
-    for (const verb& one : verbs) {
-        const std::string name = one.name;
-        if (one.run == nullptr || one.hidden || !name.starts_with(start)) continue;
-        const std::string rest = name.substr(start.size());
-        if (rest.find(' ') == std::string::npos) found.words.push_back({rest, one.help});
+    for (const bool groups : {false, true}) {
+        for (const CLI::App* const app : now.app->get_subcommands({})) {
+            if (!is_shown(*app) || has_commands(*app) != groups) continue;
+            found.words.push_back({app->get_name(), app->get_description()});
+        }
     }
-    if (!now.group.empty()) return found;
-    for (const verb_group& one : verb_groups())
-        found.words.push_back({one.name, one.help});
     return found;
 }
 
-// The words of a verb: its fixed ones, IDs, and then its operands. Where several IDs can stand, one
-// more is offered as long as it could be one.
+// The words of a command. Where several IDs can stand, one more is offered as long as it could be
+// one.
 candidates operands(const progress& now, const std::string& typed, const card_source& cards) {
-    std::vector<const option*> fixed;
-    for (const option* const row : options_of(*now.verb_found)) {
-        if (row->is_word()) fixed.push_back(row);
+    std::vector<const CLI::Option*> wanted;
+    for (const CLI::Option* const option : now.app->get_options()) {
+        if (option->get_positional()) wanted.push_back(option);
     }
-    if (now.operands < fixed.size()) return values(*fixed[now.operands], now, typed, cards);
-    const auto wanted = now.verb_found->operands;
-    const bool many = (now.verb_found->takes & takes_ids) != 0;
-    const std::size_t at = now.operands - fixed.size();
-    candidates found;
-    if (many) {
-        found.words = cards(now.given.global);
-        found.files = at > 0 && !wanted.empty() && wanted.back().form == operand_form::file;
-    } else if (at < wanted.size()) {
-        found.files = wanted[at].form == operand_form::file;
+    if (wanted.empty()) return {};
+    const bool many = now.tree.values.at(wanted.front()).repeatable;
+    if (!many && now.words >= wanted.size()) return {};
+    candidates found = values(*wanted[many ? 0 : now.words], now, typed, cards);
+    if (many && now.words > 0) {
+        found.files = now.tree.values.at(wanted.back()).offered == offers::files;
     }
     return found;
 }
 
-candidates all_candidates(std::span<const verb> verbs, const progress& now,
-                          const std::string& typed, const card_source& cards) {
+candidates all_candidates(const progress& now, const std::string& typed, const card_source& cards) {
     if (now.open != nullptr) return values(*now.open, now, typed, cards);
     if (!typed.empty() && typed.front() == '-') return options(now);
     if (now.lost) return {};
-    if (now.verb_found == nullptr) return names(verbs, now);
-    return operands(now, typed, cards);
+    return has_commands(*now.app) ? names(now) : operands(now, typed, cards);
 }
 
 }  // namespace
 
-candidates complete(std::span<const verb> verbs, const std::vector<std::string>& words,
+candidates complete(command_tree& tree, const std::vector<std::string>& words,
                     const card_source& cards) {
     if (words.empty()) return {};
-    progress now;
+    progress now{.tree = tree, .app = tree.app.get()};
     for (auto at = words.begin(); at != std::prev(words.end()); ++at)
-        take_word(verbs, now, *at);
+        take_word(now, *at);
     const std::string typed = words.back() == "=" ? "" : words.back();
-    candidates found = all_candidates(verbs, now, typed, cards);
+    candidates found = all_candidates(now, typed, cards);
     std::erase_if(found.words, [&](const candidate& one) { return !one.word.starts_with(typed); });
     return found;
 }

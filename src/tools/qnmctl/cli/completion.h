@@ -1,16 +1,15 @@
 // Completion of command lines in a shell.
 //
-// The script of a shell is short: it asks the command itself, by a hidden verb, what can come next
-// on the line so far. So it never differs from the table of verbs, and card IDs can be those that
+// The script of a shell is short: it asks the command itself, by a hidden command, what can come
+// next on the line so far. So it never differs from the commands, and card IDs can be those that
 // are heard at that moment.
 #pragma once
 
 #include <functional>
-#include <span>
 #include <string>
 #include <vector>
 
-#include "cli/command_line.h"
+#include "cli/command.h"
 
 namespace qnmctl {
 
@@ -30,7 +29,7 @@ using card_source = std::function<std::vector<candidate>(const settings&)>;
 
 // What can stand in place of the last of the words, which follow "qnmctl"; the last one may be
 // empty. Cards are looked for where an ID is wanted only.
-candidates complete(std::span<const verb> verbs, const std::vector<std::string>& words,
+candidates complete(command_tree& tree, const std::vector<std::string>& words,
                     const card_source& cards);
 
 // A line for each word, its help behind a tab; ":files" and ":directories" for those.

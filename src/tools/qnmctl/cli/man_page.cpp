@@ -1,10 +1,11 @@
-// Writes the tables in the man(7) language.
+// Writes what the tree of commands says in the man(7) language.
 #include "cli/man_page.h"
 
+#include <CLI/CLI.hpp>
 #include <cctype>
 #include <vector>
 
-#include "cli/options.h"
+#include "cli/command_line.h"
 #include "cli/usage.h"
 #include "common/man_language.h"
 #include "output/text.h"
@@ -97,54 +98,59 @@ std::string tagged(std::span<const entry> entries) {
     return text;
 }
 
-// ---- The tables ---------------------------------------------------------------------------------
+// ---- The commands -------------------------------------------------------------------------------
 
 // "-v, --verbose", "--for SECONDS"
-std::string option_term(const option& of) {
-    std::string term = join(names_of(of), ", ");
-    if (of.value != nullptr) term += std::string(" ") + of.value;
-    return term;
+std::string option_term(const CLI::Option& option) {
+    std::vector<std::string> names;
+    for (const std::string& name : option.get_snames())
+        names.push_back('-' + name);
+    for (const std::string& name : option.get_lnames())
+        names.push_back("--" + name);
+    const std::string type = option.get_type_name();
+    return join(names, ", ") + (type.empty() ? "" : ' ' + type);
 }
 
-std::string verb_section(const verb& of) {
-    std::string text =
-        ".SS " + argument(of.name + words_text(of)) + '\n' + escaped(of.help) + ".\n";
-    if (of.more_help[0] != '\0') text += escaped(of.more_help) + '\n';
-    if ((of.takes & takes_ids) != 0) text += tagged("ID", id_help);
-    for (const option* const row : options_of(of)) {
-        if (row->is_word()) text += tagged(row->names, option_help(*row, of));
-    }
-    for (const operand& wanted : of.operands)
-        text += tagged(operand_text(wanted), wanted.help);
-    for (const option* const row : options_of(of)) {
-        if (!row->is_word()) text += tagged(option_term(*row), option_help(*row, of));
-    }
+std::vector<const CLI::Option*> options_of(const CLI::App& app, bool positional) {
+    return app.get_options([&](const CLI::Option* option) {
+        return option->get_positional() == positional && option != app.get_help_ptr() &&
+               option != app.get_version_ptr();
+    });
+}
+
+std::string command_section(const command& of) {
+    std::string text = ".SS " + argument(of.name + words_text(of)) + '\n' +
+                       escaped(of.app.get_description()) + ".\n";
+    if (!of.app.get_footer().empty()) text += escaped(of.app.get_footer()) + '\n';
+    for (const CLI::Option* const word : options_of(of.app, true))
+        text += tagged(word_text(of, *word), word->get_description());
+    for (const CLI::Option* const option : options_of(of.app, false))
+        text += tagged(option_term(*option), option->get_description());
     return text;
 }
 
-std::string commands(std::span<const verb> verbs) {
+std::string commands(const command_tree& tree) {
     std::string text;
-    for (const verb& one : verbs) {
-        if (one.run != nullptr && !one.hidden) text += verb_section(one);
+    for (const command& shown : tree.commands) {
+        if (!shown.hidden) text += command_section(shown);
     }
     return text;
 }
 
-std::string lines(std::span<const verb> verbs) {
+std::string lines(const command_tree& tree) {
     std::string text = escaped(
                            "A running watch, monitor or loglevel takes commands as lines of "
                            "standard input, on cards already heard:") +
                        '\n';
-    for (const verb& one : verbs) {
-        if (one.answer != nullptr) text += tagged(one.name + words_text(one), one.help);
-    }
+    for (const command& shown : tree.commands)
+        text += tagged(shown.name + words_text(shown), shown.app.get_description());
     return text;
 }
 
-std::string globals() {
+std::string globals(const command_tree& tree) {
     std::string text = escaped("They stand in front of the command or behind it.") + '\n';
-    for (const option* const row : global_options())
-        text += tagged(option_term(*row), row->help);
+    for (const CLI::Option* const option : options_of(*tree.app, false))
+        text += tagged(option_term(*option), option->get_description());
     text += tagged("-h, --help", "Print help and end; behind a command, that of the command");
     return text + tagged("--version", "Print the version and end");
 }
@@ -165,8 +171,8 @@ std::string example_list() {
 
 }  // namespace
 
-std::string man_page(std::span<const verb> verbs) {
-    std::string text = ".\\\" Made from the tables of the command; not to be edited.\n";
+std::string man_page(const command_tree& tree, const command_tree& lines_tree) {
+    std::string text = ".\\\" Made from the definitions of the commands; not to be edited.\n";
     text += ".TH QNMCTL 1 " QNM_TEXTS_DATE " \"libqnm " QNMCTL_VERSION
             "\" \"User Commands\"\n.nh\n.ad l\n";
     std::string what = summary;
@@ -175,9 +181,9 @@ std::string man_page(std::span<const verb> verbs) {
     text +=
         heading("SYNOPSIS") + ".B qnmctl\n.RI [ options ]\n.I command\n.RI [ argument .\\|.\\|.]\n";
     text += heading("DESCRIPTION") + ".B qnmctl\n" + escaped(description) + '\n';
-    text += heading("OPTIONS") + globals();
-    text += heading("COMMANDS") + commands(verbs);
-    text += heading("LINES") + lines(verbs);
+    text += heading("OPTIONS") + globals(tree);
+    text += heading("COMMANDS") + commands(tree);
+    text += heading("LINES") + lines(lines_tree);
     text += heading("OUTPUT") + escaped(output_form_text) + '\n';
     text += heading("LOGS") + escaped(logs_text) + "\n.PP\n" + escaped(places_text) + '\n';
     text += heading("SIGNALS AND FILES OF OTHERS") + escaped(surroundings_text) + '\n';

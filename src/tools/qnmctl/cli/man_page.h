@@ -1,13 +1,13 @@
-// The manual page qnmctl(1), made from the tables of verbs and options.
+// The manual page qnmctl(1), made from the definitions of the commands.
 #pragma once
 
-#include <span>
 #include <string>
 
-#include "cli/command_line.h"
+#include "cli/command.h"
 
 namespace qnmctl {
 
-std::string man_page(std::span<const verb> verbs);
+// By a tree for the command line, and one for lines.
+std::string man_page(const command_tree& tree, const command_tree& lines_tree);
 
 }  // namespace qnmctl

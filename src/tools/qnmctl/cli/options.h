@@ -1,63 +1,45 @@
-// The options and fixed words of all verbs, and those in front of the verb, in one table that
-// parsing, help, completion and the manual page are made from.
+// Options that several commands have, and those that stand in front of any.
 #pragma once
 
 #include <optional>
-#include <span>
-#include <string>
-#include <string_view>
-#include <vector>
 
-#include "cli/command_line.h"
+#include "cli/command.h"
 
 namespace qnmctl {
 
 inline constexpr char id_help[] = "Card ID, as 0x001122334455 or 00:11:22:33:44:55";
 
-// What completion offers where a value is wanted.
-enum class offers { nothing, words, files, directories, interfaces, cards };
+// --dir, --ports and so on, which may stand behind the command, too.
+void add_globals(command_tree& tree);
 
-struct option {
-    unsigned taken = takes_nothing;           // by verbs with one of these bits
-    const char* names = "";                   // "-v,--verbose"; a word of its own: "ACTION"
-    const char* value = nullptr;              // how the help calls it, "SECONDS"; nullptr: a flag
-    const char* help = "";                    // one line
-    offers offered = offers::nothing;         // in place of the value
-    std::span<const char* const> words = {};  // all that the value can be; empty: anything
-    bool repeatable = false;
+// What is wrong with them taken together.
+refusal wrong_globals(const settings& global);
 
-    // Takes a value that is one of the words, if there are any; the result says what is wrong with
-    // it. A flag has an empty one.
-    std::optional<std::string> (*set)(const std::string& value, command_line& into) = nullptr;
+// An operand that is one card.
+void add_card(command& to, std::uint64_t& id);
 
-    bool is_word() const { return names[0] != '-'; }
-};
+// IDs, or --all, --kind and --group in place of them; before all operands.
+void add_cards(command& to, selection& cards);
 
-// The rows, in the order in which help shows them.
-std::span<const option> all_options();
+// --card, --kind and --group, which let cards through.
+void add_card_filter(command& to, selection& cards);
+void add_card_option(command& to, std::vector<std::uint64_t>& ids);
+void add_kind_and_group(command& to, selection& cards);
 
-// Those that stand in front of the verb or behind it.
-std::vector<const option*> global_options();
+// --for; the target has the default, 0 where there is no limit.
+void add_seconds(command& to, double& target, const char* help = "Seconds to listen");
 
-// Those of a verb: its fixed words first, in their order.
-std::vector<const option*> options_of(const verb& defined);
+// --count of events or frames.
+void add_count(command& to, std::uint64_t& target, const char* help);
 
-// Of a verb that is given in a line of standard input.
-std::vector<const option*> options_in_lines(const verb& defined);
+// -o and --json. A command that streams has set that before.
+void add_output(command& to);
+void add_output_with_graph(command& to);
 
-// The help of an option, with what holds for this verb in particular.
-std::string option_help(const option& of, const verb& defined);
+// What --log-level takes, in the order of qnm_log_level_t.
+std::span<const char* const> log_level_words();
 
-// Checks and takes a value; the result says what is wrong with it.
-std::optional<std::string> set_value(const option& of, const std::string& value,
-                                     command_line& into);
-
-std::vector<std::string> names_of(const option& of);  // "-v", "--verbose"
-
-// What is wrong with the options in front of the verb taken together.
-std::optional<std::string> wrong_globals(const settings& given);
-
-// A card ID as it was typed; the text says why it is none.
-std::optional<std::string> take_id(const std::string& word, std::uint64_t& into);
+// "none" when it is no level.
+const char* level_word(qnm_log_level_t level);
 
 }  // namespace qnmctl

@@ -1,4 +1,4 @@
-// What --help and the manual page tell in common, beside the tables of verbs and options.
+// What --help and the manual page tell in common, beside the commands and their options.
 #pragma once
 
 #include <span>

@@ -22,7 +22,7 @@ inline constexpr char default_dir[] = "/opt/tarvo/qnm";
 inline constexpr char config_name[] = "conf/qnm.conf";
 inline constexpr char properties_name[] = "conf/qnm_log4c.properties";
 
-// The options in front of the verb.
+// The options in front of the command.
 struct settings {
     std::string dir = {};                 // empty: the library's own directory
     std::vector<std::string> ports = {};  // not empty: a temporary directory for these

@@ -1,14 +1,13 @@
-// What a verb works with while it runs: the installation, the output, the running manager.
+// What a command works with while it runs: the installation, the output, the running manager.
 #pragma once
 
 #include <cstdint>
 #include <memory>
 #include <set>
-#include <span>
 #include <string>
 #include <vector>
 
-#include "cli/command_line.h"
+#include "cli/command.h"
 #include "installation/installation.h"
 #include "manager/session.h"
 #include "output/output.h"
@@ -24,10 +23,10 @@ struct event_filter {
     std::vector<std::string> events = {};  // names
 };
 
-// What a verb works with while it runs.
+// What a command works with while it runs.
 struct context {
-    std::span<const verb> verbs;  // all, for lines on standard input
-    const installation& where;    // as named by the operator
+    define_commands define;     // for lines on standard input
+    const installation& where;  // as named by the operator
     qnm_log_level_t log_level;
     output& out;
     writer& told;  // what is written there

@@ -12,6 +12,7 @@
 #include <iterator>
 #include <string>
 
+#include "cli/command_line.h"
 #include "common/deadline.h"
 #include "common/end_signals.h"
 #include "common/input_lines.h"
@@ -60,14 +61,16 @@ void tell_event(context& with, const observed& seen) {
 // ---- Lines --------------------------------------------------------------------------------------
 
 void answer_line(context& with, const std::string& line) {
-    const std::variant<request, std::string> parsed = parse_line(with.verbs, line);
+    command_tree tree(used_for::lines);
+    with.define(tree);
+    const std::variant<const command*, std::string> parsed = parse_line(tree, line);
     if (const auto* wrong = std::get_if<std::string>(&parsed)) {
         return with.told.failure(*wrong, exit_usage, std::nullopt);
     }
-    const auto& asked = std::get<request>(parsed);
-    if (asked.asked == nullptr) return;
+    const command* const found = std::get<const command*>(parsed);
+    if (found == nullptr) return;
     try {
-        asked.asked->answer(with, asked);
+        found->answer(with);
     } catch (const error& e) {
         with.told.failure(e.what(), e.status, e.code);
     }
@@ -165,12 +168,11 @@ void start(context& with) {
                                                    "devinfo_expire_time", default_expire_ms);
 }
 
-void listen_and_tell(context& with, const request& asked) {
+void listen_and_tell(context& with, double seconds, std::uint64_t count) {
     if (isatty(STDIN_FILENO) == 1 && isatty(STDERR_FILENO) == 1) {
         tools::tell("watching; \"help\" lists the commands, \"quit\" ends\n");
     }
-    listen(with,
-           {.seconds = asked.seconds, .count = asked.count, .tells = true, .takes_lines = true});
+    listen(with, {.seconds = seconds, .count = count, .tells = true, .takes_lines = true});
 }
 
 void check_running(const context& with) {

@@ -1,4 +1,4 @@
-// What verbs share while the manager runs: starting it, waiting, and printing.
+// What commands share while the manager runs: starting it, waiting, and printing.
 #pragma once
 
 #include <cstdint>
@@ -6,7 +6,6 @@
 #include <optional>
 #include <string>
 
-#include "cli/command_line.h"
 #include "manager/context.h"
 
 namespace qnmctl {
@@ -26,7 +25,7 @@ void start(context& with);
 void listen(context& with, const listening& how);
 
 // Listens, tells the events and answers lines, as long as was asked for.
-void listen_and_tell(context& with, const request& asked);
+void listen_and_tell(context& with, double seconds, std::uint64_t count);
 
 // Tells that the monitoring of a card was stopped or restarted just now; an event like others.
 void tell_monitor(context& with, std::uint64_t id, bool restarted);

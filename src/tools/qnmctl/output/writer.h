@@ -1,8 +1,8 @@
 // What a command tells, in the form that was asked for.
 //
-// There are two kinds of form. The text is for people, and a verb writes it as it likes. In the
+// There are two kinds of form. The text is for people, and a command writes it as it likes. In the
 // other forms it tells records: objects that say by "record" what they are and hold IDs as strings,
-// numbers as numbers, and a list always as an array. A verb tells everything in both ways, each
+// numbers as numbers, and a list always as an array. A command tells everything in both ways, each
 // only where it counts:
 //
 //     if (with.told.is_text()) return with.told.text(table_text(cards));

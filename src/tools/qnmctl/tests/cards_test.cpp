@@ -90,7 +90,7 @@ class Cards : public testing::Test {
         // Looking twenty times whether the lock was really had takes most of an access's time.
         words all = {"--ports", "qnm0,qnm1", "--set", "eeprom_verify_count=1"};
         all.insert(all.end(), arguments.begin(), arguments.end());
-        return command(all);
+        return invocation(all);
     }
     static ended run(const words& arguments) {
         program started(ctl(arguments));
@@ -724,7 +724,7 @@ TEST_F(Cards, BesideProcessesThatCannotBeLookedIntoAreNotCalledWell) {
     };
     EXPECT_FALSE(unseen(run({"doctor"}).out));
     fs::permissions(dir.path(), fs::perms(0755));
-    fs::copy_file(command({})[0], file("qnmctl"));
+    fs::copy_file(invocation({})[0], file("qnmctl"));
     fs::copy_file(QNM_LIBRARY, file("libqnm.so.1"));
     program other({"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "env",
                    "LD_LIBRARY_PATH=" + dir.path().string(), "XDG_STATE_HOME=", "TMPDIR=/tmp",

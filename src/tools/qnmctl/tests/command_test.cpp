@@ -7,12 +7,12 @@
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
+#include "commands.h"
 #include "common/standard_files.h"
 #include "installation/config_file.h"
 #include "installation/installation.h"
 #include "output/text.h"
 #include "tests/program.h"
-#include "verbs.h"
 
 namespace qnmctl {
 namespace {
@@ -20,43 +20,44 @@ namespace {
 namespace fs = std::filesystem;
 
 TEST(Command, WithoutAVerbIsWrongUsage) {
-    program run(command({}));
+    program run(invocation({}));
     EXPECT_EQ(2, run.end());
     EXPECT_TRUE(holds(run.errors(), "no command is given"));
 }
 
-TEST(Command, WithAnUnknownVerbIsWrongUsage) {
-    program run(command({"frob"}));
+TEST(Command, WithAnUnknownNameIsWrongUsage) {
+    program run(invocation({"frob"}));
     EXPECT_EQ(2, run.end());
     EXPECT_TRUE(holds(run.errors(), "frob"));
 }
 
-TEST(Command, HelpNamesEveryVerb) {
-    program run(command({"help"}));
+TEST(Command, HelpNamesEveryCommand) {
+    program run(invocation({"help"}));
     const std::string help = run.read_all();
-    for (const verb& one : verbs) {
-        if (one.run == nullptr || one.hidden) continue;
-        const std::string start = "\n  " + split(one.name, " ").front() + ' ';
-        EXPECT_TRUE(holds(help, start)) << one.name;
+    command_tree tree(used_for::command_line);
+    define_all_commands(tree);
+    for (const command& shown : tree.commands) {
+        const std::string start = "\n  " + split(shown.name, " ").front() + ' ';
+        EXPECT_EQ(!shown.hidden, holds(help, start)) << shown.name;
     }
     EXPECT_EQ(0, run.end());
 }
 
 TEST(Command, HelpOfMonitorSaysWhoseManagerItIs) {
-    program run(command({"monitor", "--help"}));
+    program run(invocation({"monitor", "--help"}));
     EXPECT_TRUE(holds(run.read_all(), "this very process"));
     EXPECT_EQ(0, run.end());
 }
 
 TEST(Command, ADirectoryThatIsMissingIsNamed) {
-    program run(command({"--dir", "/nonexistent/qnm", "list"}));
+    program run(invocation({"--dir", "/nonexistent/qnm", "list"}));
     EXPECT_EQ(1, run.end());
     EXPECT_TRUE(holds(run.errors(), "qnmctl: there is no directory /nonexistent/qnm\n  Name"));
 }
 
 TEST(Command, AMissingPropertiesFileIsNamed) {
     const tools::temporary_dir dir;
-    program run(command({"--dir", dir.path(), "list"}));
+    program run(invocation({"--dir", dir.path(), "list"}));
     EXPECT_EQ(1, run.end());
     EXPECT_TRUE(holds(run.errors(), dir.path().string() + "/conf/qnm_log4c.properties"));
 }
@@ -65,7 +66,7 @@ TEST(Command, AMissingPropertiesFileIsNamed) {
 
 words in_namespace(const words& arguments) {
     words all = {QNM_IN_NETNS};
-    const words own = command(arguments);
+    const words own = invocation(arguments);
     all.insert(all.end(), own.begin(), own.end());
     return all;
 }
@@ -201,7 +202,7 @@ TEST_F(Manager, SaysThatItsReaderHasGone) {
 
 TEST_F(Manager, TakesNothingElseForAClosedStandardOutput) {
     words all = {QNM_IN_NETNS, "sh", "-c", "exec \"$@\" >&-", "sh"};
-    const words own = command({"--ports", "lo", "list", "--for", "0.1"});
+    const words own = invocation({"--ports", "lo", "list", "--for", "0.1"});
     all.insert(all.end(), own.begin(), own.end());
     program run(all);
     EXPECT_EQ(tools::exit_output, run.end()) << run.errors();
@@ -272,7 +273,7 @@ TEST_F(Manager, RunsOnOnePortAndNamesTheOther) {
 
 TEST_F(Manager, NamesAnInterfaceThatIsDown) {
     words all = {QNM_IN_NETNS, "sh", "-c", "ip link set lo down; exec \"$@\"", "sh"};
-    const words own = command({"--ports", "lo", "list"});
+    const words own = invocation({"--ports", "lo", "list"});
     all.insert(all.end(), own.begin(), own.end());
     program run(all);
     EXPECT_EQ(code_status(QNM_API_EPROTO), run.end());

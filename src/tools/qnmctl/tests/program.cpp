@@ -33,7 +33,7 @@ int checked(int result) {
 
 }  // namespace
 
-words command(const words& arguments) {
+words invocation(const words& arguments) {
     words all = {QNMCTL_PROGRAM};
     all.insert(all.end(), arguments.begin(), arguments.end());
     return all;

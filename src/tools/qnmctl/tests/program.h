@@ -15,7 +15,7 @@ namespace qnmctl {
 using words = std::vector<std::string>;
 
 // The words that run qnmctl with these arguments.
-words command(const words& arguments);
+words invocation(const words& arguments);
 
 bool holds(const std::string& text, const std::string& part);
 

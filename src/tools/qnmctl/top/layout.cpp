@@ -6,8 +6,8 @@
 #include <cstdio>
 #include <iterator>
 
-#include "common/visible.h"
 #include "cards/card_text.h"
+#include "common/visible.h"
 #include "output/table.h"
 
 namespace qnmctl {

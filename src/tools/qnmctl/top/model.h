@@ -12,7 +12,6 @@
 #include <string>
 #include <vector>
 
-#include "cli/command_line.h"
 #include "output/text.h"
 #include "records/event_text.h"
 #include "records/fields.h"
@@ -57,6 +56,9 @@ struct top_filter {
     selection cards = {};
     std::optional<bool> connected = {};
 };
+
+// What the cards are sorted by.
+enum class top_order { id, kind, type, vlan, paths, heard, events, rate };
 
 struct top_model {
     // What was seen.

@@ -13,6 +13,7 @@
 #include <cstring>
 #include <iterator>
 
+#include "cli/options.h"
 #include "common/deadline.h"
 #include "installation/config_file.h"
 #include "manager/listen.h"
@@ -24,8 +25,26 @@ namespace qnmctl {
 
 namespace {
 
+constexpr char top_help[] =
+    "A full screen of ports, cards with their paths, and rates, looked at every second; ? lists\n"
+    "the keys, q ends. Frames are those that the kernel counts on the interfaces of the ports,\n"
+    "other programs' among them; events are the library's. Rates are those of the last five\n"
+    "seconds. A path is C connected, D lost, or - never heard. heard sorts by the time since\n"
+    "then, and like events and rate the largest first. Needs a terminal; for scripts there are\n"
+    "list and watch.";
+
+constexpr const char* state_words[] = {"disconnected", "connected"};
+
+struct top_options {
+    top_filter filter = {};
+    top_order order = top_order::id;
+    bool reversed = false;
+    double delay = 1;    // seconds between two looks
+    double seconds = 0;  // 0: without limit
+};
+
 using clock = std::chrono::steady_clock;
-using seconds = std::chrono::duration<double>;
+using double_seconds = std::chrono::duration<double>;
 
 extern "C" void never_called(int) {}
 
@@ -119,18 +138,18 @@ struct view {
     clock::time_point begun = clock::now();
 };
 
-top_model first_model(const context& with, const request& asked) {
-    top_model made;
-    made.order = asked.top.order;
-    made.reversed = asked.top.reversed;
-    made.filter = {asked.top.text, asked.cards, asked.top.connected};
+top_model first_model(const context& with, const top_options& options) {
+    top_model model;
+    model.order = options.order;
+    model.reversed = options.reversed;
+    model.filter = options.filter;
     for (const std::string& name : configured_ports(read_config(with.where.config())))
-        made.ports.push_back({.name = name});
-    return made;
+        model.ports.push_back({.name = name});
+    return model;
 }
 
 void look(view& of) {
-    const double now = seconds(clock::now() - of.begun).count();
+    const double now = double_seconds(clock::now() - of.begun).count();
     look_at_ports(of.model, read_port_counts(), now);
     look_at_cards(of.model, read_cards(), std::chrono::system_clock::now(), now);
 }
@@ -192,9 +211,9 @@ bool wait_for_input(view& of, clock::time_point until) {
     return true;
 }
 
-void show(view& of, const request& asked) {
-    const auto delay = std::chrono::duration_cast<clock::duration>(seconds(asked.top.delay));
-    const clock::time_point end = tools::deadline_after(asked.seconds);
+void show(view& of, const top_options& options) {
+    const auto delay = std::chrono::duration_cast<clock::duration>(double_seconds(options.delay));
+    const clock::time_point end = tools::deadline_after(options.seconds);
     clock::time_point next_look = clock::now();
     while (!of.model.quit && clock::now() < end) {
         if (clock::now() >= next_look) {
@@ -208,9 +227,7 @@ void show(view& of, const request& asked) {
     }
 }
 
-}  // namespace
-
-int run_top(context& with, const request& asked) {
+int run_top(context& with, const top_options& options) {
     if (const auto problem = screen_problem()) throw usage_error(*problem);
     const screen_signals signals;
     signals.wait_for_terminal(with);
@@ -219,9 +236,37 @@ int run_top(context& with, const request& asked) {
     start(with);
     const stuck_terminal watched(with.signals);
     top_screen screen(with.how.coloured);
-    view of{with, signals, screen, first_model(with, asked)};
-    show(of, asked);
+    view of{with, signals, screen, first_model(with, options)};
+    show(of, options);
     return exit_ok;
+}
+
+}  // namespace
+
+void define_top(command_tree& tree) {
+    if (tree.use == used_for::lines) return;
+    const auto top = add_command_with<top_options>(
+        tree, {"top", "Shows ports, cards and rates on a full screen, live", top_help});
+    top.self.endless = true;
+    top_options& options = top.options;
+    add_card_filter(top.self, options.filter.cards);
+    add_option(top.self,
+               {"--state", "STATE",
+                "Only cards of which a path is connected, or none: connected or disconnected"},
+               choice(options.filter.connected, state_words));
+    add_option(top.self,
+               {"--filter", "TEXT",
+                "Only cards whose ID, kind, type or vlanN hold all words of this text"},
+               any_text(options.filter.text));
+    add_option(top.self,
+               {"--sort", "ORDER", "id (default), kind, type, vlan, paths, heard, events or rate"},
+               choice(options.order, top_order_words));
+    add_flag(top.self, "--reverse", "Turn the order round", options.reversed);
+    add_option(top.self,
+               {"-d,--delay", "SECONDS", "Seconds between two looks at the cards (default: 1)"},
+               seconds(options.delay));
+    add_seconds(top.self, options.seconds, "Seconds to run");
+    set_run(top, run_top);
 }
 
 }  // namespace qnmctl

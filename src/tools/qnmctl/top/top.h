@@ -1,10 +1,10 @@
-// The verb of the full-screen view.
+// The command of the full-screen view.
 #pragma once
 
-#include "cli/command_line.h"
+#include "cli/command.h"
 
 namespace qnmctl {
 
-int run_top(context& with, const request& asked);
+void define_top(command_tree& tree);
 
 }  // namespace qnmctl

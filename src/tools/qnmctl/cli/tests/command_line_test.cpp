@@ -1,84 +1,69 @@
-// Requests from words, by a table of verbs of the test's own.
+// Commands from words, by a tree of the test's own.
 #include "cli/command_line.h"
 
 #include <gtest/gtest.h>
 
-#include "output/text.h"
-#include "tests/sample_cards.h"
+#include "cli/tests/sample_commands.h"
 
 namespace qnmctl {
 namespace {
 
-int run(context&, const request&) {
-    return exit_ok;
-}
-void answer(context&, const request&) {}
-
-constexpr operand addr = {.name = "ADDR", .help = "", .most = 0xFFC, .step = 4};
-constexpr operand value = {.name = "VALUE", .help = ""};
-constexpr operand addr_only[] = {addr};
-constexpr operand addr_value[] = {addr, value};
-constexpr operand range[] = {{.name = "START", .help = "", .optional = true},
-                             {.name = "END", .help = "", .optional = true}};
-constexpr operand file[] = {{.name = "FILE", .help = "", .form = operand_form::file}};
-
-constexpr verb table[] = {
-    {.name = "watch",
-     .help = "Watches",
-     .takes = takes_filter | takes_for | takes_count,
-     .run = run,
-     .streams = true},
-    {.name = "graph", .help = "Draws", .takes = takes_dot, .run = run},
-    {.name = "rest", .help = "Takes all", .takes = takes_rest, .run = run, .hidden = true},
-    {"show", "Shows", "", takes_id | takes_for, 10, run, answer},
-    {"stats", "Dumps", "", takes_verbose | takes_for, 3, run, answer},
-    {"monitor", "Controls", "", takes_action | takes_id, 0, run, answer},
-    {"reg read", "Reads", "", takes_ids | takes_wait | takes_retry | takes_livecheck, 0, run,
-     answer, addr_only},
-    {"reg write", "Writes", "", takes_ids | takes_verify | takes_force_lock, 0, run, answer,
-     addr_value},
-    {"eeprom dump", "Dumps", "", takes_id | takes_raw, 0, run, answer, range},
-    {"eeprom restore", "Restores", "", takes_id | takes_yes, 0, run, nullptr, file},
-    {"eeprom unlock", "Unlocks", "", takes_ids, 0, run, answer},
-    {"loglevel", "Sets", "", takes_level, 0, run, answer},
-    {.name = "screen", .help = "Shows", .takes = takes_top | takes_for, .run = run},
-    {"quit", "Ends", "", takes_nothing, 0, nullptr, answer},
+// What a line has led to.
+struct understood {
+    std::string name;
+    settings global;
+    output_form form;
+    sample_options options;
 };
 
-// The exit status, or the parsed line.
-std::variant<command_line, int> parse(std::vector<const char*> words) {
+// Prints what help or an error is.
+std::variant<understood, int> parse(std::vector<const char*> words) {
     words.insert(words.begin(), "qnmctl");
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    auto parsed = parse_command_line(table, static_cast<int>(words.size()), words.data());
-    testing::internal::GetCapturedStdout();
-    testing::internal::GetCapturedStderr();
-    return parsed;
+    sample_options given;
+    command_tree tree(used_for::command_line);
+    define_sample_commands(tree, given);
+    const auto parsed = parse_command_line(tree, static_cast<int>(words.size()), words.data());
+    if (const int* const status = std::get_if<int>(&parsed)) return *status;
+    const command& found = *std::get<const command*>(parsed);
+    return understood{found.name, tree.global, found.form, given};
 }
 
-command_line parsed(const std::vector<const char*>& words) {
-    return std::get<command_line>(parse(words));
+understood parsed(const std::vector<const char*>& words) {
+    return std::get<understood>(parse(words));
+}
+
+sample_options options(const std::vector<const char*>& words) {
+    return parsed(words).options;
 }
 
 int status(const std::vector<const char*>& words) {
-    return std::get<int>(parse(words));
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    const auto result = parse(words);
+    testing::internal::GetCapturedStdout();
+    testing::internal::GetCapturedStderr();
+    const int* const number = std::get_if<int>(&result);
+    return number == nullptr ? -1 : *number;
 }
 
-std::string help_of(std::vector<const char*> words) {
-    words.insert(words.begin(), "qnmctl");
-    words.push_back("--help");
+std::string printed(const std::vector<const char*>& words) {
     testing::internal::CaptureStdout();
-    parse_command_line(table, static_cast<int>(words.size()), words.data());
+    parse(words);
     return testing::internal::GetCapturedStdout();
 }
 
+std::string help_of(std::vector<const char*> words) {
+    words.push_back("--help");
+    return printed(words);
+}
+
 TEST(CommandLine, GlobalOptionsStandBeforeOrBehindTheVerb) {
-    for (const command_line& line :
+    for (const understood& line :
          {parsed({"--ports", "qnm0,qnm1", "--set", "a=1", "--set", "b=2", "watch"}),
           parsed({"watch", "--ports", "qnm0,qnm1", "--set", "a=1", "--set", "b=2"})}) {
         EXPECT_EQ((std::vector<std::string>{"qnm0", "qnm1"}), line.global.ports);
         EXPECT_EQ((std::vector<std::string>{"a=1", "b=2"}), line.global.keys);
-        EXPECT_STREQ("watch", line.asked.asked->name);
+        EXPECT_EQ("watch", line.name);
     }
 }
 
@@ -89,28 +74,27 @@ TEST(CommandLine, LogLevelsHaveNames) {
     EXPECT_EQ(exit_usage, status({"--log-level", "loud", "watch"}));
 }
 
-TEST(CommandLine, TimeHasTheVerbsDefault) {
-    EXPECT_EQ(0, parsed({"watch"}).asked.seconds);
-    EXPECT_EQ(10, parsed({"show", "0x1"}).asked.seconds);
-    EXPECT_EQ(0.5, parsed({"show", "0x1", "--for", "0.5"}).asked.seconds);
+TEST(CommandLine, TimeHasTheCommandsDefault) {
+    EXPECT_EQ(0, parsed({"watch"}).options.seconds);
+    EXPECT_EQ(10, parsed({"show", "0x1"}).options.show_seconds);
+    EXPECT_EQ(0.5, parsed({"show", "0x1", "--for", "0.5"}).options.show_seconds);
 }
 
-TEST(CommandLine, VerbsTakeTheirOwnOptions) {
-    EXPECT_EQ(7U, parsed({"watch", "--count", "7"}).asked.count);
-    EXPECT_TRUE(parsed({"stats", "-v"}).asked.verbose);
-    const request monitor = parsed({"monitor", "restart", "02:00:00:00:10:00"}).asked;
-    EXPECT_EQ(monitor_action::restart, monitor.action);
-    EXPECT_EQ(0x020000001000U, monitor.id);
+TEST(CommandLine, CommandsTakeTheirOwnOptions) {
+    EXPECT_EQ(7U, options({"watch", "--count", "7"}).count);
+    EXPECT_TRUE(options({"stats", "-v"}).verbose);
+    const sample_options start = options({"start", "zsh", "02:00:00:00:10:00"});
+    EXPECT_EQ("zsh", start.shell);
+    EXPECT_EQ(0x020000001000U, start.id);
 }
 
-TEST(CommandLine, EveryVerbHasItsOutputInAForm) {
-    EXPECT_EQ(output_form::text, parsed({"show", "0x1"}).asked.form);
-    EXPECT_EQ(output_form::text, parsed({"show", "0x1", "-o", "text"}).asked.form);
-    EXPECT_EQ(output_form::json_document, parsed({"show", "0x1", "-o", "json"}).asked.form);
-    EXPECT_EQ(output_form::json_lines, parsed({"loglevel", "warn", "-o", "jsonl"}).asked.form);
-    EXPECT_EQ(output_form::json_lines, parsed({"stats", "--output=jsonl"}).asked.form);
-    EXPECT_EQ(output_form::dot, parsed({"graph", "-o", "dot"}).asked.form);
-    EXPECT_EQ(output_form::json_document, parsed({"graph", "-o", "json"}).asked.form);
+TEST(CommandLine, EveryCommandHasItsOutputInAForm) {
+    EXPECT_EQ(output_form::text, parsed({"show", "0x1"}).form);
+    EXPECT_EQ(output_form::text, parsed({"show", "0x1", "-o", "text"}).form);
+    EXPECT_EQ(output_form::json_document, parsed({"show", "0x1", "-o", "json"}).form);
+    EXPECT_EQ(output_form::json_lines, parsed({"stats", "--output=jsonl"}).form);
+    EXPECT_EQ(output_form::dot, parsed({"graph", "-o", "dot"}).form);
+    EXPECT_EQ(output_form::json_document, parsed({"graph", "-o", "json"}).form);
     EXPECT_EQ(exit_usage, status({"show", "0x1", "-o", "dot"}));
     EXPECT_EQ(exit_usage, status({"show", "0x1", "-o", "xml"}));
 }
@@ -124,29 +108,29 @@ TEST(CommandLine, AScreenHasNoForm) {
 
 // What reads a stream reads lines.
 TEST(CommandLine, JsonIsShortForTheFormThatFits) {
-    EXPECT_EQ(output_form::json_document, parsed({"show", "0x1", "--json"}).asked.form);
-    EXPECT_EQ(output_form::json_document, parsed({"graph", "--json"}).asked.form);
-    EXPECT_EQ(output_form::json_lines, parsed({"watch", "--json"}).asked.form);
+    EXPECT_EQ(output_form::json_document, parsed({"show", "0x1", "--json"}).form);
+    EXPECT_EQ(output_form::json_document, parsed({"graph", "--json"}).form);
+    EXPECT_EQ(output_form::json_lines, parsed({"watch", "--json"}).form);
 }
 
 TEST(CommandLine, EventsAreFiltered) {
-    const request watch = parsed({"watch", "--card", "0x1", "--card", "0x2", "--kind", "qnio",
-                                  "--group", "20", "--event", "NEWDEVINFO", "--event", "MONITOR"})
-                              .asked;
+    const sample_options watch =
+        options({"watch", "--card", "0x1", "--card", "0x2", "--kind", "qnio", "--group", "20",
+                 "--event", "NEW", "--event", "GONE"});
     EXPECT_EQ((std::vector<std::uint64_t>{1, 2}), watch.cards.ids);
     EXPECT_EQ(card_kind::device, watch.cards.kind);
     EXPECT_EQ(20, watch.cards.group);
-    EXPECT_EQ((std::vector<std::string>{"NEWDEVINFO", "MONITOR"}), watch.events);
+    EXPECT_EQ((std::vector<std::string>{"NEW", "GONE"}), watch.events);
     EXPECT_EQ(exit_usage, status({"watch", "--event", "EVERYTHING"}));
     EXPECT_EQ(exit_usage, status({"watch", "--card", "12"}));
 }
 
 TEST(CommandLine, TheRestIsTakenAsItIs) {
     EXPECT_EQ((std::vector<std::string>{"--ports", "a", "show", ""}),
-              parsed({"rest", "--", "--ports", "a", "show", ""}).asked.rest);
+              parsed({"rest", "--", "--ports", "a", "show", ""}).options.rest);
 }
 
-TEST(CommandLine, HiddenVerbsAreNotInTheHelp) {
+TEST(CommandLine, HiddenCommandsAreNotInTheHelp) {
     const std::string help = help_of({});
     EXPECT_NE(std::string::npos, help.find("\n  watch "));
     EXPECT_EQ(std::string::npos, help.find("rest"));
@@ -161,67 +145,61 @@ TEST(CommandLine, HelpHasEveryExitStatus) {
 }
 
 TEST(CommandLine, OperandsStandBehindTheIds) {
-    const request one = parsed({"reg", "write", "0x1000", "0x100", "0b11"}).asked;
-    EXPECT_STREQ("reg write", one.asked->name);
-    EXPECT_EQ(std::vector<std::uint64_t>{0x1000}, one.cards.ids);
-    EXPECT_EQ((std::vector<std::uint32_t>{0x100, 3}), one.numbers);
-    const request two = parsed({"reg", "read", "0x1000", "02:00:00:00:10:00", "256"}).asked;
-    EXPECT_EQ((std::vector<std::uint64_t>{0x1000, 0x020000001000}), two.cards.ids);
-    EXPECT_EQ(std::vector<std::uint32_t>{256}, two.numbers);
+    const understood write = parsed({"reg", "write", "0x1000", "0x100", "0b11"});
+    EXPECT_EQ("reg write", write.name);
+    EXPECT_EQ(std::vector<std::uint64_t>{0x1000}, write.options.cards.ids);
+    EXPECT_EQ(0x100U, write.options.addr);
+    EXPECT_EQ(3U, write.options.word);
+    const sample_options read = options({"reg", "read", "0x1000", "02:00:00:00:10:00", "256"});
+    EXPECT_EQ((std::vector<std::uint64_t>{0x1000, 0x020000001000}), read.cards.ids);
+    EXPECT_EQ(256U, read.addr);
     EXPECT_EQ(std::vector<std::uint64_t>{0x1000},
-              parsed({"eeprom", "unlock", "0x1000"}).asked.cards.ids);
+              options({"eeprom", "unlock", "0x1000"}).cards.ids);
 }
 
 TEST(CommandLine, OptionsMayStandBetweenOperands) {
-    const request asked = parsed({"reg", "write", "0x1000", "--verify", "0x100", "7"}).asked;
-    EXPECT_EQ(std::vector<std::uint64_t>{0x1000}, asked.cards.ids);
-    EXPECT_EQ((std::vector<std::uint32_t>{0x100, 7}), asked.numbers);
-    EXPECT_EQ(static_cast<std::uint32_t>(QNM_FLAG_VERIFY), asked.how.flags);
+    const sample_options write = options({"reg", "write", "0x1000", "--verify", "0x100", "7"});
+    EXPECT_EQ(std::vector<std::uint64_t>{0x1000}, write.cards.ids);
+    EXPECT_EQ(0x100U, write.addr);
+    EXPECT_EQ(7U, write.word);
+    EXPECT_EQ(verify_bit, write.flags);
 }
 
 TEST(CommandLine, CardsAreChosenByProperties) {
-    const selection all = parsed({"reg", "read", "--all", "0"}).asked.cards;
+    const selection all = options({"reg", "read", "--all", "0"}).cards;
     EXPECT_TRUE(all.all && all.ids.empty());
-    const selection some =
-        parsed({"reg", "read", "0", "--kind", "qnio", "--group", "0x14"}).asked.cards;
+    const selection some = options({"reg", "read", "0", "--kind", "qnio", "--group", "0x14"}).cards;
     EXPECT_EQ(card_kind::device, some.kind);
     EXPECT_EQ(20, some.group);
     EXPECT_TRUE(some.by_property());
 }
 
-TEST(CommandLine, AccessHasItsOptions) {
-    const request bare = parsed({"reg", "read", "0x1", "0"}).asked;
-    EXPECT_FALSE(bare.how.retries || bare.how.interval || bare.wait);
-    EXPECT_EQ(0U, bare.how.flags);
-    const request read = parsed({"reg", "read", "0x1", "0", "--retries", "0", "--interval", "0x10",
-                                 "--livecheck", "--wait", "1.5"})
-                             .asked;
-    EXPECT_EQ(0U, read.how.retries);
-    EXPECT_EQ(16U, read.how.interval);
+TEST(CommandLine, WhatIsNotGivenIsLeftAsItIs) {
+    const sample_options bare = options({"reg", "read", "0x1", "0"});
+    EXPECT_FALSE(bare.retries || bare.wait);
+    const sample_options read =
+        options({"reg", "read", "0x1", "0", "--retries", "0", "--wait", "1.5"});
+    EXPECT_EQ(0U, read.retries);
     EXPECT_EQ(1.5, read.wait);
-    EXPECT_EQ(static_cast<std::uint32_t>(QNM_FLAG_LIVECHECK), read.how.flags);
-    EXPECT_EQ(
-        static_cast<std::uint32_t>(QNM_FLAG_VERIFY | QNM_FLAG_FORCELOCK),
-        parsed({"reg", "write", "0x1", "0", "1", "--verify", "--force-lock"}).asked.how.flags);
 }
 
 TEST(CommandLine, LastOperandsMayBeLeftOut) {
-    EXPECT_TRUE(parsed({"eeprom", "dump", "0x1"}).asked.numbers.empty());
-    EXPECT_EQ(std::vector<std::uint32_t>{4}, parsed({"eeprom", "dump", "0x1", "4"}).asked.numbers);
-    const request dump = parsed({"eeprom", "dump", "0x1", "4", "8", "--raw", "image"}).asked;
-    EXPECT_EQ((std::vector<std::uint32_t>{4, 8}), dump.numbers);
-    EXPECT_EQ("image", dump.raw);
+    const sample_options whole = options({"eeprom", "dump", "0x1"});
+    EXPECT_FALSE(whole.start || whole.end);
+    const sample_options part = options({"eeprom", "dump", "0x1", "4"});
+    EXPECT_EQ(4U, part.start);
+    EXPECT_FALSE(part.end);
+    const sample_options dump = options({"eeprom", "dump", "0x1", "4", "8", "--raw", "image"});
+    EXPECT_EQ(8U, dump.end);
+    EXPECT_EQ("image", dump.file);
 }
 
 TEST(CommandLine, AFileIsTakenAsItIs) {
-    const request asked = parsed({"eeprom", "restore", "0x1", "dir/image 1", "--yes"}).asked;
-    EXPECT_EQ("dir/image 1", asked.file);
-    EXPECT_TRUE(asked.yes);
+    EXPECT_EQ("dir/image 1", options({"eeprom", "restore", "0x1", "dir/image 1"}).file);
+    EXPECT_EQ(exit_usage, status({"eeprom", "restore", "0x1", ""}));
 }
 
-TEST(CommandLine, LevelsOfTheRunningLogIncludeNone) {
-    EXPECT_EQ(QNM_LOGLVL_TRACE, parsed({"loglevel", "trace"}).asked.level);
-    EXPECT_EQ(QNM_LOGLVL_NONE, parsed({"loglevel", "none"}).asked.level);
+TEST(CommandLine, LevelsHaveWords) {
     EXPECT_STREQ("trace", level_word(QNM_LOGLVL_TRACE));
     EXPECT_STREQ("none", level_word(QNM_LOGLVL_NONE));
 }
@@ -232,7 +210,7 @@ TEST(CommandLine, HelpShowsOperandsInTheirOrder) {
     EXPECT_NE(std::string::npos, help_of({"eeprom", "dump"}).find(" ID [START] [END]\n"));
 }
 
-TEST(CommandLine, HelpOfAGroupListsItsVerbs) {
+TEST(CommandLine, HelpOfAGroupListsItsCommands) {
     const std::string help = help_of({"reg"});
     EXPECT_NE(std::string::npos, help.find("\n  read "));
     EXPECT_NE(std::string::npos, help.find("\n  write "));
@@ -245,13 +223,12 @@ TEST(CommandLine, HelpAndVersionLeaveNothingToRun) {
     EXPECT_EQ(exit_ok, status({"show", "--help"}));
 }
 
-std::string complaint(std::vector<const char*> words) {
-    words.insert(words.begin(), "qnmctl");
+std::string complaint(const std::vector<const char*>& words) {
     testing::internal::CaptureStderr();
-    const auto parsed = parse_command_line(table, static_cast<int>(words.size()), words.data());
-    const std::string told = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(exit_usage, std::get<int>(parsed));
-    return told.substr(0, told.find('\n'));
+    const auto result = parse(words);
+    const std::string text = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(exit_usage, std::get<int>(result));
+    return text.substr(0, text.find('\n'));
 }
 
 TEST(CommandLine, SaysWhatIsWrong) {
@@ -265,18 +242,23 @@ TEST(CommandLine, SaysWhatIsWrong) {
     EXPECT_EQ("qnmctl: no command of reg is given; they are read, write", complaint({"reg"}));
     EXPECT_EQ("qnmctl: no command is given", complaint({}));
     EXPECT_EQ("qnmctl: ID is required", complaint({"show"}));
+    EXPECT_EQ("qnmctl: ADDR: \"-4\" is no number; write decimal, 0x1F or 0b11",
+              complaint({"reg", "read", "0x1", "-4"}));
+    EXPECT_EQ("qnmctl: ADDR: 0x1000 is above 4092", complaint({"reg", "read", "0x1", "0x1000"}));
+    EXPECT_EQ("qnmctl: ADDR: 5 is no multiple of 4", complaint({"reg", "read", "0x1", "5"}));
+    EXPECT_EQ("qnmctl: --group: 0 is below 1", complaint({"watch", "--group", "0"}));
+    EXPECT_EQ("qnmctl: VALUE: 0x100000000 is above 4294967295",
+              complaint({"reg", "write", "0x1", "0", "0x100000000"}));
+    EXPECT_EQ("qnmctl: --kind: \"both\" is none of qnsv, qnio",
+              complaint({"watch", "--kind", "both"}));
+    EXPECT_EQ("qnmctl: --card: \"12\" is no card ID; write 0x001122334455 or 00:11:22:33:44:55",
+              complaint({"watch", "--card", "12"}));
 }
 
 TEST(CommandLine, HelpIsACommandToo) {
-    const auto told = [](std::vector<const char*> words) {
-        words.insert(words.begin(), "qnmctl");
-        testing::internal::CaptureStdout();
-        parse_command_line(table, static_cast<int>(words.size()), words.data());
-        return testing::internal::GetCapturedStdout();
-    };
-    EXPECT_EQ(help_of({}), told({"help"}));
-    EXPECT_EQ(help_of({"reg"}), told({"help", "reg"}));
-    EXPECT_EQ(help_of({"reg", "read"}), told({"help", "reg", "read"}));
+    EXPECT_EQ(help_of({}), printed({"help"}));
+    EXPECT_EQ(help_of({"reg"}), printed({"help", "reg"}));
+    EXPECT_EQ(help_of({"reg", "read"}), printed({"help", "reg", "read"}));
     EXPECT_NE(help_of({}), help_of({"reg", "read"}));
 }
 
@@ -292,8 +274,8 @@ TEST_P(WrongUsage, IsStatusTwo) {
 
 INSTANTIATE_TEST_SUITE_P(CommandLine, WrongUsage,
                          testing::Values("", "frob", "quit", "watch show", "show", "show 12",
-                                         "show 0x1 0x2", "show 0x1 --count 1", "monitor halt 0x1",
-                                         "monitor stop", "watch --for 0", "watch --for -1",
+                                         "show 0x1 0x2", "show 0x1 --count 1", "start csh 0x1",
+                                         "start bash", "watch --for 0", "watch --for -1",
                                          "watch --for inf", "watch --for nan", "watch --for soon",
                                          "watch --count 0", "--ports a --dir /x watch",
                                          "--ports , watch", "--ports a,b,c watch",
@@ -308,41 +290,53 @@ INSTANTIATE_TEST_SUITE_P(
                     "reg read 0x1 0 --kind qnsv", "reg read --kind both 0", "reg read --group 0 0",
                     "reg read --group 4095 0", "reg read 0x1 0 --verify",
                     "reg read 0x1 0 --retries -1", "reg read 0x1 0 --retries few",
-                    "reg read 0x1 0 --interval 0", "reg read 0x1 0 --interval 0x100000000",
-                    "reg read 0x1 0 --wait 0", "reg write 0x1 0", "reg write 0x1 0 0x100000000",
-                    "eeprom dump", "eeprom dump 0x1 0 4 8", "eeprom dump --all",
-                    "eeprom restore 0x1", "eeprom restore 0x1 a b", "eeprom unlock", "loglevel",
-                    "loglevel loud"));
+                    "reg read 0x1 0 --retries 0x100000000", "reg read 0x1 0 --wait 0",
+                    "reg write 0x1 0", "reg write 0x1 0 0x100000000", "eeprom dump",
+                    "eeprom dump 0x1 0 4 8", "eeprom dump --all", "eeprom restore 0x1",
+                    "eeprom restore 0x1 a b", "eeprom unlock"));
 
-request line_request(const std::string& line) {
-    return std::get<request>(parse_line(table, line));
+// ---- Lines --------------------------------------------------------------------------------------
+
+// A command of no name where the line is blank.
+std::variant<understood, std::string> parse_one_line(const std::string& line) {
+    sample_options given;
+    command_tree tree(used_for::lines);
+    define_sample_commands(tree, given);
+    const auto result = parse_line(tree, line);
+    if (const auto* const wrong = std::get_if<std::string>(&result)) return *wrong;
+    const command* const found = std::get<const command*>(result);
+    return understood{found == nullptr ? "" : found->name, {}, output_form::text, given};
+}
+
+understood line_parsed(const std::string& line) {
+    return std::get<understood>(parse_one_line(line));
 }
 
 std::string line_error(const std::string& line) {
-    return std::get<std::string>(parse_line(table, line));
+    return std::get<std::string>(parse_one_line(line));
 }
 
-TEST(Line, IsAVerbWithItsArguments) {
-    const request monitor = line_request("  monitor\tstop  0x1000 \r");
-    EXPECT_STREQ("monitor", monitor.asked->name);
-    EXPECT_EQ(monitor_action::stop, monitor.action);
-    EXPECT_EQ(0x1000U, monitor.id);
-    EXPECT_TRUE(line_request("stats -v").verbose);
-    EXPECT_STREQ("quit", line_request("quit").asked->name);
+TEST(Line, IsACommandWithItsArguments) {
+    const understood start = line_parsed("  start\tbash  0x1000 \r");
+    EXPECT_EQ("start", start.name);
+    EXPECT_EQ("bash", start.options.shell);
+    EXPECT_EQ(0x1000U, start.options.id);
+    EXPECT_TRUE(line_parsed("stats -v").options.verbose);
+    EXPECT_EQ("quit", line_parsed("quit").name);
 }
 
 TEST(Line, MayBeAnAccess) {
-    const request read = line_request("reg read 0x1 0x2 8 --retries 3 --livecheck");
-    EXPECT_STREQ("reg read", read.asked->name);
-    EXPECT_EQ((std::vector<std::uint64_t>{1, 2}), read.cards.ids);
-    EXPECT_EQ(std::vector<std::uint32_t>{8}, read.numbers);
-    EXPECT_EQ(3U, read.how.retries);
-    EXPECT_TRUE(line_request("reg read --all 8").cards.all);
-    EXPECT_EQ("image", line_request("eeprom dump 0x1 --raw image").raw);
+    const understood read = line_parsed("reg read 0x1 0x2 8 --retries 3");
+    EXPECT_EQ("reg read", read.name);
+    EXPECT_EQ((std::vector<std::uint64_t>{1, 2}), read.options.cards.ids);
+    EXPECT_EQ(8U, read.options.addr);
+    EXPECT_EQ(3U, read.options.retries);
+    EXPECT_TRUE(line_parsed("reg read --all 8").options.cards.all);
+    EXPECT_EQ("image", line_parsed("eeprom dump 0x1 --raw image").options.file);
 }
 
 TEST(Line, MayBeBlank) {
-    EXPECT_EQ(nullptr, line_request(" \t").asked);
+    EXPECT_EQ("", line_parsed(" \t").name);
 }
 
 TEST(Line, SaysWhatIsWrong) {
@@ -352,8 +346,8 @@ TEST(Line, SaysWhatIsWrong) {
     EXPECT_NE(std::string::npos, line_error("show").find("usage: show ID"));
     EXPECT_NE(std::string::npos, line_error("show 12").find("\"12\" is no card ID"));
     EXPECT_NE(std::string::npos, line_error("show 0x1 --json").find("usage: show ID"));
-    EXPECT_NE(std::string::npos,
-              line_error("monitor halt 0x1").find("usage: monitor stop|restart ID"));
+    EXPECT_NE(std::string::npos, line_error("show --help").find("usage: show ID"));
+    EXPECT_NE(std::string::npos, line_error("start csh 0x1").find("usage: start bash|zsh ID"));
     EXPECT_NE(std::string::npos, line_error("reg frob").find("unknown command \"reg frob\""));
     EXPECT_NE(std::string::npos, line_error("eeprom restore 0x1 a").find("unknown command"));
     EXPECT_NE(std::string::npos, line_error("reg read 0x1 3").find("ADDR: 3 is no multiple of 4"));
@@ -364,39 +358,20 @@ TEST(Line, SaysWhatIsWrong) {
     EXPECT_NE(std::string::npos, line_error("reg read 0x1 0 --wait 1").find("usage: reg read"));
 }
 
-TEST(LinesHelp, ListsTheVerbsThatLinesHave) {
+TEST(LinesHelp, ListsTheCommandsThatLinesHave) {
+    sample_options given;
+    command_tree tree(used_for::lines);
+    define_sample_commands(tree, given);
     EXPECT_EQ(
         "  show ID                      Shows\n"
         "  stats [-v]                   Dumps\n"
-        "  monitor stop|restart ID      Controls\n"
+        "  start bash|zsh ID            Starts\n"
         "  reg read ID... ADDR          Reads\n"
         "  reg write ID... ADDR VALUE   Writes\n"
         "  eeprom dump ID [START] [END] Dumps\n"
         "  eeprom unlock ID...          Unlocks\n"
-        "  loglevel LEVEL               Sets\n"
         "  quit                         Ends\n",
-        lines_help(table));
-}
-
-TEST(FittingIds, AreThoseOfTheKnownCardsThatFit) {
-    qnm_qnsv_t second = sample_server();
-    second.esv_com_dev.ecd_id = 0x1;
-    second.esv_com_dev.ecd_vlan_id = 30;
-    const std::vector<card> known = {sample_server(), second, sample_device()};
-    using ids = std::vector<std::uint64_t>;
-    EXPECT_EQ((ids{0x1, 0x020000001000, 0x020000003000}), fitting_ids(known, {.all = true}));
-    EXPECT_EQ((ids{0x1, 0x020000001000}), fitting_ids(known, {.kind = card_kind::server}));
-    EXPECT_EQ(ids{0x020000003000}, fitting_ids(known, {.kind = card_kind::device}));
-    EXPECT_EQ((ids{0x1, 0x020000003000}), fitting_ids(known, {.group = 30}));
-    EXPECT_EQ(ids{0x1}, fitting_ids(known, {.kind = card_kind::server, .group = 30}));
-    EXPECT_EQ(ids{}, fitting_ids(known, {.group = 99}));
-}
-
-TEST(FittingIds, HasACardThatIsKnownAsBothKindsOnce) {
-    qnm_qnio_t changed = sample_device();
-    changed.eio_com_dev.ecd_id = 0x020000001000;
-    EXPECT_EQ(std::vector<std::uint64_t>{0x020000001000},
-              fitting_ids({sample_server(), changed}, {.all = true}));
+        lines_help(tree));
 }
 
 }  // namespace

@@ -1,28 +1,12 @@
-// What can come next on a line, by a table of verbs of the test's own.
+// What can come next on a line, by a tree of the test's own.
 #include "cli/completion.h"
 
 #include <gtest/gtest.h>
 
+#include "cli/tests/sample_commands.h"
+
 namespace qnmctl {
 namespace {
-
-int run(context&, const request&) {
-    return exit_ok;
-}
-
-constexpr operand addr[] = {{.name = "ADDR", .help = ""}};
-constexpr operand file[] = {{.name = "FILE", .help = "", .form = operand_form::file}};
-
-constexpr verb table[] = {
-    {.name = "watch", .help = "Watches", .takes = takes_filter | takes_for, .run = run},
-    {.name = "show", .help = "Shows", .takes = takes_id, .run = run},
-    {.name = "monitor", .help = "Controls", .takes = takes_action | takes_id, .run = run},
-    {.name = "reg read", .help = "Reads", .takes = takes_ids, .run = run, .operands = addr},
-    {.name = "reg dump", .help = "Dumps", .takes = takes_id | takes_raw, .run = run},
-    {.name = "eeprom restore", .help = "Restores", .takes = takes_id, .run = run, .operands = file},
-    {.name = "secret", .help = "Is not told", .run = run, .hidden = true},
-    {.name = "quit", .help = "Ends"},
-};
 
 std::vector<candidate> two_cards(const settings& given) {
     if (given.ports.empty() && given.dir.empty()) return {};
@@ -31,8 +15,15 @@ std::vector<candidate> two_cards(const settings& given) {
 
 using words = std::vector<std::string>;
 
+candidates completed(const words& line, const card_source& cards) {
+    sample_options given;
+    command_tree tree(used_for::command_line);
+    define_sample_commands(tree, given);
+    return complete(tree, line, cards);
+}
+
 candidates of(const words& line) {
-    return complete(table, line, two_cards);
+    return completed(line, two_cards);
 }
 
 words offered(const words& line) {
@@ -42,8 +33,9 @@ words offered(const words& line) {
     return found;
 }
 
-TEST(Complete, OffersVerbsAndGroups) {
-    EXPECT_EQ((words{"watch", "show", "monitor", "reg", "eeprom"}), offered({""}));
+TEST(Complete, OffersCommandsAndGroups) {
+    EXPECT_EQ((words{"watch", "graph", "screen", "show", "stats", "start", "reg", "eeprom"}),
+              offered({""}));
     EXPECT_EQ(words{"watch"}, offered({"w"}));
     EXPECT_EQ(words{"watch"}, offered({"--ports", "eth1", "w"}));
     EXPECT_EQ(words{"watch"}, offered({"--ports=eth1", "w"}));
@@ -51,8 +43,8 @@ TEST(Complete, OffersVerbsAndGroups) {
     EXPECT_EQ(words{}, offered({"q"}));
 }
 
-TEST(Complete, OffersTheVerbsOfAGroup) {
-    EXPECT_EQ((words{"read", "dump"}), offered({"reg", ""}));
+TEST(Complete, OffersTheCommandsOfAGroup) {
+    EXPECT_EQ((words{"read", "write"}), offered({"reg", ""}));
     EXPECT_EQ(words{"restore"}, offered({"eeprom", "r"}));
 }
 
@@ -68,19 +60,19 @@ TEST(Complete, OffersTheWordsOfAnOption) {
     EXPECT_EQ((words{"qnsv", "qnio"}), offered({"watch", "--kind", ""}));
     EXPECT_EQ((words{"json", "jsonl"}), offered({"show", "-o", "j"}));
     EXPECT_EQ((words{"json", "jsonl"}), offered({"show", "--output", "=", "j"}));
-    EXPECT_EQ(words{"CHANNELSTATECHANGE"}, offered({"watch", "--event", "CH"}));
+    EXPECT_EQ(words{"CHANGED"}, offered({"watch", "--event", "CH"}));
     EXPECT_EQ(words{}, offered({"watch", "--for", ""}));
 }
 
-TEST(Complete, OffersTheWordsOfAVerb) {
-    EXPECT_EQ((words{"stop", "restart"}), offered({"monitor", ""}));
+TEST(Complete, OffersTheWordsOfACommand) {
+    EXPECT_EQ((words{"bash", "zsh"}), offered({"start", ""}));
 }
 
 TEST(Complete, OffersTheCardsThatAreHeard) {
     const words both = {"0x020000001000", "0x020000002000"};
     EXPECT_EQ(both, offered({"--ports", "eth1", "show", ""}));
     EXPECT_EQ(both, offered({"show", "--dir", "/opt", "0x"}));
-    EXPECT_EQ(words{both[1]}, offered({"--ports", "eth1", "monitor", "stop", "0x020000002"}));
+    EXPECT_EQ(words{both[1]}, offered({"--ports", "eth1", "start", "zsh", "0x020000002"}));
     EXPECT_EQ(both, offered({"--ports", "eth1", "watch", "--card", ""}));
     EXPECT_EQ(both, offered({"--ports", "eth1", "reg", "read", both[0], ""}));
     EXPECT_EQ(words{}, offered({"show", ""}));
@@ -93,16 +85,16 @@ TEST(Complete, LooksForCardsWhereOneIsWantedOnly) {
         ++looks;
         return std::vector<candidate>{};
     };
-    complete(table, {"--ports", "eth1", "watch", "--kind", ""}, counted);
-    complete(table, {"--ports", "eth1", ""}, counted);
-    complete(table, {"--ports", "eth1", "show", "--"}, counted);
+    completed({"--ports", "eth1", "watch", "--kind", ""}, counted);
+    completed({"--ports", "eth1", ""}, counted);
+    completed({"--ports", "eth1", "show", "--"}, counted);
     EXPECT_EQ(0, looks);
-    complete(table, {"--ports", "eth1", "show", ""}, counted);
+    completed({"--ports", "eth1", "show", ""}, counted);
     EXPECT_EQ(1, looks);
 }
 
 TEST(Complete, LeavesFilesToTheShell) {
-    EXPECT_TRUE(of({"reg", "dump", "0x1", "--raw", ""}).files);
+    EXPECT_TRUE(of({"eeprom", "dump", "0x1", "--raw", ""}).files);
     EXPECT_TRUE(of({"eeprom", "restore", "0x1", ""}).files);
     EXPECT_FALSE(of({"eeprom", "restore", ""}).files);
     EXPECT_TRUE(of({"--dir", ""}).directories);

@@ -58,7 +58,7 @@ class DoctorProgram : public NamespaceTest {
         EXPECT_TRUE(document.is_object()) << told << run.errors();
         return document.is_object() ? document.at("records") : json::array();
     }
-    json examine_here(int status) { return examine_by(command({}), status); }
+    json examine_here(int status) { return examine_by(invocation({}), status); }
 
     // Whether a finding of this check and severity has the text.
     static testing::AssertionResult told(const json& records, const std::string& check,
@@ -125,7 +125,7 @@ TEST_F(DoctorProgram, NamesTheKeyThatIsMeant) {
 TEST_F(DoctorProgram, TellsAUserWithoutPrivilegesWhatIsMissing) {
     if (geteuid() != 0) GTEST_SKIP() << "only root can become another user";
     const std::string own = dir.path() / "qnmctl";
-    fs::copy_file(command({})[0], own);
+    fs::copy_file(invocation({})[0], own);
     fs::copy_file(QNM_LIBRARY, dir.path() / "libqnm.so.1");
     chmod(properties.c_str(), 0600);
     const std::string env = "LD_LIBRARY_PATH=" + dir.path().string();
@@ -178,7 +178,7 @@ TEST_F(DoctorProgram, SurvivesPipesThatNobodyWritesTo) {
 }
 
 TEST_F(DoctorProgram, SurvivesFilesThatAreNoText) {
-    const std::string program = command({})[0];
+    const std::string program = invocation({})[0];
     for (const fs::path& file : {config, properties})
         fs::copy_file(program, file, fs::copy_options::overwrite_existing);
     const json records = examine_here(exit_unwell);

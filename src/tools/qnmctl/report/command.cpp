@@ -1,5 +1,5 @@
-// Listens for a short time, collects, masks, and writes the archive.
-#include "report/verb.h"
+// report: listens for a short time, collects, masks, and writes the archive.
+#include "report/command.h"
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "access/image.h"
+#include "cli/options.h"
 #include "frames/capture.h"
 #include "installation/config_file.h"
 #include "manager/listen.h"
@@ -20,6 +21,28 @@
 namespace qnmctl {
 
 namespace {
+
+constexpr char report_help[] =
+    "Versions, configuration, findings of doctor, ports, cards, statistics, the events heard\n"
+    "meanwhile, the last part of the logs and a capture of both ports, in one archive that its\n"
+    "owner alone can read. What cannot be had is named at the end and in problems.txt; the rest\n"
+    "is there. Of each log, and of the one that was rotated last, it takes the last 256 KiB, of a\n"
+    "file of the configuration 1 MiB; what was cut off is told there, too. Only regular files are\n"
+    "taken, not what a symbolic link stands for; in the folders above, links of root and of this\n"
+    "user are followed. Where others than root and this user can change qnm_log4c.properties,\n"
+    "only logs of its owner are taken, and where they can change the folder, no log that has\n"
+    "other names, too.\n"
+    "--mask-ids replaces each card ID and each MAC address by the same pseudonym everywhere: in\n"
+    "texts, names of files, logs and captured frames. Not masked are parts of an address, groups,\n"
+    "names of interfaces, and what registers and EEPROMs hold. A part that cannot be masked\n"
+    "safely is left out.";
+
+struct report_options {
+    std::string file = {};
+    bool mask_ids = false;
+    bool force = false;
+    double seconds = 3;
+};
 
 constexpr unsigned owner_only = 0600;
 
@@ -47,10 +70,10 @@ class memory_file {
 
 // Listens, with events told into a text. Why there is no manager, or none any more, is for the
 // parts to tell.
-void hear(context& own, const request& asked, report_sources& into) {
+void hear(context& own, const report_options& options, report_sources& into) {
     try {
         start(own);
-        listen(own, {.seconds = asked.seconds, .tells = true});
+        listen(own, {.seconds = options.seconds, .tells = true});
         into.running = &own.running();
     } catch (const std::exception& e) {
         into.why_not_running = e.what();
@@ -60,8 +83,8 @@ void hear(context& own, const request& asked, report_sources& into) {
 // What passes both ports meanwhile. A port that does not take part is told of beside the others.
 class short_capture {
   public:
-    short_capture(const context& with, const request& asked)
-        : thread_([this, how = options(with, asked)] { run(how); }) {}
+    short_capture(const context& with, const report_options& options)
+        : thread_([this, how = capture_for(with, options)] { run(how); }) {}
 
     void end(report_sources& into) {
         thread_.join();
@@ -70,12 +93,12 @@ class short_capture {
     }
 
   private:
-    static capture_options options(const context& with, const request& asked) {
+    static capture_options capture_for(const context& with, const report_options& options) {
         constexpr std::uint64_t byte_limit = std::uint64_t{4} * 1024 * 1024;
         const std::string config = config_of(with.where);
         return {.ports = configured_ports(config),
                 .rules = configured_rules(config),
-                .seconds = asked.seconds,
+                .seconds = options.seconds,
                 .bytes = byte_limit,
                 .signals = with.signals};
     }
@@ -97,11 +120,11 @@ class short_capture {
     std::jthread thread_;  // the last one: it uses the others
 };
 
-report_contents gather(context& with, const request& asked) {
+report_contents gather(context& with, const report_options& options) {
     const memory_file events;
     output out(events.fd(), with.signals);
-    writer told(out, output_form::text, asked.asked->name);
-    context own{.verbs = with.verbs,
+    writer told(out, output_form::text, "report");
+    context own{.define = with.define,
                 .where = with.where,
                 .log_level = with.log_level,
                 .out = out,
@@ -109,23 +132,22 @@ report_contents gather(context& with, const request& asked) {
                 .signals = with.signals,
                 .how = {}};
     report_sources from{.where = with.where};
-    short_capture capture(with, asked);
-    hear(own, asked, from);
+    short_capture capture(with, options);
+    hear(own, options, from);
     capture.end(from);
     if (is_signalled(with)) throw error("ended by a signal; no archive was written");
     from.events = events.contents();
     return collect_report(report_parts(), from);
 }
 
-}  // namespace
-
-int run_report(context& with, const request& asked) {
+int run_report(context& with, const report_options& options) {
     const wall_time when = std::chrono::system_clock::now();
-    const std::string file = asked.file.empty() ? report_name(when) + archive_ending : asked.file;
-    new_file archive(file, {.mode = owner_only, .replaces = asked.force});
-    report_contents contents = gather(with, asked);
+    const std::string file =
+        options.file.empty() ? report_name(when) + archive_ending : options.file;
+    new_file archive(file, {.mode = owner_only, .replaces = options.force});
+    report_contents contents = gather(with, options);
     contents.when = when;
-    if (asked.mask_ids) mask_report(contents);
+    if (options.mask_ids) mask_report(contents);
     add_manifest(contents);
     const std::string bytes = archive_bytes(contents);
     archive.commit(bytes);
@@ -135,6 +157,23 @@ int run_report(context& with, const request& asked) {
                    (contents.masked ? ", masked" : "") + '\n');
     with.told.record("archive", archive_json(contents, file, bytes.size()));
     return exit_ok;
+}
+
+}  // namespace
+
+void define_report(command_tree& tree) {
+    if (tree.use == used_for::lines) return;
+    const auto report = add_command_with<report_options>(
+        tree, {"report", "Packs what a support case needs into one archive", report_help});
+    add_operand(report.self, "FILE",
+                "The archive (default: qnm-report-YYYYMMDD-HHMMSS.tar.gz in this directory)",
+                file_name(report.options.file), presence::optional);
+    add_flag(report.self, "--mask-ids", "Put pseudonyms in place of card IDs and MAC addresses",
+             report.options.mask_ids);
+    add_flag(report.self, "--force", "Replace a file that is there already", report.options.force);
+    add_seconds(report.self, report.options.seconds);
+    add_output(report.self);
+    set_run(report, run_report);
 }
 
 }  // namespace qnmctl

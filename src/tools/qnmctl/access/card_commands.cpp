@@ -1,0 +1,319 @@
+// One call of the library for each of the cards that are named.
+#include "access/commands.h"
+
+#include <algorithm>
+#include <cstring>
+#include <iterator>
+
+#include "access/access.h"
+#include "cli/options.h"
+#include "manager/listen.h"
+#include "output/text.h"
+
+namespace qnmctl {
+
+namespace {
+
+constexpr std::size_t mms_words = 32;
+
+// What a call is given, beside the card.
+struct call_arguments {
+    const operand_numbers& numbers;
+    const qnm_retry_t* retry;
+    std::uint32_t flags;
+    std::uint32_t page[mms_words];
+};
+
+using access_call = qnm_api_code_t (*)(std::uint64_t, const call_arguments&, std::uint32_t&);
+
+qnm_api_code_t read_register(std::uint64_t id, const call_arguments& of, std::uint32_t& value) {
+    return qnm_read_register(id, of.numbers[0], &value, of.retry, of.flags);
+}
+qnm_api_code_t write_register(std::uint64_t id, const call_arguments& of, std::uint32_t&) {
+    return qnm_write_register(id, of.numbers[0], of.numbers[1], of.retry, of.flags);
+}
+qnm_api_code_t modify_register(std::uint64_t id, const call_arguments& of, std::uint32_t&) {
+    return qnm_modify_register(id, of.numbers[0], of.numbers[1], of.numbers[2], of.retry, of.flags);
+}
+qnm_api_code_t read_eeprom(std::uint64_t id, const call_arguments& of, std::uint32_t& value) {
+    return qnm_read_eeprom(id, of.numbers[0], &value, of.retry, of.flags);
+}
+qnm_api_code_t write_eeprom(std::uint64_t id, const call_arguments& of, std::uint32_t&) {
+    return qnm_write_eeprom(id, of.numbers[0], of.numbers[1], of.retry, of.flags);
+}
+qnm_api_code_t unlock_eeprom(std::uint64_t id, const call_arguments&, std::uint32_t&) {
+    return qnm_unlock_eeprom(id);
+}
+qnm_api_code_t set_vlanid(std::uint64_t id, const call_arguments& of, std::uint32_t&) {
+    return qnm_set_vlanid(id, static_cast<std::uint16_t>(of.numbers[0]), of.retry, of.flags);
+}
+qnm_api_code_t send_reset(std::uint64_t id, const call_arguments& of, std::uint32_t&) {
+    return qnm_send_resetframe(id, static_cast<unsigned char>(of.numbers[0]), of.retry, of.flags);
+}
+// The library takes the page by a pointer to what could be changed; it is copied for that.
+qnm_api_code_t write_mmspage(std::uint64_t id, const call_arguments& of, std::uint32_t&) {
+    std::uint32_t page[mms_words];
+    std::copy(std::begin(of.page), std::end(of.page), page);
+    return qnm_write_mmspage(id, of.numbers[0], page, of.flags);
+}
+
+constexpr access_item register_read[] = {{"addr", "register ", 0, 8},
+                                         {"value", ": ", from_card, 8}};
+constexpr access_item register_write[] = {{"addr", "register ", 0, 8}, {"value", ": ", 1, 8}};
+constexpr access_item register_modify[] = {
+    {"addr", "register ", 0, 8}, {"value", ": ", 1, 8}, {"mask", " under mask ", 2, 8}};
+constexpr access_item eeprom_read[] = {{"addr", "EEPROM ", 0, 4}, {"value", ": ", from_card, 8}};
+constexpr access_item eeprom_write[] = {{"addr", "EEPROM ", 0, 4}, {"value", ": ", 1, 8}};
+constexpr access_item vlan_set[] = {{"vlan_id", "VLAN ID ", 0, 0}};
+constexpr access_item reset_send[] = {{"status", "reset with status ", 0, 2}};
+constexpr access_item mms_write[] = {{"page", "MMS page ", 0, 0}};
+
+// ---- The table ----------------------------------------------------------------------------------
+
+constexpr std::uint64_t last_register = 0x3FFFFC;  // cards see the low 22 bits of an address
+constexpr std::uint64_t last_eeprom_word = eeprom_bytes - word_bytes;
+
+struct number_operand {
+    const char* name;
+    const char* help;
+    limits allowed = {};
+};
+
+constexpr number_operand reg_addr = {"ADDR",
+                                     "Address of the register, a multiple of 4",
+                                     {.most = last_register, .step = word_bytes}};
+constexpr number_operand eeprom_addr = {"ADDR",
+                                        "Address in the EEPROM, a multiple of 4 up to 2044",
+                                        {.most = last_eeprom_word, .step = word_bytes}};
+constexpr number_operand new_value = {"VALUE", "The word, 32 bits"};
+constexpr number_operand mask = {"MASK", "The bits of it that count; others are kept"};
+
+constexpr number_operand reg_addr_only[] = {reg_addr};
+constexpr number_operand reg_addr_value[] = {reg_addr, new_value};
+constexpr number_operand reg_addr_value_mask[] = {reg_addr, new_value, mask};
+constexpr number_operand eeprom_addr_only[] = {eeprom_addr};
+constexpr number_operand eeprom_addr_value[] = {eeprom_addr, new_value};
+constexpr number_operand vlan_id[] = {
+    {"VLANID", "New VLAN ID (group), 16 to 4094", {.least = 16, .most = 4094}}};
+constexpr number_operand reset_status[] = {
+    {"STATUS", "Status byte of the reset frame", {.most = 0xFF}}};
+constexpr number_operand mms_page[] = {{"PAGE", "Number of the page, 0 to 1023", {.most = 1023}}};
+
+// A literal, so that it can stand behind others.
+#define MANY_CARDS_HELP                                                                            \
+    "Several IDs, or --all, --kind and --group, access many cards at once; the results are told\n" \
+    "in the order asked, and the exit status is that of the first one that failed. Numbers are\n"  \
+    "decimal, 0x1F or 0b11."
+
+constexpr char unlock_help[] =
+    "Takes the lock away from every other party. An access of theirs that is under way goes "
+    "wrong.\n" MANY_CARDS_HELP;
+
+constexpr char reset_help[] =
+    "The frame goes to the broadcast address on the card's VLAN, over the card's path: every card\n"
+    "there can hear it. It is not answered.\n" MANY_CARDS_HELP;
+
+constexpr char mms_help[] =
+    "Every card that is named gets the page; the cards do not acknowledge it. A multi-root card\n"
+    "is a QNIO card of version 1.\n" MANY_CARDS_HELP;
+
+// Options that some of the commands have.
+enum option_bit : unsigned {
+    with_retry = 1U << 0,  // --retries and --interval
+    with_livecheck = 1U << 1,
+    with_verify = 1U << 2,
+    with_force_lock = 1U << 3,
+    with_page_file = 1U << 4,  // the operand behind the numbers
+};
+constexpr unsigned with_reach = with_retry | with_livecheck;
+
+struct access_row {
+    command_texts texts;
+    std::span<const number_operand> operands;
+    unsigned options;
+    access_words words;
+    access_call call;
+};
+
+constexpr access_row reg_rows[] = {
+    {{"reg read", "Reads a register", MANY_CARDS_HELP},
+     reg_addr_only,
+     with_reach,
+     {"qnm_read_register", access_scope::registers, register_read, "", nullptr},
+     read_register},
+    {{"reg write", "Writes a register", MANY_CARDS_HELP},
+     reg_addr_value,
+     with_reach | with_verify,
+     {"qnm_write_register", access_scope::registers, register_write, " sent", " verified"},
+     write_register},
+    {{"reg modify", "Changes some bits of a register", MANY_CARDS_HELP},
+     reg_addr_value_mask,
+     with_reach | with_verify,
+     {"qnm_modify_register", access_scope::registers, register_modify, " sent", " verified"},
+     modify_register},
+};
+
+constexpr access_row eeprom_rows[] = {
+    {{"eeprom read", "Reads a word of the EEPROM", MANY_CARDS_HELP},
+     eeprom_addr_only,
+     with_reach | with_force_lock,
+     {"qnm_read_eeprom", access_scope::eeprom, eeprom_read, "", nullptr},
+     read_eeprom},
+    {{"eeprom write", "Writes a word of the EEPROM", MANY_CARDS_HELP},
+     eeprom_addr_value,
+     with_reach | with_verify | with_force_lock,
+     {"qnm_write_eeprom", access_scope::eeprom, eeprom_write, " written", " verified"},
+     write_eeprom},
+    {{"eeprom unlock", "Frees an EEPROM lock that another party holds", unlock_help},
+     {},
+     0,
+     {"qnm_unlock_eeprom", access_scope::eeprom_lock, {}, "EEPROM lock is free", nullptr},
+     unlock_eeprom},
+};
+
+constexpr access_row card_rows[] = {
+    {{"vlan", "Sets the VLAN ID of a card", MANY_CARDS_HELP},
+     vlan_id,
+     with_reach | with_verify,
+     {"qnm_set_vlanid", access_scope::vlan, vlan_set, " sent", " announced by the card"},
+     set_vlanid},
+    {{"reset", "Sends a reset frame", reset_help},
+     reset_status,
+     0,
+     {"qnm_send_resetframe", access_scope::reset, reset_send, " sent", nullptr},
+     send_reset},
+    {{"mms", "Writes an MMS page of a multi-root QNIO card", mms_help},
+     mms_page,
+     with_livecheck | with_page_file,
+     {"qnm_write_mmspage", access_scope::mms, mms_write, " sent", nullptr},
+     write_mmspage},
+};
+
+struct call_options {
+    const access_row* row = nullptr;
+    access_options access = {};
+    operand_numbers numbers = {};
+    std::string page_file = {};
+};
+
+// ---- The calls ----------------------------------------------------------------------------------
+
+// The words lie in memory as they travel, so the bytes keep the order that they have in the file.
+void read_page(const std::string& name, call_arguments& into) {
+    const std::string bytes = read_file(name, sizeof into.page);
+    if (bytes.size() != sizeof into.page) {
+        throw error(name + " is no MMS page: it has " + std::to_string(bytes.size()) +
+                    " bytes\nA page has " + std::to_string(sizeof into.page) + '.');
+    }
+    std::memcpy(into.page, bytes.data(), bytes.size());
+}
+
+std::vector<outcome> access_cards(context& with, const call_options& options,
+                                  const std::vector<std::uint64_t>& ids) {
+    const access_row& row = *options.row;
+    const retry_param retry(with, options.access);
+    call_arguments arguments{options.numbers, retry.get(), options.access.flags, {}};
+    if (!options.page_file.empty()) read_page(options.page_file, arguments);
+    std::vector<outcome> outcomes(ids.size());
+    for (std::size_t at = 0; at < ids.size(); ++at)
+        outcomes[at].id = ids[at];
+    const auto access = [&](std::size_t card, work_state& state) {
+        outcome& own = outcomes[card];
+        own.code = row.call(own.id, arguments, own.value);
+        ++state.steps;
+    };
+    run_access_work(with, {.label = row.texts.name,
+                           .jobs = ids.size(),
+                           .steps = ids.size(),
+                           .run = access,
+                           .give_up = {}});
+    return outcomes;
+}
+
+void tell_outcomes(context& with, const std::vector<outcome>& all, const access_told& told) {
+    for (const outcome& one : all) {
+        if (one.code == QNM_API_SUCCESS) with.told.text(outcome_text(one, told) + '\n');
+        with.told.record("result", outcome_json(one, told));
+    }
+}
+
+// The exit status: that of the first card whose call failed.
+int tell_failures(context& with, const std::vector<outcome>& all, const access_words& words) {
+    std::size_t unreached = 0;
+    int status = exit_ok;
+    for (const outcome& one : all) {
+        if (!one.code) ++unreached;
+        if (!one.code || one.code == QNM_API_SUCCESS) continue;
+        if (status == exit_ok) status = code_status(*one.code);
+        tell_failure(with, access_failure(with, one.id, words.call, words.scope, *one.code),
+                     one.code);
+    }
+    if (unreached == 0) return status;
+    tell_failure(with, "ended by a signal; cards not accessed: " + std::to_string(unreached));
+    return status == exit_ok ? exit_failed : status;
+}
+
+int access_and_tell(context& with, const call_options& options) {
+    const access_words& words = options.row->words;
+    const auto outcomes = access_cards(with, options, wanted_ids(options.access));
+    tell_outcomes(with, outcomes, {&words, options.numbers, options.access.flags});
+    return tell_failures(with, outcomes, words);
+}
+
+void answer_call(context& with, const call_options& options) {
+    access_and_tell(with, options);
+}
+
+// A file that cannot be read shows before the manager is started.
+int run_call(context& with, const call_options& options) {
+    call_arguments tried{options.numbers, nullptr, 0, {}};
+    if (!options.page_file.empty()) read_page(options.page_file, tried);
+    start_and_hear(with, options.access);
+    return access_and_tell(with, options);
+}
+
+void define_call(command_tree& tree, const access_row& row) {
+    const auto call = add_command_with<call_options>(tree, row.texts);
+    call.options.row = &row;
+    access_options& access = call.options.access;
+    add_cards(call.self, access.cards);
+    for (std::size_t at = 0; at < row.operands.size(); ++at) {
+        const number_operand& wanted = row.operands[at];
+        add_operand(call.self, wanted.name, wanted.help,
+                    number(call.options.numbers.at(at), wanted.allowed));
+    }
+    if ((row.options & with_page_file) != 0) {
+        add_operand(call.self, "FILE",
+                    "The 128 bytes of the page, in the order in which they travel",
+                    file_name(call.options.page_file));
+    }
+    if ((row.options & with_retry) != 0) add_retry(call.self, access);
+    if ((row.options & with_livecheck) != 0) add_livecheck(call.self, access);
+    if ((row.options & with_verify) != 0) add_verify(call.self, access);
+    if ((row.options & with_force_lock) != 0) add_force_lock(call.self, access);
+    add_wait(call.self, access);
+    add_output(call.self);
+    set_run(call, run_call);
+    set_answer(call, answer_call);
+}
+
+void define_calls(command_tree& tree, std::span<const access_row> rows) {
+    for (const access_row& row : rows)
+        define_call(tree, row);
+}
+
+}  // namespace
+
+void define_reg_calls(command_tree& tree) {
+    define_calls(tree, reg_rows);
+}
+
+void define_eeprom_calls(command_tree& tree) {
+    define_calls(tree, eeprom_rows);
+}
+
+void define_card_calls(command_tree& tree) {
+    define_calls(tree, card_rows);
+}
+
+}  // namespace qnmctl

@@ -1,0 +1,64 @@
+// loglevel: how much the running manager logs.
+#include "cards/commands.h"
+#include "cli/options.h"
+#include "manager/listen.h"
+
+namespace qnmctl {
+
+namespace {
+
+constexpr char loglevel_help[] =
+    "The level is that of the running manager, and the manager runs in this very process. So the\n"
+    "command goes on like watch. In a running watch, the line \"loglevel LEVEL\" does the same. "
+    "The\n"
+    "lines are where --log or --keep-logs puts them.";
+
+constexpr const char* level_words[] = {"fatal", "error", "warn", "info", "debug", "trace", "none"};
+
+struct loglevel_options {
+    qnm_log_level_t level = QNM_LOGLVL_NONE;
+    double seconds = 0;
+    std::uint64_t count = 0;
+};
+
+void answer_loglevel(context& with, const loglevel_options& options) {
+    const qnm_api_code_t code = qnm_set_loglevel(options.level);
+    if (code != QNM_API_SUCCESS) throw failed_call("qnm_set_loglevel", code);
+    const char* const word = level_word(options.level);
+    with.told.text(std::string("log level ") + word + '\n');
+    with.told.record("loglevel", {{"level", word}, {"result", code_name(code)}});
+}
+
+int run_loglevel(context& with, const loglevel_options& options) {
+    start(with);
+    answer_loglevel(with, options);
+    listen_and_tell(with, options.seconds, options.count);
+    return exit_ok;
+}
+
+// "none" is no level of the library's, but asks for the configured one.
+value running_level(qnm_log_level_t& target) {
+    const auto store = [&target](std::size_t place) {
+        const bool level = place < log_level_words().size();
+        target = level ? static_cast<qnm_log_level_t>(place) : QNM_LOGLVL_NONE;
+    };
+    return choice_by_place(store, level_words);
+}
+
+}  // namespace
+
+void define_loglevel(command_tree& tree) {
+    const auto loglevel = add_command_with<loglevel_options>(
+        tree, {"loglevel", "Sets the level of the library's log", loglevel_help});
+    loglevel.self.streams = loglevel.self.endless = true;
+    add_operand(loglevel.self, "LEVEL",
+                "fatal, error, warn, info, debug, trace, or none for the configured one",
+                running_level(loglevel.options.level));
+    add_seconds(loglevel.self, loglevel.options.seconds);
+    add_count(loglevel.self, loglevel.options.count, "End after this many events");
+    add_output(loglevel.self);
+    set_run(loglevel, run_loglevel);
+    set_answer(loglevel, answer_loglevel);
+}
+
+}  // namespace qnmctl

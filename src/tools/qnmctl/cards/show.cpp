@@ -1,0 +1,55 @@
+// show: every field of one card.
+#include "cards/card_text.h"
+#include "cards/commands.h"
+#include "cli/options.h"
+#include "manager/listen.h"
+
+namespace qnmctl {
+
+namespace {
+
+constexpr char show_help[] =
+    "Beside the title of a field stands its name in JSON. A QNSV card has its bridge settings and\n"
+    "its downstream ports behind the fields that cards of both kinds have.";
+
+struct show_options {
+    std::uint64_t id = 0;
+    double seconds = 10;
+};
+
+void answer_show(context& with, const show_options& options) {
+    const std::optional<card> known = read_card(options.id);
+    if (!known) {
+        throw error("no card " + id_text(options.id) +
+                        " has been heard\n\"list\" shows the cards that are.",
+                    QNM_API_ENOENT);
+    }
+    with.told.text(card_text(*known, with.how));
+    with.told.record("card", card_json(*known));
+}
+
+int run_show(context& with, const show_options& options) {
+    start(with);
+    listen(with, {.seconds = options.seconds,
+                  .enough = [&options] { return read_card(options.id).has_value(); }});
+    if (with.out.closed()) return exit_ok;  // nobody is left to be told
+    if (is_signalled(with) && !read_card(options.id)) {
+        throw error("ended by a signal; the card was not heard by then");
+    }
+    answer_show(with, options);
+    return exit_ok;
+}
+
+}  // namespace
+
+void define_show(command_tree& tree) {
+    const auto show = add_command_with<show_options>(
+        tree, {"show", "Prints every field of a card, as soon as it is known", show_help});
+    add_card(show.self, show.options.id);
+    add_seconds(show.self, show.options.seconds);
+    add_output(show.self);
+    set_run(show, run_show);
+    set_answer(show, answer_show);
+}
+
+}  // namespace qnmctl

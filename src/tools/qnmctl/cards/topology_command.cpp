@@ -1,0 +1,50 @@
+// topology: which cards belong together.
+#include "cards/commands.h"
+#include "cards/topology.h"
+#include "cli/options.h"
+#include "manager/listen.h"
+
+namespace qnmctl {
+
+namespace {
+
+constexpr char topology_help[] =
+    "A QNSV card reports the MAC address behind each of its downstream ports, a QNIO card that of\n"
+    "the QNSV card it is bound to. Where only one of them reports a link, or the other one is not\n"
+    "heard, an exclamation mark says so. -o dot is for Graphviz:\n"
+    "    qnmctl --ports eth1 topology -o dot | dot -Tsvg > topology.svg";
+
+struct topology_options {
+    double seconds = 3;
+};
+
+void answer_topology(context& with, const topology_options&) {
+    const topology found = make_topology(read_cards());
+    if (with.told.form() == output_form::dot) return with.told.text(topology_dot(found));
+    with.told.text(topology_text(found, with.how));
+    for (const topology_server& server : found.servers)
+        with.told.record("qnsv", server_json(server));
+    for (const card& device : found.unbound)
+        with.told.record("unbound", unbound_json(device));
+}
+
+int run_topology(context& with, const topology_options& options) {
+    start(with);
+    listen(with, {.seconds = options.seconds});
+    answer_topology(with, options);
+    return exit_ok;
+}
+
+}  // namespace
+
+void define_topology(command_tree& tree) {
+    const auto command = add_command_with<topology_options>(
+        tree, {"topology", "Shows which QNIO card stands behind which port of which QNSV card",
+               topology_help});
+    add_seconds(command.self, command.options.seconds);
+    add_output_with_graph(command.self);
+    set_run(command, run_topology);
+    set_answer(command, answer_topology);
+}
+
+}  // namespace qnmctl

@@ -1,0 +1,59 @@
+// watch: tells events as they come, until it is ended.
+#include <array>
+
+#include "cards/commands.h"
+#include "cli/options.h"
+#include "manager/listen.h"
+
+namespace qnmctl {
+
+namespace {
+
+constexpr char watch_help[] =
+    "One line for every event: local time, event, kind and ID of the card, and what changed, from\n"
+    "what to what, with the reason behind it: announced, expired after so long a silence, link\n"
+    "down on a port, stopped or restarted by the operator. With several filters an event has to\n"
+    "pass all of them; a card passes --kind and --group by what it is now or by what was told of\n"
+    "it before, so the event in which it leaves a group is told, too. Ends at Ctrl-C, SIGTERM, or\n"
+    "when its reader has gone. While it runs, lines on standard input are commands, on cards\n"
+    "already heard: \"help\" lists them, \"quit\" ends it, the end of standard input does not.";
+
+struct watch_options {
+    event_filter filter = {};
+    double seconds = 0;
+    std::uint64_t count = 0;
+};
+
+const auto event_words = [] {
+    std::array<const char*, QNM_EVT_MAX + 1> words{};
+    for (int type = 0; type < QNM_EVT_MAX; ++type) {
+        words.at(type) = qnm_event_name(static_cast<qnm_evt_type_t>(type));
+    }
+    words.back() = monitor_event;
+    return words;
+}();
+
+int run_watch(context& with, const watch_options& options) {
+    with.filter = options.filter;
+    start(with);
+    listen_and_tell(with, options.seconds, options.count);
+    return exit_ok;
+}
+
+}  // namespace
+
+void define_watch(command_tree& tree) {
+    if (tree.use == used_for::lines) return;
+    const auto watch = add_command_with<watch_options>(
+        tree, {"watch", "Tells events as they come, and why", watch_help});
+    watch.self.streams = watch.self.endless = true;
+    add_card_filter(watch.self, watch.options.filter.cards);
+    add_option(watch.self, {"--event", "EVENT", "Only events of this name; repeatable"},
+               some_of(watch.options.filter.events, event_words));
+    add_seconds(watch.self, watch.options.seconds);
+    add_count(watch.self, watch.options.count, "End after this many events");
+    add_output(watch.self);
+    set_run(watch, run_watch);
+}
+
+}  // namespace qnmctl

@@ -1,0 +1,81 @@
+// Values of options and operands: where a word goes, and what it can be.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "output/text.h"
+
+namespace qnmctl {
+
+// What completion offers where a value is wanted.
+enum class offers { nothing, words, files, directories, interfaces, cards };
+
+// Why a word is refused; nothing when it is taken.
+using refusal = std::optional<std::string>;
+
+// Where a word goes, and what it can be.
+struct value {
+    std::function<refusal(const std::string& word)> take;
+    offers offered = offers::nothing;
+    std::vector<std::string> words = {};  // all that it can be; empty: anything
+    bool repeatable = false;
+};
+
+// Takes the word when it is one of those that can stand there.
+refusal refused(const value& taken, const std::string& word);
+
+struct limits {
+    std::uint64_t least = 0;
+    std::uint64_t most = UINT32_MAX;
+    std::uint64_t step = 1;  // the number is a multiple of it
+};
+
+// Why a word is no number within the limits.
+refusal wrong_number(const std::string& word, const limits& of);
+
+// That of an optional value, too.
+template <class Value>
+struct value_type {
+    using type = Value;
+};
+template <class Value>
+struct value_type<std::optional<Value>> {
+    using type = Value;
+};
+
+template <class Number>
+value number(Number& target, const limits& of = {}) {
+    return {[&target, of](const std::string& word) {
+        auto wrong = wrong_number(word, of);
+        if (!wrong) target = static_cast<typename value_type<Number>::type>(*parse_number(word));
+        return wrong;
+    }};
+}
+
+// One of the words, which stand in the order of the enumeration.
+value choice_by_place(std::function<void(std::size_t place)> store,
+                      std::span<const char* const> words);
+template <class Enumeration>
+value choice(Enumeration& target, std::span<const char* const> words) {
+    return choice_by_place(
+        [&target](std::size_t place) {
+            target = static_cast<typename value_type<Enumeration>::type>(place);
+        },
+        words);
+}
+
+value seconds(double& target);
+value seconds(std::optional<double>& target);
+value any_text(std::string& target);
+value file_name(std::string& target);
+value card_id(std::uint64_t& target);
+value card_ids(std::vector<std::uint64_t>& target);  // repeatable
+value one_of(std::string& target, std::span<const char* const> words);
+value some_of(std::vector<std::string>& target, std::span<const char* const> words);  // repeatable
+
+}  // namespace qnmctl

@@ -1,0 +1,161 @@
+// completion with what its scripts ask for, the manual page, and the lines help and quit.
+#include "help_commands.h"
+
+#include <algorithm>
+#include <filesystem>
+
+#include "cards/card_text.h"
+#include "cli/command_line.h"
+#include "cli/completion.h"
+#include "cli/man_page.h"
+#include "cli/options.h"
+#include "manager/listen.h"
+#include "manager/start.h"
+#include "output/text.h"
+
+namespace qnmctl {
+
+namespace {
+
+// An announcement of every card fits into it, and somebody waits at a prompt.
+constexpr double seconds_at_a_prompt = 1.2;
+
+constexpr char quick_stop[] = "devinfo_flag_check_interval=10";
+
+std::filesystem::path dir_of(const settings& given) {
+    return given.dir.empty() ? default_dir : given.dir;
+}
+
+// As asked for by the line, but nothing of the logs is left.
+void install_to_look(settings given, installation& made) {
+    given.log.clear();
+    given.keep_logs = false;
+    const auto same_key = [](const std::string& setting) {
+        return split(setting, "=").front() == split(quick_stop, "=").front();
+    };
+    if (std::none_of(given.keys.begin(), given.keys.end(), same_key)) {
+        given.keys.emplace_back(quick_stop);
+    }
+    install(given, made);
+}
+
+std::vector<candidate> heard_cards(const context& with, const settings& given) {
+    if (given.ports.empty() && !std::filesystem::is_directory(dir_of(given))) return {};
+    installation where;
+    install_to_look(given, where);
+    context own{.define = with.define,
+                .where = where,
+                .log_level = QNM_LOGLVL_NONE,
+                .out = with.out,
+                .told = with.told,
+                .signals = with.signals,
+                .how = {}};
+    start(own);
+    listen(own, {.seconds = seconds_at_a_prompt});
+    std::vector<candidate> found;
+    for (const card& one : read_cards()) {
+        found.push_back({id_text(common(one).ecd_id), std::string(kind_text(one)) +
+                                                          " card of group " +
+                                                          std::to_string(common(one).ecd_vlan_id)});
+    }
+    return found;
+}
+
+constexpr char completion_help[] =
+    "\"source <(qnmctl completion bash)\" switches it on for a running shell; packages install it\n"
+    "for all. Card IDs are completed, too: the cards that can be heard within a second are "
+    "offered,\n"
+    "by --ports or --dir where they stand on the line. The shell's user needs CAP_NET_RAW for "
+    "that:\n"
+    "sudo setcap cap_net_raw+ep $(command -v qnmctl).";
+
+constexpr const char* shell_words[] = {"bash", "zsh"};
+
+struct completion_options {
+    std::string shell = {};
+};
+
+int run_completion(context& with, const completion_options& options) {
+    const std::string script = completion_script(options.shell);
+    with.told.text(script);
+    with.told.record("script", {{"shell", options.shell}, {"text", script}});
+    return exit_ok;
+}
+
+struct complete_options {
+    std::vector<std::string> words = {};
+};
+
+// Without a manager, for want of a privilege say, there are no cards to offer, and nobody to tell.
+int run_complete(context& with, const complete_options& options) {
+    const auto cards = [&](const settings& given) -> std::vector<candidate> {
+        try {
+            return heard_cards(with, given);
+        } catch (const error&) {
+            return {};
+        }
+    };
+    command_tree tree(used_for::command_line);
+    with.define(tree);
+    with.told.text(candidates_text(complete(tree, options.words, cards)));
+    return exit_ok;
+}
+
+struct no_options {};
+
+int run_man_page(context& with, const no_options&) {
+    command_tree tree(used_for::command_line);
+    command_tree lines(used_for::lines);
+    with.define(tree);
+    with.define(lines);
+    with.told.text(man_page(tree, lines));
+    return exit_ok;
+}
+
+void answer_help(context& with, const no_options&) {
+    command_tree tree(used_for::lines);
+    with.define(tree);
+    const std::string help = lines_help(tree);
+    with.told.text(help);
+    with.told.record("help", {{"text", help}});
+}
+
+void answer_quit(context& with, const no_options&) {
+    with.quit = true;
+}
+
+void define_completion(command_tree& tree) {
+    const auto completion = add_command_with<completion_options>(
+        tree, {"completion", "Prints the completion script of a shell", completion_help});
+    add_operand(completion.self, "SHELL", "bash or zsh",
+                one_of(completion.options.shell, shell_words));
+    add_output(completion.self);
+    set_run(completion, run_completion);
+
+    const auto complete = add_command_with<complete_options>(
+        tree, {"complete", "Lists what can come next on a line"});
+    hide(complete.self);
+    add_rest(complete.self, "WORD", complete.options.words);
+    set_run(complete, run_complete);
+}
+
+void define_man_page(command_tree& tree) {
+    const auto page = add_command_with<no_options>(tree, {"man-page", "Prints the manual page"});
+    hide(page.self);
+    set_run(page, run_man_page);
+}
+
+void define_lines(command_tree& tree) {
+    set_answer(add_command_with<no_options>(tree, {"help", "Lists these commands"}), answer_help);
+    set_answer(add_command_with<no_options>(tree, {"quit", "Ends"}), answer_quit);
+}
+
+}  // namespace
+
+void define_help_commands(command_tree& tree) {
+    if (tree.use == used_for::lines) return define_lines(tree);
+    define_completion(tree);
+    define_man_page(tree);
+}
+
+}  // namespace qnmctl
