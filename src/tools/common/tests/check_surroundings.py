@@ -254,7 +254,7 @@ def check_outputs(site):
     lo = ("--ports", "lo")
     rows = [("qnmctl", words, b"") for words in (
         ("--help",), ("list", "--help"), ("--version",), ("man-page",), ("completion", "zsh"),
-        (*lo, "list", "--for", "0.1"), (*lo, "list", "--for", "0.1", "-o", "json"),
+        (*lo, "topology", "--for", "0.1"), (*lo, "stats", "--for", "0.1", "-o", "json"),
         (*lo, "topology", "--for", "0.1", "-o", "dot"), (*lo, "stats", "--for", "0.1"),
         (*lo, "doctor"), (*lo, "capture", "-", "--for", "0.1"), ("decode", site.file("frames")))]
     rows += [("qnmctl", (*lo, "watch"), b"help\nquit\n")]

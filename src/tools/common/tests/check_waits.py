@@ -241,11 +241,11 @@ WAITS = [
          given=silent_pipe, told=full_pipe),
     Wait("cardsim, wrong usage: full standard error", "cardsim", "--frob", 2, told=full_pipe),
 ]
-for verb in (MANAGER + "list" + SHORT, MANAGER + "list -o json" + SHORT,
+for verb in (MANAGER + "topology" + SHORT, MANAGER + "list -o json" + SHORT,
              MANAGER + "topology -o dot" + SHORT, MANAGER + "show 0x1 -o json --for 0.01",
              MANAGER + "stats -v" + SHORT, MANAGER + "doctor", "completion bash", "man-page",
              "--help", "list --help", "--version"):
-    status = 13 if "show" in verb else 1
+    status = 13 if "show" in verb else 5 if "list -o" in verb else 1
     WAITS.append(Wait(verb + ": full pipe", "qnmctl", verb, status, out=full_pipe, says=OF_OUTPUT))
 for option in "--check {scenario}", "--help", "--man-page", "--version":
     WAITS.append(Wait("cardsim " + option + ": full pipe", "cardsim", option, 1, out=full_pipe,
@@ -253,7 +253,7 @@ for option in "--check {scenario}", "--help", "--man-page", "--version":
 WAITS.append(Wait("top: stopped terminal", "qnmctl", MANAGER + "top", 0, given=stopped_terminal,
                   out=same_terminal))
 for kind, full in ("socket", full_socket), ("terminal", stopped_terminal):
-    WAITS.append(Wait("list: full " + kind, "qnmctl", MANAGER + "list" + SHORT, 1, out=full,
+    WAITS.append(Wait("stats: full " + kind, "qnmctl", MANAGER + "stats" + SHORT, 1, out=full,
                       says=OF_OUTPUT))
     WAITS.append(Wait("--help: full " + kind, "qnmctl", "--help", 1, out=full, says=OF_OUTPUT))
     WAITS.append(Wait("cardsim --help: full " + kind, "cardsim", "--help", 1, out=full,

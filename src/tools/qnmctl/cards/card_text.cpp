@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "output/table.h"
+#include "records/condition.h"
 
 namespace qnmctl {
 
@@ -28,14 +29,17 @@ constexpr card_column card_columns[] = {
     {{.heading = "ID", .width = 14}, "id", ""},
     {{.heading = "TYPE", .width = 5, .spare = 2}, "type", ""},
     {{.heading = "VLAN", .right = true, .spare = 1}, "vlan_id", ""},
-    {{.heading = "VER", .right = true, .spare = 3}, "ver", ""},
+    {{.heading = "VER", .right = true, .spare = 4}, "ver", ""},
     {{.heading = "P0M0", .right = true}, "state", "P0M0"},
     {{.heading = "P0M1", .right = true}, "state", "P0M1"},
     {{.heading = "P1M0", .right = true}, "state", "P1M0"},
     {{.heading = "P1M1", .right = true}, "state", "P1M1"},
-    {{.heading = "MODE", .width = 6, .spare = 4}, "vlan_mode", ""},
-    {{.heading = "R-ID", .right = true, .spare = 5}, "mr_resource_num", ""},
+    {{.heading = "MODE", .width = 6, .spare = 5}, "vlan_mode", ""},
+    {{.heading = "R-ID", .right = true, .spare = 6}, "mr_resource_num", ""},
 };
+
+// Indexed by condition.
+constexpr const char* condition_colours[] = {nullptr, yellow, red};
 
 std::string cell(const card& of, const field* shown) {
     if (shown == nullptr) return "-";  // a field that this kind of card does not have
@@ -59,17 +63,27 @@ std::string cards_text(const std::vector<card>& cards, const look& how) {
     table shown{.columns = {{.heading = "KIND"}}};
     for (const card_column& of : card_columns)
         shown.columns.push_back(of.column);
-    std::size_t servers = 0;
-    for (const card& one : cards) {
-        servers += std::holds_alternative<qnm_qnsv_t>(one) ? 1U : 0U;
-        const std::vector<field> fields = sections(one).front().fields;
+    shown.columns.push_back({.heading = "TROUBLE", .spare = 3});
+    for (const card& record : cards) {
+        const std::vector<field> fields = sections(record).front().fields;
         std::vector<std::string>& row = shown.rows.emplace_back();
-        row.emplace_back(kind_text(one));
+        row.emplace_back(kind_text(record));
         for (const card_column& of : card_columns)
-            row.push_back(cell(one, find_field(fields, of.name, of.key)));
+            row.push_back(cell(record, find_field(fields, of.name, of.key)));
+        row.push_back(trouble_text(record));
+        shown.colours.push_back(condition_colours[static_cast<std::size_t>(condition_of(record))]);
     }
-    return table_text(shown, how) + std::to_string(servers) + " QNSV, " +
-           std::to_string(cards.size() - servers) + " QNIO\n";
+    return table_text(shown, how);
+}
+
+std::string count_text(const std::vector<card>& cards, std::size_t known) {
+    const auto servers =
+        static_cast<std::size_t>(std::count_if(cards.begin(), cards.end(), [](const card& record) {
+            return std::holds_alternative<qnm_qnsv_t>(record);
+        }));
+    const std::string text =
+        std::to_string(servers) + " QNSV, " + std::to_string(cards.size() - servers) + " QNIO";
+    return known == cards.size() ? text : text + ", of " + std::to_string(known) + " cards";
 }
 
 std::string card_text(const card& shown, const look& how) {

@@ -18,8 +18,11 @@ json monitored_json(const char* action, std::uint64_t id, qnm_api_code_t code);
 // A status dump: its text, or the file that it was written to, empty where that is unknown.
 json stats_json(const std::string& text, const std::string& file);
 
-// A heading, a row for every card and a line with their numbers.
+// A heading and a row for every card, in colour where it is lost or faulty.
 std::string cards_text(const std::vector<card>& cards, const look& how);
+
+// "1 QNSV, 2 QNIO", and of how many where not all that are known are shown.
+std::string count_text(const std::vector<card>& cards, std::size_t known);
 
 // Every field of a card, one a line: title, name, value.
 std::string card_text(const card& shown, const look& how);

@@ -74,6 +74,9 @@ constexpr entry environment[] = {
      "0. "
      "Without either there is no limit."},
     {"TERM", "Kind of the terminal that top draws on."},
+    {"PAGER",
+     "Shows a table of list that is longer than the terminal; less where it is not set, none where "
+     "it is empty or cat. LESS is set to FRX for it, unless it is set already."},
     {"LC_ALL, LC_CTYPE, LANG",
      "Character set: the first that is set and not empty counts. When it names UTF-8, the tree of "
      "topology has lines, otherwise ASCII characters."},

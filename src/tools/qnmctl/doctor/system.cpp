@@ -386,7 +386,7 @@ interface_facts look_at_interface(const std::string& name) {
     return found;
 }
 
-inspected inspect_system(const installation& where) {
+inspected inspect_system(const installation& where, tshark_use tshark) {
     inspected found;
     found.temporary = where.temporary.has_value();
     found.library = look_at_library();
@@ -416,7 +416,9 @@ inspected inspect_system(const installation& where) {
     found.clock = look_at_clock();
     for (const std::string& file : log_files(found.properties.text))
         found.logs.push_back(look_at_log(file));
-    if (found.privileges.root) found.dissector = look_at_dissector(ask_tshark());
+    if (found.privileges.root && tshark == tshark_use::asked) {
+        found.dissector = look_at_dissector(ask_tshark());
+    }
     return found;
 }
 

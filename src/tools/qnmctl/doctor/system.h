@@ -113,6 +113,9 @@ struct dissector_facts {
     bool for_all = false;      // the dissector is in it
 };
 
+// Whether tshark is run, which takes a second, to find out if it has the dissector.
+enum class tshark_use { asked, left_alone };
+
 struct inspected {
     bool temporary = false;  // the configuration comes from options
     library_facts library = {};
@@ -130,7 +133,7 @@ struct inspected {
     dissector_facts dissector = {};
 };
 
-inspected inspect_system(const installation& where);
+inspected inspect_system(const installation& where, tshark_use tshark = tshark_use::asked);
 
 // Parts of it.
 file_facts look_at_file(const std::filesystem::path& name);

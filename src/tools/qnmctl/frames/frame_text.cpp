@@ -11,7 +11,6 @@ namespace qnmctl {
 
 namespace {
 
-constexpr char red[] = "\033[31m";
 constexpr std::int64_t second = 1'000'000'000;
 
 std::string padded(std::string text, std::size_t width) {

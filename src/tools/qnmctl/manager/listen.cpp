@@ -20,6 +20,7 @@
 #include "installation/config_file.h"
 #include "manager/explain.h"
 #include "manager/start.h"
+#include "output/pager.h"
 #include "output/text.h"
 #include "records/event_text.h"
 
@@ -186,6 +187,10 @@ void check_running(const context& with) {
         text += "\nThe library's log: " + lines[static_cast<std::size_t>(at)];
     if (with.running().wanted.any()) text += "\nIts log is " + with.running().log.string();
     throw error(text, *ended);
+}
+
+void tell_in_pager(context& with, const std::string& text) {
+    if (with.told.is_text() && !show_in_pager(text, with.signals)) with.told.text(text);
 }
 
 bool is_signalled(const context& with) {

@@ -36,6 +36,10 @@ void check_running(const context& with);
 // Whether a signal waits to be obeyed.
 bool is_signalled(const context& with);
 
+// A text that a terminal may be too short for: through the pager, where there is one. Nothing in
+// other forms than text.
+void tell_in_pager(context& with, const std::string& text);
+
 // What went wrong with a part of what was asked; the rest goes on.
 void tell_failure(context& with, const std::string& text,
                   std::optional<qnm_api_code_t> code = std::nullopt);

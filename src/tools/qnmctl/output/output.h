@@ -48,6 +48,8 @@ look look_of(int fd);
 
 // What a terminal is told before a text that it shall show so, and behind it.
 inline constexpr char bold[] = "\033[1m";
+inline constexpr char red[] = "\033[31m";
+inline constexpr char yellow[] = "\033[33m";
 std::string in_colour(const std::string& text, const char* colour, bool coloured);
 
 }  // namespace qnmctl

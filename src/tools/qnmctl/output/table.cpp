@@ -1,4 +1,4 @@
-// Widths first, then lines.
+// Lays out a table: finds the width of each column, leaves out what does not fit, writes the lines.
 #include "output/table.h"
 
 #include <algorithm>
@@ -81,8 +81,13 @@ std::string table_text(const table& of, const look& how) {
     const std::string heading = line_text(
         of, shown, how.width, [&](std::size_t at) { return std::string(of.columns[at].heading); });
     std::string text = in_colour(heading, bold, how.coloured);
-    for (const auto& row : of.rows)
-        text += '\n' + line_text(of, shown, how.width, [&](std::size_t at) { return row[at]; });
+    for (std::size_t at = 0; at < of.rows.size(); ++at) {
+        const auto& row = of.rows[at];
+        const std::string line =
+            line_text(of, shown, how.width, [&](std::size_t cell) { return row[cell]; });
+        const char* const colour = at < of.colours.size() ? of.colours[at] : nullptr;
+        text += '\n' + in_colour(line, colour, how.coloured && colour != nullptr);
+    }
     return text + '\n';
 }
 

@@ -19,9 +19,11 @@ struct table_column {
 struct table {
     std::vector<table_column> columns;
     std::vector<std::vector<std::string>> rows = {};  // a cell for each column
+    std::vector<const char*> colours = {};  // of the rows, where any has one; nullptr: none
 };
 
-// The heading in bold, if anything is, and a line for every row; what is still too wide is cut.
+// The heading in bold and the rows in their colours, if anything is coloured, and a line for every
+// row; what is still too wide is cut.
 std::string table_text(const table& of, const look& how);
 
 // Characters, of a text in UTF-8.

@@ -185,7 +185,8 @@ std::vector<status_row> exit_statuses() {
         {exit_unwell, "doctor has found errors"},
         {tools::exit_output,
          "standard output was closed, its reader has gone or there was no room for more; nothing "
-         "else failed"}};
+         "else failed"},
+        {exit_no_card, "list has heard no card"}};
     for (int code = QNM_API_SUCCESS + 1; code < QNM_API_CODE_MAX; ++code) {
         const code_words& words = codes[code];
         rows.push_back({code_status(static_cast<qnm_api_code_t>(code)),

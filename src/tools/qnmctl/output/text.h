@@ -17,7 +17,8 @@ namespace qnmctl {
 inline constexpr int exit_ok = 0;
 inline constexpr int exit_failed = 1;  // and it was no call that failed
 inline constexpr int exit_usage = 2;
-inline constexpr int exit_unwell = 3;  // doctor has found errors
+inline constexpr int exit_unwell = 3;   // doctor has found errors
+inline constexpr int exit_no_card = 5;  // list has heard none
 
 int code_status(qnm_api_code_t code);
 

@@ -146,7 +146,8 @@ TEST(ManPage, HasLinesExamplesAndEnvironment) {
         EXPECT_TRUE(holds(section_of(page, "EXAMPLES"), in_man_page(shown.meaning)))
             << shown.command;
     }
-    for (const char* const name : {"NO_COLOR", "COLUMNS", "TERM", "LC_ALL", "TZ", "TMPDIR"})
+    for (const char* const name :
+         {"NO_COLOR", "COLUMNS", "TERM", "PAGER", "LC_ALL", "TZ", "TMPDIR"})
         EXPECT_TRUE(holds(section_of(page, "ENVIRONMENT"), std::string(".B \"") + name)) << name;
 }
 
@@ -208,7 +209,7 @@ TEST(ExitStatus, IsOneForEachResultCode) {
     std::set<int> documented;
     for (const status_row& row : exit_statuses())
         documented.insert(row.status);
-    statuses.insert({exit_failed, exit_usage, exit_unwell, tools::exit_output});
+    statuses.insert({exit_failed, exit_usage, exit_unwell, exit_no_card, tools::exit_output});
     EXPECT_EQ(statuses, documented);
 }
 

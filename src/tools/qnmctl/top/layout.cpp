@@ -105,7 +105,7 @@ std::string events_text(const top_model& model) {
 }
 
 std::string order_text(const top_model& model) {
-    const top_filter& filter = model.filter;
+    const card_filter& filter = model.filter;
     std::string text =
         std::string("sort ") + top_order_words[static_cast<std::size_t>(model.order)];
     if (model.reversed) text += " reversed";
@@ -191,14 +191,9 @@ constexpr card_column columns[] = {
     {{.heading = "LAST EVENT", .width = 18, .spare = 4}, last_event_cell},
 };
 
-top_style style_of(const card& one) {
-    if (!is_connected(one)) return top_style::alarm;
-    for (int port = 0; port < 2; ++port) {
-        for (int path = 0; path < 2; ++path) {
-            if (path_of(one, port, path) == path_sight::lost) return top_style::warning;
-        }
-    }
-    return top_style::plain;
+top_style style_of(const card& record) {
+    constexpr top_style styles[] = {top_style::plain, top_style::warning, top_style::alarm};
+    return styles[static_cast<std::size_t>(condition_of(record))];
 }
 
 // The heading and the cards of the screen.

@@ -2,7 +2,6 @@
 #include "top/model.h"
 
 #include <algorithm>
-#include <cctype>
 #include <iterator>
 
 namespace qnmctl {
@@ -16,48 +15,29 @@ struct order_row {
     bool most_first;
 };
 
-// Not heard for so long, in milliseconds, that no card that was ever heard comes near.
-constexpr double never_heard = 1e15;
-
-// Card IDs have 48 bits, which a double holds exactly.
-double id_key(const top_card& of, wall_time) {
-    return static_cast<double>(common(*of.record).ecd_id);
+template <card_order Order>
+double record_key(const top_card& shown, wall_time now) {
+    return order_key(*shown.record, Order, now);
 }
 
-double kind_key(const top_card& of, wall_time) {
-    return static_cast<double>(of.record->index());
+double events_key(const top_card& shown, wall_time) {
+    return static_cast<double>(shown.events);
 }
 
-double type_key(const top_card& of, wall_time) {
-    return common(*of.record).ecd_type != 0 ? 1 : 0;
-}
-
-double vlan_key(const top_card& of, wall_time) {
-    return common(*of.record).ecd_vlan_id;
-}
-
-double paths_key(const top_card& of, wall_time) {
-    const auto& state = common(*of.record).ecd_state;
-    return state[0][0] + state[0][1] + state[1][0] + state[1][1];
-}
-
-double heard_key(const top_card& of, wall_time now) {
-    const auto silent = silence(*of.record, now);
-    return silent ? static_cast<double>(*silent) : never_heard;
-}
-
-double events_key(const top_card& of, wall_time) {
-    return static_cast<double>(of.events);
-}
-
-double rate_key(const top_card& of, wall_time) {
-    return of.event_rate.per_second();
+double rate_key(const top_card& shown, wall_time) {
+    return shown.event_rate.per_second();
 }
 
 // Indexed by top_order.
 constexpr order_row orders[] = {
-    {id_key, false},    {kind_key, false}, {type_key, false},  {vlan_key, false},
-    {paths_key, false}, {heard_key, true}, {events_key, true}, {rate_key, true},
+    {record_key<card_order::id>, false},
+    {record_key<card_order::kind>, false},
+    {record_key<card_order::type>, false},
+    {record_key<card_order::vlan>, false},
+    {record_key<card_order::paths>, false},
+    {record_key<card_order::heard>, true},
+    {events_key, true},
+    {rate_key, true},
 };
 static_assert(std::size(orders) == std::size(top_order_words));
 
@@ -70,31 +50,6 @@ void sort_shown(top_model& model) {
     std::sort(keyed.begin(), keyed.end());
     std::transform(keyed.begin(), keyed.end(), model.shown.begin(),
                    [](const auto& one) { return one.second; });
-}
-
-// ---- Filter -------------------------------------------------------------------------------------
-
-std::string in_lower_case(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return text;
-}
-
-std::string searched_text(const card& one) {
-    const qnm_com_dev_t& of = common(one);
-    return in_lower_case(id_text(of.ecd_id) + ' ' + mac_text(of.ecd_id) + ' ' + kind_text(one) +
-                         (of.ecd_type == 0 ? " 1/10g" : " 40g") + " vlan" +
-                         std::to_string(of.ecd_vlan_id));
-}
-
-bool passes(const card& one, const top_filter& filter, const std::vector<std::string>& wanted) {
-    if (filter.connected && *filter.connected != is_connected(one)) return false;
-    if (!fits(one, filter.cards)) return false;
-    if (wanted.empty()) return true;
-    const std::string text = searched_text(one);
-    return std::all_of(wanted.begin(), wanted.end(), [&](const std::string& word) {
-        return text.find(word) != std::string::npos;
-    });
 }
 
 // ---- Selection and screen -----------------------------------------------------------------------
@@ -316,19 +271,6 @@ double rate::per_second() const {
 
 // ---- What is seen -------------------------------------------------------------------------------
 
-bool is_connected(const card& one) {
-    const auto& state = common(one).ecd_state;
-    return (state[0][0] | state[0][1] | state[1][0] | state[1][1]) != 0;
-}
-
-std::optional<std::uint64_t> silence(const card& one, wall_time now) {
-    const auto& heard = common(one).ecd_recvtime;
-    const std::uint64_t last = std::max({heard[0][0], heard[0][1], heard[1][0], heard[1][1]});
-    if (last == 0) return std::nullopt;
-    const std::uint64_t present = to_milliseconds(now);
-    return present > last ? present - last : 0;
-}
-
 void look_at_cards(top_model& model, const std::vector<card>& cards, wall_time now,
                    double seconds) {
     model.now = now;
@@ -379,11 +321,11 @@ void count_events(top_model& model, const std::vector<observed>& events, std::ui
 // ---- What is shown ------------------------------------------------------------------------------
 
 void arrange(top_model& model) {
-    const std::string& text = model.typed ? *model.typed : model.filter.text;
-    const std::vector<std::string> wanted = split(in_lower_case(text), " ");
+    card_filter filter = model.filter;
+    if (model.typed) filter.text = *model.typed;
     model.shown.clear();
     for (const auto& [id, known] : model.cards) {
-        if (known.record && passes(*known.record, model.filter, wanted)) model.shown.push_back(id);
+        if (known.record && passes(*known.record, filter)) model.shown.push_back(id);
     }
     sort_shown(model);
     find_selected(model);

@@ -12,10 +12,11 @@
 #include <string>
 #include <vector>
 
+#include "cards/arrangement.h"
 #include "output/text.h"
+#include "records/condition.h"
 #include "records/event_text.h"
 #include "records/fields.h"
-#include "records/selection.h"
 #include "top/ports.h"
 
 namespace qnmctl {
@@ -51,13 +52,7 @@ struct top_card {
 
 enum class top_page { cards, detail, help };
 
-struct top_filter {
-    std::string text = {};  // words that all have to stand in a card's ID, kind, type or vlanN
-    selection cards = {};
-    std::optional<bool> connected = {};
-};
-
-// What the cards are sorted by.
+// What the cards are sorted by; the first ones are those of card_order.
 enum class top_order { id, kind, type, vlan, paths, heard, events, rate };
 
 struct top_model {
@@ -72,7 +67,7 @@ struct top_model {
     std::optional<observed> last_event = {};
 
     // How it is to be shown.
-    top_filter filter = {};
+    card_filter filter = {};
     top_order order = top_order::id;
     bool reversed = false;
     top_page page = top_page::cards;
@@ -104,11 +99,6 @@ void arrange(top_model& model);
 
 // The lines on the screen that cards have, and those that the detail has in all.
 void set_height(top_model& model, std::size_t lines, std::size_t detail_lines);
-
-bool is_connected(const card& one);
-
-// Milliseconds since the card was last heard on any path; nothing when it never was.
-std::optional<std::uint64_t> silence(const card& one, wall_time now);
 
 // A card that is in what is shown.
 const top_card& shown_card(const top_model& model, std::size_t at);

@@ -33,10 +33,8 @@ constexpr char top_help[] =
     "then, and like events and rate the largest first. Needs a terminal; for scripts there are\n"
     "list and watch.";
 
-constexpr const char* state_words[] = {"disconnected", "connected"};
-
 struct top_options {
-    top_filter filter = {};
+    card_filter filter = {};
     top_order order = top_order::id;
     bool reversed = false;
     double delay = 1;    // seconds between two looks
@@ -249,11 +247,7 @@ void define_top(command_tree& tree) {
         tree, {"top", "Shows ports, cards and rates on a full screen, live", top_help});
     top.self.endless = true;
     top_options& options = top.options;
-    add_card_filter(top.self, options.filter.cards);
-    add_option(top.self,
-               {"--state", "STATE",
-                "Only cards of which a path is connected, or none: connected or disconnected"},
-               choice(options.filter.connected, state_words));
+    add_filter(top.self, options.filter);
     add_option(top.self,
                {"--filter", "TEXT",
                 "Only cards whose ID, kind, type or vlanN hold all words of this text"},

@@ -8,16 +8,20 @@
 namespace qnmctl {
 namespace {
 
+qnm_qnsv_t well_server() {
+    qnm_qnsv_t record = sample_server();
+    record.esv_com_dev.ecd_power = 1;
+    return record;
+}
+
 TEST(CardsText, LeavesOutWhatDoesNotFit) {
     EXPECT_EQ(
         "KIND ID             TYPE  VLAN P0M0 P0M1 P1M0 P1M1\n"
-        "QNIO 0x020000003000 40G     30    -    -    -    C\n"
-        "0 QNSV, 1 QNIO\n",
+        "QNIO 0x020000003000 40G     30    -    -    -    C\n",
         cards_text({sample_device()}, {.width = 50}));
     EXPECT_EQ(
         "KIND ID             P0M0 P0M1 P1M0 P1M1\n"
-        "QNIO 0x020000003000    -    -    -    C\n"
-        "0 QNSV, 1 QNIO\n",
+        "QNIO 0x020000003000    -    -    -    C\n",
         cards_text({sample_device()}, {.width = 40}));
 }
 
@@ -28,11 +32,10 @@ TEST(CardText, LeavesOutTheNamesOnANarrowTerminal) {
 
 TEST(CardsText, HasARowForEveryCard) {
     EXPECT_EQ(
-        "KIND ID             TYPE  VLAN VER P0M0 P0M1 P1M0 P1M1 MODE   R-ID\n"
+        "KIND ID             TYPE  VLAN VER P0M0 P0M1 P1M0 P1M1 MODE   R-ID TROUBLE\n"
         "QNSV 0x020000001000 1/10G   10   0    C    -    -    - NORMAL    -\n"
-        "QNIO 0x020000003000 40G     30   1    -    -    -    C NORMAL    7\n"
-        "1 QNSV, 1 QNIO\n",
-        cards_text({sample_server(), sample_device()}, {}));
+        "QNIO 0x020000003000 40G     30   1    -    -    -    C NORMAL    7 power off\n",
+        cards_text({well_server(), sample_device()}, {}));
 }
 
 TEST(CardsText, TellsAPathThatWasLostFromOneNeverHeard) {
@@ -40,16 +43,25 @@ TEST(CardsText, TellsAPathThatWasLostFromOneNeverHeard) {
     record.esv_com_dev.ecd_state[0][0] = 0;
     EXPECT_EQ(
         "KIND ID             P0M0 P0M1 P1M0 P1M1\n"
-        "QNSV 0x020000001000    D    -    -    -\n"
-        "1 QNSV, 0 QNIO\n",
+        "QNSV 0x020000001000    D    -    -    -\n",
         cards_text({record}, {.width = 40}));
 }
 
-TEST(CardsText, OfNoCardsHasTheNumbersStill) {
-    EXPECT_EQ(
-        "KIND ID             TYPE  VLAN VER P0M0 P0M1 P1M0 P1M1 MODE   R-ID\n"
-        "0 QNSV, 0 QNIO\n",
-        cards_text({}, {}));
+TEST(CardsText, IsColouredByWhatIsLostOrFaulty) {
+    qnm_qnsv_t lost = well_server();
+    lost.esv_com_dev.ecd_state[0][0] = 0;
+    qnm_qnsv_t faulty = well_server();
+    faulty.esv_com_dev.ecd_int_vector = 0x12;
+    const std::string text =
+        cards_text({well_server(), lost, faulty}, {.coloured = true, .width = 60});
+    EXPECT_NE(std::string::npos, text.find("\nQNSV 0x020000001000 1/10G")) << text;
+    EXPECT_NE(std::string::npos, text.find("\n\033[31mQNSV 0x020000001000 1/10G")) << text;
+    EXPECT_NE(std::string::npos, text.find("\n\033[33mQNSV 0x020000001000 1/10G")) << text;
+}
+
+TEST(CountText, SaysHowManyAreShown) {
+    EXPECT_EQ("1 QNSV, 1 QNIO", count_text({sample_server(), sample_device()}, 2));
+    EXPECT_EQ("0 QNSV, 1 QNIO, of 7 cards", count_text({sample_device()}, 7));
 }
 
 TEST(CardText, HasALineForEveryField) {

@@ -77,7 +77,7 @@ await grep --quiet 'Initialization was completed' "$log"
 kill -STOP "$host_pid" # it has written what it has; all that is new now is the command's
 before=$(logs)
 for ((run = 0; run < 3; run++)); do
-  qnmctl 0 list --for 0.1
+  qnmctl 5 list --for 0.1
 done
 qnmctl 0 stats --for 0.1
 has "$work/told" "qnm status dump"
@@ -98,7 +98,7 @@ wait "$host_pid" || fail "the host program ended with exit status $?"
 
 # leads_nowhere: neither a manager nor a report gets to what the log's name stands for.
 leads_nowhere() {
-  qnmctl 0 list --for 0.1
+  qnmctl 5 list --for 0.1
   report nowhere
   ! grep --quiet --recursive "a secret" "$work/nowhere" || fail "$1: the report has the secret"
   ! [[ -e $work/nowhere/logs/qnm.log ]] || fail "$1: the report has the log"
@@ -132,7 +132,7 @@ fi
 # The configuration likewise.
 mv "$installed/conf/qnm.conf" "$work/secret.conf"
 ln -s "$work/secret.conf" "$installed/conf/qnm.conf"
-qnmctl 0 list --for 0.1
+qnmctl 5 list --for 0.1
 report linked
 has "$work/linked/problems.txt" "qnm.conf is a symbolic link, which is not followed"
 ! [[ -e $work/linked/conf/qnm.conf ]] || fail "the report has what qnm.conf stands for"
@@ -242,31 +242,31 @@ kill -KILL "$watch"
 wait "$watch" 2>/dev/null || true
 [[ -d $folder ]] || fail "$folder has gone by itself"
 killed=$folder
-qnmctl 0 list --for 0.1
+qnmctl 5 list --for 0.1
 ! [[ -e $killed ]] || fail "$killed is still there"
 started
-qnmctl 0 list --for 0.1
+qnmctl 5 list --for 0.1
 [[ -e $folder/qnm.log ]] || fail "another run has removed $folder"
 kill "$watch"
 wait "$watch" || fail "exit status $?"
 nothing_left
 
 # One that is asked for stays.
-qnmctl 0 --keep-logs list --for 0.1
+qnmctl 5 --keep-logs list --for 0.1
 kept=$(sed -n 's/^qnmctl: the logs are kept in //p' "$work/errors")
 has "$kept/qnm.log" "INFO  qnm_init_manager: Initialization was completed"
 cmp "$installed/conf/qnm.conf" "$kept/conf/qnm.conf"
-qnmctl 0 list --for 0.1
+qnmctl 5 list --for 0.1
 [[ -e $kept/qnm.log ]] || fail "$kept has been removed"
 rm -r "$kept"
-qnmctl 0 --log "$work/my.log" list --for 0.1
+qnmctl 5 --log "$work/my.log" list --for 0.1
 has "$work/my.log" "Initialization was completed"
 nothing_left
 
 # What another user could have prepared is not taken.
 if chown "$other:$other" "$XDG_STATE_HOME" 2>/dev/null; then
   started_in=$(stat --format '%y' "$XDG_STATE_HOME/qnmctl")
-  qnmctl 0 list --for 0.1
+  qnmctl 5 list --for 0.1
   [[ $(stat --format '%y' "$XDG_STATE_HOME/qnmctl") == "$started_in" ]] ||
     fail "a folder was made where another user could have replaced it"
 fi

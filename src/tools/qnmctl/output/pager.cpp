@@ -1,0 +1,113 @@
+// Runs the pager with the text as its input, and waits for it and for signals at once.
+#include "output/pager.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/ioctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <string_view>
+#include <vector>
+
+#include "common/descriptor.h"
+#include "common/descriptor_writer.h"
+#include "common/end_signals.h"
+
+namespace qnmctl {
+
+namespace {
+
+// Colours as they are; ends at once where the text fits, and leaves it on the screen.
+constexpr char less_options[] = "LESS=FRX";
+
+bool is_longer_than_terminal(const std::string& text) {
+    winsize size{};
+    if (isatty(STDOUT_FILENO) != 1 || ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0) return false;
+    const auto lines = std::count(text.begin(), text.end(), '\n');
+    return size.ws_row != 0 && lines >= size.ws_row;
+}
+
+std::string wanted_pager() {
+    const char* const pager = std::getenv("PAGER");
+    const std::string_view wanted = pager == nullptr ? "less" : pager;
+    return std::string(wanted == "cat" ? "" : wanted);
+}
+
+// Its own LESS where the user has none.
+std::vector<char*> environment_for_pager() {
+    std::vector<char*> all;
+    for (char** variable = environ; *variable != nullptr; ++variable)
+        all.push_back(*variable);
+    if (std::getenv("LESS") == nullptr) all.push_back(const_cast<char*>(less_options));
+    all.push_back(nullptr);
+    return all;
+}
+
+// With the signals that this process takes as input, as a program expects to find them.
+pid_t start_pager(const std::string& command, int input) {
+    sigset_t none;
+    sigset_t all;
+    sigemptyset(&none);
+    sigfillset(&all);
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    posix_spawnattr_setsigmask(&attributes, &none);
+    posix_spawnattr_setsigdefault(&attributes, &all);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
+    const char* const words[] = {"sh", "-c", command.c_str(), nullptr};
+    pid_t pid = -1;
+    const int code = posix_spawn(&pid, "/bin/sh", &actions, &attributes,
+                                 const_cast<char* const*>(words), environment_for_pager().data());
+    posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attributes);
+    return code == 0 ? pid : -1;
+}
+
+// A signal ends the pager, which leaves the terminal as it was.
+int wait_for_pager(pid_t pid, int signals) {
+    const tools::descriptor process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+    if (process.fd >= 0 && !tools::wait_until_ready(process.fd, POLLIN, signals)) {
+        constexpr int patience_ms = 2000;
+        pollfd ended{process.fd, POLLIN, 0};
+        kill(pid, SIGTERM);
+        if (poll(&ended, 1, patience_ms) == 0) kill(pid, SIGKILL);
+    }
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    return status;
+}
+
+// What a shell says by its status when there is no such command, or none that can be run.
+bool was_started(int status) {
+    constexpr int not_runnable = 126;
+    constexpr int not_found = 127;
+    if (!WIFEXITED(status)) return true;
+    return WEXITSTATUS(status) != not_runnable && WEXITSTATUS(status) != not_found;
+}
+
+}  // namespace
+
+bool show_in_pager(const std::string& text, int signals) {
+    if (!is_longer_than_terminal(text)) return false;
+    const std::string command = wanted_pager();
+    int ends[2];
+    if (command.empty() || pipe2(ends, O_CLOEXEC) != 0) return false;
+    const pid_t pid = start_pager(command, ends[0]);
+    close(ends[0]);
+    if (pid > 0) tools::descriptor_writer(ends[1], signals).write(text);
+    close(ends[1]);
+    return pid > 0 && was_started(wait_for_pager(pid, signals));
+}
+
+}  // namespace qnmctl
