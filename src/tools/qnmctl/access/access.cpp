@@ -2,12 +2,15 @@
 #include "access/access.h"
 
 #include <net/if.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
 
 #include "cli/options.h"
+#include "common/end_signals.h"
+#include "common/standard_files.h"
 #include "installation/config_file.h"
 #include "manager/listen.h"
 #include "output/foreign_words.h"
@@ -101,6 +104,30 @@ void add_wait(command& to, access_options& options) {
     add_option(to, {"--wait", "SECONDS", help}, seconds(options.wait));
 }
 
+void add_yes(command& to, bool& yes) {
+    add_flag(to, "-y,--yes", "Do not ask", yes);
+}
+
+// On standard error. Signals come as input, so they are waited for beside the answer.
+bool is_confirmed(const context& with, const std::string& question) {
+    tools::tell(question + " [y/N] ");
+    char answer[64];
+    const bool answered =
+        tools::wait_until_ready(STDIN_FILENO, POLLIN, with.signals) && !is_signalled(with);
+    const ssize_t length = answered ? read(STDIN_FILENO, answer, sizeof answer) : 0;
+    if (length <= 0) tools::tell("\n");
+    return length > 0 && (answer[0] == 'y' || answer[0] == 'Y');
+}
+
+void check_can_ask(const context& with) {
+    if (!with.told.is_text()) {
+        throw usage_error("JSON leaves no room for a question\nAdd --yes.");
+    }
+    if (isatty(STDIN_FILENO) != 1) {
+        throw usage_error("there is no terminal to ask on\nAdd --yes to do it without a question.");
+    }
+}
+
 retry_param::retry_param(const context& with, const access_options& options) {
     if (!options.retries && !options.interval) return;
     given_.emplace();
@@ -183,8 +210,14 @@ dump_result read_dump(context& with, const dump_source& from, const access_optio
 
 std::string access_failure(const context& with, std::uint64_t id, const char* call,
                            access_scope scope, qnm_api_code_t code) {
-    return failure_text(id, call, scope, code,
-                        code == QNM_API_EBUSY ? port_in_use_text(with, id) : "");
+    std::string known;
+    if (code == QNM_API_EBUSY) known = port_in_use_text(with, id);
+    if (code == QNM_API_ENOENT && id <= last_register) {
+        known = hex_text(id, 1) +
+                " does not look like a card, but like an address. One address is accessed at a "
+                "time; what stands in front of it are cards.";
+    }
+    return failure_text(id, call, scope, code, known);
 }
 
 std::string incomplete_text(const context& with, const dump_source& from, const dump_result& of,

@@ -14,6 +14,7 @@
 namespace qnmctl {
 
 inline constexpr std::uint32_t eeprom_bytes = 2048;
+inline constexpr std::uint64_t last_register = 0x3FFFFC;  // cards see the low 22 bits of an address
 
 struct access_options {
     selection cards = {};
@@ -33,6 +34,14 @@ void add_force_lock(command& to, access_options& options);
 
 // --wait; after the cards.
 void add_wait(command& to, access_options& options);
+
+void add_yes(command& to, bool& yes);
+
+// A question on the terminal, answered by y or n; a signal is a no.
+bool is_confirmed(const context& with, const std::string& question);
+
+// Throws usage_error where no question can be asked, for a command without --yes.
+void check_can_ask(const context& with);
 
 // The retry parameters for the library's calls. When only one was given, the other one is as
 // configured.

@@ -70,7 +70,6 @@ constexpr access_item mms_write[] = {{"page", "MMS page ", 0, 0}};
 
 // ---- The table ----------------------------------------------------------------------------------
 
-constexpr std::uint64_t last_register = 0x3FFFFC;  // cards see the low 22 bits of an address
 constexpr std::uint64_t last_eeprom_word = eeprom_bytes - word_bytes;
 
 struct number_operand {
@@ -105,13 +104,18 @@ constexpr number_operand mms_page[] = {{"PAGE", "Number of the page, 0 to 1023",
     "in the order asked, and the exit status is that of the first one that failed. Numbers are\n"  \
     "decimal, 0x1F or 0b11."
 
+#define MANY_CHANGES_HELP                                                                          \
+    MANY_CARDS_HELP                                                                                \
+    "\nBefore more than one card is changed, or those that an option chooses, the command asks;\n" \
+    "without a terminal it needs --yes."
+
 constexpr char unlock_help[] =
     "Takes the lock away from every other party. An access of theirs that is under way goes "
     "wrong.\n" MANY_CARDS_HELP;
 
 constexpr char reset_help[] =
     "The frame goes to the broadcast address on the card's VLAN, over the card's path: every card\n"
-    "there can hear it. It is not answered.\n" MANY_CARDS_HELP;
+    "there can hear it. It is not answered.\n" MANY_CHANGES_HELP;
 
 constexpr char mms_help[] =
     "Every card that is named gets the page; the cards do not acknowledge it. A multi-root card\n"
@@ -124,6 +128,7 @@ enum option_bit : unsigned {
     with_verify = 1U << 2,
     with_force_lock = 1U << 3,
     with_page_file = 1U << 4,  // the operand behind the numbers
+    with_question = 1U << 5,   // whether many cards shall be changed
 };
 constexpr unsigned with_reach = with_retry | with_livecheck;
 
@@ -159,9 +164,9 @@ constexpr access_row eeprom_rows[] = {
      with_reach | with_force_lock,
      {"qnm_read_eeprom", access_scope::eeprom, eeprom_read, "", nullptr},
      read_eeprom},
-    {{"eeprom write", "Writes a word of the EEPROM", MANY_CARDS_HELP},
+    {{"eeprom write", "Writes a word of the EEPROM", MANY_CHANGES_HELP},
      eeprom_addr_value,
-     with_reach | with_verify | with_force_lock,
+     with_reach | with_verify | with_force_lock | with_question,
      {"qnm_write_eeprom", access_scope::eeprom, eeprom_write, " written", " verified"},
      write_eeprom},
     {{"eeprom unlock", "Frees an EEPROM lock that another party holds", unlock_help},
@@ -172,14 +177,14 @@ constexpr access_row eeprom_rows[] = {
 };
 
 constexpr access_row card_rows[] = {
-    {{"vlan", "Sets the VLAN ID of a card", MANY_CARDS_HELP},
+    {{"vlan", "Sets the VLAN ID of a card", MANY_CHANGES_HELP},
      vlan_id,
-     with_reach | with_verify,
+     with_reach | with_verify | with_question,
      {"qnm_set_vlanid", access_scope::vlan, vlan_set, " sent", " announced by the card"},
      set_vlanid},
     {{"reset", "Sends a reset frame", reset_help},
      reset_status,
-     0,
+     with_question,
      {"qnm_send_resetframe", access_scope::reset, reset_send, " sent", nullptr},
      send_reset},
     {{"mms", "Writes an MMS page of a multi-root QNIO card", mms_help},
@@ -194,7 +199,14 @@ struct call_options {
     access_options access = {};
     operand_numbers numbers = {};
     std::string page_file = {};
+    bool yes = false;
 };
+
+bool has_question(const call_options& options) {
+    const selection& cards = options.access.cards;
+    const bool many = cards.ids.size() > 1 || cards.by_property();
+    return many && !options.yes && (options.row->options & with_question) != 0;
+}
 
 // ---- The calls ----------------------------------------------------------------------------------
 
@@ -253,23 +265,36 @@ int tell_failures(context& with, const std::vector<outcome>& all, const access_w
     return status == exit_ok ? exit_failed : status;
 }
 
-int access_and_tell(context& with, const call_options& options) {
+int access_and_tell(context& with, const call_options& options,
+                    const std::vector<std::uint64_t>& ids) {
     const access_words& words = options.row->words;
-    const auto outcomes = access_cards(with, options, wanted_ids(options.access));
+    const auto outcomes = access_cards(with, options, ids);
     tell_outcomes(with, outcomes, {&words, options.numbers, options.access.flags});
     return tell_failures(with, outcomes, words);
 }
 
+// A line stands where an answer would have to.
 void answer_call(context& with, const call_options& options) {
-    access_and_tell(with, options);
+    if (has_question(options)) {
+        throw usage_error("this would change more than one card\nAdd --yes to do it.");
+    }
+    access_and_tell(with, options, wanted_ids(options.access));
 }
 
-// A file that cannot be read shows before the manager is started.
+// What keeps the call from being made shows before the manager is started.
 int run_call(context& with, const call_options& options) {
     call_arguments tried{options.numbers, nullptr, 0, {}};
     if (!options.page_file.empty()) read_page(options.page_file, tried);
+    if (has_question(options)) check_can_ask(with);
     start_and_hear(with, options.access);
-    return access_and_tell(with, options);
+    const std::vector<std::uint64_t> ids = wanted_ids(options.access);
+    const std::string question = std::string(options.row->texts.name) + ": change " +
+                                 std::to_string(ids.size()) +
+                                 (ids.size() == 1 ? " card?" : " cards?");
+    if (has_question(options) && !is_confirmed(with, question)) {
+        throw error("no card was accessed");
+    }
+    return access_and_tell(with, options, ids);
 }
 
 void define_call(command_tree& tree, const access_row& row) {
@@ -291,6 +316,7 @@ void define_call(command_tree& tree, const access_row& row) {
     if ((row.options & with_livecheck) != 0) add_livecheck(call.self, access);
     if ((row.options & with_verify) != 0) add_verify(call.self, access);
     if ((row.options & with_force_lock) != 0) add_force_lock(call.self, access);
+    if ((row.options & with_question) != 0) add_yes(call.self, call.options.yes);
     add_wait(call.self, access);
     add_output(call.self);
     set_run(call, run_call);

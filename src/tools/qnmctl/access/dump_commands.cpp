@@ -16,8 +16,6 @@ constexpr char dump_help[] =
     "by ascending address, the least significant one of each word first; the file appears whole\n"
     "or not at all. Ctrl-C ends the dump between two words.";
 
-constexpr std::uint64_t last_register = 0x3FFFFC;  // cards see the low 22 bits of an address
-
 struct dump_options {
     access_options access = {};
     std::uint32_t start = 0;

@@ -2,14 +2,9 @@
 //
 // Only words that differ are written, so a restore that was ended or failed is taken up by simply
 // running it again.
-#include <poll.h>
-#include <unistd.h>
-
 #include "access/access.h"
 #include "access/commands.h"
 #include "cli/options.h"
-#include "common/end_signals.h"
-#include "common/standard_files.h"
 #include "manager/listen.h"
 #include "output/text.h"
 
@@ -27,17 +22,6 @@ struct restore_options {
     std::string file = {};
     bool yes = false;
 };
-
-// Asked on standard error. Signals come as input, so they are waited for beside the answer.
-bool is_confirmed(const context& with, const std::string& question) {
-    tools::tell(question + " [y/N] ");
-    char answer[64];
-    const bool answered =
-        tools::wait_until_ready(STDIN_FILENO, POLLIN, with.signals) && !is_signalled(with);
-    const ssize_t length = answered ? read(STDIN_FILENO, answer, sizeof answer) : 0;
-    if (length <= 0) tools::tell("\n");
-    return length > 0 && (answer[0] == 'y' || answer[0] == 'Y');
-}
 
 struct restore_result {
     std::size_t written = 0;
@@ -85,20 +69,8 @@ void tell_result(context& with, const restore_options& options,
                  result.code);
 }
 
-void check_usage(const context& with, const restore_options& options) {
-    if (options.yes) return;
-    if (!with.told.is_text()) {
-        throw usage_error("JSON leaves no room for a question\nAdd --yes.");
-    }
-    if (isatty(STDIN_FILENO) != 1) {
-        throw usage_error(
-            "there is no terminal to ask on whether the EEPROM shall be written\nAdd --yes to "
-            "write it without a question.");
-    }
-}
-
 int run_restore(context& with, const restore_options& options) {
-    check_usage(with, options);
+    if (!options.yes) check_can_ask(with);
     const word_list image = read_image(options.file, eeprom_bytes);
     const auto end = static_cast<std::uint32_t>(image.size() * word_bytes);
     start_and_hear(with, options.access);
@@ -136,7 +108,7 @@ void define_eeprom_restore(command_tree& tree) {
     add_retry(restore.self, access);
     add_livecheck(restore.self, access);
     add_force_lock(restore.self, access);
-    add_flag(restore.self, "-y,--yes", "Do not ask", restore.options.yes);
+    add_yes(restore.self, restore.options.yes);
     add_wait(restore.self, access);
     add_output(restore.self);
     set_run(restore, run_restore);

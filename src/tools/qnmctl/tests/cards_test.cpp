@@ -165,14 +165,14 @@ TEST_F(Cards, ThatDoNotFitAreNotThere) {
 }
 
 TEST_F(Cards, ThatAreNotHeardAreNamed) {
-    const ended one = run({"reg", "read", "0x99", "0", "--wait", "0.5"});
+    const ended one = run({"reg", "read", "0x020000009900", "0", "--wait", "0.5"});
     EXPECT_EQ(code_status(QNM_API_ENOENT), one.status);
-    EXPECT_TRUE(holds(one.errors, "no card 0x000000000099 has been heard")) << one.errors;
-    const ended two = run({"reg", "read", "0x99", server, "0", "--wait", "3"});
+    EXPECT_TRUE(holds(one.errors, "no card 0x020000009900 has been heard")) << one.errors;
+    const ended two = run({"reg", "read", "0x020000009900", server, "0", "--wait", "3"});
     EXPECT_EQ(code_status(QNM_API_ENOENT), two.status);
     EXPECT_EQ("0x020000001000 register 0x00000000: 0x00000000\n", two.out);
     EXPECT_TRUE(
-        holds(two.errors, "0x000000000099: qnm_read_register failed: QNM_API_ENOENT\n  No card"))
+        holds(two.errors, "0x020000009900: qnm_read_register failed: QNM_API_ENOENT\n  No card"))
         << two.errors;
 }
 
@@ -539,7 +539,50 @@ TEST_F(Cards, TakeAVlanId) {
               run({"vlan", server, "30", "--verify", "--retries", "100"}).out);
     EXPECT_EQ(30, cards.get("sv").vlan_id);
     EXPECT_EQ("0x020000001000 VLAN ID 31 sent\n0x020000002000 VLAN ID 31 sent\n",
-              run({"vlan", "--all", "31"}).out);
+              run({"vlan", "--all", "31", "--yes"}).out);
+}
+
+TEST_F(Cards, AreToldFromAddresses) {
+    const ended result = run({"reg", "read", server, "0x1000", "0x100"});
+    EXPECT_EQ(code_status(QNM_API_ENOENT), result.status);
+    EXPECT_TRUE(holds(result.errors, "0x1000 does not look like a card, but like an address"))
+        << result.errors;
+}
+
+TEST_F(Cards, AreNotChangedInNumbersWithoutAQuestion) {
+    const std::vector<words> changes = {{"vlan", "--all", "31"},
+                                        {"reset", server, device, "1"},
+                                        {"eeprom", "write", "--kind", "qnsv", "0", "1"}};
+    for (const words& change : changes) {
+        const ended result = run(change);
+        EXPECT_EQ(exit_usage, result.status) << change.front();
+        EXPECT_TRUE(holds(result.errors, "there is no terminal to ask on\n  Add --yes"))
+            << result.errors;
+    }
+    EXPECT_EQ(0, cards.resets("sv").count);
+}
+
+TEST_F(Cards, AreChangedInNumbersAfterAQuestion) {
+    program refused(ctl({"reset", "--all", "1"}), standard_files::terminal);
+    EXPECT_TRUE(holds(refused.read_until("[y/N] "), "reset: change 2 cards? [y/N] "));
+    refused.say("n");
+    EXPECT_EQ(1, refused.end());
+    EXPECT_TRUE(holds(refused.read_all(), "no card was accessed"));
+    EXPECT_EQ(0, cards.resets("sv").count);
+    program taken(ctl({"reset", "--all", "1"}), standard_files::terminal);
+    taken.read_until("[y/N] ");
+    taken.say("y");
+    EXPECT_EQ(0, taken.end());
+    EXPECT_TRUE(comes_true([&] { return cards.resets("sv").count == 1; }));
+}
+
+TEST_F(Cards, AreNotChangedInNumbersByALine) {
+    program watch(ctl({"watch"}));
+    for (const char* const line : {"reset --all 1", "reset --all 1 -y", "quit"})
+        watch.say(line);
+    EXPECT_EQ(0, watch.end());
+    EXPECT_TRUE(holds(watch.errors(), "this would change more than one card\n  Add --yes"))
+        << watch.errors();
 }
 
 TEST_F(Cards, ThatKeepTheirVlanIdAreTold) {
