@@ -28,6 +28,9 @@ keep_addresses() {
   fi
 }
 
+# Without this ccache keeps nothing that was compiled with a precompiled header.
+export CCACHE_SLOPPINESS=${CCACHE_SLOPPINESS:-pch_defines,time_macros}
+
 # Configures a preset and builds it: all of it, or only the targets named after it.
 build_preset() {
   local preset=$1
