@@ -31,6 +31,16 @@ keep_addresses() {
 # Without this ccache keeps nothing that was compiled with a precompiled header.
 export CCACHE_SLOPPINESS=${CCACHE_SLOPPINESS:-pch_defines,time_macros}
 
+# tests_at_a_time PRESET: most tests wait, for a timer or for an answer, so more of them run than there are
+# cores. A sanitizer takes several times the processor time. QNM_PLACES in CMakeLists.txt says the same
+# to the tests that load a core.
+tests_at_a_time() {
+  case $1 in
+    asan | tsan) echo $((($(nproc) * 3 + 1) / 2)) ;;
+    *) echo $(($(nproc) * 3)) ;;
+  esac
+}
+
 # Configures a preset and builds it: all of it, or only the targets named after it.
 build_preset() {
   local preset=$1

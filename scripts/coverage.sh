@@ -22,7 +22,8 @@ forget_earlier_runs() {
 run_tests() {
   (
     cd "$root" || exit
-    ctest --preset coverage --no-tests=error --parallel "${CTEST_PARALLEL_LEVEL:-$(nproc)}"
+    ctest --preset coverage --no-tests=error \
+      --parallel "${CTEST_PARALLEL_LEVEL:-$(tests_at_a_time coverage)}"
   )
 }
 

@@ -3,7 +3,8 @@
 #
 #   usage: test.sh [PRESET...]     release (the default), debug, asan, tsan
 #
-#   CMAKE_BUILD_PARALLEL_LEVEL, CTEST_PARALLEL_LEVEL   how much to do at once; default: all cores
+#   CMAKE_BUILD_PARALLEL_LEVEL, CTEST_PARALLEL_LEVEL   how much to do at once; default: as many
+#   compilers as cores, and several tests for each core, as most of them wait
 #
 # Ends with the summary of ctest, and non-zero at the first preset that fails.
 set -euo pipefail
@@ -25,7 +26,7 @@ test_preset() {
   (
     cd "$root" || exit
     "${launcher[@]}" ctest --preset "$preset" --no-tests=error \
-      --parallel "${CTEST_PARALLEL_LEVEL:-$(nproc)}"
+      --parallel "${CTEST_PARALLEL_LEVEL:-$(tests_at_a_time "$preset")}"
   )
 }
 

@@ -70,7 +70,7 @@ install_into() {
 }
 
 run_tests() {
-  ctest --test-dir "$1" --parallel "$jobs" --no-tests=error --output-on-failure
+  ctest --test-dir "$1" --parallel "$(tests_at_a_time default)" --no-tests=error --output-on-failure
 }
 
 # expect_none PATTERN BUILD: nothing of what the pattern tells was looked for.
