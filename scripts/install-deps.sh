@@ -45,7 +45,7 @@ readonly table=(
   'test,package       dpkg-dev file lintian : dpkg-shlibdeps lintian' # the Debian packages
   'analysis           clang clang-tidy : clang++ clang-tidy run-clang-tidy'
   'analysis           cppcheck lua-check mypy : cppcheck luacheck mypy'
-  'bench              libbenchmark-dev :'
+  'test,bench         libbenchmark-dev :'
   'bench              gnuplot-nox : gnuplot'
   'coverage           gcovr : gcov gcovr'
   'fuzz               clang libclang-rt-dev|libclang-rt-14-dev : clang clang++' # and the sanitizers
