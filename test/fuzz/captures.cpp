@@ -3,6 +3,7 @@
 // Every frame up to where the file makes no sense is read, and all that is told of it can be
 // written down; what follows is refused with a text.
 
+#include <nlohmann/json.hpp>
 #include <string>
 
 #include "frames/frame_text.h"

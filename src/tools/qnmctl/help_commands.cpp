@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 
 #include "cards/card_text.h"
 #include "cli/command_line.h"

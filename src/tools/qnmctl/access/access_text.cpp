@@ -5,6 +5,7 @@
 #include <cctype>
 #include <cstdio>
 #include <iterator>
+#include <nlohmann/json.hpp>
 
 #include "output/text.h"
 

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstring>
 #include <iterator>
+#include <nlohmann/json.hpp>
 
 #include "access/access.h"
 #include "cli/options.h"

@@ -1,5 +1,6 @@
 // reg dump and eeprom dump: consecutive words of one card.
 #include <memory>
+#include <nlohmann/json.hpp>
 
 #include "access/access.h"
 #include "access/commands.h"

@@ -2,6 +2,8 @@
 //
 // Only words that differ are written, so a restore that was ended or failed is taken up by simply
 // running it again.
+#include <nlohmann/json.hpp>
+
 #include "access/access.h"
 #include "access/commands.h"
 #include "cli/options.h"

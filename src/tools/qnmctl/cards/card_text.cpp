@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <iterator>
+#include <nlohmann/json.hpp>
 #include <string_view>
 
 #include "output/table.h"

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <nlohmann/json.hpp>
 
 #include "cards/arrangement.h"
 #include "cards/card_text.h"

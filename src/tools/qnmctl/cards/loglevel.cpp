@@ -1,4 +1,6 @@
 // loglevel: how much the running manager logs.
+#include <nlohmann/json.hpp>
+
 #include "cards/commands.h"
 #include "cli/options.h"
 #include "manager/listen.h"

@@ -1,4 +1,6 @@
 // monitor: stops or restarts the monitoring of a card.
+#include <nlohmann/json.hpp>
+
 #include "cards/card_text.h"
 #include "cards/commands.h"
 #include "cli/options.h"

@@ -1,4 +1,6 @@
 // show: every field of one card.
+#include <nlohmann/json.hpp>
+
 #include "cards/card_text.h"
 #include "cards/commands.h"
 #include "cli/options.h"

@@ -1,4 +1,6 @@
 // stats: the manager's status dump.
+#include <nlohmann/json.hpp>
+
 #include "cards/card_text.h"
 #include "cards/commands.h"
 #include "cli/options.h"

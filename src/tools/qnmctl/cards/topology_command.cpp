@@ -1,4 +1,6 @@
 // topology: which cards belong together.
+#include <nlohmann/json.hpp>
+
 #include "cards/commands.h"
 #include "cards/topology.h"
 #include "cli/options.h"

@@ -1,6 +1,8 @@
 // doctor: inspects the system and tells what was found.
 #include "doctor/command.h"
 
+#include <nlohmann/json.hpp>
+
 #include "cli/options.h"
 #include "doctor/findings_text.h"
 #include "manager/context.h"

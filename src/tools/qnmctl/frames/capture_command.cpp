@@ -1,5 +1,6 @@
 // capture: frames on the ports into a pcapng file.
 #include <unistd.h>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 

@@ -1,5 +1,6 @@
 // decode: what the frames in a capture file say.
 #include <algorithm>
+#include <nlohmann/json.hpp>
 
 #include "cli/options.h"
 #include "frames/card_choice.h"

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <nlohmann/json.hpp>
 
 #include "output/foreign_words.h"
 #include "output/text.h"

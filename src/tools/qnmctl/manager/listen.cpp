@@ -4,6 +4,7 @@
 
 #include <poll.h>
 #include <unistd.h>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <cerrno>

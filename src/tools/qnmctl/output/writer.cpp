@@ -2,6 +2,7 @@
 #include "output/writer.h"
 
 #include <cstdio>
+#include <nlohmann/json.hpp>
 
 #include "common/standard_files.h"
 #include "common/visible.h"

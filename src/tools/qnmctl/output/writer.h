@@ -14,7 +14,7 @@
 //     {"schema": 1, "command": "list", "records": [ ... ], "status": 0}
 #pragma once
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 #include <string_view>

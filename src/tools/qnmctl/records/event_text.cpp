@@ -2,6 +2,7 @@
 #include "records/event_text.h"
 
 #include <iterator>
+#include <nlohmann/json.hpp>
 #include <vector>
 
 #include "output/output.h"

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <iterator>
+#include <nlohmann/json.hpp>
 #include <type_traits>
 
 #include "output/text.h"

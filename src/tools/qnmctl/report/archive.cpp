@@ -3,6 +3,7 @@
 
 #include <archive.h>
 #include <archive_entry.h>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <ctime>

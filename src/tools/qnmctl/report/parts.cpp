@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 #include <set>
 
 #include "cards/card_text.h"

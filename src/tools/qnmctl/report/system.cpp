@@ -11,6 +11,7 @@
 #include <sys/socket.h>
 #include <sys/utsname.h>
 #include <unistd.h>
+#include <nlohmann/json.hpp>
 
 #include <filesystem>
 #include <iterator>

@@ -1,6 +1,7 @@
 // What is told in JSON, to the letter: whoever reads it relies on that. The files in golden/ are
 // checked against the schema as well. QNMCTL_WRITE_GOLDEN=1 writes them anew.
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <cstdlib>
 #include <ctime>

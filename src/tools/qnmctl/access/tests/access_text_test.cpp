@@ -2,6 +2,7 @@
 #include "access/access_text.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "output/text.h"
 

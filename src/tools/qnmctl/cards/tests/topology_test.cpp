@@ -2,6 +2,7 @@
 #include "cards/topology.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <iterator>

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/timex.h>
+#include <nlohmann/json.hpp>
 
 #include <cerrno>
 #include <filesystem>

@@ -2,6 +2,7 @@
 #include "frames/frame_reading.h"
 
 #include <pcap/pcap.h>
+#include <nlohmann/json.hpp>
 
 #include <random>
 #include <set>

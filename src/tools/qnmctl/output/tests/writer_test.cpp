@@ -2,6 +2,7 @@
 #include "output/writer.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "tests/written.h"
 

@@ -2,6 +2,7 @@
 #include "records/event_text.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "tests/sample_cards.h"
 

@@ -2,6 +2,7 @@
 #include "records/fields.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <set>

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <csignal>
