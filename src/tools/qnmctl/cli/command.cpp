@@ -68,7 +68,8 @@ command& add_command(command_tree& tree, const command_texts& texts) {
     const std::vector<std::string> words = split(texts.name, " ");
     CLI::App& app = add_app(parent_of(tree, words), words.back(), texts.help);
     app.footer(texts.more_help);
-    return tree.commands.emplace_back(command{.tree = tree, .app = app, .name = texts.name});
+    tree.commands.push_back({.tree = tree, .app = app, .name = texts.name});
+    return tree.commands.back();
 }
 
 CLI::App* find_app(CLI::App& parent, const std::string& name) {

@@ -175,6 +175,7 @@ std::variant<const command*, int> parse_command_line(command_tree& tree, int arg
     try {
         std::reverse(words.begin(), words.end());  // parse() takes them from the end
         app.parse(words);
+        take_default_ports(tree.global);
         if (const auto wrong = wrong_globals(tree.global)) throw CLI::ValidationError(*wrong);
         if (app.get_subcommands().empty()) throw CLI::ValidationError("no command is given");
         const command* const found = find_command(tree, chosen_app(app));

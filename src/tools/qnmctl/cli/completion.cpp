@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <iterator>
 
+#include "cli/options.h"
 #include "completion_scripts.h"
 #include "output/text.h"
 
@@ -177,6 +178,7 @@ candidates complete(command_tree& tree, const std::vector<std::string>& words,
     progress now{.tree = tree, .app = tree.app.get()};
     for (auto at = words.begin(); at != std::prev(words.end()); ++at)
         take_word(now, *at);
+    take_default_ports(tree.global);
     const std::string typed = words.back() == "=" ? "" : words.back();
     candidates found = all_candidates(now, typed, cards);
     std::erase_if(found.words, [&](const candidate& one) { return !one.word.starts_with(typed); });

@@ -68,6 +68,8 @@ constexpr char places_text[] =
     "system clears it.";
 
 constexpr entry environment[] = {
+    {"QNMCTL_PORTS",
+     "Interfaces of port 0 and 1 as --ports takes them, where neither --ports nor --dir is given."},
     {"NO_COLOR", "When it is set and not empty, nothing is coloured."},
     {"COLUMNS",
      "Width that tables have to fit, in place of that of the terminal, when it is a number above "

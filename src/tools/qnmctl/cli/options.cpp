@@ -2,6 +2,7 @@
 #include "cli/options.h"
 
 #include <CLI/CLI.hpp>
+#include <cstdlib>
 #include <iterator>
 
 namespace qnmctl {
@@ -78,6 +79,12 @@ refusal wrong_globals(const settings& global) {
     if (!global.ports.empty() && !global.dir.empty()) return "--ports and --dir exclude each other";
     if (!global.keys.empty() && global.ports.empty()) return "--set requires --ports";
     return wrong_settings(global);
+}
+
+void take_default_ports(settings& global) {
+    const char* const ports = std::getenv("QNMCTL_PORTS");
+    if (ports == nullptr || !global.ports.empty() || !global.dir.empty()) return;
+    global.ports = split(ports, ",");
 }
 
 void add_card(command& to, std::uint64_t& id) {

@@ -12,6 +12,9 @@ inline constexpr char id_help[] = "Card ID, as 0x001122334455 or 00:11:22:33:44:
 // --dir, --ports and so on, which may stand behind the command, too.
 void add_globals(command_tree& tree);
 
+// Those of QNMCTL_PORTS, where neither --ports nor --dir is given.
+void take_default_ports(settings& global);
+
 // What is wrong with them taken together.
 refusal wrong_globals(const settings& global);
 

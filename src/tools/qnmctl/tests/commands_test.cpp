@@ -147,7 +147,7 @@ TEST(ManPage, HasLinesExamplesAndEnvironment) {
             << shown.command;
     }
     for (const char* const name :
-         {"NO_COLOR", "COLUMNS", "TERM", "PAGER", "LC_ALL", "TZ", "TMPDIR"})
+         {"QNMCTL_PORTS", "NO_COLOR", "COLUMNS", "TERM", "PAGER", "LC_ALL", "TZ", "TMPDIR"})
         EXPECT_TRUE(holds(section_of(page, "ENVIRONMENT"), std::string(".B \"") + name)) << name;
 }
 

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+
 #include "cli/tests/sample_commands.h"
 
 namespace qnmctl {
@@ -65,6 +67,29 @@ TEST(CommandLine, GlobalOptionsStandBeforeOrBehindTheVerb) {
         EXPECT_EQ((std::vector<std::string>{"a=1", "b=2"}), line.global.keys);
         EXPECT_EQ("watch", line.name);
     }
+}
+
+// Sets a variable of the environment as long as it lives.
+struct variable {
+    variable(const char* its_name, const char* value) : name(its_name) { setenv(name, value, 1); }
+    ~variable() { unsetenv(name); }
+    variable(const variable&) = delete;
+    variable& operator=(const variable&) = delete;
+
+    const char* name;
+};
+
+TEST(CommandLine, PortsHaveADefaultInTheEnvironment) {
+    const variable ports("QNMCTL_PORTS", "qnm0,qnm1");
+    EXPECT_EQ((std::vector<std::string>{"qnm0", "qnm1"}), parsed({"watch"}).global.ports);
+    EXPECT_EQ(std::vector<std::string>{"x"}, parsed({"--ports", "x", "watch"}).global.ports);
+    EXPECT_TRUE(parsed({"--dir", "/x", "watch"}).global.ports.empty());
+    EXPECT_EQ(std::vector<std::string>{"a=1"}, parsed({"--set", "a=1", "watch"}).global.keys);
+}
+
+TEST(CommandLine, PortsOfTheEnvironmentAreCheckedToo) {
+    const variable ports("QNMCTL_PORTS", "a,b,c");
+    EXPECT_EQ(exit_usage, status({"watch"}));
 }
 
 TEST(CommandLine, LogLevelsHaveNames) {
