@@ -6,6 +6,7 @@
 
 #include "fuzz.h"
 #include "installation/config_file.h"
+#include "installation/log_properties.h"
 #include "manager/explain.h"
 #include "memory_file.h"
 
@@ -30,9 +31,10 @@ void check_config(const std::string& text) {
 }
 
 void check_properties(const std::string& text) {
-    const std::string file = qnmctl::file_of_logger(text, "statslogfile");
-    require(file.find('\n') == std::string::npos, "a file name is from one line");
-    require(file.empty() || text.find(file) != std::string::npos, "a file name is from the text");
+    for (const std::string& file : qnmctl::log_files(qnmctl::read_log_properties(text))) {
+        require(!file.empty() && file.size() < text.size(), "a file name is a part of the text");
+        require(file.find('\n') == std::string::npos, "a file name is from one line");
+    }
 }
 
 void check_log(const std::string& text) {

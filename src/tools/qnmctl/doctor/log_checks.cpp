@@ -1,138 +1,19 @@
-// Follows the library's three loggers to their appenders and those of the root logger, and these to
-// their files.
+// Judges what a properties file says, and the places of the logs that it names.
 #include "doctor/log_checks.h"
 
 #include <algorithm>
 #include <cctype>
 #include <charconv>
-#include <map>
 #include <set>
-#include <sstream>
 #include <string_view>
 
+#include "installation/log_properties.h"
 #include "output/foreign_words.h"
 #include "output/text.h"
 
 namespace qnmctl {
 
 namespace {
-
-constexpr const char* loggers[] = {"logfile", "syslogfile", "statslogfile"};
-constexpr char blanks[] = " \t\r\n\f";
-
-using properties = std::map<std::string, std::string>;
-
-struct appender {
-    std::string name;
-    std::string kind;  // the class, without its packages; empty: there is none
-    std::string file;
-    std::string largest;  // MaxFileSize
-    std::string backups;  // MaxBackupIndex
-    std::string layout;   // the class, without its packages; empty: there is none
-};
-
-struct logger {
-    const char* name;
-    bool given;
-    std::string level;
-    std::vector<std::string> appenders;
-};
-
-// ---- The file -----------------------------------------------------------------------------------
-
-std::string trimmed(const std::string& text) {
-    const std::size_t start = text.find_first_not_of(blanks);
-    if (start == std::string::npos) return {};
-    return text.substr(start, text.find_last_not_of(blanks) + 1 - start);
-}
-
-std::string without_escapes(const std::string& text) {
-    std::string made;
-    for (std::size_t at = 0; at < text.size(); ++at) {
-        if (text[at] == '\\' && at + 1 < text.size()) ++at;
-        made += text[at];
-    }
-    return made;
-}
-
-properties read_properties(const std::string& text) {
-    properties found;
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-        line = trimmed(line);
-        const std::size_t sign = line.find_first_of("=:");
-        if (line.starts_with('#') || line.starts_with('!') || sign == std::string::npos) continue;
-        found[trimmed(line.substr(0, sign))] = without_escapes(trimmed(line.substr(sign + 1)));
-    }
-    return found;
-}
-
-std::string value_of(const properties& in, const std::string& key) {
-    const auto found = in.find(key);
-    return found == in.end() ? "" : found->second;
-}
-
-std::string lower(std::string text) {
-    for (char& c : text)
-        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return text;
-}
-
-// "LEVEL, APPENDER, APPENDER"; without a level it is the parent's.
-logger read_logger(const char* name, const std::string& value) {
-    const std::size_t comma = std::min(value.find(','), value.size());
-    logger found = {.name = name,
-                    .given = false,
-                    .level = trimmed(value.substr(0, comma)),
-                    .appenders = split(value.substr(comma), ", \t")};
-    const std::string word = lower(found.level);
-    if (word == "inherited" || word == "null") found.level.clear();
-    return found;
-}
-
-// The parent of the three. log4cxx has a level for it where the file has none.
-logger find_root(const properties& in) {
-    const std::string value = value_of(in, "log4j.rootLogger");
-    logger root = read_logger("", value.empty() ? value_of(in, "log4j.rootCategory") : value);
-    if (root.level.empty()) root.level = "DEBUG";
-    return root;
-}
-
-void add_missing(const std::vector<std::string>& names, std::vector<std::string>& to) {
-    for (const std::string& name : names) {
-        if (std::find(to.begin(), to.end(), name) == to.end()) to.push_back(name);
-    }
-}
-
-// With the appenders of the root logger, which gets the lines as well unless the file says
-// otherwise. It can say so only of a logger that it gives.
-logger find_logger(const properties& in, const char* name) {
-    const std::string key = std::string("log4j.logger.") + name;
-    const std::string former_key = std::string("log4j.category.") + name;
-    logger found = read_logger(name, value_of(in, in.count(key) > 0 ? key : former_key));
-    found.given = in.count(key) > 0 || in.count(former_key) > 0;
-    const logger root = find_root(in);
-    const std::string adds = lower(value_of(in, std::string("log4j.additivity.") + name));
-    if (!found.given || !adds.starts_with("false")) add_missing(root.appenders, found.appenders);
-    if (found.level.empty() && !found.appenders.empty()) found.level = root.level;
-    return found;
-}
-
-// A class without its packages, by which log4cxx finds it, whatever the case of its letters.
-std::string class_of(const properties& in, const std::string& key) {
-    const std::string type = value_of(in, key);
-    return type.substr(type.rfind('.') + 1);
-}
-
-appender find_appender(const properties& in, const std::string& name) {
-    const std::string key = "log4j.appender." + name;
-    return {.name = name,
-            .kind = class_of(in, key),
-            .file = value_of(in, key + ".File"),
-            .largest = value_of(in, key + ".MaxFileSize"),
-            .backups = value_of(in, key + ".MaxBackupIndex"),
-            .layout = class_of(in, key + ".layout")};
-}
 
 // Up to log4cxx 1.0 some appenders want a layout that do without one in 1.4. Between the two it is
 // not known, and nothing is said.
@@ -149,31 +30,15 @@ constexpr const char* layout_classes[] = {"htmllayout", "jsonlayout", "patternla
                                           "simplelayout", "xmllayout"};
 
 const appender_class* find_class(const appender& of) {
-    const auto* const found =
-        std::find_if(std::begin(appender_classes), std::end(appender_classes),
-                     [kind = lower(of.kind)](const auto& row) { return kind == row.name; });
+    const auto* const found = std::find_if(
+        std::begin(appender_classes), std::end(appender_classes),
+        [kind = in_small_letters(of.kind)](const auto& row) { return kind == row.name; });
     return found == std::end(appender_classes) ? nullptr : found;
 }
 
 bool is_known_layout(const appender& of) {
-    return std::find(std::begin(layout_classes), std::end(layout_classes), lower(of.layout)) !=
-           std::end(layout_classes);
-}
-
-bool writes_file(const appender& of) {
-    return lower(of.kind).ends_with("fileappender");
-}
-
-// Each once, by the loggers' order.
-std::vector<appender> all_appenders(const properties& in) {
-    std::vector<appender> found;
-    std::set<std::string> names;
-    for (const char* const name : loggers) {
-        for (const std::string& one : find_logger(in, name).appenders) {
-            if (names.insert(one).second) found.push_back(find_appender(in, one));
-        }
-    }
-    return found;
+    return std::find(std::begin(layout_classes), std::end(layout_classes),
+                     in_small_letters(of.layout)) != std::end(layout_classes);
 }
 
 // ---- Sizes --------------------------------------------------------------------------------------
@@ -186,7 +51,8 @@ std::uintmax_t size_of(const std::string& text, std::uintmax_t otherwise) {
     const char* const end = text.data() + text.size();
     const auto [stop, problem] = std::from_chars(text.data(), end, value);
     if (problem != std::errc{}) return otherwise;
-    std::string unit = trimmed(std::string(stop, end));
+    std::string unit =
+        join(split(std::string_view(stop, static_cast<std::size_t>(end - stop)), " \t"), "");
     for (char& c : unit)
         c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
     if (unit == "KB") return value << 10;
@@ -201,7 +67,7 @@ struct room {
 };
 
 room room_for(const appender& of) {
-    if (lower(of.kind) != "rollingfileappender") return {64 * mebi, false};
+    if (in_small_letters(of.kind) != "rollingfileappender") return {64 * mebi, false};
     return {size_of(of.largest, 10 * mebi) * (size_of(of.backups, 1) + 1)};
 }
 
@@ -286,7 +152,7 @@ finding judge_appender(const appender& of) {
             .remedy = "Name one that is: org.apache.log4j.PatternLayout, say."};
 }
 
-void check_logger(const std::string& file, const properties& in, const logger& of,
+void check_logger(const std::string& file, const log_properties& in, const logger& of,
                   findings& found) {
     if (of.appenders.empty()) {
         found.push_back({.rank = severity::warning,
@@ -377,23 +243,14 @@ std::span<const appender_class> known_appender_classes() {
     return appender_classes;
 }
 
-std::vector<std::string> log_files(const std::string& text) {
-    std::vector<std::string> files;
-    for (const appender& one : all_appenders(read_properties(text))) {
-        const bool known = std::find(files.begin(), files.end(), one.file) != files.end();
-        if (writes_file(one) && !one.file.empty() && !known) files.push_back(one.file);
-    }
-    return files;
-}
-
 // Those of a temporary configuration are the command's own, and nothing that the operator has
 // given.
 
 void check_properties(const inspected& system, findings& found) {
     if (system.temporary) return;
     if (!check_file(system.properties, found)) return;
-    const properties in = read_properties(system.properties.text);
-    for (const char* const name : loggers) {
+    const log_properties in = read_log_properties(system.properties.text);
+    for (const char* const name : library_loggers) {
         const logger of = find_logger(in, name);
         check_logger(system.properties.name, in, of, found);
         check_level(system.properties.name, of, found);
@@ -416,7 +273,8 @@ void check_logs(const inspected& system, findings& found) {
 
 void check_space(const inspected& system, findings& found) {
     if (system.temporary) return;
-    const std::vector<appender> writers = all_appenders(read_properties(system.properties.text));
+    const std::vector<appender> writers =
+        all_appenders(read_log_properties(system.properties.text));
     std::set<std::string> told;
     for (const log_place& place : system.logs) {
         if (place.folder.empty() || !told.insert(place.folder).second) continue;

@@ -9,10 +9,6 @@
 
 namespace qnmctl {
 
-// The files that the appenders of the library's loggers write to, each once, by the text of a
-// properties file.
-std::vector<std::string> log_files(const std::string& text);
-
 struct appender_class {
     const char* name;   // without its packages, in small letters
     bool wants_layout;  // without one it writes nothing

@@ -26,9 +26,9 @@
 #include <ctime>
 #include <memory>
 
-#include "doctor/log_checks.h"
 #include "installation/config_file.h"
 #include "installation/installation.h"
+#include "installation/log_properties.h"
 #include "qnm.h"
 #include "system/open_ports.h"
 #include "system/own_folder.h"
@@ -414,7 +414,7 @@ inspected inspect_system(const installation& where, tshark_use tshark) {
     find_left_behind(ports, found);
     found.capture_library = pcap_lib_version();
     found.clock = look_at_clock();
-    for (const std::string& file : log_files(found.properties.text))
+    for (const std::string& file : log_files(read_log_properties(found.properties.text)))
         found.logs.push_back(look_at_log(file));
     if (found.privileges.root && tshark == tshark_use::asked) {
         found.dissector = look_at_dissector(ask_tshark());

@@ -1,4 +1,4 @@
-// Reading of qnm.conf and the properties file by their contents.
+// Finds keys in the text of qnm.conf.
 #include "installation/config_file.h"
 
 #include <cerrno>
@@ -18,31 +18,11 @@ namespace {
 constexpr char blanks[] = " \t\r\n";
 constexpr std::size_t config_size_limit = std::size_t{1024} * 1024;
 
-// A line of a properties file with the given key: what stands behind the "=".
-std::string property(const std::string& properties, const std::string& key) {
-    std::istringstream lines(properties);
-    std::string found;
-    for (std::string line; std::getline(lines, line);) {
-        const std::size_t equals = line.find('=');
-        if (line.starts_with('#') || equals == std::string::npos) continue;
-        const std::vector<std::string> name = split(line.substr(0, equals), blanks);
-        if (name.size() == 1 && name.front() == key) found = line.substr(equals + 1);
-    }
-    const std::size_t start = found.find_first_not_of(blanks);
-    if (start == std::string::npos) return {};
-    return found.substr(start, found.find_last_not_of(blanks) + 1 - start);
-}
-
 // What cannot be opened is told where that matters.
 std::optional<std::string> wrong_file(const std::string& name, const tools::file_contents& read) {
     const auto* const problem = std::get_if<tools::file_problem>(&read);
     if (problem == nullptr || !problem->wrong_file) return std::nullopt;
     return "cannot use " + name + ": " + problem->text;
-}
-
-// "LEVEL, APPENDER"
-std::vector<std::string> logger_parts(const std::string& properties, const std::string& logger) {
-    return split(property(properties, "log4j.logger." + logger), ", ");
 }
 
 }  // namespace
@@ -86,17 +66,6 @@ std::vector<std::string> configured_ports(const std::string& config) {
     std::vector<std::string> names = split(line->value, ", \t\r\n");
     if (names.size() > port_limit) names.resize(port_limit);
     return names;
-}
-
-std::string file_of_logger(const std::string& properties, const std::string& logger) {
-    const std::vector<std::string> parts = logger_parts(properties, logger);
-    if (parts.size() < 2) return {};
-    return property(properties, "log4j.appender." + parts[1] + ".File");
-}
-
-std::string level_of_logger(const std::string& properties, const std::string& logger) {
-    const std::vector<std::string> parts = logger_parts(properties, logger);
-    return parts.empty() ? "" : parts.front();
 }
 
 std::string read_text(const std::string& name) {

@@ -1,5 +1,5 @@
-// Looks into the library's two configuration files, to name places in them. The library alone
-// decides what they mean; nothing here is needed for a start that succeeds.
+// Looks into qnm.conf, to name places in it. The library alone decides what it means; nothing here
+// is needed for a start that succeeds.
 #pragma once
 
 #include <cstdint>
@@ -30,12 +30,6 @@ std::uint32_t configured_number(const std::string& config, std::string_view key,
 
 // The interfaces that qnm.conf names, or the library's defaults.
 std::vector<std::string> configured_ports(const std::string& config);
-
-// The file that a properties file sends a logger's lines to; empty when it names none.
-std::string file_of_logger(const std::string& properties, const std::string& logger);
-
-// The level of a logger there; empty when it names none.
-std::string level_of_logger(const std::string& properties, const std::string& logger);
 
 // A whole regular file; empty when it cannot be read, or is none.
 std::string read_text(const std::string& name);

@@ -17,6 +17,7 @@
 #include "common/standard_files.h"
 #include "common/visible.h"
 #include "installation/config_file.h"
+#include "installation/log_properties.h"
 #include "output/text.h"
 
 namespace qnmctl {
@@ -167,10 +168,12 @@ std::string config_text(const settings& given) {
 
 // One that would hide why a start failed is not taken.
 logger_levels levels_of(const std::string& properties) {
-    const auto level = [&](const char* logger) {
+    const log_properties in = read_log_properties(properties);
+    const auto level = [&](const char* name) {
         constexpr const char* known[] = {"ERROR", "WARN", "INFO", "DEBUG", "TRACE", "ALL"};
         constexpr const char* hiding[] = {"OFF", "FATAL"};
-        const std::string word = level_of_logger(properties, logger);
+        const logger found = find_logger(in, name);
+        const std::string word = found.given ? found.level : "";
         if (std::find(std::begin(hiding), std::end(hiding), word) != std::end(hiding))
             return std::string(known[0]);
         const bool is_known =

@@ -14,6 +14,7 @@
 #include "common/visible.h"
 #include "doctor/findings_text.h"
 #include "installation/config_file.h"
+#include "installation/log_properties.h"
 #include "manager/session.h"
 #include "records/fields.h"
 #include "report/system.h"
@@ -134,12 +135,14 @@ void add_logs(const report_sources& from, const char* part, report_contents& to)
     const std::string properties = from.where.properties();
     const file_end read = read_file_end(properties, file_limit);
     std::set<std::string> seen = {from.where.stats};  // of a private one: part "statistics"
-    for (const char* const logger : {"logfile", "syslogfile", "statslogfile"}) {
-        const std::string file = file_of_logger(read.text, logger);
-        if (file.empty()) {
+    const log_properties in = read_log_properties(read.text);
+    for (const char* const logger : library_loggers) {
+        const std::vector<std::string> files = files_of_logger(in, logger);
+        if (files.empty()) {
             to.missing.push_back({part, properties + " names no file for the logger " + logger});
-        } else if (seen.insert(file).second) {
-            add_log(file, {properties, read.about}, part, to);
+        }
+        for (const std::string& file : files) {
+            if (seen.insert(file).second) add_log(file, {properties, read.about}, part, to);
         }
     }
 }

@@ -11,12 +11,11 @@
 #include <set>
 #include <stdexcept>
 
-#include "common/nearest.h"
 #include "common/tests/temporary_dir.h"
 #include "doctor/checks.h"
 #include "doctor/findings_text.h"
 #include "doctor/log_checks.h"
-#include "output/foreign_words.h"
+#include "installation/log_properties.h"
 #include "tests/sample_system.h"
 
 namespace qnmctl {
@@ -324,17 +323,21 @@ TEST_F(CheckLogs, TellOfALinkInThePlaceOfALog) {
     EXPECT_TRUE(look_at_log(log).link);
 }
 
+std::vector<std::string> files_in(const std::string& properties) {
+    return log_files(read_log_properties(properties));
+}
+
 TEST_F(CheckLogs, FollowTheLoggersToTheirFiles) {
     EXPECT_EQ((std::vector<std::string>{"/var/log/qnm/qnm.log", "/var/log/qnm/qnm_stats.log"}),
-              log_files(sample_properties));
+              files_in(sample_properties));
     EXPECT_EQ((std::vector<std::string>{"/a b\\c"}),
-              log_files("! log4j.logger.logfile=ALL,NONE\n"
-                        "  log4j.logger.logfile : ALL ,A, CON\r\n"
-                        "log4j.appender.A=org.apache.log4j.FileAppender\r\n"
-                        "log4j.appender.A.File = /a b\\\\c\r\n"
-                        "log4j.appender.CON=org.apache.log4j.ConsoleAppender\n"));
-    EXPECT_TRUE(log_files("").empty());
-    EXPECT_TRUE(log_files("=\n:\n\\").empty());
+              files_in("! log4j.logger.logfile=ALL,NONE\n"
+                       "  log4j.logger.logfile : ALL ,A, CON\r\n"
+                       "log4j.appender.A=org.apache.log4j.FileAppender\r\n"
+                       "log4j.appender.A.File = /a b\\\\c\r\n"
+                       "log4j.appender.CON=org.apache.log4j.ConsoleAppender\n"));
+    EXPECT_TRUE(files_in("").empty());
+    EXPECT_TRUE(files_in("=\n:\n\\").empty());
 }
 
 TEST_F(CheckLogs, FindLoggersThatWriteNowhere) {

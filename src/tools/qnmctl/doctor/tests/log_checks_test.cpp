@@ -16,6 +16,7 @@
 
 #include "common/tests/temporary_dir.h"
 #include "doctor/findings_text.h"
+#include "installation/log_properties.h"
 #include "qnm_log_check.h"
 #include "tests/sample_system.h"
 
@@ -157,13 +158,14 @@ TEST_F(BesideLog4cxx, AppendersOfTheRootLoggerAreLookedAt) {
         "log4j.appender.R=org.apache.log4j.FileAppender\n"
         "log4j.appender.R.File=/var/log/root.log\n";
     EXPECT_TRUE(told(found_in(text), "logfile", "the appender R, which has no layout"));
-    EXPECT_EQ((std::vector<std::string>{"/var/log/root.log"}), log_files(text));
+    EXPECT_EQ((std::vector<std::string>{"/var/log/root.log"}),
+              log_files(read_log_properties(text)));
     const findings shared = found_in("log4j.logger.logfile=ALL, R\n" + text);
     EXPECT_EQ(3U, count(shared, severity::error)) << findings_text(shared, {});  // one per logger
     std::string apart = text;
     for (const std::string name : {"logfile", "syslogfile", "statslogfile"})
         apart += "log4j.logger." + name + "=ALL\nlog4j.additivity." + name + "=false\n";
-    EXPECT_TRUE(log_files(apart).empty());
+    EXPECT_TRUE(log_files(read_log_properties(apart)).empty());
 }
 
 }  // namespace

@@ -36,20 +36,5 @@ TEST(ConfiguredPorts, AreTheOnesNamedOrTheDefaults) {
     EXPECT_EQ((names{"a", "b"}), configured_ports("ether_port=a,\tb c\n"));
 }
 
-constexpr char properties[] =
-    "# log4j.logger.statslogfile=ALL, NONE\n"
-    "log4j.logger.statslogfile = ALL, STATS\r\n"
-    "log4j.appender.STATS=org.apache.log4j.RollingFileAppender\r\n"
-    "log4j.appender.STATS.File = /var/log/with blank/stats.log\r\n";
-
-TEST(FileOfLogger, FollowsTheLoggersAppender) {
-    EXPECT_EQ("/var/log/with blank/stats.log", file_of_logger(properties, "statslogfile"));
-}
-
-TEST(FileOfLogger, IsEmptyWhereNoneIsNamed) {
-    EXPECT_EQ("", file_of_logger(properties, "logfile"));
-    EXPECT_EQ("", file_of_logger("log4j.logger.logfile=ALL, A\n", "logfile"));
-}
-
 }  // namespace
 }  // namespace qnmctl

@@ -8,6 +8,7 @@
 
 #include "common/tests/temporary_dir.h"
 #include "installation/config_file.h"
+#include "installation/log_properties.h"
 #include "output/text.h"
 #include "tests/program.h"
 
@@ -26,6 +27,16 @@ TEST(Install, TakesTheOperatorsDirectoryAsItIs) {
     EXPECT_EQ("/opt/tarvo/qnm", none.dir);
 }
 
+// The only file that a logger writes to.
+std::string file_of(const std::string& properties, const char* name) {
+    const std::vector<std::string> files = files_of_logger(read_log_properties(properties), name);
+    return files.size() == 1 ? files.front() : "";
+}
+
+std::string level_of(const std::string& properties, const char* name) {
+    return find_logger(read_log_properties(properties), name).level;
+}
+
 TEST(Install, WritesBothFilesForPorts) {
     installation made;
     install({.ports = {"qnm0", "qnm1"}, .keys = {"tag_max=7", "stats_interval=60"}}, made);
@@ -34,9 +45,9 @@ TEST(Install, WritesBothFilesForPorts) {
     EXPECT_EQ("7", find_key(config, "tag_max")->value);
     EXPECT_EQ("60", find_key(config, "stats_interval")->value);
     const std::string properties = read_text(made.properties());
-    EXPECT_EQ(made.log, file_of_logger(properties, "logfile"));
-    EXPECT_EQ(made.log, file_of_logger(properties, "syslogfile"));
-    EXPECT_EQ(made.stats, file_of_logger(properties, "statslogfile"));
+    EXPECT_EQ(made.log, file_of(properties, "logfile"));
+    EXPECT_EQ(made.log, file_of(properties, "syslogfile"));
+    EXPECT_EQ(made.stats, file_of(properties, "statslogfile"));
     EXPECT_EQ(made.dir, made.log.parent_path());
 }
 
@@ -45,8 +56,8 @@ TEST(Install, LogsIntoTheFileThatIsGiven) {
     const fs::path log = dir.path() / "my.log";
     installation made;
     install({.ports = {"qnm0"}, .log = log}, made);
-    EXPECT_EQ(log, file_of_logger(read_text(made.properties()), "logfile"));
-    EXPECT_EQ("ALL", level_of_logger(read_text(made.properties()), "logfile"));
+    EXPECT_EQ(log, file_of(read_text(made.properties()), "logfile"));
+    EXPECT_EQ("ALL", level_of(read_text(made.properties()), "logfile"));
     EXPECT_TRUE(fs::exists(log));
 }
 
@@ -70,7 +81,7 @@ TEST(Install, KeepsTheFolderWhenAsked) {
         kept = made.dir;
         EXPECT_EQ("qnmctl: the logs are kept in " + kept.string() + '\n',
                   testing::internal::GetCapturedStderr());
-        EXPECT_EQ("ALL", level_of_logger(read_text(made.properties()), "logfile"));
+        EXPECT_EQ("ALL", level_of(read_text(made.properties()), "logfile"));
     }
     EXPECT_TRUE(fs::exists(kept / config_name));
     fs::remove_all(kept);
@@ -117,8 +128,8 @@ TEST_F(InstallCopy, HasTheConfigurationAndLogsOfItsOwn) {
     EXPECT_NE(original.dir, copy.dir);
     EXPECT_EQ(read_text(original.config()), read_text(copy.config()));
     for (const char* const logger : {"logfile", "syslogfile"})
-        EXPECT_EQ(copy.log, file_of_logger(properties, logger));
-    EXPECT_EQ(copy.stats, file_of_logger(properties, "statslogfile"));
+        EXPECT_EQ(copy.log, file_of(properties, logger));
+    EXPECT_EQ(copy.stats, file_of(properties, "statslogfile"));
     EXPECT_EQ(copy.dir, copy.log.parent_path());
     EXPECT_EQ(copy.dir, copy.stats.parent_path());
     for (const char* const his : {"his.log", "rootLogger", "Console", "Syslog"})
@@ -127,21 +138,21 @@ TEST_F(InstallCopy, HasTheConfigurationAndLogsOfItsOwn) {
 
 TEST_F(InstallCopy, LogsOnlyWhatTheCommandReads) {
     const std::string properties = copied();
-    EXPECT_EQ("WARN", level_of_logger(properties, "logfile"));
-    EXPECT_EQ("WARN", level_of_logger(properties, "syslogfile"));
-    EXPECT_EQ("ALL", level_of_logger(properties, "statslogfile"));
+    EXPECT_EQ("WARN", level_of(properties, "logfile"));
+    EXPECT_EQ("WARN", level_of(properties, "syslogfile"));
+    EXPECT_EQ("ALL", level_of(properties, "statslogfile"));
 }
 
 TEST_F(InstallCopy, HasTheLevelsWhereSomebodyElseReadsIt) {
     original.wanted.file = dir.path() / "my.log";
     const std::string properties = copied();
-    EXPECT_EQ("INFO", level_of_logger(properties, "logfile"));
-    EXPECT_EQ("ERROR", level_of_logger(properties, "syslogfile"));  // why a start failed is kept
-    EXPECT_EQ(original.wanted.file, file_of_logger(properties, "logfile"));
+    EXPECT_EQ("INFO", level_of(properties, "logfile"));
+    EXPECT_EQ("ERROR", level_of(properties, "syslogfile"));  // why a start failed is kept
+    EXPECT_EQ(original.wanted.file, file_of(properties, "logfile"));
 }
 
 TEST_F(InstallCopy, TakesNothingElseForALevel) {
-    EXPECT_EQ("ALL", levels_of("log4j.logger.logfile=INHERITED, A\n").log);
+    EXPECT_EQ("WARN", levels_of("log4j.rootLogger=WARN\nlog4j.logger.logfile=INHERITED, A\n").log);
     EXPECT_EQ("ALL", levels_of("log4j.logger.logfile=ALL${x}, A\n").log);
     EXPECT_EQ("TRACE", levels_of("log4j.logger.logfile=TRACE, A\n").log);
     EXPECT_EQ("ALL", levels_of("").syslog);

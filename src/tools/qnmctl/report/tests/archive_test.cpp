@@ -348,8 +348,9 @@ bool holds(const std::string& text, const std::string& part) {
 
 // Lines of a properties file.
 std::string appender(const std::string& logger, const fs::path& file) {
-    return "log4j.logger." + logger + "=ALL, " + logger + "\nlog4j.appender." + logger +
-           ".File=" + file.string() + '\n';
+    const std::string key = "log4j.appender." + logger;
+    return "log4j.logger." + logger + "=ALL, " + logger + '\n' + key +
+           "=org.apache.log4j.FileAppender\n" + key + ".File=" + file.string() + '\n';
 }
 
 TEST(ReportParts, TakeOneLogWithoutTheOther) {
