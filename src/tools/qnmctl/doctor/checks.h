@@ -2,7 +2,8 @@
 // interfaces, capture, clock and dissector.
 #pragma once
 
-#include "doctor/doctor.h"
+#include "doctor/finding.h"
+#include "doctor/system.h"
 
 namespace qnmctl {
 

@@ -1,7 +1,8 @@
 // What the library will make of a qnm.conf, line by line.
 #pragma once
 
-#include "doctor/doctor.h"
+#include "doctor/finding.h"
+#include "doctor/system.h"
 
 namespace qnmctl {
 

@@ -8,26 +8,11 @@
 
 #include <cstddef>
 #include <span>
-#include <string>
-#include <vector>
 
+#include "doctor/finding.h"
 #include "doctor/system.h"
 
 namespace qnmctl {
-
-// error: the manager does not start, or does without something that it is told to use.
-enum class severity { ok, note, warning, error };
-
-struct finding {
-    severity rank = severity::ok;
-    std::string about = {};   // an interface or a file, say; empty: the system
-    int line = 0;             // of that file, from 1; 0: the whole
-    std::string text = {};    // one line
-    std::string remedy = {};  // likewise; empty: there is nothing to do
-    const char* check = "";   // its name; whoever runs the check fills it in
-};
-
-using findings = std::vector<finding>;
 
 struct check {
     const char* name;  // scripts rely on it

@@ -5,7 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "doctor/doctor.h"
+#include "doctor/finding.h"
+#include "doctor/system.h"
 
 namespace qnmctl {
 

@@ -1,0 +1,23 @@
+// What a check finds: how bad it is, what it is about, and what helps.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace qnmctl {
+
+// error: the manager does not start, or does without something that it is told to use.
+enum class severity { ok, note, warning, error };
+
+struct finding {
+    severity rank = severity::ok;
+    std::string about = {};   // an interface or a file, say; empty: the system
+    int line = 0;             // of that file, from 1; 0: the whole
+    std::string text = {};    // one line
+    std::string remedy = {};  // likewise; empty: there is nothing to do
+    const char* check = "";   // its name; whoever runs the check fills it in
+};
+
+using findings = std::vector<finding>;
+
+}  // namespace qnmctl
