@@ -25,7 +25,7 @@ constexpr uint32_t k_page_count = 1024;
 
 uint32_t calls_inside;
 
-// Looks, until the time is up, whether the card has announced its new VLAN ID: 110 when not.
+// Looks, until the time is up, whether the card has announced its new VLAN ID: ETIMEDOUT when not.
 int await_vlanid(uint64_t id, uint16_t vlanid, uint32_t interval) {
     const uint64_t start = _qnm_get_msec_monotonic();
     while (_qnm_get_msec_monotonic() - start < interval) {

@@ -9,7 +9,7 @@
 
 extern "C" {
 
-int _qnm_cmp_init(void);  // 0 or 71
+int _qnm_cmp_init(void);  // 0 or EPROTO
 int _qnm_cmp_fini(void);  // always 0; nobody may wait or ask any more
 
 // Wakes every thread that waits for a Completion; from now on no wait lasts.
@@ -31,14 +31,14 @@ int _qnm_rest_tag(int tag);
 void _qnm_set_comp_recv_wait(int tag, uint64_t dst_mac, int port);
 
 // 0 when the Completion has been accepted, before or during the wait, or all waits have been woken;
-// 110 after timeout milliseconds, with 0 at once; 71 when the wait failed.
+// ETIMEDOUT after timeout milliseconds, with 0 at once; EPROTO when the wait failed.
 int _qnm_sigwait_comp(int tag, uint32_t timeout);
 
 // A Completion has arrived: accepted when it is awaited, from this card and by this port, else
 // ignored. Always 0.
 int _qnm_recv_comp(int tag, int port, uint64_t src_mac, uint32_t data);
 
-// 0 with the value; 2 when the Completion has not arrived; 71.
+// 0 with the value; ENOENT when the Completion has not arrived; EPROTO.
 int _qnm_get_readreg(int tag, uint32_t* data_out);
 
 }  // extern "C"

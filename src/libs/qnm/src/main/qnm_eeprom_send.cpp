@@ -6,10 +6,10 @@
 // bit per party, or a grant of one ID at a time. With QNM_FLAG_FORCELOCK a lock that another party
 // keeps is taken away from it, so often as configured.
 //
-// Everything here is register access, and each step may fail by itself. 71 and 38 (a stop) end
-// every loop at once; any other failure is a failed attempt, and attempts are counted. That another
-// process accesses cards by the port shows with the first frame, before any loop; a 16 within one
-// is as good as always the card's, and counts as that.
+// Everything here is register access, and each step may fail by itself. EPROTO and ENOSYS (a stop)
+// end every loop at once; any other failure is a failed attempt, and attempts are counted. That
+// another process accesses cards by the port shows with the first frame, before any loop; an EBUSY
+// within one is as good as always the card's, and counts as that.
 //
 // A card must not stay locked because a manager stops. What this host may have on it is kept with
 // the call (traces); a loop that ends at once takes it back by frames that nobody waits for: first
@@ -118,7 +118,7 @@ int clear_bits(const card_access& card, uint32_t addr, uint32_t mask) {
 // When to sleep between attempts.
 enum class pause_after {
     any_failure,
-    refusal,  // 11 and 16, an answer of the card; a failed register access has taken its own time
+    refusal,  // EAGAIN or EBUSY from the card; a failed register access has taken its own time
 };
 
 // Makes attempts until one succeeds or ends every loop, at most retries + 1. The last one's error.
@@ -194,7 +194,7 @@ int read_lock_bits(const card_access& card, uint32_t* bits) {
 }
 
 // Watches the lock register for a while after it was written, as another party may have written at
-// the same time: 16 when it changed. *bits is what was read last.
+// the same time: EBUSY when it changed. *bits is what was read last.
 int confirm_bit(const card_access& card, uint32_t written, uint32_t* bits) {
     for (uint32_t n = 0; n < qnm_config.eeprom_verify_count; n++) {
         _qnm_sleep_while_running(qnm_config.eeprom_verify_interval);
@@ -206,7 +206,8 @@ int confirm_bit(const card_access& card, uint32_t written, uint32_t* bits) {
     return 0;
 }
 
-// One attempt: 16 while another party holds the lock. A bit that cannot be confirmed is withdrawn.
+// One attempt: EBUSY while another party holds the lock. A bit that cannot be confirmed is
+// withdrawn.
 int _qnm_lock_eeprom_impl(const card_access& card) {
     uint32_t bits = 0;
     int err = read_lock_bits(card, &bits);
@@ -278,7 +279,7 @@ int request_id(const card_access& card) {
     }));
 }
 
-// Waits until the card names this host as the holder: 16 when it names another one in the end.
+// Waits until the card names this host as the holder: EBUSY when it names another one in the end.
 int await_holder(const card_access& card, uint32_t* holder) {
     return repeat_lock(pause_after::any_failure, [&] {
         const int err = read_register(card, k_id_request, holder);
@@ -287,7 +288,7 @@ int await_holder(const card_access& card, uint32_t* holder) {
     });
 }
 
-// One attempt to release IDs: 11 while any of them still stands.
+// One attempt to release IDs: EAGAIN while any of them still stands.
 int _qnm_unlock_eeprom_id_impl(const card_access& card, uint32_t ids) {
     if (ids == 0) return 0;
     uint32_t granted = 0;
@@ -425,8 +426,8 @@ class eeprom_lock_guard {
 
 // ---- Words --------------------------------------------------------------------------------------
 
-// Polls the status until a command is complete: 13 when the card refuses it, 11 when it takes too
-// long.
+// Polls the status until a command is complete: EACCES when the card refuses it, EAGAIN when it
+// takes too long.
 int await_completion(const char* func, const card_access& card) {
     for (uint32_t k = 0;; k++) {
         if (!qnm::is_running()) return ENOSYS;
@@ -454,8 +455,8 @@ int _check_access(const card_access& card, uint32_t address, uint32_t command) {
     return await_completion(__func__, card);
 }
 
-// Issues a command for the word at addr, in the form of the address that the card takes: 13 when it
-// takes none.
+// Issues a command for the word at addr, in the form of the address that the card takes: EACCES
+// when it takes none.
 int issue(const char* func, const card_access& card, uint32_t addr, uint32_t command) {
     int err = EACCES;
     if (card.dev->ecd_type == 0 && qnm_config.eeprom_type == 0) {
@@ -493,7 +494,7 @@ int rest(const char* func, const card_access& card, bool* ready) {
 
 // What became of an attempt on a word.
 struct attempt {
-    int err = 0;         // of the work: 0, 13 when the card refused it, 11
+    int err = 0;         // of the work: 0, EACCES when the card refused it, EAGAIN
     bool ready = false;  // whether the EEPROM was ready afterwards
 };
 
@@ -535,7 +536,7 @@ int try_read(const char* func, const card_access& card, uint32_t addr, uint32_t*
     });
 }
 
-// 0 when the card reported the write complete; 71 when it refused it; 11.
+// 0 when the card reported the write complete; EPROTO when it refused it; EAGAIN.
 int _qnm_write_eeprom_impl(const card_access& card, uint32_t addr, uint32_t data) {
     const char* const func = __func__;
     attempt made;
@@ -550,7 +551,7 @@ int _qnm_write_eeprom_impl(const card_access& card, uint32_t addr, uint32_t data
     return made.err == EACCES ? EPROTO : EAGAIN;
 }
 
-// Writes a word and, where asked for, reads it back; 11 when it is another one.
+// Writes a word and, where asked for, reads it back; EAGAIN when it is another one.
 int write_word(const card_access& card, uint32_t addr, uint32_t data, uint32_t flags) {
     int err = _qnm_write_eeprom_impl(card, addr, data);
     if (err != 0 || (flags & QNM_FLAG_VERIFY) == 0) return err;

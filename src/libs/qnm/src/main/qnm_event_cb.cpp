@@ -171,7 +171,7 @@ bool push_event(qnm_evt_node_t& node) {
     return true;
 }
 
-// 0; 12 without memory; 105 when too many are waiting, which is told here.
+// 0; ENOMEM without memory; ENOBUFS when too many are waiting, which is told here.
 int queue_event(const char* func, qnm_evt_type_t event_type, uint64_t id) {
     qnm_evt_node_t* const node = _evt_node_create(event_type, id);
     if (node == nullptr) return ENOMEM;

@@ -7,14 +7,14 @@
 
 extern "C" {
 
-// 0, or 71 with everything undone.
+// 0, or EPROTO with everything undone.
 int _qnm_event_cb_init(void);
 
 // Drops what is still queued and every registration; all handles become invalid. Always 0. The
 // event thread must have ended.
 int _qnm_event_cb_fini(void);
 
-// Queues one event and wakes the event thread: 0, or 12 when it is lost for lack of memory or
+// Queues one event and wakes the event thread: 0, or ENOMEM when it is lost for lack of memory or
 // because too many are waiting. type must be valid.
 int _qnm_add_event(qnm_evt_type_t event_type, uint64_t id);
 

@@ -13,7 +13,7 @@ extern "C" {
 // -1, with errno.
 int _qnm_port_group_socket(int if_index);
 
-// 0, and the socket is the member; 28 when the group has one; anything else tells nothing about
+// 0, and the socket is the member; ENOSPC when the group has one; anything else tells nothing about
 // others: the group's number is in another program's use, or the kernel knows no such groups.
 int _qnm_port_group_join(int fd, int if_index);
 

@@ -188,7 +188,7 @@ int refuse_by_group(const char* func, port_lock& lock, int port, bool may_wait)
     return refuse(func, port, kind == QNM_HOLDER_MANAGER ? lock.pl_other : qnm_port_holder_t{});
 }
 
-// Another one has the name, and nobody else the group: 0, 16, or 11.
+// Another one has the name, and nobody else the group: 0, EBUSY, or EAGAIN.
 int judge_name(const char* func, port_lock& lock, int port, uint32_t rounds_left)
     QNM_REQUIRES(lock.pl_mutex) {
     const bool is_sole = lock.pl_member == membership::sole;
@@ -203,7 +203,7 @@ int judge_name(const char* func, port_lock& lock, int port, uint32_t rounds_left
     return kind == QNM_HOLDER_NOBODY && rounds_left > 0 && !lock.pl_is_told ? EAGAIN : 0;
 }
 
-// Tries once: 0, 16, or 11 when whoever has the name is still to be given time.
+// Tries once: 0, EBUSY, or EAGAIN when whoever has the name is still to be given time.
 int try_to_take(const char* func, port_lock& lock, int port, uint32_t rounds_left) {
     const qnm::mutex_guard guard(lock.pl_mutex);
     if (qnm::load(lock.pl_settled) == 1) return 0;

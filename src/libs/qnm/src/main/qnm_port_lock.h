@@ -11,7 +11,7 @@ extern "C" {
 // when cards are accessed.
 void _qnm_port_lock_open(int port, int if_index);
 
-// Makes sure that this manager alone accesses cards by the port: 0, or 16 with a line that names
+// Makes sure that this manager alone accesses cards by the port: 0, or EBUSY with a line that names
 // the process which does. After the first success it costs a look at a flag. Any thread.
 int _qnm_port_lock_take(int port);
 

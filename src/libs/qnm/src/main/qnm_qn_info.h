@@ -92,13 +92,15 @@ int _qnm_qn_unlock(void) QNM_RELEASE(qnm_qn.eei_mutex);
 // known.
 int _qnm_qn_has_room(void) QNM_REQUIRES(qnm_qn.eei_mutex);
 
-// Copy what valid_param names: 0; 22 when a wanted output is null; 2 when the ID is unknown.
+// Copy what valid_param names: 0; EINVAL when a wanted output is null; ENOENT when the ID is
+// unknown.
 int _qnm_get_qnsv(uint64_t id, qnm_qnsv_t* qnsv, uint32_t* ignore_state, uint32_t* check_count,
                   uint32_t valid_param) QNM_REQUIRES(qnm_qn.eei_mutex);
 int _qnm_get_qnio(uint64_t id, qnm_qnio_t* qnio, uint32_t* ignore_state, uint32_t* check_count,
                   uint32_t valid_param) QNM_REQUIRES(qnm_qn.eei_mutex);
 
-// Store what valid_param names; an unknown ID is added, which needs all of it: 0; 22; 12; 71.
+// Store what valid_param names; an unknown ID is added, which needs all of it: 0; EINVAL; ENOMEM;
+// EPROTO.
 int _qnm_set_qnsv(uint64_t id, qnm_qnsv_t* qnsv, uint32_t ignore_state, uint32_t check_count,
                   uint32_t valid_param) QNM_REQUIRES(qnm_qn.eei_mutex);
 int _qnm_set_qnio(uint64_t id, qnm_qnio_t* qnio, uint32_t ignore_state, uint32_t check_count,
@@ -113,9 +115,9 @@ int _qnm_set_heard_qnio(uint64_t id, qnm_qnio_t* qnio, uint32_t ignore_state, ui
                         uint32_t valid_param, const qnm_heard_t* heard)
     QNM_REQUIRES(qnm_qn.eei_mutex);
 
-// Look an ID up among cards of both kinds: 0, 2 or 71. Where there is one of either kind, the QNSV
-// card counts, but for a QNIO card that alone has a connected path. dev_info and resource_id may be
-// null.
+// Look an ID up among cards of both kinds: 0, ENOENT or EPROTO. Where there is one of either kind,
+// the QNSV card counts, but for a QNIO card that alone has a connected path. dev_info and
+// resource_id may be null.
 int _qnm_get_qndev_rid(uint64_t id, qnm_com_dev_t* dev_info, uint32_t* ignore_state,
                        uint16_t* resource_id) QNM_REQUIRES(qnm_qn.eei_mutex);
 int _qnm_get_qndev(uint64_t id, qnm_com_dev_t* dev_info) QNM_REQUIRES(qnm_qn.eei_mutex);

@@ -31,7 +31,7 @@ extern "C" {
 
 void _qnm_rbtree_init(qnm_rbtree_t* tree, qnm_rbcomp_t comp, qnm_rbkeyfunc_t keyfunc);
 
-// 0, or 17 (EEXIST) when the key is there already; then nothing is changed.
+// 0, or EEXIST when the key is there already; then nothing is changed.
 int _qnm_rbtree_put(qnm_rbtree_t* tree, qnm_rbnode_t* node);
 
 // Puts node, or lets it take the exact place of the node with an equal key, which is returned for

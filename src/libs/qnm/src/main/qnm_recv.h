@@ -19,8 +19,8 @@ void _qnm_recv_lin(int port);
 // none; -1 when the port failed.
 int _qnm_recv_frame(int port);
 
-// One frame and its length on the wire: 0; 110 when there was none in time; 71 on failure. The data
-// are the handle's, valid until its next frame.
+// One frame and its length on the wire: 0; ETIMEDOUT when there was none in time; EPROTO on
+// failure. The data are the handle's, valid until its next frame.
 int _qnm_recv_pcap(pcap_t* handle, const unsigned char** data_out, size_t* length_out);
 
 // Learns or updates a card from a DEVINFO or NOTIFY frame that has been checked. vlan_mode is

@@ -227,7 +227,7 @@ int try_path(qnm_com_dev_t* dev, int port, int path) {
     return err;
 }
 
-// The paths of one port; 110 when the card answers on none.
+// The paths of one port; ETIMEDOUT when the card answers on none.
 int try_port(qnm_com_dev_t* dev, int port) {
     if (qnm::load(qnm_root.er_port_info[port].epi_link_state) == 0) return ETIMEDOUT;
     const int err = try_path(dev, port, 0);

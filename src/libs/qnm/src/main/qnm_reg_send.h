@@ -22,9 +22,9 @@ int _qnm_reg_init(void);
 int _qnm_reg_fini(void);
 
 // Read, write, change and dump registers. dev is the caller's copy; its path flags choose the path.
-// interval and count are those of a qnm_retry_t. All return 0 or an errno-style code, of these 16
-// while another process accesses cards by the port, 38 when a stop has been requested, 67 without a
-// path, 71, 110. What was read is stored on success.
+// interval and count are those of a qnm_retry_t. All return 0 or an errno-style code, of these
+// EBUSY while another process accesses cards by the port, ENOSYS when a stop has been requested,
+// ENOLINK without a path, EPROTO, ETIMEDOUT. What was read is stored on success.
 int _qnm_read_register(const qnm_com_dev_t* dev, uint32_t addr, uint32_t* data, uint32_t interval,
                        uint32_t count);
 int _qnm_write_register(const qnm_com_dev_t* dev, uint32_t addr, uint32_t data, uint32_t interval,
@@ -37,16 +37,17 @@ int _qnm_dump_register(const qnm_com_dev_t* dev, uint32_t start, uint32_t end, u
                        size_t* len, uint32_t interval, uint32_t count);
 
 // Makes sure that dev has a path: tries, when none is connected, one after the other until the card
-// answers, and marks that one connected in dev. 67 when it answers on none.
+// answers, and marks that one connected in dev. ENOLINK when it answers on none.
 int _qnm_livecheck(qnm_com_dev_t* dev);
 
-// Makes the lock of a card that has just been learnt: 0; 17 when it has one already; 12; 71.
+// Makes the lock of a card that has just been learnt: 0; EEXIST when it has one already; ENOMEM;
+// EPROTO.
 int _qnm_create_reg_lock_node(uint64_t id);
 
 // Frees the lock of a card that has been deleted, where there are more than k_spare_locks_max.
 void _qnm_forget_reg_lock_node(uint64_t id);
 
-// Take and release a card's lock: 0, or 2 when it has none.
+// Take and release a card's lock: 0, or ENOENT when it has none.
 int _qnm_write_reg_lock(uint64_t id) QNM_EXCLUDES(qnm_qn.eei_mutex);
 int _qnm_write_reg_unlock(uint64_t id);
 

@@ -3,8 +3,8 @@
 // A frame goes out by one path only, the first connected one of P0M0, P0M1, P1M0, P1M1. dev is
 // read without a lock: callers hand in their own copy of the record. Any thread may send.
 //
-// All return 0; 67 when the card is connected on no path; 16 when another process accesses cards by
-// the port; 71 when libpcap refuses the frame.
+// All return 0; ENOLINK when the card is connected on no path; EBUSY when another process accesses
+// cards by the port; EPROTO when libpcap refuses the frame.
 #pragma once
 
 #include <cstdint>
@@ -14,7 +14,7 @@
 extern "C" {
 
 // The path that a frame to this card takes: the MAC address it is sent to and the local port. 0, or
-// 67 when there is none.
+// ENOLINK when there is none.
 int _qnm_get_send_path(const qnm_com_dev_t* dev, uint64_t* dst_mac_out, int* port_out);
 
 // Goes to the broadcast address, on the card's VLAN and by the card's port.

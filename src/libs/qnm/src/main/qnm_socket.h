@@ -2,7 +2,7 @@
 //
 // The unit keeps no state of its own; what it learns stands in the port entries of qnm_root. Ports
 // are opened and closed while no other thread of the library uses them. Failures are logged here
-// and reported as 71.
+// and reported as EPROTO.
 #pragma once
 
 #include <cstddef>
@@ -35,7 +35,7 @@ int _qnm_get_linkstate(int port, uint32_t* state_out);
 int _qnm_get_linkstate_lin(int port, uint32_t* state_out);
 
 // Stores whether the port's configured name still leads to the interface that was opened; not so
-// when that is gone, renamed or replaced by another one. 0 or 71. The port must be open.
+// when that is gone, renamed or replaced by another one. 0 or EPROTO. The port must be open.
 int _qnm_find_interface(int port, bool* present_out);
 
 // Whether an open port has lost its interface or its link, or does not answer. Logs nothing, so

@@ -62,12 +62,12 @@ int _qnm_thread_join(qnm_thread_id_t* tid);
 int _qnm_thread_destroy(qnm_thread_id_t* tid);  // always 0
 
 int _qnm_event_init(qnm_event_t* evt);
-int _qnm_event_destroy(qnm_event_t* evt);  // 0 or 71
-int _qnm_event_set(qnm_event_t* evt);      // wakes one waiter; 71 when it cannot lock
-int _qnm_event_wait(qnm_event_t* evt);     // 0, 38 (cannot lock) or 71
+int _qnm_event_destroy(qnm_event_t* evt);  // 0 or EPROTO
+int _qnm_event_set(qnm_event_t* evt);      // wakes one waiter; EPROTO when it cannot lock
+int _qnm_event_wait(qnm_event_t* evt);     // 0, ENOSYS (cannot lock) or EPROTO
 
-// 0 when signalled (or woken spuriously), 110 on time-out, 38 (cannot lock) or 71. A timeout_ms of
-// 0 waits for one signal without limit, and then returns as an expired wait does.
+// 0 when signalled (or woken spuriously), ETIMEDOUT on time-out, ENOSYS (cannot lock) or EPROTO. A
+// timeout_ms of 0 waits for one signal without limit, and then returns as an expired wait does.
 int _qnm_event_timedwait(qnm_event_t* evt, uint32_t timeout_ms);
 
 // As above, but returns 0 at once when holds(arg) is non-zero before the sleep. holds is called

@@ -35,12 +35,13 @@ uint64_t _qnm_get_msec_timenow_lin(void);
 uint64_t _qnm_get_usec_timenow(void);
 uint64_t _qnm_get_usec_timenow_lin(void);
 
-// Local time as "2026-01-31 23:59:59" (20 bytes with its terminator). 0, or 71 when it does not
+// Local time as "2026-01-31 23:59:59" (20 bytes with its terminator). 0, or EPROTO when it does not
 // fit or cannot be converted; buf is then empty in the latter case.
 int _qnm_get_nowstr(char* buf, size_t len);
 int _qnm_get_nowstr_lin(char* buf, size_t len);
 
-// The point on the monotonic clock that lies ms milliseconds ahead. 0, or 71 when the clock fails.
+// The point on the monotonic clock that lies ms milliseconds ahead. 0, or EPROTO when the clock
+// fails.
 int _qnm_get_deadline(uint32_t ms, struct timespec* deadline);
 
 // Time on the monotonic clock, which no one sets. It stands still while the machine is suspended;
@@ -55,7 +56,7 @@ void _qnm_msleep(uint32_t ms);
 void _qnm_close_on_exec(int fd);
 
 // The name of a file of the installation in directory dir (null or empty: the default one). 0, or
-// 71 when it does not fit into size bytes.
+// EPROTO when it does not fit into size bytes.
 int _qnm_make_filename(const char* dir, const char* file, char* name, size_t size);
 
 // 0 when path is a regular file (a directory), else -1. Only the one mode bit is tested.
