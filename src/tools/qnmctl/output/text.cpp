@@ -114,7 +114,10 @@ std::string time_text(wall_time when) {
 std::string iso_time_text(wall_time when) {
     char fraction[8];
     std::snprintf(fraction, sizeof fraction, ".%03d", milliseconds_of(when));
-    return local_time(when, "%Y-%m-%dT%H:%M:%S") + fraction + local_time(when, "%z");
+    constexpr std::size_t zone_hours = 3;             // "+01"
+    const std::string zone = local_time(when, "%z");  // "+0100"
+    return local_time(when, "%Y-%m-%dT%H:%M:%S") + fraction + zone.substr(0, zone_hours) + ':' +
+           zone.substr(zone_hours);
 }
 
 std::string id_text(std::uint64_t id) {

@@ -47,7 +47,8 @@ using wall_time = std::chrono::system_clock::time_point;
 wall_time from_milliseconds(std::uint64_t since_epoch);
 std::uint64_t to_milliseconds(wall_time when);
 
-// Local time with milliseconds: "2026-03-01 14:03:21.123", for JSON "2026-03-01T14:03:21.123+0100".
+// Local time with milliseconds: "2026-03-01 14:03:21.123", for JSON
+// "2026-03-01T14:03:21.123+01:00".
 std::string time_text(wall_time when);
 std::string iso_time_text(wall_time when);
 
