@@ -37,9 +37,9 @@ goes_down_with_port1() {
   goes_down "$1" "$2" 'link down on port 1\)'
 }
 
-# row KIND CARD TYPE VLAN P0M0 P0M1 P1M0 P1M1 MODE RESOURCE, of the table of cards
+# row KIND CARD TYPE VLAN P0M0 P0M1 P1M0 P1M1 MODE RESOURCE [TROUBLE], of the table of cards
 row() {
-  echo "^$1 $2 +$3 +$4 +[0-9]+ +$5 +$6 +$7 +$8 +$9 +${10}\$"
+  echo "^$1 $2 +$3 +$4 +[0-9]+ +$5 +$6 +$7 +$8 +$9 +${10}${11:+ ${11}}\$"
 }
 
 raise_curtain() {
@@ -177,7 +177,8 @@ show_table() {
   ask list \
     'sv-10g' "$(row QNSV "$sv_10g" 1/10G 10 C - C - NORMAL -)" \
     'sv-40g, over four paths' "$(row QNSV "$sv_40g" 40G 20 C C C C NORMAL -)" \
-    'io-10g, in its new VLAN' "$(row QNIO "$io_10g" 1/10G 11 C - C - NORMAL 0)" \
+    'io-10g, in its new VLAN, with what is wrong' \
+    "$(row QNIO "$io_10g" 1/10G 11 C - C - NORMAL 0 'link 0 fault, vector 0x04')" \
     'io-40g, by port 0 only' "$(row QNIO "$io_40g" 40G 20 C C - - NORMAL 0)" \
     'io-multiroot, with its resource ID' "$(row QNIO "$io_multiroot" 40G 30 C C C C NORMAL 7)" \
     'io-tagchange, in its VLAN mode' "$(row QNIO "$io_tagchange" 1/10G 40 C - C - CHANGE 0)" \
