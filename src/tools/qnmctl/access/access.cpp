@@ -21,17 +21,13 @@ namespace qnmctl {
 
 namespace {
 
-// The library's defaults, for keys that qnm.conf does not have.
-constexpr std::uint32_t default_retries = 10;
-constexpr std::uint32_t default_interval = 100;
-
 // Which cards there are shows after an announcement of each; they come about every second.
 constexpr double seconds_to_hear_all = 3;
 
 constexpr double seconds_to_hear = 10;
 
-std::uint32_t configured(const context& with, const char* key, std::uint32_t otherwise) {
-    return configured_number(read_config(with.where.config()), key, otherwise);
+std::uint32_t configured(const context& with, const char* key) {
+    return configured_number(read_config(with.where.config()), key);
 }
 
 bool is_known(std::uint64_t id) {
@@ -132,10 +128,9 @@ retry_param::retry_param(const context& with, const access_options& options) {
     if (!options.retries && !options.interval) return;
     given_.emplace();
     given_->er_retry_count =
-        options.retries ? *options.retries : configured(with, "frame_retry_count", default_retries);
-    given_->er_retry_interval = options.interval
-                                    ? *options.interval
-                                    : configured(with, "frame_retry_interval", default_interval);
+        options.retries ? *options.retries : configured(with, "frame_retry_count");
+    given_->er_retry_interval =
+        options.interval ? *options.interval : configured(with, "frame_retry_interval");
 }
 
 void start_and_hear(context& with, const access_options& options) {

@@ -3,8 +3,6 @@
 #include "doctor/config_checks.h"
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <optional>
@@ -27,22 +25,25 @@ constexpr char blanks[] = " \t\r\n";
 constexpr char list_blanks[] = " ,\t";
 constexpr std::size_t port_limit = 2;
 
-// What a value is taken for; a number, if it is one.
+// What a value is taken for.
 struct reading {
     severity rank = severity::ok;
     std::string text = {};  // what is wrong, or what it means
     std::string remedy = {};
-    std::uint32_t number = 0;
 };
 
 struct known_value {
     int line = 0;
-    std::uint32_t number = 0;
     bool good = false;
 };
 
-// By key.
-using known_values = std::map<std::string, known_value>;
+// What the lines read so far make of the configuration.
+struct known_values {
+    known_values() { _qnm_set_config_defaults(&config); }
+
+    qnm_conf_t config;
+    std::map<std::string, known_value> keys = {};
+};
 
 // What is beyond the limit only counts.
 struct line_findings {
@@ -64,106 +65,77 @@ void add(line_findings& to, finding one) {
 
 // ---- Values -------------------------------------------------------------------------------------
 
-std::string right_form(const config_key& key) {
+std::string right_form(const qnm_config_key_t& key) {
     return std::string("Write ") + key.name + " = VALUE; it can be " + value_text(key) +
            ", and is " + key.initial + " by default.";
 }
 
-reading wrong_form(const config_key& key, const std::string& value) {
+reading wrong_form(const qnm_config_key_t& key, const std::string& value) {
     return {.rank = severity::error,
             .text = value.empty() ? "has no value" : in_quotes(value) + " is not understood",
             .remedy = right_form(key)};
 }
 
-reading out_of_range(const config_key& key, const std::string& value) {
+reading out_of_range(const qnm_config_key_t& key, const std::string& value) {
     return {.rank = severity::error,
             .text = printable(value) + " is out of range",
             .remedy = right_form(key)};
 }
 
-reading read_number(const config_key& key, const std::string& word) {
-    const auto number = library_number(word);
-    if (!number || (word[0] == '-' && !key.takes_minus)) return wrong_form(key, word);
-    if (*number < key.least || *number > key.most) return out_of_range(key, word);
-    reading found = {.text = printable(word), .number = *number};
-    const bool octal =
-        word.size() > 1 && word[0] == '0' && *number > 7 && word[1] != 'x' && word[1] != 'X';
-    if (octal) {
-        found.rank = severity::warning;
-        found.text += " is an octal number and means " + std::to_string(*number);
-        found.remedy = "Leave out the 0 in front if the decimal number is meant.";
-    }
+void warn_of_octal(reading& found, const std::string& word) {
+    std::uint32_t number = 0;
+    _qnm_config_number(word.c_str(), &number);
+    if (word.size() < 2 || word[0] != '0' || number <= 7 || word[1] == 'x' || word[1] == 'X')
+        return;
+    found.rank = severity::warning;
+    found.text += " is an octal number and means " + std::to_string(number);
+    found.remedy = "Leave out the 0 in front if the decimal number is meant.";
+}
+
+// What stands behind the one word that is the value.
+void warn_of_more(reading& found, const std::vector<std::string>& words) {
+    if (found.rank != severity::ok || words.size() < 2 || words[1][0] == '#') return;
+    found.rank = severity::warning;
+    found.text += " is taken, and what stands behind it is ignored: " + in_quotes(words[1]);
+    found.remedy = "Take it away, or begin it with #.";
+}
+
+reading read_word(const qnm_config_key_t& key, const std::vector<std::string>& words) {
+    reading found = {.text = printable(words[0])};
+    if (key.form != qnm::config_form::mac) warn_of_octal(found, words[0]);
+    warn_of_more(found, words);
     return found;
 }
 
-reading read_interfaces(const config_key& key, const std::string& value) {
-    constexpr std::size_t name_limit = 256;  // of the library
-    const std::vector<std::string> names = split(value, list_blanks);
-    if (names.empty()) return wrong_form(key, "");
-    for (std::size_t at = 0; at < std::min(names.size(), port_limit); ++at) {
-        if (names[at].size() >= name_limit) return wrong_form(key, names[at]);
-    }
+reading read_interfaces(const std::vector<std::string>& names) {
     if (names.size() <= port_limit) return {.text = printable(join(names, ","))};
     return {.rank = severity::warning,
             .text = in_quotes(names[port_limit]) + " is ignored; there are two ports",
             .remedy = "Name one or two interfaces."};
 }
 
-// A word that is no number ends the list.
-reading read_indexes(const config_key& key, const std::string& value) {
-    constexpr std::size_t longest = 10;
-    std::size_t count = 0;
-    for (const std::string& word : split(value, list_blanks)) {
-        if (count == port_limit) break;
-        if (word[0] == '-' || word.size() > longest) return wrong_form(key, word);
-        char* end = nullptr;
-        std::strtoul(word.c_str(), &end, 0);
-        if (end == word.c_str() || *end != '\0') break;
-        if (!library_number(word)) return wrong_form(key, word);
-        ++count;
-    }
-    if (count == 0) return wrong_form(key, value);
-    return {.text = printable(value)};
+bool is_list(const qnm_config_key_t& key) {
+    return key.form == qnm::config_form::interfaces || key.form == qnm::config_form::indexes;
 }
 
-reading read_mac(const config_key& key, const std::string& word) {
-    constexpr std::size_t length = 17;
-    unsigned pair[6];
-    if (word.size() != length ||
-        std::sscanf(word.c_str(), "%02x:%02x:%02x:%02x:%02x:%02x", &pair[0], &pair[1], &pair[2],
-                    &pair[3], &pair[4], &pair[5]) != 6) {
-        return wrong_form(key, word);
-    }
-    const bool bytes =
-        std::all_of(std::begin(pair), std::end(pair), [](unsigned one) { return one <= 0xFF; });
-    return bytes ? reading{.text = printable(word)} : out_of_range(key, word);
-}
-
-// What has one word as its value.
-reading read_word(const config_key& key, const std::string& value) {
-    const std::vector<std::string> words = split(value, blanks);
-    if (words.empty()) return wrong_form(key, "");
-    reading found =
-        key.form == value_form::mac ? read_mac(key, words[0]) : read_number(key, words[0]);
-    const bool more = words.size() > 1 && words[1][0] != '#';
-    if (found.rank == severity::ok && more) {
-        found.rank = severity::warning;
-        found.text += " is taken, and what stands behind it is ignored: " + in_quotes(words[1]);
-        found.remedy = "Take it away, or begin it with #.";
-    }
-    return found;
-}
-
-reading read_value(const config_key& key, const std::string& value) {
+// The library's verdict, with what it takes without a word and was hardly meant.
+reading read_value(qnm_conf_t& config, const qnm_config_key_t& key, const std::string& value) {
     const std::string line = value.substr(0, value.find_first_of("\r\n"));
-    if (key.form == value_form::interfaces) return read_interfaces(key, line);
-    if (key.form == value_form::indexes) return read_indexes(key, line);
-    return read_word(key, value);
+    const std::vector<std::string> words = split(line, is_list(key) ? list_blanks : blanks);
+    std::string read = value;
+    const auto verdict = _qnm_set_config_value(&key, read.data(), &config);
+    if (verdict != qnm::config_verdict::ok && words.empty()) return wrong_form(key, "");
+    const std::string& wrong = is_list(key) ? line : words[0];
+    if (verdict == qnm::config_verdict::not_understood) return wrong_form(key, wrong);
+    if (verdict == qnm::config_verdict::out_of_range) return out_of_range(key, wrong);
+    if (key.form == qnm::config_form::interfaces) return read_interfaces(words);
+    if (key.form == qnm::config_form::indexes) return {.text = printable(line)};
+    return read_word(key, words);
 }
 
 // ---- Lines --------------------------------------------------------------------------------------
 
-std::string meaning_of(const config_key& key, const reading& value) {
+std::string meaning_of(const qnm_config_key_t& key, const reading& value) {
     const std::string start = std::string(key.name) + " = " + value.text;
     return value.rank == severity::ok
                ? start + " (" + value_text(key) + "; default " + key.initial + ')'
@@ -182,7 +154,7 @@ void tell_unknown(const std::string& key, int line, line_findings& found) {
         told.remedy = "Save the file as UTF-8 without BOM, or as ASCII.";
     } else {
         std::vector<std::string> names;
-        for (const config_key& row : config_keys())
+        for (const qnm_config_key_t& row : _qnm_config_keys())
             names.emplace_back(row.name);
         const auto meant = tools::nearest_name(key, names);
         told.text = in_quotes(key) + " is no key";
@@ -192,9 +164,9 @@ void tell_unknown(const std::string& key, int line, line_findings& found) {
     add(found, told);
 }
 
-void read_key(known_values& seen, const config_key& key, const std::string& value, int line,
+void read_key(known_values& seen, const qnm_config_key_t& key, const std::string& value, int line,
               line_findings& found) {
-    known_value& known = seen[key.name];
+    known_value& known = seen.keys[key.name];
     if (known.good) {
         add(found, {.rank = severity::warning,
                     .line = line,
@@ -203,8 +175,8 @@ void read_key(known_values& seen, const config_key& key, const std::string& valu
                     .remedy = "Remove one of the two."});
         return;
     }
-    const reading read = read_value(key, value);
-    known = {.line = line, .number = read.number, .good = read.rank != severity::error};
+    const reading read = read_value(seen.config, key, value);
+    known = {.line = line, .good = read.rank != severity::error};
     add(found,
         {.rank = read.rank, .line = line, .text = meaning_of(key, read), .remedy = read.remedy});
 }
@@ -223,7 +195,7 @@ void read_piece(known_values& seen, std::string_view piece, int line, line_findi
                     .remedy = "Write it as KEY = VALUE."});
         return;
     }
-    const config_key* const key = find_config_key(words[0]);
+    const qnm_config_key_t* const key = _qnm_find_config_key(words[0].c_str());
     if (key == nullptr) return tell_unknown(words[0], line, found);
     const std::string value(piece.substr(std::min(equals + 1, piece.size())));
     read_key(seen, *key, value, line, found);
@@ -244,27 +216,23 @@ void read_line(known_values& seen, std::string_view text, int line, line_finding
                 .remedy = "Break the line; a comment needs a # in front of each part."});
 }
 
-// Both may have their defaults.
 void check_tags(known_values& seen, line_findings& found) {
-    const auto number = [&](const char* name) {
-        const known_value& known = seen[name];
-        return known.good ? known.number : *library_number(find_config_key(name)->initial);
-    };
-    if (number("tag_min") <= number("tag_max")) return;
+    const qnm_conf_t& config = seen.config;
+    if (config.tag_min <= config.tag_max) return;
     add(found, {.rank = severity::error,
-                .line = std::max(seen["tag_min"].line, seen["tag_max"].line),
-                .text = "tag_min " + std::to_string(number("tag_min")) + " is above tag_max " +
-                        std::to_string(number("tag_max")),
+                .line = std::max(seen.keys["tag_min"].line, seen.keys["tag_max"].line),
+                .text = "tag_min " + std::to_string(config.tag_min) + " is above tag_max " +
+                        std::to_string(config.tag_max),
                 .remedy = "Set tag_min to at most tag_max."});
 }
 
 void check_ether_type(known_values& seen, line_findings& found) {
     constexpr std::uint32_t least = 0x0600;
-    const known_value& known = seen["ether_type"];
-    if (!known.good || known.number >= least) return;
+    const std::uint32_t type = seen.config.ether_type;
+    if (type >= least) return;
     add(found, {.rank = severity::warning,
-                .line = known.line,
-                .text = "ether_type " + hex_text(known.number, 4) +
+                .line = seen.keys["ether_type"].line,
+                .text = "ether_type " + hex_text(type, 4) +
                         " is the length of a frame, and no Ethernet type",
                 .remedy = "Set it to the cards' own, or leave it out for the default."});
 }

@@ -659,10 +659,9 @@ constexpr titled_reason titles[] = {
 }  // namespace
 
 frame_rules configured_rules(const std::string& config) {
-    const frame_rules usual;
-    return {static_cast<std::uint16_t>(configured_number(config, "ether_type", usual.ether_type)),
-            static_cast<std::uint8_t>(configured_number(config, "tag_min", usual.tag_min)),
-            static_cast<std::uint8_t>(configured_number(config, "tag_max", usual.tag_max))};
+    return {static_cast<std::uint16_t>(configured_number(config, "ether_type")),
+            static_cast<std::uint8_t>(configured_number(config, "tag_min")),
+            static_cast<std::uint8_t>(configured_number(config, "tag_max"))};
 }
 
 std::span<const message_kind> message_kinds() {

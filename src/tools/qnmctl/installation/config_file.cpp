@@ -1,15 +1,14 @@
 // Finds keys in the text of qnm.conf.
 #include "installation/config_file.h"
 
-#include <cerrno>
 #include <cstdint>
-#include <cstdlib>
 #include <sstream>
 #include <utility>
 #include <variant>
 
 #include "common/regular_file.h"
 #include "output/text.h"
+#include "qnm_config_keys.h"
 
 namespace qnmctl {
 
@@ -41,29 +40,22 @@ std::optional<config_line> find_key(const std::string& config, std::string_view 
     return std::nullopt;
 }
 
-std::optional<std::uint32_t> library_number(const std::string& word) {
-    char* end = nullptr;
-    errno = 0;
-    const unsigned long value = std::strtoul(word.c_str(), &end, 0);
-    const bool whole = errno == 0 && end != word.c_str() && *end == '\0';
-    if (!whole || value > UINT32_MAX) return std::nullopt;
-    return static_cast<std::uint32_t>(value);
-}
-
-std::uint32_t configured_number(const std::string& config, std::string_view key,
-                                std::uint32_t otherwise) {
-    const auto line = find_key(config, key);
-    if (!line) return otherwise;
-    const std::vector<std::string> words = split(line->value, blanks);
-    const auto value = words.empty() ? std::nullopt : library_number(words.front());
-    return value.value_or(otherwise);
+std::uint32_t configured_number(const std::string& config, const char* key) {
+    const qnm_config_key_t& row = *_qnm_find_config_key(key);
+    std::uint32_t number = 0;
+    _qnm_config_number(row.initial, &number);
+    if (const auto line = find_key(config, key)) {
+        const std::vector<std::string> words = split(line->value, blanks);
+        if (!words.empty()) _qnm_config_number(words.front().c_str(), &number);
+    }
+    return number;
 }
 
 std::vector<std::string> configured_ports(const std::string& config) {
     constexpr std::size_t port_limit = 2;
     const auto line = find_key(config, "ether_port");
-    if (!line) return {"eth0", "eth1"};
-    std::vector<std::string> names = split(line->value, ", \t\r\n");
+    const std::string value = line ? line->value : _qnm_find_config_key("ether_port")->initial;
+    std::vector<std::string> names = split(value, ", \t\r\n");
     if (names.size() > port_limit) names.resize(port_limit);
     return names;
 }

@@ -20,13 +20,8 @@ struct config_line {
 // The line of qnm.conf in which a key stands first, which is the one that counts.
 std::optional<config_line> find_key(const std::string& config, std::string_view key);
 
-// A word of qnm.conf as the library takes it: 0x1F is hexadecimal, 017 octal. Nothing where it is
-// no number of 32 bits.
-std::optional<std::uint32_t> library_number(const std::string& word);
-
-// The number that a key has in qnm.conf; `otherwise` where it has none.
-std::uint32_t configured_number(const std::string& config, std::string_view key,
-                                std::uint32_t otherwise);
+// The number that a key of the library has in qnm.conf, or its default where it has none.
+std::uint32_t configured_number(const std::string& config, const char* key);
 
 // The interfaces that qnm.conf names, or the library's defaults.
 std::vector<std::string> configured_ports(const std::string& config);

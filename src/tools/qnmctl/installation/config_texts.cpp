@@ -31,13 +31,13 @@ constexpr char sample_note[] =
 
 constexpr std::size_t line_width = 100;
 
-std::string meaning_of(const config_key& key) {
+std::string meaning_of(const qnm_config_key_t& key) {
     std::string text = std::string(key.brief) + '.';
     if (key.more[0] != '\0') text += std::string(" ") + key.more;
     return text;
 }
 
-std::string value_of(const config_key& key) {
+std::string value_of(const qnm_config_key_t& key) {
     return "Value: " + value_text(key) + '.';
 }
 
@@ -73,7 +73,7 @@ std::string ruler(const std::string& title) {
 std::string sample_of(const config_group_row& group) {
     std::string text = "\n\n" + ruler(group.title);
     if (group.text[0] != '\0') text += commented(group.text);
-    for (const config_key& key : config_keys()) {
+    for (const qnm_config_key_t& key : _qnm_config_keys()) {
         if (key.group != group.group) continue;
         text += '\n' + commented(meaning_of(key)) + commented(value_of(key));
         text += std::string("#") + key.name + " = " + key.initial + '\n';
@@ -92,13 +92,13 @@ std::string with_keys(const std::string& plain) {
     for (std::size_t at = 0; at < text.size();) {
         const std::size_t end = std::min(text.find_first_not_of(name_letters, at), text.size());
         const std::string word = text.substr(at, std::max<std::size_t>(end - at, 1));
-        made += find_config_key(word) != nullptr ? "\\fB" + word + "\\fP" : word;
+        made += _qnm_find_config_key(word.c_str()) != nullptr ? "\\fB" + word + "\\fP" : word;
         at += word.size();
     }
     return made;
 }
 
-std::string page_of(const config_key& key) {
+std::string page_of(const qnm_config_key_t& key) {
     return ".TP\n.BR " + argument(key.name) + " \" = \" " + argument(key.initial) + '\n' +
            with_keys(meaning_of(key)) + "\n.br\n" + escaped(value_of(key)) + '\n';
 }
@@ -106,7 +106,7 @@ std::string page_of(const config_key& key) {
 std::string page_of(const config_group_row& group) {
     std::string text = ".SS " + argument(group.title) + '\n';
     if (group.text[0] != '\0') text += with_keys(group.text) + '\n';
-    for (const config_key& key : config_keys()) {
+    for (const qnm_config_key_t& key : _qnm_config_keys()) {
         if (key.group == group.group) text += page_of(key);
     }
     return text;
@@ -154,7 +154,7 @@ std::string config_page() {
 
 std::string config_table() {
     std::string text = "| Key | Default | Value | Meaning |\n|---|---|---|---|\n";
-    for (const config_key& key : config_keys()) {
+    for (const qnm_config_key_t& key : _qnm_config_keys()) {
         text += std::string("| `") + key.name + "` | `" + key.initial + "` | " + value_text(key) +
                 " | " + key.brief + " |\n";
     }

@@ -31,8 +31,6 @@ namespace {
 
 using clock = std::chrono::steady_clock;
 
-constexpr std::uint32_t default_expire_ms = 5000;  // the library's
-
 // The card may fit as it is now or as it was told before, so that it is told how one leaves a
 // group.
 bool is_wanted(const event_filter& filter, const char* event, std::uint64_t id,
@@ -166,8 +164,8 @@ void tell_monitor(context& with, std::uint64_t id, bool restarted) {
 
 void start(context& with) {
     with.manager = start_manager(with.where, with.copy, with.log_level);
-    with.known.facts.expire_ms = configured_number(read_config(with.running().config()),
-                                                   "devinfo_expire_time", default_expire_ms);
+    with.known.facts.expire_ms =
+        configured_number(read_config(with.running().config()), "devinfo_expire_time");
 }
 
 void listen_and_tell(context& with, double seconds, std::uint64_t count) {

@@ -1,9 +1,8 @@
 // qnm_config.cpp - reads qnm.conf into qnm_config and prints it.
 //
-// One table has a row per key, in the order of the record: how the value is read and printed, where
-// it is stored, its default and its range. The file is lines of the form key = value; the first
-// occurrence of a key wins, and an unknown key or a bad value ends the reading, so that no mistake
-// passes unnoticed.
+// What keys there are and what their values can be is in qnm_config_keys. The file is lines of the
+// form key = value; the first occurrence of a key wins, and an unknown key or a bad value ends the
+// reading, so that no mistake passes unnoticed.
 
 #include "qnm_config.h"
 
@@ -13,11 +12,10 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <iterator>
 #include <memory>
 
+#include "qnm_config_keys.h"
 #include "qnm_util.h"
 
 qnm_conf_t qnm_config;
@@ -25,214 +23,69 @@ qnm_conf_flag_t qnm_flag;
 
 namespace {
 
+using qnm::config_base;
+using qnm::config_form;
+using qnm::config_verdict;
+
 constexpr size_t k_line_size = 128;
 constexpr char k_blanks[] = " \t\r\n";
-constexpr char k_list_blanks[] = " ,\t";
-constexpr char k_line_end[] = "\r\n";
-constexpr size_t k_max_index_length = 10;
-constexpr size_t k_mac_length = 17;
-constexpr uint32_t k_any = 0xFFFFFFFF;
 
-enum class outcome { ok, parse_error, range_error };
-enum class sign { refused, unchecked };
-
-struct key_row;
-using parse_func = outcome (*)(const key_row& row, char* value);
 using line_func = void (*)(const char* fmt, ...);
-using print_func = void (*)(const key_row& row, line_func line);
 
-outcome parse_number(const key_row& row, char* value);
-void print_decimal(const key_row& row, line_func line);
+// ---- Printing -----------------------------------------------------------------------------------
 
-struct key_row {
-    const char* key;
-    int qnm_conf_flag_t::*flag;
-    uint32_t qnm_conf_t::*field;  // of a plain number; the other keys store by themselves
-    uint32_t initial;
-    uint32_t min;
-    uint32_t max;
-    print_func print = print_decimal;
-    sign minus = sign::refused;
-    parse_func parse = parse_number;
-};
-
-// A whole 32-bit number: decimal, 0x hexadecimal or leading-0 octal.
-bool to_number(const char* token, uint32_t* number) {
-    char* end = nullptr;
-    errno = 0;
-    const unsigned long value = strtoul(token, &end, 0);
-    if (errno != 0 || end == token || *end != '\0' || value > k_any) return false;
-    *number = static_cast<uint32_t>(value);
-    return true;
-}
-
-outcome parse_number(const key_row& row, char* value) {
-    char* rest = nullptr;
-    const char* token = strtok_r(value, k_blanks, &rest);
-    uint32_t number = 0;
-    if (token == nullptr) return outcome::parse_error;
-    if (row.minus == sign::refused && token[0] == '-') return outcome::parse_error;
-    if (!to_number(token, &number)) return outcome::parse_error;
-    if (number < row.min || number > row.max) return outcome::range_error;
-    qnm_config.*row.field = number;
-    return outcome::ok;
-}
-
-// One or two interface names.
-outcome parse_ether_port(const key_row&, char* value) {
-    memset(qnm_config.ether_port_name, 0, sizeof qnm_config.ether_port_name);
-    value[strcspn(value, k_line_end)] = '\0';
-    uint32_t count = 0;
-    char* rest = nullptr;
-    for (const char* token = strtok_r(value, k_list_blanks, &rest);
-         token != nullptr && count < std::size(qnm_config.ether_port_name);
-         token = strtok_r(nullptr, k_list_blanks, &rest)) {
-        const size_t length = strlen(token);
-        if (length >= sizeof qnm_config.ether_port_name[0]) return outcome::parse_error;
-        memcpy(qnm_config.ether_port_name[count++], token, length + 1);
+void print_number(const qnm_config_key_t& key, line_func line) {
+    const uint32_t value = qnm_config.*key.field;
+    switch (key.base) {
+        case config_base::decimal:
+            return line("    %-30s: %u", key.name, value);
+        case config_base::hex4:
+            return line("    %-30s: %#.4x", key.name, value);
+        case config_base::hex8:
+            return line("    %-30s: %#.8x", key.name, value);
     }
-    if (count == 0) return outcome::parse_error;
-    qnm_config.use_port_num_linux = count;
-    return outcome::ok;
 }
 
-// One or two interface indexes. A token that is no number ends the list.
-outcome parse_ether_port_ifindex(const key_row&, char* value) {
-    memset(qnm_config.ether_port_ifindex, 0, sizeof qnm_config.ether_port_ifindex);
-    qnm_config.use_port_num_win = 0;
-    value[strcspn(value, k_line_end)] = '\0';
-    uint32_t count = 0;
-    char* rest = nullptr;
-    for (const char* token = strtok_r(value, k_list_blanks, &rest);
-         token != nullptr && count < std::size(qnm_config.ether_port_ifindex);
-         token = strtok_r(nullptr, k_list_blanks, &rest)) {
-        if (token[0] == '-' || strlen(token) > k_max_index_length) return outcome::parse_error;
-        char* end = nullptr;
-        strtoul(token, &end, 0);
-        if (end == token || *end != '\0') break;
-        if (!to_number(token, &qnm_config.ether_port_ifindex[count])) {
-            return outcome::parse_error;
-        }
-        count++;
-    }
-    if (count == 0) return outcome::parse_error;
-    qnm_config.use_port_num_win = count;
-    return outcome::ok;
-}
-
-// Six pairs of hexadecimal digits with colons. A sign in a pair makes it overflow its byte.
-outcome parse_broadcast_mac(const key_row&, char* value) {
-    char* rest = nullptr;
-    const char* token = strtok_r(value, k_blanks, &rest);
-    if (token == nullptr || strlen(token) != k_mac_length) return outcome::parse_error;
-    unsigned pair[6];
-    if (sscanf(token, "%02x:%02x:%02x:%02x:%02x:%02x", &pair[0], &pair[1], &pair[2], &pair[3],
-               &pair[4], &pair[5]) != 6) {
-        return outcome::parse_error;
-    }
-    uint64_t mac = 0;
-    for (const unsigned byte : pair) {
-        if (byte > 0xFF) return outcome::range_error;
-        mac = mac << 8 | byte;
-    }
-    qnm_config.broadcast_mac = mac;
-    return outcome::ok;
-}
-
-// Its one error is the parse error, also for a number above 65535.
-outcome parse_ether_type(const key_row&, char* value) {
-    char* rest = nullptr;
-    const char* token = strtok_r(value, k_blanks, &rest);
-    uint32_t number = 0;
-    if (token == nullptr || !to_number(token, &number) || number > UINT16_MAX) {
-        return outcome::parse_error;
-    }
-    qnm_config.ether_type = static_cast<uint16_t>(number);
-    return outcome::ok;
-}
-
-void print_decimal(const key_row& row, line_func line) {
-    line("    %-30s: %u", row.key, qnm_config.*row.field);
-}
-
-void print_hex4(const key_row& row, line_func line) {
-    line("    %-30s: %#.4x", row.key, qnm_config.*row.field);
-}
-
-void print_hex8(const key_row& row, line_func line) {
-    line("    %-30s: %#.8x", row.key, qnm_config.*row.field);
-}
-
-void print_ether_port(const key_row&, line_func line) {
+void print_interfaces(line_func line) {
     line("    %-30s: %s", "ether_port0_name", qnm_config.ether_port_name[0]);
     line("    %-30s: %s", "ether_port1_name", qnm_config.ether_port_name[1]);
 }
 
-void print_broadcast_mac(const key_row& row, line_func line) {
-    line("    %-30s: %.12lx", row.key, qnm_config.broadcast_mac);
-}
-
 // The two port counts stand behind the indexes in the record and have no key of their own.
-void print_ether_port_ifindex(const key_row&, line_func line) {
+void print_indexes(line_func line) {
     line("    %-30s: %u", "ether_port0_ifindex", qnm_config.ether_port_ifindex[0]);
     line("    %-30s: %u", "ether_port1_ifindex", qnm_config.ether_port_ifindex[1]);
     line("    %-30s: %u", "use_port_num_win", qnm_config.use_port_num_win);
     line("    %-30s: %u", "use_port_num_linux", qnm_config.use_port_num_linux);
 }
 
-void print_ether_type(const key_row& row, line_func line) {
-    line("    %-30s: %#.4x", row.key, qnm_config.ether_type);
+void print_value(const qnm_config_key_t& key, line_func line) {
+    switch (key.form) {
+        case config_form::number:
+            return print_number(key, line);
+        case config_form::ether_type:
+            return line("    %-30s: %#.4x", key.name, qnm_config.ether_type);
+        case config_form::interfaces:
+            return print_interfaces(line);
+        case config_form::indexes:
+            return print_indexes(line);
+        case config_form::mac:
+            return line("    %-30s: %.12lx", key.name, qnm_config.broadcast_mac);
+    }
 }
 
-#define FIELD(name) &qnm_conf_flag_t::ecf_##name, &qnm_conf_t::name
-#define FLAG(name) &qnm_conf_flag_t::ecf_##name, nullptr, 0, 0, 0
+void print_all(line_func line) {
+    for (const qnm_config_key_t& key : _qnm_config_keys())
+        print_value(key, line);
+}
 
-constexpr key_row k_keys[] = {
-    {"ether_port", FLAG(ether_port_name), print_ether_port, sign::refused, parse_ether_port},
-    {"broadcast_mac", FLAG(broadcast_mac), print_broadcast_mac, sign::refused, parse_broadcast_mac},
-    {"ether_port_ifindex", FLAG(ether_port_ifindex), print_ether_port_ifindex, sign::refused,
-     parse_ether_port_ifindex},
-    {"devinfo_check_interval", FIELD(devinfo_check_interval), 1000, 1000, 100000},
-    {"devinfo_expire_time", FIELD(devinfo_expire_time), 5000, 1000, 100000},
-    {"devinfo_flag_check_interval", FIELD(devinfo_flag_check_interval), 100, 1, 100000},
-    {"vlan_check_interval", FIELD(vlan_check_interval), 10, 1, 1000},
-    {"frame_retry_interval", FIELD(frame_retry_interval), 100, 1, 1000},
-    {"frame_retry_count", FIELD(frame_retry_count), 10, 0, 100},
-    {"frame_retry_interval_livecheck", FIELD(frame_retry_interval_lc), 100, 1, 1000},
-    {"frame_retry_count_livecheck", FIELD(frame_retry_count_lc), 10, 0, 100},
-    {"eeprom_id_number", FIELD(eeprom_id_number), 256, 1, 32768, print_hex4, sign::unchecked},
-    {"eeprom_retry_interval", FIELD(eeprom_retry_interval), 50, 1, 1000},
-    {"eeprom_retry_count", FIELD(eeprom_retry_count), 100, 0, 1000},
-    {"eeprom_check_interval", FIELD(eeprom_check_interval), 1, 0, 1000},
-    {"eeprom_check_retry_count", FIELD(eeprom_check_retry_count), 50, 0, 1000},
-    {"eeprom_verify_count", FIELD(eeprom_verify_count), 20, 0, 60},
-    {"eeprom_verify_interval", FIELD(eeprom_verify_interval), 1, 1, k_any},
-    {"eeprom_lock_other_bit", FIELD(eeprom_lock_other_bit), 8, 0, k_any, print_hex8,
-     sign::unchecked},
-    {"eeprom_rw_interval", FIELD(eeprom_rw_interval), 100, 0, 1000},
-    {"tag_min", FIELD(tag_min), 0, 0, 255},
-    {"tag_max", FIELD(tag_max), 255, 0, 255},
-    {"id_list_upper_limit", FIELD(id_list_upper_limit), k_any, 0, k_any, print_hex8,
-     sign::unchecked},
-    {"log_level", FIELD(log_level), 3, 0, 5},
-    {"network_composition", FIELD(network_composition), 2, 1, 2},
-    {"eeprom_type", FIELD(eeprom_type), 0, 0, 1},
-    {"stats_interval", FIELD(stats_interval), 3600, 1, 2592000},
-    {"stats_verbose_level", FIELD(stats_verbose_level), 0, 0, k_any},
-    {"force_lock_try_count", FIELD(force_lock_try_count), 10, 0, 1000},
-    {"register_verify_interval", FIELD(register_verify_interval), 0, 0, 1000},
-    {"update_evt_mask", FIELD(update_evt_mask), 2, 1, 2},
-    {"ether_type", FLAG(ether_type), print_ether_type, sign::unchecked, parse_ether_type},
-};
+// ---- Reading ------------------------------------------------------------------------------------
 
-#undef FIELD
-#undef FLAG
-
-const key_row* find_key(const char* key) {
-    for (const key_row& row : k_keys) {
-        if (strcmp(row.key, key) == 0) return &row;
-    }
-    return nullptr;
+// An Ethernet type that is too large is told as one that is not understood.
+const char* text_of(config_verdict verdict, config_form form) {
+    const bool is_range =
+        verdict == config_verdict::out_of_range && form != config_form::ether_type;
+    return is_range ? "out of range error" : "config parameter parse error";
 }
 
 // One piece of the file of at most 127 characters. Log lines carry the reader's name.
@@ -247,23 +100,19 @@ int read_line(const char* func, char* line) {
     char* rest = nullptr;
     const char* key = strtok_r(line, k_blanks, &rest);
     if (key == nullptr) return 0;
-    const key_row* row = find_key(key);
+    const qnm_config_key_t* const row = _qnm_find_config_key(key);
     if (row == nullptr) {
         qnm_log_error("%s: Unknown config parameter: %s", func, key);
         return EPROTO;
     }
     if (qnm_flag.*row->flag == 1) return 0;
-    switch (row->parse(*row, value)) {
-        case outcome::ok:
-            qnm_flag.*row->flag = 1;
-            return 0;
-        case outcome::range_error:
-            qnm_log_error("%s: out of range error: %s", func, key);
-            return EPROTO;
-        default:
-            qnm_log_error("%s: config parameter parse error: %s", func, key);
-            return EPROTO;
+    const config_verdict verdict = _qnm_set_config_value(row, value, &qnm_config);
+    if (verdict != config_verdict::ok) {
+        qnm_log_error("%s: %s: %s", func, text_of(verdict, row->form), key);
+        return EPROTO;
     }
+    qnm_flag.*row->flag = 1;
+    return 0;
 }
 
 int read_lines(const char* func, const char* path, FILE* file) {
@@ -305,27 +154,12 @@ stream open_file(const char* path) {
     return {file, fclose};
 }
 
-void print_all(line_func line) {
-    for (const key_row& row : k_keys)
-        row.print(row, line);
-}
-
 }  // namespace
 
 extern "C" {
 
 int _qnm_config_init(void) {
-    qnm_config = {};
-    strcpy(qnm_config.ether_port_name[0], "eth0");
-    strcpy(qnm_config.ether_port_name[1], "eth1");
-    qnm_config.broadcast_mac = 0x0300FFFFFFFF;
-    qnm_config.ether_port_ifindex[1] = 1;
-    qnm_config.use_port_num_win = 2;
-    qnm_config.use_port_num_linux = 2;
-    qnm_config.ether_type = 0x88B6;
-    for (const key_row& row : k_keys) {
-        if (row.field != nullptr) qnm_config.*row.field = row.initial;
-    }
+    _qnm_set_config_defaults(&qnm_config);
     return 0;
 }
 

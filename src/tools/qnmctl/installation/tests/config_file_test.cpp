@@ -22,12 +22,15 @@ TEST(FindKey, FindsAnIndentedHashAndAKeyWithoutAValue) {
 }
 
 TEST(ConfiguredNumber, IsReadAsByTheLibrary) {
-    EXPECT_EQ(10000U, configured_number("key = 10000 ms\n", "key", 1));
-    EXPECT_EQ(4096U, configured_number("key = 010000\n", "key", 1));
-    EXPECT_EQ(4096U, configured_number("key=0x1000\r\n", "key", 1));
-    for (const char* const none : {"", "key\n", "key = \n", "key = 0b1\n", "key = 08\n",
-                                   "key = 4294967296\n", "key = 99999999999999999999\n"})
-        EXPECT_EQ(1U, configured_number(none, "key", 1)) << none;
+    const auto number = [](const std::string& value) {
+        return configured_number("stats_interval" + value, "stats_interval");
+    };
+    EXPECT_EQ(10000U, number(" = 10000 ms\n"));
+    EXPECT_EQ(4096U, number(" = 010000\n"));
+    EXPECT_EQ(4096U, number("=0x1000\r\n"));
+    for (const char* const none : {"s = 1\n", "\n", " = \n", " = 0b1\n", " = 08\n",
+                                   " = 4294967296\n", " = 99999999999999999999\n"})
+        EXPECT_EQ(3600U, number(none)) << none;
 }
 
 TEST(ConfiguredPorts, AreTheOnesNamedOrTheDefaults) {

@@ -1,0 +1,68 @@
+// qnm_config_keys.h - the keys of qnm.conf, each in one row: its name, what it is for, its default,
+// its range and where its value goes.
+//
+// This unit uses nothing else of the library and keeps nothing, so that qnmctl is built with it as
+// well: the sample file, the manual page and the check of a user's file are made from its rows.
+#pragma once
+
+#include <cstdint>
+#include <span>
+
+#include "qnm_config.h"
+
+namespace qnm {
+
+// What a value looks like. A number stands in the member that the row names; each of the other
+// forms belongs to one key.
+enum class config_form { number, ether_type, interfaces, indexes, mac };
+
+// Sections of the file, in their order.
+enum class config_group { ports, monitoring, log, access, eeprom };
+
+enum class config_base { decimal, hex4, hex8 };
+
+// Whether a number may begin with a minus. Where it is not looked for, the C library takes -1 for
+// the largest 64-bit number, and small ones for what 2^64 lacks to them.
+enum class config_minus { refused, unchecked };
+
+// Why a value cannot be taken.
+enum class config_verdict { ok, not_understood, out_of_range };
+
+}  // namespace qnm
+
+typedef struct qnm_config_key {
+    const char* name;
+    int qnm_conf_flag_t::*flag;
+    uint32_t qnm_conf_t::*field;  // of a number
+    qnm::config_group group;
+    qnm::config_form form;
+    const char* initial;  // the default, as the file would have it
+    uint32_t least;       // of a number and of the Ethernet type
+    uint32_t most;
+    const char* unit;       // "ms", "s", or ""
+    const char* brief;      // what it is for, without a full stop
+    const char* more = "";  // further sentences
+    qnm::config_minus minus = qnm::config_minus::refused;
+    qnm::config_base base = qnm::config_base::decimal;  // in which the log shows it
+} qnm_config_key_t;
+
+extern "C" {
+
+// All rows, in the order in which values are printed.
+std::span<const qnm_config_key_t> _qnm_config_keys(void);
+
+// nullptr when there is no such key.
+const qnm_config_key_t* _qnm_find_config_key(const char* name);
+
+// A whole 32-bit number: decimal, 0x hexadecimal or leading-0 octal. Nothing is stored when it is
+// none.
+bool _qnm_config_number(const char* word, uint32_t* number);
+
+// Reads what stands behind the "=" of a line and stores it. The text is cut into words.
+qnm::config_verdict _qnm_set_config_value(const qnm_config_key_t* key, char* value,
+                                          qnm_conf_t* config);
+
+// Stores the default of every key, and zero everywhere else.
+void _qnm_set_config_defaults(qnm_conf_t* config);
+
+}  // extern "C"
