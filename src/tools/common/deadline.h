@@ -1,4 +1,4 @@
-// When something that lasts for seconds ends, and how poll() waits for that.
+// Deadlines in seconds, and the timeout that poll() needs to wait for one.
 #pragma once
 
 #include <algorithm>
@@ -7,7 +7,7 @@
 
 namespace tools {
 
-// A steady time; without limit where there are no seconds.
+// On the steady clock. Without seconds there is no deadline.
 inline std::chrono::steady_clock::time_point deadline_after(double seconds) {
     using clock = std::chrono::steady_clock;
     if (seconds == 0) return clock::time_point::max();
@@ -15,7 +15,7 @@ inline std::chrono::steady_clock::time_point deadline_after(double seconds) {
            std::chrono::duration_cast<clock::duration>(std::chrono::duration<double>(seconds));
 }
 
-// As poll() takes it; what waits longer than a minute looks again after one.
+// The timeout for poll(): at most a minute, so whoever waits longer calls it again.
 inline int milliseconds_until(std::chrono::steady_clock::time_point deadline) {
     using clock = std::chrono::steady_clock;
     if (deadline == clock::time_point::max()) return -1;

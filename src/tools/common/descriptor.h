@@ -1,4 +1,4 @@
-// An open descriptor that is closed with its record.
+// A file descriptor that closes itself at the end of its scope.
 #pragma once
 
 #include <unistd.h>
@@ -19,7 +19,7 @@ struct descriptor {
         return *this;
     }
 
-    int fd = -1;  // below 0: there is none
+    int fd = -1;  // negative: none is open
 };
 
 }  // namespace tools

@@ -1,4 +1,4 @@
-// poll(), then a write that takes what there is room for.
+// Waits with poll(), then writes as much as fits.
 #include "common/descriptor_writer.h"
 
 #include <fcntl.h>
@@ -21,7 +21,7 @@ namespace {
 constexpr std::size_t longest_part = std::size_t{64} * 1024;
 constexpr int pause_milliseconds = 10;
 
-// The same file, opened once more; -1 where that is not allowed.
+// Opens the same file a second time; -1 where that is not allowed.
 int open_again(int fd) {
     const std::string name = "/proc/self/fd/" + std::to_string(fd);
     return open(name.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
@@ -52,8 +52,8 @@ long descriptor_writer::write_some(std::string_view bytes) const {
 void descriptor_writer::take_error(int code) {
     if (code == EINTR) return;
     if (code == EAGAIN) {
-        // Ready for less than the least that it takes, as a terminal is with room for half a line
-        // end; so it would be ready at once again.
+        // poll() says ready and write() says full: a terminal with room for half a line end, for
+        // example. Without a pause this would spin.
         poll(nullptr, 0, pause_milliseconds);
         if (is_end_signalled(signals_)) end_ = output_end::signalled;
         return;

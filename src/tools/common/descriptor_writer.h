@@ -1,8 +1,8 @@
-// Bytes to a descriptor, of which a signal can end every wait.
+// Writes bytes to a descriptor; a signal ends every wait.
 //
-// A pipe or a terminal that nobody reads takes no more at some time, and a write to it would then
-// block, with the signals blocked. So these get a descriptor of their own that does not block: the
-// given one may be shared with other programs, which would not expect that of it.
+// A pipe or a terminal that nobody reads fills up, and a write to it would then block, with the
+// signals blocked. So these get a non-blocking descriptor of their own. The given one is left as it
+// is, because it may be shared with programs that do not expect it to change.
 #pragma once
 
 #include <string>
@@ -12,19 +12,19 @@ namespace tools {
 
 enum class output_end { none, reader_gone, signalled, failed };
 
-// Used by one thread at a time. What follows an end is dropped.
+// For one thread at a time. Once writing has ended, further bytes are dropped.
 class descriptor_writer {
   public:
-    // `signals` is that of end_signals.h.
+    // `signals` is the descriptor of end_signals.h.
     descriptor_writer(int fd, int signals);
     ~descriptor_writer();
     descriptor_writer(const descriptor_writer&) = delete;
     descriptor_writer& operator=(const descriptor_writer&) = delete;
 
-    // How many bytes have been handed over: all of them, unless it has ended.
+    // Returns how many bytes were written: all of them, unless writing has ended.
     std::size_t write(std::string_view bytes);
 
-    // Tells it that the reader has gone, which a wait elsewhere has found.
+    // To be called when a wait elsewhere has found that the reader has gone.
     void end(output_end why) { end_ = why; }
 
     output_end ended() const { return end_; }
@@ -36,15 +36,15 @@ class descriptor_writer {
 
     int fd_;
     int signals_;
-    int own_ = -1;  // does not block
+    int own_ = -1;  // non-blocking
     bool socket_ = false;
     bool regular_ = false;
     output_end end_ = output_end::none;
     int code_ = 0;
 };
 
-// Why `name` has not got everything: "cannot write to NAME: no space left on device". Empty where
-// it has.
+// Why not everything was written to `name`: "cannot write to NAME: no space left on device". Empty
+// when everything was.
 std::string output_problem(const descriptor_writer& to, std::string_view name);
 
 }  // namespace tools

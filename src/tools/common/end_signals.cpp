@@ -1,4 +1,4 @@
-// Signals by signalfd(), waits by poll().
+// Reads signals from a signalfd and waits with poll().
 #include "common/end_signals.h"
 
 #include <poll.h>
@@ -23,8 +23,8 @@ int open_end_signals() {
     for (const int signal : {SIGINT, SIGTERM, SIGHUP})
         sigaddset(&ends, signal);
     pthread_sigmask(SIG_BLOCK, &ends, nullptr);
-    std::signal(SIGPIPE, SIG_IGN);  // a reader that has gone shows as EPIPE
-    std::signal(SIGXFSZ, SIG_IGN);  // a file that may grow no further as EFBIG
+    std::signal(SIGPIPE, SIG_IGN);  // a write then fails with EPIPE
+    std::signal(SIGXFSZ, SIG_IGN);  // a write then fails with EFBIG
     opened = signalfd(-1, &ends, SFD_CLOEXEC | SFD_NONBLOCK);
     return opened;
 }
@@ -44,7 +44,7 @@ int take_end_signal(int signals) {
     return length == sizeof taken ? static_cast<int>(taken.ssi_signo) : 0;
 }
 
-// To the process, where it is blocked: so it waits to be read again.
+// Sent to the process, where it is blocked, so it stays pending until it is read again.
 void return_end_signal(int number) {
     if (number != 0) kill(getpid(), number);
 }
@@ -52,7 +52,7 @@ void return_end_signal(int number) {
 bool wait_until_ready(int fd, short events, int signals) {
     pollfd waited[] = {{fd, events, 0}, {signals, POLLIN, 0}};
     while (poll(waited, 2, -1) < 0) {
-        // Without memory for it the call that follows waits by itself, or tells what is wrong.
+        // poll() itself has failed. The caller's next call blocks or tells what is wrong.
         if (errno != EINTR) return true;
     }
     return waited[0].revents != 0;

@@ -1,4 +1,5 @@
-// Lines out of input that comes in pieces, as the tools take commands from standard input.
+// Splits input that arrives in pieces into lines. The tools read commands from standard input with
+// it.
 #pragma once
 
 #include <cstddef>
@@ -6,19 +7,19 @@
 #include <string>
 #include <string_view>
 
-// What has come and is not taken yet.
+// Input that has arrived and was not taken yet.
 struct input_lines {
     std::string pending;
 
-    // The next piece, wherever it begins and ends.
+    // Adds the next piece, wherever it begins and ends.
     void add(std::string_view piece) { pending += piece; }
 
-    // Nothing more will come: a last line needs no end of its own.
+    // The end of the input: the last line may lack its newline.
     void end() {
         if (!pending.empty()) pending += '\n';
     }
 
-    // Takes the next whole line, without its end; nothing while there is none.
+    // Takes the next complete line, without its newline; nothing while there is none.
     std::optional<std::string> next() {
         const std::size_t length = pending.find('\n');
         if (length == std::string::npos) return std::nullopt;

@@ -1,12 +1,11 @@
-// The man(7) language, for the manual pages that programs make from their own tables.
+// Writes the man(7) language, for manual pages that programs make from their own tables.
 #pragma once
 
 #include <string>
 
 namespace man_language {
 
-// A hyphen that is typed is not one that text may be broken at, and a line must not begin as a
-// request does.
+// Plain text. Lines must not be broken at a hyphen that the user types, nor begin like a request.
 inline std::string escaped(const std::string& text) {
     std::string made;
     for (const char c : text) {
@@ -23,7 +22,7 @@ inline std::string escaped(const std::string& text) {
     return made;
 }
 
-// Of a request: blanks are kept together by the quotes.
+// An argument of a request, in quotes because of its blanks.
 inline std::string argument(const std::string& text) {
     std::string made;
     for (const char c : escaped(text))
@@ -35,7 +34,7 @@ inline std::string heading(const char* title) {
     return std::string(".SH ") + argument(title) + '\n';
 }
 
-// A term in bold, and what it means.
+// A term in bold and its meaning.
 inline std::string tagged(const std::string& term, const std::string& meaning) {
     return ".TP\n.B " + argument(term) + '\n' + escaped(meaning) + '\n';
 }

@@ -1,4 +1,4 @@
-// The distance by rows of the table of all prefixes, of which three are enough.
+// Computes the distance row by row; three rows of the table are enough.
 #include "common/nearest.h"
 
 #include <algorithm>
@@ -13,7 +13,7 @@ bool same(char a, char b) {
            std::tolower(static_cast<unsigned char>(b));
 }
 
-// A third of a word can be wrong; of a short one two characters.
+// A third of a word may be wrong, and two characters of a short one.
 std::size_t reach_of(std::string_view word) {
     constexpr std::size_t least = 2;
     return std::max(least, word.size() / 3);

@@ -1,4 +1,4 @@
-// The name that was probably meant by a misspelt one.
+// Finds the name that a misspelt one probably stands for.
 #pragma once
 
 #include <optional>
@@ -8,11 +8,11 @@
 
 namespace tools {
 
-// By how many characters left out, put in, exchanged or swapped with their neighbour two words
-// differ (Damerau and Levenshtein), upper and lower case being the same.
+// The Damerau-Levenshtein distance of two words, ignoring case: how many characters are missing,
+// added, replaced or swapped with their neighbour.
 std::size_t spelling_distance(std::string_view a, std::string_view b);
 
-// Nothing when no name is near enough to have been meant.
+// Nothing when no name is close enough.
 std::optional<std::string> nearest_name(std::string_view word,
                                         const std::vector<std::string>& names);
 

@@ -1,5 +1,5 @@
-// Looked at before it is opened, because opening alone does something to some devices, and once
-// more behind that, because it may have been replaced meanwhile.
+// A file is checked before it is opened, because opening some devices already has an effect, and
+// again afterwards, because it may have been replaced in between.
 #include "common/regular_file.h"
 
 #include <fcntl.h>
@@ -23,7 +23,7 @@ void fail(opened_file& into, int code) {
     into.problem = std::strerror(code);
 }
 
-// Returns errno of what ended it early, 0 otherwise.
+// Returns 0, or the errno value that ended it early.
 int append_part(const opened_file& of, std::uint64_t start, std::size_t limit, std::string& to) {
     char chunk[16384];
     std::size_t taken = 0;
@@ -112,7 +112,7 @@ file_contents contents_of(const opened_file& file, std::size_t limit) {
     if (file.state != file_state::readable) return file_problem{false, file.problem};
     if (file.size() > limit) return too_long(std::to_string(file.size()), limit);
     std::string contents;
-    // It may have grown, and some tell no size.
+    // The file may have grown, and some files have no size.
     const std::size_t one_more = std::min(limit, SIZE_MAX - 1) + 1;
     const int code = append_part(file, 0, one_more, contents);
     if (code != 0) return file_problem{false, std::strerror(code)};

@@ -1,4 +1,4 @@
-// A writer for each text: they are few, and standard error may be another file by then.
+// Each text gets its own writer: there are few, and standard error may have been redirected since.
 #include "common/standard_files.h"
 
 #include <fcntl.h>

@@ -1,23 +1,22 @@
-// The three files that a program begins with.
+// Standard input, output and error.
 #pragma once
 
 #include <string_view>
 
 namespace tools {
 
-// The exit status of both programs when standard output could not be written and nothing else has
-// failed.
+// The exit status when only writing to standard output has failed.
 inline constexpr int exit_output = 4;
 
-// A descriptor that is opened later would otherwise take the place of one that is closed, and be
-// written to as that. Standard output stays one that cannot be written. False: there is no place.
+// Opens those that are closed, because a file that is opened later would otherwise take their
+// place and get what is written to them. A closed standard output remains one that cannot be
+// written. False: no descriptor is left.
 bool open_standard_files();
 
-// Texts to standard error, made visible; from any thread. What it does not take is lost: there is
-// nobody else to tell it to.
+// Writes a text to standard error, made visible; from any thread. What cannot be written is lost.
 void tell(std::string_view text);
 
-// The same behind a sequence of the program's own, for a terminal.
+// The same, after a control sequence for a terminal.
 void tell(std::string_view sequence, std::string_view text);
 
 // A whole text to standard output, for programs that write nothing else there. The exit status,

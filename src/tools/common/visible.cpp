@@ -1,4 +1,4 @@
-// Character by character, as UTF-8.
+// Goes through a text character by character, as UTF-8.
 #include "common/visible.h"
 
 #include <cstdint>
@@ -11,23 +11,23 @@ namespace {
 
 constexpr char escape = '\033';
 
-std::string secret;  // behind the escape of what is the program's own
+std::string secret;  // follows the escape in the program's own sequences
 
 unsigned byte_at(std::string_view text, std::size_t at) {
     return at < text.size() ? static_cast<unsigned char>(text[at]) : 0;
 }
 
 struct utf8_form {
-    unsigned mask;   // of the first byte: what tells the form
-    unsigned start;  // what it has to be
+    unsigned mask;   // bits of the first byte that tell the form
+    unsigned start;  // their value
     std::size_t length;
-    std::uint32_t least;  // a smaller character has a shorter form
+    std::uint32_t least;  // smaller characters have a shorter form
 };
 
 constexpr utf8_form forms[] = {
     {0x80, 0x00, 1, 0}, {0xE0, 0xC0, 2, 0x80}, {0xF0, 0xE0, 3, 0x800}, {0xF8, 0xF0, 4, 0x10000}};
 
-// The bytes of the character there; 0 when they are none.
+// How many bytes the character has; 0 when it is not valid.
 std::size_t character_length(std::string_view text, std::size_t at, std::uint32_t& code) {
     for (const utf8_form& form : forms) {
         if ((byte_at(text, at) & form.mask) != form.start) continue;
@@ -55,7 +55,7 @@ void add_visible(std::string& to, std::string_view bytes) {
     }
 }
 
-// The length of a marked sequence there; 0 when there is none.
+// The length of a marked sequence at this place; 0 when there is none.
 std::size_t own_length(std::string_view text, std::size_t at) {
     if (secret.empty() || text[at] != escape) return 0;
     if (text.substr(at + 1, secret.size()) != secret) return 0;

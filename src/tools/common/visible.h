@@ -1,11 +1,12 @@
-// Texts on their way to a terminal or into a line: what a terminal would obey is made visible.
+// Makes visible what a terminal would otherwise obey.
 //
-// Names, keys, values and log lines come from others. Every text passes here once, where it leaves
-// the program, so no place that makes texts has to think of it. Control characters, C0 with DEL and
-// C1, and bytes that are no UTF-8 become \x1b; the rest stays. To do it twice changes nothing.
+// Names, keys, values and log lines may come from anywhere. Every text passes through here once,
+// where it leaves the program, so code that makes texts need not care. Control characters (C0, DEL
+// and C1) and bytes that are not UTF-8 become \x1b and the like; the rest stays. Doing it twice
+// changes nothing.
 //
-// What the program itself tells a terminal is marked by a secret of this process, which nobody can
-// have put into a file.
+// Control sequences of the program's own are marked with a secret of this process, which nobody
+// can have put into a file.
 #pragma once
 
 #include <string>
@@ -13,17 +14,17 @@
 
 namespace tools {
 
-// Of lines: their ends and tabs stay.
+// For lines: newlines and tabs stay.
 std::string visible(std::string_view text);
 
-// Of one line, or of a word in it: ends and tabs become visible, too.
+// For a line or a word: newlines and tabs become visible as well.
 std::string visible_line(std::string_view text);
 
-// From now on own() marks. Before the first text, and before any thread.
+// From here on own() marks its sequences. To be called before the first text and any thread.
 void mark_own_sequences();
 
-// A sequence of the program's own, "\033[1m", as visible() lets it through. It is as given when no
-// marks are made, and then none gets through.
+// Marks a control sequence of the program's own, such as "\033[1m", so that visible() lets it
+// through. Without mark_own_sequences() it returns the sequence as it is, and visible() does not.
 std::string own(std::string_view sequence);
 
 }  // namespace tools

@@ -1,4 +1,4 @@
-// The list of the commands, each of which is defined where it is carried out.
+// The list of commands. Each is defined in the file that implements it.
 #include "commands.h"
 
 #include "access/commands.h"

@@ -5,7 +5,7 @@
 
 namespace qnmctl {
 
-// In the order in which help shows them. A new command is one line here.
+// In the order of the help. A new command is one more line.
 void define_all_commands(command_tree& tree);
 
 }  // namespace qnmctl

@@ -1,4 +1,5 @@
-// completion with what its scripts ask for, the manual page, and the lines help and quit.
+// Implements completion, with the hidden command that its scripts call, the manual page, and the
+// lines "help" and "quit".
 #include "help_commands.h"
 
 #include <algorithm>
@@ -18,7 +19,7 @@ namespace qnmctl {
 
 namespace {
 
-// An announcement of every card fits into it, and somebody waits at a prompt.
+// Long enough to hear an announcement of every card, short enough for somebody at a prompt.
 constexpr double seconds_at_a_prompt = 1.2;
 
 constexpr char quick_stop[] = "devinfo_flag_check_interval=10";
@@ -27,7 +28,7 @@ std::filesystem::path dir_of(const settings& given) {
     return given.dir.empty() ? default_dir : given.dir;
 }
 
-// As asked for by the line, but nothing of the logs is left.
+// With the global options of the line, but without logs that would stay.
 void install_to_look(settings given, installation& made) {
     given.log.clear();
     given.keep_logs = false;
@@ -87,7 +88,8 @@ struct complete_options {
     std::vector<std::string> words = {};
 };
 
-// Without a manager, for want of a privilege say, there are no cards to offer, and nobody to tell.
+// Without a manager, for lack of a privilege for example, there are no cards to offer. Nothing is
+// printed, because nobody would see it.
 int run_complete(context& with, const complete_options& options) {
     const auto cards = [&](const settings& given) -> std::vector<candidate> {
         try {

@@ -1,4 +1,4 @@
-// The commands that help to use the command: completion, manual page, and the help of lines.
+// Commands about qnmctl itself: completion, manual page, and the help for lines.
 #pragma once
 
 #include "cli/command.h"

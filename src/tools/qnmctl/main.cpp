@@ -1,8 +1,8 @@
-// qnmctl, the operator's command: watches and queries Quillnet adapter cards through the library's
-// public interface, as any host program does.
+// qnmctl, the operator's command: watches, queries and configures Quillnet adapter cards through
+// the library's public interface, as any host program does.
 //
-// Signals are blocked in every thread and read as input, so a command ends by returning, and what
-// it has made is removed.
+// Signals are blocked in every thread and read as input, so a command always ends by returning and
+// cleans up after itself.
 #include <unistd.h>
 
 #include <cerrno>
@@ -18,7 +18,7 @@
 
 namespace {
 
-// Before any thread is started, so that they all inherit it.
+// Called before any thread is started, so that all inherit the signal mask.
 int open_signals() {
     const int fd = tools::open_end_signals();
     if (fd < 0) throw qnmctl::error(std::string("cannot wait for signals: ") + strerror(errno));
@@ -39,8 +39,8 @@ int run(const qnmctl::command& wanted, qnmctl::writer& told, qnmctl::output& out
     return wanted.run(with);
 }
 
-// What could not be written is lost, and the status says so. A command that goes on until it is
-// ended may well be ended while it writes.
+// The exit status says that output was lost. But a command that runs until a signal ends it may
+// well be ended while it writes.
 int status_after(const qnmctl::output& out, const qnmctl::command& wanted, int status) {
     const std::string problem = out.problem();
     if (problem.empty()) return status;
@@ -50,7 +50,7 @@ int status_after(const qnmctl::output& out, const qnmctl::command& wanted, int s
     return wanted.endless ? qnmctl::exit_ok : qnmctl::exit_failed;
 }
 
-// The exit status. What is told of a failure is a record, too, so the document ends behind it.
+// Returns the exit status. A failure is a record as well, so the document ends after it.
 int run_and_tell(const qnmctl::command& wanted, int signals) {
     qnmctl::output out(STDOUT_FILENO, signals);
     qnmctl::writer told(out, wanted.form, wanted.name);

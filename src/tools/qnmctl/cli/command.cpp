@@ -10,7 +10,7 @@ namespace {
 
 constexpr char commands_heading[] = "Commands";
 
-// The App that a command belongs to: that of its group, or the uppermost.
+// The App to add a command to: its group's, or the root.
 CLI::App& parent_of(command_tree& tree, const std::vector<std::string>& words) {
     return words.size() > 1 ? *tree.app->get_subcommand(words.front()) : *tree.app;
 }
@@ -22,7 +22,7 @@ CLI::App& add_app(CLI::App& parent, const std::string& name, const std::string& 
     return added;
 }
 
-// The last of an option's names, "--output" of "-o,--output".
+// The last of an option's names: "--output" of "-o,--output".
 std::string last_name(const char* names) {
     return split(names, ",").back();
 }
@@ -100,8 +100,8 @@ void add_flag(command& to, const char* names, const char* help, std::uint32_t& f
         names, [&flags, bit] { flags |= bit; }, help);
 }
 
-// Behind several cards the operands are among the words of the IDs, and known to the parser for the
-// help only.
+// Where several IDs can stand, the operands are parsed together with them, and the parser knows
+// them for the help only.
 void add_operand(command& to, const char* name, const char* help, value taken, presence needed) {
     const bool behind_cards = to.cards != nullptr;
     CLI::Option& added = behind_cards ? *to.app.add_option_function<std::string>(

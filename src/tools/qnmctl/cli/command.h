@@ -1,9 +1,8 @@
-// The commands in one tree, CLI::App for each, which parsing, help, completion and the manual page
-// walk.
+// The tree of commands, a CLI::App for each. Parsing, help, completion and the manual page walk it.
 //
-// A command is defined in the file of what it does: a function adds it to the tree, with options
-// that store their values in the command's own record, and with what runs. Nothing else has to know
-// of it but the list of these functions.
+// Each command is defined in the file that implements it. A function adds it to the tree, with its
+// options, which store their values in the command's own record, and the function that runs it.
+// Only the list of these functions has to know about it.
 #pragma once
 
 #include <cstdint>
@@ -26,7 +25,7 @@ class Option;
 
 namespace qnmctl {
 
-struct context;  // what a running command works with; see manager/context.h
+struct context;  // what a running command works with, see manager/context.h
 
 struct command_tree;
 
@@ -38,23 +37,23 @@ struct operand {
 struct command {
     command_tree& tree;
     CLI::App& app;
-    std::string name;                                // with the name of its group in front
+    std::string name;                                // preceded by that of its group
     std::function<int(context&)> run = nullptr;      // from the command line
     std::function<void(context&)> answer = nullptr;  // from a line of standard input
     output_form form = output_form::text;
-    bool streams = false;  // goes on and tells events as they come
-    bool endless = false;  // what it tells may have no end, so a signal is a usual one
-    bool hidden = false;   // for scripts of its own; neither in help nor in the manual page
+    bool streams = false;  // prints events as they come
+    bool endless = false;  // may run until a signal ends it, which is then no failure
+    bool hidden = false;   // for our own scripts; not in help or the manual page
 
-    // Of one that takes several cards: how many of its words are IDs shows only when all are there.
+    // For a command that takes several cards: only the number of words tells which of them are IDs.
     selection* cards = nullptr;
-    std::vector<operand> operands = {};       // behind the IDs
-    std::vector<std::string> words = {};      // IDs and operands as they were typed
-    std::shared_ptr<void> options = nullptr;  // that the functions and values above refer to
+    std::vector<operand> operands = {};       // after the IDs
+    std::vector<std::string> words = {};      // IDs and operands as typed
+    std::shared_ptr<void> options = nullptr;  // the functions and values above refer to it
 };
 
-// What a tree is for. A line gets its form from the watch that takes it, and waits for nothing, so
-// options for that are left out.
+// What a tree is for. A line on standard input has the output form of its watch and never waits for
+// cards, so it lacks the options for both.
 enum class used_for { command_line, lines };
 
 struct command_tree {
@@ -65,36 +64,36 @@ struct command_tree {
 
     used_for use;
     std::unique_ptr<CLI::App> app;
-    command root;  // for the options in front of a command
+    command root;  // holds the options before a command
     settings global = {};
-    std::deque<command> commands = {};  // in the order in which help shows them
+    std::deque<command> commands = {};  // in the order of the help
     std::map<const CLI::Option*, value> values = {};
 };
 
-// Defines every command that there is; commands.h has the one of qnmctl.
+// Defines all commands; qnmctl's own such function is in commands.h.
 using define_commands = void (*)(command_tree&);
 
-// The help of the command as a whole is one line; `more_help` has further lines for its own --help.
+// `help` is one line for the list of commands; `more_help` is added in the command's own --help.
 struct command_texts {
     const char* name;
     const char* help;
     const char* more_help = "";
 };
 
-// A first word that several commands have in common.
+// A word that several commands begin with, such as "reg".
 void add_group(command_tree& tree, const char* name, const char* help);
 
 command& add_command(command_tree& tree, const command_texts& texts);
 
-// Stores a word, or fails as the parser itself does.
+// Stores a word, or fails like the parser itself.
 void take_word(const std::string& name, const value& taken, const std::string& word);
 
-// That of a command or group below; nullptr when there is none.
+// The App of a command or group below this one; nullptr when there is none.
 CLI::App* find_app(CLI::App& parent, const std::string& name);
 
 void hide(command& of);
 
-// One whose options are a record, which lives as long as the tree.
+// Adds a command whose options are a record. The record lives as long as the tree.
 template <class Options>
 struct defined {
     command& self;
@@ -121,7 +120,7 @@ void set_answer(const defined<Options>& of, void (*answer)(context&, const Optio
 
 struct option_texts {
     const char* names;  // "-o,--output"
-    const char* value;  // how the help calls it, "SECONDS"
+    const char* value;  // its name in the help, "SECONDS"
     std::string help;   // one line
 };
 
@@ -132,11 +131,11 @@ void add_flag(command& to, const char* names, const char* help, std::uint32_t& f
 
 enum class presence { required, optional };
 
-// A word behind the command that is no option, and no ID where several can stand.
+// Adds an operand: a word after the command that is not an option.
 void add_operand(command& to, const char* name, const char* help, value taken,
                  presence needed = presence::required);
 
-// All words that are left, options among them when they follow "--".
+// Takes all remaining words, and options as well if they follow "--".
 void add_rest(command& to, const char* name, std::vector<std::string>& target);
 
 }  // namespace qnmctl

@@ -1,4 +1,4 @@
-// Parses, and says what is wrong where the parser would be vague.
+// Parses command lines. Errors that the parser would describe vaguely are described here.
 #include "cli/command_line.h"
 
 #include <CLI/CLI.hpp>
@@ -39,7 +39,7 @@ void check_selection(const selection& cards) {
     }
 }
 
-// The operands are the last of the words, those in front of them IDs.
+// The last words are the operands, those before them IDs.
 void divide_words(const command& of) {
     if (of.cards == nullptr) return;
     const std::size_t least = of.operands.size() + (of.cards->by_property() ? 0 : 1);
@@ -75,7 +75,7 @@ bool is_group(const command_tree& tree, const CLI::App& app) {
     return find_command(tree, app) == nullptr;
 }
 
-// `name` is one word, or those of a group and of the command within it that is meant.
+// `name` is a command, or a group and a command in it.
 std::string unknown_command(const command_tree& tree, const std::string& name) {
     std::vector<std::string> names = shown_names(tree);
     if (name.find(' ') == std::string::npos) {
@@ -95,7 +95,7 @@ std::string missing_command(const CLI::App& group) {
     return "no command of " + group.get_name() + " is given; they are " + join(names, ", ");
 }
 
-// What is wrong with words that have led to no command, but to a group or to nothing.
+// What is wrong with words that do not name a command.
 std::optional<std::string> wrong_name(const command_tree& tree, const CLI::App& chosen,
                                       const CLI::ParseError& found) {
     const std::string group = &chosen == tree.app.get() ? "" : chosen.get_name() + ' ';
@@ -107,7 +107,7 @@ std::optional<std::string> wrong_name(const command_tree& tree, const CLI::App& 
     return missing ? std::optional(missing_command(chosen)) : std::nullopt;
 }
 
-// The parser itself tells words that are left over in no certain order.
+// The parser itself lists left-over words in no certain order.
 std::string parser_text(const CLI::App& app, const CLI::ParseError& found) {
     const bool left_over = dynamic_cast<const CLI::ExtrasError*>(&found) != nullptr;
     return left_over ? "not expected: " + join(app.remaining(true), " ") : found.what();
@@ -120,7 +120,7 @@ CLI::App& chosen_app(CLI::App& app) {
     return *chosen;
 }
 
-// In the help, what is among the words of the IDs is required like any other operand.
+// The help shows operands that are parsed together with the IDs as required, like all others.
 void mark_required(command_tree& tree) {
     for (const command& shown : tree.commands) {
         for (const operand& wanted : shown.operands)
@@ -128,7 +128,7 @@ void mark_required(command_tree& tree) {
     }
 }
 
-// Prints the help that was asked for, or what is wrong; the exit status.
+// Prints the requested help or the error; returns the exit status.
 int tell_end(command_tree& tree, const CLI::ParseError& found) {
     CLI::App& app = *tree.app;
     const CLI::App& chosen = chosen_app(app);
@@ -153,7 +153,7 @@ std::string synopsis(const command& of) {
     return of.name + words_text(of) + (verbose ? " [-v]" : "");
 }
 
-// Whether the words stand at the start of a line.
+// Whether a line begins with these words.
 bool starts_with(const std::vector<std::string>& line, const std::vector<std::string>& words) {
     return line.size() >= words.size() && std::equal(words.begin(), words.end(), line.begin());
 }
@@ -171,7 +171,7 @@ std::variant<const command*, int> parse_command_line(command_tree& tree, int arg
     app.name("qnmctl");
     app.description(summary);
     app.footer(help_footer());
-    app.require_subcommand(0, 1);  // a missing one is told below
+    app.require_subcommand(0, 1);  // a missing one is reported below
     try {
         std::reverse(words.begin(), words.end());  // parse() takes them from the end
         app.parse(words);

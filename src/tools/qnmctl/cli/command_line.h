@@ -1,4 +1,4 @@
-// From words to a command with its options: the command line, and lines on standard input.
+// Parses the command line, and lines on standard input, into a command with its options.
 #pragma once
 
 #include <string>
@@ -8,22 +8,21 @@
 
 namespace qnmctl {
 
-// The command that is to run, or the exit status where none is: help, or wrong usage, both of which
-// have been printed then.
+// The command to run, or the exit status after help or a usage error was printed.
 std::variant<const command*, int> parse_command_line(command_tree& tree, int argc,
                                                      const char* const* argv);
 
-// The command that is to answer, or what is wrong with the line; nullptr for a blank line. The tree
-// is one for lines, and used once.
+// The command that answers the line, or what is wrong with it; nullptr for a blank line. The tree
+// must be one for lines that was not used before.
 std::variant<const command*, std::string> parse_line(command_tree& tree, const std::string& line);
 
 // "ADDR", "[END]"
 std::string word_text(const command& of, const CLI::Option& word);
 
-// What stands behind a command beside its options, "stop|restart ID", "ID... ADDR [END]".
+// The operands of a command: "stop|restart ID", "ID... ADDR [END]".
 std::string words_text(const command& of);
 
-// The answer to "help": the lines that a tree for lines has.
+// The answer to the line "help": all commands of a tree for lines.
 std::string lines_help(const command_tree& tree);
 
 }  // namespace qnmctl

@@ -1,4 +1,4 @@
-// Walks the words of a line as the parser would, but forgives what is not there yet.
+// Walks the words of a line as the parser would, but accepts incomplete input.
 #include "cli/completion.h"
 
 #include <CLI/CLI.hpp>
@@ -14,13 +14,13 @@ namespace qnmctl {
 
 namespace {
 
-// What has been read of a line up to the word that is asked for.
+// The state after the words before the one to complete.
 struct progress {
     command_tree& tree;
-    CLI::App* app = nullptr;      // of the command or group so far
-    std::size_t words = 0;        // behind the command
-    bool lost = false;            // there is no such command
-    CLI::Option* open = nullptr;  // wants its value now
+    CLI::App* app = nullptr;      // the command or group so far
+    std::size_t words = 0;        // operands after the command
+    bool lost = false;            // no such command
+    CLI::Option* open = nullptr;  // expects its value next
 };
 
 bool is_option(const std::string& word) {
@@ -31,12 +31,12 @@ bool is_shown(const CLI::App& app) {
     return !app.get_group().empty();
 }
 
-// A group or the whole has commands, a command has none.
+// The root and groups have commands, a command has none.
 bool has_commands(const CLI::App& app) {
     return !app.get_subcommands([](const CLI::App*) { return true; }).empty();
 }
 
-// Its own options, and those in front of every command.
+// A command's own options and the global ones.
 CLI::Option* find_option(const progress& now, const std::string& name) {
     CLI::Option* const own = now.app->get_option_no_throw(name);
     return own != nullptr ? own : now.tree.app->get_option_no_throw(name);
@@ -48,7 +48,7 @@ void take_name(progress& now, const std::string& word) {
     if (named != nullptr) now.app = named;
 }
 
-// What is wrong with a value does not matter to the words behind it.
+// A wrong value does not affect the completion of later words.
 void take_value(CLI::Option& option, const std::string& word) {
     try {
         if (option.get_expected_max() == 1) option.clear();
@@ -60,7 +60,7 @@ void take_value(CLI::Option& option, const std::string& word) {
 }
 
 void take_word(progress& now, const std::string& word) {
-    if (word == "=") return;  // bash makes a word of its own of it
+    if (word == "=") return;  // bash splits it off as a word of its own
     if (now.open != nullptr) {
         take_value(*now.open, word);
         now.open = nullptr;
@@ -79,11 +79,11 @@ void take_word(progress& now, const std::string& word) {
 
 // ---- What can come ------------------------------------------------------------------------------
 
-// Interfaces stand in a list of two, so those in front of the comma are kept.
+// A value is a list of two interfaces, so what precedes the comma is kept.
 std::vector<candidate> interfaces(const std::string& typed) {
     const std::string kept = typed.substr(0, typed.rfind(',') + 1);
     std::vector<candidate> found;
-    std::error_code ignored;  // without the directory none is offered
+    std::error_code ignored;  // without the directory nothing is offered
     for (const auto& entry : std::filesystem::directory_iterator("/sys/class/net", ignored)) {
         const std::string name = entry.path().filename();
         if (kept.find(name + ',') == std::string::npos) found.push_back({kept + name, ""});
@@ -146,8 +146,7 @@ candidates names(const progress& now) {
     return found;
 }
 
-// The words of a command. Where several IDs can stand, one more is offered as long as it could be
-// one.
+// Operands of a command. Where several IDs can stand, another one is offered.
 candidates operands(const progress& now, const std::string& typed, const card_source& cards) {
     std::vector<const CLI::Option*> wanted;
     for (const CLI::Option* const option : now.app->get_options()) {

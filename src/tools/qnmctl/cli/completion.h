@@ -1,8 +1,7 @@
-// Completion of command lines in a shell.
+// Shell completion.
 //
-// The script of a shell is short: it asks the command itself, by a hidden command, what can come
-// next on the line so far. So it never differs from the commands, and card IDs can be those that
-// are heard at that moment.
+// The shell's script is short: it asks qnmctl, through a hidden command, how the line can go on. So
+// completion always matches the commands, and offers the IDs of cards that are heard right now.
 #pragma once
 
 #include <functional>
@@ -20,22 +19,22 @@ struct candidate {
 
 struct candidates {
     std::vector<candidate> words = {};
-    bool files = false;        // and names of files, which the shell knows better
-    bool directories = false;  // and names of directories
+    bool files = false;        // also names of files, which the shell completes
+    bool directories = false;  // also names of directories
 };
 
 // The cards that are heard with these settings.
 using card_source = std::function<std::vector<candidate>(const settings&)>;
 
-// What can stand in place of the last of the words, which follow "qnmctl"; the last one may be
-// empty. Cards are looked for where an ID is wanted only.
+// What can replace the last of the words after "qnmctl", which may be empty. Cards are listened for
+// only where an ID is expected.
 candidates complete(command_tree& tree, const std::vector<std::string>& words,
                     const card_source& cards);
 
-// A line for each word, its help behind a tab; ":files" and ":directories" for those.
+// One line per word, with its help after a tab; ":files" and ":directories" for those.
 std::string candidates_text(const candidates& of);
 
-// The script that makes a shell, "bash" or "zsh", ask.
+// The completion script for a shell, "bash" or "zsh".
 std::string completion_script(const std::string& shell);
 
 }  // namespace qnmctl

@@ -1,4 +1,4 @@
-// Writes what the tree of commands says in the man(7) language.
+// Writes the tree of commands in the man(7) language.
 #include "cli/man_page.h"
 
 #include <CLI/CLI.hpp>

@@ -7,7 +7,7 @@
 
 namespace qnmctl {
 
-// By a tree for the command line, and one for lines.
+// From a tree for the command line and one for lines.
 std::string man_page(const command_tree& tree, const command_tree& lines_tree);
 
 }  // namespace qnmctl

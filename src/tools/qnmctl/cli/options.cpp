@@ -1,4 +1,4 @@
-// Each option is described once here, with what it takes.
+// Defines the shared options, each once.
 #include "cli/options.h"
 
 #include <CLI/CLI.hpp>
@@ -74,7 +74,7 @@ void add_globals(command_tree& tree) {
         choice(global.log_level, level_words));
 }
 
-// The parser would tell this in the help, too, in a line of its own for each.
+// Checked here, because the parser would add a line to the help for each such rule.
 refusal wrong_globals(const settings& global) {
     if (!global.ports.empty() && !global.dir.empty()) return "--ports and --dir exclude each other";
     if (!global.keys.empty() && global.ports.empty()) return "--set requires --ports";

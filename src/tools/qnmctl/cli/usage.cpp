@@ -1,4 +1,4 @@
-// Texts of the help as a whole.
+// The texts of the overall help.
 #include "cli/usage.h"
 
 #include <algorithm>

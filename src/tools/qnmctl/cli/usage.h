@@ -1,4 +1,4 @@
-// What --help and the manual page tell in common, beside the commands and their options.
+// Texts that --help and the manual page share, besides the commands and their options.
 #pragma once
 
 #include <span>
@@ -15,7 +15,7 @@ struct example {
 
 std::span<const example> examples();
 
-// Examples and exit statuses, behind the help.
+// Examples and exit statuses, at the end of the help.
 std::string help_footer();
 
 }  // namespace qnmctl

@@ -1,4 +1,4 @@
-// Takes words, or says what is wrong with them.
+// Stores words, or says what is wrong with them.
 #include "cli/value.h"
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// Values of options and operands: where a word goes, and what it can be.
+// Values of options and operands: where a word is stored, and what it can be.
 #pragma once
 
 #include <cstdint>
@@ -12,33 +12,33 @@
 
 namespace qnmctl {
 
-// What completion offers where a value is wanted.
+// What completion offers for a value.
 enum class offers { nothing, words, files, directories, interfaces, cards };
 
-// Why a word is refused; nothing when it is taken.
+// Why a word is refused; nothing when it is accepted.
 using refusal = std::optional<std::string>;
 
-// Where a word goes, and what it can be.
+// Where a word is stored, and what it can be.
 struct value {
     std::function<refusal(const std::string& word)> take;
     offers offered = offers::nothing;
-    std::vector<std::string> words = {};  // all that it can be; empty: anything
+    std::vector<std::string> words = {};  // the only ones allowed; empty: anything
     bool repeatable = false;
 };
 
-// Takes the word when it is one of those that can stand there.
+// Stores the word if it is allowed; otherwise says why it is not.
 refusal refused(const value& taken, const std::string& word);
 
 struct limits {
     std::uint64_t least = 0;
     std::uint64_t most = UINT32_MAX;
-    std::uint64_t step = 1;  // the number is a multiple of it
+    std::uint64_t step = 1;  // the number must be a multiple of it
 };
 
-// Why a word is no number within the limits.
+// Why a word is not a number within the limits.
 refusal wrong_number(const std::string& word, const limits& of);
 
-// That of an optional value, too.
+// Also for an optional target.
 template <class Value>
 struct value_type {
     using type = Value;
@@ -57,7 +57,7 @@ value number(Number& target, const limits& of = {}) {
     }};
 }
 
-// One of the words, which stand in the order of the enumeration.
+// One of the words, which are in the order of the enumeration.
 value choice_by_place(std::function<void(std::size_t place)> store,
                       std::span<const char* const> words);
 template <class Enumeration>

@@ -1,4 +1,4 @@
-// Finds keys in the text of qnm.conf.
+// Looks up keys in the text of qnm.conf.
 #include "installation/config_file.h"
 
 #include <cstdint>
@@ -17,7 +17,7 @@ namespace {
 constexpr char blanks[] = " \t\r\n";
 constexpr std::size_t config_size_limit = std::size_t{1024} * 1024;
 
-// What cannot be opened is told where that matters.
+// A file that cannot be opened is reported elsewhere, where that matters.
 std::optional<std::string> wrong_file(const std::string& name, const tools::file_contents& read) {
     const auto* const problem = std::get_if<tools::file_problem>(&read);
     if (problem == nullptr || !problem->wrong_file) return std::nullopt;

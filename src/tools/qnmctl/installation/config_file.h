@@ -1,5 +1,5 @@
-// Looks into qnm.conf, to name places in it. The library alone decides what it means; nothing here
-// is needed for a start that succeeds.
+// Looks up keys in qnm.conf, so that messages can name the line. What a value means is decided by
+// the library's own table.
 #pragma once
 
 #include <cstdint>
@@ -17,26 +17,26 @@ struct config_line {
     std::string value;  // the rest of the line behind the "="
 };
 
-// The line of qnm.conf in which a key stands first, which is the one that counts.
+// The first line with the key, which is the one that counts.
 std::optional<config_line> find_key(const std::string& config, std::string_view key);
 
-// The number that a key of the library has in qnm.conf, or its default where it has none.
+// The number that a key has in qnm.conf, or its default.
 std::uint32_t configured_number(const std::string& config, const char* key);
 
-// The interfaces that qnm.conf names, or the library's defaults.
+// The interfaces that qnm.conf names, or the default ones.
 std::vector<std::string> configured_ports(const std::string& config);
 
-// A whole regular file; empty when it cannot be read, or is none.
+// The contents of a regular file; empty when it cannot be read or is not a regular file.
 std::string read_text(const std::string& name);
 
-// A configuration; empty when there is none, or it may not be read. Throws error when it is no
-// regular file, or far too long for one.
+// The text of a configuration file; empty when it is missing or may not be read. Throws error when
+// it is not a regular file, or far too long.
 std::string read_config(const std::string& name);
 
-// Of a file that was opened.
+// The same for a file that is already open.
 std::string config_text_of(const tools::opened_file& file);
 
-// As a text: what is wrong with a file of the configuration.
+// What is wrong with a configuration file, if anything.
 std::optional<std::string> wrong_config(const std::string& name);
 
 }  // namespace qnmctl

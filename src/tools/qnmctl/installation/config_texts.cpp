@@ -1,4 +1,4 @@
-// Writes the table of keys as a sample file, in the man(7) language and in Markdown.
+// Writes the table of keys as a sample file, as a manual page and as a Markdown table.
 #include "installation/config_texts.h"
 
 #include <algorithm>
@@ -43,7 +43,7 @@ std::string value_of(const qnm_config_key_t& key) {
 
 // ---- The sample ---------------------------------------------------------------------------------
 
-// As comments that fit the line; those behind the first begin with `next`.
+// Wraps a text into comment lines; the first begins with `first`, the others with `next`.
 std::string commented(const std::string& text, const std::string& first, const std::string& next) {
     std::string made;
     std::string line = first;
@@ -85,7 +85,7 @@ std::string sample_of(const config_group_row& group) {
 
 constexpr char name_letters[] = "abcdefghijklmnopqrstuvwxyz_0123456789";
 
-// Keys that a text names are in bold.
+// Escapes a text and makes the names of keys in it bold.
 std::string with_keys(const std::string& plain) {
     const std::string text = escaped(plain);
     std::string made;

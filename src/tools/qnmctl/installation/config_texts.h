@@ -1,5 +1,5 @@
-// What is told of qnm.conf: the sample file, the manual page, and a table for the documents, all
-// made from the keys.
+// Texts that are made from the table of keys: the sample file, the manual page and a table for the
+// documents.
 #pragma once
 
 #include <string>

@@ -1,4 +1,4 @@
-// Writes the texts on qnm.conf, for the build and for whoever has changed a key: "sample" into
+// Prints the texts about qnm.conf, for the build and after a key was changed: "sample" belongs into
 // conf/qnm.conf, "table" into docs/configuration.md.
 #include <cstdio>
 #include <string_view>

@@ -1,4 +1,4 @@
-// Makes the private folder and writes its two files.
+// Creates the private folder and writes its two files.
 #include "installation/installation.h"
 
 #include <fcntl.h>
@@ -30,7 +30,7 @@ constexpr std::size_t port_limit = 2;
 constexpr std::size_t line_limit = 127;  // a longer line would be read as two
 constexpr char port_key[] = "ether_port";
 
-// Nobody reads the periodic dumps of a temporary directory; the longest interval keeps it small.
+// Nobody reads the periodic dumps in a temporary directory; the longest interval keeps it small.
 constexpr char stats_interval_key[] = "stats_interval";
 constexpr char longest_stats_interval[] = "2592000";
 
@@ -65,7 +65,7 @@ std::optional<std::string> wrong_key(const std::string& setting, std::set<std::s
     return std::nullopt;
 }
 
-// log4cxx reads a backslash as an escape.
+// log4cxx takes a backslash for an escape character.
 std::string escaped(const std::string& path) {
     std::string text;
     for (const char c : path) {
@@ -75,8 +75,7 @@ std::string escaped(const std::string& path) {
     return text;
 }
 
-// A file and the layout of its lines. In a folder that nobody looks after it does not grow for
-// ever.
+// An appender with its file and layout. Its size is limited, because nobody looks after the folder.
 std::string appender_text(const char* name, const fs::path& file, const char* pattern,
                           const char* largest) {
     const std::string key = std::string("log4j.appender.") + name;
@@ -101,9 +100,9 @@ void write_file(const fs::path& name, const std::string& text) {
     if (!file) throw error("cannot write " + name.string() + ": " + std::strerror(errno));
 }
 
-// log4cxx complains of a file it cannot write, and goes on without a log. A FIFO would hold up the
-// manager, and its end, while nobody reads it. A name that the properties cannot have would be that
-// of another file.
+// Checked here, because log4cxx goes on without a log when it cannot write the file, a FIFO without
+// a reader would block the manager, and a name that a properties file cannot express would lead to
+// another file.
 void check_writable(const fs::path& log) {
     if (!is_plain_name(log)) {
         throw error("--log: " + tools::visible_line(log.string()) +
@@ -133,11 +132,11 @@ void make_private(installation& made) {
     if (problem) throw error("cannot make " + made.dir.string() + "/conf: " + problem.message());
 }
 
-// What the command itself reads of a log that nobody else sees.
+// The levels that the command itself needs in a log that nobody else reads.
 const logger_levels quiet = {.log = "WARN", .syslog = "WARN"};
 
-// Of a file that may be missing. The library follows every link; the lines that are wrong are
-// quoted here, though, and a report hands them on, so those of another user are not followed.
+// The text of a file that may be missing. The library follows every link. But wrong lines are
+// quoted here and end up in a report, so the links of another user are not followed.
 std::optional<std::string> file_text(const fs::path& name) {
     const tools::opened_file file = open_by_own_links(name, tools::links::followed);
     const bool refused =
@@ -162,11 +161,11 @@ std::string config_text(const settings& given) {
     std::string text = std::string(port_key) + '=' + join(given.ports, ",") + '\n';
     for (const std::string& setting : given.keys)
         text += setting + '\n';
-    // A key counts where it stands first, so the operator's own value wins.
+    // The first line with a key counts, so the operator's own value wins.
     return text + stats_interval_key + '=' + longest_stats_interval + '\n';
 }
 
-// One that would hide why a start failed is not taken.
+// A level that would hide why a start failed is not taken.
 logger_levels levels_of(const std::string& properties) {
     const log_properties in = read_log_properties(properties);
     const auto level = [&](const char* name) {

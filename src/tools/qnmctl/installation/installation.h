@@ -1,10 +1,9 @@
-// The installation directory that the library is started with: never the operator's own, but a copy
-// of its configuration in a private folder of this run, whose logs lie there, too. So a host
-// program that runs on the original keeps its logs to itself: nothing is written to them, nor are
-// they rotated.
+// The installation directory that the library is started with. It is never the operator's own, but
+// a private folder of this run with a copy of its configuration. The logs go there as well, so the
+// logs of a host program that uses the original are neither written to nor rotated.
 //
-// The folder is removed with its record, so on every way out that unwinds, signals included, since
-// those arrive as input.
+// The folder is removed by the destructor, so on every way out, after signals too, which arrive as
+// input.
 #pragma once
 
 #include <filesystem>
@@ -22,57 +21,56 @@ inline constexpr char default_dir[] = "/opt/tarvo/qnm";
 inline constexpr char config_name[] = "conf/qnm.conf";
 inline constexpr char properties_name[] = "conf/qnm_log4c.properties";
 
-// The options in front of the command.
+// The global options.
 struct settings {
-    std::string dir = {};                 // empty: the library's own directory
-    std::vector<std::string> ports = {};  // not empty: a temporary directory for these
-    std::vector<std::string> keys = {};   // "KEY=VALUE", further lines of its configuration
-    std::string log = {};                 // the library's log; empty: only what explains a failure
+    std::string dir = {};                 // empty: the library's default
+    std::vector<std::string> ports = {};  // not empty: a temporary directory with these ports
+    std::vector<std::string> keys = {};   // "KEY=VALUE", further lines of qnm.conf
+    std::string log =
+        {};  // file for the library's log; empty: only what explains a failure is kept
     bool keep_logs = false;
     qnm_log_level_t log_level = QNM_LOGLVL_NONE;
 };
 
-// What an operator wants to have of the logs. Otherwise they hold only what the command itself
-// reads.
+// Which logs the operator wants. By default they hold only what the command itself reads.
 struct wanted_logs {
-    std::filesystem::path file = {};  // that the library's log is added to; empty: a private one
+    std::filesystem::path file = {};  // the library's log is appended to it; empty: a private one
     at_the_end folder = at_the_end::removed;
 
     bool any() const { return !file.empty() || folder == at_the_end::kept; }
 };
 
 struct installation {
-    std::optional<private_folder> temporary = {};  // not there: the directory is the operator's
+    std::optional<private_folder> temporary = {};  // none: the directory is the operator's
     std::filesystem::path dir = {};
-    std::filesystem::path log = {};    // of a private one: the library's log
-    std::filesystem::path stats = {};  // of a private one: the status dumps
+    std::filesystem::path log = {};    // if private: the library's log
+    std::filesystem::path stats = {};  // if private: the status dumps
     wanted_logs wanted = {};
-    log_mark before = {};  // of a private one: where its part of the log begins
+    log_mark before = {};  // if private: where this run's part of the log begins
 
     std::filesystem::path config() const { return dir / config_name; }
     std::filesystem::path properties() const { return dir / properties_name; }
 };
 
-// What is wrong with ports and keys by themselves, before anything is tried.
+// What is wrong with the ports and keys, without trying them.
 std::optional<std::string> wrong_settings(const settings& given);
 
-// The levels of the library's loggers, as a properties file has them.
+// The levels of the library's loggers in a properties file.
 struct logger_levels {
     std::string log = "ALL";
     std::string syslog = "ALL";
 };
 logger_levels levels_of(const std::string& properties);
 
-// The contents of the two files of a private directory.
+// The contents of the two files in a private directory.
 std::string config_text(const settings& given);
 std::string properties_text(const installation& of, const logger_levels& levels);
 
-// Into `made`, because a folder stays where it is. Throws error.
+// Fills `made`, because a private folder cannot be moved. Throws error.
 void install(const settings& given, installation& made);
 
-// The copy of an operator's installation that a manager runs on: the same configuration and levels,
-// but the logs are in its folder, and what else his appenders would write to is left alone. Throws
-// error.
+// Makes a copy of an operator's installation for a manager to run on: the same configuration and
+// log levels, but the logs go to its folder, and no other appender is used. Throws error.
 void install_copy(const installation& original, installation& made);
 
 }  // namespace qnmctl

@@ -1,4 +1,4 @@
-// Follows loggers to their appenders and those of the root logger, and these to their files.
+// Finds the appenders of each logger and of the root logger, and their files.
 #include "installation/log_properties.h"
 
 #include <algorithm>
@@ -34,7 +34,7 @@ std::string value_of(const log_properties& in, const std::string& key) {
     return found == in.end() ? "" : found->second;
 }
 
-// "LEVEL, APPENDER, APPENDER"; without a level it is the parent's.
+// "LEVEL, APPENDER, APPENDER"; without a level the parent's holds.
 logger read_logger(const char* name, const std::string& value) {
     const std::size_t comma = std::min(value.find(','), value.size());
     logger found = {.name = name,
@@ -46,7 +46,7 @@ logger read_logger(const char* name, const std::string& value) {
     return found;
 }
 
-// The parent of the three. log4cxx has a level for it where the file has none.
+// The parent of the three. log4cxx has a default level for it.
 logger find_root(const log_properties& in) {
     const std::string value = value_of(in, "log4j.rootLogger");
     logger root = read_logger("", value.empty() ? value_of(in, "log4j.rootCategory") : value);
@@ -60,7 +60,7 @@ void add_missing(const std::vector<std::string>& names, std::vector<std::string>
     }
 }
 
-// A class without its packages, by which log4cxx finds it, whatever the case of its letters.
+// A class name without its packages. log4cxx finds the class by it, in any case of letters.
 std::string class_of(const log_properties& in, const std::string& key) {
     const std::string type = value_of(in, key);
     return type.substr(type.rfind('.') + 1);

@@ -1,5 +1,5 @@
-// What a properties file of log4cxx says of the library's loggers: their levels, their appenders,
-// and the files that these write.
+// Reads from a log4cxx properties file what the library's loggers do: their levels, their appenders
+// and the files of these.
 #pragma once
 
 #include <map>
@@ -8,10 +8,10 @@
 
 namespace qnmctl {
 
-// The library's, in the order in which they are told.
+// The library's loggers, in the order in which they are shown.
 inline constexpr const char* library_loggers[] = {"logfile", "syslogfile", "statslogfile"};
 
-// Keys and values; a key counts where it stands last.
+// Keys and values; the last line with a key counts.
 using log_properties = std::map<std::string, std::string>;
 
 log_properties read_log_properties(const std::string& text);
@@ -32,22 +32,22 @@ struct logger {
     std::vector<std::string> appenders;
 };
 
-// With the appenders of the root logger, which gets the lines as well unless the file says
-// otherwise. It can say so only of a logger that it gives.
+// Includes the appenders of the root logger, which gets the lines as well unless the file turns
+// that off. It can do so only for a logger that it configures.
 logger find_logger(const log_properties& in, const char* name);
 
 appender find_appender(const log_properties& in, const std::string& name);
 
-// Whether it is one for files, named or not.
+// Whether it writes to a file, even if the file's name is missing.
 bool writes_file(const appender& of);
 
 // The appenders of the library's loggers, each once.
 std::vector<appender> all_appenders(const log_properties& in);
 
-// The files that a logger's lines go to, each once.
+// The files of a logger, each once.
 std::vector<std::string> files_of_logger(const log_properties& in, const char* name);
 
-// Those of all the library's loggers, each once.
+// The files of all the library's loggers, each once.
 std::vector<std::string> log_files(const log_properties& in);
 
 std::string in_small_letters(std::string text);

@@ -1,4 +1,4 @@
-// Reads backwards from the newest file to the one that was marked.
+// Goes back from the newest file to the one that was marked.
 #include "installation/log_text.h"
 
 #include "common/regular_file.h"

@@ -1,4 +1,4 @@
-// What a log has got since a moment. A log that is full is renamed to .1, and that one to .2.
+// Reads what was added to a log since a mark. A full log is renamed to .1, and that one to .2.
 #pragma once
 
 #include <sys/types.h>
@@ -12,9 +12,9 @@ namespace qnmctl {
 class log_mark {
   public:
     log_mark() = default;
-    explicit log_mark(const std::filesystem::path& log);  // its end now
+    explicit log_mark(const std::filesystem::path& log);  // marks its present end
 
-    // Throws error when the beginning of it has been rotated away.
+    // Throws error when the mark was rotated away.
     std::string text_since() const;
 
   private:

@@ -1,4 +1,4 @@
-// Looks for a place for the folder, makes it there, and removes what others have left.
+// Finds a place for the folder, creates it there, and removes what earlier runs have left.
 #include "installation/private_folder.h"
 
 #include <fcntl.h>
@@ -32,7 +32,7 @@ std::string variable(const char* name) {
     return value != nullptr ? value : "";
 }
 
-// Nobody but this user may put anything there, so all that is there is from runs of his.
+// Only this user can write there, so everything in it is from the user's own runs.
 bool is_private(const own_folder& of) {
     struct stat about {};
     if (fstat(of.at.fd, &about) != 0 || about.st_uid != geteuid()) return false;
@@ -44,7 +44,7 @@ std::optional<own_folder> state_in(const fs::path& folder) {
     return found && is_private(*found) ? std::move(found) : std::nullopt;
 }
 
-// A home is there already; a folder for state may be made.
+// The home directory must exist; the folder for state is created.
 std::optional<own_folder> state_folder() {
     if (auto named = state_in(variable("XDG_STATE_HOME"))) return named;
     const fs::path home = variable("HOME");
@@ -65,7 +65,7 @@ bool is_usable(const fs::path& path) {
     return path.native().size() <= longest_dir && is_plain_name(path);
 }
 
-// Whether the name still stands for the folder that is open.
+// Whether the name still leads to the open folder.
 bool is_still(const tools::descriptor& folder, const own_folder& parent, const std::string& name) {
     struct stat open {};
     struct stat named {};
@@ -113,7 +113,7 @@ private_folder::private_folder(at_the_end what) : what_(what) {
 }
 
 private_folder::~private_folder() {
-    std::error_code ignored;  // nobody is left to be told
+    std::error_code ignored;  // nobody can be told any more
     if (what_ == at_the_end::removed) fs::remove_all(path_, ignored);
 }
 
@@ -127,7 +127,7 @@ bool private_folder::make_in(const std::optional<own_folder>& parent, const std:
     return false;
 }
 
-// Returns false with errno; EEXIST when another name may do.
+// Returns false with errno; after EEXIST another name may work.
 bool private_folder::make(const own_folder& parent, const std::string& name) {
     if (mkdirat(parent.at.fd, name.c_str(), own_folder_mode) != 0) return false;
     tools::descriptor made = open_folder(parent, name);
@@ -144,7 +144,7 @@ bool private_folder::make(const own_folder& parent, const std::string& name) {
 }
 
 void remove_leftovers(const own_folder& from) {
-    // Read to its end first, so that nothing is removed from under the reading.
+    // The names are read first, so that nothing is removed while the folder is read.
     std::error_code problem;
     std::vector<std::string> names;
     for (fs::directory_iterator at(from.path, problem), end; !problem && at != end;

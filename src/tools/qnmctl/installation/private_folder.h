@@ -1,14 +1,13 @@
-// A folder for the files of one run, which nobody but this user can look into and which is removed
-// at the end.
+// A folder for the files of one run. Only this user can look into it, and it is removed at the end.
 //
-// It lies below $XDG_STATE_HOME/qnmctl or ~/.local/state/qnmctl, and where neither can be used
-// below $TMPDIR or /tmp. What an ordinary user could have prepared for root is never taken: each
-// folder on the way, and each link, has to be this user's own or root's and closed to others.
+// It lies below $XDG_STATE_HOME/qnmctl or ~/.local/state/qnmctl, or, where neither can be used,
+// below $TMPDIR or /tmp. So that nobody can set a trap for root, each folder and each link on the
+// way must belong to this user or root and must not be writable by others.
 //
-// A run keeps its folder locked. The lock goes with the process, so a later run finds by it what
-// one that was killed has left below the first two, and removes that; below $TMPDIR and /tmp it
-// stays, as for whoever cleans them up. Between making a folder and locking it another
-// run may have taken it for such a rest; then it is gone, and the next name is tried.
+// A run keeps its folder locked. The lock ends with the process, so a later run recognises by it
+// what a killed run has left below the first two places, and removes it. Below $TMPDIR and /tmp
+// that is left to whatever cleans these up. A folder that was created but not yet locked may be
+// taken for such a leftover by another run; then the next name is tried.
 #pragma once
 
 #include <filesystem>
@@ -19,17 +18,18 @@
 
 namespace qnmctl {
 
-inline constexpr std::size_t longest_dir = 485;  // the longest name that the library takes
+inline constexpr std::size_t longest_dir =
+    485;  // the longest directory name that the library accepts
 
-// Whether a properties file of log4cxx can have the name: it takes "${" for the beginning of a
-// variable, and a control character may end the line.
+// Whether a log4cxx properties file can contain the name: "${" would begin a variable, and a
+// control character may end the line.
 bool is_plain_name(const std::filesystem::path& name);
 
 enum class at_the_end { removed, kept };
 
 class private_folder {
   public:
-    // Throws error when there is no place for it.
+    // Throws error when no place can be used.
     explicit private_folder(at_the_end what = at_the_end::removed);
     ~private_folder();
     private_folder(const private_folder&) = delete;
@@ -46,7 +46,7 @@ class private_folder {
     std::filesystem::path path_;
 };
 
-// Those of runs that have ended without removing them.
+// Removes the folders of runs that ended without doing so.
 void remove_leftovers(const own_folder& from);
 
 }  // namespace qnmctl

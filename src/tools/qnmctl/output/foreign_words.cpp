@@ -1,4 +1,4 @@
-// Cut, then made visible.
+// Cuts words, then makes them visible.
 #include "output/foreign_words.h"
 
 #include <algorithm>
@@ -14,7 +14,7 @@ std::string printable(std::string_view word) {
     };
     std::size_t end = std::min(word.size(), longest);
     while (end < word.size() && end > longest - 4 && continues(end))
-        --end;  // not within a character
+        --end;  // do not cut a character in two
     const std::string text = tools::visible_line(word.substr(0, end));
     return word.size() > longest ? text + "..." : text;
 }

@@ -1,7 +1,7 @@
-// Words of unknown origin, from files that somebody else has written, within lines of our own.
+// Puts words of unknown origin, for example from a file, into a line of our own.
 //
-// What a terminal would obey is made visible in every text that is written, so that is not what
-// they are for: they keep a line one line, and short.
+// These functions keep the line a single, short line. What a terminal would obey is made visible
+// elsewhere, in every text that is written.
 #pragma once
 
 #include <string>
@@ -9,7 +9,7 @@
 
 namespace qnmctl {
 
-// Cut where it is long, and one line: ends of lines and tabs are visible, too.
+// Cut if it is long. Newlines and tabs become visible as well.
 std::string printable(std::string_view word);
 
 std::string in_quotes(std::string_view word);  // likewise

@@ -1,4 +1,4 @@
-// What the environment and the terminal say about texts.
+// Finds out from the environment and the terminal how texts should look.
 #include "output/output.h"
 
 #include <sys/ioctl.h>
@@ -13,13 +13,13 @@ namespace qnmctl {
 
 namespace {
 
-// Of a variable of the environment; empty when it is not set.
+// The value of an environment variable; empty when it is not set.
 std::string value_of(const char* name) {
     const char* const value = std::getenv(name);
     return value != nullptr ? value : "";
 }
 
-// As every program of the C library takes it, by the first that is set.
+// The first of these that is set decides, as in the C library.
 bool has_unicode() {
     for (const char* const name : {"LC_ALL", "LC_CTYPE", "LANG"}) {
         const std::string locale = value_of(name);

@@ -1,8 +1,8 @@
-// Standard output, whole texts at a time, by one thread.
+// Writes whole texts to standard output, from one thread.
 //
-// A reader that is gone ends the output for good, and so does a signal while a reader takes
-// nothing, so that the command can always end. Afterwards every text is dropped, and problem() says
-// so: the exit status is another one then.
+// Output ends for good when its reader has gone, or when a signal arrives while the reader takes
+// nothing, so that the command can always end. Later texts are dropped; problem() says so, and the
+// exit status shows it.
 #pragma once
 
 #include <cstddef>
@@ -19,10 +19,10 @@ class output {
     // `signals` becomes readable when the command is to end.
     output(int fd, int signals) : fd_(fd), to_(fd, signals) {}
 
-    // Returns when the text has been handed over, or will never be.
+    // Returns when the text was written or dropped.
     void write(std::string_view text) { to_.write(text); }
 
-    // That its reader has gone, which was seen without writing.
+    // To be called when the reader was found to be gone without writing.
     void end_without_reader() { to_.end(tools::output_end::reader_gone); }
 
     bool closed() const { return to_.ended() != tools::output_end::none; }
@@ -37,16 +37,16 @@ class output {
     tools::descriptor_writer to_;
 };
 
-// How texts are to look where they are written to.
+// How texts should look on the output.
 struct look {
     bool coloured = false;         // a terminal, and NO_COLOR is not set
-    bool unicode = false;          // lines of trees, as the locale says
-    std::size_t width = SIZE_MAX;  // of a terminal, or as COLUMNS says; elsewhere without limit
+    bool unicode = false;          // the locale allows line drawing characters
+    std::size_t width = SIZE_MAX;  // of the terminal, or COLUMNS; otherwise unlimited
 };
 
 look look_of(int fd);
 
-// What a terminal is told before a text that it shall show so, and behind it.
+// Control sequences before and after a text that is shown so.
 inline constexpr char bold[] = "\033[1m";
 inline constexpr char red[] = "\033[31m";
 inline constexpr char yellow[] = "\033[33m";

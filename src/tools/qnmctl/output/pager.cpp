@@ -1,4 +1,4 @@
-// Runs the pager with the text as its input, and waits for it and for signals at once.
+// Runs the pager with the text as its input and waits for it, and for signals.
 #include "output/pager.h"
 
 #include <fcntl.h>
@@ -24,7 +24,7 @@ namespace qnmctl {
 
 namespace {
 
-// Colours as they are; ends at once where the text fits, and leaves it on the screen.
+// less shows colours, ends at once if the text fits, and leaves it on the screen.
 constexpr char less_options[] = "LESS=FRX";
 
 bool is_longer_than_terminal(const std::string& text) {
@@ -40,7 +40,7 @@ std::string wanted_pager() {
     return std::string(wanted == "cat" ? "" : wanted);
 }
 
-// Its own LESS where the user has none.
+// Sets LESS, unless the user has.
 std::vector<char*> environment_for_pager() {
     std::vector<char*> all;
     for (char** variable = environ; *variable != nullptr; ++variable)
@@ -50,7 +50,7 @@ std::vector<char*> environment_for_pager() {
     return all;
 }
 
-// With the signals that this process takes as input, as a program expects to find them.
+// Unblocks the signals that this process takes as input.
 pid_t start_pager(const std::string& command, int input) {
     sigset_t none;
     sigset_t all;
@@ -73,7 +73,7 @@ pid_t start_pager(const std::string& command, int input) {
     return code == 0 ? pid : -1;
 }
 
-// A signal ends the pager, which leaves the terminal as it was.
+// A signal ends the pager, so that it restores the terminal.
 int wait_for_pager(pid_t pid, int signals) {
     const tools::descriptor process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
     if (process.fd >= 0 && !tools::wait_until_ready(process.fd, POLLIN, signals)) {
@@ -88,7 +88,7 @@ int wait_for_pager(pid_t pid, int signals) {
     return status;
 }
 
-// What a shell says by its status when there is no such command, or none that can be run.
+// The exit statuses by which a shell says that a command is missing or cannot be run.
 bool was_started(int status) {
     constexpr int not_runnable = 126;
     constexpr int not_found = 127;

@@ -1,13 +1,13 @@
-// The reader's pager, for a text that is longer than the terminal.
+// Shows a text that is longer than the terminal in the user's pager.
 #pragma once
 
 #include <string>
 
 namespace qnmctl {
 
-// Returns when the pager has ended, or was told to by a signal; `signals` becomes readable then.
-// False when the text is to be written as usual: standard output is no terminal or is long enough,
-// $PAGER is empty or "cat", or the pager cannot be started. Without $PAGER it is less.
+// Returns when the pager has ended. It is ended as soon as `signals` becomes readable.
+// False when the text should be written as usual: standard output is not a terminal or the text
+// fits, $PAGER is empty or "cat", or the pager cannot be started. Without $PAGER, less is used.
 bool show_in_pager(const std::string& text, int signals);
 
 }  // namespace qnmctl

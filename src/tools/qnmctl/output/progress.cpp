@@ -1,4 +1,4 @@
-// The bar of a long work.
+// Draws the progress bar.
 #include "output/progress.h"
 
 #include <unistd.h>
@@ -13,7 +13,7 @@ namespace qnmctl {
 namespace {
 
 constexpr std::uint64_t bar_width = 30;
-constexpr std::uint64_t shown_from = 16;  // fewer steps are over before anybody has read a bar
+constexpr std::uint64_t shown_from = 16;  // fewer steps take too little time for a bar
 constexpr char to_start[] = "\r\033[K";
 
 }  // namespace

@@ -1,4 +1,4 @@
-// A line on a terminal that tells how far a long work has come.
+// A progress bar on a terminal, for work that takes long.
 #pragma once
 
 #include <chrono>
@@ -7,11 +7,11 @@
 
 namespace qnmctl {
 
-// "eeprom dump [#####...............]  25%, 3 s left"; the time once it can be told.
+// "eeprom dump [#####...............]  25%, 3 s left"; with the time once it can be estimated.
 std::string progress_text(const std::string& label, std::uint64_t done, std::uint64_t total,
                           std::chrono::milliseconds elapsed);
 
-// Draws on standard error, when that is a terminal; cleared at the end of its scope.
+// Draws on standard error, if that is a terminal. The bar is cleared at the end of the scope.
 class progress_line {
   public:
     progress_line(std::string label, std::uint64_t total);

@@ -1,4 +1,4 @@
-// Lays out a table: finds the width of each column, leaves out what does not fit, writes the lines.
+// Lays out a table: finds the width of each column, drops those that do not fit, writes the lines.
 #include "output/table.h"
 
 #include <algorithm>

@@ -1,5 +1,5 @@
-// Tables that fit the terminal: columns as wide as what stands in them, and where that is too wide,
-// without those that are wanted least.
+// Tables that fit the terminal. Columns are as wide as their contents; where that is too wide, the
+// least important ones are dropped.
 #pragma once
 
 #include <string>
@@ -11,22 +11,21 @@ namespace qnmctl {
 
 struct table_column {
     const char* heading;
-    bool right = false;     // numbers stand to the right
-    std::size_t width = 0;  // at least
-    int spare = 0;          // the highest is left out first; 0: never left out
+    bool right = false;     // right-aligned, for numbers
+    std::size_t width = 0;  // the least
+    int spare = 0;          // the highest is dropped first; 0: never dropped
 };
 
 struct table {
     std::vector<table_column> columns;
     std::vector<std::vector<std::string>> rows = {};  // a cell for each column
-    std::vector<const char*> colours = {};  // of the rows, where any has one; nullptr: none
+    std::vector<const char*> colours = {};            // one per row, or empty; nullptr: none
 };
 
-// The heading in bold and the rows in their colours, if anything is coloured, and a line for every
-// row; what is still too wide is cut.
+// A heading, in bold if anything is coloured, and a line per row; what is still too wide is cut.
 std::string table_text(const table& of, const look& how);
 
-// Characters, of a text in UTF-8.
+// How many characters a text in UTF-8 has.
 std::size_t width_of(const std::string& text);
 
 }  // namespace qnmctl

@@ -1,4 +1,4 @@
-// Conversions between values and words.
+// Converts values to words and back.
 #include "output/text.h"
 
 #include <array>
@@ -15,7 +15,7 @@ namespace {
 
 constexpr int mac_bytes = 6;
 
-constexpr int code_statuses = 10;  // behind it they stand in the order of the codes
+constexpr int code_statuses = 10;  // the first one; the others follow in the order of the codes
 
 struct code_words {
     const char* name;

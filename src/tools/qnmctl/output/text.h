@@ -1,4 +1,4 @@
-// Small conversions between values and the words an operator reads and types.
+// Conversions between values and the words that an operator reads and types.
 #pragma once
 
 #include <chrono>
@@ -13,22 +13,22 @@
 
 namespace qnmctl {
 
-// Exit statuses. A call that failed has one for each result code, code_status().
+// Exit statuses. A failed call of the library has one per result code, code_status().
 inline constexpr int exit_ok = 0;
-inline constexpr int exit_failed = 1;  // and it was no call that failed
+inline constexpr int exit_failed = 1;  // other than by a call of the library
 inline constexpr int exit_usage = 2;
 inline constexpr int exit_unwell = 3;   // doctor has found errors
-inline constexpr int exit_no_card = 5;  // list has heard none
+inline constexpr int exit_no_card = 5;  // list has heard no card
 
 int code_status(qnm_api_code_t code);
 
-// Of a call that a signal has kept from being made, when there is no code.
+// Of a call that was not made because of a signal, so that there is no code.
 inline int status_of(std::optional<qnm_api_code_t> code) {
     return code ? code_status(*code) : exit_failed;
 }
 
-// What cannot be done; the text says what is wrong and, on a line of its own, what helps. The code
-// is that of the call that failed, or the one that says the same.
+// A failure. The text says what is wrong and, on a line of its own, what helps. The code is that of
+// the failed call, or the one with the same meaning.
 struct error : std::runtime_error {
     explicit error(const std::string& text, std::optional<qnm_api_code_t> of = std::nullopt)
         : std::runtime_error(text), code(of), status(status_of(of)) {}
@@ -37,7 +37,7 @@ struct error : std::runtime_error {
     int status;
 };
 
-// What is asked for in a wrong way.
+// A usage error.
 struct usage_error : error {
     explicit usage_error(const std::string& text) : error(text) { status = exit_usage; }
 };
@@ -56,33 +56,33 @@ std::string hex_text(std::uint64_t value, int digits);  // "0x001f"
 std::string id_text(std::uint64_t id);                  // "0x001122334455"
 std::string mac_text(std::uint64_t mac);                // "00:11:22:33:44:55"
 
-// A card ID as an operator types it, 0x and up to twelve hexadecimal digits or a MAC address;
-// nothing when it is neither.
+// Reads a card ID: 0x and up to twelve hexadecimal digits, or a MAC address; nothing when it is
+// neither.
 std::optional<std::uint64_t> parse_id(std::string_view text);
 
-// A number in decimal, as 0x... or as 0b...; nothing when it is none, or above 64 bits.
+// Reads a number in decimal, as 0x... or as 0b...; nothing when it is none or exceeds 64 bits.
 std::optional<std::uint64_t> parse_number(std::string_view text);
 
-// The name of a result code, and a sentence that says what it means and what to do.
+// The name of a result code, and a sentence on what it means and what to do.
 const char* code_name(qnm_api_code_t code);
 const char* code_remedy(qnm_api_code_t code);
 
-// Every exit status with its meaning, by ascending number.
+// All exit statuses with their meanings, in ascending order.
 struct status_row {
     int status;
     std::string meaning;
 };
 std::vector<status_row> exit_statuses();
 
-// A message for standard error; its further lines are indented.
+// A message for standard error; all lines but the first are indented.
 std::string message_text(const std::string& text);
 
-// Filled up with blanks, on the left where the width is negative.
+// Padded with blanks, on the left if the width is negative.
 std::string padded(std::string text, int width);
 
 std::string join(const std::vector<std::string>& parts, std::string_view separator);
 
-// The parts between any of the separators; empty ones are left out.
+// The non-empty parts between any of the separators.
 std::vector<std::string> split(std::string_view text, std::string_view separators);
 
 }  // namespace qnmctl

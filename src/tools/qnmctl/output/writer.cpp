@@ -1,4 +1,4 @@
-// Records into lines and documents.
+// Writes records as lines and documents.
 #include "output/writer.h"
 
 #include <cstdio>
@@ -12,7 +12,7 @@ namespace qnmctl {
 
 namespace {
 
-// JSON itself escapes the other control characters only.
+// JSON itself escapes only the other control characters.
 std::string with_escaped_controls(const std::string& dumped) {
     std::string text;
     char escaped[8];
@@ -33,7 +33,7 @@ std::string with_escaped_controls(const std::string& dumped) {
     return text;
 }
 
-// What came from outside, a file name say, need not be UTF-8, and may hold what a terminal obeys.
+// Input such as a file name need not be UTF-8 and may contain what a terminal obeys.
 std::string line_of(const json& object) {
     return with_escaped_controls(object.dump(-1, ' ', false, json::error_handler_t::replace));
 }

@@ -1,15 +1,15 @@
-// What a command tells, in the form that was asked for.
+// Writes what a command has to say, in the form that the user wants.
 //
-// There are two kinds of form. The text is for people, and a command writes it as it likes. In the
-// other forms it tells records: objects that say by "record" what they are and hold IDs as strings,
-// numbers as numbers, and a list always as an array. A command tells everything in both ways, each
-// only where it counts:
+// There are two kinds of forms. Text is for people; a command lays it out as it likes. In the other
+// forms it writes records: objects that name their kind in "record" and have IDs as strings,
+// numbers as numbers, and lists always as arrays. A command writes everything both ways, and the
+// writer drops what the chosen form does not need:
 //
 //     if (with.told.is_text()) return with.told.text(table_text(cards));
 //     for (const card& one : cards) with.told.record("card", card_json(one));
 //
-// jsonl has a record a line. json is one document around the same records, a line for each, which
-// grows as they come:
+// jsonl is one record per line. json is a document with the same records, one per line, which grows
+// as they come:
 //
 //     {"schema": 1, "command": "list", "records": [ ... ], "status": 0}
 #pragma once
@@ -28,7 +28,7 @@ using json = nlohmann::ordered_json;
 
 enum class output_form { text, json_document, json_lines, dot };
 
-// Of the records and the document; raised when a reader of the old ones would misread the new.
+// The version of records and document; raised when readers of the old one would misread the new.
 inline constexpr int schema_number = 1;
 
 class writer {
@@ -42,13 +42,13 @@ class writer {
     bool is_text() const { return form_ == output_form::text || form_ == output_form::dot; }
     output_form form() const { return form_; }
 
-    void text(std::string_view words);                  // nothing in other forms
+    void text(std::string_view words);                  // nothing in the other forms
     void record(const char* name, const json& fields);  // nothing in a text
 
-    // What went wrong: a message on standard error, and a record.
+    // A failure: a message on standard error and a record.
     void failure(const std::string& message, int status, std::optional<qnm_api_code_t> code);
 
-    // Behind the last record.
+    // To be called after the last record.
     void end(int status);
 
   private:
@@ -61,7 +61,7 @@ class writer {
     bool first_ = true;
 };
 
-// Null where there is no code.
+// null when there is no code.
 json code_json(std::optional<qnm_api_code_t> code);
 
 }  // namespace qnmctl

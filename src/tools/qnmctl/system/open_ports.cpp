@@ -1,5 +1,5 @@
-// A port is one packet socket and another one that locks it. The kernel's table of them tells the
-// interface of each, and whose it is stands among the descriptors of the processes.
+// A port has one packet socket to capture with and one that locks it. The kernel's table of packet
+// sockets has the interface of each; the descriptors of the processes tell whose it is.
 #include "system/open_ports.h"
 
 #include <unistd.h>
@@ -22,8 +22,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// By the text that stands for a descriptor of such a socket: its interface, 0 for one that has
-// gone.
+// From the link text of a socket's descriptor to its interface; 0 if that has gone.
 using socket_table = std::map<std::string, int>;
 
 socket_table packet_sockets() {
@@ -38,13 +37,13 @@ socket_table packet_sockets() {
         int index = 0;
         words >> skipped >> skipped >> skipped >> skipped >> index >> skipped >> skipped >>
             skipped >> inode;
-        if (!words || index == 0) continue;  // 0: of all interfaces, which no port is
+        if (!words || index == 0) continue;  // 0: of all interfaces, so not a port's
         found["socket:[" + inode + ']'] = index == index_of_gone ? 0 : index;
     }
     return found;
 }
 
-// What can be read of a folder, which may vanish meanwhile.
+// The entries of a folder, as far as it can be read; it may vanish meanwhile.
 std::vector<fs::path> entries_of(const fs::path& folder) {
     std::vector<fs::path> found;
     std::error_code problem;
@@ -70,12 +69,12 @@ bool has_library(std::ifstream& maps) {
     return false;
 }
 
-// The sockets of the table that a process has.
+// The sockets of the table that belong to a process.
 std::vector<socket_table::const_iterator> sockets_of(const fs::path& process,
                                                      const socket_table& sockets) {
     std::vector<socket_table::const_iterator> found;
     for (const fs::path& descriptor : entries_of(process / "fd")) {
-        std::error_code ignored;  // a descriptor that is closed by now is none
+        std::error_code ignored;  // the descriptor may be closed by now
         const auto at = sockets.find(fs::read_symlink(descriptor, ignored).string());
         if (at != sockets.end()) found.push_back(at);
     }
@@ -91,7 +90,7 @@ std::string name_of(const fs::path& process) {
 
 }  // namespace
 
-// A socket that is found with nobody is one of a process that is hidden, or may not be looked into.
+// A socket without a process belongs to one that is hidden or may not be inspected.
 open_ports find_open_ports() {
     open_ports made;
     const socket_table sockets = packet_sockets();
@@ -104,18 +103,18 @@ open_ports find_open_ports() {
         if (own.empty()) continue;
         std::ifstream maps(process / "maps");
         if (!maps) continue;
-        std::set<int> interfaces;  // a port has several such sockets
+        std::set<int> interfaces;  // once each, a port has several sockets
         for (const auto& one : own) {
             seen.insert(one->first);
             interfaces.insert(one->second);
         }
-        // The sockets of a manager in this process are seen, but are no other's.
+        // The sockets of this process are not of interest.
         if (*pid == getpid() || !has_library(maps)) continue;
         const port_user user = {.pid = *pid, .name = name_of(process)};
         for (const int index : interfaces)
             made.found.push_back({.if_index = index, .user = user});
     }
-    const socket_table now = packet_sockets();  // others have been closed meanwhile
+    const socket_table now = packet_sockets();  // some may have been closed meanwhile
     made.all_seen = std::all_of(sockets.begin(), sockets.end(), [&](const auto& one) {
         return seen.count(one.first) > 0 || now.count(one.first) == 0;
     });

@@ -1,4 +1,4 @@
-// Which processes have ports of a manager open, whether or not they access cards by them.
+// Finds the processes that have ports of a manager open, even if they do not access cards.
 #pragma once
 
 #include <vector>
@@ -14,10 +14,10 @@ struct open_port {
 
 struct open_ports {
     std::vector<open_port> found = {};
-    bool all_seen = true;  // otherwise there are sockets of processes that cannot be looked into
+    bool all_seen = true;  // false: some sockets belong to processes that cannot be inspected
 };
 
-// Of all other processes that have libqnm loaded and that this user may look into.
+// Of all other processes that have libqnm loaded and that this user may inspect.
 open_ports find_open_ports();
 
 }  // namespace qnmctl

@@ -1,5 +1,5 @@
-// Walks by O_PATH descriptors, without following links; their targets are put in front of what is
-// left of the way.
+// Walks a path by O_PATH descriptors. Links are not followed by the kernel; their targets are put
+// in front of the remaining path.
 #include "system/own_folder.h"
 
 #include <fcntl.h>
@@ -21,22 +21,22 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr int most_links = 40;  // as the kernel has it
+constexpr int most_links = 40;  // the kernel's own limit
 
 enum class owners { self, anybody };
 
 struct found_link {
-    std::string target = {};  // empty with errno: it is none that can be followed
-    bool is_foreign = false;  // another user's, which is not read
+    std::string target = {};  // empty, with errno: it cannot be followed
+    bool is_foreign = false;  // it is another user's, and its target was not read
 };
 
-// Its owner and its target are those of one open link: whoever may write to the folder can put
-// another one in its place at any time.
+// Owner and target are taken from one open descriptor, because others who may write to the folder
+// can replace the link at any time.
 found_link find_link(const own_folder& in, const std::string& name) {
     const tools::descriptor link(openat(in.at.fd, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     struct stat about {};
     if (link.fd < 0 || fstat(link.fd, &about) != 0) return {};
-    errno = ENOTDIR;  // of what is no folder either
+    errno = ENOTDIR;  // unless it is a link
     if (!S_ISLNK(about.st_mode)) return {};
     errno = EACCES;
     if (!is_own_user(about.st_uid)) return {.is_foreign = true};
@@ -51,8 +51,8 @@ class walk {
   public:
     walk(const fs::path& name, owners of) : owners_(of) { put_in_front(name); }
 
-    // Whether it ended in a folder, with errno. Links are this user's own, and the folders as well
-    // where they have to be.
+    // Whether the path leads to a folder; false with errno. Only the user's own links are followed;
+    // folders must be the user's own as well if `owners` says so.
     bool go(bool makes) {
         if (!enter("/")) return false;
         while (!left_.empty()) {
@@ -65,7 +65,7 @@ class walk {
 
     own_folder end() { return std::move(here_); }
 
-    // The link of another user that ended it; empty: it was none.
+    // The link of another user that ended the walk; empty: there was none.
     const fs::path& foreign_link() const { return foreign_link_; }
 
   private:
@@ -80,7 +80,7 @@ class walk {
             openat(here_.at.fd, part.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
         if (next.fd < 0) return false;
         struct stat about {};
-        errno = EACCES;  // of a folder that is another's
+        errno = EACCES;  // if the folder is another user's
         if (fstat(next.fd, &about) != 0) return false;
         if (owners_ == owners::self && !is_own(about)) return false;
         here_.at = std::move(next);

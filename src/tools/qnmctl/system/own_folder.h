@@ -1,9 +1,8 @@
-// Ways through folders that others may have a hand in.
+// Opens folders and files by paths that other users may be able to change.
 //
-// A folder is reached step by step, each from the one before, so nothing that is put in the place
-// of a name meanwhile leads elsewhere. Links are followed by their own names, and only those of
-// this user and of root: what another user has linked, he could have linked to what only this one
-// can read or write.
+// A path is walked step by step, each folder opened from the one before, so that replacing a name
+// meanwhile leads nowhere else. Only links of this user and of root are followed: another user's
+// link could lead to what only this user can read or write.
 #pragma once
 
 #include <sys/types.h>
@@ -19,19 +18,19 @@ namespace qnmctl {
 
 inline constexpr mode_t own_folder_mode = 0700;
 
-// A folder by its name without links.
+// An open folder, and its path without links.
 struct own_folder {
     tools::descriptor at = {};
     std::filesystem::path path = "/";
 };
 
-// One that nobody else can have put there, by its absolute name; nothing where others have a hand
-// in it. Missing ones are made when asked for.
+// Opens a folder that nobody else can have put there, by its absolute path; nothing when others can
+// change it or the path. Missing folders are created if `makes` says so.
 std::optional<own_folder> open_own_folder(const std::filesystem::path& name, bool makes);
 
-// A regular file in a folder that may be anybody's. A link of another user on the way is none, so
-// it is told as a link; where links are refused, a link as the file itself is one, whose ever it
-// is.
+// Opens a regular file in a folder that may be anybody's. Another user's link on the path is not
+// followed and makes the result a link. If links are refused, so does any link that is the file
+// itself.
 tools::opened_file open_by_own_links(const std::string& name, tools::links how);
 
 }  // namespace qnmctl

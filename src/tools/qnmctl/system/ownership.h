@@ -1,14 +1,14 @@
-// Who has a hand in a file or a folder.
+// Tells who can change a file or a folder.
 #pragma once
 
 #include <sys/stat.h>
 
 namespace qnmctl {
 
-// This user and root.
+// Whether it is this user or root.
 bool is_own_user(uid_t owner);
 
-// Whether nobody else can change what a file says, or what the names in a folder stand for.
+// Whether nobody else can change the file, or replace entries of the folder.
 bool is_own(const struct stat& about);
 
 }  // namespace qnmctl

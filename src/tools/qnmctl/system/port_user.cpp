@@ -1,4 +1,4 @@
-// Asks as the library does.
+// Asks the way the library does.
 #include "system/port_user.h"
 
 #include <unistd.h>
@@ -14,7 +14,7 @@ namespace qnmctl {
 
 namespace {
 
-// Of a line of /proc/net/unix: abstract names stand at its end, with an @ before them.
+// Reads a line of /proc/net/unix, which ends with the name; an @ begins abstract names.
 std::optional<int> index_in(std::string_view line) {
     constexpr std::string_view mark = " @" QNM_PORT_NAME;
     const std::size_t at = line.find(mark);

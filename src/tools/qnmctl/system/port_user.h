@@ -1,5 +1,5 @@
-// Which process accesses cards by an interface. Of several managers one at a time may; it has a
-// name that tells who it is, unless somebody else has that.
+// Finds the process that accesses cards through an interface. Only one manager at a time may; it
+// holds a socket name that tells who it is, unless another process has taken the name.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +10,7 @@
 namespace qnmctl {
 
 struct port_user {
-    bool manager = true;    // otherwise it has the name alone, which hides who accesses cards
+    bool manager = true;    // false: a stranger holds the name, so the manager is unknown
     int pid = 0;            // 0: of another PID namespace
     std::string name = {};  // of the process
 };
@@ -20,7 +20,7 @@ std::string process_text(const port_user& of);
 
 std::optional<port_user> find_port_user(int if_index);
 
-// The indexes of all interfaces whose name somebody has, ascending.
+// The indexes of all interfaces whose socket name is taken, ascending.
 std::vector<int> used_indexes();
 
 }  // namespace qnmctl
