@@ -10,6 +10,7 @@
 #include "installation/config_file.h"
 #include "output/text.h"
 #include "qnm_frame.h"
+#include "qnm_frame_check.h"
 
 namespace qnmctl {
 
@@ -61,21 +62,6 @@ constexpr row address_rows[] = {
     {"dmac", "destination MAC address", offsetof(quillnet_header_s, dmac), mac_size, shape::mac},
     {"smac", "source MAC address", offsetof(quillnet_header_s, smac), mac_size, shape::mac},
 };
-
-// Where the words of a header stand in one of its arrangements.
-struct header_layout {
-    std::uint8_t vlan_mode;
-    std::size_t type;
-    std::size_t tpid;
-    std::size_t tci;
-};
-
-constexpr header_layout ordinary = {0, offsetof(quillnet_header_s, type),
-                                    offsetof(quillnet_header_s, tpid),
-                                    offsetof(quillnet_header_s, tci)};
-constexpr header_layout change_mode = {1, offsetof(vm_ether_header_s, type),
-                                       offsetof(vm_ether_header_s, tpid),
-                                       offsetof(vm_ether_header_s, tci)};
 
 constexpr std::uint64_t priority_bits = 0xE000;
 constexpr std::uint64_t cfi_bit = 0x1000;
@@ -221,7 +207,7 @@ frame_field make_field(const row& of, std::uint64_t value, std::span<const std::
 struct reading_frame {
     const frame_bytes& frame;
     const frame_rules& rules;
-    const header_layout& header;
+    const qnm_header_layout_t& header;
     frame_reading& made;
 
     std::vector<frame_field>& fields() const { return made.sections.back().fields; }
@@ -270,12 +256,7 @@ struct message {
     void (*read)(const reading_frame&, const message&);
     std::size_t size;  // of an announcement by a QNSV card, or of the message
     int down_ports = 0;
-    bool only_version_0 = false;  // others are cards that announce themselves by 40G frames as well
 };
-
-bool is_announcement(const message& of) {
-    return of.down_ports != 0;
-}
 
 bool is_multi_root(const frame_bytes& frame) {
     const auto status = byte_at(frame, status_at + 1);
@@ -450,13 +431,11 @@ constexpr message messages[] = {
     {{qnm::k_devinfo, "1G/10G DEVINFO", "devinfo", way::to_manager},
      read_announcement,
      sizeof(qnw_devinfo_server_s),
-     8,
-     true},
+     8},
     {{qnm::k_notify, "1G/10G NOTIFY", "notify", way::to_manager},
      read_announcement,
      sizeof(qnw_devinfo_server_s),
-     8,
-     true},
+     8},
     {{qnm::k_devinfo_40g, "40G DEVINFO", "devinfo", way::to_manager},
      read_announcement,
      sizeof(qnw_devinfo_server_40g_s),
@@ -491,107 +470,21 @@ const message* find_message(std::uint8_t subtype) {
 
 // ---- What the receive path drops ----------------------------------------------------------------
 
-using checked = std::optional<drop_reason>;
-
-template <class... Values>
-drop_reason drop_for(const char* name, const char* form, Values... values) {
-    char text[128];
-    std::snprintf(text, sizeof text, form, values...);
-    return {name, text};
-}
-
-checked check_length(const reading_frame& at) {
-    if (at.frame.length >= qnm::k_min_recv_size) return std::nullopt;
-    return drop_for("too_short", "Recv size is too short. len=%zu", at.frame.length);
-}
-
-checked check_type(const reading_frame& at) {
-    const auto type = at.word(at.header.type);
-    if (!type || *type == at.rules.ether_type) return std::nullopt;
-    return drop_for("ether_type",
-                    at.header.vlan_mode == 0
-                        ? "Ether type is mismatch. type=0x%.4X"
-                        : "Ether type is mismatch.(VlanTag change mode) type=0x%.4X",
-                    unsigned{*type});
-}
-
-checked check_tpid(const reading_frame& at) {
-    const auto tpid = at.word(at.header.tpid);
-    if (!tpid || *tpid == qnm::k_vlan_tpid) return std::nullopt;
-    return drop_for("tpid", "TPID type is mismatch.(VlanTag change mode) tpid=0x%.4X",
-                    unsigned{*tpid});
-}
-
-checked check_priority(const reading_frame& at) {
-    const auto high = byte_at(at.frame, at.header.tci);
-    if (!high || (*high & qnm::k_priority_mask) == qnm::k_priority) return std::nullopt;
-    return drop_for("priority",
-                    at.header.vlan_mode == 0
-                        ? "priority is not 100(bit). pri=0x%.2X"
-                        : "priority is not 100(bit).(VlanTag change mode) pri=0x%.2X",
-                    unsigned{*high});
-}
-
 // A request is for cards; that managers do not take it is no fault of it.
-checked check_subtype(const reading_frame& at) {
-    const auto subtype = byte_at(at.frame, message_at);
-    if (!subtype || find_message(*subtype) != nullptr) return std::nullopt;
-    return drop_for("subtype", "Subtype is mismatch. subtype=0x%.2X", unsigned{*subtype});
+bool is_request(const frame_bytes& frame, const qnm_frame_verdict_t& verdict) {
+    if (verdict.reason != QNM_FRAME_SUBTYPE) return false;
+    const message* const found = find_message(frame.captured[message_at]);
+    return found != nullptr && found->kind.goes == way::to_card;
 }
 
-// The least length of an announcement; of a card of unknown kind it is that of any frame.
-std::size_t needed_size(const reading_frame& at, const message& of) {
-    const auto host = byte_at(at.frame, host_at);
-    if (host == qnm::k_host_qnsv) return of.size;
-    if (host != qnm::k_host_qnio || !byte_at(at.frame, status_at + 1)) return qnm::k_min_recv_size;
-    return is_multi_root(at.frame) ? sizeof(qnw_devinfo_mrio_s) : sizeof(qnw_devinfo_io_s);
-}
-
-const message* find_announcement(const reading_frame& at) {
-    const auto subtype = byte_at(at.frame, message_at);
-    const message* const found = subtype ? find_message(*subtype) : nullptr;
-    return found != nullptr && is_announcement(*found) ? found : nullptr;
-}
-
-checked check_size(const reading_frame& at) {
-    const message* const of = find_announcement(at);
-    if (of == nullptr) return std::nullopt;
-    const std::size_t needed = needed_size(at, *of);
-    if (at.frame.length >= needed) return std::nullopt;
-    return drop_for("size", "Recv size is not enough. subtype=0x%.2X, recv_size=%zu, msg_size=%zu",
-                    unsigned{of->kind.subtype}, at.frame.length, needed);
-}
-
-checked check_ver(const reading_frame& at) {
-    const message* const of = find_announcement(at);
-    const std::uint8_t ver = byte_at(at.frame, ver_at).value_or(0);
-    if (of == nullptr || !of->only_version_0 || ver == 0) return std::nullopt;
-    return drop_for("ver", "Drop %s to send from (ver=%u) QN card.", of->kind.name, unsigned{ver});
-}
-
-checked check_host(const reading_frame& at) {
-    const auto host = byte_at(at.frame, host_at);
-    if (find_announcement(at) == nullptr || !host || *host <= qnm::k_host_qnio) return std::nullopt;
-    return drop_for("host", "Unknwon PEB. host=0x%.2X",
-                    unsigned{*host});  // so it stands in the log
-}
-
-using check = checked (*)(const reading_frame&);
-
-// In the order of the receive path, by the arrangement of the header.
-constexpr check ordinary_checks[] = {check_length, check_priority, check_type, check_subtype,
-                                     check_size,   check_ver,      check_host};
-constexpr check change_mode_checks[] = {check_length,  check_type, check_tpid, check_priority,
-                                        check_subtype, check_size, check_ver,  check_host};
-
-checked check_frame(const reading_frame& at) {
-    const std::span<const check> checks = at.header.vlan_mode == 0
-                                              ? std::span<const check>(ordinary_checks)
-                                              : std::span<const check>(change_mode_checks);
-    for (const check one : checks) {
-        if (auto found = one(at)) return found;
-    }
-    return std::nullopt;
+std::optional<drop_reason> drop_reason_of(const frame_bytes& frame,
+                                          const qnm_frame_verdict_t& verdict) {
+    if (verdict.reason == QNM_FRAME_TAKEN || is_request(frame, verdict)) return std::nullopt;
+    char text[QNM_FRAME_TEXT_SIZE];
+    _qnm_frame_reason_text(&verdict, text);
+    const auto rows = _qnm_frame_reasons();
+    const auto row = std::ranges::find(rows, verdict.reason, &qnm_frame_reason_row_t::reason);
+    return drop_reason{row->name, text};
 }
 
 // ---- Reading ------------------------------------------------------------------------------------
@@ -633,24 +526,13 @@ void read_message(const reading_frame& at) {
     of->read(at, *of);
 }
 
-const header_layout& layout_of(const frame_bytes& frame) {
-    return big_number(frame, ordinary.tpid, 2) == qnm::k_vlan_tpid ? ordinary : change_mode;
-}
-
 struct titled_reason {
     const char* name;
     const char* title;
 };
 
-constexpr titled_reason titles[] = {
-    {"too_short", "The frame is too short"},
-    {"priority", "The priority is not 4"},
-    {"ether_type", "The Ethernet type is another"},
-    {"tpid", "There is no VLAN tag"},
-    {"subtype", "Managers do not know the subtype"},
-    {"size", "The announcement is cut short"},
-    {"ver", "The card announces itself by 40G frames as well"},
-    {"host", "The kind of card is unknown"},
+// Reasons to drop a Completion, which only who has seen the requests can tell.
+constexpr titled_reason completion_titles[] = {
     {"tag", "No manager uses the tag"},
     {"mac", "Another card was asked"},
     {"repeated", "The Register Read has its answer"},
@@ -675,11 +557,14 @@ std::span<const message_kind> message_kinds() {
 }
 
 frame_reading read_frame(const frame_bytes& frame, const frame_rules& rules) {
+    const qnm_frame_bytes_t bytes = {frame.captured.data(), frame.captured.size(), frame.length};
+    qnm_frame_verdict_t verdict = _qnm_check_frame(&bytes, rules.ether_type);
+    _qnm_check_frame_host(&bytes, &verdict);
     frame_reading made;
-    const reading_frame at = {frame, rules, layout_of(frame), made};
+    const reading_frame at = {frame, rules, *verdict.layout, made};
     made.destination = big_number(frame, offsetof(quillnet_header_s, dmac), mac_size);
     made.source = big_number(frame, offsetof(quillnet_header_s, smac), mac_size);
-    made.dropped = check_frame(at);
+    made.dropped = drop_reason_of(frame, verdict);
     start_section(at, "");
     read_header(at);
     if (has_message(at)) {
@@ -691,9 +576,13 @@ frame_reading read_frame(const frame_bytes& frame, const frame_rules& rules) {
 }
 
 const char* drop_title(const std::string& name) {
-    const auto found = std::find_if(std::begin(titles), std::end(titles),
-                                    [&](const titled_reason& of) { return name == of.name; });
-    return found == std::end(titles) ? "" : found->title;
+    for (const qnm_frame_reason_row_t& row : _qnm_frame_reasons()) {
+        if (name == row.name) return row.title;
+    }
+    for (const titled_reason& row : completion_titles) {
+        if (name == row.name) return row.title;
+    }
+    return "";
 }
 
 std::string register_text(std::uint32_t address) {

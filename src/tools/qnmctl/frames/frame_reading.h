@@ -2,8 +2,8 @@
 //
 // A frame is read as far as it was captured and makes sense, dropped or not. The names of fields
 // and of the reasons for a drop are those of the Wireshark dissector, and the words of a reason are
-// those of the library's log. They are found in the order of the receive path's checks; what was
-// not captured is trusted.
+// those of the library's log: the library's own unit judges the frame. What was not captured is
+// trusted.
 #pragma once
 
 #include <cstdint>

@@ -23,8 +23,4 @@ int _qnm_recv_frame(int port);
 // failure. The data are the handle's, valid until its next frame.
 int _qnm_recv_pcap(pcap_t* handle, const unsigned char** data_out, size_t* length_out);
 
-// Learns or updates a card from a DEVINFO or NOTIFY frame that has been checked. vlan_mode is
-// non-zero for a frame in VLAN-tag change mode. Always 0: a failure is logged and drops the frame.
-int _qnm_recv_devinfo(int port, const unsigned char* recv_buf, uint8_t vlan_mode);
-
 }  // extern "C"

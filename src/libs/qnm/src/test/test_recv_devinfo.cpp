@@ -4,7 +4,7 @@
 
 #include "frames.h"
 #include "qnm_limits.h"
-#include "qnm_recv.h"
+#include "qnm_recv_devinfo.h"
 #include "units.h"
 
 namespace {
