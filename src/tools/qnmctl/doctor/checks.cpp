@@ -1,7 +1,6 @@
-// Facts into findings.
+// Judges what was found of the system.
 #include "doctor/checks.h"
 
-#include <net/if.h>
 #include <net/if_arp.h>
 #include <sys/timex.h>
 
@@ -13,7 +12,6 @@
 #include <functional>
 #include <utility>
 
-#include "common/nearest.h"
 #include "output/foreign_words.h"
 
 namespace qnmctl {
@@ -24,12 +22,8 @@ namespace {
 void for_interfaces(const inspected& system,
                     const std::function<void(const interface_facts&)>& look) {
     for (const interface_facts& one : system.interfaces) {
-        if (one.error == 0) look(one);
+        if (one.state.error == 0) look(one);
     }
-}
-
-bool carries_frames(const interface_facts& of) {
-    return of.hardware == ARPHRD_ETHER || of.hardware == ARPHRD_LOOPBACK;
 }
 
 }  // namespace
@@ -61,131 +55,77 @@ void check_library(const inspected& system, findings& found) {
 
 // ---- Privileges ---------------------------------------------------------------------------------
 
-namespace {
-
-std::string capability_remedy(const privilege_facts& of) {
-    if (!of.attainable) {
-        return "Start the container or service with the capability NET_RAW (docker run --cap-add "
-               "NET_RAW, CapabilityBoundingSet=).";
-    }
-    return "Run it under sudo, or give it the capability once: sudo setcap cap_net_raw+ep " +
-           of.program;
-}
-
-}  // namespace
-
 void check_privileges(const inspected& system, findings& found) {
-    const privilege_facts& of = system.privileges;
-    finding told = {.text = "CAP_NET_RAW is effective, and raw sockets can be opened"};
-    if (of.socket_error != 0 && of.effective) {
-        told.rank = severity::error;
-        told.text = std::string("CAP_NET_RAW is effective, but no raw socket can be opened: ") +
-                    std::strerror(of.socket_error);
-        told.remedy =
-            "Look for what refuses it: a user namespace without the network, a seccomp "
-            "profile, a security module.";
-    } else if (of.socket_error != 0 || !of.effective) {
-        told.rank = severity::error;
-        told.text = of.permitted ? "CAP_NET_RAW is permitted, but not effective"
-                                 : "CAP_NET_RAW is missing, so no port can be opened";
-        told.remedy = capability_remedy(of);
+    if (const auto wrong = privilege_obstacle(system.privileges)) {
+        found.push_back(finding_of("", *wrong));
+        return;
     }
-    found.push_back(told);
-    if (!of.root || told.rank != severity::ok) return;
+    found.push_back({.text = "CAP_NET_RAW is effective, and raw sockets can be opened"});
+    if (!system.privileges.root) return;
     found.push_back({.rank = severity::note,
                      .text = "this is root; CAP_NET_RAW alone would do",
-                     .remedy = "For an ordinary user: sudo setcap cap_net_raw+ep " + of.program});
+                     .remedy = "For an ordinary user: sudo setcap cap_net_raw+ep " +
+                               system.privileges.program});
 }
 
 // ---- Directory ----------------------------------------------------------------------------------
 
 void check_directory(const inspected& system, findings& found) {
     if (system.temporary) return;
-    const directory_facts& of = system.directory;
-    finding told = {.about = of.name, .text = "is the installation directory"};
-    if (!of.problem.empty()) {
-        told.rank = severity::error;
-        told.text = of.problem;
-        told.remedy = "Name the installation directory by --dir, or the interfaces by --ports.";
+    if (const auto& wrong = system.directory_problem) {
+        found.push_back(finding_of(system.directory, *wrong));
+    } else {
+        found.push_back({.about = system.directory, .text = "is the installation directory"});
     }
-    found.push_back(told);
 }
 
 // ---- Interfaces ---------------------------------------------------------------------------------
 
 namespace {
 
-finding missing_interface(const interface_facts& of, const std::vector<std::string>& known) {
-    finding told = {.rank = severity::error,
-                    .text = "there is no such interface",
-                    .remedy =
-                        "\"ip link\" lists them; name the right one by ether_port in "
-                        "qnm.conf or by --ports."};
-    const auto meant = tools::nearest_name(of.name, known);
-    if (meant) told.remedy = "Is " + *meant + " meant? " + told.remedy;
-    return told;
-}
-
-finding judge_interface(const interface_facts& of, const std::vector<std::string>& known) {
-    if (of.name.size() >= IFNAMSIZ) {
-        return {.rank = severity::error,
-                .text = "the name is too long; Linux has up to 15 characters",
-                .remedy = "Name the interface by its short name, which \"ip link\" shows."};
-    }
-    if (of.error == ENODEV) return missing_interface(of, known);
-    if (of.error != 0) {
-        return {.rank = severity::error,
-                .text = std::string("cannot be looked at: ") + std::strerror(of.error),
-                .remedy = "\"ip link\" may tell more."};
-    }
-    if (!carries_frames(of)) {
-        return {.rank = severity::error,
-                .text = "is no Ethernet interface",
-                .remedy = "Name an Ethernet interface by ether_port in qnm.conf or by --ports."};
-    }
-    if (!of.up) {
-        return {.rank = severity::error,
-                .text = "is down, so it cannot be opened",
-                .remedy = "Bring it up: sudo ip link set " + of.name + " up"};
-    }
+finding judge_interface(const interface_state& of, const std::vector<std::string>& known) {
+    const std::string name = printable(of.name);
+    if (const auto wrong = interface_obstacle(of, known)) return finding_of(name, *wrong);
     if (of.hardware == ARPHRD_LOOPBACK) {
-        return {.rank = severity::note, .text = "is the loopback; there are no cards behind it"};
+        return {.rank = severity::note,
+                .about = name,
+                .text = "is the loopback; there are no cards behind it"};
     }
-    return {.text = "is an Ethernet interface, and up"};
+    return {.about = name, .text = "is an Ethernet interface, and up"};
 }
 
 }  // namespace
 
 void check_interfaces(const inspected& system, findings& found) {
     for (const interface_facts& one : system.interfaces) {
-        found.push_back(judge_interface(one, system.known_interfaces));
-        found.back().about = printable(one.name);
+        found.push_back(judge_interface(one.state, system.known_interfaces));
     }
     const auto& all = system.interfaces;
-    if (all.size() < 2 || all[0].name != all[1].name) return;
+    if (all.size() < 2 || all[0].state.name != all[1].state.name) return;
     found.push_back({.rank = severity::warning,
-                     .about = printable(all[0].name),
+                     .about = printable(all[0].state.name),
                      .text = "is named for both ports, so every frame is received twice",
                      .remedy = "Name two interfaces, or one alone."});
 }
 
 void check_links(const inspected& system, findings& found) {
     for_interfaces(system, [&](const interface_facts& one) {
-        if (one.link_error != 0) {
+        if (one.link.error != 0) {
             found.push_back({.rank = severity::error,
-                             .about = one.name,
+                             .about = one.state.name,
                              .text = std::string("does not tell its link: ") +
-                                     std::strerror(one.link_error) + "; it cannot be opened so",
+                                     std::strerror(one.link.error) + "; it cannot be opened so",
                              .remedy = "Use an interface whose driver knows ethtool."});
-        } else if (!one.up) {
+        } else if (!one.state.up) {
             return;  // then it has no link either
-        } else if (!one.link) {
-            found.push_back({.rank = severity::warning,
-                             .about = one.name,
-                             .text = "has no link, so no card can be heard on it",
-                             .remedy = "Check the cable and the far end: ethtool " + one.name});
+        } else if (!one.link.up) {
+            found.push_back(
+                {.rank = severity::warning,
+                 .about = one.state.name,
+                 .text = "has no link, so no card can be heard on it",
+                 .remedy = "Check the cable and the far end: ethtool " + one.state.name});
         } else {
-            found.push_back({.about = one.name, .text = "has a link"});
+            found.push_back({.about = one.state.name, .text = "has a link"});
         }
     });
 }
@@ -193,13 +133,15 @@ void check_links(const inspected& system, findings& found) {
 void check_mtu(const inspected& system, findings& found) {
     constexpr int longest = 478;  // an announcement behind Ethernet header and VLAN tag
     for_interfaces(system, [&](const interface_facts& one) {
-        const bool enough = one.mtu >= longest;
+        const int mtu = one.state.mtu.value_or(0);
+        const bool enough = mtu >= longest;
         const std::string need = std::to_string(longest);
-        found.push_back({.rank = enough ? severity::ok : severity::warning,
-                         .about = one.name,
-                         .text = "MTU " + std::to_string(one.mtu) +
-                                 (enough ? ", " : ", too small: ") + need + " are needed",
-                         .remedy = enough ? "" : "sudo ip link set " + one.name + " mtu 1500"});
+        found.push_back(
+            {.rank = enough ? severity::ok : severity::warning,
+             .about = one.state.name,
+             .text = "MTU " + std::to_string(mtu) + (enough ? ", " : ", too small: ") + need +
+                     " are needed",
+             .remedy = enough ? "" : "sudo ip link set " + one.state.name + " mtu 1500"});
     });
 }
 
@@ -219,10 +161,11 @@ finding judge_filter(const interface_facts& of) {
                         "rx-vlan-filter is on: frames of VLANs that nobody has set up here may "
                         "be dropped; most drivers let them in to the library, which asks for "
                         "all"};
-    told.remedy = of.vlan_filter->fixed ? "If cards are not heard: ip link add link " + of.name +
-                                              " type vlan id N, for the group N of each"
-                                        : "If cards are not heard: sudo ethtool -K " + of.name +
-                                              " rx-vlan-filter off";
+    told.remedy =
+        of.vlan_filter->fixed
+            ? "If cards are not heard: ip link add link " + of.state.name +
+                  " type vlan id N, for the group N of each"
+            : "If cards are not heard: sudo ethtool -K " + of.state.name + " rx-vlan-filter off";
     return told;
 }
 
@@ -247,10 +190,10 @@ void check_vlan(const inspected& system, findings& found) {
         if (found.size() == before) {
             found.push_back({.rank = severity::note,
                              .text = "does not tell how it treats VLAN tags",
-                             .remedy = "If cards are not heard: ethtool -k " + one.name});
+                             .remedy = "If cards are not heard: ethtool -k " + one.state.name});
         }
         for (std::size_t at = before; at < found.size(); ++at)
-            found[at].about = one.name;
+            found[at].about = one.state.name;
     });
 }
 
@@ -282,13 +225,13 @@ void check_capture(const inspected& system, findings& found) {
     found.push_back({.text = system.capture_library});
     for_interfaces(system, [&](const interface_facts& one) {
         if (one.capture) {
-            found.push_back(judge_capture(*one.capture, one.name));
+            found.push_back(judge_capture(*one.capture, one.state.name));
         } else {
             found.push_back({.rank = severity::note,
                              .text = "was not opened, because it is down or CAP_NET_RAW is "
                                      "missing"});
         }
-        found.back().about = one.name;
+        found.back().about = one.state.name;
     });
 }
 
@@ -343,11 +286,11 @@ finding judge_left(const left_behind& one, bool is_port_missing) {
 void check_users(const inspected& system, findings& found) {
     for_interfaces(system, [&](const interface_facts& one) {
         found.push_back(judge_user(one));
-        found.back().about = one.name;
+        found.back().about = one.state.name;
     });
     const bool is_port_missing =
         std::any_of(system.interfaces.begin(), system.interfaces.end(),
-                    [](const interface_facts& one) { return one.error == ENODEV; });
+                    [](const interface_facts& one) { return one.state.error == ENODEV; });
     for (const left_behind& one : system.left)
         found.push_back(judge_left(one, is_port_missing));
     if (system.all_users_seen) return;

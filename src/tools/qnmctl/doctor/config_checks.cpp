@@ -257,32 +257,20 @@ void check_config_file(const inspected& system, findings& found) {
     const file_facts& file = system.config;
     if (system.temporary) return;  // options have no file
     finding told = {.about = file.name};
-    switch (file.state) {
-        case file_state::missing:
-            told.rank = severity::note;
-            told.text = "there is no such file, so every key has its default";
-            told.remedy = "To change one, copy the sample conf/qnm.conf there.";
-            break;
-        case file_state::link:
-            told.rank = severity::warning;
-            told.text =
-                "is a symbolic link, which is not followed here, so neither its keys nor the ports "
-                "were looked at";
-            told.remedy = "Put the file itself there.";
-            break;
-        case file_state::no_file:
-            told.rank = severity::error;
-            told.text = "is no regular file; the library takes no notice of it";
-            told.remedy = "Move it away, and copy the sample conf/qnm.conf there.";
-            break;
-        case file_state::unreadable:
-            told.rank = severity::error;
-            told.text = "cannot be read: " + file.problem;
-            told.remedy = "Let the user of the host program read it: chmod, chown.";
-            break;
-        case file_state::readable:
-            told.text = "can be read, " + std::to_string(count_lines(file.text)) + " lines";
-            break;
+    if (const auto wrong = config_obstacle(file.state, file.problem)) {
+        told = finding_of(file.name, *wrong);
+    } else if (file.state == file_state::missing) {
+        told.rank = severity::note;
+        told.text = "there is no such file, so every key has its default";
+        told.remedy = "To change one, copy the sample conf/qnm.conf there.";
+    } else if (file.state == file_state::link) {
+        told.rank = severity::warning;
+        told.text =
+            "is a symbolic link, which is not followed here, so neither its keys nor the ports "
+            "were looked at";
+        told.remedy = "Put the file itself there.";
+    } else {
+        told.text = "can be read, " + std::to_string(count_lines(file.text)) + " lines";
     }
     if (file.size > file.text.size()) {
         told.rank = severity::warning;

@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "manager/obstacles.h"
+
 namespace qnmctl {
 
 // error: the manager does not start, or does without something that it is told to use.
@@ -19,5 +21,10 @@ struct finding {
 };
 
 using findings = std::vector<finding>;
+
+// An obstacle to a start is an error.
+inline finding finding_of(const std::string& about, const obstacle& of) {
+    return {.rank = severity::error, .about = about, .text = of.text, .remedy = of.remedy};
+}
 
 }  // namespace qnmctl

@@ -80,23 +80,14 @@ std::string size_text(std::uintmax_t bytes) {
 
 // Whether the file can be used at all.
 bool check_file(const file_facts& file, findings& found) {
-    finding told = {.rank = severity::error, .about = file.name};
-    if (file.state == file_state::missing) {
-        told.text = "there is no such file, and the library does not start without it";
-        told.remedy = "Copy the sample conf/qnm_log4c.properties there.";
+    finding told = {.rank = severity::warning, .about = file.name};
+    if (const auto wrong = properties_obstacle(file.state, file.problem)) {
+        told = finding_of(file.name, *wrong);
     } else if (file.state == file_state::link) {
-        told.rank = severity::warning;
         told.text =
             "is a symbolic link, which is not followed here, so the logs were not looked at";
         told.remedy = "Put the file itself there.";
-    } else if (file.state == file_state::no_file) {
-        told.text = "is no regular file, and the library does not start without one";
-        told.remedy = "Move it away, and copy the sample conf/qnm_log4c.properties there.";
-    } else if (file.state == file_state::unreadable) {
-        told.text = "cannot be read: " + file.problem;
-        told.remedy = "Let the user of the host program read it: chmod, chown.";
     } else if (file.size > file.text.size()) {
-        told.rank = severity::warning;
         told.text = "has " + std::to_string(file.size) + " bytes; only the first " +
                     std::to_string(file.text.size()) + " were looked at";
         told.remedy = "Is it the right file?";

@@ -4,18 +4,12 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <linux/capability.h>
-#include <linux/ethtool.h>
 #include <linux/if_packet.h>
-#include <linux/sockios.h>
 #include <net/if.h>
 #include <pcap/pcap.h>
 #include <poll.h>
-#include <sys/ioctl.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/statvfs.h>
-#include <sys/syscall.h>
 #include <sys/timex.h>
 #include <unistd.h>
 
@@ -39,7 +33,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// ---- Library and privileges ---------------------------------------------------------------------
+// ---- Library ------------------------------------------------------------------------------------
 
 library_facts look_at_library() {
     Dl_info found{};
@@ -47,101 +41,6 @@ library_facts look_at_library() {
     std::error_code problem;
     const fs::path path = fs::canonical(found.dli_fname, problem);
     return {.path = problem ? std::string(found.dli_fname) : path.string()};
-}
-
-privilege_facts look_at_privileges() {
-    privilege_facts found;
-    found.root = geteuid() == 0;
-    __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
-    __user_cap_data_struct data[_LINUX_CAPABILITY_U32S_3] = {};
-    if (syscall(SYS_capget, &header, data) == 0) {
-        found.effective = (data[0].effective >> CAP_NET_RAW & 1U) != 0;
-        found.permitted = (data[0].permitted >> CAP_NET_RAW & 1U) != 0;
-    }
-    found.attainable = prctl(PR_CAPBSET_READ, CAP_NET_RAW) != 0;
-    const tools::descriptor raw(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0));
-    found.socket_error = raw.fd < 0 ? errno : 0;
-    std::error_code ignored;  // the command has a name even so
-    found.program = fs::read_symlink("/proc/self/exe", ignored).string();
-    if (found.program.empty()) found.program = "qnmctl";
-    return found;
-}
-
-// ---- Interfaces ---------------------------------------------------------------------------------
-
-// Asks ethtool about an interface; the code of what went wrong, or 0.
-int ask(int fd, const std::string& name, void* question) {
-    ifreq asked{};
-    name.copy(asked.ifr_name, IFNAMSIZ - 1);
-    asked.ifr_data = static_cast<char*>(question);
-    return ioctl(fd, SIOCETHTOOL, &asked) == 0 ? 0 : errno;
-}
-
-// A question of ethtool has its answer behind it, of a length that is known only now.
-template <class Question>
-struct long_question {
-    explicit long_question(std::size_t behind)
-        : words((sizeof(Question) + behind) / sizeof(std::uint64_t) + 1) {}
-    Question* operator->() { return reinterpret_cast<Question*>(words.data()); }
-    void* get() { return words.data(); }
-
-    std::vector<std::uint64_t> words;
-};
-
-// How many features the kernel has names for.
-std::uint32_t count_features(int fd, const std::string& name) {
-    long_question<ethtool_sset_info> info(sizeof(std::uint32_t));
-    info->cmd = ETHTOOL_GSSET_INFO;
-    info->sset_mask = std::uint64_t{1} << ETH_SS_FEATURES;
-    if (ask(fd, name, info.get()) != 0 || info->sset_mask == 0) return 0;
-    return info->data[0];
-}
-
-std::optional<feature> find_feature(int fd, const std::string& name, const char* wanted) {
-    constexpr std::uint32_t bits = 32;
-    const std::uint32_t number = count_features(fd, name);
-    if (number == 0) return std::nullopt;
-    long_question<ethtool_gstrings> names(std::size_t{number} * ETH_GSTRING_LEN);
-    names->cmd = ETHTOOL_GSTRINGS;
-    names->string_set = ETH_SS_FEATURES;
-    names->len = number;
-    const std::uint32_t blocks = (number + bits - 1) / bits;
-    long_question<ethtool_gfeatures> states(blocks * sizeof(ethtool_get_features_block));
-    states->cmd = ETHTOOL_GFEATURES;
-    states->size = blocks;
-    if (ask(fd, name, names.get()) != 0 || ask(fd, name, states.get()) != 0) return std::nullopt;
-    for (std::uint32_t at = 0; at < number; ++at) {
-        const auto* const text =
-            reinterpret_cast<const char*>(names->data) + std::size_t{ETH_GSTRING_LEN} * at;
-        if (std::strncmp(text, wanted, ETH_GSTRING_LEN) != 0) continue;
-        const ethtool_get_features_block& block = states->features[at / bits];
-        const std::uint32_t bit = 1U << at % bits;
-        return feature{.on = (block.active & bit) != 0,
-                       .fixed = (block.never_changed & bit) != 0 || (block.available & bit) == 0};
-    }
-    return std::nullopt;
-}
-
-void ask_ethtool(int fd, interface_facts& into) {
-    ethtool_value link = {.cmd = ETHTOOL_GLINK, .data = 0};
-    into.link_error = ask(fd, into.name, &link);
-    into.link = link.data != 0;
-    ethtool_drvinfo driver{};
-    driver.cmd = ETHTOOL_GDRVINFO;
-    if (ask(fd, into.name, &driver) == 0) {
-        into.driver.assign(driver.driver, strnlen(driver.driver, sizeof driver.driver));
-    }
-    into.vlan_offload = find_feature(fd, into.name, "rx-vlan-hw-parse");
-    into.vlan_filter = find_feature(fd, into.name, "rx-vlan-filter");
-}
-
-std::vector<std::string> name_interfaces() {
-    const std::unique_ptr<struct if_nameindex, decltype(&if_freenameindex)> all(if_nameindex(),
-                                                                                if_freenameindex);
-    std::vector<std::string> names;
-    for (const auto* one = all.get(); one != nullptr && one->if_index != 0; ++one)
-        names.emplace_back(one->if_name);
-    return names;
 }
 
 // ---- Capture ------------------------------------------------------------------------------------
@@ -314,22 +213,6 @@ file_facts look_at_file(const fs::path& name) {
     return found;
 }
 
-directory_facts look_at_directory(const fs::path& name) {
-    directory_facts found = {.name = name.string()};
-    std::error_code problem;
-    const fs::file_status status = fs::status(name, problem);
-    if (found.name.size() > longest_dir) {
-        found.problem = "the name is too long; the library takes up to 485 characters";
-    } else if (status.type() == fs::file_type::not_found) {
-        found.problem = "there is no such directory";
-    } else if (problem) {
-        found.problem = "cannot be looked at: " + problem.message();
-    } else if (!fs::is_directory(status)) {
-        found.problem = "is not a directory";
-    }
-    return found;
-}
-
 log_place look_at_log(const std::string& file) {
     log_place found = {.file = file};
     const fs::path folder = nearest_folder(fs::path(file).parent_path());
@@ -369,20 +252,12 @@ dissector_facts look_at_dissector(const std::string& told) {
 }
 
 interface_facts look_at_interface(const std::string& name) {
-    interface_facts found = {.name = name};
-    const tools::descriptor any(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    ifreq asked{};
-    name.copy(asked.ifr_name, IFNAMSIZ - 1);
-    if (name.size() >= IFNAMSIZ) {
-        found.error = ENODEV;
-    } else if (any.fd < 0 || ioctl(any.fd, SIOCGIFFLAGS, &asked) != 0) {
-        found.error = errno;
-    }
-    if (found.error != 0) return found;
-    found.up = (asked.ifr_flags & IFF_UP) != 0;
-    if (ioctl(any.fd, SIOCGIFHWADDR, &asked) == 0) found.hardware = asked.ifr_hwaddr.sa_family;
-    if (ioctl(any.fd, SIOCGIFMTU, &asked) == 0) found.mtu = asked.ifr_mtu;
-    ask_ethtool(any.fd, found);
+    interface_facts found = {.state = read_interface(name)};
+    if (found.state.error != 0) return found;
+    found.link = read_driver_link(name);
+    found.driver = read_driver(name).value_or(interface_driver()).name;
+    found.vlan_offload = read_feature(name, "rx-vlan-hw-parse");
+    found.vlan_filter = read_feature(name, "rx-vlan-filter");
     return found;
 }
 
@@ -390,21 +265,23 @@ inspected inspect_system(const installation& where, tshark_use tshark) {
     inspected found;
     found.temporary = where.temporary.has_value();
     found.library = look_at_library();
-    found.privileges = look_at_privileges();
-    found.directory = look_at_directory(where.dir);
+    found.privileges = read_privileges();
+    found.directory = where.dir.string();
+    found.directory_problem = directory_obstacle(where.dir);
     found.config = look_at_file(where.config());
     if (found.temporary) remove_last_line(found.config.text);
     found.properties = look_at_file(where.properties());
-    found.known_interfaces = name_interfaces();
+    found.known_interfaces = interface_names();
     // Behind a link nobody has looked which ports are named.
     const bool is_known = found.config.state != file_state::link;
     const std::vector<std::string> ports =
         is_known ? configured_ports(found.config.text) : std::vector<std::string>();
     for (const std::string& name : ports) {
         interface_facts one = look_at_interface(name);
-        const bool can_open = one.error == 0 && one.up && found.privileges.socket_error == 0;
+        const bool can_open =
+            one.state.error == 0 && one.state.up && found.privileges.socket_error == 0;
         if (can_open) one.capture = look_at_capture(name);
-        if (one.error == 0) {
+        if (one.state.error == 0) {
             const int index = static_cast<int>(if_nametoindex(name.c_str()));
             one.user = find_port_user(index);
             one.name_taken = is_used(index);

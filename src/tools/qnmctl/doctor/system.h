@@ -10,7 +10,10 @@
 #include <vector>
 
 #include "common/regular_file.h"
+#include "manager/obstacles.h"
+#include "system/interfaces.h"
 #include "system/port_user.h"
+#include "system/privileges.h"
 
 namespace qnmctl {
 
@@ -20,16 +23,6 @@ struct installation;
 
 struct library_facts {
     std::string path = {};  // of the file in use; empty: it could not be found out
-};
-
-// Whether CAP_NET_RAW is there, and whether it does what it is there for.
-struct privilege_facts {
-    bool root = false;
-    bool effective = false;
-    bool permitted = false;
-    bool attainable = true;    // in the bounding set, so that a program file can bring it
-    int socket_error = 0;      // of opening a raw socket
-    std::string program = {};  // path of the command
 };
 
 struct file_facts {
@@ -42,16 +35,6 @@ struct file_facts {
 
 inline constexpr std::size_t text_limit = std::size_t{1} << 20;
 
-struct directory_facts {
-    std::string name = {};
-    std::string problem = {};  // why it is not there or cannot be used
-};
-
-struct feature {
-    bool on = false;
-    bool fixed = false;  // by the driver
-};
-
 // How frames come from an interface.
 struct capture_facts {
     std::string problem = {};  // why it cannot be captured from
@@ -60,14 +43,9 @@ struct capture_facts {
 };
 
 struct interface_facts {
-    std::string name = {};
-    int error = 0;  // of looking for it
-    bool up = false;
-    int hardware = 0;  // ARPHRD_...
-    int mtu = 0;
+    interface_state state = {};
+    driver_link link = {};
     std::string driver = {};
-    int link_error = 0;
-    bool link = false;
     std::optional<feature> vlan_offload = {};
     std::optional<feature> vlan_filter = {};
     std::optional<capture_facts> capture = {};  // not there: it was not tried
@@ -119,8 +97,9 @@ enum class tshark_use { asked, left_alone };
 struct inspected {
     bool temporary = false;  // the configuration comes from options
     library_facts library = {};
-    privilege_facts privileges = {};
-    directory_facts directory = {};
+    qnmctl::privileges privileges = {};
+    std::string directory = {};
+    std::optional<obstacle> directory_problem = {};
     file_facts config = {};
     file_facts properties = {};
     std::vector<std::string> known_interfaces = {};
@@ -137,7 +116,6 @@ inspected inspect_system(const installation& where, tshark_use tshark = tshark_u
 
 // Parts of it.
 file_facts look_at_file(const std::filesystem::path& name);
-directory_facts look_at_directory(const std::filesystem::path& name);
 log_place look_at_log(const std::string& file);
 interface_facts look_at_interface(const std::string& name);
 dissector_facts look_at_dissector(const std::string& told);  // by tshark, of itself

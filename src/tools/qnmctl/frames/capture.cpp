@@ -5,7 +5,6 @@
 #include <net/if.h>
 #include <pcap/pcap.h>
 #include <poll.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/utsname.h>
 #include <unistd.h>
@@ -25,6 +24,7 @@
 #include "frames/pcapng.h"
 #include "manager/explain.h"
 #include "output/text.h"
+#include "system/interfaces.h"
 
 namespace qnmctl {
 
@@ -112,16 +112,6 @@ struct port {
     }
 };
 
-std::uint64_t mac_of(int fd, const std::string& interface) {
-    ifreq asked{};
-    interface.copy(asked.ifr_name, sizeof asked.ifr_name - 1);
-    std::uint64_t mac = 0;
-    if (ioctl(fd, SIOCGIFHWADDR, &asked) != 0) return mac;
-    for (int byte = 0; byte < 6; ++byte)
-        mac = mac << 8 | static_cast<std::uint8_t>(asked.ifr_hwaddr.sa_data[byte]);
-    return mac;
-}
-
 // Why it cannot be opened, where that shows from outside; else what libpcap says.
 std::string open_problem(const std::string& interface, const char* said) {
     if (const auto known = port_problem(interface)) return *known;
@@ -152,7 +142,7 @@ std::string open_port(const std::string& interface, int snaplen, port& made) {
     }
     pcap_setnonblock(handle, 1, said);
     made.nanoseconds = pcap_get_tstamp_precision(handle) == PCAP_TSTAMP_PRECISION_NANO;
-    made.mac = mac_of(pcap_fileno(handle), interface);
+    made.mac = read_interface(interface).mac.value_or(0);
     return {};
 }
 

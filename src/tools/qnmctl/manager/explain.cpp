@@ -1,21 +1,16 @@
 // Looks for the reasons of a failed start and puts them into words.
 #include "manager/explain.h"
 
-#include <linux/if_packet.h>
-#include <net/if.h>
-#include <sys/ioctl.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cctype>
-#include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <sstream>
 #include <string_view>
 
+#include "common/regular_file.h"
 #include "installation/config_file.h"
+#include "manager/obstacles.h"
 #include "output/text.h"
 
 namespace qnmctl {
@@ -40,60 +35,21 @@ constexpr key_message key_messages[] = {
 
 constexpr char sample_config[] = "qnm.conf(5) explains every key and its range.";
 
-std::optional<std::string> missing_dir(const installation& where) {
-    const std::string dir = where.dir.string();
-    std::error_code problem;
-    const fs::file_status status = fs::status(where.dir, problem);
-    std::string wrong;
-    if (status.type() == fs::file_type::not_found)
-        wrong = "there is no directory " + dir;
-    else if (problem)
-        wrong = "cannot read the directory " + dir + ": " + problem.message();
-    else if (!fs::is_directory(status))
-        wrong = dir + " is not a directory";
-    else
-        return std::nullopt;
-    return wrong + "\nName the installation directory by --dir, or the interfaces by --ports.";
+// "PATH is not a directory", "PATH: there is no such directory".
+std::string text_of(const std::string& about, const obstacle& of) {
+    const bool is_predicate = of.text.starts_with("is ") || of.text.starts_with("cannot ");
+    return about + (is_predicate ? " " : ": ") + of.text +
+           (of.remedy.empty() ? "" : '\n' + of.remedy);
 }
 
-std::optional<std::string> unusable_files(const installation& where) {
-    if (where.dir.string().size() > longest_dir) {
-        return "the name of the directory is too long; the library takes up to 485 characters";
-    }
-    for (const fs::path& file : {where.config(), where.properties()}) {
-        if (auto wrong = wrong_config(file)) return wrong;
-    }
-    std::error_code ignored;  // what cannot be looked at is no regular file
-    if (!fs::is_regular_file(where.properties(), ignored)) {
-        return "there is no file " + where.properties().string() +
-               "\nThe library does not start without it. Copy the sample "
-               "qnm_log4c.properties there (packages have it in /usr/share/qnm/conf), or name "
-               "the interfaces by --ports.";
-    }
-    if (access(where.properties().c_str(), R_OK) != 0) {
-        return "cannot read " + where.properties().string() + ": " + std::strerror(errno);
-    }
-    if (fs::is_regular_file(where.config(), ignored) && access(where.config().c_str(), R_OK) != 0) {
-        return "cannot read " + where.config().string() + ": " + std::strerror(errno);
-    }
+// A file as the library opens it, which follows links.
+std::optional<std::string> unusable_file(
+    const fs::path& name,
+    std::optional<obstacle> (*judge)(tools::file_state state, const std::string& problem)) {
+    if (auto wrong = wrong_config(name)) return wrong;
+    const tools::opened_file file = tools::open_regular(name, tools::links::followed);
+    if (const auto found = judge(file.state, file.problem)) return text_of(file.name, *found);
     return std::nullopt;
-}
-
-std::optional<std::string> missing_privilege() {
-    const int fd = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0);
-    if (fd >= 0) {
-        close(fd);
-        return std::nullopt;
-    }
-    if (errno != EPERM && errno != EACCES) {
-        return std::string("cannot open a raw socket: ") + std::strerror(errno);
-    }
-    std::error_code ignored;
-    const fs::path program = fs::read_symlink("/proc/self/exe", ignored);
-    return "no privilege for raw sockets (capability CAP_NET_RAW)\nRun it under sudo, or give it "
-           "the "
-           "capability once: sudo setcap cap_net_raw+ep " +
-           (program.empty() ? std::string("qnmctl") : program.string());
 }
 
 // Where a key was set: an option, or a file and, if it is found there, the line.
@@ -147,30 +103,19 @@ std::vector<std::string> reasons(const installation& where, const std::vector<st
 
 std::optional<std::string> find_obstacle(const installation& where) {
     if (!where.temporary) {
-        if (auto wrong = missing_dir(where)) return wrong;
-        if (auto wrong = unusable_files(where)) return wrong;
+        if (const auto found = directory_obstacle(where.dir)) return text_of(where.dir, *found);
+        if (auto wrong = unusable_file(where.config(), config_obstacle)) return wrong;
+        if (auto wrong = unusable_file(where.properties(), properties_obstacle)) return wrong;
     }
-    return missing_privilege();
+    const auto found = privilege_obstacle(read_privileges());
+    if (!found) return std::nullopt;
+    return found->text + '\n' + found->remedy;
 }
 
 std::optional<std::string> port_problem(const std::string& interface) {
-    const std::string quoted = '"' + interface + '"';
-    if (interface.size() >= IFNAMSIZ) return "the interface name " + quoted + " is too long";
-    ifreq asked{};
-    interface.copy(asked.ifr_name, IFNAMSIZ - 1);
-    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return std::nullopt;
-    const int result = ioctl(fd, SIOCGIFFLAGS, &asked);
-    const int code = result == 0 ? 0 : errno;
-    close(fd);
-    if (code == ENODEV) return "no such interface: " + quoted + "\n\"ip link\" lists them.";
-    if (code != 0) return "interface " + quoted + ": " + std::strerror(code);
-    if ((asked.ifr_flags & IFF_UP) == 0) {
-        return "interface " + quoted +
-               " is down, so it cannot be opened\nBring it up: sudo ip link set " + interface +
-               " up";
-    }
-    return std::nullopt;
+    const auto found = interface_obstacle(read_interface(interface), interface_names());
+    if (!found) return std::nullopt;
+    return text_of("interface \"" + interface + '"', *found);
 }
 
 std::vector<std::string> error_lines(const std::string& log) {

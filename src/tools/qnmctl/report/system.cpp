@@ -3,22 +3,16 @@
 
 #include <archive.h>
 #include <link.h>
-#include <linux/ethtool.h>
-#include <linux/sockios.h>
-#include <net/if.h>
 #include <pcap/pcap.h>
-#include <sys/ioctl.h>
-#include <sys/socket.h>
 #include <sys/utsname.h>
-#include <unistd.h>
 #include <nlohmann/json.hpp>
 
 #include <filesystem>
-#include <iterator>
 #include <sstream>
 
 #include "installation/config_file.h"
 #include "output/text.h"
+#include "system/interfaces.h"
 
 namespace qnmctl {
 
@@ -65,41 +59,23 @@ json kernel_json() {
 
 // ---- Ports --------------------------------------------------------------------------------------
 
-struct asking {
-    explicit asking(const std::string& interface) : fd(socket(AF_INET, SOCK_DGRAM, 0)) {
-        interface.copy(request.ifr_name, IFNAMSIZ - 1);
-    }
-    ~asking() {
-        if (fd >= 0) close(fd);
-    }
-    asking(const asking&) = delete;
-    asking& operator=(const asking&) = delete;
-
-    bool ask(unsigned long what) { return fd >= 0 && ioctl(fd, what, &request) == 0; }
-
-    int fd;
-    ifreq request{};
-};
-
-json mac_json(asking& of) {
-    if (!of.ask(SIOCGIFHWADDR)) return {};
-    std::uint64_t mac = 0;
-    for (int i = 0; i < 6; ++i)
-        mac = mac << 8 | static_cast<unsigned char>(of.request.ifr_hwaddr.sa_data[i]);
-    return mac_text(mac);
+json driver_json(const std::string& interface) {
+    const auto driver = read_driver(interface);
+    if (!driver) return {};
+    return {{"name", driver->name},
+            {"version", driver->version},
+            {"firmware", driver->firmware},
+            {"bus", driver->bus}};
 }
 
-json driver_json(asking& of) {
-    ethtool_drvinfo driver{};
-    driver.cmd = ETHTOOL_GDRVINFO;
-    of.request.ifr_data = reinterpret_cast<char*>(&driver);
-    const bool told = of.ask(SIOCETHTOOL);
-    of.request.ifr_data = nullptr;
-    if (!told) return {};
-    return {{"name", driver.driver},
-            {"version", driver.version},
-            {"firmware", driver.fw_version},
-            {"bus", driver.bus_info}};
+json counters_json(const std::string& interface) {
+    const all_interface_counters all = read_counters();
+    const auto found = all.find(interface);
+    if (found == all.end()) return {};
+    json counters = json::object();
+    for (std::size_t at = 0; at < counter_names.size(); ++at)
+        counters[counter_names[at]] = found->second[at];
+    return counters;
 }
 
 }  // namespace
@@ -116,41 +92,17 @@ json versions_json() {
 }
 
 std::optional<json> port_json(int number, const std::string& interface) {
-    if (interface.size() >= IFNAMSIZ) return std::nullopt;
-    asking of(interface);
-    if (!of.ask(SIOCGIFFLAGS)) return std::nullopt;
-    json object = {{"port", number},
-                   {"interface", interface},
-                   {"up", (of.request.ifr_flags & IFF_UP) != 0},
-                   {"link", (of.request.ifr_flags & IFF_RUNNING) != 0},
-                   {"promiscuous", (of.request.ifr_flags & IFF_PROMISC) != 0}};
-    object["mac"] = mac_json(of);
-    object["mtu"] = of.ask(SIOCGIFMTU) ? json(of.request.ifr_mtu) : json();
-    object["driver"] = driver_json(of);
-    // The one of the command's own network namespace, whatever /sys shows.
-    object["counters"] = counters_json(read_text("/proc/self/net/dev"), interface);
-    return object;
-}
-
-json counters_json(const std::string& table, const std::string& interface) {
-    constexpr const char* names[] = {
-        "rx_bytes",       "rx_packets",      "rx_errors",         "rx_dropped",
-        "rx_fifo_errors", "rx_frame_errors", "rx_compressed",     "rx_multicast",
-        "tx_bytes",       "tx_packets",      "tx_errors",         "tx_dropped",
-        "tx_fifo_errors", "collisions",      "tx_carrier_errors", "tx_compressed"};
-    std::istringstream lines(table);
-    for (std::string line; std::getline(lines, line);) {
-        const std::size_t colon = line.find(':');
-        if (colon == std::string::npos) continue;
-        const std::vector<std::string> name = split(line.substr(0, colon), " ");
-        const std::vector<std::string> values = split(line.substr(colon + 1), " ");
-        if (name.size() != 1 || name.front() != interface) continue;
-        json counters = json::object();
-        for (std::size_t at = 0; at < std::min(values.size(), std::size(names)); ++at)
-            counters[names[at]] = parse_number(values[at]).value_or(0);
-        return counters;
-    }
-    return {};
+    const interface_state state = read_interface(interface);
+    if (state.error != 0) return std::nullopt;
+    return json{{"port", number},
+                {"interface", interface},
+                {"up", state.up},
+                {"link", state.running},
+                {"promiscuous", state.promiscuous},
+                {"mac", state.mac ? json(mac_text(*state.mac)) : json()},
+                {"mtu", state.mtu ? json(*state.mtu) : json()},
+                {"driver", driver_json(interface)},
+                {"counters", counters_json(interface)}};
 }
 
 std::string distribution_name(const std::string& os_release) {

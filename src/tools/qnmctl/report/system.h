@@ -15,9 +15,6 @@ json versions_json();
 // name.
 std::optional<json> port_json(int number, const std::string& interface);
 
-// The counters of an interface in the kernel's table, by their names; null when it has no such row.
-json counters_json(const std::string& table, const std::string& interface);
-
 // What /etc/os-release calls the distribution; empty when it does not.
 std::string distribution_name(const std::string& os_release);
 

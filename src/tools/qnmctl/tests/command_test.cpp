@@ -52,7 +52,7 @@ TEST(Command, HelpOfMonitorSaysWhoseManagerItIs) {
 TEST(Command, ADirectoryThatIsMissingIsNamed) {
     program run(invocation({"--dir", "/nonexistent/qnm", "list"}));
     EXPECT_EQ(1, run.end());
-    EXPECT_TRUE(holds(run.errors(), "qnmctl: there is no directory /nonexistent/qnm\n  Name"));
+    EXPECT_TRUE(holds(run.errors(), "qnmctl: /nonexistent/qnm: there is no such directory\n  Name"));
 }
 
 TEST(Command, AMissingPropertiesFileIsNamed) {
@@ -264,13 +264,15 @@ TEST_F(Manager, KeepsItsLogsWhenAsked) {
 TEST_F(Manager, NamesAnInterfaceThatIsMissing) {
     program run(in_namespace({"--ports", "qnmctl-none", "list"}));
     EXPECT_EQ(code_status(QNM_API_EPROTO), run.end());
-    EXPECT_TRUE(holds(run.errors(), "no such interface: \"qnmctl-none\"")) << run.errors();
+    EXPECT_TRUE(holds(run.errors(), "interface \"qnmctl-none\": there is no such interface"))
+        << run.errors();
 }
 
 TEST_F(Manager, RunsOnOnePortAndNamesTheOther) {
     program run(in_namespace({"--ports", "lo,qnmctl-none", "stats", "--for", "0.1"}));
     EXPECT_EQ(0, run.end());
-    EXPECT_TRUE(holds(run.errors(), "no such interface: \"qnmctl-none\"")) << run.errors();
+    EXPECT_TRUE(holds(run.errors(), "interface \"qnmctl-none\": there is no such interface"))
+        << run.errors();
 }
 
 TEST_F(Manager, NamesAnInterfaceThatIsDown) {

@@ -95,7 +95,7 @@ void tell_topology(writer& told) {
 void tell_findings(writer& told) {
     inspected system = sample_system();
     system.config = sample_file("/opt/tarvo/qnm/conf/qnm.conf", "ether_port = eth1\ntag_mxa = 7\n");
-    system.interfaces[1].link = false;
+    system.interfaces[1].link.up = false;
     system.clock.synchronised = false;
     const findings found = examine(all_checks(), system);
     for (const finding& one : found)

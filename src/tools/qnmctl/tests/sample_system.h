@@ -12,15 +12,13 @@ inline file_facts sample_file(const char* name, const std::string& text) {
 }
 
 inline interface_facts sample_interface(const char* name) {
-    return {.name = name,
-            .up = true,
-            .hardware = ARPHRD_ETHER,
-            .mtu = 1500,
-            .driver = "e1000e",
-            .link = true,
-            .vlan_offload = feature{.on = true},
-            .vlan_filter = feature{},
-            .capture = capture_facts{.in_blocks = true, .immediate = true}};
+    return {
+        .state = {.name = name, .up = true, .running = true, .hardware = ARPHRD_ETHER, .mtu = 1500},
+        .link = {.up = true},
+        .driver = "e1000e",
+        .vlan_offload = feature{.on = true},
+        .vlan_filter = feature{},
+        .capture = capture_facts{.in_blocks = true, .immediate = true}};
 }
 
 inline constexpr char sample_properties[] =
@@ -49,7 +47,7 @@ inline inspected sample_system() {
     inspected system;
     system.library.path = "/usr/lib/libqnm.so." QNMCTL_VERSION;
     system.privileges = {.effective = true, .permitted = true, .program = "/usr/bin/qnmctl"};
-    system.directory.name = "/opt/tarvo/qnm";
+    system.directory = "/opt/tarvo/qnm";
     system.config = sample_file("/opt/tarvo/qnm/conf/qnm.conf", "ether_port = eth1,eth2\n");
     system.properties = sample_file("/opt/tarvo/qnm/conf/qnm_log4c.properties", sample_properties);
     system.known_interfaces = {"lo", "eth0", "eth1", "eth2"};

@@ -126,9 +126,9 @@ TEST(CheckLibrary, WantsTheVersionOfTheCommand) {
 
 TEST(CheckPrivileges, TellsWhatIsMissing) {
     inspected system = sample_system();
-    privilege_facts& of = system.privileges;
+    privileges& of = system.privileges;
     of = {.socket_error = EPERM, .program = "/usr/bin/qnmctl"};
-    EXPECT_TRUE(finds("privileges", severity::error, "CAP_NET_RAW is missing", system));
+    EXPECT_TRUE(finds("privileges", severity::error, "no privilege for raw sockets", system));
     EXPECT_TRUE(holds(found_by("privileges", system)[0].remedy, "setcap cap_net_raw+ep /usr/bin"));
     of.attainable = false;
     EXPECT_TRUE(holds(found_by("privileges", system)[0].remedy, "container"));
@@ -143,7 +143,7 @@ TEST(CheckPrivileges, TellsWhatIsMissing) {
 
 TEST(CheckDirectory, TellsWhatIsWrongWithIt) {
     inspected system = sample_system();
-    system.directory.problem = "is not a directory";
+    system.directory_problem = obstacle{"is not a directory", "Name another."};
     EXPECT_TRUE(finds("directory", severity::error, "is not a directory", system));
     system.temporary = true;  // then nobody has asked for it
     EXPECT_TRUE(found_by("directory", system).empty());
@@ -158,7 +158,7 @@ class CheckInterface : public testing::Test {
 };
 
 TEST_F(CheckInterface, FindsOneThatIsMissing) {
-    first = {.name = "eht1", .error = ENODEV};
+    first = {.state = {.name = "eht1", .error = ENODEV}};
     EXPECT_TRUE(finds("interface", severity::error, "no such interface", system));
     EXPECT_TRUE(holds(found_by("interface", system)[0].remedy, "Is eth1 meant?"));
     EXPECT_EQ(1U, found_by("link", system).size());  // nothing more is told of it
@@ -166,16 +166,16 @@ TEST_F(CheckInterface, FindsOneThatIsMissing) {
 }
 
 TEST_F(CheckInterface, FindsWhatCannotBeAPort) {
-    first.up = false;
+    first.state.up = false;
     EXPECT_TRUE(finds("interface", severity::error, "is down", system));
     first = sample_interface("a234567890123456");
     EXPECT_TRUE(finds("interface", severity::error, "name is too long", system));
     first = sample_interface("eth1");
-    first.hardware = ARPHRD_NONE;
+    first.state.hardware = ARPHRD_NONE;
     EXPECT_TRUE(finds("interface", severity::error, "no Ethernet interface", system));
-    first.hardware = ARPHRD_LOOPBACK;
+    first.state.hardware = ARPHRD_LOOPBACK;
     EXPECT_TRUE(finds("interface", severity::note, "loopback", system));
-    first.error = EPERM;
+    first.state.error = EPERM;
     EXPECT_TRUE(finds("interface", severity::error, "cannot be looked at", system));
 }
 
@@ -185,16 +185,16 @@ TEST_F(CheckInterface, FindsOneThatIsNamedTwice) {
 }
 
 TEST_F(CheckInterface, FindsAMissingLink) {
-    first.link = false;
+    first.link.up = false;
     EXPECT_TRUE(finds("link", severity::warning, "has no link", system));
-    first.link_error = EOPNOTSUPP;
+    first.link.error = EOPNOTSUPP;
     EXPECT_TRUE(finds("link", severity::error, "does not tell its link", system));
 }
 
 TEST_F(CheckInterface, FindsAnMtuThatIsTooSmall) {
-    first.mtu = 478;
+    first.state.mtu = 478;
     EXPECT_EQ(2U, count(found_by("mtu", system), severity::ok));
-    first.mtu = 477;
+    first.state.mtu = 477;
     EXPECT_TRUE(finds("mtu", severity::warning, "MTU 477, too small", system));
 }
 
@@ -255,7 +255,7 @@ TEST_F(CheckInterface, TellsWhoWorksWithOneThatIsNoPortAndMayHaveBeenRenamed) {
     system.left = {{.if_index = 7, .name = "eth7", .user = {.pid = 4711, .name = "host"}}};
     EXPECT_TRUE(finds("access", severity::note,
                       "process 4711 (host) works with this interface, which is none", system));
-    first.error = ENODEV;
+    first.state.error = ENODEV;
     EXPECT_TRUE(finds("access", severity::warning, "works with this interface", system));
     EXPECT_TRUE(holds(found_by("access", system).back().remedy, "renamed"));
 }

@@ -37,7 +37,8 @@ class OperatorsDir : public testing::Test {
 
 TEST_F(OperatorsDir, HasToExist) {
     where.dir = base.path() / "missing";
-    EXPECT_TRUE(holds(find_obstacle(where).value(), "there is no directory " + where.dir.string()));
+    EXPECT_TRUE(
+        holds(find_obstacle(where).value(), where.dir.string() + ": there is no such directory"));
     where.dir = where.dir.parent_path() / "conf" / "qnm_log4c.properties";
     EXPECT_TRUE(holds(find_obstacle(where).value(), "is not a directory"));
 }
@@ -45,7 +46,7 @@ TEST_F(OperatorsDir, HasToExist) {
 TEST_F(OperatorsDir, NeedsThePropertiesFile) {
     fs::remove(where.properties());
     const std::string text = find_obstacle(where).value();
-    EXPECT_TRUE(holds(text, "there is no file " + where.properties().string()));
+    EXPECT_TRUE(holds(text, where.properties().string() + ": there is no such file"));
     EXPECT_TRUE(holds(text, "Copy the sample qnm_log4c.properties there"));
 }
 
@@ -88,7 +89,7 @@ TEST_F(OperatorsDir, HasPortsThatCannotBeOpened) {
         failed_start_text(QNM_API_EPROTO, where,
                           {"Failed to pcap_open_live(). qnmctl-none: No such device exists",
                            "Failed to _qnm_socket_open(). port=0, err=71"});
-    EXPECT_TRUE(holds(text, "no such interface: \"qnmctl-none\"\n\"ip link\" lists them."));
+    EXPECT_TRUE(holds(text, "interface \"qnmctl-none\": there is no such interface\n"));
     EXPECT_TRUE(holds(text, "The library's log: Failed to pcap_open_live(). qnmctl-none"));
     EXPECT_FALSE(holds(text, "_qnm_socket_open"));
 }

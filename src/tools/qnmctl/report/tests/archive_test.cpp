@@ -500,18 +500,13 @@ TEST(ReportParts, TakeTheEndOfALogFromALinesStart) {
 
 // ---- System -------------------------------------------------------------------------------------
 
-TEST(ReportSystem, ReadsCountersByTheirColumns) {
-    constexpr char rows[] =
-        "Inter-|   Receive  |  Transmit\n face |bytes packets|bytes packets\n"
-        "    lo:  9 9 9 9 9 9 9 9 9 9 9 9 9 9 9 9\n"
-        "  eth1: 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 18446744073709551615\n";
-    const json counters = counters_json(rows, "eth1");
-    EXPECT_EQ(16U, counters.size());
-    EXPECT_EQ(1, counters.at("rx_bytes"));
-    EXPECT_EQ(8, counters.at("rx_multicast"));
-    EXPECT_EQ(9, counters.at("tx_bytes"));
-    EXPECT_EQ(18446744073709551615U, counters.at("tx_compressed"));
-    EXPECT_TRUE(counters_json(rows, "eth").is_null());
+TEST(ReportSystem, TellsOfThePortsInterface) {
+    const json port = port_json(1, "lo").value();
+    EXPECT_EQ(1, port.at("port"));
+    EXPECT_EQ("00:00:00:00:00:00", port.at("mac"));
+    EXPECT_EQ(16U, port.at("counters").size());
+    EXPECT_TRUE(port.at("counters").at("rx_bytes").is_number());
+    EXPECT_FALSE(port_json(0, "qnmctl-none"));
 }
 
 TEST(ReportSystem, KnowsTheDistribution) {

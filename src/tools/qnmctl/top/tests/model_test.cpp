@@ -340,21 +340,7 @@ TEST(TopKeys, AreTakenOnceAndTold) {
     }
 }
 
-TEST(NetDev, IsReadByItsColumns) {
-    const all_port_counts found = parse_net_dev(
-        "Inter-|   Receive                                                |  Transmit\n"
-        " face |bytes    packets errs drop fifo frame compressed multicast|bytes    packets errs\n"
-        "    lo:     100       2    0    0    0     0          0         0      100       3    0\n"
-        "eth0:1: 18446744073709551615 18446744073709551614 0 0 0 0 0 0 7 8 0\n"
-        "short: 1 2 3\n");
-    ASSERT_EQ(2U, found.size());
-    EXPECT_EQ(2U, found.at("lo").received);
-    EXPECT_EQ(3U, found.at("lo").sent);
-    EXPECT_EQ(18446744073709551614U, found.at("eth0:1").received);
-    EXPECT_EQ(8U, found.at("eth0:1").sent);
-}
-
-TEST(NetDev, HasTheLoopbackInterfaceOfEveryMachine) {
+TEST(PortCounts, HaveTheLoopbackInterfaceOfEveryMachine) {
     EXPECT_TRUE(read_port_counts().contains("lo"));
 }
 
