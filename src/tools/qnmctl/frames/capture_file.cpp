@@ -19,19 +19,7 @@ namespace qnmctl {
 
 namespace {
 
-constexpr std::uint32_t section_header = 0x0A0D0D0A;
-constexpr std::uint32_t interface_description = 1;
-constexpr std::uint32_t old_packet = 2;
-constexpr std::uint32_t simple_packet = 3;
-constexpr std::uint32_t enhanced_packet = 6;
-constexpr std::uint32_t byte_order_magic = 0x1A2B3C4D;
-
-constexpr std::size_t head_size = 8;  // type and length of a block
-constexpr std::uint32_t least_block = 12;
-constexpr std::uint32_t longest_description = 64 * 1024;
-constexpr std::size_t options_at = 8;  // of an interface description
-constexpr std::uint32_t name_option = 2;
-
+constexpr std::size_t longest_description = std::size_t{64} * 1024;
 constexpr std::size_t buffer_size = std::size_t{64} * 1024;
 constexpr char what_it_takes[] = "\nIt has to be a capture, pcap or pcapng.";
 
@@ -41,15 +29,6 @@ constexpr std::int64_t last_second = 4'500'000'000;
 }  // namespace
 
 // ---- Interfaces ---------------------------------------------------------------------------------
-
-std::uint32_t frame_interfaces::number(const char* bytes, std::size_t size) const {
-    std::uint32_t value = 0;
-    for (std::size_t n = 0; n < size; ++n) {
-        const std::size_t at = swapped_ ? n : size - 1 - n;
-        value = value << 8 | static_cast<unsigned char>(bytes[at]);
-    }
-    return value;
-}
 
 // Reads on from where it stands; false at the end.
 bool frame_interfaces::fill() {
@@ -74,29 +53,14 @@ bool frame_interfaces::read(char* bytes, std::size_t size) {
     return true;
 }
 
-// The byte order is that of the section; so its length is read by it again.
-bool frame_interfaces::start_section(std::uint32_t& length) {
-    char magic[4];
-    char bytes[4];
-    std::memcpy(bytes, &length, sizeof bytes);
-    if (!read(magic, sizeof magic)) return false;
-    swapped_ = false;
-    if (number(magic, sizeof magic) != byte_order_magic) swapped_ = true;
-    if (number(magic, sizeof magic) != byte_order_magic) return false;
-    length = number(bytes, sizeof bytes);
-    names_.clear();
+// Reads the rest of an interface description; false where it makes no sense.
+bool frame_interfaces::add_interface(const char* head, std::size_t length) {
+    if (length > longest_description) return false;
+    std::string block(length, '\0');
+    std::memcpy(block.data(), head, pcapng::head_size);
+    if (!read(block.data() + pcapng::head_size, length - pcapng::head_size)) return false;
+    names_.push_back(pcapng::interface_name_of(block, order_));
     return true;
-}
-
-void frame_interfaces::add_interface(const std::string& body) {
-    std::string& name = names_.emplace_back();
-    for (std::size_t at = options_at; at + 4 <= body.size();) {
-        const std::uint32_t code = number(body.data() + at, 2);
-        const std::size_t size = number(body.data() + at + 2, 2);
-        if (at + 4 + size > body.size()) return;
-        if (code == name_option) name = body.substr(at + 4, size);
-        at += 4 + (size + 3) / 4 * 4;
-    }
 }
 
 std::string frame_interfaces::name_of(std::uint32_t index) const {
@@ -104,32 +68,24 @@ std::string frame_interfaces::name_of(std::uint32_t index) const {
 }
 
 std::string frame_interfaces::next() {
-    char head[head_size];
-    while (fd_ >= 0 && read(head, sizeof head)) {
-        const std::uint32_t type = number(head, 4);
-        std::uint32_t length = number(head + 4, 4);
-        std::uint32_t taken = head_size;
-        if (type == section_header) {
-            std::memcpy(&length, head + 4, sizeof length);
-            if (!start_section(length)) break;
-            taken += 4;
+    using pcapng::block_type;
+    char bytes[pcapng::head_size];
+    while (fd_ >= 0 && read(bytes, sizeof bytes)) {
+        const auto head = pcapng::read_head({bytes, sizeof bytes}, order_);
+        if (!head) break;
+        const std::uint64_t end = at_ - sizeof bytes + head->length;
+        if (head->type == block_type::section_header) {
+            names_.clear();
+        } else if (head->type == block_type::interface_description) {
+            if (!add_interface(bytes, head->length)) break;
+        } else if (names_.empty()) {
+            break;
         }
-        if (names_.empty() && type != section_header && type != interface_description) break;
-        if (length < least_block || length % 4 != 0) break;
-        std::string body(type == interface_description ? length - least_block : 0, '\0');
-        char index[4] = {};
-        if (body.size() > longest_description || !read(body.data(), body.size())) break;
-        taken += static_cast<std::uint32_t>(body.size());
-        const bool has_index = type == enhanced_packet || type == old_packet;
-        if (has_index && length >= least_block + sizeof index) {
-            if (!read(index, sizeof index)) break;
-            taken += sizeof index;
-        }
-        at_ += std::uint64_t{length} - taken;
-        if (type == interface_description) add_interface(body);
-        if (type == enhanced_packet) return name_of(number(index, 4));
-        if (type == old_packet) return name_of(number(index, 2));
-        if (type == simple_packet) return name_of(0);
+        at_ = end;
+        const bool is_packet = head->type == block_type::enhanced_packet ||
+                               head->type == block_type::old_packet ||
+                               head->type == block_type::simple_packet;
+        if (is_packet) return name_of(head->interface);
     }
     fd_ = -1;  // what follows makes no sense either
     return {};

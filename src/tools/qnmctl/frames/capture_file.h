@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "frames/frame_reading.h"
+#include "frames/pcapng.h"
 
 struct pcap;
 
@@ -25,18 +26,16 @@ class frame_interfaces {
     std::string next();
 
   private:
-    std::uint32_t number(const char* bytes, std::size_t size) const;
     bool read(char* bytes, std::size_t size);
     bool fill();
-    bool start_section(std::uint32_t& length);
-    void add_interface(const std::string& body);
+    bool add_interface(const char* head, std::size_t length);
     std::string name_of(std::uint32_t index) const;
 
     int fd_;
     std::uint64_t at_ = 0;     // in the file
     std::string buffer_ = {};  // what has been read of it
     std::uint64_t begin_ = 0;  // of the buffer, in the file
-    bool swapped_ = false;
+    pcapng::byte_order order_ = {};
     std::vector<std::string> names_ = {};  // those of the section
 };
 

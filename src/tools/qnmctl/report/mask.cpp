@@ -2,10 +2,10 @@
 #include "report/mask.h"
 
 #include <algorithm>
-#include <cstring>
 #include <functional>
 #include <utility>
 
+#include "frames/pcapng.h"
 #include "qnm_frame.h"
 #include "report/spelling.h"
 
@@ -15,80 +15,21 @@ namespace {
 
 // ---- Captures -----------------------------------------------------------------------------------
 
-// A block of pcapng: what of it is a frame, and the rest, which is names, comments and numbers.
-struct capture_block {
-    std::size_t frame = 0;  // offsets in the file
-    std::size_t frame_end = 0;
-    std::size_t rest = 0;
-    std::size_t rest_end = 0;
-};
-
-enum block_type : std::uint32_t {
-    interface_block = 1,
-    simple_packet_block = 3,
-    packet_block = 6,
-    section_block = 0x0A0D0D0A,
-};
-
-constexpr std::size_t block_frame_size = 12;  // type, length, length once more
-constexpr std::uint32_t byte_order_mark = 0x1A2B3C4D;
-
-// Numbers in a file of this machine's byte order; a capture of another one is not of this program.
-std::uint32_t number_at(std::string_view file, std::size_t at) {
-    std::uint32_t value = 0;
-    std::memcpy(&value, file.data() + at, sizeof value);
-    return value;
-}
-
-// How many bytes a block has in front of what could hold an address.
-std::size_t fixed_size(std::uint32_t type) {
-    switch (type) {
-        case section_block:
-            return 24;
-        case interface_block:
-            return 16;
-        case simple_packet_block:
-            return 12;
-        case packet_block:
-            return 28;
-        default:
-            return 8;
-    }
-}
-
-std::optional<capture_block> read_block(std::string_view file, std::size_t at, std::size_t length) {
-    const std::uint32_t type = number_at(file, at);
-    const std::size_t fixed = fixed_size(type);
-    const std::size_t end = at + length - sizeof(std::uint32_t);
-    if (at + fixed > end) return std::nullopt;
-    if (type == section_block && number_at(file, at + 8) != byte_order_mark) return std::nullopt;
-    capture_block block{.rest = at + fixed, .rest_end = end};
-    if (type == simple_packet_block) {
-        block = {.frame = at + fixed, .frame_end = end, .rest = end, .rest_end = end};
-    }
-    if (type == packet_block) {
-        const std::size_t captured = number_at(file, at + 20);
-        if (captured > end - block.rest) return std::nullopt;
-        block.frame = block.rest;
-        block.frame_end = block.frame + captured;
-        block.rest = std::min(end, block.frame + (captured + 3) / 4 * 4);
-    }
-    return block;
-}
-
-// Nothing when it is no capture, or a damaged one.
-std::optional<std::vector<capture_block>> read_blocks(std::string_view file) {
-    std::vector<capture_block> blocks;
+// The parts of all blocks, as offsets in the file. Nothing when it is no capture, or a damaged one.
+std::optional<std::vector<pcapng::block_parts>> read_blocks(std::string_view file) {
+    std::vector<pcapng::block_parts> blocks;
+    pcapng::byte_order order;
     for (std::size_t at = 0; at < file.size();) {
-        if (file.size() - at < block_frame_size) return std::nullopt;
-        if (at == 0 && number_at(file, at) != section_block) return std::nullopt;
-        const std::size_t length = number_at(file, at + 4);
-        if (length < block_frame_size || length % 4 != 0 || length > file.size() - at)
-            return std::nullopt;
-        const auto block = read_block(file, at, length);
-        if (!block) return std::nullopt;
-        blocks.push_back(*block);
-        at += length;
+        const auto head = pcapng::read_head(file.substr(at), order);
+        if (!head || head->length > file.size() - at) return std::nullopt;
+        if (at == 0 && head->type != pcapng::block_type::section_header) return std::nullopt;
+        const auto parts = pcapng::parts_of(file.substr(at, head->length), order);
+        if (!parts) return std::nullopt;
+        blocks.push_back({.frame = at + parts->frame,
+                          .frame_end = at + parts->frame_end,
+                          .rest = at + parts->rest,
+                          .rest_end = at + parts->rest_end});
+        at += head->length;
     }
     return blocks;
 }
@@ -133,12 +74,13 @@ void known_addresses::learn_from_text(std::string_view text) {
     }
 }
 
-void known_addresses::learn_from_capture(std::string_view pcapng) {
-    for (const capture_block& block : read_blocks(pcapng).value_or(std::vector<capture_block>{})) {
+void known_addresses::learn_from_capture(std::string_view file) {
+    for (const pcapng::block_parts& block :
+         read_blocks(file).value_or(std::vector<pcapng::block_parts>{})) {
         const std::size_t length = block.frame_end - block.frame;
-        for (const std::uint64_t address : addresses_in(pcapng.substr(block.frame, length)))
+        for (const std::uint64_t address : addresses_in(file.substr(block.frame, length)))
             learn(address);
-        learn_from_text(pcapng.substr(block.rest, block.rest_end - block.rest));
+        learn_from_text(file.substr(block.rest, block.rest_end - block.rest));
     }
 }
 
@@ -195,7 +137,7 @@ std::optional<std::string> id_mask::capture(std::string_view clear) const {
     const auto blocks = read_blocks(clear);
     if (!blocks) return std::nullopt;
     std::string masked(clear);
-    for (const capture_block& block : *blocks) {
+    for (const pcapng::block_parts& block : *blocks) {
         replace_bytes(masked, block.frame, block.frame_end);
         replace_bytes(masked, block.rest, block.rest_end);
         const std::size_t length = block.rest_end - block.rest;

@@ -20,7 +20,7 @@ class known_addresses {
   public:
     void learn(std::uint64_t address);  // not a group's address, nor zero
     void learn_from_text(std::string_view text);
-    void learn_from_capture(std::string_view pcapng);
+    void learn_from_capture(std::string_view file);
 
     bool has(std::uint64_t address) const { return pairs_.contains(address >> 1); }
     const std::vector<std::uint64_t>& in_order() const { return order_; }  // the even ones

@@ -132,20 +132,16 @@ TEST_F(CaptureFile, MayBeOfEitherByteOrder) {
     }
 }
 
-TEST(Pcapng, BlocksAreAsTheFormatSays) {
-    const std::string block = pcapng::packet_block(
-        {2, 0x100000005, {bytes.data(), 5}, 9, pcapng::direction::inbound, "abc"});
-    const unsigned char wanted[] = {6, 0, 0, 0, 60,  0,   0,   0,              // type, length
-                                    2, 0, 0, 0, 1,   0,   0,   0, 5, 0, 0, 0,  // interface, time
-                                    5, 0, 0, 0, 9,   0,   0,   0,              // lengths
-                                    1, 2, 3, 4, 5,   0,   0,   0,              // bytes
-                                    1, 0, 3, 0, 'a', 'b', 'c', 0,              // comment
-                                    2, 0, 4, 0, 1,   0,   0,   0,              // flags
-                                    0, 0, 0, 0, 60,  0,   0,   0};
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(wanted), sizeof wanted), block);
-    EXPECT_EQ(sizeof wanted, block.size());
-    EXPECT_EQ(sizeof wanted, pcapng::whole_blocks(block + "1234567", block.size() + 7));
-    EXPECT_EQ(0U, pcapng::whole_blocks(block, block.size() - 1));
+TEST_F(CaptureFile, HasTheInterfacesOfEachSection) {
+    const auto section = [](const char* name) {
+        return pcapng::section_block("Linux", "a test") +
+               pcapng::interface_block({name, "", 1, 1024, true}) +
+               pcapng::packet_block({0, 1, bytes, 15, pcapng::direction::inbound, ""});
+    };
+    capture_file from(write(section("eth1") + section("eth2")));
+    EXPECT_EQ("eth1", from.next()->interface);
+    EXPECT_EQ("eth2", from.next()->interface);
+    EXPECT_FALSE(from.next());
 }
 
 }  // namespace
