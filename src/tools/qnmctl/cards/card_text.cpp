@@ -50,6 +50,28 @@ std::string cell(const card& of, const field* shown) {
     return sight_text(path_of(of, port, path));
 }
 
+// A downstream port with no card connected behind it.
+bool is_empty_port(const section& of) {
+    const field* const connection = find_field(of.fields, "connection", "");
+    return of.index >= 0 && connection != nullptr && connection->value == 0;
+}
+
+std::string section_text(const section& shown, const look& how) {
+    constexpr int title_width = -32;
+    constexpr int name_width = -18;
+    constexpr std::size_t width_with_names = 78;
+    const std::string title = trimmed(section_title(shown));
+    std::string text = title.empty() ? "" : in_colour("  " + title, bold, how.coloured) + '\n';
+    for (const field& of : shown.fields) {
+        const std::string name =
+            of.key == nullptr ? of.name : of.name + (std::string(".") + of.key);
+        text += (title.empty() ? "  " : "    ") + padded(of.title, title_width) + ' ';
+        if (how.width >= width_with_names) text += padded(name, name_width) + ' ';
+        text += value_text(of) + '\n';
+    }
+    return text;
+}
+
 }  // namespace
 
 json monitored_json(const char* action, std::uint64_t id, qnm_api_code_t code) {
@@ -87,27 +109,21 @@ std::string count_text(const std::vector<card>& cards, std::size_t known) {
     return known == cards.size() ? text : text + ", of " + std::to_string(known) + " cards";
 }
 
-std::string card_text(const card& shown, const look& how) {
-    constexpr int title_width = -32;
-    constexpr int name_width = -18;
-    constexpr std::size_t width_with_names = 78;
+std::string card_text(const card& shown, const look& how, down_ports ports) {
     std::string text =
         in_colour(std::string(kind_text(shown)) + " card " + id_text(common(shown).ecd_id), bold,
                   how.coloured) +
         '\n';
+    std::vector<std::string> empty;
     for (const section& within : sections(shown)) {
-        const std::string title = section_title(within);
-        const bool indented = !title.empty();
-        if (indented) text += in_colour("  " + trimmed(title), bold, how.coloured) + '\n';
-        for (const field& of : within.fields) {
-            const std::string name =
-                of.key == nullptr ? of.name : of.name + (std::string(".") + of.key);
-            text += (indented ? "    " : "  ") + padded(of.title, title_width) + ' ';
-            if (how.width >= width_with_names) text += padded(name, name_width) + ' ';
-            text += value_text(of) + '\n';
+        if (ports == down_ports::connected && is_empty_port(within)) {
+            empty.push_back(std::to_string(within.index));
+        } else {
+            text += section_text(within, how);
         }
     }
-    return text;
+    if (empty.empty()) return text;
+    return text + "  down ports without a card: " + join(empty, ", ") + " (-v shows them)\n";
 }
 
 }  // namespace qnmctl

@@ -24,7 +24,10 @@ std::string cards_text(const std::vector<card>& cards, const look& how);
 // "1 QNSV, 2 QNIO", and of how many where not all that are known are shown.
 std::string count_text(const std::vector<card>& cards, std::size_t known);
 
-// Every field of a card, one a line: title, name, value.
-std::string card_text(const card& shown, const look& how);
+enum class down_ports { connected, all };
+
+// The fields of a card, one a line: title, name, value. Downstream ports without a card can be left
+// out; their numbers are told then.
+std::string card_text(const card& shown, const look& how, down_ports ports = down_ports::all);
 
 }  // namespace qnmctl

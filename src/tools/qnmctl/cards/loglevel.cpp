@@ -10,17 +10,15 @@ namespace qnmctl {
 namespace {
 
 constexpr char loglevel_help[] =
-    "The level is that of the running manager, and the manager runs in this very process. So the\n"
-    "command goes on like watch. In a running watch, the line \"loglevel LEVEL\" does the same. "
-    "The\n"
-    "lines are where --log or --keep-logs puts them.";
+    "The level is that of the running manager, and qnmctl has one only as long as it runs. So "
+    "this\n"
+    "is a line to type into a running watch: \"loglevel debug\". The log is where --log or\n"
+    "--keep-logs puts it. For a single command, give --log-level.";
 
 constexpr const char* level_words[] = {"fatal", "error", "warn", "info", "debug", "trace", "none"};
 
 struct loglevel_options {
     qnm_log_level_t level = QNM_LOGLVL_NONE;
-    double seconds = 0;
-    std::uint64_t count = 0;
 };
 
 void answer_loglevel(context& with, const loglevel_options& options) {
@@ -29,13 +27,6 @@ void answer_loglevel(context& with, const loglevel_options& options) {
     const char* const word = level_word(options.level);
     with.told.text(std::string("log level ") + word + '\n');
     with.told.record("loglevel", {{"level", word}, {"result", code_name(code)}});
-}
-
-int run_loglevel(context& with, const loglevel_options& options) {
-    start(with);
-    answer_loglevel(with, options);
-    listen_and_tell(with, options.seconds, options.count);
-    return exit_ok;
 }
 
 // "none" is no level of the library's, but asks for the configured one.
@@ -50,16 +41,12 @@ value running_level(qnm_log_level_t& target) {
 }  // namespace
 
 void define_loglevel(command_tree& tree) {
-    const auto loglevel = add_command_with<loglevel_options>(
-        tree, {"loglevel", "Sets the level of the library's log", loglevel_help});
-    loglevel.self.streams = loglevel.self.endless = true;
+    const command_texts texts = {"loglevel", "Sets the level of the library's log", loglevel_help};
+    if (tree.use == used_for::command_line) return refuse_on_command_line(tree, texts);
+    const auto loglevel = add_command_with<loglevel_options>(tree, texts);
     add_operand(loglevel.self, "LEVEL",
                 "fatal, error, warn, info, debug, trace, or none for the configured one",
                 running_level(loglevel.options.level));
-    add_seconds(loglevel.self, loglevel.options.seconds);
-    add_count(loglevel.self, loglevel.options.count, "End after this many events");
-    add_output(loglevel.self);
-    set_run(loglevel, run_loglevel);
     set_answer(loglevel, answer_loglevel);
 }
 

@@ -11,9 +11,9 @@ namespace qnmctl {
 namespace {
 
 constexpr char monitor_help[] =
-    "Monitoring is controlled in a running manager, and the manager runs in this very process. So\n"
-    "the command goes on like watch, and when it ends, the stop ends with it. In a running watch,\n"
-    "the lines \"monitor stop ID\" and \"monitor restart ID\" do the same.";
+    "Monitoring is controlled in a running manager, and qnmctl has one only as long as it runs. "
+    "So\n"
+    "this is a line to type into a running watch: \"monitor stop ID\" and \"monitor restart ID\".";
 
 enum class action { stop, restart };
 
@@ -22,8 +22,6 @@ constexpr const char* action_words[] = {"stop", "restart"};
 struct monitor_options {
     action wanted = action::stop;
     std::uint64_t id = 0;
-    double seconds = 0;
-    std::uint64_t count = 0;
 };
 
 struct monitor_call {
@@ -52,26 +50,16 @@ void answer_monitor(context& with, const monitor_options& options) {
     tell_monitor(with, options.id, options.wanted == action::restart);
 }
 
-int run_monitor(context& with, const monitor_options& options) {
-    start(with);
-    answer_monitor(with, options);
-    listen_and_tell(with, options.seconds, options.count);
-    return exit_ok;
-}
-
 }  // namespace
 
 void define_monitor(command_tree& tree) {
-    const auto monitor = add_command_with<monitor_options>(
-        tree, {"monitor", "Stops or restarts the monitoring of a card", monitor_help});
-    monitor.self.streams = monitor.self.endless = true;
+    const command_texts texts = {"monitor", "Stops or restarts the monitoring of a card",
+                                 monitor_help};
+    if (tree.use == used_for::command_line) return refuse_on_command_line(tree, texts);
+    const auto monitor = add_command_with<monitor_options>(tree, texts);
     add_operand(monitor.self, "ACTION", "stop or restart",
                 choice(monitor.options.wanted, action_words));
     add_card(monitor.self, monitor.options.id);
-    add_seconds(monitor.self, monitor.options.seconds);
-    add_count(monitor.self, monitor.options.count, "End after this many events");
-    add_output(monitor.self);
-    set_run(monitor, run_monitor);
     set_answer(monitor, answer_monitor);
 }
 

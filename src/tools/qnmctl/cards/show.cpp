@@ -12,11 +12,13 @@ namespace {
 
 constexpr char show_help[] =
     "Beside the title of a field stands its name in JSON. A QNSV card has its bridge settings and\n"
-    "its downstream ports behind the fields that cards of both kinds have.";
+    "its downstream ports behind the fields that cards of both kinds have.\n"
+    "Downstream ports without a card are left out unless -v is given.";
 
 struct show_options {
     std::uint64_t id = 0;
     double seconds = 10;
+    bool verbose = false;
 };
 
 void answer_show(context& with, const show_options& options) {
@@ -26,7 +28,8 @@ void answer_show(context& with, const show_options& options) {
                         " has been heard\n\"list\" shows the cards that are.",
                     QNM_API_ENOENT);
     }
-    with.told.text(card_text(*known, with.how));
+    with.told.text(
+        card_text(*known, with.how, options.verbose ? down_ports::all : down_ports::connected));
     with.told.record("card", card_json(*known));
 }
 
@@ -49,6 +52,8 @@ void define_show(command_tree& tree) {
         tree, {"show", "Prints every field of a card, as soon as it is known", show_help});
     add_card(show.self, show.options.id);
     add_seconds(show.self, show.options.seconds);
+    add_flag(show.self, "-v,--verbose", "Downstream ports without a card as well",
+             show.options.verbose);
     add_output(show.self);
     set_run(show, run_show);
     set_answer(show, answer_show);

@@ -83,6 +83,17 @@ void hide(command& of) {
     of.app.group("");
 }
 
+void refuse_on_command_line(command_tree& tree, const command_texts& texts) {
+    command& added = add_command(tree, texts);
+    hide(added);
+    added.app.fallthrough(false)->prefix_command();  // takes whatever follows
+    added.run = [name = std::string(texts.name)](context&) -> int {
+        throw usage_error('"' + name +
+                          "\" is a line of watch, not a command: it steers the manager " +
+                          "that watch runs\nStart qnmctl watch and type the line there.");
+    };
+}
+
 void add_option(command& to, const option_texts& texts, value taken) {
     CLI::Option& added = add_taking(to, texts.names, texts.help, taken);
     added.type_name(texts.value);

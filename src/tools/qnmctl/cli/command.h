@@ -93,6 +93,10 @@ CLI::App* find_app(CLI::App& parent, const std::string& name);
 
 void hide(command& of);
 
+// For a command that steers the running manager, so that it is a line of watch only: on the command
+// line there is none but a hidden one that says so.
+void refuse_on_command_line(command_tree& tree, const command_texts& texts);
+
 // Adds a command whose options are a record. The record lives as long as the tree.
 template <class Options>
 struct defined {

@@ -144,7 +144,7 @@ std::string commands(const command_tree& tree) {
 
 std::string lines(const command_tree& tree) {
     std::string text = escaped(
-                           "A running watch, monitor or loglevel takes commands as lines of "
+                           "A running watch takes commands as lines of "
                            "standard input, on cards already heard:") +
                        '\n';
     for (const command& shown : tree.commands)

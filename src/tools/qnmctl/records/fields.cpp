@@ -49,6 +49,7 @@ struct row {
     std::uint64_t (*get)(const Record&);
     std::uint64_t compared = every_bit;
     aspect about = aspect::general;
+    bool (*is_known)(const Record&) = nullptr;  // nullptr: always
 };
 
 template <class Record, class Member>
@@ -77,6 +78,12 @@ std::uint64_t get_path(const decltype(record_of(Member))& record) {
     return (record.*Member)[Port][Path];
 }
 
+// A path that was never heard is not known to be disconnected.
+template <int Port, int Path>
+bool was_heard(const qnm_com_dev_t& record) {
+    return record.ecd_state[Port][Path] != 0 || record.ecd_recvtime[Port][Path] != 0;
+}
+
 template <auto Member>
 std::uint64_t get_connection(const decltype(record_of(Member))& record) {
     return number(record.*Member) & connection_bit;
@@ -93,13 +100,13 @@ constexpr row<com> common_rows[] = {
     {"vlan_mode", nullptr, "VLAN mode", vlan_mode, get<&com::ecd_vlan_mode>},
     {"flowid", nullptr, "flow ID", hex8, get<&com::ecd_flowid>},
     {"state", "P0M0", "path P0M0", path_state, get_path<&com::ecd_state, 0, 0>, every_bit,
-     aspect::path},
+     aspect::path, was_heard<0, 0>},
     {"state", "P0M1", "path P0M1", path_state, get_path<&com::ecd_state, 0, 1>, every_bit,
-     aspect::path},
+     aspect::path, was_heard<0, 1>},
     {"state", "P1M0", "path P1M0", path_state, get_path<&com::ecd_state, 1, 0>, every_bit,
-     aspect::path},
+     aspect::path, was_heard<1, 0>},
     {"state", "P1M1", "path P1M1", path_state, get_path<&com::ecd_state, 1, 1>, every_bit,
-     aspect::path},
+     aspect::path, was_heard<1, 1>},
     {"recvtime", "P0M0", "last heard on P0M0", time_stamp, get_path<&com::ecd_recvtime, 0, 0>,
      no_bit},
     {"recvtime", "P0M1", "last heard on P0M1", time_stamp, get_path<&com::ecd_recvtime, 0, 1>,
@@ -168,7 +175,8 @@ template <class Record, std::size_t Count>
 void append(std::vector<field>& to, const row<Record> (&rows)[Count], const Record& of) {
     for (const row<Record>& described : rows) {
         to.push_back({described.name, described.key, described.title, &described.form,
-                      described.compared, described.about, described.get(of)});
+                      described.compared, described.about, described.get(of),
+                      described.is_known == nullptr || described.is_known(of)});
     }
 }
 
@@ -250,6 +258,7 @@ const char* sight_text(path_sight of) {
 }
 
 std::string value_text(const field& shown) {
+    if (!shown.known) return "never heard";
     const format& form = *shown.form;
     switch (form.how) {
         case style::decimal:
@@ -271,6 +280,7 @@ std::string value_text(const field& shown) {
 }
 
 json value_json(const field& shown) {
+    if (!shown.known) return {};
     switch (shown.form->how) {
         case style::decimal:
         case style::hex:

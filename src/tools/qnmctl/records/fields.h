@@ -45,9 +45,10 @@ struct field {
     std::uint64_t compared;  // the bits in which a difference is a change
     aspect about;
     std::uint64_t value;
+    bool known = true;  // false: of a path that was never heard
 };
 
-// For scripts a number stays a number, and bytes are an array of them.
+// In JSON numbers stay numbers, bytes are an array of them, and what is not known is null.
 std::string value_text(const field& shown);
 json value_json(const field& shown);
 

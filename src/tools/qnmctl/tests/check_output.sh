@@ -51,10 +51,6 @@ tell 0 topology topology --for 2
 has "$work/topology.json" '"agreed":true'
 tell 0 stats stats --for 0.1
 has "$work/stats.json" 'qnm status dump'
-tell 0 monitor monitor stop "$server" --for 0.1
-has "$work/monitor.json" '"reason":"stopped"'
-tell 0 loglevel loglevel warn --for 0.1
-has "$work/loglevel.json" '"level":"warn"'
 tell 0 reg-read reg read "$server" "$device" 0x1000
 tell 0 reg-write reg write "$server" 0x1008 7 --verify
 has "$work/reg-write.json" '"verified":true'

@@ -43,16 +43,23 @@ TEST(Command, HelpNamesEveryCommand) {
     EXPECT_EQ(0, run.end());
 }
 
-TEST(Command, HelpOfMonitorSaysWhoseManagerItIs) {
+TEST(Command, WhatSteersAManagerIsALineOfWatch) {
+    for (const words& line : {words{"monitor", "stop", "0x1000", "-o", "json"},
+                              words{"loglevel", "debug"}, words{"monitor"}}) {
+        program run(invocation(line));
+        EXPECT_EQ(2, run.end());
+        EXPECT_TRUE(holds(run.errors(), '"' + line[0] + "\" is a line of watch, not a command"));
+    }
     program run(invocation({"monitor", "--help"}));
-    EXPECT_TRUE(holds(run.read_all(), "this very process"));
+    EXPECT_TRUE(holds(run.read_all(), "a line to type into a running watch"));
     EXPECT_EQ(0, run.end());
 }
 
 TEST(Command, ADirectoryThatIsMissingIsNamed) {
     program run(invocation({"--dir", "/nonexistent/qnm", "list"}));
     EXPECT_EQ(1, run.end());
-    EXPECT_TRUE(holds(run.errors(), "qnmctl: /nonexistent/qnm: there is no such directory\n  Name"));
+    EXPECT_TRUE(
+        holds(run.errors(), "qnmctl: /nonexistent/qnm: there is no such directory\n  Name"));
 }
 
 TEST(Command, AMissingPropertiesFileIsNamed) {
@@ -172,7 +179,8 @@ TEST_F(Manager, CountsWhatTheOperatorDoes) {
 }
 
 TEST_F(Manager, WatchesOnAfterTheEndOfStandardInput) {
-    program run(in_namespace({"--ports", "lo", "monitor", "stop", "0x1000"}));
+    program run(in_namespace({"--ports", "lo", "watch"}));
+    run.say("monitor stop 0x1000");
     run.read_until("QNM_API_SUCCESS");
     run.close_input();
     run.signal(SIGTERM);

@@ -76,6 +76,18 @@ TEST(CardText, HasALineForEveryField) {
     EXPECT_EQ(std::string::npos, text.find("down port 8"));
 }
 
+TEST(CardText, CanLeaveOutPortsWithoutACard) {
+    qnm_qnsv_t record = sample_server();
+    for (const std::size_t port : {2, 5})
+        record.esv_down_port[port].edp_port_status[1] = 0x02;
+    const std::string text = card_text(record, {}, down_ports::connected);
+    EXPECT_NE(std::string::npos, text.find("\n  down port 2\n"));
+    EXPECT_NE(std::string::npos, text.find("\n  down port 5\n"));
+    EXPECT_EQ(std::string::npos, text.find("\n  down port 3\n"));
+    EXPECT_TRUE(text.ends_with("\n  down ports without a card: 0, 1, 3, 4, 6, 7 (-v shows them)\n"))
+        << text;
+}
+
 TEST(CardJson, NestsPathsAndPorts) {
     const json object = card_json(sample_server());
     EXPECT_EQ("QNSV", object["kind"]);

@@ -26,6 +26,7 @@ using lines = std::vector<std::string>;
 
 TEST(Tell, AnUpdateIsComparedInEveryField) {
     qnm_qnio_t record = sample_device();
+    record.eio_com_dev.ecd_recvtime[1][1] = 1;
     known_cards known = knowing(record);
     record.eio_com_dev.ecd_vlan_id = 31;
     record.eio_com_dev.ecd_state[1][1] = 0;
@@ -34,7 +35,7 @@ TEST(Tell, AnUpdateIsComparedInEveryField) {
     record.eio_link0fault = 1;
     const told_change told = tell(known, QNM_EVT_UPDATEDEVINFO, record);
     EXPECT_FALSE(told.first);
-    EXPECT_EQ((lines{"VLAN ID 30 -> 31", "path P0M1 disconnected -> connected",
+    EXPECT_EQ((lines{"VLAN ID 30 -> 31", "path P0M1 never heard -> connected",
                      "path P1M1 connected -> disconnected", "interrupt vector 0x00 -> 0x03",
                      "link 0 fault cleared -> raised"}),
               texts(told));
@@ -43,6 +44,7 @@ TEST(Tell, AnUpdateIsComparedInEveryField) {
 
 TEST(Tell, EveryEventIsComparedInWhatItIsAboutOnly) {
     qnm_qnio_t record = sample_device();
+    record.eio_com_dev.ecd_recvtime[1][1] = 1;
     known_cards known = knowing(record);
     record.eio_com_dev.ecd_state[1][1] = 0;
     record.eio_com_dev.ecd_int_vector = 3;
@@ -154,7 +156,7 @@ TEST(ChangesText, SaysWhyOnceForNeighbours) {
     record.eio_com_dev.ecd_updatetime = 3'003;
     record.eio_link0fault = 1;
     EXPECT_EQ(
-        "VLAN ID 30 -> 31, path P0M0 disconnected -> connected (announced), "
+        "VLAN ID 30 -> 31, path P0M0 never heard -> connected (announced), "
         "path P1M1 connected -> disconnected (expired after 2003 ms), "
         "link 0 fault cleared -> raised (announced)",
         changes_text(tell(known, QNM_EVT_UPDATEDEVINFO, record).changes));

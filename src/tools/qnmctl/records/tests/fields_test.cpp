@@ -51,6 +51,16 @@ TEST(Fields, AreNamedOnce) {
     }
 }
 
+TEST(Fields, APathThatWasNeverHeardIsNotKnownToBeDisconnected) {
+    qnm_qnio_t record{};
+    record.eio_com_dev.ecd_recvtime[0][1] = 99;
+    const json state = card_json(record).at("state");
+    EXPECT_TRUE(state.at("P0M0").is_null());
+    EXPECT_EQ("disconnected", state.at("P0M1"));
+    EXPECT_EQ("disconnected", text_of(record, "state", "P0M1"));
+    EXPECT_EQ("never heard", text_of(record, "state", "P0M0"));
+}
+
 // Every element of the record is in the place that its index convention says.
 TEST(Fields, PathsAreNamedByPortThenPath) {
     constexpr const char* keys[2][2] = {{"P0M0", "P0M1"}, {"P1M0", "P1M1"}};
@@ -62,7 +72,7 @@ TEST(Fields, PathsAreNamedByPortThenPath) {
             for (const auto& row : keys) {
                 for (const char* const key : row) {
                     const bool same = key == keys[port][path];
-                    EXPECT_EQ(same ? "connected" : "disconnected", text_of(record, "state", key));
+                    EXPECT_EQ(same ? "connected" : "never heard", text_of(record, "state", key));
                     EXPECT_EQ(same ? 99U : 0U,
                               find(sections(record).front(), "recvtime", key).value);
                 }
