@@ -21,10 +21,10 @@ namespace {
 constexpr std::size_t longest_part = std::size_t{64} * 1024;
 constexpr int pause_milliseconds = 10;
 
-// Opens the same file a second time; -1 where that is not allowed.
-int open_again(int fd) {
+// Opens the same file a second time; none is open where that is not allowed.
+descriptor open_again(int fd) {
     const std::string name = "/proc/self/fd/" + std::to_string(fd);
-    return open(name.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    return descriptor(open(name.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
 }
 
 }  // namespace
@@ -37,15 +37,11 @@ descriptor_writer::descriptor_writer(int fd, int signals) : fd_(fd), signals_(si
     if (S_ISFIFO(kind.st_mode) || (S_ISCHR(kind.st_mode) && isatty(fd) == 1)) own_ = open_again(fd);
 }
 
-descriptor_writer::~descriptor_writer() {
-    if (own_ >= 0) close(own_);
-}
-
 // A pipe that can be written, but only by the shared descriptor, takes PIPE_BUF without blocking.
 long descriptor_writer::write_some(std::string_view bytes) const {
     const std::size_t part = std::min(bytes.size(), longest_part);
     if (socket_) return send(fd_, bytes.data(), part, MSG_DONTWAIT | MSG_NOSIGNAL);
-    if (own_ >= 0) return ::write(own_, bytes.data(), part);
+    if (own_.fd >= 0) return ::write(own_.fd, bytes.data(), part);
     return ::write(fd_, bytes.data(), regular_ ? part : std::min<std::size_t>(part, PIPE_BUF));
 }
 
@@ -66,7 +62,7 @@ void descriptor_writer::take_error(int code) {
 std::size_t descriptor_writer::write(std::string_view bytes) {
     std::size_t written = 0;
     while (written < bytes.size() && end_ == output_end::none) {
-        if (!wait_until_ready(own_ >= 0 ? own_ : fd_, POLLOUT, signals_)) {
+        if (!wait_until_ready(own_.fd >= 0 ? own_.fd : fd_, POLLOUT, signals_)) {
             end_ = output_end::signalled;
             break;
         }

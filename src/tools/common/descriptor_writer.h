@@ -8,6 +8,8 @@
 #include <string>
 #include <string_view>
 
+#include "common/descriptor.h"
+
 namespace tools {
 
 enum class output_end { none, reader_gone, signalled, failed };
@@ -17,9 +19,6 @@ class descriptor_writer {
   public:
     // `signals` is the descriptor of end_signals.h.
     descriptor_writer(int fd, int signals);
-    ~descriptor_writer();
-    descriptor_writer(const descriptor_writer&) = delete;
-    descriptor_writer& operator=(const descriptor_writer&) = delete;
 
     // Returns how many bytes were written: all of them, unless writing has ended.
     std::size_t write(std::string_view bytes);
@@ -36,7 +35,7 @@ class descriptor_writer {
 
     int fd_;
     int signals_;
-    int own_ = -1;  // non-blocking
+    descriptor own_ = {};  // non-blocking
     bool socket_ = false;
     bool regular_ = false;
     output_end end_ = output_end::none;

@@ -19,6 +19,7 @@
 #include <system_error>
 
 #include "common/deadline.h"
+#include "common/descriptor.h"
 #include "common/descriptor_writer.h"
 #include "frames/answers.h"
 #include "frames/pcapng.h"
@@ -298,26 +299,19 @@ void capturing::finish() {
     told_.signalled = to_.signalled();
 }
 
-struct closing {
-    int fd;
-    ~closing() {
-        if (fd >= 0) close(fd);
-    }
-};
-
-// A FIFO can be opened only while somebody reads it. So it is tried from time to time; -1 with
-// EINTR when a signal came first.
-int open_file(const std::string& name, int signals) {
+// A FIFO can be opened only while somebody reads it. So it is tried from time to time. None is open
+// at a failure, with errno, which is EINTR when a signal came first.
+tools::descriptor open_file(const std::string& name, int signals) {
     constexpr int pause_milliseconds = 50;
     constexpr int how = O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
     std::error_code ignored;
     while (true) {
-        const int fd = open(name.c_str(), how, 0666);
-        if (fd >= 0 || errno != ENXIO || !std::filesystem::is_fifo(name, ignored)) return fd;
+        tools::descriptor file(open(name.c_str(), how, 0666));
+        if (file.fd >= 0 || errno != ENXIO || !std::filesystem::is_fifo(name, ignored)) return file;
         pollfd waited{signals, POLLIN, 0};
         if (poll(&waited, 1, pause_milliseconds) <= 0) continue;
         errno = EINTR;
-        return -1;
+        return {};
     }
 }
 
@@ -345,7 +339,7 @@ captured capture_to_file(const capture_options& how, const std::string& name) {
     block_file to(name, how.signals);
     capturing under_way(how, to);
     under_way.open();  // an older file stays as it is where no port can be opened
-    const closing file{open_file(name, how.signals)};
+    const tools::descriptor file = open_file(name, how.signals);
     const int code = file.fd < 0 ? errno : 0;
     if (code == EINTR) return unread(under_way.told(), name);
     if (code != 0) throw error("cannot write " + name + ": " + strerror(code));

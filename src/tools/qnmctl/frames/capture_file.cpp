@@ -26,6 +26,20 @@ constexpr char what_it_takes[] = "\nIt has to be a capture, pcap or pcapng.";
 // Differences of any two of them are in range, too.
 constexpr std::int64_t last_second = 4'500'000'000;
 
+// Without O_NONBLOCK a FIFO would wait here for somebody who writes.
+tools::descriptor open_to_read(const std::string& name) {
+    tools::descriptor file(open(name.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (file.fd < 0) {
+        throw error("cannot read " + name + ": " + std::strerror(errno) + what_it_takes);
+    }
+    return file;
+}
+
+bool is_regular(const tools::descriptor& file) {
+    struct stat kind {};
+    return fstat(file.fd, &kind) == 0 && S_ISREG(kind.st_mode);
+}
+
 }  // namespace
 
 // ---- Interfaces ---------------------------------------------------------------------------------
@@ -93,31 +107,15 @@ std::string frame_interfaces::next() {
 
 // ---- Frames -------------------------------------------------------------------------------------
 
-capture_descriptor::capture_descriptor(const std::string& name)
-    : fd_(name == "-" ? STDIN_FILENO
-                      : ::open(name.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)) {
-    // Without O_NONBLOCK a FIFO would wait here for somebody who writes.
-    if (fd_ < 0) throw error("cannot read " + name + ": " + std::strerror(errno) + what_it_takes);
-}
-
-capture_descriptor::~capture_descriptor() {
-    if (fd_ != STDIN_FILENO) close(fd_);
-}
-
-bool capture_descriptor::is_regular() const {
-    struct stat kind {};
-    return fstat(fd_, &kind) == 0 && S_ISREG(kind.st_mode);
-}
-
 void capture_file::closing::operator()(pcap* handle) const {
     pcap_close(handle);
 }
 
 capture_file::capture_file(const std::string& name, int signals)
     : name_(name == "-" ? "standard input" : name),
-      file_(name),
-      source_{file_.fd(), signals},
-      interfaces_(file_.fd() != STDIN_FILENO && file_.is_regular() ? file_.fd() : -1) {
+      file_(name == "-" ? tools::descriptor() : open_to_read(name)),
+      source_{name == "-" ? STDIN_FILENO : file_.fd, signals},
+      interfaces_(is_regular(file_) ? file_.fd : -1) {
     open();
     if (!handle_) return;
     const int link = pcap_datalink(handle_.get());

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "common/descriptor.h"
 #include "frames/frame_reading.h"
 #include "frames/pcapng.h"
 
@@ -46,26 +47,13 @@ struct captured_frame {
     frame_bytes bytes;         // good until the next one
 };
 
-// Closed at the end of its scope, unless it is standard input.
-class capture_descriptor {
-  public:
-    explicit capture_descriptor(const std::string& name);  // "-" is standard input; throws error
-    ~capture_descriptor();
-    capture_descriptor(const capture_descriptor&) = delete;
-    capture_descriptor& operator=(const capture_descriptor&) = delete;
-
-    int fd() const { return fd_; }
-    bool is_regular() const;
-
-  private:
-    int fd_;
-};
-
 class capture_file {
   public:
     // "-" is standard input. Throws error when it is no capture of Ethernet frames. `signals` is
     // that of end_signals.h: it ends every wait, and the capture with it.
     explicit capture_file(const std::string& name, int signals = -1);
+    capture_file(const capture_file&) = delete;  // libpcap knows where the source is
+    capture_file& operator=(const capture_file&) = delete;
 
     // Nothing at the end, or when a signal came. Throws error where the file ends within a frame,
     // or makes no sense.
@@ -84,7 +72,7 @@ class capture_file {
     bool is_signalled() const;
 
     std::string name_;
-    capture_descriptor file_;
+    tools::descriptor file_;  // none is open where it is standard input
     source source_;
     frame_interfaces interfaces_;
     std::unique_ptr<pcap, closing> handle_;  // reads from the source

@@ -19,10 +19,11 @@ constexpr int still_running = -1;
 constexpr int retry_milliseconds = 10;
 constexpr std::size_t queue_limit = 65536;  // tens of thousands of cards in one burst
 
-int make_event_fd() {
-    const int fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (fd < 0) throw error(std::string("cannot make an event descriptor: ") + strerror(errno));
-    return fd;
+tools::descriptor make_event() {
+    tools::descriptor made(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (made.fd < 0)
+        throw error(std::string("cannot make an event descriptor: ") + strerror(errno));
+    return made;
 }
 
 // The two kinds differ in their calls only.
@@ -56,14 +57,13 @@ failed_call::failed_call(const char* call, qnm_api_code_t result)
             result) {}
 
 session::session(const std::string& dir, qnm_log_level_t level)
-    : wake_fd_(make_event_fd()), result_(still_running) {
+    : wake_(make_event()), result_(still_running) {
     thread_ = std::thread([this, dir, level] { run(dir, level); });
 }
 
 session::~session() {
     qnm_fini_manager();
     thread_.join();
-    close(wake_fd_);
 }
 
 void session::run(const std::string& dir, qnm_log_level_t level) {
@@ -74,7 +74,7 @@ void session::run(const std::string& dir, qnm_log_level_t level) {
 void session::wake() const {
     const std::uint64_t one = 1;
     // It can only fail when the counter is full, and then the reader is woken anyway.
-    [[maybe_unused]] const ssize_t written = write(wake_fd_, &one, sizeof one);
+    [[maybe_unused]] const ssize_t written = write(wake_.fd, &one, sizeof one);
 }
 
 void session::receive(std::uint64_t id, qnm_evt_type_t type, void* to) {
@@ -96,7 +96,7 @@ void session::queue(const observed& seen) {
 session::batch session::take() {
     std::uint64_t wakes = 0;
     // Emptied first: what is queued from here on wakes again.
-    [[maybe_unused]] const ssize_t length = read(wake_fd_, &wakes, sizeof wakes);
+    [[maybe_unused]] const ssize_t length = read(wake_.fd, &wakes, sizeof wakes);
     const std::lock_guard guard(mutex_);
     return std::exchange(waiting_, {});
 }
@@ -111,7 +111,7 @@ std::optional<qnm_api_code_t> session::result() const {
 // that of a start that failed.
 qnm_api_code_t session::wait_usable() {
     while (!result()) {
-        pollfd waited{wake_fd_, POLLIN, 0};
+        pollfd waited{wake_.fd, POLLIN, 0};
         poll(&waited, 1, retry_milliseconds);
         qnm_cbid_t handle = nullptr;
         const qnm_api_code_t code =

@@ -17,6 +17,7 @@
 #include <variant>
 #include <vector>
 
+#include "common/descriptor.h"
 #include "qnm.h"
 #include "records/event_text.h"
 #include "records/fields.h"
@@ -34,9 +35,8 @@ class session {
     session(const session&) = delete;
     session& operator=(const session&) = delete;
 
-    int wake_fd() const {
-        return wake_fd_;
-    }  // readable when there is something to take, or the end
+    // Readable when there is something to take, or the end.
+    int wake_fd() const { return wake_.fd; }
 
     struct batch {
         std::vector<observed> events;
@@ -59,7 +59,7 @@ class session {
     void queue(const observed& seen);
     void wake() const;
 
-    int wake_fd_;
+    tools::descriptor wake_;
     std::mutex mutex_;  // guards waiting_
     batch waiting_;
     std::atomic<int> result_;

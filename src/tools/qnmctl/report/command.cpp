@@ -12,6 +12,7 @@
 
 #include "access/image.h"
 #include "cli/options.h"
+#include "common/descriptor.h"
 #include "frames/capture.h"
 #include "installation/config_file.h"
 #include "manager/listen.h"
@@ -50,23 +51,21 @@ constexpr unsigned owner_only = 0600;
 // A file that is nowhere, for what is written to a descriptor.
 class memory_file {
   public:
-    memory_file() : fd_(memfd_create("qnmctl", MFD_CLOEXEC)) {
-        if (fd_ < 0) throw error(std::string("cannot make a file in memory: ") + strerror(errno));
+    memory_file() : file_(memfd_create("qnmctl", MFD_CLOEXEC)) {
+        if (file_.fd < 0)
+            throw error(std::string("cannot make a file in memory: ") + strerror(errno));
     }
-    ~memory_file() { close(fd_); }
-    memory_file(const memory_file&) = delete;
-    memory_file& operator=(const memory_file&) = delete;
 
-    int fd() const { return fd_; }
+    int fd() const { return file_.fd; }
     std::string contents() const {
-        std::string bytes(static_cast<std::size_t>(lseek(fd_, 0, SEEK_END)), '\0');
-        const ssize_t length = pread(fd_, bytes.data(), bytes.size(), 0);
+        std::string bytes(static_cast<std::size_t>(lseek(file_.fd, 0, SEEK_END)), '\0');
+        const ssize_t length = pread(file_.fd, bytes.data(), bytes.size(), 0);
         bytes.resize(static_cast<std::size_t>(std::max<ssize_t>(0, length)));
         return bytes;
     }
 
   private:
-    int fd_;
+    tools::descriptor file_;
 };
 
 // Listens, with events told into a text. Why there is no manager, or none any more, is for the

@@ -1,13 +1,12 @@
 // Asks the way the library does.
 #include "system/port_user.h"
 
-#include <unistd.h>
-
 #include <charconv>
 #include <fstream>
 #include <set>
 #include <string_view>
 
+#include "common/descriptor.h"
 #include "qnm_port_holder.h"
 
 namespace qnmctl {
@@ -34,11 +33,10 @@ std::string process_text(const port_user& of) {
 }
 
 std::optional<port_user> find_port_user(int if_index) {
-    const int fd = _qnm_port_socket();
-    if (fd < 0) return std::nullopt;
+    const tools::descriptor asking(_qnm_port_socket());
+    if (asking.fd < 0) return std::nullopt;
     qnm_port_holder_t holder;
-    _qnm_ask_port_holder(fd, if_index, &holder);
-    close(fd);
+    _qnm_ask_port_holder(asking.fd, if_index, &holder);
     if (holder.eph_kind == QNM_HOLDER_NOBODY) return std::nullopt;
     return port_user{.manager = holder.eph_kind == QNM_HOLDER_MANAGER,
                      .pid = holder.eph_pid,

@@ -24,10 +24,11 @@ constexpr int pause_milliseconds = 100;
 
 extern "C" void do_nothing(int) {}
 
-int make_event_fd() {
-    const int fd = eventfd(0, EFD_CLOEXEC);
-    if (fd < 0) throw error(std::string("cannot make an event descriptor: ") + strerror(errno));
-    return fd;
+tools::descriptor make_event() {
+    tools::descriptor made(eventfd(0, EFD_CLOEXEC));
+    if (made.fd < 0)
+        throw error(std::string("cannot make an event descriptor: ") + strerror(errno));
+    return made;
 }
 
 // Whether the event comes within the time.
@@ -45,7 +46,7 @@ bool is_in_background() {
 
 stuck_terminal::stuck_terminal(int signals)
     : signals_(signals),
-      done_fd_(make_event_fd()),
+      done_(make_event()),
       writer_(pthread_self()),
       is_terminal_(tcgetattr(STDIN_FILENO, &before_) == 0) {
     struct sigaction action {};
@@ -57,23 +58,21 @@ stuck_terminal::stuck_terminal(int signals)
 stuck_terminal::~stuck_terminal() {
     const std::uint64_t one = 1;
     // It can only fail when the counter is full.
-    [[maybe_unused]] const ssize_t written = write(done_fd_, &one, sizeof one);
+    [[maybe_unused]] const ssize_t written = write(done_.fd, &one, sizeof one);
     thread_.join();
-    close(done_fd_);
     if (is_terminal_ && !is_in_background()) tcsetattr(STDIN_FILENO, TCSANOW, &before_);
 }
 
 void stuck_terminal::watch() const {
-    if (tools::wait_until_ready(done_fd_, POLLIN, signals_)) return;
-    if (comes(done_fd_, patience_milliseconds)) return;
-    const int nowhere = open("/dev/null", O_RDWR | O_CLOEXEC);
-    if (nowhere < 0) return;
-    dup2(nowhere, STDOUT_FILENO);
-    close(nowhere);
+    if (tools::wait_until_ready(done_.fd, POLLIN, signals_)) return;
+    if (comes(done_.fd, patience_milliseconds)) return;
+    const tools::descriptor nowhere(open("/dev/null", O_RDWR | O_CLOEXEC));
+    if (nowhere.fd < 0) return;
+    dup2(nowhere.fd, STDOUT_FILENO);
     // What is written already began with the terminal, so it has to begin anew.
     do
         pthread_kill(writer_, interrupting);
-    while (!comes(done_fd_, pause_milliseconds));
+    while (!comes(done_.fd, pause_milliseconds));
 }
 
 }  // namespace qnmctl

@@ -9,6 +9,8 @@
 
 #include <thread>
 
+#include "common/descriptor.h"
+
 namespace qnmctl {
 
 // Whether a shell has the terminal, in a mode of its own. Whoever changes the mode then is stopped.
@@ -28,7 +30,7 @@ class stuck_terminal {
     void watch() const;
 
     int signals_;
-    int done_fd_;
+    tools::descriptor done_;
     pthread_t writer_;
     termios before_ = {};  // in front of what fills it
     bool is_terminal_;

@@ -15,6 +15,7 @@
 
 #include "cli/options.h"
 #include "common/deadline.h"
+#include "common/descriptor.h"
 #include "installation/config_file.h"
 #include "manager/listen.h"
 #include "manager/session.h"
@@ -63,23 +64,23 @@ class screen_signals {
         pthread_sigmask(SIG_BLOCK, &wanted, &before_);
         sigaction(SIGTSTP, nullptr, &stop_before_);
         handle_stop();
-        fd_ = signalfd(-1, &wanted, SFD_CLOEXEC | SFD_NONBLOCK);
-        if (fd_ < 0) throw error(std::string("cannot wait for signals: ") + std::strerror(errno));
+        come_ = tools::descriptor(signalfd(-1, &wanted, SFD_CLOEXEC | SFD_NONBLOCK));
+        if (come_.fd < 0)
+            throw error(std::string("cannot wait for signals: ") + std::strerror(errno));
     }
     ~screen_signals() {
-        close(fd_);
         sigaction(SIGTSTP, &stop_before_, nullptr);
         pthread_sigmask(SIG_SETMASK, &before_, nullptr);
     }
     screen_signals(const screen_signals&) = delete;
     screen_signals& operator=(const screen_signals&) = delete;
 
-    int fd() const { return fd_; }
+    int fd() const { return come_.fd; }
 
     // The number of one that has come; 0 when there is none.
     int take() const {
         signalfd_siginfo told{};
-        const ssize_t length = read(fd_, &told, sizeof told);
+        const ssize_t length = read(come_.fd, &told, sizeof told);
         return length == sizeof told ? static_cast<int>(told.ssi_signo) : 0;
     }
 
@@ -125,7 +126,7 @@ class screen_signals {
 
     sigset_t before_ = {};
     struct sigaction stop_before_ = {};
-    int fd_ = -1;
+    tools::descriptor come_ = {};
 };
 
 struct view {
