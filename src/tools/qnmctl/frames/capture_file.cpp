@@ -87,13 +87,13 @@ std::string frame_interfaces::next() {
     while (fd_ >= 0 && read(bytes, sizeof bytes)) {
         const auto head = pcapng::read_head({bytes, sizeof bytes}, order_);
         if (!head) break;
-        const std::uint64_t end = at_ - sizeof bytes + head->length;
+        const std::uint64_t begin = at_ - sizeof bytes;
+        const std::uint64_t end = begin + head->length;
+        if (begin == 0 && head->type != block_type::section_header) break;
         if (head->type == block_type::section_header) {
             names_.clear();
         } else if (head->type == block_type::interface_description) {
             if (!add_interface(bytes, head->length)) break;
-        } else if (names_.empty()) {
-            break;
         }
         at_ = end;
         const bool is_packet = head->type == block_type::enhanced_packet ||

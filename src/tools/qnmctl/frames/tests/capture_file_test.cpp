@@ -144,5 +144,16 @@ TEST_F(CaptureFile, HasTheInterfacesOfEachSection) {
     EXPECT_FALSE(from.next());
 }
 
+TEST_F(CaptureFile, MayHaveOtherBlocksInFrontOfItsInterfaces) {
+    using namespace std::string_literals;
+    const std::string other = "\xAD\x0B\0\0\x10\0\0\0....\x10\0\0\0"s;
+    capture_file from(
+        write(pcapng::section_block("Linux", "a test") + other +
+              pcapng::interface_block({"eth1", "", 1, 1024, true}) + other +
+              pcapng::packet_block({0, 1, bytes, 15, pcapng::direction::inbound, ""})));
+    EXPECT_EQ("eth1", from.next()->interface);
+    EXPECT_FALSE(from.next());
+}
+
 }  // namespace
 }  // namespace qnmctl
