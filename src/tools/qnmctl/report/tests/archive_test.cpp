@@ -182,6 +182,27 @@ TEST(ReportMask, MasksBytesOfACapture) {
     EXPECT_EQ(wanted, id_mask(two_known()).capture(clear));
 }
 
+TEST(ReportMask, MasksACaptureOfTheOtherByteOrder) {
+    const auto word = [](std::uint32_t value) {
+        std::string bytes;
+        put(bytes, value);
+        return reversed(bytes);
+    };
+    const auto capture = [&](const std::string& frame) {
+        const auto size = static_cast<std::uint32_t>(frame.size());
+        return word(0x0A0D0D0A) + word(28) + word(0x1A2B3C4D) + word(0x00010000) +
+               std::string(8, '\xff') + word(28) + word(6) + word(32 + size) +
+               std::string(12, '\0') + word(size) + word(size) + frame + word(32 + size);
+    };
+    const std::string clear = capture(frame("ab" + bytes_of(other)));
+    EXPECT_EQ(
+        capture(bytes_of(broadcast) + bytes_of(0xFAFAFA000002) + "ab" + bytes_of(0xFAFAFA000004)),
+        id_mask(two_known()).capture(clear));
+    known_addresses known;
+    known.learn_from_capture(clear);
+    EXPECT_EQ(std::vector<std::uint64_t>{one}, known.in_order());
+}
+
 TEST(ReportMask, LearnsAddressesFromHeadersAndAnnouncements) {
     const std::string head("\x80\0\0\0\0\0", 6);
     const std::string server = std::string("\x10\0\0\0\0\0\0\0\0\0", 10) + std::string(22, '\0') +
