@@ -163,7 +163,7 @@ KINDS = (
     (make_long, f"it has {HUGE} bytes and may have "),
 )
 VERBS = ("list --for 0.1", "watch", "decode {other}", "capture {other}", "stats", "list -o json",
-         "reg read 0x1 0x100", "topology", "monitor stop 0x1", "eeprom dump 0x1")
+         "reg read 0x1 0x100", "topology", "eeprom dump 0x1")
 
 
 def refused(ended, start, reason):
