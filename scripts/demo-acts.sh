@@ -25,7 +25,7 @@ event() {
 # A path of a card is connected. One that was heard before its card was reported as new stands in
 # the list there.
 comes_up() {
-  echo " $1  .*(, connected( P[01]M[01])* $2|path $2 disconnected -> connected)"
+  echo " $1  .*(, connected( P[01]M[01])* $2|path $2 (disconnected|never heard) -> connected)"
 }
 
 # goes_down CARD PATH WHY
