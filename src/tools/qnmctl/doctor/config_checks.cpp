@@ -154,7 +154,7 @@ void tell_unknown(const std::string& key, int line, line_findings& found) {
         told.remedy = "Save the file as UTF-8 without BOM, or as ASCII.";
     } else {
         std::vector<std::string> names;
-        for (const qnm_config_key_t& row : _qnm_config_keys())
+        for (const qnm_config_key_t& row : qnm::config_keys())
             names.emplace_back(row.name);
         const auto meant = tools::nearest_name(key, names);
         told.text = in_quotes(key) + " is no key";

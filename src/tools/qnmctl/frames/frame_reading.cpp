@@ -482,7 +482,7 @@ std::optional<drop_reason> drop_reason_of(const frame_bytes& frame,
     if (verdict.reason == QNM_FRAME_TAKEN || is_request(frame, verdict)) return std::nullopt;
     char text[QNM_FRAME_TEXT_SIZE];
     _qnm_frame_reason_text(&verdict, text);
-    const auto rows = _qnm_frame_reasons();
+    const auto rows = qnm::frame_reasons();
     const auto row = std::ranges::find(rows, verdict.reason, &qnm_frame_reason_row_t::reason);
     return drop_reason{row->name, text};
 }
@@ -576,7 +576,7 @@ frame_reading read_frame(const frame_bytes& frame, const frame_rules& rules) {
 }
 
 const char* drop_title(const std::string& name) {
-    for (const qnm_frame_reason_row_t& row : _qnm_frame_reasons()) {
+    for (const qnm_frame_reason_row_t& row : qnm::frame_reasons()) {
         if (name == row.name) return row.title;
     }
     for (const titled_reason& row : completion_titles) {

@@ -73,7 +73,7 @@ std::string ruler(const std::string& title) {
 std::string sample_of(const config_group_row& group) {
     std::string text = "\n\n" + ruler(group.title);
     if (group.text[0] != '\0') text += commented(group.text);
-    for (const qnm_config_key_t& key : _qnm_config_keys()) {
+    for (const qnm_config_key_t& key : qnm::config_keys()) {
         if (key.group != group.group) continue;
         text += '\n' + commented(meaning_of(key)) + commented(value_of(key));
         text += std::string("#") + key.name + " = " + key.initial + '\n';
@@ -106,7 +106,7 @@ std::string page_of(const qnm_config_key_t& key) {
 std::string page_of(const config_group_row& group) {
     std::string text = ".SS " + argument(group.title) + '\n';
     if (group.text[0] != '\0') text += with_keys(group.text) + '\n';
-    for (const qnm_config_key_t& key : _qnm_config_keys()) {
+    for (const qnm_config_key_t& key : qnm::config_keys()) {
         if (key.group == group.group) text += page_of(key);
     }
     return text;
@@ -154,7 +154,7 @@ std::string config_page() {
 
 std::string config_table() {
     std::string text = "| Key | Default | Value | Meaning |\n|---|---|---|---|\n";
-    for (const qnm_config_key_t& key : _qnm_config_keys()) {
+    for (const qnm_config_key_t& key : qnm::config_keys()) {
         text += std::string("| `") + key.name + "` | `" + key.initial + "` | " + value_text(key) +
                 " | " + key.brief + " |\n";
     }

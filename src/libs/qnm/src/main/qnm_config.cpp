@@ -75,7 +75,7 @@ void print_value(const qnm_config_key_t& key, line_func line) {
 }
 
 void print_all(line_func line) {
-    for (const qnm_config_key_t& key : _qnm_config_keys())
+    for (const qnm_config_key_t& key : qnm::config_keys())
         print_value(key, line);
 }
 

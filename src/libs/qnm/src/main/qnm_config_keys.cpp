@@ -13,7 +13,6 @@
 namespace {
 
 using qnm::config_form;
-using qnm::config_minus;
 using qnm::config_verdict;
 using enum qnm::config_base;
 using enum qnm::config_form;
@@ -230,7 +229,8 @@ set_func setter_of(config_form form) {
 
 extern "C" {
 
-std::span<const qnm_config_key_t> _qnm_config_keys(void) {
+const qnm_config_key_t* _qnm_config_keys(size_t* count) {
+    *count = std::size(k_keys);
     return k_keys;
 }
 
@@ -257,7 +257,8 @@ void _qnm_set_config_defaults(qnm_conf_t* config) {
     *config = {};
     for (const qnm_config_key_t& key : k_keys) {
         char value[k_initial_size];
-        _qnm_set_config_value(&key, strcpy(value, key.initial), config);
+        memcpy(value, key.initial, strlen(key.initial) + 1);
+        _qnm_set_config_value(&key, value, config);
     }
 }
 

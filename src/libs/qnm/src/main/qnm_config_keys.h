@@ -5,6 +5,7 @@
 // well: the sample file, the manual page and the check of a user's file are made from its rows.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 
@@ -48,8 +49,8 @@ typedef struct qnm_config_key {
 
 extern "C" {
 
-// All rows, in the order in which values are printed.
-std::span<const qnm_config_key_t> _qnm_config_keys(void);
+// The first of all rows, in the order in which values are printed.
+const qnm_config_key_t* _qnm_config_keys(size_t* count);
 
 // nullptr when there is no such key.
 const qnm_config_key_t* _qnm_find_config_key(const char* name);
@@ -66,3 +67,13 @@ qnm::config_verdict _qnm_set_config_value(const qnm_config_key_t* key, char* val
 void _qnm_set_config_defaults(qnm_conf_t* config);
 
 }  // extern "C"
+
+namespace qnm {
+
+inline std::span<const qnm_config_key_t> config_keys() {
+    size_t count = 0;
+    const qnm_config_key_t* const first = _qnm_config_keys(&count);
+    return {first, count};
+}
+
+}  // namespace qnm

@@ -196,7 +196,8 @@ void _qnm_check_frame_host(const qnm_frame_bytes_t* frame, qnm_frame_verdict_t* 
     drop(*verdict, QNM_FRAME_HOST, frame->data[k_host_at]);
 }
 
-std::span<const qnm_frame_reason_row_t> _qnm_frame_reasons(void) {
+const qnm_frame_reason_row_t* _qnm_frame_reasons(size_t* count) {
+    *count = std::size(k_reasons);
     return k_reasons;
 }
 

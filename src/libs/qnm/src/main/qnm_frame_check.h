@@ -74,11 +74,21 @@ qnm_frame_verdict_t _qnm_check_frame(const qnm_frame_bytes_t* frame, uint16_t et
 // The further check of an announcement that was taken: whether the kind of card is known.
 void _qnm_check_frame_host(const qnm_frame_bytes_t* frame, qnm_frame_verdict_t* verdict);
 
-// All rows but that of frames that are taken, by ascending reason.
-std::span<const qnm_frame_reason_row_t> _qnm_frame_reasons(void);
+// The first of all rows but that of frames that are taken, by ascending reason.
+const qnm_frame_reason_row_t* _qnm_frame_reasons(size_t* count);
 
 // Why the frame was dropped, at most QNM_FRAME_TEXT_SIZE bytes with the zero at the end: "priority
 // is not 100(bit). pri=0xA0". Empty for a frame that is taken.
 void _qnm_frame_reason_text(const qnm_frame_verdict_t* verdict, char* text);
 
 }  // extern "C"
+
+namespace qnm {
+
+inline std::span<const qnm_frame_reason_row_t> frame_reasons() {
+    size_t count = 0;
+    const qnm_frame_reason_row_t* const first = _qnm_frame_reasons(&count);
+    return {first, count};
+}
+
+}  // namespace qnm

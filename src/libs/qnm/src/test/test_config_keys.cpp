@@ -23,7 +23,7 @@ config_verdict set(const char* key, const std::string& value, qnm_conf_t& config
 TEST(config_keys, each_has_its_name_and_its_flag) {
     std::set<std::string> names;
     qnm_conf_flag_t flags = {};
-    for (const qnm_config_key_t& key : _qnm_config_keys()) {
+    for (const qnm_config_key_t& key : qnm::config_keys()) {
         EXPECT_TRUE(names.insert(key.name).second) << key.name;
         EXPECT_EQ(&key, _qnm_find_config_key(key.name));
         flags.*key.flag = 1;
@@ -40,7 +40,7 @@ TEST(config_keys, each_has_its_name_and_its_flag) {
 TEST(config_keys, each_takes_its_default_and_is_in_range_by_it) {
     qnm_conf_t defaults;
     _qnm_set_config_defaults(&defaults);
-    for (const qnm_config_key_t& key : _qnm_config_keys()) {
+    for (const qnm_config_key_t& key : qnm::config_keys()) {
         qnm_conf_t config = defaults;
         EXPECT_EQ(config_verdict::ok, set(key.name, key.initial, config)) << key.name;
         EXPECT_EQ(0, memcmp(&defaults, &config, sizeof config)) << key.name;
@@ -49,7 +49,7 @@ TEST(config_keys, each_takes_its_default_and_is_in_range_by_it) {
 }
 
 TEST(config_keys, each_is_described_in_sentences) {
-    for (const qnm_config_key_t& key : _qnm_config_keys()) {
+    for (const qnm_config_key_t& key : qnm::config_keys()) {
         EXPECT_STRNE("", key.brief) << key.name;
         EXPECT_NE('.', std::string(key.brief).back()) << key.name;
         EXPECT_TRUE(key.more[0] == '\0' || std::string(key.more).back() == '.') << key.name;

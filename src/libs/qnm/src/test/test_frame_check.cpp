@@ -111,7 +111,7 @@ TEST(frame_check, reasons_have_names_and_titles_of_their_own) {
     std::set<std::string> names;
     std::set<std::string> titles;
     int reason = QNM_FRAME_TAKEN;
-    for (const qnm_frame_reason_row_t& row : _qnm_frame_reasons()) {
+    for (const qnm_frame_reason_row_t& row : qnm::frame_reasons()) {
         EXPECT_EQ(++reason, row.reason);
         EXPECT_TRUE(names.insert(row.name).second) << row.name;
         EXPECT_TRUE(titles.insert(row.title).second) << row.title;

@@ -277,7 +277,7 @@ TEST_F(BesideTheLibrary, EveryKeyTakesTheSameValues) {
                                   "03:00:-1:ff:ff:ff",
                                   "3:0:f:f:f:f",
                                   "03:00:ff:ff:ff:fff"};
-    for (const qnm_config_key_t& key : _qnm_config_keys()) {
+    for (const qnm_config_key_t& key : qnm::config_keys()) {
         for (const char* const value : values) {
             expect_same(std::string(key.name) + " = " + value + '\n');
             expect_same(std::string(key.name) + '=' + value);

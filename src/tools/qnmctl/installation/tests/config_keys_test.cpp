@@ -9,7 +9,7 @@ namespace qnmctl {
 namespace {
 
 TEST(ConfigKeyTexts, AreComplete) {
-    for (const qnm_config_key_t& key : _qnm_config_keys()) {
+    for (const qnm_config_key_t& key : qnm::config_keys()) {
         EXPECT_STRNE("", key.brief) << key.name;
         EXPECT_NE('.', std::string(key.brief).back()) << key.name;
         EXPECT_TRUE(key.more[0] == '\0' || std::string(key.more).back() == '.') << key.name;

@@ -37,7 +37,7 @@ TEST(ConfigTable, StandsInTheDocument) {
 
 TEST(ConfigPage, HasEveryKeyWithItsText) {
     const std::string page = config_page();
-    for (const qnm_config_key_t& key : _qnm_config_keys()) {
+    for (const qnm_config_key_t& key : qnm::config_keys()) {
         const std::string text = ".BR \"" + std::string(key.name) + "\" \" = \" ";
         const std::size_t at = page.find(text);
         ASSERT_NE(std::string::npos, at) << text;
