@@ -67,7 +67,7 @@ learn_cards() {
     'CHANNELSTATECHANGE (a path came or went). The operator reads the card when he gets the' \
     'event; what he knew by then from an event before is not told again.'
   start_ctl --ports qnm0,qnm1 \
-    --set devinfo_expire_time=2000 --set devinfo_check_interval=1000 watch
+    --set devinfo_expire_time=2000 --set devinfo_check_interval=1000 watch --all
   expect \
     'sv-10g, a server card of 1G/10G' "$(event NEWDEVINFO "$sv_10g" '1/10G, VLAN ID 10')" \
     'sv-40g, a server card of 40G' "$(event NEWDEVINFO "$sv_40g" '40G, VLAN ID 20')" \

@@ -113,7 +113,7 @@ field() {
 # The command itself, while it runs, has this capability and none other in any set.
 check_credentials() {
   local watcher=0 tries
-  "${as_user[@]}" "${ctl[@]}" watch <&"$orders" >"$work/watch" 2>&1 &
+  "${as_user[@]}" "${ctl[@]}" watch --all <&"$orders" >"$work/watch" 2>&1 &
   watcher=$!
   for ((tries = 0; tries < 600; tries++)); do
     grep -qs NEWDEVINFO "$work/watch" && break

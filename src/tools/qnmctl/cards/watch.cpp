@@ -3,6 +3,7 @@
 
 #include "cards/commands.h"
 #include "cli/options.h"
+#include "installation/config_file.h"
 #include "manager/listen.h"
 
 namespace qnmctl {
@@ -10,6 +11,10 @@ namespace qnmctl {
 namespace {
 
 constexpr char watch_help[] =
+    "Text begins with a summary of the cards heard in the first seconds, and a port that goes "
+    "down\n"
+    "is one line with the number of its cards; --all, --event or --count bring a line for each\n"
+    "event. Records in JSON are always one for each.\n"
     "One line for every event: local time, event, kind and ID of the card, and what changed, from\n"
     "what to what, with the reason behind it: announced, expired after so long a silence, link\n"
     "down on a port, stopped or restarted by the operator. With several filters an event has to\n"
@@ -22,6 +27,8 @@ struct watch_options {
     event_filter filter = {};
     double seconds = 0;
     std::uint64_t count = 0;
+    bool all = false;
+    bool verbose = false;
 };
 
 const auto event_words = [] {
@@ -33,9 +40,21 @@ const auto event_words = [] {
     return words;
 }();
 
+// Whoever counts events, or asks for some of them, wants them one by one.
+bool is_digested(const watch_options& options) {
+    return !options.all && options.count == 0 && options.filter.events.empty();
+}
+
 int run_watch(context& with, const watch_options& options) {
     with.filter = options.filter;
     start(with);
+    if (with.told.is_text() && is_digested(options)) {
+        with.digested.emplace(
+            digest_options{.each_card = options.verbose,
+                           .ports = configured_ports(read_config(with.running().config())),
+                           .coloured = with.how.coloured},
+            digest::clock::now());
+    }
     listen_and_tell(with, options.seconds, options.count);
     return exit_ok;
 }
@@ -50,6 +69,9 @@ void define_watch(command_tree& tree) {
     add_card_filter(watch.self, watch.options.filter.cards);
     add_option(watch.self, {"--event", "EVENT", "Only events of this name; repeatable"},
                some_of(watch.options.filter.events, event_words));
+    add_flag(watch.self, "-a,--all", "A line for every event from the start", watch.options.all);
+    add_flag(watch.self, "-v,--verbose", "The cards of a port that goes down as well",
+             watch.options.verbose);
     add_seconds(watch.self, watch.options.seconds);
     add_count(watch.self, watch.options.count, "End after this many events");
     add_output(watch.self);

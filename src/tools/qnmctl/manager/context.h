@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -13,6 +14,7 @@
 #include "output/output.h"
 #include "output/writer.h"
 #include "records/changes.h"
+#include "records/digest.h"
 #include "records/selection.h"
 
 namespace qnmctl {
@@ -36,6 +38,7 @@ struct context {
     installation copy = {};  // of an operator's directory, that the manager runs on
     std::unique_ptr<session> manager = nullptr;
     event_filter filter = {};
+    std::optional<digest> digested = {};  // of a text that is watched
     known_cards known = {};
     std::set<std::uint64_t> stopped = {};  // cards that are not monitored
     bool quit = false;                     // asked for by a line

@@ -51,7 +51,9 @@ void tell_event(context& with, const observed& seen) {
         seen.record ? tell(with.known, seen.type, *seen.record) : told_change{};
     if (!is_wanted(with.filter, qnm_event_name(seen.type), seen.id, before, seen.record)) return;
     ++with.told_events;
-    if (with.told.is_text()) {
+    if (with.digested) {
+        with.told.text(with.digested->add(seen, told, clock::now()));
+    } else if (with.told.is_text()) {
         with.told.text(event_line(seen, told, with.how.coloured) + '\n');
     } else {
         with.told.record("event", event_json(seen, told));
@@ -126,6 +128,10 @@ void listen(context& with, const listening& how) {
         {with.out.fd(), 0, 0},  // only that its reader has gone: an error or a hang-up
         {how.takes_lines ? STDIN_FILENO : -1, POLLIN, 0}};
     const clock::time_point deadline = tools::deadline_after(how.seconds);
+    const auto wake_at = [&] {
+        const auto next = with.digested ? with.digested->next() : std::nullopt;
+        return next ? std::min(deadline, *next) : deadline;
+    };
     input_lines lines;
     with.told_events = 0;
     const auto is_over = [&] {
@@ -133,7 +139,7 @@ void listen(context& with, const listening& how) {
                clock::now() >= deadline;
     };
     while (!is_over()) {
-        if (poll(waited, std::size(waited), tools::milliseconds_until(deadline)) < 0) {
+        if (poll(waited, std::size(waited), tools::milliseconds_until(wake_at())) < 0) {
             if (errno == EINTR) continue;
             throw error(std::string("cannot wait: ") + std::strerror(errno));
         }
@@ -143,6 +149,7 @@ void listen(context& with, const listening& how) {
             if (!tell_events(with, how)) return;
             check_running(with);
         }
+        if (with.digested) with.told.text(with.digested->due(clock::now()));
         if (waited[input].revents != 0 && !answer_input(with, lines)) waited[input].fd = -1;
     }
 }
@@ -173,6 +180,7 @@ void listen_and_tell(context& with, double seconds, std::uint64_t count) {
         tools::tell("watching; \"help\" lists the commands, \"quit\" ends\n");
     }
     listen(with, {.seconds = seconds, .count = count, .tells = true, .takes_lines = true});
+    if (with.digested) with.told.text(with.digested->end());
 }
 
 void check_running(const context& with) {

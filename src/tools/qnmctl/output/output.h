@@ -49,6 +49,7 @@ look look_of(int fd);
 // Control sequences before and after a text that is shown so.
 inline constexpr char bold[] = "\033[1m";
 inline constexpr char red[] = "\033[31m";
+inline constexpr char green[] = "\033[32m";
 inline constexpr char yellow[] = "\033[33m";
 std::string in_colour(const std::string& text, const char* colour, bool coloured);
 

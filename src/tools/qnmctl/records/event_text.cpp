@@ -11,20 +11,23 @@ namespace qnmctl {
 
 namespace {
 
-// Indexed by qnm_evt_type_t.
-constexpr const char* event_colours[] = {
-    "\033[32m",  // new: green
-    "\033[36m",  // update: cyan
-    "\033[34m",  // binding: blue
-    "\033[31m",  // error: red
-    "\033[33m",  // link fault: yellow
-    "\033[35m",  // path: magenta
-};
-static_assert(std::size(event_colours) == QNM_EVT_MAX);
+// Indexed by meaning.
+constexpr const char* colours[] = {nullptr, green, yellow, red};
 
-// None for a type that no callback brings; qnm_event_name() has a name for those, too.
-const char* colour_of(qnm_evt_type_t type) {
-    return type < QNM_EVT_MAX ? event_colours[type] : nullptr;
+// What a change of one field means.
+meaning meaning_of(const change& of) {
+    const std::uint64_t raised = of.after.value & ~of.before.value;
+    switch (of.after.about) {
+        case aspect::path:
+            return of.after.value != 0 ? meaning::back : meaning::lost;
+        case aspect::error_vector:
+        case aspect::link_fault:
+            return raised != 0 ? meaning::faulty : meaning::back;
+        case aspect::general:
+        case aspect::connection:
+            break;
+    }
+    return meaning::plain;
 }
 
 // What stands behind a card when it is seen for the first time.
@@ -86,10 +89,19 @@ const char* on_off(bool on) {
 
 }  // namespace
 
+// The worst of all changes counts.
+meaning meaning_of(const observed& seen, const told_change& told) {
+    if (!seen.record) return meaning::lost;
+    meaning worst = told.first ? meaning::back : meaning::plain;
+    for (const change& one : told.changes)
+        worst = std::max(worst, meaning_of(one));
+    return worst;
+}
+
 std::string event_line(const observed& seen, const told_change& told, bool coloured) {
-    return line_text(seen.when, qnm_event_name(seen.type),
-                     coloured ? colour_of(seen.type) : nullptr, seen.record, seen.id,
-                     event_words(seen, told));
+    const auto of = static_cast<std::size_t>(meaning_of(seen, told));
+    return line_text(seen.when, qnm_event_name(seen.type), coloured ? colours[of] : nullptr,
+                     seen.record, seen.id, event_words(seen, told));
 }
 
 json event_json(const observed& seen, const told_change& told) {

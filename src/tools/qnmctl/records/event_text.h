@@ -20,8 +20,13 @@ struct observed {
     std::optional<card> record;
 };
 
-// One line without its end. `told` is what tell() made of the event; nothing of a card that is
-// gone.
+// What an event means to whoever watches, by ascending weight.
+enum class meaning { plain, back, faulty, lost };
+
+meaning meaning_of(const observed& seen, const told_change& told);
+
+// Coloured by its meaning. One line without its end. `told` is what tell() made of the event;
+// nothing of a card that is gone.
 std::string event_line(const observed& seen, const told_change& told, bool coloured);
 json event_json(const observed& seen, const told_change& told);
 

@@ -625,7 +625,7 @@ TEST_F(Cards, TakeNoPageOfAnotherSize) {
 }
 
 TEST_F(Cards, AGroupIsWatchedUntilACardHasLeftIt) {
-    program run(ctl({"watch", "--group", "10"}));
+    program run(ctl({"watch", "--all", "--group", "10"}));
     run.read_until(std::string("QNSV ") + server);
     cards.set("sv", "vlan_id", "30");
     const std::string seen = run.read_until("VLAN ID 10 -> 30 (announced)\n");
@@ -635,7 +635,7 @@ TEST_F(Cards, AGroupIsWatchedUntilACardHasLeftIt) {
 }
 
 TEST_F(Cards, AreAccessedFromLinesOfAWatch) {
-    program run(ctl({"watch"}));
+    program run(ctl({"watch", "--all"}));
     run.read_until(std::string("QNSV ") + server);
     run.say(std::string("reg write ") + server + " 0x100 7 --verify");
     run.read_until("0x00000007 verified");
@@ -675,7 +675,7 @@ class Accessed : public Cards {
         return found;
     }
 
-    program holder{ctl({"watch"})};
+    program holder{ctl({"watch", "--all"})};
 };
 
 TEST_F(Accessed, AreRefusedToAnotherProcessUntilThatOneEnds) {
@@ -738,7 +738,7 @@ TEST_F(Accessed, HaveADeafProcessNamedByTheDoctor) {
 
 // The same of one that only listens, and has no lock.
 TEST_F(Cards, HaveADeafListenerNamedByTheDoctor) {
-    program listener(ctl({"watch"}));
+    program listener(ctl({"watch", "--all"}));
     listener.read_until(std::string("QNSV ") + server);
     const auto named = [&](const char* severity, int status) {
         const std::string process = "process " + std::to_string(listener.pid()) + " (qnmctl) works";
@@ -784,7 +784,7 @@ TEST_F(Cards, BesideProcessesThatCannotBeLookedIntoAreNotCalledWell) {
 
 TEST_F(Cards, ThatFallSilentExpire) {
     cards.silence("sv", 1, 0);
-    program run(ctl({"--set", "devinfo_expire_time=1000", "watch", "--card", server}));
+    program run(ctl({"--set", "devinfo_expire_time=1000", "watch", "--all", "--card", server}));
     run.read_until("connected P0M0");
     cards.silence("sv", 0, 0);
     const std::string lost = "path P0M0 connected -> disconnected (expired after ";
@@ -794,12 +794,26 @@ TEST_F(Cards, ThatFallSilentExpire) {
 
 TEST_F(Cards, BehindACableThatIsPulledHaveNoLink) {
     cards.silence("sv", 0, 0);
-    program run(ctl({"--set", "devinfo_expire_time=100000", "watch", "--card", server}));
+    program run(ctl({"--set", "devinfo_expire_time=100000", "watch", "--all", "--card", server}));
     run.read_until("connected P1M0");
     run_or_throw("ip link set qsim1 down");
     const std::string lost = "path P1M0 connected -> disconnected (link down on port 1)";
     const std::string& text = run.read_until(lost);
     EXPECT_TRUE(holds(text, lost)) << text;
+}
+
+TEST_F(Cards, AreSummedUpByAWatch) {
+    program run(ctl({"--set", "devinfo_expire_time=100000", "watch"}));
+    const std::string start = run.read_until("; changes follow, \"list\" shows the cards\n");
+    EXPECT_TRUE(start.starts_with("heard in 3 s: ")) << start;
+    ASSERT_TRUE(comes_true([&] {
+        run.say("list");
+        return holds(run.read_until("QNSV, "), "  C    -    C");
+    }));
+    run_or_throw("ip link set qsim1 down");
+    EXPECT_TRUE(holds(run.read_until(" port 1 (qnm1): link down, "), "link down, "));
+    run.say("quit");
+    EXPECT_EQ(0, run.end());
 }
 
 }  // namespace

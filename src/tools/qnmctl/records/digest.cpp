@@ -1,0 +1,126 @@
+// Holds back what belongs together until it is complete.
+#include "records/digest.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "output/text.h"
+#include "records/condition.h"
+
+namespace qnmctl {
+
+namespace {
+
+std::string counted(std::uint64_t number, const char* what) {
+    return grouped(number) + ' ' + what + (number == 1 ? "" : "s");
+}
+
+// The port whose link took every path that the event is about; nothing when it is another event.
+std::optional<int> lost_with_port(const told_change& told) {
+    const auto is_link_down = [](const reason& why) { return why.why == cause::link_down; };
+    if (told.changes.empty()) {
+        return is_link_down(told.why) ? std::optional(told.why.port) : std::nullopt;
+    }
+    const reason& first = told.changes.front().why;
+    const bool all =
+        std::ranges::all_of(told.changes, [&](const change& one) { return one.why == first; });
+    return all && is_link_down(first) ? std::optional(first.port) : std::nullopt;
+}
+
+}  // namespace
+
+std::string grouped(std::uint64_t number) {
+    std::string text = std::to_string(number);
+    for (std::size_t at = text.size(); at > 3; at -= 3)
+        text.insert(at - 3, 1, ',');
+    return text;
+}
+
+digest::digest(digest_options how, clock::time_point start)
+    : how_(std::move(how)), summary_at_(start + opening) {}
+
+// A card that is new, and what follows from its first announcements. What is wrong with a card is
+// told even then.
+bool digest::is_opening(const observed& seen, const told_change& told,
+                        clock::time_point now) const {
+    if (summarised_ || now >= summary_at_ || !seen.record) return false;
+    const meaning of = meaning_of(seen, told);
+    return told.first ||
+           ((of == meaning::plain || of == meaning::back) && heard_.contains(seen.id));
+}
+
+std::string digest::add(const observed& seen, const told_change& told, clock::time_point now) {
+    const std::string held = due(now);
+    const std::string line = event_line(seen, told, how_.coloured) + '\n';
+    if (is_opening(seen, told, now)) {
+        heard_.insert_or_assign(seen.id, *seen.record);
+        return held;
+    }
+    const std::optional<int> port = lost_with_port(told);
+    if (!port) return held + line;
+    lost_port& lost = ports_.try_emplace(*port, lost_port{seen.when, now, now}).first->second;
+    lost.last = now;
+    lost.cards[seen.id] += line;
+    return held;
+}
+
+std::optional<digest::clock::time_point> digest::next() const {
+    std::optional<clock::time_point> at;
+    const auto consider = [&](clock::time_point candidate) {
+        at = at ? std::min(*at, candidate) : candidate;
+    };
+    if (!summarised_) consider(summary_at_);
+    for (const auto& [port, lost] : ports_)
+        consider(std::min(lost.last + port_pause, lost.first + port_limit));
+    return at;
+}
+
+std::string digest::due(clock::time_point now) {
+    std::string text;
+    if (!summarised_ && now >= summary_at_) {
+        text += summary();
+        summarised_ = true;
+        heard_.clear();
+    }
+    std::erase_if(ports_, [&](const auto& entry) {
+        const lost_port& lost = entry.second;
+        if (now < lost.last + port_pause && now < lost.first + port_limit) return false;
+        text += port_text(entry.first, lost);
+        return true;
+    });
+    return text;
+}
+
+std::string digest::end() {
+    return due(clock::time_point::max());
+}
+
+// "heard in 3 s: 2 QNSV and 1,998 QNIO cards, 3 faulty; changes follow"
+std::string digest::summary() const {
+    std::uint64_t servers = 0, faulty = 0, lost = 0;
+    for (const auto& [id, record] : heard_) {
+        servers += std::holds_alternative<qnm_qnsv_t>(record) ? 1U : 0U;
+        faulty += condition_of(record) == condition::faulty ? 1U : 0U;
+        lost += condition_of(record) == condition::lost ? 1U : 0U;
+    }
+    std::string text = "heard in " + std::to_string(opening.count()) + " s: " + grouped(servers) +
+                       " QNSV and " + counted(heard_.size() - servers, "QNIO card");
+    if (faulty != 0) text += ", " + grouped(faulty) + " faulty";
+    if (lost != 0) text += ", " + grouped(lost) + " lost";
+    return text + "; changes follow, \"list\" shows the cards\n";
+}
+
+std::string digest::port_text(int port, const lost_port& of) const {
+    const auto at = static_cast<std::size_t>(port);
+    const std::string name = at < how_.ports.size() ? " (" + how_.ports[at] + ')' : "";
+    std::string text =
+        time_text(of.when) + ' ' +
+        in_colour("port " + std::to_string(port) + name + ": link down", red, how_.coloured) +
+        ", " + counted(of.cards.size(), "card") + " disconnected\n";
+    if (!how_.each_card) return text;
+    for (const auto& [id, lines] : of.cards)
+        text += lines;
+    return text;
+}
+
+}  // namespace qnmctl
