@@ -157,28 +157,6 @@ json card_head_json(const topology_card& of) {
     return object;
 }
 
-// ---- Graphviz -----------------------------------------------------------------------------------
-
-std::string node_name(std::uint64_t id) {
-    return '"' + id_text(id) + '"';
-}
-
-std::string node_line(const char* kind, const topology_card& of) {
-    const bool server = std::string_view(kind) == "QNSV";
-    std::string label = std::string(kind) + "\\n" + id_text(of.id);
-    label += of.record ? "\\nVLAN ID " + group_of(of) : "\\nnot heard";
-    return "    " + node_name(of.id) + " [label=\"" + label +
-           "\", shape=" + (server ? "box" : "ellipse") + (of.record ? "" : ", style=dashed") +
-           "];\n";
-}
-
-std::string edge_line(std::uint64_t server, const topology_link& of) {
-    std::string line = "    " + node_name(server) + " -> " + node_name(of.device.id) +
-                       " [label=\"" + port_words(of);
-    if (of.disagreement.empty()) return line + "\"];\n";
-    return line + "\\n" + of.disagreement + "\", color=red, fontcolor=red, style=dashed];\n";
-}
-
 }  // namespace
 
 topology make_topology(const std::vector<card>& cards) {
@@ -208,20 +186,6 @@ std::string topology_text(const topology& of, const look& how) {
         text += "QNIO " + card_words({common(one).ecd_id, one}) + '\n';
     }
     return text.empty() ? "no cards heard\n" : text;
-}
-
-std::string topology_dot(const topology& of) {
-    std::string text =
-        "digraph topology {\n    rankdir=LR;\n    node [fontname=\"sans-serif\"];\n"
-        "    edge [fontname=\"sans-serif\"];\n";
-    for (const topology_server& one : of.servers) {
-        text += node_line("QNSV", one.server);
-        for (const topology_link& link : one.links)
-            text += node_line("QNIO", link.device) + edge_line(one.server.id, link);
-    }
-    for (const card& one : of.unbound)
-        text += node_line("QNIO", {common(one).ecd_id, one});
-    return text + "}\n";
 }
 
 json server_json(const topology_server& of) {

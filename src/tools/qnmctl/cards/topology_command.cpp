@@ -4,6 +4,7 @@
 #include "cards/commands.h"
 #include "cards/topology.h"
 #include "cli/options.h"
+#include "installation/config_file.h"
 #include "manager/listen.h"
 
 namespace qnmctl {
@@ -13,7 +14,10 @@ namespace {
 constexpr char topology_help[] =
     "A QNSV card reports the MAC address behind each of its downstream ports, a QNIO card that of\n"
     "the QNSV card it is bound to. Where only one of them reports a link, or the other one is not\n"
-    "heard, an exclamation mark says so. -o dot is for Graphviz:\n"
+    "heard, an exclamation mark says so. -o dot is a picture for Graphviz, from the host on the "
+    "left\n"
+    "by its ports to the cards of each group. It has a line for each path, too; what is lost is "
+    "red:\n"
     "    qnmctl --ports eth1 topology -o dot | dot -Tsvg > topology.svg";
 
 struct topology_options {
@@ -22,7 +26,10 @@ struct topology_options {
 
 void answer_topology(context& with, const topology_options&) {
     const topology found = make_topology(read_cards());
-    if (with.told.form() == output_form::dot) return with.told.text(topology_dot(found));
+    if (with.told.form() == output_form::dot) {
+        const auto ports = configured_ports(read_config(with.where.config()));
+        return with.told.text(topology_dot(found, ports));
+    }
     with.told.text(topology_text(found, with.how));
     for (const topology_server& server : found.servers)
         with.told.record("qnsv", server_json(server));

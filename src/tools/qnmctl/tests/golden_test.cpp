@@ -1,5 +1,5 @@
-// What is told in JSON, to the letter: whoever reads it relies on that. The files in golden/ are
-// checked against the schema as well. QNMCTL_WRITE_GOLDEN=1 writes them anew.
+// What is told in JSON or drawn, to the letter: whoever reads it relies on that. The files of JSON
+// in golden/ are checked against the schema as well. QNMCTL_WRITE_GOLDEN=1 writes them anew.
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -92,6 +92,16 @@ void tell_topology(writer& told) {
     told.end(exit_ok);
 }
 
+void draw_topology(writer& told) {
+    qnm_qnsv_t server = sample_server();
+    server.esv_com_dev.ecd_recvtime[0][1] = server.esv_com_dev.ecd_recvtime[0][0];
+    server.esv_down_port[3].edp_port_status[1] = 0x02;
+    server.esv_down_port[3].edp_io_mac[0] = 0x02;
+    server.esv_down_port[3].edp_io_mac[4] = 0x30;
+    told.text(topology_dot(make_topology({server, sample_device()}), {"eth1", "eth2"}));
+    told.end(exit_ok);
+}
+
 void tell_findings(writer& told) {
     inspected system = sample_system();
     system.config = sample_file("/opt/tarvo/qnm/conf/qnm.conf", "ether_port = eth1\ntag_mxa = 7\n");
@@ -181,6 +191,7 @@ constexpr golden files[] = {
     {"reg-dump.jsonl", "reg dump", output_form::json_lines, tell_dump},
     {"doctor.json", "doctor", output_form::json_document, tell_findings},
     {"topology.json", "topology", output_form::json_document, tell_topology},
+    {"topology.dot", "topology", output_form::dot, draw_topology},
     {"report.json", "report", output_form::json_document, tell_report},
     {"monitor.jsonl", "monitor", output_form::json_lines, tell_monitored},
     {"stats.json", "stats", output_form::json_document, tell_dumps},

@@ -5,7 +5,9 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <cstddef>
 #include <iterator>
+#include <sstream>
 
 #include "tests/sample_cards.h"
 
@@ -127,19 +129,100 @@ TEST(TopologyJson, HasBothSidesAndWhetherTheyAgree) {
               unbound_json(sample_device()));
 }
 
-TEST(TopologyDot, HasNodesAndEdges) {
-    const std::string dot =
-        topology_dot(make_topology({server_with(3, device_id), sample_device()}));
-    EXPECT_EQ(0U, dot.find("digraph topology {\n"));
-    EXPECT_NE(std::string::npos,
-              dot.find("    \"0x020000001000\" [label=\"QNSV\\n0x020000001000\\nVLAN ID 10\", "
-                       "shape=box];\n"))
+// ---- The picture --------------------------------------------------------------------------------
+
+std::string dot_of(const std::vector<card>& cards,
+                   const std::vector<std::string>& ports = {"eth1", "eth2"}) {
+    return topology_dot(make_topology(cards), ports);
+}
+
+// How often a line stands there, whatever it is indented by.
+std::ptrdiff_t lines_of(const std::string& line, const std::string& dot) {
+    std::istringstream lines(dot);
+    std::ptrdiff_t count = 0;
+    for (std::string one; std::getline(lines, one);)
+        count += one.substr(std::min(one.size(), one.find_first_not_of(' '))) == line ? 1 : 0;
+    return count;
+}
+
+TEST(TopologyDot, HasKindSpeedAndGroupOfEachCard) {
+    const std::string dot = dot_of({sample_server(), sample_device()});
+    EXPECT_EQ(1, lines_of("\"0x020000001000\" [label=\"QNSV 1/10G\\n0x020000001000\", "
+                          "shape=box, fillcolor=\"#ddf4ff\"];",
+                          dot))
         << dot;
-    EXPECT_NE(
-        std::string::npos,
-        dot.find("    \"0x020000001000\" -> \"0x020000003000\" [label=\"port 3\\nthe QNIO card "
-                 "reports no QNSV card\", color=red, fontcolor=red, style=dashed];\n"))
+    EXPECT_EQ(1, lines_of("\"0x020000003000\" [label=\"QNIO 40G\\n0x020000003000\", "
+                          "shape=ellipse, fillcolor=\"#dafbe1\"];",
+                          dot))
         << dot;
+    EXPECT_EQ(1, lines_of("label=\"VLAN ID 10\";", dot)) << dot;
+    EXPECT_EQ(1, lines_of("label=\"VLAN ID 30\";", dot)) << dot;
+}
+
+TEST(TopologyDot, PutsCardsOfAGroupIntoOneBox) {
+    qnm_qnio_t device = sample_device();
+    device.eio_com_dev.ecd_vlan_id = 10;
+    EXPECT_EQ(1, lines_of("label=\"VLAN ID 10\";", dot_of({sample_server(), device})));
+}
+
+TEST(TopologyDot, LeadsFromTheHostByItsPortsAlongEachPath) {
+    const std::string dot = dot_of({sample_server(), sample_device()});
+    EXPECT_EQ(1, lines_of("\"port 0\" [label=\"port 0\\neth1\"];", dot)) << dot;
+    EXPECT_EQ(1, lines_of("host -> \"port 1\";", dot)) << dot;
+    EXPECT_EQ(1, lines_of("\"port 0\" -> \"0x020000001000\";", dot)) << dot;
+    EXPECT_EQ(1, lines_of("\"port 1\" -> \"0x020000003000\";", dot)) << dot;
+    EXPECT_EQ(0, lines_of("\"port 0\" -> \"0x020000003000\";", dot)) << "never heard by it";
+}
+
+TEST(TopologyDot, OfOnePortHasNoOther) {
+    EXPECT_EQ(std::string::npos, dot_of({sample_server()}, {"eth1"}).find("port 1"));
+}
+
+TEST(TopologyDot, KeepsQuotesInTheNameOfAPort) {
+    EXPECT_NE(std::string::npos, dot_of({}, {R"(a"\b)"}).find(R"(\na\"\\b"])"));
+}
+
+TEST(TopologyDot, MarksALostPath) {
+    qnm_qnsv_t server = sample_server();
+    server.esv_com_dev.ecd_recvtime[1][0] = server.esv_com_dev.ecd_recvtime[0][0];
+    const std::string dot = dot_of({server});
+    EXPECT_EQ(1, lines_of("\"port 0\" -> \"0x020000001000\";", dot)) << dot;
+    EXPECT_EQ(1, lines_of("\"port 1\" -> \"0x020000001000\" [label=\"P1M0 lost\", color=red, "
+                          "fontcolor=red, style=dashed];",
+                          dot))
+        << dot;
+}
+
+TEST(TopologyDot, MarksACardWithoutAnyPath) {
+    qnm_qnsv_t server = sample_server();
+    server.esv_com_dev.ecd_state[0][0] = 0;
+    EXPECT_NE(std::string::npos, dot_of({server}).find("\\n0x020000001000\\nlost\", shape=box"));
+}
+
+TEST(TopologyDot, HasTheLinksOfCards) {
+    const std::string dot = dot_of({server_with(3, device_id), device_bound_to(server_id)});
+    EXPECT_EQ(1, lines_of("\"0x020000001000\" -> \"0x020000003000\" [label=\"down port 3\", "
+                          "arrowhead=normal, penwidth=2, color=\"#24292f\"];",
+                          dot))
+        << dot;
+}
+
+TEST(TopologyDot, MarksALinkThatOneSideReports) {
+    const std::string dot = dot_of({server_with(3, device_id), sample_device()});
+    EXPECT_EQ(1, lines_of("\"0x020000001000\" -> \"0x020000003000\" [label=\"down port 3\\nthe "
+                          "QNIO card reports no QNSV card\", arrowhead=normal, penwidth=2, "
+                          "color=red, fontcolor=red, style=dashed];",
+                          dot))
+        << dot;
+}
+
+TEST(TopologyDot, HasACardOnceThatSeveralLinksName) {
+    const std::string dot = dot_of({server_with(0, device_id), device_bound_to(0x020000009000)});
+    EXPECT_EQ(1, lines_of("\"0x020000003000\" [label=\"QNIO 40G\\n0x020000003000\", "
+                          "shape=ellipse, fillcolor=\"#dafbe1\"];",
+                          dot))
+        << dot;
+    EXPECT_NE(std::string::npos, dot.find("QNSV\\n0x020000009000\\nnot heard")) << dot;
 }
 
 }  // namespace
