@@ -50,7 +50,7 @@ bool digest::is_opening(const observed& seen, const told_change& told,
 }
 
 std::string digest::add(const observed& seen, const told_change& told, clock::time_point now) {
-    const std::string held = due(now);
+    std::string held = due(now);
     const std::string line = event_line(seen, told, how_.coloured) + '\n';
     if (is_opening(seen, told, now)) {
         heard_.insert_or_assign(seen.id, *seen.record);
