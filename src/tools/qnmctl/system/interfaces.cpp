@@ -84,9 +84,9 @@ std::optional<std::uint32_t> find_feature(inquiry& from, std::uint32_t count, co
     names->string_set = ETH_SS_FEATURES;
     names->len = count;
     if (from.ask_ethtool(names.get()) != 0) return std::nullopt;
-    const auto* const first = reinterpret_cast<const char*>(names->data);
     for (std::uint32_t at = 0; at < count; ++at) {
-        const char* const name = first + std::size_t{ETH_GSTRING_LEN} * at;
+        const auto* const name =
+            reinterpret_cast<const char*>(names->data) + std::size_t{ETH_GSTRING_LEN} * at;
         if (std::strncmp(name, wanted, ETH_GSTRING_LEN) == 0) return at;
     }
     return std::nullopt;
