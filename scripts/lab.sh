@@ -9,7 +9,7 @@
 #   SCENARIO   the cards, default: src/tools/cardsim/scenarios/demo.toml
 #   COMMAND    runs in place of the shell, and its exit status is that of this script
 #
-# In the shell, "cards COMMAND..." tells the simulated cards what to do ("cards help" lists it).
+# In there "cards COMMAND..." tells the simulated cards what to do ("cards help" lists it).
 set -euo pipefail
 # shellcheck source=scripts/common.sh
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
@@ -52,18 +52,29 @@ greet() {
   echo '"cards help" lists what the cards can be told; "exit" ends all of it.'
 }
 
-# The user's own shell settings, with what the lab adds.
+# The command "cards", and the user's own shell settings with what the lab adds.
 write_settings() {
-  cat >"$1" <<'END'
-[[ -r ~/.bashrc ]] && . ~/.bashrc
-PATH=$QNM_LAB_BIN:$PATH
-PS1='(lab) \w\$ '
-cards() {
-  local answer
-  echo "$*" >"$QNM_LAB/qnm-cardsim.in" && read -r answer <"$QNM_LAB/qnm-cardsim.out" && echo "$answer"
-}
-export -f cards
+  mkdir "$work/bin"
+  cat >"$work/bin/cards" <<'END'
+#!/bin/sh
+echo "$*" >"$QNM_LAB/qnm-cardsim.in" && read -r answer <"$QNM_LAB/qnm-cardsim.out" && echo "$answer"
 END
+  chmod +x "$work/bin/cards"
+  cat >"$work/bashrc" <<'END'
+[[ -r ~/.bashrc ]] && . ~/.bashrc
+PATH=$QNM_LAB_PATH:$PATH
+PS1='(lab) \w\$ '
+END
+}
+
+# Whatever was started in the lab has the name of its folder in the environment.
+clear_lab() {
+  local file process
+  while IFS= read -r file; do
+    process=${file#/proc/}
+    stop "${process%/environ}"
+  done < <(grep -lzxF -- "QNM_LAB=$work" /proc/[0-9]*/environ 2>/dev/null)
+  clear_stage
 }
 
 # The commands of the greeting, one a line, for whoever wants to run them all.
@@ -79,14 +90,15 @@ run_inside() {
   # shellcheck source=scripts/stage.sh
   . "$root/scripts/stage.sh"
   set_stage
+  trap clear_lab EXIT
   start_sim "$scenario"
   sim list >/dev/null # the cards are there, or the reason why not is shown
-  export QNM_LAB=$work QNM_LAB_BIN=$bin QNMCTL_PORTS=qnm0,qnm1
+  export QNM_LAB=$work QNM_LAB_PATH=$work/bin:$bin QNMCTL_PORTS=qnm0,qnm1
   QNM_LAB_OFFERS=$(list_offers)
   export QNM_LAB_OFFERS
-  write_settings "$work/bashrc"
+  write_settings
   if (($# > 0)); then
-    PATH=$bin:$PATH "$@"
+    PATH=$QNM_LAB_PATH:$PATH "$@"
     return
   fi
   greet

@@ -39,6 +39,15 @@ done <<<"$QNM_LAB_OFFERS"' >"$work/said" || fail "$(cat "$work/said")"
 (($(<"$work/done") == 5)) || fail "not all commands were tried: $(cat "$work/said")"
 grep -q '2 QNSV, 4 QNIO' "$work/said" || fail "list: $(cat "$work/said")"
 
+# What is left running ends with the lab.
+status=0
+# shellcheck disable=SC2016 # for the shell in the lab
+in_lab bash -c 'cards list; sleep 1000 & echo $! >"$HOME/left"; exit 3' >"$work/said" || status=$?
+((status == 3)) || fail "a command that ends with 3 ended with $status"
+grep -q '^ok.*sv-10g' "$work/said" || fail "the cards did not answer: $(cat "$work/said")"
+# Where nothing reaps it, a dead one stays, without a command line.
+! grep -qs sleep "/proc/$(<"$work/left")/cmdline" || fail "a process is left behind"
+
 # The shell itself, which takes its commands from standard input here.
 status=0
 printf 'cards set sv-10g vlan_id 77\nqnmctl show 0x020000001000\nexit 7\n' |
