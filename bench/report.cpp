@@ -192,55 +192,6 @@ std::string table(const collector& figures) {
     return text.str();
 }
 
-// ---- The plot ----------------------------------------------------------------------------------
-
-struct plot_row {
-    const char* file;
-    const char* label;
-    const char* benchmark;
-    const char* columns[4];  // null at the end
-};
-
-constexpr plot_row k_plot_rows[] = {
-    {"latency", "libqnm, level error", "read/error", {"p50_us", "p99_us", "p999_us", "max_us"}},
-    {"latency", "libqnm, default level", "read/default", {"p50_us", "p99_us", "p999_us", "max_us"}},
-    {"latency",
-     "floor, two threads",
-     "read/error",
-     {"floor_p50_us", "floor_p99_us", "floor_p999_us", "floor_max_us"}},
-    {"latency",
-     "floor, one thread",
-     k_plain,
-     {"pcap_p50_us", "pcap_p99_us", "pcap_p999_us", "pcap_max_us"}},
-    {"latency",
-     "packet socket",
-     k_plain,
-     {"socket_p50_us", "socket_p99_us", "socket_p999_us", "socket_max_us"}},
-    {"reads", "1", "read/error/1x64", {"per_second", "floor_per_second"}},
-    {"reads", "4", "read/error/4x64", {"per_second", "floor_per_second"}},
-    {"reads", "16", "read/error/16x64", {"per_second", "floor_per_second"}},
-    {"intake", "libqnm, 100 cards", "intake/496B", {"cards_100"}},
-    {"intake", "libqnm, 100,000 cards", "intake/496B", {"cards_100000"}},
-    {"intake", "floor, one per poll", "intake/496B", {"one_per_poll"}},
-    {"intake", "floor, until empty", "intake/496B", {"until_empty"}},
-    {"intake", "packet socket", "intake/496B", {"socket"}},
-};
-
-void write_plot_rows(const collector& figures, const std::string& directory) {
-    for (const char* const file : {"latency", "reads", "intake"}) {
-        std::ofstream out(directory + "/" + file + ".dat");
-        for (const plot_row& it : k_plot_rows) {
-            if (std::string_view(file) != it.file) continue;
-            out << '"' << it.label << '"';
-            for (const char* const column : it.columns) {
-                if (column == nullptr) break;
-                out << ' ' << figures.find(it.benchmark, column).value_or(0);
-            }
-            out << '\n';
-        }
-    }
-}
-
 }  // namespace
 
 void collector::ReportRuns(const std::vector<Run>& runs) {
@@ -264,10 +215,7 @@ std::optional<double> collector::find(const std::string& benchmark,
 bool report(const collector& figures, const std::string& directory) {
     const std::string text = table(figures);
     std::cout << '\n' << text;
-    if (!directory.empty()) {
-        std::ofstream(directory + "/table.md") << text;
-        write_plot_rows(figures, directory);
-    }
+    if (!directory.empty()) std::ofstream(directory + "/table.md") << text;
     return !figures.has_failed();
 }
 

@@ -23,8 +23,8 @@ class collector : public benchmark::ConsoleReporter {
     bool failed_ = false;
 };
 
-// Prints the table and, when a directory is named, writes it there together with the numbers for
-// the plot. False when a benchmark failed; a missed target is a result, not a failure.
+// Prints the table and, when a directory is named, writes it there. False when a benchmark failed;
+// a missed target is a result, not a failure.
 bool report(const collector& figures, const std::string& directory);
 
 }  // namespace bench

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Measures the library on veth pairs in a private network namespace, beside the least that the same
-# machine can do with the same frames. Prints a table with ratios and targets, and writes it with all
-# figures and a plot into bench/results/. Installs what is missing and builds first.
+# machine can do with the same frames. Prints a table with ratios and targets, and writes it into
+# bench/results/ with a picture of the figures that the README shows. Installs what is missing and
+# builds first.
 #
 #   usage: bench.sh [--quick] [OPTION...]
 #
@@ -42,10 +43,12 @@ main() {
   mkdir -p "$results"
   "$root/scripts/in-netns.sh" "$build/bin/qnm-bench" --results="$results" "$@"
   describe_machine | cat - "$results/table.md" >"$results/results.md"
-  gnuplot -e "results='$results'" "$root/bench/plot.gnuplot"
-  rm "$results"/*.dat "$results/table.md"
+  rm "$results/table.md"
+  "$root/bench/summary.py" picture "$results/results.md" >"$results/results.svg"
   echo
-  echo "The table, all figures and the plot are in $results."
+  echo "All figures and the picture are in $results. For the README:"
+  echo
+  "$root/bench/summary.py" table "$results/results.md"
 }
 
 main "$@"

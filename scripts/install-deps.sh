@@ -46,7 +46,6 @@ readonly table=(
   'analysis           clang clang-tidy : clang++ clang-tidy run-clang-tidy'
   'analysis           cppcheck lua-check mypy : cppcheck luacheck mypy'
   'test,bench         libbenchmark-dev :'
-  'bench              gnuplot-nox : gnuplot'
   'coverage           gcovr : gcov gcovr'
   'fuzz               clang libclang-rt-dev|libclang-rt-14-dev : clang clang++' # and the sanitizers
   'trial              mmdebstrap : mmdebstrap'
