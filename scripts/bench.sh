@@ -30,9 +30,13 @@ build_benchmarks() {
   )
 }
 
-# Where the figures come from.
-describe_machine() {
-  echo "Measured on $(nproc) cores ($(sed -n 's/^model name\s*: //p' /proc/cpuinfo | head -1))," \
+# Where the figures come from; the arguments are those of the run.
+describe_run() {
+  local how=
+  if [[ " $* " == *' --quick '* ]]; then
+    how="with \`--quick\` "
+  fi
+  echo "Measured ${how}on $(nproc) cores ($(sed -n 's/^model name\s*: //p' /proc/cpuinfo | head -1))," \
     "Linux $(uname -r), $(date --utc +%F)."
   echo
 }
@@ -42,7 +46,7 @@ main() {
   build_benchmarks
   mkdir -p "$results"
   "$root/scripts/in-netns.sh" "$build/bin/qnm-bench" --results="$results" "$@"
-  describe_machine | cat - "$results/table.md" >"$results/results.md"
+  describe_run "$@" | cat - "$results/table.md" >"$results/results.md"
   rm "$results/table.md"
   "$root/bench/summary.py" picture "$results/results.md" >"$results/results.svg"
   echo
