@@ -9,7 +9,7 @@
 #include <stdexcept>
 
 #include "figures.h"
-#include "qnm_stats.h"
+#include "qnm_counters.h"
 
 namespace bench {
 

@@ -16,7 +16,7 @@
 #include "figures.h"
 #include "floors.h"
 #include "host.h"
-#include "qnm_stats.h"
+#include "qnm_counters.h"
 
 namespace bench {
 

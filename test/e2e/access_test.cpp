@@ -7,7 +7,6 @@
 #include <thread>
 #include <vector>
 
-#include "qnm_stats.h"
 #include "rig.h"
 
 namespace e2e {

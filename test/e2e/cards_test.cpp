@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <iterator>
 
-#include "qnm_stats.h"
+#include "qnm_counters.h"
 #include "rig.h"
 
 namespace e2e {

@@ -5,8 +5,8 @@
 
 #include <algorithm>
 
-#include "qnm_main.h"
-#include "qnm_stats.h"
+#include "qnm_counters.h"
+#include "qnm_root.h"
 #include "rig.h"
 
 namespace e2e {

@@ -9,8 +9,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "qnm_counters.h"
 #include "qnm_limits.h"
-#include "qnm_stats.h"
 #include "rig.h"
 
 namespace e2e {

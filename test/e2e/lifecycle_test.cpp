@@ -17,7 +17,7 @@
 #include <thread>
 
 #include "program.h"
-#include "qnm_stats.h"
+#include "qnm_counters.h"
 #include "rig.h"
 
 namespace e2e {

@@ -16,8 +16,8 @@
 #include <thread>
 #include <vector>
 
-#include "qnm_main.h"
-#include "qnm_stats.h"
+#include "qnm_counters.h"
+#include "qnm_root.h"
 #include "rig.h"
 
 namespace e2e {

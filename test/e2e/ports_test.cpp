@@ -5,8 +5,7 @@
 #include <pcap/pcap.h>
 #include <sys/socket.h>
 
-#include "qnm_main.h"
-#include "qnm_stats.h"
+#include "qnm_root.h"
 #include "rig.h"
 
 namespace e2e {

@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "library.h"
+#include "qnm_reg_send.h"
+#include "qnm_util.h"
 
 namespace {
 

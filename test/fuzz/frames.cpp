@@ -13,6 +13,7 @@
 #include <numeric>
 
 #include "library.h"
+#include "qnm_keepalive.h"
 #include "qnm_linkdown.h"
 
 namespace {

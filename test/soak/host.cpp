@@ -24,7 +24,7 @@
 #include "checks/stress.h"
 #include "checks/tally.h"
 #include "checks/watch.h"
-#include "qnm_stats.h"
+#include "qnm_counters.h"
 #include "rig.h"
 #include "site.h"
 #include "worker.h"

@@ -1,19 +1,20 @@
-// qnm_api.cpp - the device commands, the log level, and the count of calls under way.
+// qnm_api.cpp - the device commands and the log level.
 //
 // Each command works on a copy of the card's record, taken under the device-table lock, and sends
-// its frame with nothing locked. A stop waits for the calls that are inside the library, so that
-// nothing is taken down under them.
+// its frame with nothing locked.
 
 #include "qnm_api.h"
 
 #include <algorithm>
 
+#include "qnm_call.h"
+#include "qnm_card_call.h"
 #include "qnm_config.h"
 #include "qnm_filter.h"
 #include "qnm_frame.h"
 #include "qnm_log4cxxif.h"
 #include "qnm_qn_info.h"
-#include "qnm_reg_send.h"
+#include "qnm_root.h"
 #include "qnm_send_frame.h"
 #include "qnm_util.h"
 
@@ -22,8 +23,6 @@ namespace {
 constexpr uint16_t k_vlanid_min = 16;
 constexpr uint16_t k_vlanid_max = 4094;
 constexpr uint32_t k_page_count = 1024;
-
-uint32_t calls_inside;
 
 // Looks, until the time is up, whether the card has announced its new VLAN ID: ETIMEDOUT when not.
 int await_vlanid(uint64_t id, uint16_t vlanid, uint32_t interval) {
@@ -92,92 +91,64 @@ void _qnm_set_loglevel(qnm_log_level_t log_level) {
     qnm::store(g_log_level, effective_level(log_level));
 }
 
-int _qnm_enter_call(void) {
-    if (!qnm::is_usable()) return 0;
-    std::atomic_ref<uint32_t>(calls_inside)++;
-    // A stop may have come between, and no longer have seen this call.
-    if (qnm::is_usable()) return 1;
-    _qnm_leave_call();
-    return 0;
-}
-
-void _qnm_leave_call(void) {
-    std::atomic_ref<uint32_t>(calls_inside)--;
-}
-
-void _qnm_wait_calls(void) {
-    while (qnm::load(calls_inside) != 0)
-        _qnm_msleep(1);
-}
-
 qnm_api_code_t qnm_set_vlanid(uint64_t id, uint16_t vlanid, const qnm_retry_t* retry_param,
                               uint32_t flags) {
-    const char* const name = __func__;
-    return qnm::public_call(
-        QNM_STATS_SET_VLANID, qnm::needs::running_manager,
-        [=] {
-            qnm_log_info("%s: (IN). id=0x%.12lx, vlanid=%u, %s, flags=0x%.8X", name, id, vlanid,
-                         qnm::retry_text(retry_param).text, flags);
-        },
-        [=] {
-            if (vlanid < k_vlanid_min || vlanid > k_vlanid_max || !qnm::is_valid(retry_param)) {
-                return EINVAL;
-            }
-            const qnm_retry_t retry = qnm::effective(retry_param);
-            return qnm::on_card(name, id, flags, [=](const qnm_com_dev_t* dev) {
-                return set_vlanid(dev, vlanid, retry, flags);
-            });
-        },
-        [=](qnm_api_code_t ret) {
-            qnm_log_info("%s: (OUT) ret=%d, id=0x%.12lx, vlanid=%u", name, ret, id, vlanid);
-        });
+    if (qnm::logs(QNM_LOGLVL_INFO)) {
+        qnm_log_info("%s: (IN). id=0x%.12lx, vlanid=%u, %s, flags=0x%.8X", __func__, id, vlanid,
+                     qnm::retry_text(retry_param).text, flags);
+    }
+    qnm::public_call call(__func__, QNM_STATS_SET_VLANID);
+    int err = call.check();
+    if (err == 0 &&
+        (vlanid < k_vlanid_min || vlanid > k_vlanid_max || !qnm::is_valid(retry_param))) {
+        err = EINVAL;
+    }
+    qnm_com_dev_t dev;
+    if (err == 0) err = _qnm_reach_card(__func__, id, flags, &dev);
+    if (err == 0) err = set_vlanid(&dev, vlanid, qnm::effective(retry_param), flags);
+    const qnm_api_code_t ret = call.result(err);
+    qnm_log_info("%s: (OUT) ret=%d, id=0x%.12lx, vlanid=%u", __func__, ret, id, vlanid);
+    return ret;
 }
 
 qnm_api_code_t qnm_send_resetframe(uint64_t id, unsigned char status,
                                    const qnm_retry_t* retry_param, uint32_t flags) {
-    const char* const name = __func__;
-    return qnm::card_call(
-        name, QNM_STATS_SEND_RESETFRAME, id,
-        [=] {
-            qnm_log_info("%s: (IN). id=0x%.12lx, status=0x%X, %s, flags=0x%.8X", name, id, status,
-                         qnm::retry_text(retry_param).text, flags);
-        },
-        [=] {
-            // Without flags: a card whose monitoring is stopped is refused.
-            return qnm::on_copy(
-                id, 0, [=](const qnm_com_dev_t* dev) { return _qnm_send_reset(dev, status); });
-        });
+    if (qnm::logs(QNM_LOGLVL_INFO)) {
+        qnm_log_info("%s: (IN). id=0x%.12lx, status=0x%X, %s, flags=0x%.8X", __func__, id, status,
+                     qnm::retry_text(retry_param).text, flags);
+    }
+    qnm::public_call call(__func__, QNM_STATS_SEND_RESETFRAME);
+    int err = call.check();
+    qnm_com_dev_t dev;
+    // Without flags: a card whose monitoring is stopped is refused.
+    if (err == 0) err = _qnm_find_card(id, 0, &dev);
+    if (err == 0) err = _qnm_send_reset(&dev, status);
+    return call.end(err, id);
 }
 
 qnm_api_code_t qnm_write_mmspage(uint64_t id, uint32_t page, uint32_t* data, uint32_t flags) {
-    const char* const name = __func__;
-    return qnm::card_call(
-        name, QNM_STATS_WRITE_MMSPAGE, id,
-        [=] {
-            qnm_log_info("%s: (IN). id=0x%.12lx, page=%u, flags=0x%.8X", name, id, page, flags);
-        },
-        [=] {
-            if (page >= k_page_count || data == nullptr) return EINVAL;
-            return write_mmspage(name, id, page, data, flags);
-        });
+    qnm_log_info("%s: (IN). id=0x%.12lx, page=%u, flags=0x%.8X", __func__, id, page, flags);
+    qnm::public_call call(__func__, QNM_STATS_WRITE_MMSPAGE);
+    int err = call.check();
+    if (err == 0 && (page >= k_page_count || data == nullptr)) err = EINVAL;
+    if (err == 0) err = write_mmspage(__func__, id, page, data, flags);
+    return call.end(err, id);
 }
 
 qnm_api_code_t qnm_set_loglevel(qnm_log_level_t log_level) {
-    const char* const name = __func__;
-    return qnm::public_call(
-        QNM_STATS_SET_LOGLEVEL, qnm::needs::running_manager,
-        [=] { qnm_log_info("%s: (IN) log_level=%d", name, log_level); },
-        [=] {
-            if (log_level < QNM_LOGLVL_NONE || log_level > QNM_LOGLVL_TRACE) return EINVAL;
-            qnm_log_info("%s: Set loglevel. old=%d, new=%d", name, qnm::load(g_log_level),
-                         effective_level(log_level));
-            _qnm_set_loglevel(log_level);
-            _qnm_filter_ports();
-            return 0;
-        },
-        [=](qnm_api_code_t ret) {
-            qnm_log_info("%s: (OUT) ret=%d, g_log_level=%d", name, ret, qnm::load(g_log_level));
-        });
+    qnm_log_info("%s: (IN) log_level=%d", __func__, log_level);
+    qnm::public_call call(__func__, QNM_STATS_SET_LOGLEVEL);
+    int err = call.check();
+    if (err == 0 && (log_level < QNM_LOGLVL_NONE || log_level > QNM_LOGLVL_TRACE)) err = EINVAL;
+    if (err == 0) {
+        qnm_log_info("%s: Set loglevel. old=%d, new=%d", __func__, qnm::load(g_log_level),
+                     effective_level(log_level));
+        _qnm_set_loglevel(log_level);
+        _qnm_filter_ports();
+    }
+    const qnm_api_code_t ret = call.result(err);
+    qnm_log_info("%s: (OUT) ret=%d, g_log_level=%d", __func__, ret, qnm::load(g_log_level));
+    return ret;
 }
 
 }  // extern "C"

@@ -11,10 +11,10 @@
 #include <cerrno>
 #include <new>
 
-#include "qnm_api.h"
+#include "qnm_call.h"
+#include "qnm_counters.h"
 #include "qnm_qn_info.h"
 #include "qnm_rbtree.h"
-#include "qnm_stats.h"
 
 namespace {
 
@@ -101,10 +101,11 @@ int restart_monitor(const char* func, uint64_t id) {
 // The two calls differ in what they do under the locks only.
 qnm_api_code_t control_call(qnm_stats_func_t func, const char* name, uint64_t id,
                             int (*work)(const char* func, uint64_t id)) {
-    return qnm::public_call(
-        func, qnm::needs::running_manager, [=] { qnm_log_info("%s: (IN) id=0x%.12lx", name, id); },
-        [=] { return work(name, id); },
-        [=](qnm_api_code_t ret) { qnm_log_info("%s: (OUT) ret=%d, id=0x%.12lx", name, ret, id); });
+    qnm_log_info("%s: (IN) id=0x%.12lx", name, id);
+    qnm::public_call call(name, func);
+    int err = call.check();
+    if (err == 0) err = work(name, id);
+    return call.end(err, id);
 }
 
 }  // namespace

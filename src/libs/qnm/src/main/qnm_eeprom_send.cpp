@@ -18,10 +18,12 @@
 #include "qnm_eeprom_send.h"
 
 #include <cerrno>
+#include <optional>
 
+#include "qnm_card_call.h"
 #include "qnm_config.h"
-#include "qnm_main.h"
 #include "qnm_reg_send.h"
+#include "qnm_root.h"
 
 namespace {
 
@@ -561,28 +563,62 @@ int write_word(const card_access& card, uint32_t addr, uint32_t data, uint32_t f
     return word == data ? 0 : EAGAIN;
 }
 
-// A word access that is valid, on a card that is in reach, under both locks.
-template <typename Work>
-int access_word(const char* func, uint64_t id, uint32_t addr, const qnm_retry_t* retry_param,
-                uint32_t flags, const char* work_name, Work work) {
-    if (addr > k_last_word || !qnm::is_aligned(addr) || !qnm::is_valid(retry_param)) return EINVAL;
-    return qnm::on_locked_card(func, id, flags, [&](qnm_com_dev_t* dev) {
-        traces left;
-        const card_access card = access_of(dev, qnm::effective(retry_param), &left);
-        const eeprom_lock* lock = nullptr;
-        const int type_err = _qnm_get_locktype(func, card, &lock);
-        if (type_err != 0) return type_err;
-        eeprom_lock_guard held(card, *lock, flags);
-        if (held.err() != 0) {
-            log_failure(func, lock->take.name, held.err());
-            return held.err();
-        }
-        const int err = work(card);
-        if (err != 0) log_failure(func, work_name, err);
-        const int release_err = held.release();
-        if (release_err != 0) log_failure(func, lock->release.name, release_err);
+// A card that may be reached, under its write lock and its EEPROM's, which err() == 0 tells.
+class QNM_SCOPED_CAPABILITY locked_eeprom {
+  public:
+    locked_eeprom(const char* func, uint64_t id, const qnm_retry_t* retry_param, uint32_t flags)
+        QNM_ACQUIRE(qnm::card_write_lock)
+        : func_(func),
+          locked_(func, id, flags),
+          card_(access_of(locked_.dev(), qnm::effective(retry_param), &left_)),
+          err_(take_lock(flags)) {}
+    ~locked_eeprom() QNM_RELEASE() {}
+    locked_eeprom(const locked_eeprom&) = delete;
+    locked_eeprom& operator=(const locked_eeprom&) = delete;
+    int err() const { return err_; }
+    const card_access& card() const { return card_; }
+
+    // Ends the access: logs its failure, and that of the release. Returns err.
+    int end(const char* work_name, int err) {
+        if (err != 0) log_failure(func_, work_name, err);
+        const int release_err = held_->release();
+        if (release_err != 0) log_failure(func_, lock_->release.name, release_err);
         return err;
-    });
+    }
+
+  private:
+    int take_lock(uint32_t flags) {
+        if (locked_.err() != 0) return locked_.err();
+        const int type_err = _qnm_get_locktype(func_, card_, &lock_);
+        if (type_err != 0) return type_err;
+        held_.emplace(card_, *lock_, flags);
+        if (held_->err() != 0) log_failure(func_, lock_->take.name, held_->err());
+        return held_->err();
+    }
+
+    const char* const func_;
+    qnm::locked_card locked_;
+    traces left_;
+    const card_access card_;
+    const eeprom_lock* lock_ = nullptr;
+    std::optional<eeprom_lock_guard> held_;
+    const int err_;
+};
+
+bool is_word_valid(uint32_t addr, const qnm_retry_t* retry_param) {
+    return addr <= k_last_word && qnm::is_aligned(addr) && qnm::is_valid(retry_param);
+}
+
+// Releases a card's EEPROM lock, whoever holds it.
+int free_lock(const char* func, qnm_com_dev_t* dev) {
+    traces left;
+    const card_access card = access_of(dev, qnm::effective(nullptr), &left);
+    const eeprom_lock* lock = nullptr;
+    int err = _qnm_get_locktype(func, card, &lock);
+    if (err != 0) return err;
+    err = lock->free.run(card);
+    if (err != 0) log_failure(func, lock->free.name, err);
+    return err;
 }
 
 }  // namespace
@@ -644,75 +680,73 @@ int _qnm_dump_eeprom(qnm_com_dev_t* dev, uint32_t start, uint32_t end, uint32_t*
 
 qnm_api_code_t qnm_read_eeprom(uint64_t id, uint32_t addr, uint32_t* data,
                                const qnm_retry_t* retry_param, uint32_t flags) {
-    const char* const name = __func__;
-    return qnm::card_call(
-        name, QNM_STATS_READ_EEPROM, id,
-        [=] { _qnm_log_read_entry(name, id, addr, retry_param, flags); },
-        [=] {
-            if (data == nullptr) return EINVAL;
-            return access_word(name, id, addr, retry_param, flags, "_qnm_read_eeprom",
-                               [=](const card_access& card) {
-                                   return _qnm_read_eeprom(card.dev, addr, data, card.interval,
-                                                           card.count);
-                               });
-        });
+    _qnm_log_read_entry(__func__, id, addr, retry_param, flags);
+    qnm::public_call call(__func__, QNM_STATS_READ_EEPROM);
+    int err = call.check();
+    if (err == 0 && (data == nullptr || !is_word_valid(addr, retry_param))) err = EINVAL;
+    if (err == 0) {
+        locked_eeprom eeprom(__func__, id, retry_param, flags);
+        err = eeprom.err();
+        if (err == 0) {
+            const card_access& card = eeprom.card();
+            err = eeprom.end("_qnm_read_eeprom",
+                             _qnm_read_eeprom(card.dev, addr, data, card.interval, card.count));
+        }
+    }
+    return call.end(err, id);
 }
 
 qnm_api_code_t qnm_write_eeprom(uint64_t id, uint32_t addr, uint32_t data,
                                 const qnm_retry_t* retry_param, uint32_t flags) {
-    const char* const name = __func__;
-    return qnm::card_call(
-        name, QNM_STATS_WRITE_EEPROM, id,
-        [=] { _qnm_log_write_entry(name, id, addr, data, retry_param, flags); },
-        [=] {
-            return access_word(name, id, addr, retry_param, flags, "_qnm_write_eeprom",
-                               [=](const card_access& card) {
-                                   return _qnm_write_eeprom(card.dev, addr, data, card.interval,
-                                                            card.count, flags);
-                               });
-        });
+    _qnm_log_write_entry(__func__, id, addr, data, retry_param, flags);
+    qnm::public_call call(__func__, QNM_STATS_WRITE_EEPROM);
+    int err = call.check();
+    if (err == 0 && !is_word_valid(addr, retry_param)) err = EINVAL;
+    if (err == 0) {
+        locked_eeprom eeprom(__func__, id, retry_param, flags);
+        err = eeprom.err();
+        if (err == 0) {
+            const card_access& card = eeprom.card();
+            err = eeprom.end(
+                "_qnm_write_eeprom",
+                _qnm_write_eeprom(card.dev, addr, data, card.interval, card.count, flags));
+        }
+    }
+    return call.end(err, id);
 }
 
 qnm_api_code_t qnm_dump_eeprom(uint64_t id, uint32_t startaddr, uint32_t endaddr, uint32_t* data,
                                size_t* len, const qnm_retry_t* retry_param, uint32_t flags) {
-    const char* const name = __func__;
+    _qnm_log_dump_entry(__func__, id, startaddr, endaddr, retry_param, flags);
     const qnm::dump_room room(len);
-    return qnm::card_call(
-        name, QNM_STATS_DUMP_EEPROM, id,
-        [=] { _qnm_log_dump_entry(name, id, startaddr, endaddr, retry_param, flags); },
-        [=] {
-            if (endaddr > k_size || !qnm::is_valid(startaddr, endaddr, data, room) ||
-                !qnm::is_valid(retry_param)) {
-                return EINVAL;
-            }
-            return qnm::on_locked_card(name, id, flags, [=](qnm_com_dev_t* dev) {
-                const qnm_retry_t retry = qnm::effective(retry_param);
-                const int err =
-                    _qnm_dump_eeprom(dev, startaddr, endaddr, data, len, retry.er_retry_interval,
-                                     retry.er_retry_count, flags);
-                if (err != 0) log_failure(name, "_qnm_dump_eeprom", err);
-                return err;
-            });
-        });
+    qnm::public_call call(__func__, QNM_STATS_DUMP_EEPROM);
+    int err = call.check();
+    if (err == 0 && (endaddr > k_size || !qnm::is_valid(startaddr, endaddr, data, room) ||
+                     !qnm::is_valid(retry_param))) {
+        err = EINVAL;
+    }
+    if (err == 0) {
+        const qnm_retry_t retry = qnm::effective(retry_param);
+        qnm::locked_card card(__func__, id, flags);
+        err = card.err();
+        if (err == 0) {
+            err = _qnm_dump_eeprom(card.dev(), startaddr, endaddr, data, len,
+                                   retry.er_retry_interval, retry.er_retry_count, flags);
+            if (err != 0) log_failure(__func__, "_qnm_dump_eeprom", err);
+        }
+    }
+    return call.end(err, id);
 }
 
 qnm_api_code_t qnm_unlock_eeprom(uint64_t id) {
-    const char* const name = __func__;
-    return qnm::card_call(
-        name, QNM_STATS_UNLOCK_EEPROM, id, [=] { qnm_log_info("%s: (IN) id=0x%.12lx", name, id); },
-        [=] {
-            // Without flags: a card whose monitoring is stopped is refused.
-            return qnm::on_copy(id, 0, [=](qnm_com_dev_t* dev) {
-                traces left;
-                const card_access card = access_of(dev, qnm::effective(nullptr), &left);
-                const eeprom_lock* lock = nullptr;
-                int err = _qnm_get_locktype(name, card, &lock);
-                if (err != 0) return err;
-                err = lock->free.run(card);
-                if (err != 0) log_failure(name, lock->free.name, err);
-                return err;
-            });
-        });
+    qnm_log_info("%s: (IN) id=0x%.12lx", __func__, id);
+    qnm::public_call call(__func__, QNM_STATS_UNLOCK_EEPROM);
+    int err = call.check();
+    qnm_com_dev_t dev;
+    // Without flags: a card whose monitoring is stopped is refused.
+    if (err == 0) err = _qnm_find_card(id, 0, &dev);
+    if (err == 0) err = free_lock(__func__, &dev);
+    return call.end(err, id);
 }
 
 }  // extern "C"

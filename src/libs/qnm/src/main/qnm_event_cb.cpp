@@ -21,11 +21,11 @@
 #include <cstddef>
 #include <new>
 
-#include "qnm_api.h"
+#include "qnm_call.h"
+#include "qnm_counters.h"
 #include "qnm_limits.h"
-#include "qnm_main.h"
 #include "qnm_paced_log.h"
-#include "qnm_stats.h"
+#include "qnm_root.h"
 #include "qnm_thread.h"
 
 namespace {
@@ -277,9 +277,6 @@ int init_all(const char* func) {
 
 int register_callback(const char* func, qnm_evt_type_t type, qnm_cbfunc_t cb_func,
                       const void* cb_arg, qnm_cbid_t* id) {
-    if (static_cast<uint32_t>(type) >= QNM_EVT_MAX || cb_func == nullptr || id == nullptr) {
-        return EINVAL;
-    }
     qnm_cbinfo_t* const info = _cbinfo_create(type, cb_func, cb_arg);
     if (info == nullptr) {
         qnm_log_error("%s: Failed to _cbinfo_create().", func);
@@ -382,34 +379,35 @@ void* _qnm_event_task(void*) {
 
 qnm_api_code_t qnm_register_callback(qnm_evt_type_t type, qnm_cbfunc_t cb_func, const void* cb_arg,
                                      qnm_cbid_t* id) {
-    const char* const name = __func__;
-    return qnm::public_call(
-        QNM_STATS_REGISTER_CALLBACK, qnm::needs::running_manager,
-        [=] { qnm_log_info("%s: (IN) type=%d", name, type); },
-        [=] { return register_callback(name, type, cb_func, cb_arg, id); },
-        [=](qnm_api_code_t ret) {
-            if (ret == QNM_API_SUCCESS) {
-                qnm_log_info("%s: (OUT) ret=%d, type=%d, cbid=%p", name, ret, type,
-                             static_cast<void*>(*id));
-            } else {
-                qnm_log_info("%s: (OUT) ret=%d, type=%d", name, ret, type);
-            }
-        });
+    qnm_log_info("%s: (IN) type=%d", __func__, type);
+    qnm::public_call call(__func__, QNM_STATS_REGISTER_CALLBACK);
+    int err = call.check();
+    if (err == 0 &&
+        (static_cast<uint32_t>(type) >= QNM_EVT_MAX || cb_func == nullptr || id == nullptr)) {
+        err = EINVAL;
+    }
+    if (err == 0) err = register_callback(__func__, type, cb_func, cb_arg, id);
+    const qnm_api_code_t ret = call.result(err);
+    if (ret == QNM_API_SUCCESS) {
+        qnm_log_info("%s: (OUT) ret=%d, type=%d, cbid=%p", __func__, ret, type,
+                     static_cast<void*>(*id));
+    } else {
+        qnm_log_info("%s: (OUT) ret=%d, type=%d", __func__, ret, type);
+    }
+    return ret;
 }
 
 qnm_api_code_t qnm_unregister_callback(qnm_cbid_t id) {
-    const char* const name = __func__;
-    return qnm::public_call(
-        QNM_STATS_UNREGISTER_CALLBACK, qnm::needs::running_manager,
-        [=] { qnm_log_info("%s: (IN) cbid=%p", name, static_cast<void*>(id)); },
-        [=] {
-            if (id == nullptr) return EINVAL;
-            qnm_cbinfo_t* const info = take_registration(id);
-            if (info == nullptr) return EINVAL;
-            cbinfo_free(info);
-            return 0;
-        },
-        [=](qnm_api_code_t ret) { qnm_log_info("%s: (OUT) ret=%d", name, ret); });
+    qnm_log_info("%s: (IN) cbid=%p", __func__, static_cast<void*>(id));
+    qnm::public_call call(__func__, QNM_STATS_UNREGISTER_CALLBACK);
+    int err = call.check();
+    if (err == 0 && id == nullptr) err = EINVAL;
+    if (err == 0) {
+        qnm_cbinfo_t* const info = take_registration(id);
+        if (info == nullptr) err = EINVAL;
+        if (info != nullptr) cbinfo_free(info);
+    }
+    return call.end(err);
 }
 
 }  // extern "C"

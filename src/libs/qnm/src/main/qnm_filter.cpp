@@ -27,7 +27,7 @@
 #include "qnm_config.h"
 #include "qnm_frame.h"
 #include "qnm_log4cxxif.h"
-#include "qnm_main.h"
+#include "qnm_root.h"
 #include "qnm_thread.h"
 
 namespace {

@@ -1,7 +1,7 @@
 // qnm_filter.h - keeps frames that are not for this library out of the ports' captures.
 #pragma once
 
-#include "qnm_socket.h"
+#include "qnm_root.h"
 
 extern "C" {
 

@@ -21,10 +21,12 @@
 
 #include "qnm.h"
 #include "qnm_config.h"
+#include "qnm_counters.h"
 #include "qnm_event_cb.h"
-#include "qnm_main.h"
+#include "qnm_keepalive.h"
 #include "qnm_qn_info.h"
-#include "qnm_stats.h"
+#include "qnm_root.h"
+#include "qnm_socket.h"
 
 namespace {
 

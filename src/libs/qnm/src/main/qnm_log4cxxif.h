@@ -5,6 +5,7 @@
 
 #include "qnm.h"
 #include "qnm_export.h"
+#include "qnm_thread.h"
 
 namespace log4cxx {
 class Logger;
@@ -21,3 +22,12 @@ extern QNM_EXPORTED qnm_log_level_t g_log_level;
 void _qnm_output_log(std::shared_ptr<log4cxx::Logger> logger, char* msg, qnm_log_level_t level);
 
 }  // extern "C"
+
+namespace qnm {
+
+// Whether lines of this level are written. Ask before arguments that take work to make.
+inline bool logs(qnm_log_level_t level) {
+    return load(g_log_level) >= level;
+}
+
+}  // namespace qnm

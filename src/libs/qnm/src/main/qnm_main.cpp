@@ -11,40 +11,34 @@
 // Each stage below takes down what it has brought up and returns the result so far, so that a
 // failure anywhere unwinds through the same steps as a normal stop.
 
-#include "qnm_main.h"
-
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <iterator>
 
 #include "qnm_api.h"
 #include "qnm_blacklist.h"
+#include "qnm_call.h"
 #include "qnm_completion.h"
 #include "qnm_config.h"
+#include "qnm_counters.h"
 #include "qnm_event_cb.h"
+#include "qnm_keepalive.h"
 #include "qnm_linkdown.h"
 #include "qnm_paced_log.h"
 #include "qnm_port_lock.h"
 #include "qnm_qn_info.h"
 #include "qnm_recv.h"
-#include "qnm_reg_send.h"
+#include "qnm_root.h"
+#include "qnm_socket.h"
 #include "qnm_stats.h"
 #include "qnm_util.h"
-
-qnm_root_info_t qnm_root = {{}, 1, 1, 1};
-int internal_err = 0;
-int qnm_terminate_fd_recv[2][2] = {{-1, -1}, {-1, -1}};
-int qnm_terminate_fd_link[2] = {-1, -1};
+#include "qnm_write_lock.h"
 
 namespace {
 
 constexpr char k_init_name[] = "qnm_init_manager";
 constexpr char k_conf[] = "conf/qnm.conf";
-constexpr size_t k_drain_max = 4096;
-constexpr uint32_t k_sleep_slice_ms = 100;
 
 // 1 = no qnm_init_manager() is in progress.
 uint32_t qnm_initializing_flag = 1;
@@ -314,70 +308,18 @@ qnm_api_code_t qnm_init_manager(const char* path, qnm_log_level_t log_level) {
 }
 
 qnm_api_code_t qnm_start_manager(void) {
-    return qnm::public_call(QNM_STATS_START_MANAGER, qnm::needs::running_manager, __func__, [] {
-        qnm::store(qnm_root.er_start_flag, 0U);
-        return 0;
-    });
+    qnm_log_info("%s: (IN)", __func__);
+    qnm::public_call call(__func__, QNM_STATS_START_MANAGER);
+    const int err = call.check();
+    if (err == 0) qnm::store(qnm_root.er_start_flag, 0U);
+    return call.end(err);
 }
 
 qnm_api_code_t qnm_fini_manager(void) {
-    return qnm::public_call(QNM_STATS_FINI_MANAGER, qnm::needs::nothing, __func__, [] {
-        qnm::store(qnm_root.er_fini_flag, 0U);
-        return 0;
-    });
-}
-
-void _qnm_fini_manager(void) {
-    qnm_log_fatal("%s: LFI will terminate by reason of internal error.", __func__);
-    // In this order, so that whoever sees the stop also sees its reason.
-    qnm::store(internal_err, EPROTO);
+    qnm_log_info("%s: (IN)", __func__);
+    qnm::public_call call(__func__, QNM_STATS_FINI_MANAGER, qnm::needs::nothing);
     qnm::store(qnm_root.er_fini_flag, 0U);
-}
-
-void _qnm_terminate_event_set(void) {
-    for (const int fd :
-         {qnm_terminate_fd_recv[0][1], qnm_terminate_fd_recv[1][1], qnm_terminate_fd_link[1]}) {
-        // A full pipe is readable already, which is all that is wanted.
-        [[maybe_unused]] const ssize_t written = write(fd, "a", 1);
-    }
-}
-
-void _qnm_sleep_while_running(uint32_t ms) {
-    while (ms != 0 && qnm::is_running()) {
-        const uint32_t slice = std::min(ms, k_sleep_slice_ms);
-        _qnm_msleep(slice);
-        ms -= slice;
-    }
-}
-
-int _qnm_terminate_event_check(const char* func, const struct pollfd* pipe, size_t drain,
-                               int port) {
-    char buffer[k_drain_max];
-    char where[32] = "";
-    if (port != -1) snprintf(where, sizeof where, "port_num=%d", port);
-    const char* const comma = port != -1 ? ", " : "";
-    if ((pipe->revents & (POLLHUP | POLLNVAL)) != 0) {
-        qnm_log_fatal(
-            "%s: poll error event has occurred (in terminate event wait). %s%srevents=0x%x", func,
-            where, comma, static_cast<unsigned>(pipe->revents));
-        _qnm_fini_manager();
-        return 1;
-    }
-    if ((pipe->revents & POLLERR) != 0) {
-        const ssize_t got = read(pipe->fd, buffer, drain);
-        if (got == -1) {
-            qnm_log_error("%s: Failed to read(). err=%d, errno=%d%s%s", func, static_cast<int>(got),
-                          errno, comma, where);
-        }
-        qnm_log_fatal("%s: POLLERR event has occurred (in terminate event wait). %s%srevents=0x%x",
-                      func, where, comma, static_cast<unsigned>(pipe->revents));
-        _qnm_fini_manager();
-        return 1;
-    }
-    if ((pipe->revents & POLLIN) == 0) return 0;
-    qnm_log_info("%s: poll() catch terminate-event.%s%s", func, port != -1 ? " " : "", where);
-    [[maybe_unused]] const ssize_t got = read(pipe->fd, buffer, drain);
-    return 1;
+    return call.end(0);
 }
 
 }  // extern "C"

@@ -37,9 +37,9 @@
 #include <utility>
 
 #include "qnm.h"
-#include "qnm_main.h"
 #include "qnm_port_group.h"
 #include "qnm_port_holder.h"
+#include "qnm_root.h"
 #include "qnm_thread.h"
 #include "qnm_util.h"
 

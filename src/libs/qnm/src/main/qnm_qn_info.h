@@ -11,8 +11,8 @@
 #include <type_traits>
 
 #include "qnm.h"
+#include "qnm_counters.h"
 #include "qnm_rbtree.h"
-#include "qnm_stats.h"
 #include "qnm_thread.h"
 
 // Ignore state of a card: how far it is monitored.
@@ -84,7 +84,7 @@ extern qnm_qn_info_t qnm_qn;
 int _qnm_qn_init(void);
 int _qnm_qn_fini(void);
 
-// The device-table lock. Every call below, down to _qnm_all_disconnect(), needs it held.
+// The device-table lock. The calls below that look into the tables need it held.
 int _qnm_qn_lock(void) QNM_ACQUIRE(qnm_qn.eei_mutex);
 int _qnm_qn_unlock(void) QNM_RELEASE(qnm_qn.eei_mutex);
 
@@ -123,17 +123,6 @@ int _qnm_get_qndev_rid(uint64_t id, qnm_com_dev_t* dev_info, uint32_t* ignore_st
 int _qnm_get_qndev(uint64_t id, qnm_com_dev_t* dev_info) QNM_REQUIRES(qnm_qn.eei_mutex);
 int _qnm_get_qndev_ign(uint64_t id, qnm_com_dev_t* dev_info, uint32_t* ignore_state)
     QNM_REQUIRES(qnm_qn.eei_mutex);
-
-// Disconnects every card on a local port whose link has gone down. The lock is held on return as on
-// entry, but let go for a moment after every 64 cards that are reported.
-void _qnm_all_disconnect(int port) QNM_REQUIRES(qnm_qn.eei_mutex);
-
-// The device-table section of the status dump. Takes the lock itself, and holds it only while it
-// copies some cards; so cards that come, go or change meanwhile are in it as they are met.
-void _qnm_qn_stats_print(uint32_t verbose) QNM_EXCLUDES(qnm_qn.eei_mutex);
-
-// The keepalive loop; returns 0 when a stop has been requested. Takes the lock itself.
-int _qnm_interval_check(void) QNM_EXCLUDES(qnm_qn.eei_mutex);
 
 // Logs "<kind> id=... state change to <change> P0M0: ..." in the name of func.
 void _qnm_log_state_change(const char* func, const char* kind, const qnm_com_dev_t* dev,

@@ -20,13 +20,13 @@
 #include "qnm.h"
 #include "qnm_completion.h"
 #include "qnm_config.h"
+#include "qnm_counters.h"
 #include "qnm_event_cb.h"
 #include "qnm_frame.h"
 #include "qnm_frame_check.h"
 #include "qnm_log4cxxif.h"
-#include "qnm_main.h"
 #include "qnm_recv_devinfo.h"
-#include "qnm_stats.h"
+#include "qnm_root.h"
 #include "qnm_util.h"
 
 // Absent where libpcap is replaced by less than the whole; frames are then taken one by one.

@@ -20,11 +20,12 @@
 #include "qnm_frame_check.h"
 #include "qnm_limits.h"
 #include "qnm_log4cxxif.h"
-#include "qnm_main.h"
 #include "qnm_paced_log.h"
 #include "qnm_qn_info.h"
-#include "qnm_reg_send.h"
+#include "qnm_root.h"
+#include "qnm_socket.h"
 #include "qnm_util.h"
+#include "qnm_write_lock.h"
 
 namespace {
 

@@ -10,11 +10,11 @@
 #include <cstring>
 
 #include "qnm_config.h"
+#include "qnm_counters.h"
 #include "qnm_frame.h"
-#include "qnm_main.h"
 #include "qnm_port_lock.h"
+#include "qnm_root.h"
 #include "qnm_socket.h"
-#include "qnm_stats.h"
 #include "qnm_util.h"
 
 namespace {

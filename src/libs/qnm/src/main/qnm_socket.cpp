@@ -24,7 +24,7 @@
 #include "qnm_config.h"
 #include "qnm_filter.h"
 #include "qnm_frame.h"
-#include "qnm_main.h"
+#include "qnm_root.h"
 #include "qnm_thread.h"
 #include "qnm_util.h"
 

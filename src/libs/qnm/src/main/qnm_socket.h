@@ -8,14 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 
-typedef struct pcap pcap_t;
-
-typedef struct qnm_port_info {
-    uint64_t epi_mac;         // the port's own MAC address, first byte most significant
-    uint32_t epi_link_state;  // 1 = up; polled by several threads, use qnm::load and qnm::store
-    pcap_t* epi_pcap;         // null while the port is closed
-    int epi_if_index;
-} qnm_port_info_t;
+#include "qnm_root.h"
 
 extern "C" {
 

@@ -1,4 +1,4 @@
-// qnm_stats.cpp - the counters, the statistics thread and the status dump.
+// qnm_stats.cpp - the statistics thread and the status dump.
 //
 // The dump is written line by line through qnm_statslog. The sections that show counters take
 // qnm_stats_mutex one after the other, so a dump is no consistent snapshot, and dumps asked for by
@@ -9,17 +9,15 @@
 #include <cerrno>
 #include <iterator>
 
-#include "qnm_api.h"
 #include "qnm_blacklist.h"
+#include "qnm_call.h"
 #include "qnm_config.h"
+#include "qnm_counters.h"
 #include "qnm_event_cb.h"
 #include "qnm_log4cxxif.h"
-#include "qnm_main.h"
-#include "qnm_qn_info.h"
+#include "qnm_qn_dump.h"
+#include "qnm_root.h"
 #include "qnm_util.h"
-
-qnm_mutex_t qnm_stats_mutex = QNM_MUTEX_OF_LEVEL(QNM_LOCK_STATS);
-qnm_sd_stats_t qnm_stats;
 
 namespace {
 
@@ -273,25 +271,12 @@ int _qnm_stats_write(void) {
     return 0;
 }
 
-void _qnm_stats_count_frame(int port, qnm_stats_type_t type) {
-    qnm::count(port == 0 ? &qnm_stats.est_stats_p0[type] : &qnm_stats.est_stats_p1[type]);
-}
-
-void _qnm_stats_count_call(qnm_stats_func_t func, qnm_api_code_t ret) {
-    qnm::count(&qnm_stats.est_api_code[ret]);
-    qnm::count(&qnm_stats.est_func_code[func][ret]);
-}
-
 qnm_api_code_t qnm_stdump(uint32_t verbose) {
-    const char* const name = __func__;
-    return qnm::public_call(
-        QNM_STATS_STDUMP, qnm::needs::running_manager,
-        [=] { qnm_log_info("%s: (IN) verbose=%u", name, verbose); },
-        [=] {
-            write_dump(verbose);
-            return 0;
-        },
-        [=](qnm_api_code_t ret) { qnm_log_info("%s: (OUT) ret=%d", name, ret); });
+    qnm_log_info("%s: (IN) verbose=%u", __func__, verbose);
+    qnm::public_call call(__func__, QNM_STATS_STDUMP);
+    const int err = call.check();
+    if (err == 0) write_dump(verbose);
+    return call.end(err);
 }
 
 }  // extern "C"

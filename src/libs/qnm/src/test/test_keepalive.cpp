@@ -3,6 +3,8 @@
 #include <functional>
 #include <thread>
 
+#include "qnm_keepalive.h"
+#include "qnm_util.h"
 #include "units.h"
 
 namespace {

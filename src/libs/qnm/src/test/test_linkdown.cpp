@@ -14,6 +14,7 @@
 
 #include "fake_netif.h"
 #include "fake_pcap.h"
+#include "qnm_socket.h"
 #include "units.h"
 #include "wait.h"
 

@@ -359,38 +359,6 @@ TEST_F(main_unit, an_internal_error_ends_the_manager_with_its_code) {
     expect_restart();
 }
 
-struct sleep_row {
-    uint32_t ms;
-    unsigned slices;  // of at most 100 ms
-};
-
-TEST_F(main_unit, a_long_sleep_is_cut_into_slices) {
-    set_running();
-    for (const sleep_row& row : {sleep_row{0, 0}, {1, 1}, {100, 1}, {101, 2}, {250, 3}}) {
-        std::vector<std::chrono::nanoseconds> slices;
-        fail::on_sleep([&](std::chrono::nanoseconds slice) { slices.push_back(slice); });
-        _qnm_sleep_while_running(row.ms);
-        EXPECT_EQ(slices.size(), row.slices) << row.ms;
-        EXPECT_EQ(std::accumulate(slices.begin(), slices.end(), std::chrono::nanoseconds(0)),
-                  std::chrono::milliseconds(row.ms));
-        EXPECT_THAT(slices, Each(testing::Le(std::chrono::milliseconds(100))));
-    }
-    set_flags(1, 1, 1);
-}
-
-TEST_F(main_unit, a_stop_ends_a_sleep_with_the_slice_under_way) {
-    set_running();
-    unsigned slices = 0;
-    fail::on_sleep([&](std::chrono::nanoseconds) {
-        if (++slices == 2) qnm_fini_manager();
-    });
-    _qnm_sleep_while_running(3'600'000);
-    EXPECT_EQ(slices, 2U);
-    _qnm_sleep_while_running(100);
-    EXPECT_EQ(slices, 2U) << "none at all after a stop";
-    set_flags(1, 1, 1);
-}
-
 // A card that does not answer, announced, and threads inside calls for it.
 struct calls_at_a_stop : main_unit {
     static constexpr uint64_t k_mac = 0x020000001000;

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <thread>
 
+#include "qnm_keepalive.h"
 #include "units.h"
 
 namespace {

@@ -14,6 +14,7 @@
 
 #include "ports.h"
 #include "qnm_completion.h"
+#include "qnm_keepalive.h"
 #include "wait.h"
 
 namespace {

@@ -8,7 +8,11 @@
 #include <span>
 #include <thread>
 
+#include "qnm_card_call.h"
+#include "qnm_counters.h"
 #include "qnm_qn_info.h"
+#include "qnm_reg_send.h"
+#include "qnm_write_lock.h"
 #include "registers.h"
 #include "wait.h"
 

@@ -15,13 +15,14 @@
 #include "log_capture.h"
 #include "qnm_blacklist.h"
 #include "qnm_config.h"
+#include "qnm_counters.h"
 #include "qnm_event_cb.h"
 #include "qnm_log4cxxif.h"
-#include "qnm_main.h"
 #include "qnm_paced_log.h"
 #include "qnm_qn_info.h"
-#include "qnm_reg_send.h"
+#include "qnm_root.h"
 #include "qnm_stats.h"
+#include "qnm_write_lock.h"
 
 constexpr int k_fatal = 0, k_error = 1, k_warn = 2, k_info = 3, k_debug = 4, k_trace = 5;
 

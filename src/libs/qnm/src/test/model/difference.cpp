@@ -10,9 +10,9 @@
 #include <vector>
 
 #include "qnm_blacklist.h"
-#include "qnm_main.h"
+#include "qnm_counters.h"
 #include "qnm_qn_info.h"
-#include "qnm_stats.h"
+#include "qnm_root.h"
 #include "steps.h"
 
 namespace {

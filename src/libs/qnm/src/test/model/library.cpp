@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "qnm_completion.h"
+#include "qnm_keepalive.h"
 #include "qnm_linkdown.h"
 
 namespace {

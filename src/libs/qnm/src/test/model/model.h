@@ -14,7 +14,7 @@
 
 #include "frames.h"
 #include "qnm.h"
-#include "qnm_stats.h"
+#include "qnm_counters.h"
 
 namespace model {
 

@@ -1,4 +1,4 @@
-// qnm_main.h - the root record, its state flags, and the stop of the manager from inside.
+// qnm_root.h - the root record with ports and state flags, and what stops the worker threads.
 #pragma once
 
 #include <poll.h>
@@ -6,10 +6,17 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "qnm.h"
 #include "qnm_export.h"
-#include "qnm_socket.h"
 #include "qnm_thread.h"
+
+typedef struct pcap pcap_t;
+
+typedef struct qnm_port_info {
+    uint64_t epi_mac;         // the port's own MAC address, first byte most significant
+    uint32_t epi_link_state;  // 1 = up; polled by several threads, use qnm::load and qnm::store
+    pcap_t* epi_pcap;         // null while the port is closed
+    int epi_if_index;
+} qnm_port_info_t;
 
 // The three flags are active low: 0 means that the step has happened. Several threads poll them;
 // use qnm::load and qnm::store.
