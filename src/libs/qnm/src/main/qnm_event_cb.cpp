@@ -388,7 +388,7 @@ qnm_api_code_t qnm_register_callback(qnm_evt_type_t type, qnm_cbfunc_t cb_func, 
     }
     if (err == 0) err = register_callback(__func__, type, cb_func, cb_arg, id);
     const qnm_api_code_t ret = call.result(err);
-    if (ret == QNM_API_SUCCESS) {
+    if (err == 0) {
         qnm_log_info("%s: (OUT) ret=%d, type=%d, cbid=%p", __func__, ret, type,
                      static_cast<void*>(*id));
     } else {
