@@ -30,7 +30,7 @@ struct qnm_bl_info_t {
 
 qnm_bl_info_t qnm_bl = {{}, QNM_MUTEX_OF_LEVEL(QNM_LOCK_BLACKLIST)};
 
-// All uses of the map come by here.
+// Every access to the map goes through here.
 qnm_rbtree_t* listed_ids() QNM_REQUIRES(qnm::blacklist_lock) {
     return &qnm_bl.ebi_rbtree;
 }
@@ -70,7 +70,7 @@ int put_node(const char* func, qnm_bl_node_t* node) QNM_REQUIRES(qnm::blacklist_
 }
 
 int stop_monitor(const char* func, uint64_t id) {
-    // Before any lock is taken, so that nothing is allocated under one.
+    // Called before any lock is taken: no memory is allocated under a lock.
     auto* const node = new (std::nothrow) qnm_bl_node_t{{}, id};
     if (node == nullptr) {
         qnm::count(&qnm_stats.est_alloc_err);
@@ -98,7 +98,7 @@ int restart_monitor(const char* func, uint64_t id) {
     return 0;
 }
 
-// The two calls differ in what they do under the locks only.
+// Both calls; work is what they do under the locks.
 qnm_api_code_t control_call(qnm_stats_func_t func, const char* name, uint64_t id,
                             int (*work)(const char* func, uint64_t id)) {
     qnm_log_info("%s: (IN) id=0x%.12lx", name, id);

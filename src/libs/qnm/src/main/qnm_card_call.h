@@ -66,7 +66,7 @@ struct retry_text {
     char text[48];
 };
 
-// A card that may be reached, under its write lock, which err() == 0 tells; live check included.
+// A card that may be reached, under its write lock, after the live check; only if err() is 0.
 class QNM_SCOPED_CAPABILITY locked_card {
   public:
     locked_card(const char* func, uint64_t id, uint32_t flags) QNM_ACQUIRE(card_write_lock)

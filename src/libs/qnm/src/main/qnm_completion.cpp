@@ -11,10 +11,10 @@
 // owner ends nothing. For that look cmp_comp_state is read and written atomically.
 //
 // A Completion names nothing but its tag. One that comes after its reader has sent again or given
-// up must not meet another reader, so the tag of a frame that stayed unanswered rests for a while
-// before it is handed out again, unless no other is left. At most half of the tags rest: the others
-// have to stay enough for a rotation that keeps repeated Completions from new owners. Few tags are
-// handed out in strict rotation instead: half of them would come round again at once.
+// up must not reach another reader. So the tag of an unanswered frame rests for a while before it
+// is handed out again, unless no other tag is free. At most half of the tags rest; the other half
+// is enough to rotate through, which keeps repeated Completions away from new owners. When only a
+// few tags are configured, none rests: half of them would come round again at once.
 
 #include "qnm_completion.h"
 
@@ -31,13 +31,13 @@
 
 namespace {
 
-// How late a Completion is still expected.
+// How late a Completion may still arrive.
 constexpr uint64_t k_rest_ms = 1000;
 
-// Of fewer tags than these none rests.
+// With fewer tags than this, none rests.
 constexpr ptrdiff_t k_least_to_rest = 64;
 
-// Of cmp_comp_state.
+// Values of cmp_comp_state.
 constexpr uint32_t k_idle = 0;
 constexpr uint32_t k_waiting = 1;
 constexpr uint32_t k_received = 2;
@@ -57,7 +57,7 @@ struct completion_tag {
 
 completion_tag cmp_tags[256];
 uint32_t cmp_pre_tag QNM_GUARDED_BY(cmp_mutex);  // handed out last
-uint32_t cmp_woken;                              // 1 = no wait lasts any more
+uint32_t cmp_woken;                              // 1 = waits end at once
 
 bool is_valid(int tag) {
     return tag >= 0 && static_cast<uint32_t>(tag) >= qnm_config.tag_min &&
@@ -89,7 +89,7 @@ int init_events(const char* func) {
     return 0;
 }
 
-// Nobody else is there yet, and the lock not to be taken before it has been initialised.
+// Not locked: no other thread exists yet.
 int init_tags(const char* func) QNM_UNCHECKED {
     for (completion_tag& tag : cmp_tags)
         tag = {};
@@ -116,7 +116,7 @@ bool is_free_or_resting(const completion_tag& tag) QNM_REQUIRES(cmp_mutex) {
     return tag.cmp_tag_state == 0;
 }
 
-// The next tag in rotation that will do; cmp_pre_tag itself comes last. -1 when there is none.
+// The next usable tag in rotation; cmp_pre_tag itself comes last. -1 if there is none.
 int next_tag(bool (*will_do)(const completion_tag&)) QNM_REQUIRES(cmp_mutex) {
     uint32_t tag = cmp_pre_tag;
     do {
@@ -148,13 +148,13 @@ void give_back(completion_tag& tag, uint64_t rest_end) QNM_REQUIRES(cmp_mutex) {
     tag.cmp_data = 0;
 }
 
-// Whether there is nothing left to wait for.
+// Whether the wait is over.
 int is_answered(void* arg) {
     const auto* const tag = static_cast<const completion_tag*>(arg);
     return qnm::load(tag->cmp_comp_state) == k_received || qnm::load(cmp_woken) == 1;
 }
 
-// Whether the tag's owner waits for this very frame; it then has its value.
+// Hands the value to the tag's owner if it waits for exactly this frame; returns whether it did.
 bool accept(const char* func, completion_tag& tag, int port, uint64_t src_mac, uint32_t data) {
     const qnm::mutex_guard lock(cmp_mutex);
     if (tag.cmp_comp_state != k_waiting) return false;

@@ -51,7 +51,7 @@ void print_interfaces(line_func line) {
     line("    %-30s: %s", "ether_port1_name", qnm_config.ether_port_name[1]);
 }
 
-// The two port counts stand behind the indexes in the record and have no key of their own.
+// The two port counts follow the indexes in the record and have no key of their own.
 void print_indexes(line_func line) {
     line("    %-30s: %u", "ether_port0_ifindex", qnm_config.ether_port_ifindex[0]);
     line("    %-30s: %u", "ether_port1_ifindex", qnm_config.ether_port_ifindex[1]);
@@ -81,7 +81,7 @@ void print_all(line_func line) {
 
 // ---- Reading ------------------------------------------------------------------------------------
 
-// An Ethernet type that is too large is told as one that is not understood.
+// An Ethernet type that is too large is reported as one that cannot be parsed.
 const char* text_of(config_verdict verdict, config_form form) {
     const bool is_range =
         verdict == config_verdict::out_of_range && form != config_form::ether_type;
@@ -134,8 +134,8 @@ int read_lines(const char* func, const char* path, FILE* file) {
 
 using stream = std::unique_ptr<FILE, int (*)(FILE*)>;
 
-// The file may have become another since it was looked at: a FIFO, which nobody may ever write to,
-// and which an opening would wait for. Null with errno when it cannot be read.
+// The file may have been replaced since it was checked, for instance by a FIFO that nobody writes
+// to; opening that would block. Null with errno if it cannot be read.
 stream open_file(const char* path) {
     const int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) return {nullptr, fclose};

@@ -89,8 +89,8 @@ extern QNM_EXPORTED qnm_conf_flag_t qnm_flag;
 // Stores all defaults. Always 0.
 int _qnm_config_init(void);
 
-// Reads the file over the defaults: 0; ENOENT when there is no such regular file, the defaults
-// stay; EPROTO on the first bad line, which is logged.
+// Reads the file on top of the defaults: 0; ENOENT if there is no such regular file (the defaults
+// stay); EPROTO at the first bad line, which is logged.
 int _qnm_config_read(char* path);
 
 // Always 0.

@@ -167,7 +167,7 @@ config_verdict set_interfaces(const qnm_config_key_t&, char* value, qnm_conf_t& 
     return ok;
 }
 
-// One or two numbers. A word that is none ends the list.
+// One or two numbers. A word that is not a number ends the list.
 config_verdict set_indexes(const qnm_config_key_t&, char* value, qnm_conf_t& config) {
     memset(config.ether_port_ifindex, 0, sizeof config.ether_port_ifindex);
     config.use_port_num_win = 0;

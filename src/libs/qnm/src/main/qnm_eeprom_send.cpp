@@ -1,19 +1,19 @@
 // qnm_eeprom_send.cpp - EEPROM access through the card's EEPROM registers.
 //
-// A card's 2048 bytes are reached by an address, a control/status and two data registers, which
-// several hosts and the card itself share; so every word is read or written under a lock that the
-// card keeps. A card offers one of two locks, told by its lock type register: a register with one
-// bit per party, or a grant of one ID at a time. With QNM_FLAG_FORCELOCK a lock that another party
-// keeps is taken away from it, so often as configured.
+// A card's 2048 bytes are accessed through an address, a control/status and two data registers.
+// Several hosts and the card itself share these, so every word is read or written under a lock that
+// the card keeps. A card offers one of two locks, as its lock type register tells: a register with
+// one bit per party, or a grant to one ID at a time. With QNM_FLAG_FORCELOCK a lock held by another
+// party is taken away from it, at most as often as configured.
 //
-// Everything here is register access, and each step may fail by itself. EPROTO and ENOSYS (a stop)
-// end every loop at once; any other failure is a failed attempt, and attempts are counted. That
-// another process accesses cards by the port shows with the first frame, before any loop; an EBUSY
-// within one is as good as always the card's, and counts as that.
+// Everything here is register access, and each step may fail. EPROTO and ENOSYS (a stop) end every
+// loop at once; any other failure is a failed attempt, and attempts are counted. EBUSY from the
+// port, held by another process, shows with the first frame, before any loop; an EBUSY within a
+// loop is taken as the card's.
 //
-// A card must not stay locked because a manager stops. What this host may have on it is kept with
-// the call (traces); a loop that ends at once takes it back by frames that nobody waits for: first
-// the command, then the lock.
+// A card must not stay locked because a manager stops. Each call keeps a record of what this host
+// may have left on the card (traces). A loop that ends at once withdraws it by frames that are not
+// waited for: first the command, then the lock.
 
 #include "qnm_eeprom_send.h"
 
@@ -74,19 +74,19 @@ uint32_t packed(uint32_t addr) {
     return (addr & 0xF00) << 8 | (addr & 0xFF);
 }
 
-// What ends every loop.
+// Whether an error ends every loop.
 bool is_final(int err) {
     return err == EPROTO || err == ENOSYS;
 }
 
 // ---- Register access of one call ----------------------------------------------------------------
 
-// What the card may have of this host's.
+// What this host may have left on the card.
 struct traces {
     bool command = false;      // in the control register
-    bool bit = false;          // in the bit lock register,
-    uint32_t others_bits = 0;  // beside these, as they were last seen
-    bool id = false;           // among those who ask for the ID lock
+    bool bit = false;          // in the bit lock register
+    uint32_t others_bits = 0;  // of the other parties there, as last read
+    bool id = false;           // among the requests for the ID lock
 };
 
 struct card_access {
@@ -123,7 +123,8 @@ enum class pause_after {
     refusal,  // EAGAIN or EBUSY from the card; a failed register access has taken its own time
 };
 
-// Makes attempts until one succeeds or ends every loop, at most retries + 1. The last one's error.
+// Makes attempts until one succeeds or ends every loop, at most retries + 1. Returns the last
+// error.
 template <typename Attempt>
 int repeat(uint32_t retries, uint32_t interval, pause_after pause, Attempt attempt) {
     int err = 0;
@@ -138,7 +139,7 @@ int repeat(uint32_t retries, uint32_t interval, pause_after pause, Attempt attem
     return qnm::is_running() ? err : ENOSYS;
 }
 
-// The result of attempts of which the last failure does not matter.
+// The result of a loop whose last error does not matter to the caller.
 int or_timed_out(int err) {
     return err == 0 || is_final(err) ? err : ETIMEDOUT;
 }
@@ -149,7 +150,7 @@ int repeat_lock(pause_after pause, Attempt attempt) {
     return repeat(qnm_config.eeprom_retry_count, qnm_config.eeprom_retry_interval, pause, attempt);
 }
 
-// Releases a lock, or takes it back when there is no time, or no way, to see whether that holds.
+// Releases a lock; if a stop or an error leaves no way to verify that, withdraws it unverified.
 int or_take_back(const card_access& card, int (*release)(const card_access& card),
                  int (*take_back)(const card_access& card)) {
     if (!qnm::is_running()) return take_back(card);
@@ -172,15 +173,15 @@ int _qnm_unlock_eeprom_impl(const card_access& card) {
     return err;
 }
 
-// Clears the own bit by a frame that nobody waits for.
+// Clears our own bit by a frame that is not waited for.
 int take_bit_back(const card_access& card) {
     if (!card.left->bit) return 0;
     card.left->bit = false;
     return write_register(card, k_bit_lock, card.left->others_bits);
 }
 
-// At the end of an access there is no next attempt; and where the bits cannot be read, none has
-// been written.
+// At the end of an access there is no next attempt. If the bits could not be read, none was
+// written, so the bit is cleared unverified.
 int release_bit(const card_access& card) {
     const int err = _qnm_unlock_eeprom(card);
     if (err != 0) take_bit_back(card);
@@ -195,8 +196,8 @@ int read_lock_bits(const card_access& card, uint32_t* bits) {
     return 0;
 }
 
-// Watches the lock register for a while after it was written, as another party may have written at
-// the same time: EBUSY when it changed. *bits is what was read last.
+// Watches the lock register for a while after it was written, because another party may have
+// written it at the same time: EBUSY if it changed. *bits is the last value read.
 int confirm_bit(const card_access& card, uint32_t written, uint32_t* bits) {
     for (uint32_t n = 0; n < qnm_config.eeprom_verify_count; n++) {
         _qnm_sleep_while_running(qnm_config.eeprom_verify_interval);
@@ -258,7 +259,7 @@ int take_bit(const card_access& card, uint32_t flags) {
     }
 }
 
-// Takes the lock, or leaves nothing of this host's behind when it ends at once.
+// Takes the lock; if it ends at once, withdraws what this host has written.
 int lock_by_bits(const card_access& card, uint32_t flags) {
     const int err = take_bit(card, flags);
     if (is_final(err)) take_bit_back(card);
@@ -267,7 +268,7 @@ int lock_by_bits(const card_access& card, uint32_t flags) {
 
 // ---- Lock by ID ---------------------------------------------------------------------------------
 
-// Asks for the lock until the card has noted the request.
+// Requests the lock until the card has noted the request.
 int request_id(const card_access& card) {
     return or_timed_out(repeat_lock(pause_after::refusal, [&] {
         uint32_t granted = 0;
@@ -281,7 +282,7 @@ int request_id(const card_access& card) {
     }));
 }
 
-// Waits until the card names this host as the holder: EBUSY when it names another one in the end.
+// Waits until the card names this host as the holder: EBUSY if it still names another one at last.
 int await_holder(const card_access& card, uint32_t* holder) {
     return repeat_lock(pause_after::any_failure, [&] {
         const int err = read_register(card, k_id_request, holder);
@@ -290,7 +291,7 @@ int await_holder(const card_access& card, uint32_t* holder) {
     });
 }
 
-// One attempt to release IDs: EAGAIN while any of them still stands.
+// One attempt to release IDs: EAGAIN while the card still has any of them.
 int _qnm_unlock_eeprom_id_impl(const card_access& card, uint32_t ids) {
     if (ids == 0) return 0;
     uint32_t granted = 0;
@@ -311,14 +312,14 @@ int release_own_id(const card_access& card) {
     return err;
 }
 
-// Releases the own ID by a frame that nobody waits for.
+// Releases our own ID by a frame that is not waited for.
 int take_id_back(const card_access& card) {
     if (!card.left->id) return 0;
     card.left->id = false;
     return write_register(card, k_id_unlock, k_own_id);
 }
 
-// Waits to become the holder; by force, takes the lock away from whoever is.
+// Waits to become the holder; by force, takes the lock away from the present holder.
 int _qnm_lock_check_id(const card_access& card, uint32_t flags) {
     for (uint32_t forced = 0;; forced++) {
         uint32_t holder = 0;
@@ -369,7 +370,7 @@ int release_all_ids(const card_access& card) {
     return _qnm_unlock_eeprom_id(card, k_all_ids);
 }
 
-// A step with a lock, and how the log names it when it fails.
+// A step with a lock, and its name for the log when it fails.
 template <typename... Args>
 struct lock_step {
     int (*run)(const card_access& card, Args... args);
@@ -377,7 +378,7 @@ struct lock_step {
 };
 
 struct eeprom_lock {
-    lock_step<uint32_t> take;  // told the call's flags
+    lock_step<uint32_t> take;  // gets the call's flags
     lock_step<> release;
     lock_step<> free;  // from the other parties
     int (*take_back)(const card_access& card);
@@ -404,7 +405,7 @@ int _qnm_get_locktype(const char* func, const card_access& card, const eeprom_lo
     return err;
 }
 
-// A card's EEPROM lock for a scope. release() gives it back early and tells how that went.
+// A card's EEPROM lock for a scope. release() releases it early and returns the result.
 class eeprom_lock_guard {
   public:
     eeprom_lock_guard(const card_access& card, const eeprom_lock& lock, uint32_t flags)
@@ -457,8 +458,8 @@ int _check_access(const card_access& card, uint32_t address, uint32_t command) {
     return await_completion(__func__, card);
 }
 
-// Issues a command for the word at addr, in the form of the address that the card takes: EACCES
-// when it takes none.
+// Issues a command for the word at addr, in the form of address that the card accepts: EACCES if it
+// accepts none.
 int issue(const char* func, const card_access& card, uint32_t addr, uint32_t command) {
     int err = EACCES;
     if (card.dev->ecd_type == 0 && qnm_config.eeprom_type == 0) {
@@ -476,7 +477,7 @@ int clear_command(const card_access& card) {
     return err;
 }
 
-// Puts the EEPROM to rest and tells whether it is ready again.
+// Clears the command and stores whether the EEPROM is ready again.
 int rest(const char* func, const card_access& card, bool* ready) {
     uint32_t status = 0;
     *ready = false;
@@ -494,39 +495,39 @@ int rest(const char* func, const card_access& card, bool* ready) {
     return 0;
 }
 
-// What became of an attempt on a word.
+// The result of an attempt on a word.
 struct attempt {
     int err = 0;         // of the work: 0, EACCES when the card refused it, EAGAIN
     bool ready = false;  // whether the EEPROM was ready afterwards
 };
 
-// Does work() while the EEPROM is ready for it. Returns what ends every loop, or 0.
+// Does work() if the EEPROM is ready for it. Returns an error that ends every loop, or 0.
 template <typename Work>
-int work_and_rest(const char* func, const card_access& card, attempt* made, Work work) {
+int work_and_rest(const char* func, const card_access& card, attempt* result, Work work) {
     uint32_t status = 0;
-    made->err = EAGAIN;
+    result->err = EAGAIN;
     const int err = read_register(card, registers_of(card).control, &status);
     if (err != 0) {
         qnm_log_trace("%s: Failed to _qnm_read_register() of access check. err=%d", func, err);
         if (is_final(err)) return err;
     } else if (is_ready(status)) {
-        made->err = work();
-        if (is_final(made->err)) return made->err;
+        result->err = work();
+        if (is_final(result->err)) return result->err;
     }
-    return rest(func, card, &made->ready);
+    return rest(func, card, &result->ready);
 }
 
-// The same; no command stays behind that this host has given.
+// The same, and clears the command of this host if it ends with an error.
 template <typename Work>
-int try_word(const char* func, const card_access& card, attempt* made, Work work) {
-    const int err = work_and_rest(func, card, made, work);
+int try_word(const char* func, const card_access& card, attempt* result, Work work) {
+    const int err = work_and_rest(func, card, result, work);
     if (err != 0 && card.left->command) clear_command(card);
     return err;
 }
 
 int try_read(const char* func, const card_access& card, uint32_t addr, uint32_t* word,
-             attempt* made) {
-    return try_word(func, card, made, [&] {
+             attempt* result) {
+    return try_word(func, card, result, [&] {
         int err = issue(func, card, addr, k_command_read);
         if (err != 0) return err;
         err = read_register(card, registers_of(card).read_data, word);
@@ -541,19 +542,19 @@ int try_read(const char* func, const card_access& card, uint32_t addr, uint32_t*
 // 0 when the card reported the write complete; EPROTO when it refused it; EAGAIN.
 int _qnm_write_eeprom_impl(const card_access& card, uint32_t addr, uint32_t data) {
     const char* const func = __func__;
-    attempt made;
-    const int err = try_word(func, card, &made, [&] {
+    attempt result;
+    const int err = try_word(func, card, &result, [&] {
         const int set_err =
             write_register(card, registers_of(card).write_data, data, QNM_FLAG_VERIFY);
         if (set_err == 0) return issue(func, card, addr, k_command_write);
         qnm_log_trace("%s: Failed to _qnm_write_register() of setting data. err=%d", func, set_err);
         return set_err;
     });
-    if (err != 0 || made.err == 0) return err;
-    return made.err == EACCES ? EPROTO : EAGAIN;
+    if (err != 0 || result.err == 0) return err;
+    return result.err == EACCES ? EPROTO : EAGAIN;
 }
 
-// Writes a word and, where asked for, reads it back; EAGAIN when it is another one.
+// Writes a word and, if asked for, reads it back; EAGAIN if it differs.
 int write_word(const card_access& card, uint32_t addr, uint32_t data, uint32_t flags) {
     int err = _qnm_write_eeprom_impl(card, addr, data);
     if (err != 0 || (flags & QNM_FLAG_VERIFY) == 0) return err;
@@ -563,7 +564,7 @@ int write_word(const card_access& card, uint32_t addr, uint32_t data, uint32_t f
     return word == data ? 0 : EAGAIN;
 }
 
-// A card that may be reached, under its write lock and its EEPROM's, which err() == 0 tells.
+// A card that may be reached, under its write lock and its EEPROM lock; only if err() is 0.
 class QNM_SCOPED_CAPABILITY locked_eeprom {
   public:
     locked_eeprom(const char* func, uint64_t id, const qnm_retry_t* retry_param, uint32_t flags)
@@ -578,7 +579,7 @@ class QNM_SCOPED_CAPABILITY locked_eeprom {
     int err() const { return err_; }
     const card_access& card() const { return card_; }
 
-    // Ends the access: logs its failure, and that of the release. Returns err.
+    // Ends the access: releases the EEPROM lock and logs failures. Returns err, that of the access.
     int end(const char* work_name, int err) {
         if (err != 0) log_failure(func_, work_name, err);
         const int release_err = held_->release();
@@ -642,11 +643,11 @@ int _qnm_read_eeprom(qnm_com_dev_t* dev, uint32_t addr, uint32_t* data, uint32_t
     const char* const func = __func__;
     return or_timed_out(repeat(count, qnm_config.eeprom_rw_interval, pause_after::any_failure, [&] {
         uint32_t word = 0;
-        attempt made;
-        const int err = try_read(func, card, addr, &word, &made);
+        attempt result;
+        const int err = try_read(func, card, addr, &word, &result);
         if (err != 0) return err;
-        if (made.ready && made.err == EACCES) return EPROTO;
-        if (!made.ready || made.err != 0) return EAGAIN;
+        if (result.ready && result.err == EACCES) return EPROTO;
+        if (!result.ready || result.err != 0) return EAGAIN;
         *data = word;
         return 0;
     }));

@@ -11,9 +11,9 @@
 // event is lost only when there is no memory for it, or when k_events_max are waiting.
 //
 // cl_mutex guards the list of its type; evt_mutex guards the queue. A registration's handle is the
-// address of its record. Whoever hands one in may be wrong: a handle is looked up among the live
-// ones, by address alone, before anything is read through it, and with no type's list locked, whose
-// callback may be running. Live handles are guarded by lh_mutex, taken after a list's.
+// address of its record. A host may pass a stale one, so a handle is compared with the live ones
+// before anything is read through it. No list is locked for that: its callback may be running. Live
+// handles are guarded by lh_mutex, which is taken after a list's mutex.
 
 #include "qnm_event_cb.h"
 
@@ -94,13 +94,13 @@ qnm_cbevt_t cb_evt_tbl[QNM_EVT_MAX];
 live_handles_t live_handles;
 qnm_evt_queue_t qnm_event_queue;
 qnm_event_t event_sig;
-thread_local uint32_t untold_events;
+thread_local uint32_t unsignalled_events;
 
 qnm_cbinfo_t* cbinfo_of(qnm_list* links) {
     return reinterpret_cast<qnm_cbinfo_t*>(links);
 }
 
-// A counted record on the heap; null when there is no memory for it.
+// Makes a record and counts it; null without memory.
 template <typename Record>
 Record* make_counted(uint32_t* allocated, const Record& value) {
     auto* const record = new (std::nothrow) Record(value);
@@ -171,7 +171,7 @@ bool push_event(qnm_evt_node_t& node) {
     return true;
 }
 
-// 0; ENOMEM without memory; ENOBUFS when too many are waiting, which is told here.
+// 0; ENOMEM without memory; ENOBUFS when too many are waiting, which is logged here.
 int queue_event(const char* func, qnm_evt_type_t event_type, uint64_t id) {
     qnm_evt_node_t* const node = _evt_node_create(event_type, id);
     if (node == nullptr) return ENOMEM;
@@ -223,7 +223,7 @@ void deliver_all() {
     }
 }
 
-// What the event thread must not sleep over.
+// What keeps the event thread from sleeping.
 int has_work(void*) {
     if (!qnm::is_running()) return 1;
     const qnm::mutex_guard lock(qnm_event_queue.evt_mutex);
@@ -239,7 +239,8 @@ void clear_callbacks(qnm_cbevt_t& table) {
     }
 }
 
-// The callback tables; on failure those made so far are undone. Nobody else knows them yet.
+// Makes the callback tables; on failure undoes those made so far. Not locked: no other thread uses
+// them yet.
 int init_tables(const char* func) QNM_UNCHECKED {
     for (int i = 0; i < QNM_EVT_MAX; i++) {
         list_make_empty(cb_evt_tbl[i].cl_head);
@@ -290,8 +291,8 @@ int register_callback(const char* func, qnm_evt_type_t type, qnm_cbfunc_t cb_fun
     return 0;
 }
 
-// Takes the record out of its type's list; null when it is not there. It is looked for once more
-// under the list's lock: another thread may have given it back meanwhile.
+// Takes the record out of its type's list; null if it is not there. The list is searched under its
+// lock, because another thread may have unregistered the handle meanwhile.
 qnm_cbinfo_t* take_registration(qnm_cbid_t id) {
     const qnm_evt_type_t type = type_of_handle(id);
     if (type == QNM_EVT_MAX) return nullptr;
@@ -341,20 +342,20 @@ void _qnm_raise_event(const char* func, qnm_evt_type_t event_type, uint64_t id) 
     const int err = queue_event(func, event_type, id);
     const auto line = static_cast<qnm_paced_line_t>(QNM_PACED_EVENT_LOST + int{event_type});
     if (err == 0) {
-        untold_events++;
+        unsignalled_events++;
     } else if (err == ENOMEM && _qnm_paced_may_write(line, func)) {
         qnm_log_warn("%s: Failed to _qnm_add_event(QNM_EVT_%s) id=0x%.12lx", func,
                      qnm_event_name(event_type), id);
     }
 }
 
-uint32_t _qnm_untold_events(void) {
-    return untold_events;
+uint32_t _qnm_unsignalled_events(void) {
+    return unsignalled_events;
 }
 
-void _qnm_tell_events(void) {
-    if (untold_events == 0) return;
-    untold_events = 0;
+void _qnm_signal_events(void) {
+    if (unsignalled_events == 0) return;
+    unsignalled_events = 0;
     _qnm_event_set(&event_sig);
 }
 

@@ -18,15 +18,15 @@ int _qnm_event_cb_fini(void);
 // because too many are waiting. type must be valid.
 int _qnm_add_event(qnm_evt_type_t event_type, uint64_t id);
 
-// Queues one event for a producer that holds the table lock and carries on: a lost event is told
-// as a warning in its name. The event thread is told later, by _qnm_tell_events().
+// Queues one event for a producer that holds the table lock. A lost event is logged as a warning
+// under the name func. The event thread is woken later, by _qnm_signal_events().
 void _qnm_raise_event(const char* func, qnm_evt_type_t event_type, uint64_t id);
 
-// How many events the calling thread has raised since it last told the event thread.
-uint32_t _qnm_untold_events(void);
+// How many events the calling thread has raised since it last woke the event thread.
+uint32_t _qnm_unsignalled_events(void);
 
-// Wakes the event thread for what the calling thread has raised; to be called with no lock held.
-void _qnm_tell_events(void);
+// Wakes the event thread if the calling thread has raised events. Call it with no lock held.
+void _qnm_signal_events(void);
 
 // Wakes the event thread without an event, for the stop.
 void _qnm_event_cb_wake(void);

@@ -2,15 +2,15 @@
 //
 // A capture sees every frame of its interface, and foreign traffic would push announcements out of
 // its buffer. So the kernel is given a filter that lets in what can pass the checks of the receive
-// path: frames of the configured Ethernet type in either arrangement of the tag. Frames that a
-// manager on this host sends by the port are kept out too, for libpcap delivers them as well.
+// path: frames of the configured Ethernet type in either arrangement of the tag. It keeps out
+// frames that a manager on this host sends by the port, because libpcap delivers those as well.
 //
-// The kernel takes the tag off a frame and keeps it beside, where libpcap finds it and puts it
-// back. The filter runs in between: of a frame in the ordinary arrangement it mostly sees the
-// Ethernet type where the tag used to be.
+// The kernel takes the tag off a frame and stores it separately; libpcap puts it back. The filter
+// runs in between, so in the ordinary arrangement it mostly sees the Ethernet type in place of the
+// tag.
 //
-// The trace level shows every frame that is dropped, so there is no filter then. The unit has no
-// state: what is attached follows from the log level alone.
+// At the trace level every dropped frame is logged, so no filter is set then. The unit has no
+// state: the log level alone decides what is attached.
 
 #include "qnm_filter.h"
 
@@ -32,7 +32,7 @@
 
 namespace {
 
-// Where the filter finds the fields of a frame: the type without and behind a tag, and the source
+// Offsets of the fields that the filter reads: the type without a tag and after one, and the source
 // address in two parts.
 constexpr uint32_t k_type = 12;
 constexpr uint32_t k_type_behind_tag = 16;
@@ -48,7 +48,7 @@ constexpr uint16_t k_load_32 = BPF_LD | BPF_W | BPF_ABS;
 constexpr uint16_t k_if_equal = BPF_JMP | BPF_JEQ | BPF_K;
 constexpr uint16_t k_return = BPF_RET | BPF_K;
 
-// A jump names how many instructions it passes over: where equal, and where not.
+// The last two operands of a jump: instructions to skip if equal, and if not.
 int attach(int fd, uint16_t ether_type, uint64_t own_mac) {
     struct sock_filter code[] = {
         BPF_STMT(k_load_16, k_type),
@@ -74,7 +74,7 @@ int detach(int fd) {
     return setsockopt(fd, SOL_SOCKET, SO_DETACH_FILTER, &unused, sizeof unused);
 }
 
-// A frame of this type says in other words what the filter has to look at.
+// With one of these Ethernet types the offsets above would not hold.
 bool is_tag_type(uint16_t ether_type) {
     return ether_type == qnm::k_vlan_tpid || ether_type == ETH_P_8021AD;
 }
@@ -83,7 +83,7 @@ bool is_filtered(qnm_log_level_t level) {
     return level < QNM_LOGLVL_TRACE && !is_tag_type(qnm_config.ether_type);
 }
 
-// One level in force on one capture.
+// Applies one log level to one capture.
 void set_filter(const char* func, const qnm_port_info_t& port_info, qnm_log_level_t level) {
     const int fd = pcap_fileno(port_info.epi_pcap);
     if (is_filtered(level)) {
@@ -101,8 +101,8 @@ void set_filter(const char* func, const qnm_port_info_t& port_info, qnm_log_leve
 
 extern "C" {
 
-// Threads may change the level at the same time: whoever finds another one in force than it has
-// just applied applies that as well, so that the last one holds.
+// Several threads may change the level at the same time. A thread that finds another level than the
+// one it has just applied applies that too, so the last change wins.
 void _qnm_filter_port(const qnm_port_info_t* port_info) {
     qnm_log_level_t applied = QNM_LOGLVL_NONE;
     do {

@@ -6,8 +6,8 @@
 //
 // Every structure is made of bytes only, so it has no padding, needs no alignment and can be laid
 // over a received frame once its length has been checked. Multi-byte fields are read and written
-// through qnm::be16 and its kin (network byte order) or qnm::host16 and its kin (as they lie on the
-// wire, in the host's own order, which has to be that of the cards).
+// through qnm::be16 and its siblings (network byte order) or qnm::host16 and its siblings (the
+// host's own byte order, which has to be that of the cards).
 #pragma once
 
 #include <bit>
@@ -88,8 +88,8 @@ Message& view(unsigned char* frame) {
     return *reinterpret_cast<Message*>(frame);
 }
 
-// Register addresses travel with a gap: bits 0 to 11 stay, bits 12 to 21 move up four places, and
-// bits 22 to 31 have no place on the wire.
+// Register addresses have a gap on the wire: bits 0 to 11 stay, bits 12 to 21 move up four places,
+// and bits 22 to 31 are not sent.
 constexpr uint32_t encode_register_address(uint32_t address) {
     return (address & 0x003FF000) << 4 | (address & 0x00000FFF);
 }
@@ -114,7 +114,7 @@ struct vm_ether_header_s {
     uint8_t tci[2];
 };
 
-// Any frame, seen only far enough to tell its kind.
+// The start of any frame, up to its kind.
 struct quillnet_peb_s {
     uint8_t reserved1[18];
     uint8_t subtype;

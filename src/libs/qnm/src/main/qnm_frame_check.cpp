@@ -98,7 +98,7 @@ bool check_subtype(const bytes& frame, verdict& found) {
     return found.kind != nullptr || drop(found, QNM_FRAME_SUBTYPE, frame.data[k_subtype_at]);
 }
 
-// The least length of an announcement. Hosts of unknown kind are dropped later.
+// The minimum length of an announcement. An unknown kind of card is dropped later.
 size_t needed_size(const bytes& frame, const qnm_frame_kind_t& kind) {
     if (!has_byte(frame, k_host_at)) return qnm::k_min_recv_size;
     const uint8_t host = frame.data[k_host_at];
@@ -122,12 +122,12 @@ bool check_ver(const bytes& frame, verdict& found) {
 
 // ---- Texts --------------------------------------------------------------------------------------
 
-// Behind a text that fits both arrangements of the header.
+// The end of a text that fits both arrangements of the header.
 const char* arrangement(const verdict& found) {
     return found.layout->vlan_mode == 0 ? "" : "(VlanTag change mode)";
 }
 
-// "Unknwon" is how log readers know it.
+// Log readers know the spelling "Unknwon".
 constexpr qnm_frame_reason_row_t k_reasons[] = {
     {QNM_FRAME_TOO_SHORT, "too_short", "The frame is too short",
      [](const verdict& found, char* text, size_t size) {

@@ -1,8 +1,8 @@
 // qnm_frame_check.h - whether a received frame is a message for managers, and if not, why.
 //
-// This unit looks at bytes alone: it allocates nothing, takes no lock and writes no log. The
-// receive path drops frames by its verdict, and qnmctl, which is built with it as well, tells by it
-// what the receive path does with a frame.
+// This unit looks only at bytes: it allocates nothing, takes no lock and writes no log. The receive
+// path drops frames by its verdict; qnmctl links it too, to say what the receive path does with a
+// frame.
 #pragma once
 
 #include <cstddef>
@@ -22,14 +22,14 @@ typedef enum qnm_frame_reason {
     QNM_FRAME_HOST,
 } qnm_frame_reason_t;
 
-// A received frame. What was not captured is not looked at, and counts as right.
+// A received frame. Fields that were not captured are not checked and count as correct.
 typedef struct qnm_frame_bytes {
     const unsigned char* data;
     size_t captured;  // bytes at data
     size_t length;    // on the wire, captured or more
 } qnm_frame_bytes_t;
 
-// One of the two arrangements of the header: where its words stand.
+// One of the two arrangements of the header: the offsets of its words.
 typedef struct qnm_header_layout {
     uint8_t vlan_mode;  // 1: that of the VLAN-tag change mode
     size_t type;
@@ -42,19 +42,19 @@ typedef struct qnm_frame_kind {
     uint8_t subtype;
     const char* label;    // "1G/10G DEVINFO"
     size_t server_size;   // of an announcement by a QNSV card; 0 for other messages
-    bool only_version_0;  // other versions announce themselves by another subtype as well
+    bool only_version_0;  // other versions use another subtype
 } qnm_frame_kind_t;
 
 typedef struct qnm_frame_verdict {
     qnm_frame_reason_t reason;
     const qnm_header_layout_t* layout;
-    const qnm_frame_kind_t* kind;  // nullptr: dropped before, or by its subtype
+    const qnm_frame_kind_t* kind;  // nullptr if its subtype was not reached or is unknown
     unsigned value;                // what the field that the reason is about has in the frame
     size_t length;                 // of the frame, where it is too small
     size_t needed;
 } qnm_frame_verdict_t;
 
-// How a reason is told. The text of one frame has the values of its verdict.
+// The texts of a reason. That of a single frame contains the values of its verdict.
 typedef struct qnm_frame_reason_row {
     qnm_frame_reason_t reason;
     const char* name;   // that of the field, as in the dissector
@@ -71,10 +71,10 @@ extern "C" {
 // and the first that fails is the reason.
 qnm_frame_verdict_t _qnm_check_frame(const qnm_frame_bytes_t* frame, uint16_t ether_type);
 
-// The further check of an announcement that was taken: whether the kind of card is known.
+// For an announcement that passed: checks whether the kind of card is known.
 void _qnm_check_frame_host(const qnm_frame_bytes_t* frame, qnm_frame_verdict_t* verdict);
 
-// The first of all rows but that of frames that are taken, by ascending reason.
+// The rows of all reasons but QNM_FRAME_TAKEN, in ascending order.
 const qnm_frame_reason_row_t* _qnm_frame_reasons(size_t* count);
 
 // Why the frame was dropped, at most QNM_FRAME_TEXT_SIZE bytes with the zero at the end: "priority

@@ -27,7 +27,7 @@ using qnm::qnsv_kind;
 using qnm::table_guard;
 using qnm::walk;
 
-// Tells the host and the log that a card has lost a path.
+// Reports to the host and the log that a card has lost a path.
 template <typename Kind>
 void report_disconnect(const char* func, qnm_com_dev_t& dev, uint64_t now) {
     dev.ecd_updatetime = now;
@@ -36,14 +36,14 @@ void report_disconnect(const char* func, qnm_com_dev_t& dev, uint64_t now) {
     _qnm_log_state_change(func, Kind::name, &dev, "disconnect.");
 }
 
-// What a keepalive check goes by: the loop's own settings and when it looks.
+// The parameters of a keepalive check: the loop's settings and the time of the check.
 struct check_rules {
     uint32_t expire_time;
     uint32_t restart_checks;
     uint64_t monotonic;
 };
 
-// Disconnects the paths that have been silent for too long; whether there were any.
+// Disconnects the paths that have been silent for too long; returns whether there were any.
 bool expire_paths(qnm_com_dev_t& dev, const uint64_t (&heard)[2][2], const check_rules& rules) {
     bool changed = false;
     for (int port = 0; port < 2; port++) {
@@ -77,9 +77,9 @@ bool _update_keepalive_state(typename Kind::node& node, const check_rules& rules
     }
 }
 
-// Reporting costs a line and two events a card. So that receiving goes on when very many cards are
-// lost at once, only this many are reported before the table is let go for a moment; for that long,
-// or else whoever waits for it would lose the race for it.
+// Each reported card costs a log line and two events. So that receiving goes on when very many
+// cards are lost at once, the table is released after this many reports, and for this long: without
+// the pause, waiting threads would lose the race for the lock.
 constexpr uint32_t k_reports_max = 64;
 constexpr uint32_t k_free_ms = 1;
 
@@ -89,8 +89,8 @@ struct double_walk {
     walk ios;
 };
 
-// Goes on with the cards of a kind until *reports_left have been reported, which treat() tells;
-// true when all cards have been seen.
+// Continues with the cards of a kind until treat() has reported *reports_left of them; returns
+// whether all cards have been visited.
 template <typename Kind, typename Treat>
 bool treat_kind(walk& at, uint32_t* reports_left, Treat treat) QNM_REQUIRES(qnm_qn.eei_mutex) {
     for (auto* node = node_after<Kind>(at); node != nullptr; node = next_node<Kind>(node)) {
@@ -107,18 +107,17 @@ bool treat_some(double_walk& at, Treat treat) QNM_REQUIRES(qnm_qn.eei_mutex) {
            treat_kind<qnio_kind>(at.ios, &reports_left, treat);
 }
 
-// Lets whoever waits for the table have it; false when a stop has been requested.
+// Lets waiting threads have the table; false when a stop has been requested.
 bool let_go() QNM_EXCLUDES(qnm_qn.eei_mutex) {
-    _qnm_tell_events();
+    _qnm_signal_events();
     _qnm_msleep(k_free_ms);
     return qnm::is_running();
 }
 
-// How regularly the keepalive loop comes by. When a look comes much later than it should, the
-// process was stopped, or the machine suspended: announcements sent meanwhile are lost, or not
-// taken yet, and silence tells nothing about the cards. They get time to be heard again. How often
-// they announce themselves the library is not told; but within the expire time, or else they could
-// not be kept at all.
+// How regularly the keepalive loop runs. If it runs much later than it should, the process was
+// stopped or the machine suspended: announcements sent meanwhile are lost or not yet received, and
+// silence says nothing about the cards. Then they get the expire time to be heard again. The
+// library does not know how often cards announce themselves, but they must do so within that time.
 struct pace {
     const char* func;
     uint32_t expire_time;
@@ -126,8 +125,9 @@ struct pace {
     uint64_t not_before;  // on the monotonic clock: nothing is judged until then
 };
 
-// Looks at the clocks, due_ms after the last look if all is well; whether the check may judge, as
-// of *monotonic. In this order: a stop between the two is noticed.
+// Reads the clocks, normally due_ms after the last time; returns whether the check may judge paths
+// by *monotonic. The clocks are read in this order so that a stop of the process between the two is
+// noticed.
 bool may_judge(pace& loop, uint32_t due_ms, uint64_t* monotonic) {
     *monotonic = _qnm_get_msec_monotonic();
     const uint64_t look = _qnm_get_msec_since_boot();
@@ -141,7 +141,7 @@ bool may_judge(pace& loop, uint32_t due_ms, uint64_t* monotonic) {
     return *monotonic >= loop.not_before;
 }
 
-// Goes on with a check; true when it is over.
+// Continues a check; true when it is complete.
 bool _devinfo_keepalive_check(double_walk& at, pace& loop, uint32_t restart_checks) {
     const char* const name = __func__;
     const table_guard lock;
@@ -160,11 +160,11 @@ void check_once(pace& loop, uint32_t restart_checks) {
     double_walk at;
     while (!_devinfo_keepalive_check(at, loop, restart_checks) && let_go()) {
     }
-    _qnm_tell_events();
+    _qnm_signal_events();
     qnm_log_trace("%s: DEVINFO interval check end", loop.func);
 }
 
-// A path that was heard after the walk had begun is connected again.
+// Skips paths that were heard after the walk began: they are connected again.
 bool disconnect_some(const char* func, double_walk& at, int port, uint64_t began)
     QNM_REQUIRES(qnm_qn.eei_mutex) {
     const uint64_t now = _qnm_get_msec_timenow();
@@ -200,7 +200,7 @@ int _qnm_interval_check(void) {
         slept += flag_interval;
         uint64_t monotonic = 0;
         may_judge(loop, flag_interval, &monotonic);
-        _qnm_paced_tell();
+        _qnm_paced_report();
         _qnm_port_lock_serve();
         if (slept < check_interval) continue;
         check_once(loop, restart_checks);

@@ -1,12 +1,12 @@
 // qnm_linkdown.cpp - follows the link state of the ports.
 //
 // The kernel's link notifications, received on a routing netlink socket, serve only as a wake-up:
-// they are not parsed, the state is read back from the interfaces. So two changes that cancel each
-// other out before the reading are not seen, and notifications may be dropped where there are too
-// many. When a port goes down, every card on it is disconnected at once, under the table lock,
+// they are not parsed, the state is read from the interfaces. So two changes that cancel each other
+// out before the read are not seen, and the kernel may drop notifications when there are too many.
+// When a port goes down, every card on it is disconnected at once, under the table lock,
 // without waiting for the keepalive check. A port whose interface is gone, renamed or replaced is
-// down. Failures of the socket, the poll set or the pipe stop the manager; a failed query only
-// passes over its port.
+// down. Failures of the socket, the poll set or the pipe stop the manager; when a query fails, only
+// that port is skipped.
 
 #include "qnm_linkdown.h"
 
@@ -38,11 +38,13 @@ const char* state_word(uint32_t state) {
     return state == 1 ? "UP" : "DOWN";
 }
 
-// Whether the port's name has ceased to lead to the interface that was opened; the watcher's own.
+// Whether the port's name no longer leads to the interface that was opened. Only the watcher uses
+// it.
 bool g_lost[2];
 
-// The state of an open port as it counts. Its capture belongs to one interface for good; while the
-// port's name leads to none or to another one, the port is down, whatever that one's link says.
+// The state of an open port as cards see it. Its capture is bound to one interface for good; while
+// the port's name leads to no interface or to another one, the port is down, whatever the other's
+// link says.
 int look_at_port(const char* func, int port, uint32_t* state_out) {
     bool present = false;
     const int err = _qnm_find_interface(port, &present);
@@ -76,7 +78,7 @@ void _qnm_link_state_update(int port) {
         const qnm::table_guard lock;
         _qnm_all_disconnect(port);
     }
-    _qnm_tell_events();
+    _qnm_signal_events();
 }
 
 void update_ports() {
@@ -128,9 +130,9 @@ bool watch_once(struct pollfd (&fds)[2]) {
     return true;
 }
 
-// When more interfaces change at once than the socket can hold notifications of, the kernel drops
-// some and would tell so by an error. Nothing is lost by a drop: what is left in the queue is taken
-// afterwards, and every taking looks at the ports.
+// When too many interfaces change at once, the kernel drops notifications and would report an
+// error. A drop does no harm: the rest of the queue is read afterwards, and each read checks the
+// ports.
 void overlook_overruns(int fd) {
     const int on = 1;
     if (setsockopt(fd, SOL_NETLINK, NETLINK_NO_ENOBUFS, &on, sizeof on) != 0) {
@@ -173,7 +175,7 @@ void* _qnm_watch_linkstate(void*) {
 void _qnm_watch_linkstate_lin(void) {
     const int netlink = open_netlink();
     if (netlink == -1) return;
-    // Nobody has told of changes since the ports were opened.
+    // Changes since the ports were opened came before the socket existed.
     g_lost[0] = g_lost[1] = false;
     if (qnm::is_running()) update_ports();
     struct pollfd fds[2] = {{netlink, POLLIN, 0}, {qnm_terminate_fd_link[0], POLLIN, 0}};

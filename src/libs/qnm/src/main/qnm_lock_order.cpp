@@ -1,8 +1,8 @@
-// qnm_lock_order.cpp - aborts where a thread takes the library's locks out of order.
+// qnm_lock_order.cpp - aborts when a thread takes the library's locks out of order.
 //
-// Every thread has a list of its own of the locks that it holds; nothing is shared. A thread that
-// waits for an event counts as holding the event's mutex meanwhile, as it does when it looks at
-// what it waits for: that look may take locks, but only such as may follow an event object.
+// Every thread has its own list of the locks that it holds; nothing is shared. A thread that waits
+// for an event counts as holding the event's mutex, as it does when it checks its condition: that
+// check may take locks, but only those that may follow an event object.
 
 #include "qnm_lock_order.h"
 
@@ -20,7 +20,7 @@ constexpr unsigned held(qnm_lock_level_t level) {
     return 1U << level;
 }
 
-// What may be held when a lock is taken.
+// The levels that may be held when a lock of a level is taken.
 constexpr unsigned k_by_calls = held(QNM_LOCK_CALLBACKS) | held(QNM_LOCK_CARD_WRITE);
 constexpr unsigned k_by_tables = k_by_calls | held(QNM_LOCK_TABLE) | held(QNM_LOCK_BLACKLIST);
 constexpr unsigned k_by_all = ~(held(QNM_LOCK_PACED) | held(QNM_LOCK_STATS));
@@ -53,12 +53,12 @@ struct held_lock {
     qnm_lock_level_t level;
 };
 
-// One of each level at most, but of callback lists one per event type.
+// At most one lock of each level, except callback lists: one per event type.
 constexpr size_t k_held_max = 32;
 thread_local held_lock held_locks[k_held_max];
 thread_local size_t held_count;
 
-// A callback list may follow another one, but no lock itself.
+// A callback list may follow another one, but a lock never itself.
 bool may_follow(const held_lock& outer, const held_lock& inner) {
     return outer.lock != inner.lock && (k_rules[inner.level].may_follow & held(outer.level)) != 0;
 }

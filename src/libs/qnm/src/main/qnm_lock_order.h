@@ -1,13 +1,13 @@
 // qnm_lock_order.h - the order in which a thread takes the library's locks.
 //
-// Builds with QNM_CHECK_LOCK_ORDER, which debug builds are, keep the levels in the mutexes and
-// abort with both names where a thread breaks the order, whether or not it would have blocked this
-// time. In other builds none of it exists.
+// Builds with QNM_CHECK_LOCK_ORDER, such as debug builds, store the levels in the mutexes. They
+// abort with both names when a thread breaks the order, even if it would not have blocked this
+// time. Other builds have none of this.
 #pragma once
 
-// Outermost first. No lock is taken while one of its own or of a lower line is held; the lines say
-// which of the upper ones may be. Whatever an event type's callbacks may call, may follow that
-// type's list.
+// Outermost first. No lock is taken while one of its own line or of a lower line is held; each line
+// says which of the upper ones may be held. Everything that the callbacks of an event type may call
+// may follow that type's list.
 typedef enum qnm_lock_level {
     QNM_LOCK_UNORDERED,    // not checked
     QNM_LOCK_CALLBACKS,    // callbacks of one event type; after those of another only
@@ -20,7 +20,7 @@ typedef enum qnm_lock_level {
     QNM_LOCK_EVENT_QUEUE,  // after the same and the event object, by which its thread is woken
     QNM_LOCK_WRITE_LOCKS,  // the map of the cards' write locks; after those that the table follows,
                            // and after the table
-    QNM_LOCK_TAGS,         // after a callback list or a write lock: of all others it is taken alone
+    QNM_LOCK_TAGS,         // after a callback list or a write lock, and no other
     QNM_LOCK_PORT,         // that of a port against other processes; after the same
     QNM_LOCK_PACED,        // the counts of lines; after any other but the statistics
     QNM_LOCK_STATS,        // after any other, and followed by none

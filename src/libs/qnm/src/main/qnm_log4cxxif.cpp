@@ -1,17 +1,15 @@
 // qnm_log4cxxif.cpp - all diagnostic output, through three log4cxx loggers.
 //
-// Two filters stand in a row: g_log_level decides here whether a call formats anything at all, then
-// the log4cxx configuration decides where the line goes. A line is formatted on the caller's stack
-// and cut at 511 characters, so any thread may log at any time. log4cxx throws when an appender
-// fails (a full disk); a line lost that way must not take the manager with it, so nothing is let
-// through.
+// There are two filters: g_log_level decides here whether a call formats anything at all, then the
+// log4cxx configuration decides where the line goes. A line is formatted on the caller's stack and
+// cut at 511 characters, so any thread may log at any time. log4cxx throws when an appender fails
+// (a full disk). Such a line is lost, but the manager goes on, so every exception is caught.
 //
 // A process may end while threads still log, and then log4cxx's static objects are destroyed under
-// them. So the lines under way are counted, and a handler of exit() forbids further ones and waits
-// for these. It has to run before log4cxx's own handlers. The last one registered runs first, and
-// log4cxx makes some of its objects when they are needed first; so the handler is registered when
-// the library is loaded, as a destructor, and again when log4cxx has been configured and has
-// everything.
+// them. So the lines under way are counted, and an exit handler refuses further ones and waits for
+// these. It has to run before log4cxx's own handlers. The handler registered last runs first, and
+// log4cxx creates some of its objects on first use. So ours is registered when the library is
+// loaded, as a destructor, and again when log4cxx has been configured and has created everything.
 
 #include "qnm_log4cxxif.h"
 
@@ -58,15 +56,14 @@ constexpr size_t k_line_size = 512;
 
 constexpr uint64_t k_exit_wait_ms = 1000;
 
-// Properties that differ from those read before may have log4cxx make more, so each reading
-// registers the handler again. A manager that is restarted for ever must not gather handlers for
-// ever, though.
+// Other properties may make log4cxx create more objects, so each reading registers the handler
+// again. The number is limited, because a manager may be restarted any number of times.
 constexpr int k_exit_handlers = 16;
 
 // The properties are read by one thread at a time.
 qnm_mutex_t properties_mutex = QNM_MUTEX_OF_LEVEL(QNM_LOCK_LOG);
 
-// Where this is not known, each line has a look whether its logger has an appender at all: without
+// As long as this is unknown, each line checks first whether its logger has an appender: without
 // one log4cxx complains on standard error.
 std::atomic<bool> all_loggers_write = false;
 
@@ -74,7 +71,7 @@ std::atomic<bool> exiting = false;
 std::atomic<int> lines_under_way = 0;
 std::atomic<int> exit_handlers = 0;
 
-// Stands for a line under way, or for whatever else enters log4cxx.
+// A line under way, or any other stay inside log4cxx.
 class line_guard {
   public:
     line_guard() { lines_under_way++; }
@@ -82,11 +79,12 @@ class line_guard {
     line_guard(const line_guard&) = delete;
     line_guard& operator=(const line_guard&) = delete;
 
-    // Asked once the line counts: the handler either sees it or is seen.
+    // Checked after the line has been counted, so the handler sees the line or the line sees the
+    // handler.
     bool is_allowed() const { return !exiting; }
 };
 
-// Lives until the handler has seen the last line end, and for ever if that did not come in time.
+// Lives until the handler has seen the last line end; for ever if that takes too long.
 template <typename Pointer>
 union kept {
     explicit kept(Pointer made) : ptr(std::move(made)) {}
@@ -96,10 +94,10 @@ union kept {
 
 using logger_handle = kept<LoggerPtr>;
 
-// Who first asks log4cxx for its loggers has it read a configuration from the current directory,
-// which may be anybody's: with the rights of this process it would open, and empty, whatever file
-// that names. Whether it may is for the host program to decide, so the library names a file that is
-// not there while it asks.
+// The first request for a logger makes log4cxx read a configuration from the current directory.
+// Anybody may have put it there, and it would open, and empty, any file that it names, with the
+// rights of this process. Only the host program may allow that, so during its own request the
+// library names a file that does not exist.
 struct no_default_configuration {
     no_default_configuration() { name("/nonexistent/log4cxx.properties"); }
     ~no_default_configuration() { name(""); }
@@ -113,17 +111,17 @@ log4cxx::spi::LoggerRepositoryPtr get_hierarchy() {
     return log4cxx::LogManager::getLoggerRepository();
 }
 
-// What holds all loggers, also when the host program has given log4cxx another one since. Its
-// destructor closes their files, and would wait for a line that is stuck, in a pipe that nobody
-// reads, say; it is kept from that as the loggers are.
+// The repository of all loggers, kept even if the host program has given log4cxx another one since.
+// Its destructor closes their files and would wait for a line that is stuck, for instance in a pipe
+// that nobody reads; so, like the loggers, it is never destroyed.
 kept<log4cxx::spi::LoggerRepositoryPtr> hierarchy(get_hierarchy());
 
 logger_handle logger_file(hierarchy.ptr->getLogger("logfile"));
 logger_handle logger_syslog(hierarchy.ptr->getLogger("syslogfile"));
 logger_handle logger_stats(hierarchy.ptr->getLogger("statslogfile"));
 
-// Runs at the end of the process, and when the library is unloaded: as often as it was registered,
-// but the first time is the one that counts.
+// Runs at the end of the process and when the library is unloaded, as often as it was registered;
+// only the first run has work to do.
 void close_log() {
     if (exiting.exchange(true)) return;
     const uint64_t deadline = _qnm_get_msec_monotonic() + k_exit_wait_ms;
@@ -140,22 +138,22 @@ void close_log() {
 LevelPtr (*const k_levels[])() = {Level::getFatal, Level::getError, Level::getWarn,
                                   Level::getInfo,  Level::getDebug, Level::getTrace};
 
-// Without memory for the handler the process ends as it would without the library's care. What
-// atexit() does, but ThreadSanitizer's forgets which library calls it.
+// Does what atexit() does; the atexit() of ThreadSanitizer forgets which library calls it. Without
+// memory for the handler, lines that are under way at the end of the process are not waited for.
 void close_log_before_log4cxx() {
     if (exit_handlers >= k_exit_handlers) return;
     const auto handler = [](void*) { close_log(); };
     if (abi::__cxa_atexit(handler, nullptr, &__dso_handle) == 0) exit_handlers++;
 }
 
-// log4cxx's own words on standard error would stand beside the library's.
+// Silences log4cxx's own messages on standard error; the library reports problems itself.
 struct quiet_log4cxx {
     quiet_log4cxx() { log4cxx::helpers::LogLog::setQuietMode(true); }
     ~quiet_log4cxx() { log4cxx::helpers::LogLog::setQuietMode(false); }
 };
 
-// Has a bit of everything that hosts configure. It is read into a hierarchy of its own, which is
-// thrown away before anything is written.
+// Properties with a bit of everything that hosts configure. They are read into a hierarchy of their
+// own, which is thrown away before anything is written.
 constexpr const char* k_first_properties[][2] = {
     {"log4j.rootLogger", "OFF"},
     {"log4j.logger.first", "ALL, FIRST"},
@@ -165,9 +163,9 @@ constexpr const char* k_first_properties[][2] = {
     {"log4j.appender.FIRST.layout.ConversionPattern", "%d{ISO8601} %-5p %c [%t] %m%n"},
 };
 
-// What log4cxx makes at its first reading is destroyed after close_log() only if it is there when
-// the handler is registered. Otherwise a process that ends while it first reads its properties
-// would have them read from objects that are gone.
+// What log4cxx creates when it first reads properties must exist before the handler is registered;
+// only then is it destroyed after close_log(). Otherwise a process that ends during its first
+// reading would use objects that are gone.
 void read_first_properties() {
     const quiet_log4cxx quiet;
     try {
@@ -201,14 +199,14 @@ bool is_ascii(unsigned char letter) {
     return letter < 0x80;
 }
 
-// log4cxx would go through it letter by letter, which is a tenth of the work for a new card.
+// log4cxx would convert the name letter by letter, a tenth of the work for a new card.
 log4cxx::LogString decode(std::string_view text) {
     if (std::all_of(text.begin(), text.end(), is_ascii)) return {text.begin(), text.end()};
     LOG4CXX_DECODE_CHAR(decoded, std::string(text));
     return decoded;
 }
 
-// A broken properties file costs log lines, not the manager. Whether log4cxx did not throw.
+// A broken properties file costs log lines, not the manager. Returns whether log4cxx did not throw.
 bool read_properties(const char* name, qnm::problem_text& problem) {
     bool did_throw = false;
     _qnm_log_check_file(name, &problem);
@@ -218,7 +216,7 @@ bool read_properties(const char* name, qnm::problem_text& problem) {
         const no_default_configuration none;
         const bool was_configured = hierarchy.ptr->isConfigured();
         log4cxx::PropertyConfigurator().doConfigure(log4cxx::File(name), hierarchy.ptr);
-        hierarchy.ptr->setConfigured(was_configured);  // by the host program, that is
+        hierarchy.ptr->setConfigured(was_configured);  // as the host program left it
         _qnm_log_check_loggers(hierarchy.ptr.get(), &problem);
     } catch (const std::exception& thrown) {
         problem.add("%s", thrown.what());

@@ -1,9 +1,9 @@
-// qnm_log_check.cpp - what keeps the log from being written, in words, for where there is no log.
+// qnm_log_check.cpp - finds out why the log cannot be written, and says so on standard error.
 //
-// log4cxx says on standard error what it meets, in several lines, some of them when the first line
-// is logged, and names neither the file nor what to do. So it is silenced while it reads, and what
-// came of it is looked at here: a logger without an appender covers a wrong name, a class that does
-// not exist and a file without settings; an appender that cannot write has no layout or no file.
+// log4cxx reports problems on standard error in several lines, some of them only with the first
+// line logged, and names neither the file nor what to do. So it is silenced while it reads, and the
+// result is checked here: a logger without an appender means a wrong name, a class that does not
+// exist or a file without settings; an appender that cannot write has no layout or no file.
 
 #include "qnm_log_check.h"
 
@@ -39,7 +39,7 @@ int try_open(const char* name, const char* mode) {
     return file != nullptr ? 0 : errno;
 }
 
-// Says nothing about the file: another time it can be opened.
+// These errors say nothing about the file: it can be opened another time.
 bool is_passing(int err) {
     return err == EMFILE || err == ENFILE || err == ENOMEM || err == EINTR;
 }
@@ -81,7 +81,7 @@ struct attachment {
     AppenderPtr appender;
 };
 
-// Notes what is attached in vain. It is taken off later, because others may be led to it as well.
+// Notes an appender that cannot write. It is removed later, because other loggers may use it too.
 void check_logger(const LoggerPtr& logger, qnm::problem_text& problem,
                   std::vector<attachment>& broken) {
     if (!logger->isEnabledFor(log4cxx::Level::getFatal())) return;
@@ -93,8 +93,8 @@ void check_logger(const LoggerPtr& logger, qnm::problem_text& problem,
     if (!has_some) problem.add("no appender for the logger %s", logger->getName().c_str());
 }
 
-// Names from outside must not break the line, nor give orders to a terminal, which some take by
-// bytes beyond ASCII.
+// Names from outside must not break the line or send control sequences to a terminal; some
+// terminals take bytes beyond ASCII as such.
 void make_printable(char* text) {
     for (; *text != '\0'; text++) {
         const auto byte = static_cast<unsigned char>(*text);

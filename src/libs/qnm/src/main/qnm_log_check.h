@@ -1,4 +1,4 @@
-// qnm_log_check.h - what keeps the log from being written, in words, for where there is no log.
+// qnm_log_check.h - finds out why the log cannot be written, and says so on standard error.
 #pragma once
 
 #include <cstddef>
@@ -33,9 +33,9 @@ void _qnm_log_check_loggers(log4cxx::spi::LoggerRepository* loggers, qnm::proble
 // Whether a line of the logger has anywhere to go. May throw what an allocation throws.
 int _qnm_log_has_appender(log4cxx::Logger* logger);
 
-// Tells a problem with the file in one line on standard error, under the name of the function that
-// met it. Once as long as it stays the same: a host program reads the file, and then the manager
-// does.
+// Reports a problem with the file in one line on standard error, under the name of the function
+// that met it. The same problem is reported once: first a host program reads the file, then the
+// manager.
 void _qnm_log_tell(const char* func, const char* name, const qnm::problem_text* problem);
 
 }  // extern "C"

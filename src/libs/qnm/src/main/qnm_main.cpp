@@ -1,4 +1,4 @@
-// qnm_main.cpp - the life of the manager: bring-up, the stay inside, tear-down.
+// qnm_main.cpp - the life of the manager: start, run, stop.
 //
 // qnm_init_manager() brings everything up, starts the worker threads and then runs the keepalive
 // loop on its caller's thread until a stop is requested; only then does it take everything down
@@ -68,7 +68,7 @@ constexpr unit k_units[] = {
 struct worker {
     qnm_thread_func_t func;
     void* arg;
-    const char* label;  // in the line of a failed start
+    const char* label;  // for the log line of a failed start
     bool started;
     qnm_thread_id_t tid;
 };
@@ -102,7 +102,7 @@ void stay_running() {
     // er_fini_flag stays as it is: a stop may have been requested during start-up, by the host or
     // by a worker that has failed, and workers that have seen it are gone.
     qnm::store(qnm_root.er_start_flag, 1U);
-    // Last, so that a host that sees the manager running can start it for good.
+    // Last: a host that sees the manager running may call qnm_start_manager().
     qnm::store(qnm_root.er_init_flag, 0U);
     qnm_log_info("%s: Initialization was completed.", k_init_name);
     qnm_syslog_info("Starting QNM LFI");
@@ -196,8 +196,8 @@ void* close_locks(void*) {
     return nullptr;
 }
 
-// For each close of a packet socket the kernel waits until no core looks at it any more, some 16 ms
-// where nothing hurries. The locks have as many of them as the captures, so the two go at once.
+// When a packet socket is closed, the kernel waits until no core uses it any more, some 16 ms. The
+// locks have as many such sockets as the captures, so both are closed at the same time.
 void close_ports() {
     worker locks = {close_locks, nullptr, "close_locks", false, {}};
     if (start_worker(locks) != 0) close_locks(nullptr);
@@ -206,8 +206,9 @@ void close_ports() {
     join_worker(locks);
 }
 
-// Opens the configured ports; one is enough. Without any, the last error is the result. A closed
-// port keeps its link state; one that is not opened in this run must not seem connected by it.
+// Opens the configured ports; one is enough. Without any, the last error is the result. Link states
+// are cleared first: a port keeps its state when it is closed, and one that is not opened this time
+// must not seem connected.
 int run_with_ports() {
     for (qnm_port_info_t& port : qnm_root.er_port_info)
         qnm::store(port.epi_link_state, 0U);

@@ -1,7 +1,6 @@
 // qnm_paced_log.cpp - lines that frames can cause, one a second of each kind.
 //
-// The records are guarded by one mutex, which is held for single steps; lines are written without
-// it.
+// One mutex guards the records. It is held for single steps; lines are written without it.
 
 #include "qnm_paced_log.h"
 
@@ -55,7 +54,7 @@ struct line_record {
 qnm_mutex_t paced_mutex = QNM_MUTEX_OF_LEVEL(QNM_LOCK_PACED);
 line_record records[QNM_PACED_MAX] QNM_GUARDED_BY(paced_mutex);
 
-// What there is to tell of a row.
+// What is reported of a row.
 struct report {
     uint32_t count;
     uint64_t time;
@@ -69,13 +68,13 @@ report take_report(line_record& record, uint64_t now) QNM_REQUIRES(paced_mutex) 
     return due;
 }
 
-void tell(qnm_paced_line_t line, const report& due) {
+void write_count(qnm_paced_line_t line, const report& due) {
     const line_row& row = k_rows[line];
     row.write("%s: %u more in the last %lu ms: %s", due.func, due.count, due.time, row.text);
 }
 
-// Tells of every row what has waited for so long.
-void tell_all(uint64_t waited_ms) {
+// Reports the rows whose count has waited long enough.
+void write_counts(uint64_t waited_ms) {
     const uint64_t now = _qnm_get_msec_monotonic();
     for (int line = 0; line < QNM_PACED_MAX; line++) {
         report due = {};
@@ -86,7 +85,7 @@ void tell_all(uint64_t waited_ms) {
                 due = take_report(record, now);
             }
         }
-        if (due.count != 0) tell(static_cast<qnm_paced_line_t>(line), due);
+        if (due.count != 0) write_count(static_cast<qnm_paced_line_t>(line), due);
     }
 }
 
@@ -102,7 +101,7 @@ int _qnm_paced_init(void) {
 }
 
 int _qnm_paced_fini(void) {
-    tell_all(0);
+    write_counts(0);
     return 0;
 }
 
@@ -122,12 +121,12 @@ int _qnm_paced_may_write(qnm_paced_line_t line, const char* func) {
         if (!over) return 0;
         due = take_report(record, now);
     }
-    tell(line, due);
+    write_count(line, due);
     return 0;
 }
 
-void _qnm_paced_tell(void) {
-    tell_all(k_second_ms);
+void _qnm_paced_report(void) {
+    write_counts(k_second_ms);
 }
 
 }  // extern "C"

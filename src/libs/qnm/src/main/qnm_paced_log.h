@@ -1,8 +1,8 @@
-// qnm_paced_log.h - lines that frames can cause, so often as frames come.
+// qnm_paced_log.h - limits the log lines that frames can cause.
 //
-// Each such line has a row here. The first one is written as it is; what follows within a second is
-// counted, and then one line a second tells how many there were. So a flood of frames is no flood
-// of lines, and a single failure looks as it always did.
+// Each such line has a row here. The first one is written as it is; further ones within a second
+// are counted, and one line a second says how many there were. So a flood of frames is not a flood
+// of lines, and a single failure is logged unchanged.
 #pragma once
 
 #include "qnm.h"
@@ -29,17 +29,17 @@ typedef enum qnm_paced_line {
 
 extern "C" {
 
-// Forgets what was counted; tells what is left. Both return 0.
+// Init forgets all counts; fini reports what is left. Both return 0.
 int _qnm_paced_init(void);
 int _qnm_paced_fini(void);
 
-// Whether the line of that row is to be written now: non-zero, and the caller writes it; 0, and it
-// is counted. func, which must last, names the line that tells the count. From any thread, with any
-// lock held but that of the statistics.
+// Whether the caller may write the line of that row now: non-zero, or 0 when it has been counted
+// instead. func names the function in the line that reports the count; it must stay valid. Any
+// thread, with any lock held but that of the statistics.
 int _qnm_paced_may_write(qnm_paced_line_t line, const char* func);
 
-// Tells of every row what a second has passed over; for a loop that comes by regularly, as a flood
-// that ends leaves nobody else to do it.
-void _qnm_paced_tell(void);
+// Reports every row that has been counting for a second. Called regularly by a loop, because after
+// a flood no further line would trigger it.
+void _qnm_paced_report(void);
 
 }  // extern "C"

@@ -1,9 +1,9 @@
-// qnm_port_group.cpp - makes packet sockets and has them join a group that has room for one.
+// qnm_port_group.cpp - makes packet sockets and lets them join a group that has room for one.
 //
-// Groups have numbers of 16 bits in a network namespace, which other programs choose as they like,
-// often small ones; those here begin elsewhere. Indexes that differ by a multiple of 65536 have one
-// number; the kernel then refuses the second interface's sockets with another error than that of a
-// full group.
+// A group has a 16-bit number within a network namespace. Other programs choose theirs freely,
+// often small ones, so ours begin elsewhere. Interface indexes that differ by a multiple of 65536
+// share a number; the kernel then refuses the second interface's sockets with another error than
+// that of a full group.
 
 #include "qnm_port_group.h"
 
@@ -17,8 +17,7 @@
 
 namespace {
 
-// Below 1536 the field is a length, so that no frame has it as its type, and no frame is given to
-// these sockets.
+// Below 1536 the field is a length, so no frame has this type, and these sockets receive nothing.
 constexpr uint16_t k_no_type = 0x05FF;
 
 constexpr int k_first_number = 0x716E;

@@ -1,9 +1,10 @@
 // qnm_port_holder.cpp - asks who listens on the socket that stands for an interface.
 //
-// Anybody may bind an abstract name, so the name alone proves nothing. Whoever listens is told by
-// SO_PEERCRED, and can only be a manager if he may open raw sockets here: has CAP_NET_RAW in our
-// user namespace. A capability that a process has in a user namespace of its own making is none.
-// What cannot be found out counts as a manager: two of them give wrong values.
+// Anybody may bind an abstract name, so the name alone proves nothing. SO_PEERCRED tells which
+// process listens, and it can only be a manager if it may open raw sockets here: if it has
+// CAP_NET_RAW in our user namespace. A capability in a user namespace of its own does not count. If
+// this cannot be found out, the process counts as a manager, because two managers on one interface
+// read wrong values.
 
 #include "qnm_port_holder.h"
 
@@ -20,7 +21,7 @@
 
 namespace {
 
-// A file of a process below /proc, for a scope; reads as empty where it cannot be opened.
+// An open file of a process below /proc; it reads as empty if it cannot be opened.
 class proc_file {
   public:
     proc_file(const char* process, const char* file) {
@@ -52,8 +53,8 @@ void read_name(const char* process, char (&name)[16]) {
     }
 }
 
-// Whether a process is known to be without CAP_NET_RAW. One that has laid it aside (permitted, but
-// not effective) may have opened its ports before.
+// Whether a process is known to lack CAP_NET_RAW. A capability that is permitted but not effective
+// counts: the process may have opened its ports before it dropped it.
 bool lacks_net_raw(const char* process) {
     constexpr char label[] = "CapPrm:";
     proc_file status(process, "status");
@@ -66,8 +67,8 @@ bool lacks_net_raw(const char* process) {
     return false;
 }
 
-// Whether a process is of the initial user namespace, as its map tells; what cannot be read is told
-// as asked for.
+// Whether a process is in the initial user namespace, by its map. otherwise is the answer if the
+// map cannot be read.
 bool is_of_initial_namespace(const char* process, bool otherwise) {
     proc_file map(process, "uid_map");
     char line[128];
@@ -82,14 +83,14 @@ bool can_be_manager(const char* process) {
     return !is_of_initial_namespace("self", false) || is_of_initial_namespace(process, true);
 }
 
-// Which process has called listen() for the other end of a connection; 0 when it cannot be told.
+// Which process has called listen() for the other end of a connection; 0 if unknown.
 int peer_of(int fd) {
     struct ucred peer = {};
     socklen_t length = sizeof peer;
     return getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 ? peer.pid : 0;
 }
 
-// A process that has gone may have left a child behind, which has the socket and works no ports.
+// A process that has ended may have left a child behind that keeps the socket but uses no ports.
 bool has_gone(int pid) {
     return kill(pid, 0) != 0 && errno == ESRCH;
 }

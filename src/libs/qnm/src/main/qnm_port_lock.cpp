@@ -1,31 +1,32 @@
 // qnm_port_lock.cpp - at most one manager accesses cards by an interface.
 //
-// Two things make the lock. What decides is a group of the kernel's in which there is room for one
-// (qnm_port_group): only who may open ports can be in it, and it takes no guests, so that nobody
-// else can have it, fill it or keep managers from it. With the first frame to a card a manager
-// joins it. Whether the kernel keeps to the number of members is tried, by a second socket that has
-// to be refused. A child by a way that no handler sees, which keeps the socket, keeps the group as
-// well; nothing takes a socket out of a group but its last close.
+// The lock has two parts. The first decides: a packet socket group of the kernel with room for one
+// member (qnm_port_group). Only a process that may open ports can join it, so no other process can
+// take it or keep managers out of it. A manager joins with its first frame to a card, and a second
+// socket of its own checks that the kernel really refuses another member. If the process forks in a
+// way that no handler sees, the child keeps the socket and with it the group: only the last close
+// takes a socket out of its group.
 //
-// The other one is a name, an abstract Unix socket after the interface's index: whoever is in the
-// group listens there, so that others can be told who it is (qnm_port_holder). The kernel lets one
-// process of a network namespace bind a name, and releases it with its process. Who has the name
-// and not the group is no manager, and gets one warning; the name is then tried for from time to
-// time.
+// The second part is a name, an abstract Unix socket after the interface's index. The member of the
+// group listens there, so that others can find out who it is (qnm_port_holder). The kernel lets one
+// process of a network namespace bind a name and releases it with the process. A process that has
+// the name but not the group is not a manager; this is logged once as a warning, and the name is
+// tried again from time to time.
 //
-// Where the group tells nothing (Linux before 5.12, its number in other hands, no packet socket)
-// the name alone decides, and the group is tried for from time to time. Anybody can have the name,
-// so a process that cannot be a manager is passed over with a warning, and then there is no lock,
-// but each frame tries for it. Somebody can also fill a manager's backlog by connecting to it; it
-// makes room each time it looks at its guests, so whoever finds none asks for a while before
-// passing it over. Where no such socket can be had at all, there is no lock either.
+// If the group decides nothing (Linux before 5.12, its number in use by another program, no packet
+// socket), the name alone decides, and the group is tried again from time to time. Anybody can bind
+// the name, so a process that cannot be a manager is ignored with a warning. There is no lock then,
+// but each frame tries to get it. Somebody can also fill a manager's backlog by connecting to it.
+// The manager makes room whenever it serves the socket, so a process that finds no room asks for a
+// while before it ignores the name. Without such a socket there is no lock either.
 //
-// All sockets are made when the port is opened, as they belong to the namespace of the thread that
-// makes them; so is a spare one, by which another holder can be asked who he is, and which is
-// replaced by the thread that runs the manager.
+// All sockets are made when the port is opened, because they belong to the namespace of the thread
+// that makes them. One is a spare for asking another holder who it is; the thread that runs the
+// manager replaces it.
 //
-// The records are open while their ports are. Senders look at pl_settled alone when there is
-// nothing left to do; all else is under the record's mutex, which is taken alone.
+// The records are open while their ports are. When nothing is left to do, senders read only
+// pl_settled; everything else is guarded by the record's mutex, which is never held together with
+// another lock.
 
 #include "qnm_port_lock.h"
 
@@ -45,16 +46,16 @@
 
 namespace {
 
-// How long somebody is given who has bound the name and does not listen yet, is about to leave, or
-// has no room for another guest: a second in all.
+// How long to wait for a process that has bound the name but does not listen yet, is about to end,
+// or has no room in its backlog: a second in all.
 constexpr uint32_t k_settle_ms = 10;
 constexpr uint32_t k_settle_rounds = 100;
 
-// The same where the group has decided, and the name is only to be told.
+// The same if the group has decided and the name is only needed for the message.
 constexpr uint32_t k_naming_rounds = 2;
 
 enum class membership : uint8_t {
-    none,      // the group tells nothing, or has not been tried
+    none,      // the group decides nothing, or has not been tried
     unproven,  // joined, and the kernel may let others join
     sole,      // joined, and nobody else can
 };
@@ -63,22 +64,21 @@ struct port_lock {
     qnm_mutex_t pl_mutex = QNM_MUTEX_OF_LEVEL(QNM_LOCK_PORT);
     uint32_t pl_settled = 1;                     // atomic; 1 = frames may leave
     int pl_group QNM_GUARDED_BY(pl_mutex) = -1;  // for the group
-    int pl_probe QNM_GUARDED_BY(pl_mutex) = -1;  // must not get into it beside pl_group
+    int pl_probe QNM_GUARDED_BY(pl_mutex) = -1;  // must be refused while pl_group is in
     membership pl_member QNM_GUARDED_BY(pl_mutex) = membership::none;
     int pl_fd QNM_GUARDED_BY(pl_mutex) = -1;     // for the name,
     int pl_error QNM_GUARDED_BY(pl_mutex) = 0;   // or why it cannot be had
     int pl_spare QNM_GUARDED_BY(pl_mutex) = -1;  // for the next question
     int pl_if_index QNM_GUARDED_BY(pl_mutex) = 0;
     bool pl_is_named QNM_GUARDED_BY(pl_mutex) = false;         // pl_fd has the name
-    qnm_port_holder_t pl_other QNM_GUARDED_BY(pl_mutex) = {};  // as the last question found him
+    qnm_port_holder_t pl_other QNM_GUARDED_BY(pl_mutex) = {};  // as last asked
     bool pl_is_told QNM_GUARDED_BY(pl_mutex) = false;          // that frames leave without the name
     bool pl_has_waited QNM_GUARDED_BY(pl_mutex) = false;       // for a name to show up
 };
 
 port_lock port_locks[2];
 
-// The lock of each port: the other one's, where both are the same interface. Set before there are
-// frames.
+// The lock of each port. Two ports on the same interface share one. Set before the first frame.
 port_lock* lock_of_port[2] = {&port_locks[0], &port_locks[1]};
 
 void close_descriptor(int& fd) {
@@ -90,8 +90,8 @@ void close_all(port_lock& lock) QNM_REQUIRES(lock.pl_mutex) {
         close_descriptor(*fd);
 }
 
-// A child must keep neither name nor group when this process releases them. It has one thread, and
-// whatever mutex was held at the fork stays so.
+// A child must not keep the name or the group when this process releases them. It has one thread,
+// and a mutex that was held at the fork stays locked.
 void close_in_child() QNM_UNCHECKED {
     for (port_lock& lock : port_locks)
         close_all(lock);
@@ -105,7 +105,7 @@ void prepare_forks(const char* func) {
     if (err != 0) qnm_log_warn("%s: Failed to pthread_atfork(). err=%d", func, err);
 }
 
-// Whether another one is in the group. Where that cannot be told now it is tried again.
+// Whether another manager is in the group. If that is unknown now, it is tried again later.
 bool is_other_in_group(port_lock& lock) QNM_REQUIRES(lock.pl_mutex) {
     if (lock.pl_group == -1 || lock.pl_member != membership::none) return false;
     const int err = _qnm_port_group_join(lock.pl_group, lock.pl_if_index);
@@ -115,7 +115,7 @@ bool is_other_in_group(port_lock& lock) QNM_REQUIRES(lock.pl_mutex) {
     return false;
 }
 
-// 0; EADDRINUSE when another one has the name; or why it cannot be had.
+// 0; EADDRINUSE when another process has the name; else why it cannot be bound.
 int bind_name(port_lock& lock) QNM_REQUIRES(lock.pl_mutex) {
     if (lock.pl_is_named) return 0;
     if (lock.pl_fd == -1) return lock.pl_error;
@@ -129,7 +129,7 @@ int bind_name(port_lock& lock) QNM_REQUIRES(lock.pl_mutex) {
     return 0;
 }
 
-// Without a spare socket the last answer holds; the name has just been tried for.
+// Without a spare socket the last answer is used; the name has just been tried.
 void ask_other(port_lock& lock) QNM_REQUIRES(lock.pl_mutex) {
     if (lock.pl_spare == -1) return;
     if (_qnm_ask_port_holder(lock.pl_spare, lock.pl_if_index, &lock.pl_other)) {
@@ -137,7 +137,7 @@ void ask_other(port_lock& lock) QNM_REQUIRES(lock.pl_mutex) {
     }
 }
 
-// Tells once that there is no lock, or that others cannot be told who has it, and why.
+// Logs once that there is no lock, or that others cannot find out who has it, and why.
 void pass_over(const char* func, port_lock& lock, int port, int err) QNM_REQUIRES(lock.pl_mutex) {
     if (std::exchange(lock.pl_is_told, true)) return;
     const qnm_port_holder_t other = lock.pl_other;
@@ -176,8 +176,9 @@ int refuse(const char* func, int port, const qnm_port_holder_t& other) {
     return EBUSY;
 }
 
-// Another one is in the group. Who has the name is most likely that one, if it can be a manager;
-// nobody has it yet while the other one is between the two, and for good if somebody fills it.
+// Another manager is in the group. A process that has the name and can be a manager is most likely
+// that one. Nobody has the name while the other is between the two steps, or if the name is
+// blocked.
 int refuse_by_group(const char* func, port_lock& lock, int port, bool may_wait)
     QNM_REQUIRES(lock.pl_mutex) {
     if (lock.pl_is_named) return refuse(func, port, {});
@@ -188,12 +189,12 @@ int refuse_by_group(const char* func, port_lock& lock, int port, bool may_wait)
     return refuse(func, port, kind == QNM_HOLDER_MANAGER ? lock.pl_other : qnm_port_holder_t{});
 }
 
-// Another one has the name, and nobody else the group: 0, EBUSY, or EAGAIN.
+// Another process has the name, and nobody else the group: 0, EBUSY, or EAGAIN.
 int judge_name(const char* func, port_lock& lock, int port, uint32_t rounds_left)
     QNM_REQUIRES(lock.pl_mutex) {
     const bool is_sole = lock.pl_member == membership::sole;
     const bool is_first = rounds_left == k_settle_rounds;
-    // Who has answered once may have no room for a second question.
+    // A process that has answered once may have no room for a second question.
     if (!is_sole || is_first || lock.pl_other.eph_kind == QNM_HOLDER_NOBODY) ask_other(lock);
     const qnm_holder_kind_t kind = lock.pl_other.eph_kind;
     if (is_sole) {
@@ -203,7 +204,7 @@ int judge_name(const char* func, port_lock& lock, int port, uint32_t rounds_left
     return kind == QNM_HOLDER_NOBODY && rounds_left > 0 && !lock.pl_is_told ? EAGAIN : 0;
 }
 
-// Tries once: 0, EBUSY, or EAGAIN when whoever has the name is still to be given time.
+// Tries once: 0, EBUSY, or EAGAIN while the process that has the name is given more time.
 int try_to_take(const char* func, port_lock& lock, int port, uint32_t rounds_left) {
     const qnm::mutex_guard guard(lock.pl_mutex);
     if (qnm::load(lock.pl_settled) == 1) return 0;
@@ -220,7 +221,8 @@ int try_to_take(const char* func, port_lock& lock, int port, uint32_t rounds_lef
     return 0;
 }
 
-// Takes the connections of those who have asked, so that the next ones find room; not for ever.
+// Accepts and closes the connections of those who have asked, to make room for more; a limited
+// number at a time.
 void dismiss_guests(int fd) {
     for (int n = 0; n < SOMAXCONN; n++) {
         int guest = accept4(fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
@@ -250,7 +252,7 @@ void _qnm_port_lock_open(int port, int if_index) {
     lock.pl_other = {QNM_HOLDER_MANAGER, 0, ""};
     lock.pl_is_named = lock.pl_is_told = lock.pl_has_waited = false;
     lock.pl_member = membership::none;
-    // Where descriptors run out, what decides comes first.
+    // The group first: it decides, and descriptors may run out.
     lock.pl_group = _qnm_port_group_socket(if_index);
     lock.pl_fd = _qnm_port_socket();
     lock.pl_error = lock.pl_fd == -1 ? errno : 0;

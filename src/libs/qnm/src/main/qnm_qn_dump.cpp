@@ -146,8 +146,7 @@ void print_own_fields(const qnm_qnio_t& card) {
     print_fields(k_indent, k_qnio_fields, &card);
 }
 
-// What the dump prints is copied, so many cards at a time and no more than fit these bytes of the
-// caller's stack, and written with the table free: a line may cost a wait for the disk.
+// Cards copied at a time: at most this many, and no more than fit these bytes of the stack.
 constexpr size_t k_copied_max = 64;
 constexpr size_t k_copied_bytes = 8192;
 
@@ -267,7 +266,7 @@ struct group_row {
     uint32_t qnio;
 };
 
-// The next groups that have cards, from *group on, which is left behind the last one looked at.
+// Copies the next groups that have cards, from *group on; *group moves past the last one checked.
 size_t copy_groups(unsigned* group, group_row (&rows)[k_copied_max]) {
     const table_guard lock;
     size_t count = 0;

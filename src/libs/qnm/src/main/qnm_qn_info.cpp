@@ -71,7 +71,7 @@ int get_card(uint64_t id, typename Kind::record* record, uint32_t* ignore_state,
     return 0;
 }
 
-// When the paths of the stored record were heard, from its receive times as the clocks are now.
+// Derives when the paths of the stored record were heard from its receive times and the clocks.
 template <typename Kind>
 void derive_heard(typename Kind::node& node) {
     const uint64_t now = _qnm_get_msec_timenow();
@@ -187,7 +187,7 @@ bool look_up(const char* func, uint64_t id, typename Kind::record* record, uint3
 
 // ---- ID lists -----------------------------------------------------------------------------------
 
-// Hands out the IDs of the cards that match. count tells how many they are, under the lock.
+// Makes a list of the IDs of the cards that match. count returns their number, under the lock.
 template <typename Kind, typename Count, typename Match>
 int list_ids(const char* func, uint64_t** id_list, uint32_t* num, Count count, Match match) {
     if (id_list == nullptr || num == nullptr) return EINVAL;
@@ -278,7 +278,7 @@ qnm_api_code_t get_group_ids(const char* name, uint16_t groupid, uint64_t** id_l
 
 // ---- Records ------------------------------------------------------------------------------------
 
-// The result and exit line of a call that takes an ID, in the form of these calls.
+// The result and exit line of the calls below, whose line differs from that of public_call.
 qnm_api_code_t end_id_call(qnm::public_call& call, const char* name, uint64_t id, int err) {
     const qnm_api_code_t ret = call.result(err);
     qnm_log_info("%s: (OUT). ret=%d id=0x%.12lx", name, ret, id);
@@ -406,7 +406,7 @@ int _qnm_get_qndev_rid(uint64_t id, qnm_com_dev_t* dev_info, uint32_t* ignore_st
     if (is_qnsv && err != 0) return err;
     uint16_t resource = 0;
     qnm_com_dev_t dev = is_qnsv ? qnsv.esv_com_dev : qnm_com_dev_t{};
-    // A record of the wrong kind, by a frame that somebody forged, must not hide the live card.
+    // A record of the wrong kind, made from a forged frame, must not hide the live card.
     if (!is_qnsv || !qnm::is_connected(dev)) {
         qnm_qnio_t qnio;
         uint32_t state = 0;

@@ -1,5 +1,4 @@
-// qnm_qn_info.h - the tables of known cards, their keepalive check, and what tells QNSV and QNIO
-// cards apart.
+// qnm_qn_info.h - the tables of known cards, and how QNSV and QNIO cards differ in them.
 //
 // One mutex, the device-table lock, guards both maps, all counts and every node. It is outermost:
 // the blacklist lock, the event queue and the statistics mutex are taken inside it. No callback
@@ -15,7 +14,7 @@
 #include "qnm_rbtree.h"
 #include "qnm_thread.h"
 
-// Ignore state of a card: how far it is monitored.
+// Ignore state of a card: whether it is monitored.
 enum : uint32_t {
     QNM_WATCH = 0,          // monitored
     QNM_IGNORE = 1,         // monitoring stopped: announcements are dropped, no keepalive check
@@ -37,16 +36,16 @@ typedef struct qnm_heard {
     uint64_t eh_time;
 } qnm_heard_t;
 
-// The links come first, so that a node and its links share one address, and what a walk looks at
-// lies together at the head of the node.
+// The links come first, so that a node and its links share one address, and the fields that a walk
+// reads lie together at the head of the node.
 //
-// When a path was heard last stands here twice. The record has wall-clock time, which hosts see and
-// which anybody may set; whether a path has been silent for too long is told by the node's own time
-// on the monotonic clock.
+// The time when a path was last heard is stored twice. The record has wall-clock time, which hosts
+// see and which anybody may set. Whether a path has been silent for too long is decided by the
+// node's own time, on the monotonic clock.
 //
-// The fields have no annotation, which would promise a check that does not take place: they are
-// reached by the pointers to members below, which the analysis does not follow. What it does check
-// is the way to a node, for both maps are guarded.
+// The fields have no lock annotations: they are accessed through the pointers to members below,
+// which the analysis does not follow. It does check the way to a node, because both maps are
+// guarded.
 typedef struct qnm_qnsv_node {
     qnm_rbnode_t esn_rbnode_id;
     uint32_t esn_ignore_state;
@@ -106,8 +105,8 @@ int _qnm_set_qnsv(uint64_t id, qnm_qnsv_t* qnsv, uint32_t ignore_state, uint32_t
 int _qnm_set_qnio(uint64_t id, qnm_qnio_t* qnio, uint32_t ignore_state, uint32_t check_count,
                   uint32_t valid_param) QNM_REQUIRES(qnm_qn.eei_mutex);
 
-// The same for a record made from a frame, and notes when the path was heard by it. Records stored
-// without one tell by their receive times how long ago their paths were heard.
+// The same for a record made from a frame, with the time at which its path was heard. For records
+// stored without it that time is derived from their receive times.
 int _qnm_set_heard_qnsv(uint64_t id, qnm_qnsv_t* qnsv, uint32_t ignore_state, uint32_t check_count,
                         uint32_t valid_param, const qnm_heard_t* heard)
     QNM_REQUIRES(qnm_qn.eei_mutex);
@@ -115,16 +114,16 @@ int _qnm_set_heard_qnio(uint64_t id, qnm_qnio_t* qnio, uint32_t ignore_state, ui
                         uint32_t valid_param, const qnm_heard_t* heard)
     QNM_REQUIRES(qnm_qn.eei_mutex);
 
-// Look an ID up among cards of both kinds: 0, ENOENT or EPROTO. Where there is one of either kind,
-// the QNSV card counts, but for a QNIO card that alone has a connected path. dev_info and
-// resource_id may be null.
+// Look up an ID among cards of both kinds: 0, ENOENT or EPROTO. If there is one of each kind, the
+// QNSV card counts, unless only the QNIO card has a connected path. dev_info and resource_id may be
+// null.
 int _qnm_get_qndev_rid(uint64_t id, qnm_com_dev_t* dev_info, uint32_t* ignore_state,
                        uint16_t* resource_id) QNM_REQUIRES(qnm_qn.eei_mutex);
 int _qnm_get_qndev(uint64_t id, qnm_com_dev_t* dev_info) QNM_REQUIRES(qnm_qn.eei_mutex);
 int _qnm_get_qndev_ign(uint64_t id, qnm_com_dev_t* dev_info, uint32_t* ignore_state)
     QNM_REQUIRES(qnm_qn.eei_mutex);
 
-// Logs "<kind> id=... state change to <change> P0M0: ..." in the name of func.
+// Logs "<kind> id=... state change to <change> P0M0: ..." under the name func.
 void _qnm_log_state_change(const char* func, const char* kind, const qnm_com_dev_t* dev,
                            const char* change);
 
@@ -151,8 +150,8 @@ inline bool is_connected(const qnm_com_dev_t& dev) {
     return state[0][0] == 1 || state[0][1] == 1 || state[1][0] == 1 || state[1][1] == 1;
 }
 
-// All that tells QNSV and QNIO cards apart in the tables. Code for both kinds is a template over
-// one of these.
+// How QNSV and QNIO cards differ in the tables. Code for both kinds is a template over one of
+// these.
 struct qnsv_kind {
     using record = qnm_qnsv_t;
     using node = qnm_qnsv_node_t;

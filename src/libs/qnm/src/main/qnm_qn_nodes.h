@@ -1,4 +1,4 @@
-// qnm_qn_nodes.h - the way to the nodes of the tables, for the units that walk through them.
+// qnm_qn_nodes.h - access to the nodes of the tables, for the units that walk through them.
 #pragma once
 
 #include <algorithm>
@@ -19,8 +19,8 @@ qnm_com_dev_t& com_dev_of(typename Kind::node& node) {
     return node.*Kind::card.*Kind::com_dev;
 }
 
-// Map, number of cards and number per group; all uses of them come by these. A pointer to a member
-// tells the analysis nothing, so that they name the lock.
+// Map, number of cards and number per group. Every access goes through these functions: the
+// analysis does not follow pointers to members, so here they name the lock.
 template <typename Kind>
 qnm_rbtree_t* map_of() QNM_REQUIRES(qnm_qn.eei_mutex) {
     return &(qnm_qn.*Kind::tree);
@@ -55,13 +55,13 @@ void for_each_node(Work work) QNM_REQUIRES(qnm_qn.eei_mutex) {
     }
 }
 
-// How far a walk has come that lets the table go in between: up to this ID.
+// The position of a walk that releases the table in between: the last ID visited.
 struct walk {
     bool begun = false;
     uint64_t last = 0;
 };
 
-// The card after those that the walk has seen; which of them are still there does not matter.
+// The card after those that the walk has visited; it does not matter which of them still exist.
 template <typename Kind>
 typename Kind::node* node_after(const walk& at) QNM_REQUIRES(qnm_qn.eei_mutex) {
     if (!at.begun) return next_node<Kind>(nullptr);

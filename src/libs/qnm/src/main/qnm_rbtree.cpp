@@ -1,9 +1,10 @@
 // qnm_rbtree.cpp - the red-black tree.
 //
-// Balancing is the textbook's; each pair of mirror cases is one code path driven by the row of
-// k_ops for the side concerned. Two things are particular. A node with two children is removed by
-// exchanging its place and colour with its in-order predecessor, since the records cannot be copied
-// under their owner's pointers. And clear walks the tree in post-order by the parent links alone.
+// Balancing follows the textbook; each pair of mirror cases is one code path driven by the row of
+// k_ops for the side concerned. Two things are special. A node with two children is removed by
+// exchanging its place and colour with its in-order predecessor, because owners hold pointers to
+// the records, so these cannot be copied. And clear walks the tree in post-order by the parent
+// links alone.
 
 #include "qnm_rbtree.h"
 
@@ -39,8 +40,7 @@ void set_child(node_t* parent, int side, node_t* child) {
     if (child != nullptr) child->rbn_parent = parent;
 }
 
-// Turns the edge between node and its child on the other side: the child rises, node goes down to
-// the given side.
+// Rotates node down to the given side; its child on the other side rises.
 void rotate(tree_t* tree, node_t* node, int side) {
     node_t* const risen = node->rbn_children[1 - side];
     replace_in_parent(tree, node, risen);
@@ -103,7 +103,7 @@ int compare_keys(qnm_cptr_t a, qnm_cptr_t b) {
     return (x > y) - (x < y);
 }
 
-// Card IDs are compared in place: calling the comparison at each level takes longer than comparing.
+// Card IDs are compared inline: the call of a comparison takes longer than the comparison.
 place descend(const tree_t* tree, qnm_cptr_t key) {
     if (tree->rb_comp != qnm_rbtree_uint64_compare) return descend_by(tree->rb_comp, tree, key);
     const auto compare_ids = [](qnm_cptr_t a, qnm_cptr_t b) {

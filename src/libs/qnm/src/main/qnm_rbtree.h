@@ -34,8 +34,8 @@ void _qnm_rbtree_init(qnm_rbtree_t* tree, qnm_rbcomp_t comp, qnm_rbkeyfunc_t key
 // 0, or EEXIST when the key is there already; then nothing is changed.
 int _qnm_rbtree_put(qnm_rbtree_t* tree, qnm_rbnode_t* node);
 
-// Puts node, or lets it take the exact place of the node with an equal key, which is returned for
-// the caller to dispose of; null when there was none.
+// Puts node. A node with an equal key is replaced and returned, and the caller disposes of it; null
+// if there was none.
 qnm_rbnode_t* _qnm_rbtree_update(qnm_rbtree_t* tree, qnm_rbnode_t* node);
 
 // The node with that key; the one with the smallest key not below it; the one with the largest key
@@ -44,8 +44,8 @@ qnm_rbnode_t* _qnm_rbtree_get(qnm_rbtree_t* tree, qnm_cptr_t key);
 qnm_rbnode_t* _qnm_rbtree_get_ceil(qnm_rbtree_t* tree, qnm_cptr_t key);
 qnm_rbnode_t* _qnm_rbtree_get_floor(qnm_rbtree_t* tree, qnm_cptr_t key);
 
-// The node with the smallest key above it, whether or not one has that key; null after the largest.
-// With it a walk goes on from the last key that it has seen, whatever became of that node.
+// The node with the smallest key above that key, whether or not a node has it; null after the
+// largest. A walk continues with it from the last key it has visited, even if that node is gone.
 qnm_rbnode_t* _qnm_rbtree_get_higher(qnm_rbtree_t* tree, qnm_cptr_t key);
 
 // The next larger node, or with a null node the smallest; null after the largest.

@@ -1,11 +1,10 @@
 // qnm_recv.cpp - the receive threads: from the wire to the unit that a frame is for.
 //
-// Each open port has a thread that polls its capture and its terminate pipe and takes one frame per
-// wake-up. Below the debug level, whose lines show each step, it takes up to 64 of the frames that
-// wait, and looks at the stop between them. A frame that qnm_frame_check refuses is traced and
-// dropped. What is left is dispatched by subtype and counted after its work is done. Only a failure
-// of the port or of the poll set is fatal, and then to the whole manager; a link that is down is
-// not.
+// Each open port has a thread that polls its capture and its terminate pipe. At the debug and trace
+// levels, whose lines show each step, it takes one frame per wake-up; otherwise up to 64 waiting
+// frames, with a check of the stop flag between them. A frame that qnm_frame_check refuses is
+// traced and dropped. Other frames are dispatched by subtype and counted when their work is done. A
+// failure of the port or of the poll set stops the whole manager; a link that is down does not.
 
 #include "qnm_recv.h"
 
@@ -29,7 +28,7 @@
 #include "qnm_root.h"
 #include "qnm_util.h"
 
-// Absent where libpcap is replaced by less than the whole; frames are then taken one by one.
+// Absent if libpcap is replaced by a part of it; frames are then taken one by one.
 #pragma weak pcap_dispatch
 #pragma weak pcap_breakloop
 
@@ -40,8 +39,9 @@ using qnm::view;
 
 constexpr int k_poll_ms = 1000;
 constexpr size_t k_drain_size = 128;
-constexpr int k_batch_max = 64;        // frames between two polls
-constexpr uint32_t k_untold_max = 64;  // events after which their thread is woken at the latest
+constexpr int k_batch_max = 64;  // frames between two polls
+constexpr uint32_t k_unsignalled_max =
+    64;  // the event thread is woken after this many events at the latest
 constexpr char k_loop_name[] = "_qnm_recv_lin";
 
 // ---- One frame ----------------------------------------------------------------------------------
@@ -51,8 +51,8 @@ void take_devinfo(int port, const unsigned char* frame, uint8_t vlan_mode) {
 }
 
 // Whether a Completion is for this host. Cards answer to the address of the port that asked, and a
-// switch that does not know where that is floods the frame: it may be for another manager, whose
-// tags are the same. An address of a group, or none, may be meant for anybody.
+// switch that does not know where that address is floods the frame. So it may be for another
+// manager, which uses the same tags. A multicast address, or none, may be meant for any host.
 bool _check_destination(int port, const uint8_t (&dmac)[6]) {
     uint64_t destination = 0;
     _qnm_mac_to_uint64(dmac, &destination);
@@ -75,7 +75,7 @@ void take_completion(int port, const unsigned char* frame, uint8_t) {
     _qnm_recv_comp(message.comp.tag, port, src_mac, host32(message.comp.data));
 }
 
-// What is done with a message, by its subtype.
+// How a message is handled, by its subtype.
 struct subtype_row {
     uint8_t subtype;
     void (*take)(int port, const unsigned char* frame, uint8_t vlan_mode);
@@ -104,7 +104,7 @@ void _dispatch_frame(int port, const unsigned char* frame, const qnm_frame_verdi
     _qnm_stats_count_frame(port, QNM_STATS_R_TOTAL);
 }
 
-// The text is made only where it is written: a flood of such frames must cost little.
+// The text is formatted only if it is written: a flood of such frames must cost little.
 void trace_dropped(const qnm_frame_verdict_t& verdict) {
     if (qnm::load(g_log_level) < QNM_LOGLVL_TRACE) return;
     char text[QNM_FRAME_TEXT_SIZE];
@@ -126,8 +126,8 @@ void take_frame(const char* func, int port, const unsigned char* frame, size_t l
     }
 }
 
-// How much of a frame there is to read: what was captured, where that is less than was on the wire.
-// A port that was opened with a small MTU captures no more than that allowed for.
+// The readable length of a frame: the captured part, if that is less than was on the wire. A port
+// that was opened with a small MTU captures no more than that MTU.
 size_t captured_length(const struct pcap_pkthdr& header) {
     return header.caplen != 0 && header.caplen < header.len ? header.caplen : header.len;
 }
@@ -168,11 +168,11 @@ void take_from_batch(unsigned char* arg, const struct pcap_pkthdr* header,
                      const unsigned char* frame) {
     const int port = *reinterpret_cast<const int*>(arg);
     take_frame("_qnm_recv_frame", port, frame, captured_length(*header));
-    if (_qnm_untold_events() >= k_untold_max) _qnm_tell_events();
+    if (_qnm_unsignalled_events() >= k_unsignalled_max) _qnm_signal_events();
     if (is_stopping(port)) pcap_breakloop(qnm_root.er_port_info[port].epi_pcap);
 }
 
-// Takes frames until none waits; there is one. 0, or -1 when the port failed.
+// Takes frames until none is waiting. Call it when one is waiting. 0, or -1 when the port failed.
 int _qnm_recv_batch(int port) {
     pcap_t* const pcap = qnm_root.er_port_info[port].epi_pcap;
     const int taken =
@@ -184,9 +184,9 @@ int _qnm_recv_batch(int port) {
 
 // ---- Receive loop -------------------------------------------------------------------------------
 
-// A pending socket error on the capture: survived when the interface is down, else fatal. A thread
-// that sends by the same socket may have taken it since the poll; then nothing is pending, and a
-// wait for it would have no end.
+// Handles a pending socket error on the capture: harmless when the interface is down, else fatal. A
+// thread that sends by the same socket may have taken the error since the poll; then nothing is
+// pending, and waiting for it would never end.
 bool take_socket_error(int port, const struct pollfd& capture) {
     char buffer[k_drain_size];
     const unsigned revents = static_cast<unsigned>(capture.revents);
@@ -216,7 +216,7 @@ bool take_socket_error(int port, const struct pollfd& capture) {
     return false;
 }
 
-// What the poll found on the capture; false on a fatal error, which is logged.
+// Handles what the poll found on the capture; false on a fatal error, which is logged.
 bool serve_capture(int port, const struct pollfd& capture) {
     if ((capture.revents & (POLLHUP | POLLNVAL)) != 0) {
         qnm_log_fatal(
@@ -234,29 +234,30 @@ bool serve_capture(int port, const struct pollfd& capture) {
     return true;
 }
 
-// What the receive loop waits for, and how many frames it has taken one by one since it last woke
-// the event thread.
+// The poll set of the receive loop, and the number of single frames since it last woke the event
+// thread.
 struct waiting {
     struct pollfd fds[2];
     int frames = 0;
 };
 
-// The event thread may sleep on while another frame waits, but not for more than some. A batch has
-// taken as many, or all that were there.
+// The event thread need not be woken while more frames are waiting, up to a limit. After a batch
+// the limit is reached, or no frame is waiting.
 bool may_tell_later(waiting& wait) {
-    const uint32_t untold = _qnm_untold_events();
-    return !takes_batches() && untold != 0 && untold < k_untold_max && ++wait.frames < k_batch_max;
+    const uint32_t events = _qnm_unsignalled_events();
+    return !takes_batches() && events != 0 && events < k_unsignalled_max &&
+           ++wait.frames < k_batch_max;
 }
 
-// Waits for the next frame, and before it sleeps wakes the event thread for what the last ones have
-// raised.
+// Waits for the next frame. Before it sleeps, it wakes the event thread for the events raised so
+// far.
 int wait_for_frame(waiting& wait) {
     if (may_tell_later(wait)) {
         const int ready = poll(wait.fds, 2, 0);
         if (ready != 0) return ready;
     }
     wait.frames = 0;
-    _qnm_tell_events();
+    _qnm_signal_events();
     return poll(wait.fds, 2, k_poll_ms);
 }
 
@@ -294,7 +295,7 @@ void* _qnm_recv_task(void* arg) {
 void _qnm_recv_lin(int port) {
     const int capture = pcap_get_selectable_fd(qnm_root.er_port_info[port].epi_pcap);
     if (capture == -1) {
-        // A poll would pass over it: the port would seem open and receive nothing.
+        // poll() ignores a negative descriptor: the port would seem open but receive nothing.
         qnm_log_fatal("%s: Failed to pcap_get_selectable_fd(). port_num=%d", __func__, port);
         _qnm_fini_manager();
         return;

@@ -1,9 +1,10 @@
 // qnm_recv_devinfo.cpp - from an announcement to the card tables and events.
 //
 // An announcement (DEVINFO or NOTIFY, which are treated alike) becomes a fresh card record before
-// any lock is taken. Reading the stored record, comparing and storing then happen under the table
-// lock in one step, as the two threads may carry frames of the same card. Events are queued under
-// the lock and delivered elsewhere. Code for QNSV and QNIO cards is one template over a kind.
+// any lock is taken. The stored record is then read, compared and replaced in one step under the
+// table lock, because both receive threads may have frames of the same card. Events are queued
+// under the lock and delivered by the event thread. Code for QNSV and QNIO cards is one template
+// over a kind.
 
 #include "qnm_recv_devinfo.h"
 
@@ -37,8 +38,8 @@ using qnm::view;
 
 // ---- Announcement to record ---------------------------------------------------------------------
 
-// Where a frame came in, and when: by the wall clock for the record, by the monotonic one for the
-// keepalive check.
+// Where and when a frame arrived: wall-clock time for the record, monotonic time for the keepalive
+// check.
 struct arrival {
     int port;
     int path;
@@ -57,7 +58,7 @@ uint8_t bit(uint8_t byte, int number) {
     return byte >> number & 1;
 }
 
-// The part of the record that both kinds have. Only the path that the frame came by is connected.
+// Fills the part of the record that both kinds have. Only the frame's own path is connected.
 void fill_com_dev(const unsigned char* frame, uint8_t vlan_mode, const arrival& from,
                   qnm_com_dev_t& dev) {
     const qnw_devinfo_com_s& message = view<qnw_devinfo_com_s>(frame);
@@ -107,7 +108,7 @@ bool is_1g10g(uint8_t subtype) {
 }
 
 void fill_own_part(const unsigned char* frame, qnm_qnsv_t& card) {
-    // A 1G/10G frame is the head of a 40G one and ends after its eighth port.
+    // A 1G/10G frame has the layout of a 40G frame but ends after the eighth port.
     const qnw_devinfo_server_40g_s& message = view<qnw_devinfo_server_40g_s>(frame);
     const int ports = is_1g10g(message.common.com.subtype) ? 8 : 16;
     card.esv_up_port = com_port_of(message.up_port);
@@ -260,8 +261,8 @@ bool store_watched(typename Kind::record& card, const arrival& from, const char*
     return false;
 }
 
-// Carries the stored paths and times over into the new record and finds what the frame changes.
-// The receive time is stamped last, so that it alone is no change.
+// Copies the stored paths and times into the new record and finds what the frame changes. The
+// receive time is set last: by itself it is not a change.
 template <typename Kind>
 void _update_state(update<Kind>& change, const arrival& from) {
     const qnm_com_dev_t& old_dev = change.old_dev();
@@ -293,12 +294,12 @@ void update_watched(update<Kind>& change, const arrival& from) QNM_REQUIRES(qnm_
     raise_change_events<Kind>(change);
 }
 
-// The first frame after monitoring was restarted: the record begins afresh.
+// The first frame after monitoring was restarted: the record starts anew.
 template <typename Kind>
 void update_restarted(update<Kind>& change, const arrival& from) QNM_REQUIRES(qnm_qn.eei_mutex) {
     const char* const func = k_names<Kind>.update;
     const qnm_com_dev_t& dev = change.new_dev();
-    // The line of a failure names IGNORE although the card was restarted; log readers rely on it.
+    // The line of a failure says IGNORE although monitoring was restarted; log readers rely on it.
     if (!store_watched<Kind>(change.new_card, from, "IGNORE")) return;
     qnm_log_trace("%s: %s information is updated. id=0x%.12lx, ignore_state=WATCH_RESTART", func,
                   Kind::name, dev.ecd_id);
@@ -325,7 +326,7 @@ void update_card(const typename Kind::record& old_card, typename Kind::record& n
     }
 }
 
-// Adds a card to the table unless its monitoring is stopped; whether it was added.
+// Adds a card to the table unless its monitoring is stopped; returns whether it was added.
 template <typename Kind>
 bool add_unless_stopped(typename Kind::record& card, const arrival& from)
     QNM_REQUIRES(qnm_qn.eei_mutex) {
@@ -374,9 +375,9 @@ void add_card(typename Kind::record& card, const arrival& from) QNM_REQUIRES(qnm
     if (dev.ecd_int_vector != 0) _qnm_raise_event(func, QNM_EVT_MAJORMINORERROR, dev.ecd_id);
 }
 
-// Whether the cards of a port may be connected. A frame that was taken before its port went down
-// can come here after the port's cards have been disconnected, and would connect its card again.
-// The look at the link is for the time in which it is up and the watcher has not stored that yet.
+// Whether the cards of a port may be connected. A frame that was received before its port went down
+// may get here after the port's cards have been disconnected, and would connect its card again. The
+// link itself is checked too, because the watcher may not have stored yet that it is up.
 bool may_connect(int port) QNM_REQUIRES(qnm_qn.eei_mutex) {
     return qnm::load(qnm_root.er_port_info[port].epi_link_state) == 1 || !_qnm_is_port_down(port);
 }

@@ -19,7 +19,8 @@ namespace {
 
 // ---- Register loops -----------------------------------------------------------------------------
 
-// A completion tag for a scope, given back as what became of its frames asks for.
+// A completion tag for a scope. It is released at once, or rests first if a frame stayed
+// unanswered.
 class tag_guard {
   public:
     tag_guard() {
@@ -38,8 +39,8 @@ class tag_guard {
     int (*give_back_)(int) = _qnm_release_tag;
 };
 
-// Sends a Register Read; the tag is armed before, so that an answer cannot be too early for it, and
-// after, for where the frame really went.
+// Sends a Register Read. The tag is armed before, so that no answer comes too early, and again
+// after, for the path that the frame really took.
 int send_read(const qnm_com_dev_t* dev, uint32_t addr, int tag) {
     uint64_t dst_mac = 0;
     int port = 0;
@@ -65,7 +66,7 @@ int read_with_tag(const qnm_com_dev_t* dev, uint32_t addr, uint32_t* data, uint3
     }
 }
 
-// Repeats attempt(), which tells in *holds whether what was written holds, until it does.
+// Repeats attempt() until it sets *holds: what was written holds.
 template <typename Attempt>
 int until_it_holds(uint32_t count, Attempt attempt) {
     for (uint32_t n = 0;; n++) {
@@ -111,8 +112,8 @@ int modify_verified(const qnm_com_dev_t* dev, uint32_t addr, uint32_t data, uint
 
 // ---- Live check ---------------------------------------------------------------------------------
 
-// Whether the card answers over this path, which stays connected in dev unless there is no answer,
-// or the port is another process's.
+// Tries whether the card answers over this path. The path stays connected in dev unless there is no
+// answer or another process holds the port.
 int try_path(qnm_com_dev_t* dev, int port, int path) {
     uint32_t data = 0;
     dev->ecd_state[port][path] = 1;
@@ -122,7 +123,7 @@ int try_path(qnm_com_dev_t* dev, int port, int path) {
     return err;
 }
 
-// The paths of one port; ETIMEDOUT when the card answers on none.
+// Tries the paths of one port; ETIMEDOUT when the card answers on none.
 int try_port(qnm_com_dev_t* dev, int port) {
     if (qnm::load(qnm_root.er_port_info[port].epi_link_state) == 0) return ETIMEDOUT;
     const int err = try_path(dev, port, 0);
@@ -188,7 +189,7 @@ int _qnm_livecheck(qnm_com_dev_t* dev) {
     const uint32_t used = qnm_config.use_port_num_linux;
     int err = ETIMEDOUT;
     if (used >= 1) err = try_port(dev, 0);
-    // The other port may be nobody's where another process has this one.
+    // Another process may hold this port and not the other one.
     if (used >= 2 && (err == ETIMEDOUT || err == EBUSY)) {
         const int second = try_port(dev, 1);
         if (err == ETIMEDOUT || second != ETIMEDOUT) err = second;

@@ -56,9 +56,9 @@ int _qnm_terminate_event_check(const char* func, const struct pollfd* pipe, size
 
 namespace qnm {
 
-// Whether public calls are served: start-up is complete and no stop has been requested. The stop is
-// looked at first: a new start takes it back only after er_init_flag, so that a thread which is
-// held up between the two looks over a whole restart is not let in.
+// Whether public calls are served: start-up is complete and no stop has been requested. The stop
+// flag is read first: a new start clears it only after er_init_flag, so a thread that is held up
+// between the two reads during a whole restart is not let in.
 inline bool is_usable() {
     return load(qnm_root.er_fini_flag) != 0 && load(qnm_root.er_init_flag) != 1;
 }

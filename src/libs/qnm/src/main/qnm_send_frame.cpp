@@ -1,8 +1,8 @@
 // qnm_send_frame.cpp - the senders: one frame to one card, sent once.
 //
-// Every frame is built on the sender's stack and has the same frame around its own message: path,
-// header in the card's arrangement, subtype and flow IDs, and two counters once it has left. A
-// sender only fills in its message. Retries and answers are its caller's business.
+// Every frame is built on the sender's stack, in the same way around its message: path, header in
+// the card's arrangement, subtype and flow IDs, and two counters once it has left. A sender only
+// fills in its message. Retries and answers are up to its caller.
 
 #include "qnm_send_frame.h"
 
@@ -26,7 +26,7 @@ struct send_path {
     int mac_bit;
 };
 
-// What tells the senders apart, beside the message.
+// How the senders differ, beside the message.
 struct sender {
     const char* name;
     const char* no_path;  // what it logs about a card that is connected nowhere

@@ -13,8 +13,8 @@
 
 extern "C" {
 
-// The path that a frame to this card takes: the MAC address it is sent to and the local port. 0, or
-// ENOLINK when there is none.
+// The path of a frame to this card: the destination MAC address and the local port. 0, or ENOLINK
+// if there is none.
 int _qnm_get_send_path(const qnm_com_dev_t* dev, uint64_t* dst_mac_out, int* port_out);
 
 // Goes to the broadcast address, on the card's VLAN and by the card's port.
@@ -26,7 +26,7 @@ int _qnm_send_mms(const qnm_com_dev_t* com_dev, uint32_t page, const uint32_t* d
 int _qnm_send_vlanset(const qnm_com_dev_t* com_dev, uint16_t vlan_id);
 int _qnm_send_regwrite(const qnm_com_dev_t* com_dev, uint32_t address, uint32_t data);
 
-// Tells, when sent, whom the Completion has to come from and by which port.
+// Stores, when sent, from which MAC address and by which port the Completion has to come.
 int _qnm_send_regread(const qnm_com_dev_t* com_dev, uint32_t address, uint8_t tag,
                       uint64_t* dst_mac_out, int* port_out);
 

@@ -1,9 +1,9 @@
 // qnm_socket.cpp - the local Ethernet ports, through libpcap.
 //
 // libpcap opens a TPACKET_V3 ring, which hands frames over only when a block is full or the read
-// time-out has passed: an answer then takes up to a second. So such a handle is replaced, where
-// libpcap can, by one in immediate mode, with a buffer large enough for a burst of announcements.
-// Everything else the port needs is asked of the kernel on the capture's own socket.
+// time-out has passed: an answer then takes up to a second. So the handle is replaced, if libpcap
+// can do that, by one in immediate mode, with a buffer large enough for a burst of announcements.
+// Everything else the port needs is queried from the kernel through the capture's own socket.
 
 #include "qnm_socket.h"
 
@@ -40,7 +40,7 @@
 namespace {
 
 constexpr int k_snaplen = 1024;
-// A longer message would be captured in part only, and never be taken.
+// A longer message would be captured only in part, and always be dropped.
 static_assert(std::max({sizeof(qnw_devinfo_server_s), sizeof(qnw_devinfo_server_40g_s),
                         sizeof(qnw_devinfo_io_s), sizeof(qnw_devinfo_mrio_s),
                         sizeof(qnw_completion_s)}) <= k_snaplen);
@@ -62,7 +62,7 @@ bool can_choose_mode() {
            pcap_set_buffer_size != nullptr && pcap_activate != nullptr;
 }
 
-// At once: another thread may execute a program at any moment.
+// Called at once: another thread may execute a program at any moment.
 void close_on_exec(pcap_t* pcap) {
     const int fd = pcap_fileno(pcap);
     if (fd != -1) _qnm_close_on_exec(fd);
@@ -110,7 +110,7 @@ int make_request(const char* func, const char* port_name, const char* purpose,
     return EPROTO;
 }
 
-// The link of the interface that the request names: 0, or the error number of the query.
+// Queries the link of the interface that the request names: 0, or the error number.
 int query_link(int fd, struct ifreq request, uint32_t* state_out) {
     struct ethtool_value link = {ETHTOOL_GLINK, 0};
     request.ifr_data = reinterpret_cast<char*>(&link);
@@ -131,8 +131,8 @@ int _qnm_get_linkstate_lin_impl(int fd, const char* port_name, uint32_t* state_o
     return 0;
 }
 
-// Whether the interface that the request names is the one that was opened as this port: 0, or the
-// error number of the query. No interface of that name is an answer as well.
+// Queries whether the interface that the request names is the one opened as this port: 0, or the
+// error number. That there is no interface of that name is an answer, not an error.
 int query_presence(int fd, const qnm_port_info_t& port_info, struct ifreq* request,
                    bool* present_out) {
     if (ioctl(fd, SIOCGIFINDEX, request) != 0) {
@@ -150,8 +150,8 @@ int capture_of(int port) {
     return pcap != nullptr ? pcap_fileno(pcap) : -1;
 }
 
-// A port that its peer has paused, or whose queue does not move, must not hold callers, and with
-// them the stop. A send that has to wait longer for room in the buffer fails.
+// A port that its peer has paused, or whose queue is stuck, must not block callers, and with them
+// the stop. A send that has to wait longer than this for room in the buffer fails.
 void limit_sending(const char* func, int fd) {
     constexpr struct timeval k_timeout = {k_send_timeout_ms / 1000, 0};
     if (setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &k_timeout, sizeof k_timeout) != 0) {
@@ -189,8 +189,8 @@ int learn_port(const char* func, const char* port_name, qnm_port_info_t* port_in
     return 0;
 }
 
-// With a time-out, a signal that a handler takes ends a wait for room, whatever the handler's flags
-// are. The frame has not left then, and is tried again until the time is over.
+// With a time-out, a signal with a handler ends a wait for room, whatever the handler's flags are.
+// The frame has not been sent then, and is tried again until the time is over.
 bool send_frame(pcap_t* pcap, const unsigned char* buffer, int length) {
     for (uint64_t deadline = 0;;) {
         errno = 0;

@@ -1,8 +1,8 @@
 // qnm_stats.cpp - the statistics thread and the status dump.
 //
 // The dump is written line by line through qnm_statslog. The sections that show counters take
-// qnm_stats_mutex one after the other, so a dump is no consistent snapshot, and dumps asked for by
-// several threads may interleave.
+// qnm_stats_mutex one after the other, so a dump is not a consistent snapshot, and dumps requested
+// by several threads may interleave.
 
 #include "qnm_stats.h"
 
@@ -205,7 +205,7 @@ void write_dump(uint32_t verbose) {
     _qnm_config_stats_print();
 }
 
-// Under the mutex: public calls count also while the manager starts.
+// Under the mutex, because public calls are counted even while the manager starts.
 void reset_counters() {
     const qnm::mutex_guard lock(qnm_stats_mutex);
     qnm_stats = {};
@@ -258,7 +258,8 @@ void* _qnm_stats_task(void*) {
             qnm_log_warn("%s: Failed to _qnm_event_timedwait() err=%d", k_task_name, ret);
             break;
         }
-        // Asked before the dump: a stop that comes during it still gets its own, the last one.
+        // Read before the dump: a stop that comes during the dump is followed by one more, the
+        // last.
         stopping = is_stopping(nullptr) != 0;
         write_dump(verbose);
     } while (!stopping);

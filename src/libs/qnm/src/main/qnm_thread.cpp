@@ -17,7 +17,7 @@ namespace {
 static_assert(sizeof(qnm_mutex_t) == sizeof(pthread_mutex_t));
 #endif
 
-// What ends a wait before its time.
+// The condition that ends a wait early.
 enum class ends { on_signal, on_condition };
 
 int never(void*) {
@@ -80,7 +80,7 @@ int _qnm_mutex_destroy_st(qnm_mutex_t*) {
     return 0;
 }
 
-// The analysis ends at these two: POSIX has no annotations.
+// Unchecked: POSIX functions have no lock annotations.
 int _qnm_mutex_lock(qnm_mutex_t* mutex) QNM_UNCHECKED {
     note_taking(*mutex);
     const int err = pthread_mutex_lock(&mutex->em_mutex);
@@ -132,9 +132,8 @@ int _qnm_event_destroy(qnm_event_t* evt) {
 
 int _qnm_event_set(qnm_event_t* evt) {
     if (lock(evt) != 0) return EPROTO;
-    // Signalled with the mutex free, which the woken thread would otherwise block on at once.
-    // Nothing is lost by it: a waiter holds the mutex from the look at its condition until it
-    // sleeps.
+    // Signalled after the mutex is released; otherwise the woken thread would block on it at once.
+    // No signal is lost: a waiter holds the mutex from the check of its condition until it sleeps.
     unlock(evt);
     return pthread_cond_signal(&evt->eev_cond);
 }

@@ -1,9 +1,9 @@
 // qnm_thread.h - mutex, event and thread primitives, and what makes them safe to use in C++.
 //
-// The event object is memoryless: a signal that nobody waits for is lost. Whoever must not miss one
-// uses _qnm_event_timedwait_for(), which looks at the awaited condition under the event's own mutex
-// before it sleeps; a producer that changes the condition first and calls _qnm_event_set() second
-// can then never slip between that look and the sleep.
+// The event object is memoryless: a signal that nobody waits for is lost. A thread that must not
+// miss one uses _qnm_event_timedwait_for(), which checks the awaited condition under the event's
+// own mutex before it sleeps. A producer changes the condition first and then calls
+// _qnm_event_set(), so it cannot slip between the check and the sleep.
 #pragma once
 
 #include <pthread.h>
@@ -32,11 +32,11 @@ typedef struct qnm_thread_id {
 
 typedef uint8_t qnm_bool_t;
 
-// Value of a mutex of static storage; the _st functions below do nothing for such a mutex.
+// Initialiser of a mutex with static storage; the _st functions below do nothing for such a mutex.
 #define QNM_MUTEX_STATIC_INIT \
     { PTHREAD_MUTEX_INITIALIZER }
 
-// The same with the mutex's place in the order of locks, which _qnm_mutex_init() leaves as it is.
+// The same with the mutex's level in the order of locks, which _qnm_mutex_init() leaves unchanged.
 #ifdef QNM_CHECK_LOCK_ORDER
 #define QNM_MUTEX_OF_LEVEL(level) \
     { PTHREAD_MUTEX_INITIALIZER, level }
@@ -67,24 +67,24 @@ int _qnm_event_set(qnm_event_t* evt);      // wakes one waiter; EPROTO when it c
 int _qnm_event_wait(qnm_event_t* evt);     // 0, ENOSYS (cannot lock) or EPROTO
 
 // 0 when signalled (or woken spuriously), ETIMEDOUT on time-out, ENOSYS (cannot lock) or EPROTO. A
-// timeout_ms of 0 waits for one signal without limit, and then returns as an expired wait does.
+// timeout_ms of 0 waits for one signal without limit, and then returns ETIMEDOUT.
 int _qnm_event_timedwait(qnm_event_t* evt, uint32_t timeout_ms);
 
 // As above, but returns 0 at once when holds(arg) is non-zero before the sleep. holds is called
-// with the event's mutex held. A timeout_ms of 0 looks once.
+// with the event's mutex held. A timeout_ms of 0 checks once.
 typedef int (*qnm_event_cond_t)(void* arg);
 int _qnm_event_timedwait_for(qnm_event_t* evt, uint32_t timeout_ms, qnm_event_cond_t holds,
                              void* arg);
 
-// As above, but goes on waiting after a wake-up that finds holds(arg) zero.
+// As above, but continues to wait if holds(arg) is zero after a wake-up.
 int _qnm_event_await(qnm_event_t* evt, uint32_t timeout_ms, qnm_event_cond_t holds, void* arg);
 
 }  // extern "C"
 
 namespace qnm {
 
-// Plain words of the global records that several threads poll and set without a lock. The order is
-// sequentially consistent: they carry flags, not traffic.
+// For plain words of the global records that several threads read and set without a lock.
+// Sequentially consistent: they are flags, so speed does not matter.
 template <typename Word>
 Word load(const Word& word) {
     return std::atomic_ref<Word>(const_cast<Word&>(word)).load();

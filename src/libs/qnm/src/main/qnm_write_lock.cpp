@@ -32,12 +32,12 @@ struct qnm_write_reg_mng_t {
     qnm_rbtree_t wrm_rbtree QNM_GUARDED_BY(wrm_mutex);
     qnm_mutex_t wrm_mutex;
     uint32_t wrm_count QNM_GUARDED_BY(wrm_mutex);
-    uint32_t wrm_initialized;  // without a lock: only a start looks at it, before other threads are
+    uint32_t wrm_initialized;  // not locked: only read at start, before other threads exist
 };
 
 qnm_write_reg_mng_t qnm_write_reg_lock_mng = {{}, QNM_MUTEX_OF_LEVEL(QNM_LOCK_WRITE_LOCKS), 0, 0};
 
-// All uses of the map come by here.
+// Every access to the map goes through here.
 qnm_rbtree_t* write_locks() QNM_REQUIRES(qnm_write_reg_lock_mng.wrm_mutex) {
     return &qnm_write_reg_lock_mng.wrm_rbtree;
 }
@@ -89,7 +89,7 @@ qnm_write_reg_node_t* find_node(uint64_t id) QNM_REQUIRES(qnm_write_reg_lock_mng
     return node_of(_qnm_rbtree_get(write_locks(), qnm::id_key(id)));
 }
 
-// Puts a node into the map, where the ID's old one may still be.
+// Puts a node into the map. EEXIST if the ID still has one; that one is then kept.
 int put_node(qnm_write_reg_node_t* node) {
     const qnm::mutex_guard lock(qnm_write_reg_lock_mng.wrm_mutex);
     const int err = _qnm_rbtree_put(write_locks(), &node->wrn_rbnode);
@@ -98,7 +98,7 @@ int put_node(qnm_write_reg_node_t* node) {
     return err;
 }
 
-// A card's own mutex. Which one the calling thread holds the analysis cannot know.
+// Lock and unlock a card's own mutex. Unchecked: the analysis cannot know which one a thread holds.
 void lock_node(qnm_write_reg_node_t& node) QNM_UNCHECKED {
     _qnm_mutex_lock(&node.wrn_mutex);
 }

@@ -60,13 +60,13 @@ TEST_F(paced, one_line_a_second_tells_how_many_there_were) {
 TEST_F(paced, what_is_left_when_a_flood_ends_is_told_without_another_line) {
     write_often(3);
     logs.clear();
-    _qnm_paced_tell();
+    _qnm_paced_report();
     EXPECT_THAT(warnings(), IsEmpty());
     pass(1000);
-    _qnm_paced_tell();
+    _qnm_paced_report();
     EXPECT_THAT(warnings(), ElementsAre("flood: 2 more in the last 1000 ms: Invalid tag."));
     pass(1000);
-    _qnm_paced_tell();
+    _qnm_paced_report();
     EXPECT_THAT(warnings(), IsEmpty());
 }
 
@@ -77,7 +77,7 @@ TEST_F(paced, a_line_after_a_quiet_second_is_whole_again) {
     EXPECT_THAT(warnings(), ElementsAre("flood: Oh! tag=1", "flood: Oh! tag=1"));
     write_often(1);
     pass(1000);
-    _qnm_paced_tell();
+    _qnm_paced_report();
     logs.clear();
     pass(1000);
     write_often(1);
@@ -90,7 +90,7 @@ TEST_F(paced, every_row_counts_for_itself_and_names_its_last_function) {
     write("other", QNM_PACED_LOCK_NOT_PUT);
     EXPECT_THAT(warnings(), ElementsAre("one: Oh! tag=1", "other: Oh! tag=1"));
     pass(1000);
-    _qnm_paced_tell();
+    _qnm_paced_report();
     EXPECT_THAT(warnings(), ElementsAre("two: 1 more in the last 1000 ms: Invalid tag."));
 }
 
@@ -135,7 +135,7 @@ TEST_F(paced, threads_lose_no_line) {
     std::thread second(work);
     std::thread third([] {
         for (int n = 0; n < 1000; n++)
-            _qnm_paced_tell();
+            _qnm_paced_report();
     });
     for (std::thread* const thread : {&first, &second, &third})
         thread->join();
