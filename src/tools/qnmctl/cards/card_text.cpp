@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 #include <string_view>
 
+#include "manager/status_dump.h"
 #include "output/table.h"
 #include "records/condition.h"
 
@@ -79,7 +80,10 @@ json monitored_json(const char* action, std::uint64_t id, qnm_api_code_t code) {
 }
 
 json stats_json(const std::string& text, const std::string& file) {
-    return {{"text", text}, {"file", file.empty() ? json() : json(file)}};
+    json record = status_dump_json(text);
+    record["text"] = text;
+    record["file"] = file.empty() ? json() : json(file);
+    return record;
 }
 
 std::string cards_text(const std::vector<card>& cards, const look& how) {

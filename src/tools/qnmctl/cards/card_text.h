@@ -15,7 +15,7 @@ namespace qnmctl {
 // What a call for it has come to.
 json monitored_json(const char* action, std::uint64_t id, qnm_api_code_t code);
 
-// A status dump: its text, or the file that it was written to, empty where that is unknown.
+// A status dump: its numbers, its text, and the file that has it as well, empty if none has.
 json stats_json(const std::string& text, const std::string& file);
 
 // A heading and a row for every card, in colour where it is lost or faulty.

@@ -153,7 +153,7 @@ std::string link_line(const topology_link& of, const char* sign, const look& how
 
 json card_head_json(const topology_card& of) {
     json object = {{"id", id_text(of.id)}, {"heard", of.record.has_value()}};
-    object["group"] = of.record ? json(common(*of.record).ecd_vlan_id) : json();
+    object["vlan_id"] = of.record ? json(common(*of.record).ecd_vlan_id) : json();
     return object;
 }
 

@@ -74,7 +74,7 @@ json dropped_json(const frame_reading& of) {
 
 json answered_json(const std::optional<answered_read>& of) {
     if (!of) return {};
-    return {{"frame", of->frame}, {"nanoseconds", of->nanoseconds}, {"address", of->address}};
+    return {{"frame", of->frame}, {"nanoseconds", of->nanoseconds}, {"addr", of->address}};
 }
 
 }  // namespace
@@ -130,7 +130,7 @@ json frame_json(const decoded_frame& of) {
             {"interface", interface.empty() ? json() : json(interface)},
             {"direction", known ? json(way_text(read.kind->goes)) : json()},
             {"message", known ? json(read.kind->name) : json()},
-            {"card_id", card_id_json(read)},
+            {"id", card_id_json(read)},
             {"source", mac_json(read.source)},
             {"destination", mac_json(read.destination)},
             {"length", of.frame.bytes.length},

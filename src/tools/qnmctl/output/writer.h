@@ -11,7 +11,7 @@
 // jsonl is one record per line. json is a document with the same records, one per line, which grows
 // as they come:
 //
-//     {"schema": 1, "command": "list", "records": [ ... ], "status": 0}
+//     {"schema": 2, "command": "list", "records": [ ... ], "status": 0}
 #pragma once
 
 #include <nlohmann/json_fwd.hpp>
@@ -29,7 +29,7 @@ using json = nlohmann::ordered_json;
 enum class output_form { text, json_document, json_lines, dot };
 
 // The version of records and document; raised when readers of the old one would misread the new.
-inline constexpr int schema_number = 1;
+inline constexpr int schema_number = 2;
 
 class writer {
   public:

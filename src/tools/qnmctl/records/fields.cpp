@@ -284,8 +284,10 @@ json value_json(const field& shown) {
     switch (shown.form->how) {
         case style::decimal:
         case style::hex:
-        case style::time:
             return shown.value;
+        case style::time:
+            if (shown.value == 0) return {};
+            return iso_time_text(from_milliseconds(shown.value));
         case style::bytes:
             return bytes_json(shown.value, shown.form->digits);
         case style::id:

@@ -16,6 +16,7 @@
 #include "records/event_text.h"
 #include "report/archive.h"
 #include "tests/sample_cards.h"
+#include "tests/sample_dump.h"
 #include "tests/sample_system.h"
 #include "tests/written.h"
 
@@ -132,9 +133,9 @@ void tell_monitored(writer& told) {
 }
 
 void tell_dumps(writer& told) {
-    told.record("stats", stats_json("name: 1\n", ""));
+    told.record("stats", stats_json(sample_dump, ""));
     told.record("stats",
-                stats_json("name: 1\n", "/home/op/.local/state/qnmctl/kept.a/qnm_stats.log"));
+                stats_json(sample_dump, "/home/op/.local/state/qnmctl/kept.a/qnm_stats.log"));
     told.end(exit_ok);
 }
 

@@ -65,8 +65,8 @@ TEST_F(lock_order_death, the_write_locks_of_two_cards) {
     _qnm_create_reg_lock_node(k_id + 2);
     EXPECT_DEATH(
         {
-            const qnm::write_lock_guard first(k_id);
-            const qnm::write_lock_guard second(k_id + 2);
+            _qnm_write_reg_lock(k_id);
+            _qnm_write_reg_lock(k_id + 2);
         },
         "write lock of a card taken while write lock of a card is held");
 }

@@ -121,11 +121,11 @@ TEST(TopologyText, PutsWhatIsWrongOnALineOfItsOwnWhereItDoesNotFit) {
 
 TEST(TopologyJson, HasBothSidesAndWhetherTheyAgree) {
     const topology made = make_topology({server_with(3, device_id), sample_device()});
-    EXPECT_EQ(json::parse(R"({"id": "0x020000001000", "heard": true, "group": 10, "links": [
-                  {"port": 3, "qnio": {"id": "0x020000003000", "heard": true, "group": 30},
+    EXPECT_EQ(json::parse(R"({"id": "0x020000001000", "heard": true, "vlan_id": 10, "links": [
+                  {"port": 3, "qnio": {"id": "0x020000003000", "heard": true, "vlan_id": 30},
                    "agreed": false, "disagreement": "the QNIO card reports no QNSV card"}]})"),
               server_json(made.servers.at(0)));
-    EXPECT_EQ(json::parse(R"({"id": "0x020000003000", "heard": true, "group": 30})"),
+    EXPECT_EQ(json::parse(R"({"id": "0x020000003000", "heard": true, "vlan_id": 30})"),
               unbound_json(sample_device()));
 }
 

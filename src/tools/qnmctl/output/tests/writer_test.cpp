@@ -23,14 +23,14 @@ TEST(Writer, WritesTextsWithoutRecords) {
 
 TEST(Writer, WritesARecordALine) {
     EXPECT_EQ(
-        "{\"schema\":1,\"record\":\"first\",\"id\":\"0x1\",\"list\":[]}\n"
-        "{\"schema\":1,\"record\":\"second\",\"number\":2}\n",
+        "{\"schema\":2,\"record\":\"first\",\"id\":\"0x1\",\"list\":[]}\n"
+        "{\"schema\":2,\"record\":\"second\",\"number\":2}\n",
         written(output_form::json_lines, "list", tell_two));
 }
 
 TEST(Writer, WritesADocumentAroundTheRecords) {
     EXPECT_EQ(
-        "{\"schema\":1,\"command\":\"list\",\"records\":[\n"
+        "{\"schema\":2,\"command\":\"list\",\"records\":[\n"
         "{\"record\":\"first\",\"id\":\"0x1\",\"list\":[]},\n"
         "{\"record\":\"second\",\"number\":2}\n"
         "],\"status\":17}\n",
@@ -38,7 +38,7 @@ TEST(Writer, WritesADocumentAroundTheRecords) {
 }
 
 TEST(Writer, WritesADocumentWithoutRecords) {
-    EXPECT_EQ("{\"schema\":1,\"command\":\"list\",\"records\":[],\"status\":0}\n",
+    EXPECT_EQ("{\"schema\":2,\"command\":\"list\",\"records\":[],\"status\":0}\n",
               written(output_form::json_document, "list", [](writer& told) { told.end(0); }));
     EXPECT_EQ("", written(output_form::json_lines, "list", [](writer& told) { told.end(0); }));
 }
@@ -52,9 +52,9 @@ TEST(Writer, TellsFailuresTwice) {
     EXPECT_EQ("qnmctl: no card\n  Help.\nqnmctl: no file\n",
               testing::internal::GetCapturedStderr());
     EXPECT_EQ(
-        "{\"schema\":1,\"record\":\"error\",\"status\":13,\"result\":\"QNM_API_ENOENT\","
+        "{\"schema\":2,\"record\":\"error\",\"status\":13,\"result\":\"QNM_API_ENOENT\","
         "\"message\":\"no card\\nHelp.\"}\n"
-        "{\"schema\":1,\"record\":\"error\",\"status\":1,\"result\":null,\"message\":\"no "
+        "{\"schema\":2,\"record\":\"error\",\"status\":1,\"result\":null,\"message\":\"no "
         "file\"}\n",
         line);
 }
@@ -87,7 +87,7 @@ TEST(Writer, KeepsOtherCharactersOfRecords) {
     const std::string line = written(output_form::json_lines, "list", [](writer& told) {
         told.record("one", {{"\xC2\x9F", "\xC2\xA0\xC2"}});
     });
-    EXPECT_EQ("{\"schema\":1,\"record\":\"one\",\"\\u009f\":\"\xC2\xA0\xEF\xBF\xBD\"}\n", line);
+    EXPECT_EQ("{\"schema\":2,\"record\":\"one\",\"\\u009f\":\"\xC2\xA0\xEF\xBF\xBD\"}\n", line);
 }
 
 }  // namespace

@@ -120,14 +120,16 @@ TEST(Fields, OfADownPortAreThatPortsOwn) {
     EXPECT_EQ("0x07", value_text(find(all[1], "command")));
 }
 
-TEST(ValueJson, KeepsNumbersAndTimesAsNumbers) {
+TEST(ValueJson, KeepsNumbersAndHasTimesAsTexts) {
     qnm_qnsv_t record = sample_server();
     record.esv_com_dev.ecd_int_vector = 12;
     record.esv_com_dev.ecd_swstatus[0] = 0x80;
     record.esv_com_dev.ecd_swstatus[2] = 1;
     const section own = sections(record).front();
     EXPECT_EQ(json(10), value_json(find(own, "vlan_id")));
-    EXPECT_EQ(json(1'700'000'000'123), value_json(find(own, "recvtime", "P0M0")));
+    EXPECT_EQ(json(iso_time_text(from_milliseconds(1'700'000'000'123))),
+              value_json(find(own, "recvtime", "P0M0")));
+    EXPECT_EQ(json(), value_json(find(own, "recvtime", "P0M1"))) << "never";
     EXPECT_EQ(json("0x020000001000"), value_json(find(own, "id")));
     EXPECT_EQ(json("02:00:00:00:10:00"), value_json(find(own, "macaddr")));
     EXPECT_EQ(json(12), value_json(find(own, "int_vector")));
