@@ -71,6 +71,10 @@ constexpr char completion_help[] =
     "that:\n"
     "sudo setcap cap_net_raw+ep $(command -v qnmctl).";
 
+constexpr example completion_examples[] = {
+    {"source <(qnmctl completion bash)", "Completion in this shell"},
+};
+
 constexpr const char* shell_words[] = {"bash", "zsh"};
 
 struct completion_options {
@@ -129,7 +133,8 @@ void answer_quit(context& with, const no_options&) {
 
 void define_completion(command_tree& tree) {
     const auto completion = add_command_with<completion_options>(
-        tree, {"completion", "Prints the completion script of a shell", completion_help});
+        tree, {"completion", "Prints the completion script of a shell", completion_help,
+               completion_examples});
     add_operand(completion.self, "SHELL", "bash or zsh",
                 one_of(completion.options.shell, shell_words));
     add_output(completion.self);

@@ -96,7 +96,7 @@ void add_wait(command& to, access_options& options) {
     const char* const help =
         to.cards == nullptr
             ? "Seconds to wait until each card is heard (default: 10)"
-            : "Seconds to wait until each card is heard (default: 10, without IDs 3)";
+            : "Seconds to wait until each card is heard (default: 10, or 3 without IDs)";
     add_option(to, {"--wait", "SECONDS", help}, seconds(options.wait));
 }
 

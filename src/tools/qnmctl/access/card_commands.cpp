@@ -101,9 +101,9 @@ constexpr number_operand mms_page[] = {{"PAGE", "Number of the page, 0 to 1023",
 
 // A literal, so that it can stand behind others.
 #define MANY_CARDS_HELP                                                                            \
-    "Several IDs, or --all, --kind and --group, access many cards at once; the results are told\n" \
-    "in the order asked, and the exit status is that of the first one that failed. Numbers are\n"  \
-    "decimal, 0x1F or 0b11."
+    "Several IDs, or --all, --kind and --group, access many cards at once; results are printed\n"  \
+    "in the order of the IDs, and the exit status is that of the first one that failed. Numbers\n" \
+    "are decimal, 0x1F or 0b11."
 
 #define MANY_CHANGES_HELP                                                                          \
     MANY_CARDS_HELP                                                                                \
@@ -141,18 +141,49 @@ struct access_row {
     access_call call;
 };
 
+constexpr example reg_read_examples[] = {
+    {"qnmctl reg read 0x020000001000 0x1000", "A register of a card"},
+    {"qnmctl reg read --kind qnsv 0x1000", "The same register of all QNSV cards"},
+};
+constexpr example reg_write_examples[] = {
+    {"qnmctl reg write --verify 0x020000001000 0x1000 0x1", "Writes a register and reads it back"},
+};
+constexpr example reg_modify_examples[] = {
+    {"qnmctl reg modify 0x020000001000 0x1000 0x10 0xf0",
+     "Sets bits 4 to 7 to 1, and leaves the others"},
+};
+constexpr example eeprom_read_examples[] = {
+    {"qnmctl eeprom read 0x020000001000 0x10", "A word of a card's EEPROM"},
+};
+constexpr example eeprom_write_examples[] = {
+    {"qnmctl eeprom write --verify 0x020000001000 0x10 0x1", "Writes a word and reads it back"},
+};
+constexpr example eeprom_unlock_examples[] = {
+    {"qnmctl eeprom unlock 0x020000001000", "Frees the lock, whoever holds it"},
+};
+constexpr example vlan_examples[] = {
+    {"qnmctl vlan --verify 0x020000001000 20",
+     "Sets the VLAN ID and waits until the card announces it"},
+};
+constexpr example reset_examples[] = {
+    {"qnmctl reset 0x020000001000 1", "Sends a reset with status 1"},
+};
+constexpr example mms_examples[] = {
+    {"qnmctl mms 0x020000005000 0 page.bin", "Writes page 0 from a file of 128 bytes"},
+};
+
 constexpr access_row reg_rows[] = {
-    {{"reg read", "Reads a register", MANY_CARDS_HELP},
+    {{"reg read", "Reads a register", MANY_CARDS_HELP, reg_read_examples},
      reg_addr_only,
      with_reach,
      {"qnm_read_register", access_scope::registers, register_read, "", nullptr},
      read_register},
-    {{"reg write", "Writes a register", MANY_CARDS_HELP},
+    {{"reg write", "Writes a register", MANY_CARDS_HELP, reg_write_examples},
      reg_addr_value,
      with_reach | with_verify,
      {"qnm_write_register", access_scope::registers, register_write, " sent", " verified"},
      write_register},
-    {{"reg modify", "Changes some bits of a register", MANY_CARDS_HELP},
+    {{"reg modify", "Changes some bits of a register", MANY_CARDS_HELP, reg_modify_examples},
      reg_addr_value_mask,
      with_reach | with_verify,
      {"qnm_modify_register", access_scope::registers, register_modify, " sent", " verified"},
@@ -160,17 +191,18 @@ constexpr access_row reg_rows[] = {
 };
 
 constexpr access_row eeprom_rows[] = {
-    {{"eeprom read", "Reads a word of the EEPROM", MANY_CARDS_HELP},
+    {{"eeprom read", "Reads a word of the EEPROM", MANY_CARDS_HELP, eeprom_read_examples},
      eeprom_addr_only,
      with_reach | with_force_lock,
      {"qnm_read_eeprom", access_scope::eeprom, eeprom_read, "", nullptr},
      read_eeprom},
-    {{"eeprom write", "Writes a word of the EEPROM", MANY_CHANGES_HELP},
+    {{"eeprom write", "Writes a word of the EEPROM", MANY_CHANGES_HELP, eeprom_write_examples},
      eeprom_addr_value,
      with_reach | with_verify | with_force_lock | with_question,
      {"qnm_write_eeprom", access_scope::eeprom, eeprom_write, " written", " verified"},
      write_eeprom},
-    {{"eeprom unlock", "Frees an EEPROM lock that another party holds", unlock_help},
+    {{"eeprom unlock", "Frees an EEPROM lock that another party holds", unlock_help,
+      eeprom_unlock_examples},
      {},
      0,
      {"qnm_unlock_eeprom", access_scope::eeprom_lock, {}, "EEPROM lock is free", nullptr},
@@ -178,17 +210,17 @@ constexpr access_row eeprom_rows[] = {
 };
 
 constexpr access_row card_rows[] = {
-    {{"vlan", "Sets the VLAN ID of a card", MANY_CHANGES_HELP},
+    {{"vlan", "Sets the VLAN ID of a card", MANY_CHANGES_HELP, vlan_examples},
      vlan_id,
      with_reach | with_verify | with_question,
      {"qnm_set_vlanid", access_scope::vlan, vlan_set, " sent", " announced by the card"},
      set_vlanid},
-    {{"reset", "Sends a reset frame", reset_help},
+    {{"reset", "Sends a reset frame", reset_help, reset_examples},
      reset_status,
      with_question,
      {"qnm_send_resetframe", access_scope::reset, reset_send, " sent", nullptr},
      send_reset},
-    {{"mms", "Writes an MMS page of a multi-root QNIO card", mms_help},
+    {{"mms", "Writes an MMS page of a multi-root QNIO card", mms_help, mms_examples},
      mms_page,
      with_livecheck | with_page_file,
      {"qnm_write_mmspage", access_scope::mms, mms_write, " sent", nullptr},

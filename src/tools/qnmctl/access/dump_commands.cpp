@@ -17,6 +17,15 @@ constexpr char dump_help[] =
     "by ascending address, the least significant one of each word first; the file appears whole\n"
     "or not at all. Ctrl-C ends the dump between two words.";
 
+constexpr example reg_dump_examples[] = {
+    {"qnmctl reg dump 0x020000001000 0x1000 0x1040", "Sixteen registers"},
+};
+
+constexpr example eeprom_dump_examples[] = {
+    {"qnmctl eeprom dump 0x020000001000", "The whole EEPROM, as hexadecimal digits and text"},
+    {"qnmctl eeprom dump 0x020000001000 --raw card.bin", "An image for eeprom restore"},
+};
+
 struct dump_options {
     access_options access = {};
     std::uint32_t start = 0;
@@ -91,7 +100,8 @@ void add_raw(command& to, dump_options& options) {
 
 void define_reg_dump(command_tree& tree) {
     const auto dump = add_command_with<dump_options>(
-        tree, {"reg dump", "Reads the registers from START up to END", dump_help});
+        tree,
+        {"reg dump", "Reads the registers from START up to END", dump_help, reg_dump_examples});
     add_one_card(dump.self, dump.options.access);
     add_operand(dump.self, "START", "Address of the first register",
                 number(dump.options.start, {.most = last_register, .step = word_bytes}));
@@ -110,7 +120,8 @@ void define_reg_dump(command_tree& tree) {
 
 void define_eeprom_dump(command_tree& tree) {
     const auto dump = add_command_with<dump_options>(
-        tree, {"eeprom dump", "Reads the EEPROM, or the part from START up to END", dump_help});
+        tree, {"eeprom dump", "Reads the EEPROM, or the part from START up to END", dump_help,
+               eeprom_dump_examples});
     add_one_card(dump.self, dump.options.access);
     add_operand(dump.self, "START", "Address of the first word (default: 0)",
                 number(dump.options.start, {.most = eeprom_bytes - word_bytes, .step = word_bytes}),

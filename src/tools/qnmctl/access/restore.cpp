@@ -19,6 +19,11 @@ constexpr char restore_help[] =
     "verifies them one by one. An image that is shorter than the EEPROM is that of its beginning.\n"
     "Ctrl-C ends it between two words; the same command writes the rest.";
 
+constexpr example restore_examples[] = {
+    {"qnmctl eeprom restore 0x020000001000 card.bin",
+     "Writes the words that differ, after a question"},
+};
+
 struct restore_options {
     access_options access = {};
     std::string file = {};
@@ -102,7 +107,7 @@ int run_restore(context& with, const restore_options& options) {
 void define_eeprom_restore(command_tree& tree) {
     if (tree.use == used_for::lines) return;
     const auto restore = add_command_with<restore_options>(
-        tree, {"eeprom restore", "Writes an image to the EEPROM", restore_help});
+        tree, {"eeprom restore", "Writes an image to the EEPROM", restore_help, restore_examples});
     access_options& access = restore.options.access;
     add_one_card(restore.self, access);
     add_operand(restore.self, "FILE", "Image, as --raw of a dump writes it",

@@ -16,13 +16,23 @@ namespace qnmctl {
 namespace {
 
 constexpr char list_help[] =
-    "VER is the card's version, MODE its VLAN mode, R-ID the resource ID of a QNIO card, TROUBLE\n"
-    "what the card announces of itself: link faults, power off, the interrupt vector. A terminal\n"
-    "that is too narrow gets the columns that matter most. Under a path, by local port P and path\n"
-    "M on the card: C connected, D lost, - never heard. On a terminal a card without any path is\n"
-    "red, one that has lost a path or announces an error yellow, and a table that is longer than\n"
-    "the terminal goes through $PAGER. heard sorts by the time since then, the longest first.\n"
-    "When no card is heard, what doctor finds wrong is told, and the exit status is 5.";
+    "VLAN is the card's VLAN ID, VER its version, MODE its VLAN mode, R-ID the resource ID of a\n"
+    "QNIO card, and TROUBLE what the card announces of itself: link faults, power off, the\n"
+    "interrupt vector. A narrow terminal gets the columns that matter most. The paths are named "
+    "by\n"
+    "local port P and path M on the card: C connected, D disconnected, - never heard. On a "
+    "terminal\n"
+    "a card without any path is red, one that has lost a path or announces an error yellow, and a\n"
+    "table that is longer than the terminal goes through $PAGER. \"heard\" sorts by the time "
+    "since\n"
+    "a card was heard, the longest first.\n"
+    "If no card is heard, the problems that doctor finds are printed, and the exit status is 5.";
+
+constexpr example list_examples[] = {
+    {"qnmctl list", "All cards that are heard within 3 seconds"},
+    {"qnmctl list --state disconnected", "Those that are lost"},
+    {"qnmctl list --kind qnio --sort heard --reverse", "QNIO cards, the last heard first"},
+};
 
 struct list_options {
     card_filter filter = {};
@@ -100,13 +110,13 @@ int run_list(context& with, const list_options& options) {
 }  // namespace
 
 void define_list(command_tree& tree) {
-    const auto list =
-        add_command_with<list_options>(tree, {"list", "Lists the known cards", list_help});
+    const auto list = add_command_with<list_options>(
+        tree, {"list", "Lists the known cards", list_help, list_examples});
     list_options& options = list.options;
     add_filter(list.self, options.filter);
     add_option(list.self, {"--sort", "ORDER", "id (default), kind, type, vlan, paths or heard"},
                choice(options.order, card_order_words));
-    add_flag(list.self, "--reverse", "Turn the order round", options.reversed);
+    add_flag(list.self, "--reverse", "Reverse the order", options.reversed);
     add_seconds(list.self, options.seconds);
     add_output(list.self);
     set_run(list, run_list);

@@ -11,9 +11,15 @@ namespace qnmctl {
 namespace {
 
 constexpr char show_help[] =
-    "Beside the title of a field stands its name in JSON. A QNSV card has its bridge settings and\n"
-    "its downstream ports behind the fields that cards of both kinds have.\n"
-    "Downstream ports without a card are left out unless -v is given.";
+    "Each line has the title of a field, its name in JSON and its value. For a QNSV card the "
+    "bridge\n"
+    "settings and the downstream ports follow the fields that both kinds of cards have.";
+
+constexpr example show_examples[] = {
+    {"qnmctl show 0x020000001000", "Every field of a card"},
+    {"qnmctl show 02:00:00:00:10:00 -o json",
+     "The same for a script, with the ID as a MAC address"},
+};
 
 struct show_options {
     std::uint64_t id = 0;
@@ -49,7 +55,8 @@ int run_show(context& with, const show_options& options) {
 
 void define_show(command_tree& tree) {
     const auto show = add_command_with<show_options>(
-        tree, {"show", "Prints every field of a card, as soon as it is known", show_help});
+        tree,
+        {"show", "Prints every field of a card, as soon as it is known", show_help, show_examples});
     add_card(show.self, show.options.id);
     add_seconds(show.self, show.options.seconds);
     add_flag(show.self, "-v,--verbose", "Downstream ports without a card as well",

@@ -11,9 +11,20 @@ namespace qnmctl {
 namespace {
 
 constexpr char stats_help[] =
-    "The one that a manager writes into its statistics log, here of the manager in this very\n"
-    "process. A host program's own is in the file that qnm_log4c.properties names for the logger\n"
-    "statslogfile.";
+    "Prints what a manager writes into its statistics log, here of the manager in this process. A\n"
+    "host program's dumps are in the file that qnm_log4c.properties names for the logger\n"
+    "statslogfile. In the dump's table of cards G-ID is the VLAN ID, VER the version plus 1 (list\n"
+    "and show have the version itself), CONNECT the paths P0M0, P0M1, P1M0 and P1M1 (C connected, "
+    "D\n"
+    "disconnected or never heard), IG-STATE the monitoring (WATCH: monitored, IGNORE: stopped,\n"
+    "RESTART: restarted, not heard since), VLAN MODE the VLAN mode, and R-ID the resource ID. "
+    "JSON\n"
+    "has all numbers under names.";
+
+constexpr example stats_examples[] = {
+    {"qnmctl stats", "The status dump after 3 seconds"},
+    {"qnmctl stats -o json", "Its numbers for a script"},
+};
 
 struct stats_options {
     bool verbose = false;
@@ -42,7 +53,7 @@ int run_stats(context& with, const stats_options& options) {
 
 void define_stats(command_tree& tree) {
     const auto stats = add_command_with<stats_options>(
-        tree, {"stats", "Prints the manager's status dump", stats_help});
+        tree, {"stats", "Prints the manager's status dump", stats_help, stats_examples});
     add_flag(stats.self, "-v,--verbose", "Every field of every card, results per call",
              stats.options.verbose);
     add_seconds(stats.self, stats.options.seconds);

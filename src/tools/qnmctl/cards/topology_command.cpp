@@ -20,6 +20,11 @@ constexpr char topology_help[] =
     "red:\n"
     "    qnmctl --ports eth1 topology -o dot | dot -Tsvg > topology.svg";
 
+constexpr example topology_examples[] = {
+    {"qnmctl topology", "Which card is behind which port"},
+    {"qnmctl topology -o dot | dot -Tsvg -o topology.svg", "The same as a picture, by Graphviz"},
+};
+
 struct topology_options {
     double seconds = 3;
 };
@@ -49,7 +54,7 @@ int run_topology(context& with, const topology_options& options) {
 void define_topology(command_tree& tree) {
     const auto command = add_command_with<topology_options>(
         tree, {"topology", "Shows which QNIO card stands behind which port of which QNSV card",
-               topology_help});
+               topology_help, topology_examples});
     add_seconds(command.self, command.options.seconds);
     add_output_with_graph(command.self);
     set_run(command, run_topology);

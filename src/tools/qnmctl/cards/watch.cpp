@@ -23,6 +23,12 @@ constexpr char watch_help[] =
     "when its reader has gone. While it runs, lines on standard input are commands, on cards\n"
     "already heard: \"help\" lists them, \"quit\" ends it, the end of standard input does not.";
 
+constexpr example watch_examples[] = {
+    {"qnmctl watch", "What happens to the cards from now on"},
+    {"qnmctl watch --group 10 --event CHANNELSTATECHANGE", "Paths lost and found in a group"},
+    {"qnmctl watch --for 60 -o jsonl", "A minute of events for a script"},
+};
+
 struct watch_options {
     event_filter filter = {};
     double seconds = 0;
@@ -64,7 +70,8 @@ int run_watch(context& with, const watch_options& options) {
 void define_watch(command_tree& tree) {
     if (tree.use == used_for::lines) return;
     const auto watch = add_command_with<watch_options>(
-        tree, {"watch", "Tells events as they come, and why", watch_help});
+        tree,
+        {"watch", "Prints events as they occur, with the reason", watch_help, watch_examples});
     watch.self.streams = watch.self.endless = true;
     add_card_filter(watch.self, watch.options.filter.cards);
     add_option(watch.self, {"--event", "EVENT", "Only events of this name; repeatable"},

@@ -27,6 +27,16 @@ std::string last_name(const char* names) {
     return split(names, ",").back();
 }
 
+// What follows the options in a command's --help.
+std::string footer(const command_texts& texts) {
+    std::string text = texts.more_help;
+    if (texts.examples.empty()) return text;
+    text += text.empty() ? "Examples:" : "\n\nExamples:";
+    for (const example& shown : texts.examples)
+        text += std::string("\n  ") + shown.command + "\n      " + shown.meaning;
+    return text;
+}
+
 CLI::Option& add_taking(command& to, const std::string& names, const std::string& help,
                         const value& taken) {
     const std::string name = last_name(names.c_str());
@@ -67,8 +77,12 @@ void add_group(command_tree& tree, const char* name, const char* help) {
 command& add_command(command_tree& tree, const command_texts& texts) {
     const std::vector<std::string> words = split(texts.name, " ");
     CLI::App& app = add_app(parent_of(tree, words), words.back(), texts.help);
-    app.footer(texts.more_help);
-    tree.commands.push_back({.tree = tree, .app = app, .name = texts.name});
+    app.footer(footer(texts));
+    tree.commands.push_back({.tree = tree,
+                             .app = app,
+                             .name = texts.name,
+                             .more_help = texts.more_help,
+                             .examples = texts.examples});
     return tree.commands.back();
 }
 

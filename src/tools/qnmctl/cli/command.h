@@ -10,6 +10,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -29,6 +30,11 @@ struct context;  // what a running command works with, see manager/context.h
 
 struct command_tree;
 
+struct example {
+    const char* command;
+    const char* meaning;
+};
+
 struct operand {
     std::string name;
     value taken;
@@ -37,7 +43,9 @@ struct operand {
 struct command {
     command_tree& tree;
     CLI::App& app;
-    std::string name;                                // preceded by that of its group
+    std::string name;  // preceded by that of its group
+    std::string more_help = {};
+    std::span<const example> examples = {};
     std::function<int(context&)> run = nullptr;      // from the command line
     std::function<void(context&)> answer = nullptr;  // from a line of standard input
     output_form form = output_form::text;
@@ -73,11 +81,13 @@ struct command_tree {
 // Defines all commands; qnmctl's own such function is in commands.h.
 using define_commands = void (*)(command_tree&);
 
-// `help` is one line for the list of commands; `more_help` is added in the command's own --help.
+// `help` is one line for the list of commands; `more_help` and the examples are added in the
+// command's own --help.
 struct command_texts {
     const char* name;
     const char* help;
     const char* more_help = "";
+    std::span<const example> examples = {};
 };
 
 // A word that several commands begin with, such as "reg".

@@ -123,14 +123,22 @@ std::vector<const CLI::Option*> options_of(const CLI::App& app, bool positional)
     });
 }
 
+std::string tagged_examples(std::span<const example> shown) {
+    std::string text;
+    for (const example& one : shown)
+        text += tagged(one.command, one.meaning);
+    return text;
+}
+
 std::string command_section(const command& of) {
     std::string text = ".SS " + argument(of.name + words_text(of)) + '\n' +
                        escaped(of.app.get_description()) + ".\n";
-    if (!of.app.get_footer().empty()) text += escaped(of.app.get_footer()) + '\n';
+    if (!of.more_help.empty()) text += escaped(of.more_help) + '\n';
     for (const CLI::Option* const word : options_of(of.app, true))
         text += tagged(word_text(of, *word), word->get_description());
     for (const CLI::Option* const option : options_of(of.app, false))
         text += tagged(option_term(*option), option->get_description());
+    if (!of.examples.empty()) text += ".PP\nExamples:\n" + tagged_examples(of.examples);
     return text;
 }
 
@@ -167,13 +175,6 @@ std::string statuses() {
     return text;
 }
 
-std::string example_list() {
-    std::string text;
-    for (const example& one : examples())
-        text += tagged(one.command, one.meaning);
-    return text;
-}
-
 }  // namespace
 
 std::string man_page(const command_tree& tree, const command_tree& lines_tree) {
@@ -195,7 +196,7 @@ std::string man_page(const command_tree& tree, const command_tree& lines_tree) {
     text += heading("EXIT STATUS") + statuses();
     text += heading("ENVIRONMENT") + tagged(environment);
     text += heading("FILES") + tagged(files);
-    text += heading("EXAMPLES") + example_list();
+    text += heading("EXAMPLES") + tagged_examples(examples());
     return text + heading("SEE ALSO") + ".BR qnm (7),\n.BR qnm.conf (5),\n.BR qnm\\-cardsim (1)\n";
 }
 

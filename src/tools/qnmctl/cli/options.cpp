@@ -60,11 +60,13 @@ void add_globals(command_tree& tree) {
                directory_name(global.dir));
     add_option(root,
                {"--ports", "IF0[,IF1]",
-                "Interfaces of port 0 and 1, in place of an installation's configuration"},
+                "Interfaces of port 0 and 1, in place of an installation's configuration (default: "
+                "$QNMCTL_PORTS)"},
                port_list(global.ports));
     add_option(root, {"--set", "KEY=VALUE", "With --ports: a further key of qnm.conf; repeatable"},
                setting_list(global.keys));
-    add_option(root, {"--log", "FILE", "File that the library's log is added to"},
+    add_option(root,
+               {"--log", "FILE", "File that the library's log is added to (default: none is kept)"},
                file_name(global.log));
     add_flag(root, "--keep-logs", "Keep the folder with the library's logs, and say where it is",
              global.keep_logs);
@@ -106,7 +108,7 @@ void add_card_option(command& to, std::vector<std::uint64_t>& ids) {
 void add_kind_and_group(command& to, selection& cards) {
     add_option(to, {"--kind", "KIND", "Only cards of this kind, qnsv or qnio"},
                choice(cards.kind, kind_words));
-    add_option(to, {"--group", "VLANID", "Only cards of this group"},
+    add_option(to, {"--group", "VLANID", "Only cards of this group, which is their VLAN ID"},
                number(cards.group, group_limits));
 }
 

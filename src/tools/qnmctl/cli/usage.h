@@ -4,15 +4,13 @@
 #include <span>
 #include <string>
 
+#include "cli/command.h"
+
 namespace qnmctl {
 
 inline constexpr char summary[] = "Watches, queries, changes and diagnoses Quillnet adapter cards";
 
-struct example {
-    const char* command;
-    const char* meaning;
-};
-
+// Of the command as a whole; a command's own stand with its definition.
 std::span<const example> examples();
 
 // Examples and exit statuses, at the end of the help.

@@ -13,15 +13,23 @@ namespace qnmctl {
 namespace {
 
 constexpr char doctor_help[] =
-    "Looks at privileges, interfaces with their link and VLAN offload, capture, which process\n"
-    "accesses cards by an interface or is deaf there, clock, both files of the configuration line\n"
-    "by line, log folders and free space, and for root whether tshark has the dissector, without\n"
-    "starting a manager and without changing anything. Each finding is ok, a note, a warning or\n"
-    "an error, and has its remedy below it.\n"
-    "Run it as the user that the host program runs as; which other processes listen, though, only\n"
-    "root can see. Only regular files are read, up to 1 MiB, and not what a symbolic link stands\n"
-    "for. The exit status is 3 when there is an error: a manager would not start, do without what\n"
-    "it is told to use, or hear nothing.";
+    "Checks privileges, interfaces with their link and VLAN offload, capture, which process\n"
+    "accesses cards by an interface or receives nothing there, the clock, both configuration "
+    "files\n"
+    "line by line, log folders and free space, and for root whether tshark has the dissector. It\n"
+    "starts no manager and changes nothing. Each finding is ok, a note, a warning or an error, "
+    "with\n"
+    "its remedy below it.\n"
+    "Run it as the user that the host program runs as; only root, though, can see which other\n"
+    "processes listen. It reads only regular files up to 1 MiB and follows no symbolic links. The\n"
+    "exit status is 3 when there is an error: a manager would not start, would ignore a setting, "
+    "or\n"
+    "would hear nothing.";
+
+constexpr example doctor_examples[] = {
+    {"qnmctl doctor", "What keeps a manager from working here"},
+    {"qnmctl --dir /opt/tarvo/qnm doctor", "The same for the installation of a host program"},
+};
 
 struct doctor_options {};
 
@@ -40,7 +48,7 @@ void define_doctor(command_tree& tree) {
     if (tree.use == used_for::lines) return;
     const auto doctor = add_command_with<doctor_options>(
         tree, {"doctor", "Finds what keeps a manager from working here, and says what helps",
-               doctor_help});
+               doctor_help, doctor_examples});
     add_output(doctor.self);
     set_run(doctor, run_doctor);
 }

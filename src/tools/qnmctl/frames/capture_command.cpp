@@ -17,9 +17,14 @@ namespace qnmctl {
 namespace {
 
 constexpr char capture_help[] =
-    "Every frame on the ports, and every frame that this host sends there, with the reason for\n"
-    "which managers drop it as its comment. A manager need not run, and one that runs is not\n"
-    "disturbed. Ctrl-C ends the capture; the file is whole then. An older file is replaced.";
+    "Captures every frame that the ports receive or this host sends there. If managers drop a\n"
+    "frame, its comment has the reason. No manager need run, and a running one is not disturbed.\n"
+    "Ctrl-C ends the capture and leaves a complete file. An older file is replaced.";
+
+constexpr example capture_examples[] = {
+    {"qnmctl capture --for 10 cards.pcapng", "Ten seconds of frames into a file"},
+    {"qnmctl capture - | wireshark -k -i -", "Frames live in Wireshark"},
+};
 
 constexpr char standard_file[] = "-";
 
@@ -75,13 +80,13 @@ int run_capture(context& with, const capture_command_options& options) {
 void define_capture(command_tree& tree) {
     if (tree.use == used_for::lines) return;
     const auto capture = add_command_with<capture_command_options>(
-        tree, {"capture", "Captures frames into a file", capture_help});
+        tree, {"capture", "Captures frames into a file", capture_help, capture_examples});
     capture.self.endless = true;
     add_operand(capture.self, "FILE", "pcapng file to write, or - for standard output",
                 file_name(capture.options.file));
     add_option(
         capture.self,
-        {"--snaplen", "BYTES", "Capture so much of each frame (default: 1024, as managers do)"},
+        {"--snaplen", "BYTES", "Bytes to capture of each frame (default: 1024, as managers do)"},
         number(capture.options.snaplen, {.least = 64, .most = 262144}));
     add_seconds(capture.self, capture.options.seconds);
     add_count(capture.self, capture.options.count, "End after this many frames");

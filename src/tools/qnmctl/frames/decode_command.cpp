@@ -14,10 +14,16 @@ namespace qnmctl {
 namespace {
 
 constexpr char decode_help[] =
-    "A line for each frame: number, local time, interface where a pcapng file, not standard\n"
-    "input, tells it, direction, ID of the card, and message. A frame that managers drop has the\n"
-    "reason, a Completion the frame of its Register Read and the time since. JSON has all fields\n"
-    "always. ether_type, tag_min and tag_max are those of the configuration.";
+    "A line for each frame: number, local time, interface (if a pcapng file has it, and it is not\n"
+    "read from standard input), direction, ID of the card, and message. A frame that managers "
+    "drop\n"
+    "has the reason, a Completion the frame of its Register Read and the time since. JSON always\n"
+    "has all fields. ether_type, tag_min and tag_max are those of the configuration.";
+
+constexpr example decode_examples[] = {
+    {"qnmctl decode cards.pcapng", "A line for each frame"},
+    {"qnmctl decode -v cards.pcapng", "All fields of each frame"},
+};
 
 constexpr const char* message_words[] = {"devinfo",       "notify",    "completion",
                                          "reset",         "vlan-set",  "register-write",
@@ -69,7 +75,7 @@ int run_decode(context& with, const decode_options& options) {
 void define_decode(command_tree& tree) {
     if (tree.use == used_for::lines) return;
     const auto decode = add_command_with<decode_options>(
-        tree, {"decode", "Tells what the frames in a file say", decode_help});
+        tree, {"decode", "Prints what the frames in a file contain", decode_help, decode_examples});
     decode.self.endless = true;
     add_operand(decode.self, "FILE", "pcap or pcapng file to read, or - for standard input",
                 file_name(decode.options.file));

@@ -182,8 +182,8 @@ std::vector<status_row> exit_statuses() {
     std::vector<status_row> rows = {
         {exit_ok, "success"},
         {exit_failed,
-         "failed without a result code; ended by a signal, unless it only listened or decoded, or "
-         "before all was written that list and others tell at their end"},
+         "failed without a result code, or ended by a signal before its work was done; a command "
+         "that only listens or decodes ends with 0 then, once it has written its results"},
         {exit_usage, "wrong usage"},
         {exit_unwell, "doctor has found errors"},
         {tools::exit_output,

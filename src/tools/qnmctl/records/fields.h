@@ -48,8 +48,8 @@ struct field {
     bool known = true;  // false: of a path that was never heard
 };
 
-// In JSON numbers stay numbers, bytes are an array of them, times are RFC 3339, and what is not known
-// is null.
+// In JSON numbers stay numbers, bytes are an array of them, times are RFC 3339, and what is not
+// known is null.
 std::string value_text(const field& shown);
 json value_json(const field& shown);
 

@@ -39,6 +39,11 @@ constexpr char report_help[] =
     "names of interfaces, and what registers and EEPROMs hold. A part that cannot be masked\n"
     "safely is left out.";
 
+constexpr example report_examples[] = {
+    {"qnmctl report", "An archive in this directory"},
+    {"qnmctl report --mask-ids case.tar.gz", "Another name, with addresses replaced"},
+};
+
 struct report_options {
     std::string file = {};
     bool mask_ids = false;
@@ -164,7 +169,8 @@ int run_report(context& with, const report_options& options) {
 void define_report(command_tree& tree) {
     if (tree.use == used_for::lines) return;
     const auto report = add_command_with<report_options>(
-        tree, {"report", "Packs what a support case needs into one archive", report_help});
+        tree, {"report", "Packs what a support case needs into one archive", report_help,
+               report_examples});
     add_operand(report.self, "FILE",
                 "The archive (default: qnm-report-YYYYMMDD-HHMMSS.tar.gz in this directory)",
                 file_name(report.options.file), presence::optional);

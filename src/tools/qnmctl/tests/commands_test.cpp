@@ -116,7 +116,7 @@ TEST(ManPage, HasEveryCommandWithItsOptions) {
         const std::size_t at = page.find(start) + start.size();
         const std::string part = page.substr(at, page.find("\n.S", at) - at);
         EXPECT_TRUE(holds(part, in_man_page(shown.app.get_description()))) << shown.name;
-        EXPECT_TRUE(holds(part, in_man_page(shown.app.get_footer()))) << shown.name;
+        EXPECT_TRUE(holds(part, in_man_page(shown.more_help))) << shown.name;
         for (const CLI::Option* const option : options_of(shown.app)) {
             EXPECT_TRUE(holds(part, in_man_page(option->get_name())))
                 << shown.name << ' ' << option->get_name();
@@ -151,6 +151,42 @@ TEST(ManPage, HasLinesExamplesAndEnvironment) {
         EXPECT_TRUE(holds(section_of(page, "ENVIRONMENT"), std::string(".B \"") + name)) << name;
 }
 
+// The words of an example: those behind "qnmctl", up to what the shell does with its output.
+std::vector<std::string> words_of_example(const std::string& command) {
+    const std::size_t start = command.find("qnmctl ");
+    EXPECT_NE(std::string::npos, start) << command;
+    const std::string words = command.substr(start, command.find_first_of("|)", start) - start);
+    std::vector<std::string> all = split(words, " ");
+    all.erase(all.begin());
+    std::erase(all, "");
+    return all;
+}
+
+bool parses(std::vector<std::string> words) {
+    words.insert(words.begin(), "qnmctl");
+    std::vector<const char*> argv;
+    for (const std::string& word : words)
+        argv.push_back(word.c_str());
+    all_commands tree(used_for::command_line);
+    const auto parsed = parse_command_line(tree, static_cast<int>(argv.size()), argv.data());
+    return std::holds_alternative<const command*>(parsed);
+}
+
+TEST(Commands, ShowExamplesThatAreRight) {
+    const all_commands tree(used_for::command_line);
+    for (const command& shown : tree.commands) {
+        if (shown.hidden) continue;
+        EXPECT_FALSE(shown.examples.empty()) << shown.name;
+        for (const example& one : shown.examples) {
+            const std::vector<std::string> words = words_of_example(one.command);
+            EXPECT_TRUE(holds(join(words, " "), shown.name)) << one.command;
+            EXPECT_TRUE(parses(words)) << one.command;
+            EXPECT_TRUE(holds(shown.app.help(), one.command)) << one.command;
+            EXPECT_TRUE(holds(page_of_all(), in_man_page(one.command))) << one.command;
+        }
+    }
+}
+
 TEST(Commands, ForManyCardsSayHowTheseAreTold) {
     const all_commands tree(used_for::command_line);
     std::size_t waiting = 0;
@@ -159,7 +195,7 @@ TEST(Commands, ForManyCardsSayHowTheseAreTold) {
         if (wait == nullptr) continue;
         ++waiting;
         const bool many = shown.cards != nullptr;
-        EXPECT_EQ(many, holds(wait->get_description(), "without IDs 3")) << shown.name;
+        EXPECT_EQ(many, holds(wait->get_description(), "or 3 without IDs")) << shown.name;
         EXPECT_TRUE(holds(wait->get_description(), "default: 10")) << shown.name;
         EXPECT_EQ(many, holds(shown.app.get_footer(), "exit status is that of the first one"))
             << shown.name;

@@ -260,7 +260,7 @@ lines help_page() {
     for (const top_key_row& row : top_keys()) {
         if (row.shown != nullptr) made.push_back({left(row.shown, keys_width) + row.help});
     }
-    made.push_back({"C connected, D lost, - never heard"});
+    made.push_back({"C connected, D disconnected, - never heard"});
     made.push_back({"frames: all that the kernel counts on the interface"});
     return made;
 }

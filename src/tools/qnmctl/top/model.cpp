@@ -225,7 +225,7 @@ constexpr top_key_row rows[] = {
     {"c", "All, only connected, only disconnected", {'c'}, step_connected},
     {"s/S", "Sort by the next, the previous order", {'s'}, next_order},
     {nullptr, nullptr, {'S'}, previous_order},
-    {"r", "Turn the order round", {'r'}, turn_order},
+    {"r", "Reverse the order", {'r'}, turn_order},
     {"?, h", "This help; any key closes it", {'?', 'h'}, open_help},
     {"Esc", "Back: from detail, filter, view", {key_escape}, go_back},
     {"q, Ctrl-C", "End", {'q'}, quit},

@@ -27,12 +27,18 @@ namespace qnmctl {
 namespace {
 
 constexpr char top_help[] =
-    "A full screen of ports, cards with their paths, and rates, looked at every second; ? lists\n"
-    "the keys, q ends. Frames are those that the kernel counts on the interfaces of the ports,\n"
-    "other programs' among them; events are the library's. Rates are those of the last five\n"
-    "seconds. A path is C connected, D lost, or - never heard. heard sorts by the time since\n"
-    "then, and like events and rate the largest first. Needs a terminal; for scripts there are\n"
-    "list and watch.";
+    "Shows ports, cards with their paths, and rates on a full screen, refreshed every second; ?\n"
+    "lists the keys, q ends. Frames are those that the kernel counts on the ports' interfaces,\n"
+    "including other programs' frames; events are the library's. Rates are those of the last five\n"
+    "seconds. A path is C connected, D disconnected, or - never heard. \"heard\" sorts by the "
+    "time\n"
+    "since a card was heard; like events and rate it has the largest first. It needs a terminal;\n"
+    "scripts use list and watch.";
+
+constexpr example top_examples[] = {
+    {"qnmctl top", "All cards, with the rates of the ports"},
+    {"qnmctl top --state disconnected", "Only those that are lost"},
+};
 
 struct top_options {
     card_filter filter = {};
@@ -245,7 +251,8 @@ int run_top(context& with, const top_options& options) {
 void define_top(command_tree& tree) {
     if (tree.use == used_for::lines) return;
     const auto top = add_command_with<top_options>(
-        tree, {"top", "Shows ports, cards and rates on a full screen, live", top_help});
+        tree,
+        {"top", "Shows ports, cards and rates on a full screen, live", top_help, top_examples});
     top.self.endless = true;
     top_options& options = top.options;
     add_filter(top.self, options.filter);
@@ -256,7 +263,7 @@ void define_top(command_tree& tree) {
     add_option(top.self,
                {"--sort", "ORDER", "id (default), kind, type, vlan, paths, heard, events or rate"},
                choice(options.order, top_order_words));
-    add_flag(top.self, "--reverse", "Turn the order round", options.reversed);
+    add_flag(top.self, "--reverse", "Reverse the order", options.reversed);
     add_option(top.self,
                {"-d,--delay", "SECONDS", "Seconds between two looks at the cards (default: 1)"},
                seconds(options.delay));

@@ -80,7 +80,7 @@ case $shell in
     check_in_a_terminal
     ;;
   zsh)
-    expect 'watch:Tells events as they come, and why' complete_in_zsh "$program" wa
+    expect 'watch:Prints events as they occur, with the reason' complete_in_zsh "$program" wa
     expect $'json:\njsonl:' complete_in_zsh "$program" list -o j
     expect 'files -/' complete_in_zsh "$program" --dir et
     expect 'files ' complete_in_zsh "$program" eeprom restore 0x1 ''

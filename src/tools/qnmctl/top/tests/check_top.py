@@ -86,11 +86,11 @@ Enter              The card's detail, and back
 t                  Both kinds, only QNSV, only QNIO
 c                  All, only connected, only disconnected
 s/S                Sort by the next, the previous order
-r                  Turn the order round
+r                  Reverse the order
 ?, h               This help; any key closes it
 Esc                Back: from detail, filter, view
 q, Ctrl-C          End
-C connected, D lost, - never heard
+C connected, D disconnected, - never heard
 frames: all that the kernel counts on the interface"""
 FIRST, LAST = "0x020000001000", "0x020000100f9e"
 
