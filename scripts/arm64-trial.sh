@@ -25,7 +25,7 @@ left_out=(
   "^e2e\.lifecycle\.([^t]|the_(first|host))|$no_ports"
   "^e2e\.ports(/|\.[^n])|$no_ports"
   "^qnmctl\.(Accessed|Cards|Locks|Restore)[./]|$no_ports"
-  "^qnmctl\.(capture|logs_of_the_host|report|schema_of_every_command|top_in_a_terminal)$|$no_ports"
+  "^qnmctl\.(capture|logs_.*|report|schema_of_every_command|top_in_a_terminal)$|$no_ports"
   "^qnmctl\.Manager\.[^N]|$no_ports"
   "^(privileges\.|soak\.short$|tools\.(surroundings|waits)$)|$no_ports"
   "^qnmctl\.DoctorProgram\.(FindsA(Working|MissingLink)|NamesTheKey|SurvivesFilesThatAreHuge)|$no_ethtool"
