@@ -56,21 +56,33 @@ def spoilt(record):
             yield less
 
 
+def fits_one(validator, branches, instance, schema):
+    """What oneOf means, told without the reasons: a branch that does not fit is left at its first error.
+    With them each spoilt record would be compared with all that every kind of record has."""
+    fitting = sum(next(validator.descend(instance, one), None) is None for one in branches)
+    if fitting != 1:
+        yield jsonschema.ValidationError(f"fits {fitting} of {len(branches)}")
+
+
+Refuser = jsonschema.validators.extend(jsonschema.Draft202012Validator, {"oneOf": fits_one})
+
+
 def check(path, document, record):
     """The number of records in the file."""
     with open(path, encoding="utf-8") as file:
         if path.endswith(".jsonl"):
-            validator, told = record, [json.loads(line) for line in file]
+            schema, told = record.schema, [json.loads(line) for line in file]
             for one in told:
                 record.validate(one)
         else:
-            validator, whole = document, json.load(file)
+            schema, whole = document.schema, json.load(file)
             document.validate(whole)
             told = whole["records"]
+    refuser = Refuser(schema)
     for one in told:
         for wrong in spoilt(one):
             tried = wrong if path.endswith(".jsonl") else {**whole, "records": [wrong]}
-            if validator.is_valid(tried):
+            if refuser.is_valid(tried):
                 raise ValueError(f"the schema does not refuse {json.dumps(wrong)}")
     if not path.endswith(".jsonl"):
         for name in whole:
