@@ -17,17 +17,41 @@ readonly server=0x020000001000 device=0x020000003000 multiroot=0x020000005000
 . "$here/rig.sh"
 
 qnmctl() {
-  "$program" --ports qnm0,qnm1 --set devinfo_flag_check_interval=10 "$@" 2>"$work/errors"
+  "$program" --ports qnm0,qnm1 --set devinfo_flag_check_interval=10 "$@"
 }
 
 # tell STATUS NAME COMMAND...: runs it; it has to end with this exit status, and to say so.
 tell() {
   local wanted=$1 name=$2 status=0
   shift 2
-  qnmctl "$@" -o json >"$work/$name.json" </dev/null || status=$?
-  ((status == wanted)) || fail "$*: exit status $status; $(<"$work/errors")"
+  qnmctl "$@" -o json >"$work/$name.json" 2>"$work/$name.errors" </dev/null || status=$?
+  ((status == wanted)) || fail "$*: exit status $status; $(<"$work/$name.errors")"
   [[ $(tail -n 1 "$work/$name.json") == *"\"status\":$wanted}" ]] ||
     fail "$*: the document does not end with its status"
+}
+
+# meanwhile COMMAND...: beside those that follow, until all_told.
+meanwhile() {
+  "$@" &
+  beside+=("$!")
+}
+
+all_told() {
+  local one
+  for one in "${beside[@]}"; do
+    wait "$one" || exit 1 # it has said why
+  done
+  beside=()
+}
+
+# Cards can be missed by somebody who only waits for a second.
+offer_cards() {
+  local tries
+  for ((tries = 0; tries < 60; tries++)); do
+    "$program" complete -- --ports qnm0,qnm1 show '' >"$work/offered"
+    ! grep --quiet "^$server" "$work/offered" || break
+  done
+  has "$work/offered" "$server	QNSV card of group 16"
 }
 
 # told TEXT: by the watch.
@@ -35,54 +59,54 @@ told() {
   grep --quiet --fixed-strings -- "$1" "$work/lines.jsonl"
 }
 
+beside=()
 mkfifo "$work/lines"
 start_cards "$cardsim" "$scenario"
 
 head -c 128 /dev/zero >"$work/page"
 head -c 16 /dev/zero >"$work/image"
 
-tell 0 watch watch --count 8 --kind qnio
-has "$work/watch.json" '"event":"NEWDEVINFO","kind":"QNIO"'
-tell 0 list list --for 2
-has "$work/list.json" "$server"
-tell 0 show show "$server"
-has "$work/show.json" '"record":"card","kind":"QNSV"'
-tell 0 topology topology --for 2
-has "$work/topology.json" '"agreed":true'
-tell 0 stats stats --for 0.1
-has "$work/stats.json" 'qnm status dump'
+# Those that only listen go beside the others; of those that access cards there is one at a time.
+meanwhile tell 0 watch watch --count 8 --kind qnio
+meanwhile tell 0 list list --for 2
+meanwhile tell 0 show show "$server"
+meanwhile tell 0 topology topology --for 2
+meanwhile tell 0 stats stats --for 0.1
+meanwhile tell 0 report report "$work/report.tar.gz" --for 0.1
+meanwhile tell 13 unheard show 0x99 --for 0.1
 tell 0 reg-read reg read "$server" "$device" 0x1000
 tell 0 reg-write reg write "$server" 0x1008 7 --verify
-has "$work/reg-write.json" '"verified":true'
 tell 0 reg-modify reg modify "$server" 0x1008 1 0x0F
 tell 0 reg-dump reg dump "$device" 0x2000 0x2010
-has "$work/reg-dump.json" '"words":[1,2,3,5]'
 tell 0 eeprom-read eeprom read "$server" 0
 tell 0 eeprom-write eeprom write "$server" 0x100 1
 tell 0 eeprom-dump eeprom dump "$server" 0 16
 tell 0 eeprom-restore eeprom restore "$device" "$work/image" --yes
+tell 2 refused eeprom restore "$device" "$work/image"
 tell 0 eeprom-unlock eeprom unlock "$server"
+all_told
 tell 0 vlan vlan "$server" 16
+meanwhile offer_cards
 tell 0 mms mms "$multiroot" 1 "$work/page"
 tell 0 reset reset "$device" 1
 tell 0 capture capture "$work/capture" --count 4
-has "$work/capture.json" '"interface":"qnm0"'
 tell 0 decode decode "$work/capture"
-has "$work/decode.json" '"record":"frame"'
-tell 0 report report "$work/report.tar.gz" --for 0.1
-has "$work/report.json" '"record":"archive"'
 tell 0 completion completion bash
-# Cards can be missed by somebody who only waits for a second.
-for ((tries = 0; tries < 60; tries++)); do
-  "$program" complete -- --ports qnm0,qnm1 show '' >"$work/offered"
-  ! grep --quiet "^$server" "$work/offered" || break
-done
-has "$work/offered" "$server	QNSV card of group 16"
+all_told
 tell 0 doctor doctor
+
+has "$work/watch.json" '"event":"NEWDEVINFO","kind":"QNIO"'
+has "$work/list.json" "$server"
+has "$work/show.json" '"record":"card","kind":"QNSV"'
+has "$work/topology.json" '"agreed":true'
+has "$work/stats.json" 'qnm status dump'
+has "$work/reg-write.json" '"verified":true'
+has "$work/reg-dump.json" '"words":[1,2,3,5]'
+has "$work/capture.json" '"interface":"qnm0"'
+has "$work/decode.json" '"record":"frame"'
+has "$work/report.json" '"record":"archive"'
 has "$work/doctor.json" '"check":"link","severity":"ok"'
-tell 13 unheard show 0x99 --for 0.1
 has "$work/unheard.json" '"result":"QNM_API_ENOENT"'
-tell 2 refused eeprom restore "$device" "$work/image"
 
 qnmctl watch -o jsonl <"$work/lines" >"$work/lines.jsonl" &
 watch=$!
