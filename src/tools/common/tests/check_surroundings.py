@@ -7,6 +7,7 @@ terminal. To be run in a network namespace of its own.
 Every run ends by itself; after a minute it is killed and counts as a failure. ONLY is a part of the
 names of what is looked at.
 """
+import concurrent.futures
 import json
 import os
 import pty
@@ -21,6 +22,7 @@ import tarfile
 import tempfile
 import termios
 import time
+from functools import partial
 
 LIMIT = 60  # seconds, which only a failure reaches
 HUGE = 300_000_000
@@ -59,6 +61,14 @@ def require(condition, text):
         raise Failure(text)
 
 
+def at_once(jobs):
+    """Calls them, several at a time: they mostly wait until the kernel has closed a port, or until doctor
+    has looked at the clock."""
+    with concurrent.futures.ThreadPoolExecutor(4) as crew:
+        for run in [crew.submit(job) for job in jobs]:
+            run.result()
+
+
 class Ended:
     def __init__(self, status, out, errors):
         self.status, self.out, self.errors = status, out, errors
@@ -80,9 +90,10 @@ class Site:
             to.write(contents)
         return self.file(name)
 
-    def run(self, program, *words, given=b"", out=subprocess.PIPE, before=None, **more):
-        """Ends by itself, or has hung. What else is given is of its environment."""
-        command = [self.programs[program], *words]
+    def run(self, program, *words, given=b"", out=subprocess.PIPE, by=(), before=None, **more):
+        """Ends by itself, or has hung. Another program can start it. What else is given is of its
+        environment."""
+        command = [*by, self.programs[program], *words]
         environment = dict(os.environ, TMPDIR=self.path, XDG_STATE_HOME=self.path) | more
         started = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=out,
                                    stderr=subprocess.PIPE, preexec_fn=before, env=environment)
@@ -175,6 +186,7 @@ def refused(ended, start, reason):
 
 
 def check_configuration(site):
+    jobs = []
     for make, reason in KINDS:
         for name in "qnm.conf", "qnm_log4c.properties":
             path = tempfile.mkdtemp(dir=site.path)
@@ -182,22 +194,27 @@ def check_configuration(site):
             if name != "qnm_log4c.properties":
                 site.store(path + "/conf/qnm_log4c.properties", PROPERTIES)
             make(f"{path}/conf/{name}")
-            start = f"qnmctl: cannot use {path}/conf/{name}: "
-            for verb in VERBS if name == "qnm.conf" else VERBS[:2]:
-                words = verb.format(other=site.file("other")).split()
-                refused(site.run("qnmctl", "--dir", path, *words), start, reason)
-            # Neither doctor nor a report follows the link to a device; doctor only warns of it.
-            linked = make is make_device
-            why = b"is a symbolic link, which is not followed" if linked else b"regular file"
-            ended = site.run("qnmctl", "--dir", path, "doctor")
-            require((ended.status == 3 or linked) and (why in ended.out or make is make_long),
-                    f"doctor: {ended.status} {ended.out}")
-            archive = site.file(os.path.basename(path) + ".tar.gz")
-            if make is make_long:
-                continue  # which a report has a bound of its own for
-            ended = site.run("qnmctl", "--dir", path, "report", archive, "--for", "0.1")
-            require(ended.status == 0 and why in ended.out + ended.errors,
-                    f"report: {ended.status} {ended.out} {ended.errors}")
+            jobs.append(partial(look_at_configuration, site, path, name, make, reason))
+    at_once(jobs)
+
+
+def look_at_configuration(site, path, name, make, reason):
+    start = f"qnmctl: cannot use {path}/conf/{name}: "
+    for verb in VERBS if name == "qnm.conf" else VERBS[:2]:
+        words = verb.format(other=site.file("other")).split()
+        refused(site.run("qnmctl", "--dir", path, *words), start, reason)
+    # Neither doctor nor a report follows the link to a device; doctor only warns of it.
+    linked = make is make_device
+    why = b"is a symbolic link, which is not followed" if linked else b"regular file"
+    ended = site.run("qnmctl", "--dir", path, "doctor")
+    require((ended.status == 3 or linked) and (why in ended.out or make is make_long),
+            f"doctor: {ended.status} {ended.out}")
+    archive = site.file(os.path.basename(path) + ".tar.gz")
+    if make is make_long:
+        return  # which a report has a bound of its own for
+    ended = site.run("qnmctl", "--dir", path, "report", archive, "--for", "0.1")
+    require(ended.status == 0 and why in ended.out + ended.errors,
+            f"report: {ended.status} {ended.out} {ended.errors}")
 
 
 def check_images(site):
@@ -243,8 +260,7 @@ def check_nesting(site):
 # ---- Outputs that are closed ---------------------------------------------------------------------
 
 
-def closed():
-    os.close(1)
+CLOSING = "sh", "-c", 'exec "$@" >&-', "sh"
 
 
 def check_outputs(site):
@@ -261,13 +277,16 @@ def check_outputs(site):
     rows += [("cardsim", words, given) for words, given in (
         (("--help",), b""), (("--version",), b""), (("--man-page",), b""),
         (("--check", scenario), b""), (("--quiet", scenario), b"list\nquit\n"))]
-    for program, words, given in rows:
-        for reason, ended in outputs(site, program, words, given):
-            told = ended.errors.decode()
-            place = f"{program} {words} to {reason}: "
-            require(ended.status == EXIT_OUTPUT, f"{place} {ended.status} {told}")
-            require(re.search(f"^{site_name(program)}: cannot write to standard output: {reason}$",
-                              told, re.M), place + told)
+    at_once(partial(look_at_outputs, site, *row) for row in rows)
+
+
+def look_at_outputs(site, program, words, given):
+    for reason, ended in outputs(site, program, words, given):
+        told = ended.errors.decode()
+        place = f"{program} {words} to {reason}: "
+        require(ended.status == EXIT_OUTPUT, f"{place} {ended.status} {told}")
+        require(re.search(f"^{site_name(program)}: cannot write to standard output: {reason}$",
+                          told, re.M), place + told)
 
 
 def site_name(program):
@@ -295,7 +314,7 @@ def check_limited_files(site):
 
 def outputs(site, program, words, given):
     """The ways in which standard output can be closed."""
-    yield "it is closed", site.run(program, *words, given=given, before=closed)
+    yield "it is closed", site.run(program, *words, given=given, by=CLOSING)
     with open("/dev/full", "wb") as full:
         yield "No space left on device", site.run(program, *words, given=given, out=full)
     reading, writing = os.pipe()
@@ -358,10 +377,10 @@ def check_configured_words(site):
         dirs[name] = site.file(name)
         site.store(name + "/conf/qnm.conf", text)
         site.store(name + "/conf/qnm_log4c.properties", PROPERTIES)
-    look_at(site, "qnmctl", "--dir", dirs["key"], "list", shown=LOGGED, json_too=True)
-    look_at(site, "qnmctl", "--dir", dirs["port"], "list", shown=SHOWN_PORT, json_too=True)
-    for name, shown in ("key", SHOWN), ("port", SHOWN_PORT), ("value", SHOWN):
-        look_at(site, "qnmctl", "--dir", dirs[name], "doctor", shown=shown, json_too=True)
+    at_once(partial(look_at, site, "qnmctl", "--dir", dirs[name], verb, shown=shown, json_too=True)
+            for name, verb, shown in (
+                ("key", "list", LOGGED), ("port", "list", SHOWN_PORT), ("key", "doctor", SHOWN),
+                ("port", "doctor", SHOWN_PORT), ("value", "doctor", SHOWN)))
 
 
 def check_reports(site):
@@ -391,13 +410,12 @@ def check_names_of_interfaces(site):
                    check=True)
     for name in EVIL_PORT, b"ev1":
         subprocess.run([b"ip", b"link", b"set", name, b"up"], check=True)
-    for words, shown in ((("stats", "-v", "--for", "0.1"), LOGGED_PORT), (("doctor",), SHOWN_PORT)):
-        look_at(site, "qnmctl", "--ports", EVIL_PORT, *words, shown=shown, json_too=True)
-    frames = site.file("frames")
-    look_at(site, "qnmctl", "--ports", EVIL_PORT, "capture", frames, "--for", "0.1",
-            shown=SHOWN_PORT)
+    evil = partial(look_at, site, "qnmctl", "--ports", EVIL_PORT)
+    at_once((partial(evil, "stats", "-v", "--for", "0.1", shown=LOGGED_PORT, json_too=True),
+             partial(evil, "doctor", shown=SHOWN_PORT, json_too=True),
+             partial(evil, "capture", site.file("frames"), "--for", "0.1", shown=SHOWN_PORT)))
     subprocess.run([b"ip", b"link", b"set", EVIL_PORT, b"down"], check=True)
-    look_at(site, "qnmctl", "--ports", EVIL_PORT, "list", shown=SHOWN_PORT, json_too=True)
+    evil("list", shown=SHOWN_PORT, json_too=True)
     view = site.run_on_terminal("qnmctl", "--ports", b"lo," + EVIL_PORT, "top", given=b"q")
     is_clean(view.out.replace(b"\x1b[7m\x1b", b""), "top")
     require(SHOWN_PORT[:7].encode() in view.out, f"top does not show {SHOWN_PORT}: {view.out}")
