@@ -50,7 +50,9 @@ TEST_P(ends_without_a_stop, and_nothing_goes_wrong) {
     const cables wires;
     const installation install(k_two_ports);
     const auto cards = make_cards();
-    cards->add(lively(card_kind::qnsv, card_speed::g1_10, k_id));
+    cardsim::card card = lively(card_kind::qnsv, card_speed::g1_10, k_id);
+    card.interval_ms = 10;  // every host waits for it, with threads that do not rest
+    cards->add(card);
     cards->start();
     int failures = 0;
     std::string told;
