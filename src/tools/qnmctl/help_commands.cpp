@@ -24,41 +24,41 @@ constexpr double seconds_at_a_prompt = 1.2;
 
 constexpr char quick_stop[] = "devinfo_flag_check_interval=10";
 
-std::filesystem::path dir_of(const settings& given) {
-    return given.dir.empty() ? default_dir : given.dir;
+std::filesystem::path dir_of(const settings& chosen) {
+    return chosen.dir.empty() ? default_dir : chosen.dir;
 }
 
 // With the global options of the line, but without logs that would stay.
-void install_to_look(settings given, installation& made) {
-    given.log.clear();
-    given.keep_logs = false;
+void install_to_look(settings chosen, installation& result) {
+    chosen.log.clear();
+    chosen.keep_logs = false;
     const auto same_key = [](const std::string& setting) {
         return split(setting, "=").front() == split(quick_stop, "=").front();
     };
-    if (std::none_of(given.keys.begin(), given.keys.end(), same_key)) {
-        given.keys.emplace_back(quick_stop);
+    if (std::none_of(chosen.keys.begin(), chosen.keys.end(), same_key)) {
+        chosen.keys.emplace_back(quick_stop);
     }
-    install(given, made);
+    install(chosen, result);
 }
 
-std::vector<candidate> heard_cards(const context& with, const settings& given) {
-    if (given.ports.empty() && !std::filesystem::is_directory(dir_of(given))) return {};
+std::vector<candidate> heard_cards(const context& with, const settings& chosen) {
+    if (chosen.ports.empty() && !std::filesystem::is_directory(dir_of(chosen))) return {};
     installation where;
-    install_to_look(given, where);
+    install_to_look(chosen, where);
     context own{.define = with.define,
                 .where = where,
                 .log_level = QNM_LOGLVL_NONE,
                 .out = with.out,
-                .told = with.told,
+                .results = with.results,
                 .signals = with.signals,
                 .how = {}};
     start(own);
     listen(own, {.seconds = seconds_at_a_prompt});
     std::vector<candidate> found;
-    for (const card& one : read_cards()) {
-        found.push_back({id_text(common(one).ecd_id), std::string(kind_text(one)) +
-                                                          " card of group " +
-                                                          std::to_string(common(one).ecd_vlan_id)});
+    for (const card& record : read_cards()) {
+        found.push_back(
+            {id_text(common(record).ecd_id), std::string(kind_text(record)) + " card of group " +
+                                                 std::to_string(common(record).ecd_vlan_id)});
     }
     return found;
 }
@@ -83,8 +83,8 @@ struct completion_options {
 
 int run_completion(context& with, const completion_options& options) {
     const std::string script = completion_script(options.shell);
-    with.told.text(script);
-    with.told.record("script", {{"shell", options.shell}, {"text", script}});
+    with.results.text(script);
+    with.results.record("script", {{"shell", options.shell}, {"text", script}});
     return exit_ok;
 }
 
@@ -95,16 +95,16 @@ struct complete_options {
 // Without a manager, for lack of a privilege for example, there are no cards to offer. Nothing is
 // printed, because nobody would see it.
 int run_complete(context& with, const complete_options& options) {
-    const auto cards = [&](const settings& given) -> std::vector<candidate> {
+    const auto cards = [&](const settings& chosen) -> std::vector<candidate> {
         try {
-            return heard_cards(with, given);
+            return heard_cards(with, chosen);
         } catch (const error&) {
             return {};
         }
     };
     command_tree tree(used_for::command_line);
     with.define(tree);
-    with.told.text(candidates_text(complete(tree, options.words, cards)));
+    with.results.text(candidates_text(complete(tree, options.words, cards)));
     return exit_ok;
 }
 
@@ -115,7 +115,7 @@ int run_man_page(context& with, const no_options&) {
     command_tree lines(used_for::lines);
     with.define(tree);
     with.define(lines);
-    with.told.text(man_page(tree, lines));
+    with.results.text(man_page(tree, lines));
     return exit_ok;
 }
 
@@ -123,8 +123,8 @@ void answer_help(context& with, const no_options&) {
     command_tree tree(used_for::lines);
     with.define(tree);
     const std::string help = lines_help(tree);
-    with.told.text(help);
-    with.told.record("help", {{"text", help}});
+    with.results.text(help);
+    with.results.record("help", {{"text", help}});
 }
 
 void answer_quit(context& with, const no_options&) {

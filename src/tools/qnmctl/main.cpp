@@ -33,7 +33,7 @@ int run(const qnmctl::command& wanted, qnmctl::writer& told, qnmctl::output& out
                          .where = where,
                          .log_level = global.log_level,
                          .out = out,
-                         .told = told,
+                         .results = told,
                          .signals = signals,
                          .how = qnmctl::look_of(STDOUT_FILENO)};
     return wanted.run(with);
@@ -53,17 +53,17 @@ int status_after(const qnmctl::output& out, const qnmctl::command& wanted, int s
 // Returns the exit status. A failure is a record as well, so the document ends after it.
 int run_and_tell(const qnmctl::command& wanted, int signals) {
     qnmctl::output out(STDOUT_FILENO, signals);
-    qnmctl::writer told(out, wanted.form, wanted.name);
+    qnmctl::writer results(out, wanted.form, wanted.name);
     int status = qnmctl::exit_failed;
     try {
-        status = run(wanted, told, out, signals);
+        status = run(wanted, results, out, signals);
     } catch (const qnmctl::error& e) {
         status = e.status;
-        told.failure(e.what(), e.status, e.code);
+        results.failure(e.what(), e.status, e.code);
     } catch (const std::exception& e) {
-        told.failure(e.what(), status, std::nullopt);
+        results.failure(e.what(), status, std::nullopt);
     }
-    told.end(status);
+    results.end(status);
     return status_after(out, wanted, status);
 }
 

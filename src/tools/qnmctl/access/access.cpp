@@ -116,7 +116,7 @@ bool is_confirmed(const context& with, const std::string& question) {
 }
 
 void check_can_ask(const context& with) {
-    if (!with.told.is_text()) {
+    if (!with.results.is_text()) {
         throw usage_error("JSON leaves no room for a question\nAdd --yes.");
     }
     if (isatty(STDIN_FILENO) != 1) {
@@ -215,13 +215,14 @@ std::string access_failure(const context& with, std::uint64_t id, const char* ca
     return failure_text(id, call, scope, code, known);
 }
 
-std::string incomplete_text(const context& with, const dump_source& from, const dump_result& of,
+std::string incomplete_text(const context& with, const dump_source& from, const dump_result& result,
                             std::uint32_t end) {
-    const auto next = of.read.start + static_cast<std::uint32_t>(of.read.words.size() * word_bytes);
+    const auto next =
+        result.read.start + static_cast<std::uint32_t>(result.read.words.size() * word_bytes);
     const std::string place =
         "\nRead up to " + hex_text(next, 8) + ", of " + hex_text(end, 8) + '.';
-    if (!of.code) return id_text(of.read.id) + ": ended by a signal" + place;
-    return access_failure(with, of.read.id, from.call, from.scope, *of.code) + place;
+    if (!result.code) return id_text(result.read.id) + ": ended by a signal" + place;
+    return access_failure(with, result.read.id, from.call, from.scope, *result.code) + place;
 }
 
 }  // namespace qnmctl

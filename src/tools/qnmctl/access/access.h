@@ -92,7 +92,7 @@ dump_result read_dump(context& with, const dump_source& from, const access_optio
                       std::uint32_t start, std::uint32_t end);
 
 // Why a dump is not complete. Only for one that is not.
-std::string incomplete_text(const context& with, const dump_source& from, const dump_result& of,
+std::string incomplete_text(const context& with, const dump_source& from, const dump_result& result,
                             std::uint32_t end);
 
 }  // namespace qnmctl

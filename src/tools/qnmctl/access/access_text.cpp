@@ -78,13 +78,13 @@ constexpr remedy remedies[] = {
 const char* remedy_of(access_scope scope, qnm_api_code_t code) {
     const auto found =
         std::find_if(std::begin(remedies), std::end(remedies),
-                     [&](const remedy& of) { return of.scope == scope && of.code == code; });
+                     [&](const remedy& help) { return help.scope == scope && help.code == code; });
     return found == std::end(remedies) ? code_remedy(code) : found->text;
 }
 
-std::uint32_t value_of(const access_item& item, const outcome& of, const access_told& told) {
-    if (item.source == from_card) return of.value;
-    return told.numbers[static_cast<std::size_t>(item.source)];
+std::uint32_t value_of(const access_item& item, const outcome& result, const access_told& words) {
+    if (item.source == from_card) return result.value;
+    return words.numbers[static_cast<std::size_t>(item.source)];
 }
 
 std::string number_text(std::uint32_t value, int digits) {
@@ -104,23 +104,23 @@ std::string printable(const std::string& bytes) {
 
 }  // namespace
 
-std::string outcome_text(const outcome& of, const access_told& told) {
-    std::string text = id_text(of.id) + ' ';
+std::string outcome_text(const outcome& result, const access_told& told) {
+    std::string text = id_text(result.id) + ' ';
     for (const access_item& item : told.words->items)
-        text += item.words + number_text(value_of(item, of, told), item.digits);
+        text += item.words + number_text(value_of(item, result, told), item.digits);
     return text + (is_verified(told) ? told.words->verified : told.words->done);
 }
 
-json outcome_json(const outcome& of, const access_told& told) {
-    json object = {{"id", id_text(of.id)}};
+json outcome_json(const outcome& result, const access_told& told) {
+    json object = {{"id", id_text(result.id)}};
     for (const access_item& item : told.words->items) {
-        const bool known = item.source != from_card || of.code == QNM_API_SUCCESS;
-        object[item.name] = known ? json(value_of(item, of, told)) : json();
+        const bool known = item.source != from_card || result.code == QNM_API_SUCCESS;
+        object[item.name] = known ? json(value_of(item, result, told)) : json();
     }
     if (told.words->verified != nullptr) {
-        object["verified"] = is_verified(told) && of.code == QNM_API_SUCCESS;
+        object["verified"] = is_verified(told) && result.code == QNM_API_SUCCESS;
     }
-    object["result"] = code_json(of.code);
+    object["result"] = code_json(result.code);
     return object;
 }
 
@@ -130,14 +130,14 @@ std::string failure_text(std::uint64_t id, const char* call, access_scope scope,
            (known.empty() ? remedy_of(scope, code) : known);
 }
 
-std::string dump_text(const dump& of) {
+std::string dump_text(const dump& source) {
     constexpr std::size_t per_line = 4;
     std::string text;
-    for (std::size_t at = 0; at < of.words.size(); at += per_line) {
-        const auto first = of.words.begin() + static_cast<std::ptrdiff_t>(at);
-        const word_list line(
-            first, first + static_cast<std::ptrdiff_t>(std::min(per_line, of.words.size() - at)));
-        text += hex_text(of.start + at * word_bytes, addr_digits);
+    for (std::size_t at = 0; at < source.words.size(); at += per_line) {
+        const auto first = source.words.begin() + static_cast<std::ptrdiff_t>(at);
+        const word_list line(first, first + static_cast<std::ptrdiff_t>(
+                                                std::min(per_line, source.words.size() - at)));
+        text += hex_text(source.start + at * word_bytes, addr_digits);
         text += ' ';
         for (std::size_t column = 0; column < per_line; ++column) {
             text += ' ';
@@ -149,10 +149,10 @@ std::string dump_text(const dump& of) {
     return text;
 }
 
-json dump_json(const dump& of, std::optional<qnm_api_code_t> code) {
-    return {{"id", id_text(of.id)},
-            {"addr", of.start},
-            {"words", json(of.words)},
+json dump_json(const dump& source, std::optional<qnm_api_code_t> code) {
+    return {{"id", id_text(source.id)},
+            {"addr", source.start},
+            {"words", json(source.words)},
             {"result", code_json(code)}};
 }
 

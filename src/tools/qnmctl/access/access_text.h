@@ -54,8 +54,9 @@ struct access_told {
     std::uint32_t flags;
 };
 
-std::string outcome_text(const outcome& of, const access_told& told);  // of a success; one line
-json outcome_json(const outcome& of, const access_told& told);
+std::string outcome_text(const outcome& result,
+                         const access_told& words);  // of a success; one line
+json outcome_json(const outcome& result, const access_told& words);
 
 // Why the call failed for a card, and what to try: in general, or as is known.
 std::string failure_text(std::uint64_t id, const char* call, access_scope scope,
@@ -69,8 +70,8 @@ struct dump {
 };
 
 // Lines of four words: address, hexadecimal, and as text the bytes in the order of an image file.
-std::string dump_text(const dump& of);
-json dump_json(const dump& of, std::optional<qnm_api_code_t> code);
+std::string dump_text(const dump& source);
+json dump_json(const dump& source, std::optional<qnm_api_code_t> code);
 
 std::string difference_text(const std::vector<difference>& all);  // a line for each
 json difference_json(const std::vector<difference>& all);

@@ -27,35 +27,42 @@ struct call_arguments {
 
 using access_call = qnm_api_code_t (*)(std::uint64_t, const call_arguments&, std::uint32_t&);
 
-qnm_api_code_t read_register(std::uint64_t id, const call_arguments& of, std::uint32_t& value) {
-    return qnm_read_register(id, of.numbers[0], &value, of.retry, of.flags);
+qnm_api_code_t read_register(std::uint64_t id, const call_arguments& arguments,
+                             std::uint32_t& value) {
+    return qnm_read_register(id, arguments.numbers[0], &value, arguments.retry, arguments.flags);
 }
-qnm_api_code_t write_register(std::uint64_t id, const call_arguments& of, std::uint32_t&) {
-    return qnm_write_register(id, of.numbers[0], of.numbers[1], of.retry, of.flags);
+qnm_api_code_t write_register(std::uint64_t id, const call_arguments& arguments, std::uint32_t&) {
+    return qnm_write_register(id, arguments.numbers[0], arguments.numbers[1], arguments.retry,
+                              arguments.flags);
 }
-qnm_api_code_t modify_register(std::uint64_t id, const call_arguments& of, std::uint32_t&) {
-    return qnm_modify_register(id, of.numbers[0], of.numbers[1], of.numbers[2], of.retry, of.flags);
+qnm_api_code_t modify_register(std::uint64_t id, const call_arguments& arguments, std::uint32_t&) {
+    return qnm_modify_register(id, arguments.numbers[0], arguments.numbers[1], arguments.numbers[2],
+                               arguments.retry, arguments.flags);
 }
-qnm_api_code_t read_eeprom(std::uint64_t id, const call_arguments& of, std::uint32_t& value) {
-    return qnm_read_eeprom(id, of.numbers[0], &value, of.retry, of.flags);
+qnm_api_code_t read_eeprom(std::uint64_t id, const call_arguments& arguments,
+                           std::uint32_t& value) {
+    return qnm_read_eeprom(id, arguments.numbers[0], &value, arguments.retry, arguments.flags);
 }
-qnm_api_code_t write_eeprom(std::uint64_t id, const call_arguments& of, std::uint32_t&) {
-    return qnm_write_eeprom(id, of.numbers[0], of.numbers[1], of.retry, of.flags);
+qnm_api_code_t write_eeprom(std::uint64_t id, const call_arguments& arguments, std::uint32_t&) {
+    return qnm_write_eeprom(id, arguments.numbers[0], arguments.numbers[1], arguments.retry,
+                            arguments.flags);
 }
 qnm_api_code_t unlock_eeprom(std::uint64_t id, const call_arguments&, std::uint32_t&) {
     return qnm_unlock_eeprom(id);
 }
-qnm_api_code_t set_vlanid(std::uint64_t id, const call_arguments& of, std::uint32_t&) {
-    return qnm_set_vlanid(id, static_cast<std::uint16_t>(of.numbers[0]), of.retry, of.flags);
+qnm_api_code_t set_vlanid(std::uint64_t id, const call_arguments& arguments, std::uint32_t&) {
+    return qnm_set_vlanid(id, static_cast<std::uint16_t>(arguments.numbers[0]), arguments.retry,
+                          arguments.flags);
 }
-qnm_api_code_t send_reset(std::uint64_t id, const call_arguments& of, std::uint32_t&) {
-    return qnm_send_resetframe(id, static_cast<unsigned char>(of.numbers[0]), of.retry, of.flags);
+qnm_api_code_t send_reset(std::uint64_t id, const call_arguments& arguments, std::uint32_t&) {
+    return qnm_send_resetframe(id, static_cast<unsigned char>(arguments.numbers[0]),
+                               arguments.retry, arguments.flags);
 }
 // The library takes the page by a pointer to what could be changed; it is copied for that.
-qnm_api_code_t write_mmspage(std::uint64_t id, const call_arguments& of, std::uint32_t&) {
+qnm_api_code_t write_mmspage(std::uint64_t id, const call_arguments& arguments, std::uint32_t&) {
     std::uint32_t page[mms_words];
-    std::copy(std::begin(of.page), std::end(of.page), page);
-    return qnm_write_mmspage(id, of.numbers[0], page, of.flags);
+    std::copy(std::begin(arguments.page), std::end(arguments.page), page);
+    return qnm_write_mmspage(id, arguments.numbers[0], page, arguments.flags);
 }
 
 constexpr access_item register_read[] = {{"addr", "register ", 0, 8},
@@ -275,10 +282,10 @@ std::vector<outcome> access_cards(context& with, const call_options& options,
     return outcomes;
 }
 
-void tell_outcomes(context& with, const std::vector<outcome>& all, const access_told& told) {
-    for (const outcome& one : all) {
-        if (one.code == QNM_API_SUCCESS) with.told.text(outcome_text(one, told) + '\n');
-        with.told.record("result", outcome_json(one, told));
+void tell_outcomes(context& with, const std::vector<outcome>& all, const access_told& words) {
+    for (const outcome& result : all) {
+        if (result.code == QNM_API_SUCCESS) with.results.text(outcome_text(result, words) + '\n');
+        with.results.record("result", outcome_json(result, words));
     }
 }
 
@@ -286,12 +293,12 @@ void tell_outcomes(context& with, const std::vector<outcome>& all, const access_
 int tell_failures(context& with, const std::vector<outcome>& all, const access_words& words) {
     std::size_t unreached = 0;
     int status = exit_ok;
-    for (const outcome& one : all) {
-        if (!one.code) ++unreached;
-        if (!one.code || one.code == QNM_API_SUCCESS) continue;
-        if (status == exit_ok) status = code_status(*one.code);
-        tell_failure(with, access_failure(with, one.id, words.call, words.scope, *one.code),
-                     one.code);
+    for (const outcome& result : all) {
+        if (!result.code) ++unreached;
+        if (!result.code || result.code == QNM_API_SUCCESS) continue;
+        if (status == exit_ok) status = code_status(*result.code);
+        tell_failure(with, access_failure(with, result.id, words.call, words.scope, *result.code),
+                     result.code);
     }
     if (unreached == 0) return status;
     tell_failure(with, "ended by a signal; cards not accessed: " + std::to_string(unreached));

@@ -38,22 +38,23 @@ void check_range(const dump_options& options) {
     throw usage_error("nothing to dump: START is not below END");
 }
 
-void tell_dump(context& with, const dump_result& of) {
-    with.told.text(dump_text(of.read));
-    with.told.record("dump", dump_json(of.read, of.code));
+void tell_dump(context& with, const dump_result& result) {
+    with.results.text(dump_text(result.read));
+    with.results.record("dump", dump_json(result.read, result.code));
 }
 
 // What has been read is told in full when the file cannot have it.
-void store_dump(context& with, const dump_options& options, const dump_result& of, new_file& raw) {
-    const std::string bytes = to_bytes(of.read.words);
+void store_dump(context& with, const dump_options& options, const dump_result& result,
+                new_file& raw) {
+    const std::string bytes = to_bytes(result.read.words);
     try {
         raw.commit(bytes);
     } catch (const error&) {
-        tell_dump(with, of);
+        tell_dump(with, result);
         throw;
     }
-    with.told.text(std::to_string(bytes.size()) + " bytes written to " + options.raw + '\n');
-    with.told.record("dump", dump_json(of.read, of.code));
+    with.results.text(std::to_string(bytes.size()) + " bytes written to " + options.raw + '\n');
+    with.results.record("dump", dump_json(result.read, result.code));
 }
 
 int dump_and_tell(context& with, const dump_options& options, const dump_source& from) {

@@ -58,13 +58,13 @@ restore_result write_words(context& with, const restore_options& options,
 void tell_result(context& with, const restore_options& options,
                  const std::vector<difference>& changes, const restore_result& result) {
     const std::string count = std::to_string(result.written);
-    with.told.text(changes.empty() ? "the EEPROM holds the image already\n"
-                                   : "words written and verified: " + count + '\n');
-    with.told.record("restore", {{"id", id_text(options.access.id())},
-                                 {"file", options.file},
-                                 {"differences", difference_json(changes)},
-                                 {"written", result.written},
-                                 {"result", code_json(result.code)}});
+    with.results.text(changes.empty() ? "the EEPROM holds the image already\n"
+                                      : "words written and verified: " + count + '\n');
+    with.results.record("restore", {{"id", id_text(options.access.id())},
+                                    {"file", options.file},
+                                    {"differences", difference_json(changes)},
+                                    {"written", result.written},
+                                    {"result", code_json(result.code)}});
     if (result.code == QNM_API_SUCCESS) return;
     const std::string reason = result.code
                                    ? access_failure(with, options.access.id(), "qnm_write_eeprom",
@@ -90,7 +90,7 @@ int run_restore(context& with, const restore_options& options) {
         return status_of(before.code);
     }
     const std::vector<difference> changes = differences(before.read.words, image);
-    with.told.text(difference_text(changes));
+    with.results.text(difference_text(changes));
     const std::string question = "Write " + std::to_string(changes.size()) +
                                  " words to the EEPROM of card " + id_text(options.access.id()) +
                                  '?';

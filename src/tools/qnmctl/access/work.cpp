@@ -51,9 +51,9 @@ class crew {
         for (std::size_t job = 0; !state.ending && (job = next_++) < wanted_.jobs;)
             wanted_.run(job, state);
         if (--left_ != 0) return;
-        const std::uint64_t one = 1;
+        const std::uint64_t number = 1;
         // It can only fail when the counter is full, and then the waiting one is woken anyway.
-        [[maybe_unused]] const ssize_t written = write(done_fd_, &one, sizeof one);
+        [[maybe_unused]] const ssize_t written = write(done_fd_, &number, sizeof number);
     }
 
     const work& wanted_;

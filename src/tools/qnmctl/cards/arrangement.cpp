@@ -24,10 +24,10 @@ std::string in_lower_case(std::string text) {
 }
 
 std::string searched_text(const card& record) {
-    const qnm_com_dev_t& of = common(record);
-    return in_lower_case(id_text(of.ecd_id) + ' ' + mac_text(of.ecd_id) + ' ' + kind_text(record) +
-                         (of.ecd_type == 0 ? " 1/10g" : " 40g") + " vlan" +
-                         std::to_string(of.ecd_vlan_id));
+    const qnm_com_dev_t& dev = common(record);
+    return in_lower_case(id_text(dev.ecd_id) + ' ' + mac_text(dev.ecd_id) + ' ' +
+                         kind_text(record) + (dev.ecd_type == 0 ? " 1/10g" : " 40g") + " vlan" +
+                         std::to_string(dev.ecd_vlan_id));
 }
 
 double heard_key(const card& record, wall_time now) {
@@ -49,19 +49,19 @@ bool passes(const card& record, const card_filter& filter) {
 }
 
 double order_key(const card& record, card_order order, wall_time now) {
-    const qnm_com_dev_t& of = common(record);
+    const qnm_com_dev_t& dev = common(record);
     switch (order) {
         case card_order::id:
-            return static_cast<double>(of.ecd_id);  // 48 bits, which a double holds exactly
+            return static_cast<double>(dev.ecd_id);  // 48 bits, which a double holds exactly
         case card_order::kind:
             return static_cast<double>(record.index());
         case card_order::type:
-            return of.ecd_type != 0 ? 1 : 0;
+            return dev.ecd_type != 0 ? 1 : 0;
         case card_order::vlan:
-            return of.ecd_vlan_id;
+            return dev.ecd_vlan_id;
         case card_order::paths:
-            return of.ecd_state[0][0] + of.ecd_state[0][1] + of.ecd_state[1][0] +
-                   of.ecd_state[1][1];
+            return dev.ecd_state[0][0] + dev.ecd_state[0][1] + dev.ecd_state[1][0] +
+                   dev.ecd_state[1][1];
         case card_order::heard:
             return heard_key(record, now);
     }

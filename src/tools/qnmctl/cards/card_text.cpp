@@ -43,18 +43,18 @@ constexpr card_column card_columns[] = {
 // Indexed by condition.
 constexpr const char* condition_colours[] = {nullptr, yellow, red};
 
-std::string cell(const card& of, const field* shown) {
+std::string cell(const card& record, const field* shown) {
     if (shown == nullptr) return "-";  // a field that this kind of card does not have
     if (shown->about != aspect::path) return value_text(*shown);
     const int port = shown->key[1] - '0';  // "P0M1"
     const int path = shown->key[3] - '0';
-    return sight_text(path_of(of, port, path));
+    return sight_text(path_of(record, port, path));
 }
 
 // A downstream port with no card connected behind it.
-bool is_empty_port(const section& of) {
-    const field* const connection = find_field(of.fields, "connection", "");
-    return of.index >= 0 && connection != nullptr && connection->value == 0;
+bool is_empty_port(const section& part) {
+    const field* const connection = find_field(part.fields, "connection", "");
+    return part.index >= 0 && connection != nullptr && connection->value == 0;
 }
 
 std::string section_text(const section& shown, const look& how) {
@@ -63,12 +63,12 @@ std::string section_text(const section& shown, const look& how) {
     constexpr std::size_t width_with_names = 78;
     const std::string title = trimmed(section_title(shown));
     std::string text = title.empty() ? "" : in_colour("  " + title, bold, how.coloured) + '\n';
-    for (const field& of : shown.fields) {
+    for (const field& item : shown.fields) {
         const std::string name =
-            of.key == nullptr ? of.name : of.name + (std::string(".") + of.key);
-        text += (title.empty() ? "  " : "    ") + padded(of.title, title_width) + ' ';
+            item.key == nullptr ? item.name : item.name + (std::string(".") + item.key);
+        text += (title.empty() ? "  " : "    ") + padded(item.title, title_width) + ' ';
         if (how.width >= width_with_names) text += padded(name, name_width) + ' ';
-        text += value_text(of) + '\n';
+        text += value_text(item) + '\n';
     }
     return text;
 }

@@ -52,13 +52,13 @@ std::vector<card> chosen(const std::vector<card>& known, const list_options& opt
 
 void tell_cards(context& with, const std::vector<card>& cards) {
     for (const card& record : cards)
-        with.told.record("card", card_json(record));
+        with.results.record("card", card_json(record));
 }
 
 void answer_list(context& with, const list_options& options) {
     const std::vector<card> known = read_cards();
     const std::vector<card> cards = chosen(known, options);
-    with.told.text(list_text(cards, known.size(), with) + '\n');
+    with.results.text(list_text(cards, known.size(), with) + '\n');
     tell_cards(with, cards);
 }
 

@@ -25,8 +25,8 @@ void answer_loglevel(context& with, const loglevel_options& options) {
     const qnm_api_code_t code = qnm_set_loglevel(options.level);
     if (code != QNM_API_SUCCESS) throw failed_call("qnm_set_loglevel", code);
     const char* const word = level_word(options.level);
-    with.told.text(std::string("log level ") + word + '\n');
-    with.told.record("loglevel", {{"level", word}, {"result", code_name(code)}});
+    with.results.text(std::string("log level ") + word + '\n');
+    with.results.record("loglevel", {{"level", word}, {"result", code_name(code)}});
 }
 
 // "none" is no level of the library's, but asks for the configured one.

@@ -44,9 +44,9 @@ void answer_monitor(context& with, const monitor_options& options) {
     const monitor_call& row = monitor_calls[wanted];
     const qnm_api_code_t code = row.call(options.id);
     if (code != QNM_API_SUCCESS) throw failed_call(row.name, code);
-    with.told.text(std::string("monitor ") + word + ' ' + id_text(options.id) + ": " +
-                   code_name(code) + ", " + row.meaning + '\n');
-    with.told.record("monitor", monitored_json(word, options.id, code));
+    with.results.text(std::string("monitor ") + word + ' ' + id_text(options.id) + ": " +
+                      code_name(code) + ", " + row.meaning + '\n');
+    with.results.record("monitor", monitored_json(word, options.id, code));
     tell_monitor(with, options.id, options.wanted == action::restart);
 }
 

@@ -34,9 +34,9 @@ void answer_show(context& with, const show_options& options) {
                         " has been heard\n\"list\" shows the cards that are.",
                     QNM_API_ENOENT);
     }
-    with.told.text(
+    with.results.text(
         card_text(*known, with.how, options.verbose ? down_ports::all : down_ports::connected));
-    with.told.record("card", card_json(*known));
+    with.results.record("card", card_json(*known));
 }
 
 int run_show(context& with, const show_options& options) {

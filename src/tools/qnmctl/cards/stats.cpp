@@ -38,8 +38,8 @@ void answer_stats(context& with, const stats_options& options) {
     if (code != QNM_API_SUCCESS) throw failed_call("qnm_stdump", code);
     const std::string dump = before.text_since();
     const bool kept = running.wanted.folder == at_the_end::kept;
-    with.told.text(dump);
-    with.told.record("stats", stats_json(dump, kept ? running.stats.string() : ""));
+    with.results.text(dump);
+    with.results.record("stats", stats_json(dump, kept ? running.stats.string() : ""));
 }
 
 int run_stats(context& with, const stats_options& options) {

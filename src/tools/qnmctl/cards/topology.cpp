@@ -25,15 +25,15 @@ std::uint64_t mac_of(const std::uint8_t (&bytes)[Size]) {
 }
 
 // A 40G card has a second MAC address, which differs from its ID in the lowest bit.
-bool is_mac_of(const card& one, std::uint64_t mac) {
-    const qnm_com_dev_t& dev = common(one);
+bool is_mac_of(const card& record, std::uint64_t mac) {
+    const qnm_com_dev_t& dev = common(record);
     return dev.ecd_id == mac || (dev.ecd_type != 0 && dev.ecd_id == (mac & ~std::uint64_t{1}));
 }
 
 template <class Record>
 const card* find_card(const std::vector<card>& cards, std::uint64_t mac) {
-    const auto found = std::find_if(cards.begin(), cards.end(), [&](const card& one) {
-        return std::holds_alternative<Record>(one) && is_mac_of(one, mac);
+    const auto found = std::find_if(cards.begin(), cards.end(), [&](const card& record) {
+        return std::holds_alternative<Record>(record) && is_mac_of(record, mac);
     });
     return found == cards.end() ? nullptr : &*found;
 }
@@ -89,12 +89,12 @@ topology_server& server_of(topology& in, std::uint64_t mac) {
 
 bool has_link_to(const topology_server& from, std::uint64_t id) {
     return std::any_of(from.links.begin(), from.links.end(),
-                       [&](const topology_link& one) { return one.device.id == id; });
+                       [&](const topology_link& link) { return link.device.id == id; });
 }
 
 bool is_behind_a_port(const topology& in, std::uint64_t id) {
     return std::any_of(in.servers.begin(), in.servers.end(),
-                       [&](const topology_server& one) { return has_link_to(one, id); });
+                       [&](const topology_server& server) { return has_link_to(server, id); });
 }
 
 void add_device(topology& to, const card& device) {
@@ -114,18 +114,18 @@ void add_device(topology& to, const card& device) {
 
 // ---- Words --------------------------------------------------------------------------------------
 
-std::string group_of(const topology_card& of) {
-    return of.record ? std::to_string(common(*of.record).ecd_vlan_id) : "";
+std::string group_of(const topology_card& node) {
+    return node.record ? std::to_string(common(*node.record).ecd_vlan_id) : "";
 }
 
-std::string card_words(const topology_card& of) {
-    if (!of.record) return id_text(of.id) + "  not heard";
-    const bool fast = common(*of.record).ecd_type != 0;
-    return id_text(of.id) + "  " + (fast ? "40G" : "1/10G") + ", VLAN ID " + group_of(of);
+std::string card_words(const topology_card& node) {
+    if (!node.record) return id_text(node.id) + "  not heard";
+    const bool fast = common(*node.record).ecd_type != 0;
+    return id_text(node.id) + "  " + (fast ? "40G" : "1/10G") + ", VLAN ID " + group_of(node);
 }
 
-std::string port_words(const topology_link& of) {
-    return of.port ? "port " + std::to_string(*of.port) : "no port";
+std::string port_words(const topology_link& link) {
+    return link.port ? "port " + std::to_string(*link.port) : "no port";
 }
 
 struct tree_signs {
@@ -140,49 +140,49 @@ constexpr std::size_t sign_width = 3;
 constexpr std::size_t port_width = sizeof "port 15";
 
 // Where it does not fit, what is wrong has a line of its own.
-std::string link_line(const topology_link& of, const char* sign, const look& how) {
-    std::string line = port_words(of);
+std::string link_line(const topology_link& link, const char* sign, const look& how) {
+    std::string line = port_words(link);
     line.resize(port_width, ' ');
-    line = sign + line + "QNIO " + card_words(of.device);
-    if (of.disagreement.empty()) return line + '\n';
-    const std::string wrong = "! " + of.disagreement;
+    line = sign + line + "QNIO " + card_words(link.device);
+    if (link.disagreement.empty()) return line + '\n';
+    const std::string wrong = "! " + link.disagreement;
     const bool fits = width_of(line) + 2 + wrong.size() <= how.width;
     line += fits ? "  " : '\n' + std::string(sign_width, ' ');
     return line + in_colour(wrong, red, how.coloured) + '\n';
 }
 
-json card_head_json(const topology_card& of) {
-    json object = {{"id", id_text(of.id)}, {"heard", of.record.has_value()}};
-    object["vlan_id"] = of.record ? json(common(*of.record).ecd_vlan_id) : json();
+json card_head_json(const topology_card& node) {
+    json object = {{"id", id_text(node.id)}, {"heard", node.record.has_value()}};
+    object["vlan_id"] = node.record ? json(common(*node.record).ecd_vlan_id) : json();
     return object;
 }
 
 }  // namespace
 
 topology make_topology(const std::vector<card>& cards) {
-    topology made;
+    topology result;
     for (const card& one : cards) {
         if (!std::holds_alternative<qnm_qnsv_t>(one)) continue;
-        made.servers.push_back({.server = {.id = common(one).ecd_id, .record = one},
-                                .links = reported_links(one, cards)});
+        result.servers.push_back({.server = {.id = common(one).ecd_id, .record = one},
+                                  .links = reported_links(one, cards)});
     }
     for (const card& one : cards) {
-        if (std::holds_alternative<qnm_qnio_t>(one)) add_device(made, one);
+        if (std::holds_alternative<qnm_qnio_t>(one)) add_device(result, one);
     }
-    return made;
+    return result;
 }
 
-std::string topology_text(const topology& of, const look& how) {
+std::string topology_text(const topology& picture, const look& how) {
     const tree_signs& signs = how.unicode ? unicode_signs : plain_signs;
     std::string text;
-    for (const topology_server& one : of.servers) {
+    for (const topology_server& one : picture.servers) {
         text += "QNSV " + card_words(one.server) + '\n';
         for (const topology_link& link : one.links)
             text += link_line(link, &link == &one.links.back() ? signs.last : signs.more, how);
     }
-    if (!of.unbound.empty()) text += "QNIO cards without a QNSV card\n";
-    for (const card& one : of.unbound) {
-        text += &one == &of.unbound.back() ? signs.last : signs.more;
+    if (!picture.unbound.empty()) text += "QNIO cards without a QNSV card\n";
+    for (const card& one : picture.unbound) {
+        text += &one == &picture.unbound.back() ? signs.last : signs.more;
         text += "QNIO " + card_words({common(one).ecd_id, one}) + '\n';
     }
     return text.empty() ? "no cards heard\n" : text;
@@ -192,17 +192,17 @@ json server_json(const topology_server& of) {
     json object = card_head_json(of.server);
     object["links"] = json::array();
     for (const topology_link& link : of.links) {
-        json one = {{"port", link.port ? json(*link.port) : json()}};
-        one["qnio"] = card_head_json(link.device);
-        one["agreed"] = link.disagreement.empty();
-        one["disagreement"] = link.disagreement.empty() ? json() : json(link.disagreement);
-        object["links"].push_back(one);
+        json value = {{"port", link.port ? json(*link.port) : json()}};
+        value["qnio"] = card_head_json(link.device);
+        value["agreed"] = link.disagreement.empty();
+        value["disagreement"] = link.disagreement.empty() ? json() : json(link.disagreement);
+        object["links"].push_back(value);
     }
     return object;
 }
 
-json unbound_json(const card& of) {
-    return card_head_json({common(of).ecd_id, of});
+json unbound_json(const card& record) {
+    return card_head_json({common(record).ecd_id, record});
 }
 
 }  // namespace qnmctl

@@ -39,12 +39,12 @@ struct topology {
 
 topology make_topology(const std::vector<card>& cards);
 
-std::string topology_text(const topology& of, const look& how);
+std::string topology_text(const topology& picture, const look& how);
 
 // For Graphviz, with the names of the manager's ports.
-std::string topology_dot(const topology& of, const std::vector<std::string>& ports);
+std::string topology_dot(const topology& picture, const std::vector<std::string>& ports);
 
-json server_json(const topology_server& of);
-json unbound_json(const card& of);
+json server_json(const topology_server& server);
+json unbound_json(const card& record);
 
 }  // namespace qnmctl

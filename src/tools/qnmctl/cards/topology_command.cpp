@@ -31,15 +31,15 @@ struct topology_options {
 
 void answer_topology(context& with, const topology_options&) {
     const topology found = make_topology(read_cards());
-    if (with.told.form() == output_form::dot) {
+    if (with.results.form() == output_form::dot) {
         const auto ports = configured_ports(read_config(with.where.config()));
-        return with.told.text(topology_dot(found, ports));
+        return with.results.text(topology_dot(found, ports));
     }
-    with.told.text(topology_text(found, with.how));
+    with.results.text(topology_text(found, with.how));
     for (const topology_server& server : found.servers)
-        with.told.record("qnsv", server_json(server));
+        with.results.record("qnsv", server_json(server));
     for (const card& device : found.unbound)
-        with.told.record("unbound", unbound_json(device));
+        with.results.record("unbound", unbound_json(device));
 }
 
 int run_topology(context& with, const topology_options& options) {

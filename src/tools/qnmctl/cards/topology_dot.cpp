@@ -31,17 +31,17 @@ struct drawn_card {
 using drawn_cards = std::map<std::uint64_t, drawn_card>;
 
 // Each card once, though several links may name it.
-drawn_cards cards_of(const topology& of) {
+drawn_cards cards_of(const topology& picture) {
     drawn_cards cards;
     const auto add = [&cards](const kind_look& kind, const topology_card& one) {
         cards.try_emplace(one.id, drawn_card{kind, one});
     };
-    for (const topology_server& one : of.servers) {
+    for (const topology_server& one : picture.servers) {
         add(server_look, one.server);
         for (const topology_link& link : one.links)
             add(device_look, link.device);
     }
-    for (const card& one : of.unbound)
+    for (const card& one : picture.unbound)
         add(device_look, {common(one).ecd_id, one});
     return cards;
 }
@@ -79,12 +79,12 @@ std::string ports_text(const std::vector<std::string>& ports) {
 
 // ---- Cards --------------------------------------------------------------------------------------
 
-std::string node_line(const drawn_card& of) {
-    const topology_card& self = of.self;
-    std::string label = of.kind.name;
+std::string node_line(const drawn_card& drawn) {
+    const topology_card& self = drawn.self;
+    std::string label = drawn.kind.name;
     if (self.record) label += common(*self.record).ecd_type != 0 ? " 40G" : " 1/10G";
     label += "\\n" + id_text(self.id);
-    std::string look = of.kind.attributes;
+    std::string look = drawn.kind.attributes;
     if (!self.record) {
         label += "\\nnot heard";
         look += ", style=dashed";
@@ -116,11 +116,11 @@ std::string groups_text(const drawn_cards& cards) {
 
 // ---- Paths and links ----------------------------------------------------------------------------
 
-std::string path_line(const card& of, int port, int path) {
-    const path_sight sight = path_of(of, port, path);
+std::string path_line(const card& record, int port, int path) {
+    const path_sight sight = path_of(record, port, path);
     if (sight == path_sight::never_heard) return {};
-    const std::string line =
-        "    " + port_name(static_cast<std::size_t>(port)) + " -> " + card_name(common(of).ecd_id);
+    const std::string line = "    " + port_name(static_cast<std::size_t>(port)) + " -> " +
+                             card_name(common(record).ecd_id);
     if (sight == path_sight::connected) return line + ";\n";
     return line + " [label=\"P" + std::to_string(port) + 'M' + std::to_string(path) + " lost\", " +
            red_and_dashed + "];\n";
@@ -138,20 +138,20 @@ std::string paths_text(const drawn_cards& cards) {
     return text;
 }
 
-std::string link_line(std::uint64_t server, const topology_link& of) {
+std::string link_line(std::uint64_t server, const topology_link& link) {
     std::vector<std::string> words;
-    if (of.port) words.push_back("down port " + std::to_string(*of.port));
-    if (!of.disagreement.empty()) words.push_back(of.disagreement);
-    std::string line = "    " + card_name(server) + " -> " + card_name(of.device.id) +
+    if (link.port) words.push_back("down port " + std::to_string(*link.port));
+    if (!link.disagreement.empty()) words.push_back(link.disagreement);
+    std::string line = "    " + card_name(server) + " -> " + card_name(link.device.id) +
                        " [label=\"" + join(words, "\\n") + "\", arrowhead=normal, penwidth=2, ";
-    line += of.disagreement.empty() ? link_colour : red_and_dashed;
+    line += link.disagreement.empty() ? link_colour : red_and_dashed;
     return line + "];\n";
 }
 
 }  // namespace
 
-std::string topology_dot(const topology& of, const std::vector<std::string>& ports) {
-    const drawn_cards cards = cards_of(of);
+std::string topology_dot(const topology& picture, const std::vector<std::string>& ports) {
+    const drawn_cards cards = cards_of(picture);
     std::string text =
         "digraph topology {\n"
         "    rankdir=LR;\n"
@@ -162,7 +162,7 @@ std::string topology_dot(const topology& of, const std::vector<std::string>& por
         "    node [fontname=\"sans-serif\", shape=box, style=filled, fillcolor=white];\n"
         "    edge [fontname=\"sans-serif\", fontsize=11, color=\"#8c959f\", arrowhead=none];\n";
     text += ports_text(ports) + groups_text(cards) + paths_text(cards);
-    for (const topology_server& one : of.servers) {
+    for (const topology_server& one : picture.servers) {
         for (const topology_link& link : one.links)
             text += link_line(one.server.id, link);
     }

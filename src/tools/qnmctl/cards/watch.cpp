@@ -54,7 +54,7 @@ bool is_digested(const watch_options& options) {
 int run_watch(context& with, const watch_options& options) {
     with.filter = options.filter;
     start(with);
-    if (with.told.is_text() && is_digested(options)) {
+    if (with.results.is_text() && is_digested(options)) {
         with.digested.emplace(
             digest_options{.each_card = options.verbose,
                            .ports = configured_ports(read_config(with.running().config())),

@@ -92,9 +92,9 @@ CLI::App* find_app(CLI::App& parent, const std::string& name) {
     return named.empty() ? nullptr : named.front();
 }
 
-void hide(command& of) {
-    of.hidden = true;
-    of.app.group("");
+void hide(command& verb) {
+    verb.hidden = true;
+    verb.app.group("");
 }
 
 void refuse_on_command_line(command_tree& tree, const command_texts& texts) {

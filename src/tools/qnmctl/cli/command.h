@@ -101,7 +101,7 @@ void take_word(const std::string& name, const value& taken, const std::string& w
 // The App of a command or group below this one; nullptr when there is none.
 CLI::App* find_app(CLI::App& parent, const std::string& name);
 
-void hide(command& of);
+void hide(command& verb);
 
 // For a command that steers the running manager, so that it is a line of watch only: on the command
 // line there is none but a hidden one that says so.
@@ -122,12 +122,14 @@ defined<Options> add_command_with(command_tree& tree, const command_texts& texts
 }
 
 template <class Options>
-void set_run(const defined<Options>& of, int (*run)(context&, const Options&)) {
-    of.self.run = [&options = of.options, run](context& with) { return run(with, options); };
+void set_run(const defined<Options>& added, int (*run)(context&, const Options&)) {
+    added.self.run = [&options = added.options, run](context& with) { return run(with, options); };
 }
 template <class Options>
-void set_answer(const defined<Options>& of, void (*answer)(context&, const Options&)) {
-    of.self.answer = [&options = of.options, answer](context& with) { answer(with, options); };
+void set_answer(const defined<Options>& added, void (*answer)(context&, const Options&)) {
+    added.self.answer = [&options = added.options, answer](context& with) {
+        answer(with, options);
+    };
 }
 
 // ---- Options ------------------------------------------------------------------------------------

@@ -17,15 +17,15 @@ namespace {
 
 // ---- IDs and operands ---------------------------------------------------------------------------
 
-std::string operands_text(const command& of) {
+std::string operands_text(const command& verb) {
     std::string text;
-    for (const operand& wanted : of.operands)
+    for (const operand& wanted : verb.operands)
         text += ' ' + wanted.name;
     return text;
 }
 
-[[noreturn]] void fail_few_words(const command& of) {
-    throw CLI::ValidationError("too few words; needed are ID..." + operands_text(of) +
+[[noreturn]] void fail_few_words(const command& verb) {
+    throw CLI::ValidationError("too few words; needed are ID..." + operands_text(verb) +
                                ", without ID where --all, --kind or --group choose the cards");
 }
 
@@ -40,18 +40,18 @@ void check_selection(const selection& cards) {
 }
 
 // The last words are the operands, those before them IDs.
-void divide_words(const command& of) {
-    if (of.cards == nullptr) return;
-    const std::size_t least = of.operands.size() + (of.cards->by_property() ? 0 : 1);
-    if (of.words.empty() && !of.cards->by_property()) check_selection(*of.cards);
-    if (of.words.size() < least) fail_few_words(of);
-    const std::size_t ids = of.words.size() - of.operands.size();
-    const value id = card_ids(of.cards->ids);
+void divide_words(const command& verb) {
+    if (verb.cards == nullptr) return;
+    const std::size_t least = verb.operands.size() + (verb.cards->by_property() ? 0 : 1);
+    if (verb.words.empty() && !verb.cards->by_property()) check_selection(*verb.cards);
+    if (verb.words.size() < least) fail_few_words(verb);
+    const std::size_t ids = verb.words.size() - verb.operands.size();
+    const value id = card_ids(verb.cards->ids);
     for (std::size_t at = 0; at < ids; ++at)
-        take_word("ID", id, of.words[at]);
-    for (std::size_t at = 0; at < of.operands.size(); ++at)
-        take_word(of.operands[at].name, of.operands[at].taken, of.words[ids + at]);
-    check_selection(*of.cards);
+        take_word("ID", id, verb.words[at]);
+    for (std::size_t at = 0; at < verb.operands.size(); ++at)
+        take_word(verb.operands[at].name, verb.operands[at].taken, verb.words[ids + at]);
+    check_selection(*verb.cards);
 }
 
 // ---- What is wrong ------------------------------------------------------------------------------
@@ -148,9 +148,9 @@ int tell_end(command_tree& tree, const CLI::ParseError& found) {
     return status == exit_ok ? written : status;
 }
 
-std::string synopsis(const command& of) {
-    const bool verbose = of.app.get_option_no_throw("--verbose") != nullptr;
-    return of.name + words_text(of) + (verbose ? " [-v]" : "");
+std::string synopsis(const command& verb) {
+    const bool verbose = verb.app.get_option_no_throw("--verbose") != nullptr;
+    return verb.name + words_text(verb) + (verbose ? " [-v]" : "");
 }
 
 // Whether a line begins with these words.
@@ -209,18 +209,18 @@ std::variant<const command*, std::string> parse_line(command_tree& tree, const s
     return &*named;
 }
 
-std::string word_text(const command& of, const CLI::Option& word) {
-    const bool needed = word.get_required() || of.cards != nullptr;
+std::string word_text(const command& verb, const CLI::Option& word) {
+    const bool needed = word.get_required() || verb.cards != nullptr;
     return needed ? word.get_name() : '[' + word.get_name() + ']';
 }
 
-std::string words_text(const command& of) {
+std::string words_text(const command& verb) {
     std::string text;
-    for (const CLI::Option* const option : of.app.get_options()) {
+    for (const CLI::Option* const option : verb.app.get_options()) {
         if (!option->get_positional()) continue;
-        const value& taken = of.tree.values.at(option);
+        const value& taken = verb.tree.values.at(option);
         const bool two = taken.words.size() == 2;
-        text += ' ' + (two ? join(taken.words, "|") : word_text(of, *option)) +
+        text += ' ' + (two ? join(taken.words, "|") : word_text(verb, *option)) +
                 (taken.repeatable ? "..." : "");
     }
     return text;

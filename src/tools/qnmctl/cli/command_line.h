@@ -17,10 +17,10 @@ std::variant<const command*, int> parse_command_line(command_tree& tree, int arg
 std::variant<const command*, std::string> parse_line(command_tree& tree, const std::string& line);
 
 // "ADDR", "[END]"
-std::string word_text(const command& of, const CLI::Option& word);
+std::string word_text(const command& verb, const CLI::Option& word);
 
 // The operands of a command: "stop|restart ID", "ID... ADDR [END]".
-std::string words_text(const command& of);
+std::string words_text(const command& verb);
 
 // The answer to the line "help": all commands of a tree for lines.
 std::string lines_help(const command_tree& tree);

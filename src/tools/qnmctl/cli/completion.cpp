@@ -184,12 +184,12 @@ candidates complete(command_tree& tree, const std::vector<std::string>& words,
     return found;
 }
 
-std::string candidates_text(const candidates& of) {
+std::string candidates_text(const candidates& found) {
     std::string text;
-    for (const candidate& one : of.words)
+    for (const candidate& one : found.words)
         text += one.word + '\t' + one.help + '\n';
-    if (of.files) text += ":files\n";
-    if (of.directories) text += ":directories\n";
+    if (found.files) text += ":files\n";
+    if (found.directories) text += ":directories\n";
     return text;
 }
 

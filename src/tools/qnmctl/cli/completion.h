@@ -32,7 +32,7 @@ candidates complete(command_tree& tree, const std::vector<std::string>& words,
                     const card_source& cards);
 
 // One line per word, with its help after a tab; ":files" and ":directories" for those.
-std::string candidates_text(const candidates& of);
+std::string candidates_text(const candidates& found);
 
 // The completion script for a shell, "bash" or "zsh".
 std::string completion_script(const std::string& shell);

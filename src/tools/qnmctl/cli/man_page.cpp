@@ -130,15 +130,15 @@ std::string tagged_examples(std::span<const example> shown) {
     return text;
 }
 
-std::string command_section(const command& of) {
-    std::string text = ".SS " + argument(of.name + words_text(of)) + '\n' +
-                       escaped(of.app.get_description()) + ".\n";
-    if (!of.more_help.empty()) text += escaped(of.more_help) + '\n';
-    for (const CLI::Option* const word : options_of(of.app, true))
-        text += tagged(word_text(of, *word), word->get_description());
-    for (const CLI::Option* const option : options_of(of.app, false))
+std::string command_section(const command& verb) {
+    std::string text = ".SS " + argument(verb.name + words_text(verb)) + '\n' +
+                       escaped(verb.app.get_description()) + ".\n";
+    if (!verb.more_help.empty()) text += escaped(verb.more_help) + '\n';
+    for (const CLI::Option* const word : options_of(verb.app, true))
+        text += tagged(word_text(verb, *word), word->get_description());
+    for (const CLI::Option* const option : options_of(verb.app, false))
         text += tagged(option_term(*option), option->get_description());
-    if (!of.examples.empty()) text += ".PP\nExamples:\n" + tagged_examples(of.examples);
+    if (!verb.examples.empty()) text += ".PP\nExamples:\n" + tagged_examples(verb.examples);
     return text;
 }
 

@@ -40,12 +40,13 @@ refusal refused(const value& taken, const std::string& word) {
     return taken.take(word);
 }
 
-refusal wrong_number(const std::string& word, const limits& of) {
+refusal wrong_number(const std::string& word, const limits& bounds) {
     const auto number = parse_number(word);
     if (!number) return '"' + word + "\" is no number; write decimal, 0x1F or 0b11";
-    if (*number < of.least) return word + " is below " + std::to_string(of.least);
-    if (*number > of.most) return word + " is above " + std::to_string(of.most);
-    if (*number % of.step != 0) return word + " is no multiple of " + std::to_string(of.step);
+    if (*number < bounds.least) return word + " is below " + std::to_string(bounds.least);
+    if (*number > bounds.most) return word + " is above " + std::to_string(bounds.most);
+    if (*number % bounds.step != 0)
+        return word + " is no multiple of " + std::to_string(bounds.step);
     return std::nullopt;
 }
 

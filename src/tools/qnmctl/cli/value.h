@@ -36,7 +36,7 @@ struct limits {
 };
 
 // Why a word is not a number within the limits.
-refusal wrong_number(const std::string& word, const limits& of);
+refusal wrong_number(const std::string& word, const limits& bounds);
 
 // Also for an optional target.
 template <class Value>
@@ -49,9 +49,9 @@ struct value_type<std::optional<Value>> {
 };
 
 template <class Number>
-value number(Number& target, const limits& of = {}) {
-    return {[&target, of](const std::string& word) {
-        auto wrong = wrong_number(word, of);
+value number(Number& target, const limits& bounds = {}) {
+    return {[&target, bounds](const std::string& word) {
+        auto wrong = wrong_number(word, bounds);
         if (!wrong) target = static_cast<typename value_type<Number>::type>(*parse_number(word));
         return wrong;
     }};

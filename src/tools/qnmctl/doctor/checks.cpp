@@ -21,8 +21,8 @@ namespace {
 // Of those that are there.
 void for_interfaces(const inspected& system,
                     const std::function<void(const interface_facts&)>& look) {
-    for (const interface_facts& one : system.interfaces) {
-        if (one.state.error == 0) look(one);
+    for (const interface_facts& facts : system.interfaces) {
+        if (facts.state.error == 0) look(facts);
     }
 }
 
@@ -34,23 +34,23 @@ void check_library(const inspected& system, findings& found) {
     constexpr char mark[] = ".so.";
     const std::string& path = system.library.path;
     const std::size_t at = path.rfind(mark);
-    finding told = {.about = path};
+    finding verdict = {.about = path};
     if (at == std::string::npos) {
-        told.rank = severity::note;
-        told.text = "the name of the library's file does not tell its version";
-        found.push_back(told);
+        verdict.rank = severity::note;
+        verdict.text = "the name of the library's file does not tell its version";
+        found.push_back(verdict);
         return;
     }
     const std::string version = path.substr(at + std::strlen(mark));
-    told.text = "libqnm " + version + ", qnmctl " QNMCTL_VERSION;
+    verdict.text = "libqnm " + version + ", qnmctl " QNMCTL_VERSION;
     if (version != QNMCTL_VERSION) {
-        told.rank = severity::warning;
-        told.text += "; they come from different releases";
-        told.remedy =
+        verdict.rank = severity::warning;
+        verdict.text += "; they come from different releases";
+        verdict.remedy =
             "Install both of the same release, and see that no older libqnm.so is found "
             "first: ldconfig -p, LD_LIBRARY_PATH.";
     }
-    found.push_back(told);
+    found.push_back(verdict);
 }
 
 // ---- Privileges ---------------------------------------------------------------------------------
@@ -83,10 +83,10 @@ void check_directory(const inspected& system, findings& found) {
 
 namespace {
 
-finding judge_interface(const interface_state& of, const std::vector<std::string>& known) {
-    const std::string name = printable(of.name);
-    if (const auto wrong = interface_obstacle(of, known)) return finding_of(name, *wrong);
-    if (of.hardware == ARPHRD_LOOPBACK) {
+finding judge_interface(const interface_state& state, const std::vector<std::string>& known) {
+    const std::string name = printable(state.name);
+    if (const auto wrong = interface_obstacle(state, known)) return finding_of(name, *wrong);
+    if (state.hardware == ARPHRD_LOOPBACK) {
         return {.rank = severity::note,
                 .about = name,
                 .text = "is the loopback; there are no cards behind it"};
@@ -97,8 +97,8 @@ finding judge_interface(const interface_state& of, const std::vector<std::string
 }  // namespace
 
 void check_interfaces(const inspected& system, findings& found) {
-    for (const interface_facts& one : system.interfaces) {
-        found.push_back(judge_interface(one.state, system.known_interfaces));
+    for (const interface_facts& facts : system.interfaces) {
+        found.push_back(judge_interface(facts.state, system.known_interfaces));
     }
     const auto& all = system.interfaces;
     if (all.size() < 2 || all[0].state.name != all[1].state.name) return;
@@ -109,39 +109,39 @@ void check_interfaces(const inspected& system, findings& found) {
 }
 
 void check_links(const inspected& system, findings& found) {
-    for_interfaces(system, [&](const interface_facts& one) {
-        if (one.link.error != 0) {
+    for_interfaces(system, [&](const interface_facts& facts) {
+        if (facts.link.error != 0) {
             found.push_back({.rank = severity::error,
-                             .about = one.state.name,
+                             .about = facts.state.name,
                              .text = std::string("does not tell its link: ") +
-                                     std::strerror(one.link.error) + "; it cannot be opened so",
+                                     std::strerror(facts.link.error) + "; it cannot be opened so",
                              .remedy = "Use an interface whose driver knows ethtool."});
-        } else if (!one.state.up) {
+        } else if (!facts.state.up) {
             return;  // then it has no link either
-        } else if (!one.link.up) {
+        } else if (!facts.link.up) {
             found.push_back(
                 {.rank = severity::warning,
-                 .about = one.state.name,
+                 .about = facts.state.name,
                  .text = "has no link, so no card can be heard on it",
-                 .remedy = "Check the cable and the far end: ethtool " + one.state.name});
+                 .remedy = "Check the cable and the far end: ethtool " + facts.state.name});
         } else {
-            found.push_back({.about = one.state.name, .text = "has a link"});
+            found.push_back({.about = facts.state.name, .text = "has a link"});
         }
     });
 }
 
 void check_mtu(const inspected& system, findings& found) {
     constexpr int longest = 478;  // an announcement behind Ethernet header and VLAN tag
-    for_interfaces(system, [&](const interface_facts& one) {
-        const int mtu = one.state.mtu.value_or(0);
+    for_interfaces(system, [&](const interface_facts& facts) {
+        const int mtu = facts.state.mtu.value_or(0);
         const bool enough = mtu >= longest;
         const std::string need = std::to_string(longest);
         found.push_back(
             {.rank = enough ? severity::ok : severity::warning,
-             .about = one.state.name,
+             .about = facts.state.name,
              .text = "MTU " + std::to_string(mtu) + (enough ? ", " : ", too small: ") + need +
                      " are needed",
-             .remedy = enough ? "" : "sudo ip link set " + one.state.name + " mtu 1500"});
+             .remedy = enough ? "" : "sudo ip link set " + facts.state.name + " mtu 1500"});
     });
 }
 
@@ -152,48 +152,48 @@ namespace {
 // Every driver that is no VLAN's has another name.
 constexpr char vlan_driver[] = "802.1Q VLAN Support";
 
-finding judge_filter(const interface_facts& of) {
-    if (!of.vlan_filter->on) {
+finding judge_filter(const interface_facts& facts) {
+    if (!facts.vlan_filter->on) {
         return {.text = "rx-vlan-filter is off: frames of every VLAN come in"};
     }
-    finding told = {.rank = severity::note,
-                    .text =
-                        "rx-vlan-filter is on: frames of VLANs that nobody has set up here may "
-                        "be dropped; most drivers let them in to the library, which asks for "
-                        "all"};
-    told.remedy =
-        of.vlan_filter->fixed
-            ? "If cards are not heard: ip link add link " + of.state.name +
+    finding verdict = {.rank = severity::note,
+                       .text =
+                           "rx-vlan-filter is on: frames of VLANs that nobody has set up here may "
+                           "be dropped; most drivers let them in to the library, which asks for "
+                           "all"};
+    verdict.remedy =
+        facts.vlan_filter->fixed
+            ? "If cards are not heard: ip link add link " + facts.state.name +
                   " type vlan id N, for the group N of each"
-            : "If cards are not heard: sudo ethtool -K " + of.state.name + " rx-vlan-filter off";
-    return told;
+            : "If cards are not heard: sudo ethtool -K " + facts.state.name + " rx-vlan-filter off";
+    return verdict;
 }
 
 }  // namespace
 
 void check_vlan(const inspected& system, findings& found) {
-    for_interfaces(system, [&](const interface_facts& one) {
+    for_interfaces(system, [&](const interface_facts& facts) {
         const std::size_t before = found.size();
-        if (one.driver == vlan_driver) {
+        if (facts.driver == vlan_driver) {
             found.push_back({.rank = severity::warning,
                              .text = "is a VLAN of another interface: frames come without the tag "
                                      "that the library wants",
                              .remedy = "Name the interface below it."});
         }
-        if (one.vlan_offload) {
-            found.push_back({.text = one.vlan_offload->on
+        if (facts.vlan_offload) {
+            found.push_back({.text = facts.vlan_offload->on
                                          ? "rx-vlan-offload is on: tags are taken off, and libpcap "
                                            "puts them back"
                                          : "rx-vlan-offload is off: tags stay in the frames"});
         }
-        if (one.vlan_filter) found.push_back(judge_filter(one));
+        if (facts.vlan_filter) found.push_back(judge_filter(facts));
         if (found.size() == before) {
             found.push_back({.rank = severity::note,
                              .text = "does not tell how it treats VLAN tags",
-                             .remedy = "If cards are not heard: ethtool -k " + one.state.name});
+                             .remedy = "If cards are not heard: ethtool -k " + facts.state.name});
         }
         for (std::size_t at = before; at < found.size(); ++at)
-            found[at].about = one.state.name;
+            found[at].about = facts.state.name;
     });
 }
 
@@ -201,14 +201,14 @@ void check_vlan(const inspected& system, findings& found) {
 
 namespace {
 
-finding judge_capture(const capture_facts& of, const std::string& name) {
-    if (!of.problem.empty()) {
+finding judge_capture(const capture_facts& facts, const std::string& name) {
+    if (!facts.problem.empty()) {
         return {.rank = severity::error,
-                .text = "cannot be captured from: " + of.problem,
+                .text = "cannot be captured from: " + facts.problem,
                 .remedy = "Check the findings about privileges and about this interface."};
     }
-    if (!of.in_blocks) return {.text = "delivers frames at once"};
-    if (of.immediate) {
+    if (!facts.in_blocks) return {.text = "delivers frames at once"};
+    if (facts.immediate) {
         return {.text = "delivers frames at once, in immediate mode with a buffer of 16 MiB"};
     }
     return {.rank = severity::warning,
@@ -223,15 +223,15 @@ finding judge_capture(const capture_facts& of, const std::string& name) {
 
 void check_capture(const inspected& system, findings& found) {
     found.push_back({.text = system.capture_library});
-    for_interfaces(system, [&](const interface_facts& one) {
-        if (one.capture) {
-            found.push_back(judge_capture(*one.capture, one.state.name));
+    for_interfaces(system, [&](const interface_facts& facts) {
+        if (facts.capture) {
+            found.push_back(judge_capture(*facts.capture, facts.state.name));
         } else {
             found.push_back({.rank = severity::note,
                              .text = "was not opened, because it is down or CAP_NET_RAW is "
                                      "missing"});
         }
-        found.back().about = one.state.name;
+        found.back().about = facts.state.name;
     });
 }
 
@@ -243,9 +243,9 @@ constexpr char hidden_user[] =
     " the name by which a manager tells that it accesses cards; whether one does cannot be told, "
     "and before Linux 5.12 two may at once, and get wrong values";
 
-finding judge_user(const interface_facts& one) {
-    const auto& user = one.user;
-    if (!user && one.name_taken) {
+finding judge_user(const interface_facts& facts) {
+    const auto& user = facts.user;
+    if (!user && facts.name_taken) {
         return {.rank = severity::warning,
                 .text = std::string("a process that does not answer has") + hidden_user,
                 .remedy = "Find out which one has the socket @libqnm.port.INDEX (ss -xlp)."};
@@ -347,22 +347,23 @@ void check_clock_steps(const inspected& system, findings& found) {
 }
 
 void check_clock_sync(const inspected& system, findings& found) {
-    const clock_facts& of = system.clock;
-    finding told = {.text = "the clock is kept by NTP"};
-    if (of.adjustment < 0) {
-        told.rank = severity::note;
-        told.text = "the kernel does not tell whether the clock is synchronised";
-    } else if (!of.synchronised) {
-        told.rank = severity::note;
-        told.text =
+    const clock_facts& facts = system.clock;
+    finding verdict = {.text = "the clock is kept by NTP"};
+    if (facts.adjustment < 0) {
+        verdict.rank = severity::note;
+        verdict.text = "the kernel does not tell whether the clock is synchronised";
+    } else if (!facts.synchronised) {
+        verdict.rank = severity::note;
+        verdict.text =
             "the clock is not synchronised; if somebody sets it, cards can seem lost, or "
             "losses be told late";
-        told.remedy = "Run chrony or systemd-timesyncd.";
-    } else if (of.adjustment == TIME_INS || of.adjustment == TIME_DEL) {
-        told.rank = severity::note;
-        told.text = "a leap second comes at the end of the day, when the clock is set by a second";
+        verdict.remedy = "Run chrony or systemd-timesyncd.";
+    } else if (facts.adjustment == TIME_INS || facts.adjustment == TIME_DEL) {
+        verdict.rank = severity::note;
+        verdict.text =
+            "a leap second comes at the end of the day, when the clock is set by a second";
     }
-    found.push_back(told);
+    found.push_back(verdict);
 }
 
 // ---- The dissector ------------------------------------------------------------------------------
@@ -379,17 +380,19 @@ bool keeps_root_from_plugins(const std::string& version) {
 }  // namespace
 
 void check_dissector(const inspected& system, findings& found) {
-    const dissector_facts& of = system.dissector;
-    if (of.version.empty() || of.folder.empty()) return;  // no tshark, or one that does not tell
-    if (of.for_all) {
-        found.push_back({.text = "tshark " + of.version + " has quillnet.lua in " + of.folder});
-    } else if (keeps_root_from_plugins(of.version)) {
+    const dissector_facts& facts = system.dissector;
+    if (facts.version.empty() || facts.folder.empty())
+        return;  // no tshark, or one that does not tell
+    if (facts.for_all) {
+        found.push_back(
+            {.text = "tshark " + facts.version + " has quillnet.lua in " + facts.folder});
+    } else if (keeps_root_from_plugins(facts.version)) {
         found.push_back(
             {.rank = severity::note,
-             .text = "tshark " + of.version +
+             .text = "tshark " + facts.version +
                      " lets root have plugins in Lua from one folder only, and does not "
                      "say so; quillnet.lua is not there: " +
-                     of.folder,
+                     facts.folder,
              .remedy = "Read captures as an ordinary user, or put quillnet.lua there."});
     }
 }

@@ -35,10 +35,10 @@ struct doctor_options {};
 
 int run_doctor(context& with, const doctor_options&) {
     const findings found = examine(all_checks(), inspect_system(with.where));
-    with.told.text(findings_text(found, with.how));
+    with.results.text(findings_text(found, with.how));
     for (const finding& shown : found)
-        with.told.record("finding", finding_json(shown));
-    with.told.record("summary", summary_json(found));
+        with.results.record("finding", finding_json(shown));
+    with.results.record("summary", summary_json(found));
     return count(found, severity::error) == 0 ? exit_ok : exit_unwell;
 }
 

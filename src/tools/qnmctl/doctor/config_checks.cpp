@@ -53,14 +53,14 @@ struct line_findings {
     bool wrong = false;  // there are errors among all
 };
 
-bool is_full(const line_findings& of) {
-    return of.told.size() >= of.limit;
+bool is_full(const line_findings& into) {
+    return into.told.size() >= into.limit;
 }
 
-void add(line_findings& to, finding one) {
+void add(line_findings& to, finding verdict) {
     ++to.all;
-    to.wrong = to.wrong || one.rank == severity::error;
-    if (!is_full(to)) to.told.push_back(std::move(one));
+    to.wrong = to.wrong || verdict.rank == severity::error;
+    if (!is_full(to)) to.told.push_back(std::move(verdict));
 }
 
 // ---- Values -------------------------------------------------------------------------------------
@@ -144,24 +144,24 @@ std::string meaning_of(const qnm_config_key_t& key, const reading& value) {
 
 void tell_unknown(const std::string& key, int line, line_findings& found) {
     constexpr char byte_order_mark[] = "\xEF\xBB\xBF";
-    finding told = {.rank = severity::error, .line = line};
-    if (is_full(found)) return add(found, told);  // looking for what is meant takes long
+    finding verdict = {.rank = severity::error, .line = line};
+    if (is_full(found)) return add(found, verdict);  // looking for what is meant takes long
     if (key.starts_with('#')) {
-        told.text = "the # is not in the first column, so this is no comment";
-        told.remedy = "Take away the blanks in front of the #.";
+        verdict.text = "the # is not in the first column, so this is no comment";
+        verdict.remedy = "Take away the blanks in front of the #.";
     } else if (key.starts_with(byte_order_mark)) {
-        told.text = "the file begins with a byte order mark, which is read as part of the key";
-        told.remedy = "Save the file as UTF-8 without BOM, or as ASCII.";
+        verdict.text = "the file begins with a byte order mark, which is read as part of the key";
+        verdict.remedy = "Save the file as UTF-8 without BOM, or as ASCII.";
     } else {
         std::vector<std::string> names;
         for (const qnm_config_key_t& row : qnm::config_keys())
             names.emplace_back(row.name);
         const auto meant = tools::nearest_name(key, names);
-        told.text = in_quotes(key) + " is no key";
-        told.remedy = meant ? "Is " + *meant + " meant? Upper and lower case matter."
-                            : "Remove the line, or put a # in front of it.";
+        verdict.text = in_quotes(key) + " is no key";
+        verdict.remedy = meant ? "Is " + *meant + " meant? Upper and lower case matter."
+                               : "Remove the line, or put a # in front of it.";
     }
-    add(found, told);
+    add(found, verdict);
 }
 
 void read_key(known_values& seen, const qnm_config_key_t& key, const std::string& value, int line,
@@ -256,29 +256,29 @@ std::size_t count_lines(const std::string& text) {
 void check_config_file(const inspected& system, findings& found) {
     const file_facts& file = system.config;
     if (system.temporary) return;  // options have no file
-    finding told = {.about = file.name};
+    finding verdict = {.about = file.name};
     if (const auto wrong = config_obstacle(file.state, file.problem)) {
-        told = finding_of(file.name, *wrong);
+        verdict = finding_of(file.name, *wrong);
     } else if (file.state == file_state::missing) {
-        told.rank = severity::note;
-        told.text = "there is no such file, so every key has its default";
-        told.remedy = "To change one, copy the sample conf/qnm.conf there.";
+        verdict.rank = severity::note;
+        verdict.text = "there is no such file, so every key has its default";
+        verdict.remedy = "To change one, copy the sample conf/qnm.conf there.";
     } else if (file.state == file_state::link) {
-        told.rank = severity::warning;
-        told.text =
+        verdict.rank = severity::warning;
+        verdict.text =
             "is a symbolic link, which is not followed here, so neither its keys nor the ports "
             "were looked at";
-        told.remedy = "Put the file itself there.";
+        verdict.remedy = "Put the file itself there.";
     } else {
-        told.text = "can be read, " + std::to_string(count_lines(file.text)) + " lines";
+        verdict.text = "can be read, " + std::to_string(count_lines(file.text)) + " lines";
     }
     if (file.size > file.text.size()) {
-        told.rank = severity::warning;
-        told.text = "has " + std::to_string(file.size) + " bytes; only the first " +
-                    std::to_string(file.text.size()) + " were looked at";
-        told.remedy = "Is it the right file?";
+        verdict.rank = severity::warning;
+        verdict.text = "has " + std::to_string(file.size) + " bytes; only the first " +
+                       std::to_string(file.text.size()) + " were looked at";
+        verdict.remedy = "Is it the right file?";
     }
-    found.push_back(told);
+    found.push_back(verdict);
     if (file.text.find('\0') == std::string::npos) return;
     found.push_back({.rank = severity::warning,
                      .about = file.name,
@@ -298,10 +298,10 @@ void check_config_lines(const inspected& system, findings& found) {
     check_tags(seen, own);
     check_ether_type(seen, own);
     tell_what_is_left_out(system.config.name, own);
-    for (finding& one : own.told) {
-        one.about = system.temporary ? "--set" : system.config.name;
-        if (system.temporary) one.line = 0;
-        found.push_back(one);
+    for (finding& verdict : own.told) {
+        verdict.about = system.temporary ? "--set" : system.config.name;
+        if (system.temporary) verdict.line = 0;
+        found.push_back(verdict);
     }
 }
 

@@ -49,17 +49,17 @@ findings examine(std::span<const check> checks, const inspected& system) {
                              .text = std::string("the check failed: ") + problem.what(),
                              .remedy = "Please report this, with the files that it looked at."});
         }
-        for (finding& told : found) {
-            told.check = one.name;
-            all.push_back(told);
+        for (finding& verdict : found) {
+            verdict.check = one.name;
+            all.push_back(verdict);
         }
     }
     return all;
 }
 
-std::size_t count(const findings& of, severity rank) {
-    return static_cast<std::size_t>(
-        std::count_if(of.begin(), of.end(), [&](const finding& one) { return one.rank == rank; }));
+std::size_t count(const findings& all, severity rank) {
+    return static_cast<std::size_t>(std::count_if(
+        all.begin(), all.end(), [&](const finding& verdict) { return verdict.rank == rank; }));
 }
 
 }  // namespace qnmctl

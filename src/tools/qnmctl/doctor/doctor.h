@@ -23,6 +23,6 @@ std::span<const check> all_checks();
 
 findings examine(std::span<const check> checks, const inspected& system);
 
-std::size_t count(const findings& of, severity rank);
+std::size_t count(const findings& all, severity rank);
 
 }  // namespace qnmctl

@@ -23,8 +23,11 @@ struct finding {
 using findings = std::vector<finding>;
 
 // An obstacle to a start is an error.
-inline finding finding_of(const std::string& about, const obstacle& of) {
-    return {.rank = severity::error, .about = about, .text = of.text, .remedy = of.remedy};
+inline finding finding_of(const std::string& about, const obstacle& hindrance) {
+    return {.rank = severity::error,
+            .about = about,
+            .text = hindrance.text,
+            .remedy = hindrance.remedy};
 }
 
 }  // namespace qnmctl

@@ -31,9 +31,10 @@ const rank_words& words_of(severity rank) {
     return ranks[static_cast<std::size_t>(rank)];
 }
 
-std::string place_text(const finding& of) {
-    if (of.about.empty()) return {};
-    return of.about + (of.line > 0 ? ':' + std::to_string(of.line) : std::string()) + ": ";
+std::string place_text(const finding& verdict) {
+    if (verdict.about.empty()) return {};
+    return verdict.about + (verdict.line > 0 ? ':' + std::to_string(verdict.line) : std::string()) +
+           ": ";
 }
 
 // Lines of words up to the width, all but the first behind the indent. A word that is longer has a
@@ -54,25 +55,26 @@ std::string wrapped(const std::string& text, std::size_t indent, std::size_t wid
     return lines;
 }
 
-std::string finding_text(const finding& of, const look& how) {
+std::string finding_text(const finding& verdict, const look& how) {
     constexpr std::size_t rank_width = 9;
     constexpr std::size_t check_width = 13;
     constexpr std::size_t indent = rank_width + check_width;
-    const rank_words& rank = words_of(of.rank);
-    std::string name = of.check;
+    const rank_words& rank = words_of(verdict.rank);
+    std::string name = verdict.check;
     name.resize(check_width - 1, ' ');
     const std::string blanks(rank_width - std::string(rank.name).size(), ' ');
     std::string text = in_colour(rank.name, rank.colour, how.coloured);
-    text += blanks + name + ' ' + wrapped(place_text(of) + of.text, indent, how.width) + '\n';
-    if (!of.remedy.empty())
-        text += std::string(indent, ' ') + wrapped(of.remedy, indent, how.width) + '\n';
+    text +=
+        blanks + name + ' ' + wrapped(place_text(verdict) + verdict.text, indent, how.width) + '\n';
+    if (!verdict.remedy.empty())
+        text += std::string(indent, ' ') + wrapped(verdict.remedy, indent, how.width) + '\n';
     return text;
 }
 
-std::string summary_text(const findings& of) {
+std::string summary_text(const findings& all) {
     std::vector<std::string> parts;
     for (std::size_t at = 0; at < std::size(ranks); ++at) {
-        const std::size_t number = count(of, static_cast<severity>(at));
+        const std::size_t number = count(all, static_cast<severity>(at));
         parts.push_back(std::to_string(number) + ' ' +
                         (number == 1 ? ranks[at].one : ranks[at].many));
     }
@@ -81,26 +83,26 @@ std::string summary_text(const findings& of) {
 
 }  // namespace
 
-std::string findings_text(const findings& of, const look& how) {
+std::string findings_text(const findings& all, const look& how) {
     std::string text;
-    for (const finding& one : of)
-        text += finding_text(one, how);
-    return text + summary_text(of);
+    for (const finding& verdict : all)
+        text += finding_text(verdict, how);
+    return text + summary_text(all);
 }
 
-json finding_json(const finding& of) {
-    json object = {{"check", of.check}, {"severity", words_of(of.rank).name}};
-    object["about"] = of.about.empty() ? json() : json(of.about);
-    object["line"] = of.line == 0 ? json() : json(of.line);
-    object["text"] = of.text;
-    object["remedy"] = of.remedy.empty() ? json() : json(of.remedy);
+json finding_json(const finding& verdict) {
+    json object = {{"check", verdict.check}, {"severity", words_of(verdict.rank).name}};
+    object["about"] = verdict.about.empty() ? json() : json(verdict.about);
+    object["line"] = verdict.line == 0 ? json() : json(verdict.line);
+    object["text"] = verdict.text;
+    object["remedy"] = verdict.remedy.empty() ? json() : json(verdict.remedy);
     return object;
 }
 
-json summary_json(const findings& of) {
+json summary_json(const findings& all) {
     json object = json::object();
     for (std::size_t at = 0; at < std::size(ranks); ++at)
-        object[ranks[at].many] = count(of, static_cast<severity>(at));
+        object[ranks[at].many] = count(all, static_cast<severity>(at));
     return object;
 }
 

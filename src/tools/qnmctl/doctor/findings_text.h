@@ -10,8 +10,8 @@
 namespace qnmctl {
 
 // A line for each finding and one for its remedy, then how many there are.
-std::string findings_text(const findings& of, const look& how);
-json finding_json(const finding& of);
-json summary_json(const findings& of);
+std::string findings_text(const findings& all, const look& how);
+json finding_json(const finding& verdict);
+json summary_json(const findings& all);
 
 }  // namespace qnmctl

@@ -29,16 +29,16 @@ constexpr appender_class appender_classes[] = {
 constexpr const char* layout_classes[] = {"htmllayout", "jsonlayout", "patternlayout",
                                           "simplelayout", "xmllayout"};
 
-const appender_class* find_class(const appender& of) {
+const appender_class* find_class(const appender& sink) {
     const auto* const found = std::find_if(
         std::begin(appender_classes), std::end(appender_classes),
-        [kind = in_small_letters(of.kind)](const auto& row) { return kind == row.name; });
+        [kind = in_small_letters(sink.kind)](const auto& row) { return kind == row.name; });
     return found == std::end(appender_classes) ? nullptr : found;
 }
 
-bool is_known_layout(const appender& of) {
+bool is_known_layout(const appender& sink) {
     return std::find(std::begin(layout_classes), std::end(layout_classes),
-                     in_small_letters(of.layout)) != std::end(layout_classes);
+                     in_small_letters(sink.layout)) != std::end(layout_classes);
 }
 
 // ---- Sizes --------------------------------------------------------------------------------------
@@ -66,9 +66,9 @@ struct room {
     bool limited = true;  // otherwise it does for a while
 };
 
-room room_for(const appender& of) {
-    if (in_small_letters(of.kind) != "rollingfileappender") return {64 * mebi, false};
-    return {size_of(of.largest, 10 * mebi) * (size_of(of.backups, 1) + 1)};
+room room_for(const appender& sink) {
+    if (in_small_letters(sink.kind) != "rollingfileappender") return {64 * mebi, false};
+    return {size_of(sink.largest, 10 * mebi) * (size_of(sink.backups, 1) + 1)};
 }
 
 std::string size_text(std::uintmax_t bytes) {
@@ -80,111 +80,112 @@ std::string size_text(std::uintmax_t bytes) {
 
 // Whether the file can be used at all.
 bool check_file(const file_facts& file, findings& found) {
-    finding told = {.rank = severity::warning, .about = file.name};
+    finding verdict = {.rank = severity::warning, .about = file.name};
     if (const auto wrong = properties_obstacle(file.state, file.problem)) {
-        told = finding_of(file.name, *wrong);
+        verdict = finding_of(file.name, *wrong);
     } else if (file.state == file_state::link) {
-        told.text =
+        verdict.text =
             "is a symbolic link, which is not followed here, so the logs were not looked at";
-        told.remedy = "Put the file itself there.";
+        verdict.remedy = "Put the file itself there.";
     } else if (file.size > file.text.size()) {
-        told.text = "has " + std::to_string(file.size) + " bytes; only the first " +
-                    std::to_string(file.text.size()) + " were looked at";
-        told.remedy = "Is it the right file?";
+        verdict.text = "has " + std::to_string(file.size) + " bytes; only the first " +
+                       std::to_string(file.text.size()) + " were looked at";
+        verdict.remedy = "Is it the right file?";
     } else {
         return true;
     }
-    found.push_back(told);
+    found.push_back(verdict);
     return file.state == file_state::readable;
 }
 
-void check_level(const std::string& file, const logger& of, findings& found) {
+void check_level(const std::string& file, const logger& checked, findings& found) {
     constexpr const char* hiding[] = {"OFF", "FATAL", "ERROR", "WARN", "INFO", "DEBUG"};
-    std::string level = of.level;
+    std::string level = checked.level;
     for (char& c : level)
         c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
     if (std::find(std::begin(hiding), std::end(hiding), level) == std::end(hiding)) return;
     found.push_back({.rank = severity::note,
                      .about = file,
-                     .text = std::string(of.name) + " has the level " + level +
+                     .text = std::string(checked.name) + " has the level " + level +
                              ", so lines below it are made and then dropped",
                      .remedy = "Set it to ALL, and how much is logged by log_level in qnm.conf."});
 }
 
 // Without what the log cannot do without, its lines are lost.
-finding judge_appender(const appender& of) {
-    const std::string key = "Add: log4j.appender." + printable(of.name);
-    const appender_class* const known = find_class(of);
-    if (of.kind.empty()) {
+finding judge_appender(const appender& sink) {
+    const std::string key = "Add: log4j.appender." + printable(sink.name);
+    const appender_class* const known = find_class(sink);
+    if (sink.kind.empty()) {
         return {.rank = severity::error,
                 .text = ", which is not defined",
                 .remedy = key + "=org.apache.log4j.RollingFileAppender"};
     }
     if (known == nullptr) {
         return {.rank = severity::warning,
-                .text = ", whose class " + printable(of.kind) +
+                .text = ", whose class " + printable(sink.kind) +
                         " is not known; if log4cxx does not know it either, its lines are lost",
                 .remedy = "Name one that is: org.apache.log4j.RollingFileAppender, say."};
     }
-    if (writes_file(of) && of.file.empty()) {
+    if (writes_file(sink) && sink.file.empty()) {
         return {.rank = severity::error,
                 .text = ", which has no file",
                 .remedy = key + ".File=/var/log/qnm/qnm.log"};
     }
-    if (!known->wants_layout || is_known_layout(of)) return {};
-    if (of.layout.empty()) {
+    if (!known->wants_layout || is_known_layout(sink)) return {};
+    if (sink.layout.empty()) {
         return {.rank = severity::error,
                 .text = ", which has no layout, so its lines are lost",
                 .remedy = key + ".layout=org.apache.log4j.PatternLayout"};
     }
     return {.rank = severity::warning,
-            .text = ", whose layout " + printable(of.layout) +
+            .text = ", whose layout " + printable(sink.layout) +
                     " is not known; if log4cxx does not know it either, its lines are lost",
             .remedy = "Name one that is: org.apache.log4j.PatternLayout, say."};
 }
 
-void check_logger(const std::string& file, const log_properties& in, const logger& of,
+void check_logger(const std::string& file, const log_properties& in, const logger& checked,
                   findings& found) {
-    if (of.appenders.empty()) {
+    if (checked.appenders.empty()) {
         found.push_back({.rank = severity::warning,
                          .about = file,
-                         .text = std::string("the logger ") + of.name +
-                                 (of.given ? " has no appender" : " is not there") +
+                         .text = std::string("the logger ") + checked.name +
+                                 (checked.is_configured ? " has no appender" : " is not there") +
                                  ", so its lines are lost",
-                         .remedy = std::string("Add: log4j.logger.") + of.name +
+                         .remedy = std::string("Add: log4j.logger.") + checked.name +
                                    "=ALL, and the name of an appender."});
     }
-    for (const std::string& name : of.appenders) {
-        finding told = judge_appender(find_appender(in, name));
-        told.about = file;
-        told.text = std::string("the logger ") + of.name + " writes to the appender " +
-                    printable(name) + told.text;
-        found.push_back(told);
+    for (const std::string& name : checked.appenders) {
+        finding verdict = judge_appender(find_appender(in, name));
+        verdict.about = file;
+        verdict.text = std::string("the logger ") + checked.name + " writes to the appender " +
+                       printable(name) + verdict.text;
+        found.push_back(verdict);
     }
 }
 
 void check_log(const log_place& place, findings& found) {
-    finding told = {.about = printable(place.file), .text = "can be written"};
+    finding verdict = {.about = printable(place.file), .text = "can be written"};
     if (place.link) {
-        told.rank = severity::note;
-        told.text += ", but is a symbolic link, which a report does not follow";
+        verdict.rank = severity::note;
+        verdict.text += ", but is a symbolic link, which a report does not follow";
     }
     if (!place.problem.empty()) {
-        told.rank = severity::error;
-        told.text = place.problem + ", so the lines are lost";
-        told.remedy =
+        verdict.rank = severity::error;
+        verdict.text = place.problem + ", so the lines are lost";
+        verdict.remedy =
             "Let the user of the host program write there, or name another file in "
             "qnm_log4c.properties.";
     } else if (!place.file.starts_with('/')) {
-        told.rank = severity::warning;
-        told.text = "is taken from the working directory of the host program, whichever that is";
-        told.remedy = "Name the file by its whole path.";
+        verdict.rank = severity::warning;
+        verdict.text = "is taken from the working directory of the host program, whichever that is";
+        verdict.remedy = "Name the file by its whole path.";
     } else if (!place.folder_writable) {
-        told.rank = severity::warning;
-        told.text = "can be written, but not renamed when it is full, because its folder cannot";
-        told.remedy = "Let the user of the host program write to " + printable(place.folder) + '.';
+        verdict.rank = severity::warning;
+        verdict.text = "can be written, but not renamed when it is full, because its folder cannot";
+        verdict.remedy =
+            "Let the user of the host program write to " + printable(place.folder) + '.';
     }
-    found.push_back(told);
+    found.push_back(verdict);
 }
 
 // For all logs of a folder.
@@ -192,8 +193,9 @@ room room_in(const std::string& folder, const std::vector<log_place>& places,
              const std::vector<appender>& writers) {
     room wanted;
     for (const log_place& place : places) {
-        const auto writer = std::find_if(writers.begin(), writers.end(),
-                                         [&](const appender& of) { return of.file == place.file; });
+        const auto writer = std::find_if(writers.begin(), writers.end(), [&](const appender& sink) {
+            return sink.file == place.file;
+        });
         if (place.folder != folder || writer == writers.end()) continue;
         const room one = room_for(*writer);
         wanted = {wanted.bytes + one.bytes, wanted.limited && one.limited};
@@ -203,29 +205,29 @@ room room_in(const std::string& folder, const std::vector<log_place>& places,
 
 void check_room(const log_place& place, const room& wanted, findings& found) {
     constexpr std::uintmax_t least = mebi;
-    finding told = {.rank = wanted.limited ? severity::ok : severity::note,
-                    .about = printable(place.folder),
-                    .text = size_text(place.free_bytes) + " are free; the logs there grow " +
-                            (wanted.limited ? "to " + size_text(wanted.bytes) + " together"
-                                            : std::string("without limit")),
-                    .remedy = wanted.limited ? "" : "Use a RollingFileAppender."};
+    finding verdict = {.rank = wanted.limited ? severity::ok : severity::note,
+                       .about = printable(place.folder),
+                       .text = size_text(place.free_bytes) + " are free; the logs there grow " +
+                               (wanted.limited ? "to " + size_text(wanted.bytes) + " together"
+                                               : std::string("without limit")),
+                       .remedy = wanted.limited ? "" : "Use a RollingFileAppender."};
     if (!place.files_can_be_made) {
-        told.rank = severity::error;
-        told.text = "no further file can be made there; the file system has no inodes left";
+        verdict.rank = severity::error;
+        verdict.text = "no further file can be made there; the file system has no inodes left";
     } else if (place.free_bytes < least) {
-        told.rank = severity::error;
-        told.text = "the file system is full, so lines are lost";
+        verdict.rank = severity::error;
+        verdict.text = "the file system is full, so lines are lost";
     } else if (place.free_bytes < wanted.bytes) {
-        told.rank = severity::warning;
-        told.text = "only " + told.text;
+        verdict.rank = severity::warning;
+        verdict.text = "only " + verdict.text;
     }
-    if (told.rank == severity::warning || told.rank == severity::error) {
-        told.remedy = wanted.limited
-                          ? "Free some space, or lower MaxFileSize and MaxBackupIndex in "
-                            "qnm_log4c.properties."
-                          : "Free some space, and use a RollingFileAppender.";
+    if (verdict.rank == severity::warning || verdict.rank == severity::error) {
+        verdict.remedy = wanted.limited
+                             ? "Free some space, or lower MaxFileSize and MaxBackupIndex in "
+                               "qnm_log4c.properties."
+                             : "Free some space, and use a RollingFileAppender.";
     }
-    found.push_back(told);
+    found.push_back(verdict);
 }
 
 }  // namespace
@@ -242,9 +244,9 @@ void check_properties(const inspected& system, findings& found) {
     if (!check_file(system.properties, found)) return;
     const log_properties in = read_log_properties(system.properties.text);
     for (const char* const name : library_loggers) {
-        const logger of = find_logger(in, name);
-        check_logger(system.properties.name, in, of, found);
-        check_level(system.properties.name, of, found);
+        const logger checked = find_logger(in, name);
+        check_logger(system.properties.name, in, checked, found);
+        check_level(system.properties.name, checked, found);
     }
 }
 

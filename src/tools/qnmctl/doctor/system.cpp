@@ -46,7 +46,7 @@ library_facts look_at_library() {
 // ---- Capture ------------------------------------------------------------------------------------
 
 struct pcap_closer {
-    void operator()(pcap_t* of) const { pcap_close(of); }
+    void operator()(pcap_t* handle) const { pcap_close(handle); }
 };
 using capture = std::unique_ptr<pcap_t, pcap_closer>;
 
@@ -74,10 +74,11 @@ capture open_capture(const std::string& name, bool immediate, std::string& probl
     return nullptr;
 }
 
-bool is_in_blocks(const capture& of) {
+bool is_in_blocks(const capture& source) {
     int version = 0;
     socklen_t length = sizeof version;
-    return getsockopt(pcap_fileno(of.get()), SOL_PACKET, PACKET_VERSION, &version, &length) == 0 &&
+    return getsockopt(pcap_fileno(source.get()), SOL_PACKET, PACKET_VERSION, &version, &length) ==
+               0 &&
            version == TPACKET_V3;
 }
 
@@ -181,7 +182,7 @@ std::string reason_not_to_write(const fs::path& file, const fs::path& folder) {
 }
 
 struct pipe_closer {
-    void operator()(FILE* of) const { pclose(of); }
+    void operator()(FILE* file) const { pclose(file); }
 };
 
 // What tshark tells of itself. It is given up when it takes long.
@@ -189,11 +190,11 @@ std::string ask_tshark() {
     constexpr char command[] =
         "exec </dev/null 2>/dev/null; timeout 10 tshark --version && timeout 10 tshark -G folders";
     const std::unique_ptr<FILE, pipe_closer> answer(popen(command, "re"));
-    std::string told;
+    std::string text;
     char part[1024];
     while (answer && fgets(part, sizeof part, answer.get()) != nullptr)
-        told += part;
-    return told;
+        text += part;
+    return text;
 }
 
 // Of a temporary configuration it is the command's own, and nothing that the operator has given.
@@ -239,12 +240,12 @@ std::string line_behind(const std::string& text, const std::string& beginning) {
     return start == std::string::npos ? "" : text.substr(start, text.find('\n', start) - start);
 }
 
-dissector_facts look_at_dissector(const std::string& told) {
+dissector_facts look_at_dissector(const std::string& text) {
     dissector_facts found;
-    const std::string version = line_behind(told, "TShark (Wireshark) ");
+    const std::string version = line_behind(text, "TShark (Wireshark) ");
     found.version = version.substr(0, version.find_first_not_of("0123456789."));
     if (found.version.ends_with('.')) found.version.pop_back();  // it ends the sentence
-    found.folder = line_behind(told, "Global Lua Plugins:");
+    found.folder = line_behind(text, "Global Lua Plugins:");
     std::error_code ignored;  // tshark could not load it either
     found.for_all =
         !found.folder.empty() && fs::exists(fs::path(found.folder) / "quillnet.lua", ignored);
@@ -277,16 +278,16 @@ inspected inspect_system(const installation& where, tshark_use tshark) {
     const std::vector<std::string> ports =
         is_known ? configured_ports(found.config.text) : std::vector<std::string>();
     for (const std::string& name : ports) {
-        interface_facts one = look_at_interface(name);
+        interface_facts facts = look_at_interface(name);
         const bool can_open =
-            one.state.error == 0 && one.state.up && found.privileges.socket_error == 0;
-        if (can_open) one.capture = look_at_capture(name);
-        if (one.state.error == 0) {
+            facts.state.error == 0 && facts.state.up && found.privileges.socket_error == 0;
+        if (can_open) facts.capture = look_at_capture(name);
+        if (facts.state.error == 0) {
             const int index = static_cast<int>(if_nametoindex(name.c_str()));
-            one.user = find_port_user(index);
-            one.name_taken = is_used(index);
+            facts.user = find_port_user(index);
+            facts.name_taken = is_used(index);
         }
-        found.interfaces.push_back(one);
+        found.interfaces.push_back(facts);
     }
     find_left_behind(ports, found);
     found.capture_library = pcap_lib_version();

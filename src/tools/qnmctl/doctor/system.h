@@ -118,6 +118,6 @@ inspected inspect_system(const installation& where, tshark_use tshark = tshark_u
 file_facts look_at_file(const std::filesystem::path& name);
 log_place look_at_log(const std::string& file);
 interface_facts look_at_interface(const std::string& name);
-dissector_facts look_at_dissector(const std::string& told);  // by tshark, of itself
+dissector_facts look_at_dissector(const std::string& text);  // by tshark, of itself
 
 }  // namespace qnmctl

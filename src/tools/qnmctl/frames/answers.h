@@ -27,7 +27,7 @@ class answers {
     explicit answers(const frame_rules& rules) : rules_(rules) {}
 
     // Takes the next frame. A Completion that no manager takes gets its reason.
-    std::optional<answered_read> take(frame_reading& of, std::uint64_t frame,
+    std::optional<answered_read> take(frame_reading& reading, std::uint64_t frame,
                                       std::int64_t nanoseconds);
 
   private:
@@ -39,7 +39,7 @@ class answers {
         std::uint64_t answer = 0;  // the frame that it came in
     };
 
-    waiting_read* find_read(const frame_reading& of);
+    waiting_read* find_read(const frame_reading& reading);
 
     frame_rules rules_;
     // By tag, those of each manager by its MAC address: the one sent last.

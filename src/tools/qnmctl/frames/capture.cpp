@@ -120,10 +120,10 @@ std::string open_problem(const std::string& interface, const char* said) {
 }
 
 // The text says why it was not opened.
-std::string open_port(const std::string& interface, int snaplen, port& made) {
+std::string open_port(const std::string& interface, int snaplen, port& result) {
     char said[PCAP_ERRBUF_SIZE] = "";
-    made.handle.reset(pcap_create(interface.c_str(), said));
-    pcap_t* const handle = made.handle.get();
+    result.handle.reset(pcap_create(interface.c_str(), said));
+    pcap_t* const handle = result.handle.get();
     if (handle == nullptr) return open_problem(interface, said);
     pcap_set_snaplen(handle, snaplen);
     pcap_set_promisc(handle, 1);
@@ -134,16 +134,16 @@ std::string open_port(const std::string& interface, int snaplen, port& made) {
     const int status = pcap_activate(handle);
     if (status < 0) {
         const std::string text = pcap_geterr(handle);
-        made.handle.reset();
+        result.handle.reset();
         return open_problem(interface, text.empty() ? pcap_statustostr(status) : text.c_str());
     }
     if (pcap_datalink(handle) != DLT_EN10MB) {
-        made.handle.reset();
+        result.handle.reset();
         return interface + " is no Ethernet interface";
     }
     pcap_setnonblock(handle, 1, said);
-    made.nanoseconds = pcap_get_tstamp_precision(handle) == PCAP_TSTAMP_PRECISION_NANO;
-    made.mac = read_interface(interface).mac.value_or(0);
+    result.nanoseconds = pcap_get_tstamp_precision(handle) == PCAP_TSTAMP_PRECISION_NANO;
+    result.mac = read_interface(interface).mac.value_or(0);
     return {};
 }
 
@@ -157,7 +157,7 @@ class capturing {
     void open();
     void run();
     void finish();
-    const captured& told() const { return told_; }
+    const captured& counts() const { return counts_; }
 
   private:
     bool full() const;
@@ -173,7 +173,7 @@ class capturing {
     block_file& to_;
     answers matched_;
     std::vector<port> ports_ = {};
-    captured told_ = {};
+    captured counts_ = {};
     std::uint64_t frames_ = 0;
     std::int64_t started_ = 0;
 };
@@ -185,9 +185,9 @@ std::int64_t now() {
 }
 
 std::string system_text() {
-    utsname of{};
-    if (uname(&of) != 0) return "Linux";
-    return std::string(of.sysname) + ' ' + of.release;
+    utsname host{};
+    if (uname(&host) != 0) return "Linux";
+    return std::string(host.sysname) + ' ' + host.release;
 }
 
 void capturing::open() {
@@ -195,17 +195,17 @@ void capturing::open() {
     std::vector<std::string> problems;
     std::uint32_t index = 0;
     for (const std::string& interface : how_.ports) {
-        port& made = ports_.emplace_back();
-        captured_port& told = told_.ports.emplace_back(captured_port{.interface = interface});
-        told.problem = open_port(interface, how_.snaplen, made);
-        if (!told.problem.empty()) {
-            problems.push_back(told.problem);
+        port& opened = ports_.emplace_back();
+        captured_port& counts = counts_.ports.emplace_back(captured_port{.interface = interface});
+        counts.problem = open_port(interface, how_.snaplen, opened);
+        if (!counts.problem.empty()) {
+            problems.push_back(counts.problem);
             continue;
         }
-        made.index = index++;
+        opened.index = index++;
         to_.add(pcapng::interface_block({interface, "port " + std::to_string(ports_.size() - 1),
                                          DLT_EN10MB, static_cast<std::uint32_t>(how_.snaplen),
-                                         made.nanoseconds}));
+                                         opened.nanoseconds}));
     }
     if (index == 0) throw error(join(problems, "\n"));
     for (const std::string& problem : problems)
@@ -220,15 +220,15 @@ bool capturing::full() const {
 
 void capturing::take(std::size_t number, const pcap_pkthdr& header, const std::uint8_t* bytes) {
     const port& from = ports_[number];
-    captured_port& told = told_.ports[number];
+    captured_port& counts = counts_.ports[number];
     const frame_bytes frame = {{bytes, header.caplen}, header.len};
     frame_reading read = read_frame(frame, how_.rules);
     const std::int64_t time = from.nanoseconds_of(header.ts);
     matched_.take(read, ++frames_, time);
-    ++told.frames;
+    ++counts.frames;
     if (read.dropped) {
-        ++told.dropped;
-        ++told_.reasons[read.dropped->name];
+        ++counts.dropped;
+        ++counts_.reasons[read.dropped->name];
     }
     const bool own = read.source == from.mac;
     to_.add(pcapng::packet_block({from.index, from.file_time(time), frame.captured, header.len,
@@ -239,7 +239,7 @@ void capturing::take(std::size_t number, const pcap_pkthdr& header, const std::u
 // What it has counted goes with its handle.
 void capturing::end_port(std::size_t number, const std::string& why) {
     finish_port(number);
-    told_.ports[number].problem = why;
+    counts_.ports[number].problem = why;
     warn(why);
     ports_[number].handle.reset();
 }
@@ -262,8 +262,10 @@ void capturing::run() {
     to_.flush();
     const clock::time_point deadline = tools::deadline_after(how_.seconds);
     std::vector<pollfd> waited = {{how_.signals, POLLIN, 0}};
-    for (const port& of : ports_)
-        waited.push_back({of.handle ? pcap_get_selectable_fd(of.handle.get()) : -1, POLLIN, 0});
+    for (const port& capture_port : ports_)
+        waited.push_back(
+            {capture_port.handle ? pcap_get_selectable_fd(capture_port.handle.get()) : -1, POLLIN,
+             0});
     while (!full() && clock::now() < deadline) {
         if (poll(waited.data(), waited.size(), tools::milliseconds_until(deadline)) < 0) {
             if (errno == EINTR) continue;
@@ -276,27 +278,29 @@ void capturing::run() {
             if (!ports_[number].handle) waited[number + 1].fd = -1;
         }
         to_.flush();
-        const auto is_open = [](const port& of) { return of.handle != nullptr; };
+        const auto is_open = [](const port& capture_port) {
+            return capture_port.handle != nullptr;
+        };
         if (std::none_of(ports_.begin(), ports_.end(), is_open)) return;
     }
 }
 
 void capturing::finish_port(std::size_t number) {
-    const port& of = ports_[number];
+    const port& capture_port = ports_[number];
     pcap_stat counted{};
-    if (!of.handle || pcap_stats(of.handle.get(), &counted) != 0) return;
-    told_.ports[number].kernel_dropped = counted.ps_drop;
-    to_.add(pcapng::statistics_block({of.index, of.file_time(now()), of.file_time(started_),
-                                      of.file_time(now()), counted.ps_recv, counted.ps_ifdrop,
-                                      counted.ps_drop}));
+    if (!capture_port.handle || pcap_stats(capture_port.handle.get(), &counted) != 0) return;
+    counts_.ports[number].kernel_dropped = counted.ps_drop;
+    to_.add(pcapng::statistics_block(
+        {capture_port.index, capture_port.file_time(now()), capture_port.file_time(started_),
+         capture_port.file_time(now()), counted.ps_recv, counted.ps_ifdrop, counted.ps_drop}));
 }
 
 void capturing::finish() {
     for (std::size_t number = 0; number < ports_.size(); ++number)
         finish_port(number);
     to_.flush();
-    told_.lost = to_.problem();
-    told_.signalled = to_.signalled();
+    counts_.lost = to_.problem();
+    counts_.signalled = to_.signalled();
 }
 
 // A FIFO can be opened only while somebody reads it. So it is tried from time to time. None is open
@@ -316,10 +320,10 @@ tools::descriptor open_file(const std::string& name, int signals) {
 }
 
 // What a FIFO gets that has had no reader until a signal came.
-captured unread(captured told, const std::string& name) {
-    told.lost = "cannot write to " + name + ": ended by a signal before it had a reader";
-    told.signalled = true;
-    return told;
+captured unread(captured counts, const std::string& name) {
+    counts.lost = "cannot write to " + name + ": ended by a signal before it had a reader";
+    counts.signalled = true;
+    return counts;
 }
 
 }  // namespace
@@ -331,7 +335,7 @@ captured capture_ports(const capture_options& how, int fd, const std::string& na
     to.write_to(fd);
     under_way.run();
     under_way.finish();
-    return under_way.told();
+    return under_way.counts();
 }
 
 captured capture_to_file(const capture_options& how, const std::string& name) {
@@ -341,7 +345,7 @@ captured capture_to_file(const capture_options& how, const std::string& name) {
     under_way.open();  // an older file stays as it is where no port can be opened
     const tools::descriptor file = open_file(name, how.signals);
     const int code = file.fd < 0 ? errno : 0;
-    if (code == EINTR) return unread(under_way.told(), name);
+    if (code == EINTR) return unread(under_way.counts(), name);
     if (code != 0) throw error("cannot write " + name + ": " + strerror(code));
     to.write_to(file.fd);
     under_way.run();
@@ -350,7 +354,7 @@ captured capture_to_file(const capture_options& how, const std::string& name) {
     if (fsync(file.fd) != 0 && errno != EINVAL && errno != EROFS) {
         throw error("cannot write " + name + ": " + strerror(errno));
     }
-    return under_way.told();
+    return under_way.counts();
 }
 
 }  // namespace qnmctl

@@ -36,7 +36,7 @@ struct capture_command_options {
 };
 
 void check_standard_output(const context& with) {
-    if (!with.told.is_text()) {
+    if (!with.results.is_text()) {
         throw usage_error("standard output takes either the capture or JSON\nName a file.");
     }
     if (isatty(STDOUT_FILENO) == 1) {
@@ -50,8 +50,8 @@ void tell_captured(context& with, const captured& result, const std::string& fil
         tools::tell(text);
         return;
     }
-    with.told.text(text);
-    with.told.record("capture", captured_json(result, file));
+    with.results.text(text);
+    with.results.record("capture", captured_json(result, file));
 }
 
 int run_capture(context& with, const capture_command_options& options) {

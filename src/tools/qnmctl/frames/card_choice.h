@@ -19,7 +19,7 @@ class card_choice {
     explicit card_choice(std::vector<std::uint64_t> wanted) : wanted_(std::move(wanted)) {}
 
     // Takes the next frame, and says whether it is wanted.
-    bool take(const frame_reading& of);
+    bool take(const frame_reading& reading);
 
   private:
     std::vector<std::uint64_t> wanted_;

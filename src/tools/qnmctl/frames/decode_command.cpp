@@ -46,9 +46,9 @@ bool is_wanted(const decode_options& options, const frame_reading& frame) {
 }
 
 void tell_frame(context& with, const decode_options& options, const decoded_frame& frame) {
-    if (!with.told.is_text()) return with.told.record("frame", frame_json(frame));
-    with.told.text(frame_line(frame, with.how));
-    if (options.verbose) with.told.text(frame_fields_text(frame.read));
+    if (!with.results.is_text()) return with.results.record("frame", frame_json(frame));
+    with.results.text(frame_line(frame, with.how));
+    if (options.verbose) with.results.text(frame_fields_text(frame.read));
 }
 
 int run_decode(context& with, const decode_options& options) {

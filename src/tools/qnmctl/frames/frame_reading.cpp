@@ -184,22 +184,23 @@ std::string bytes_text(std::span<const std::uint8_t> bytes) {
     return text;
 }
 
-frame_field make_field(const row& of, std::uint64_t value, std::span<const std::uint8_t> bytes) {
-    const int digits = static_cast<int>(2 * of.size);
-    switch (of.how) {
+frame_field make_field(const row& described, std::uint64_t value,
+                       std::span<const std::uint8_t> bytes) {
+    const int digits = static_cast<int>(2 * described.size);
+    switch (described.how) {
         case shape::decimal:
-            return {of.name, of.title, std::to_string(value), value};
+            return {described.name, described.title, std::to_string(value), value};
         case shape::flag:
-            return {of.name, of.title, value != 0 ? "yes" : "no", value != 0};
+            return {described.name, described.title, value != 0 ? "yes" : "no", value != 0};
         case shape::hex:
         case shape::little_hex:
-            return {of.name, of.title, hex_text(value, digits), value};
+            return {described.name, described.title, hex_text(value, digits), value};
         case shape::mac:
-            return {of.name, of.title, mac_text(value), mac_text(value)};
+            return {described.name, described.title, mac_text(value), mac_text(value)};
         case shape::bytes:
             break;
     }
-    return {of.name, of.title, bytes_text(bytes), bytes_text(bytes)};
+    return {described.name, described.title, bytes_text(bytes), bytes_text(bytes)};
 }
 
 // ---- A frame being read -------------------------------------------------------------------------
@@ -208,34 +209,36 @@ struct reading_frame {
     const frame_bytes& frame;
     const frame_rules& rules;
     const qnm_header_layout_t& header;
-    frame_reading& made;
+    frame_reading& result;
 
-    std::vector<frame_field>& fields() const { return made.sections.back().fields; }
+    std::vector<frame_field>& fields() const { return result.sections.back().fields; }
     std::optional<std::uint16_t> word(std::size_t at) const {
         const auto value = big_number(frame, at, 2);
         return value ? std::optional(static_cast<std::uint16_t>(*value)) : std::nullopt;
     }
 };
 
-void add_row(const reading_frame& at, const row& of, std::size_t start = 0) {
-    const auto value = of.how == shape::little_hex ? little_number(at.frame, start + of.at, of.size)
-                                                   : big_number(at.frame, start + of.at, of.size);
+void add_row(const reading_frame& at, const row& described, std::size_t start = 0) {
+    const auto value = described.how == shape::little_hex
+                           ? little_number(at.frame, start + described.at, described.size)
+                           : big_number(at.frame, start + described.at, described.size);
     if (!value) {
-        at.made.cut = at.made.cut || start + of.at + of.size <= at.frame.length;
+        at.result.cut = at.result.cut || start + described.at + described.size <= at.frame.length;
         return;
     }
-    const std::uint64_t bits = (*value & of.mask) >> std::countr_zero(of.mask);
-    at.fields().push_back(make_field(of, bits, at.frame.captured.subspan(start + of.at, of.size)));
+    const std::uint64_t bits = (*value & described.mask) >> std::countr_zero(described.mask);
+    at.fields().push_back(make_field(
+        described, bits, at.frame.captured.subspan(start + described.at, described.size)));
 }
 
 void add_rows(const reading_frame& at, std::span<const row> rows, std::size_t start = 0) {
-    for (const row& of : rows)
-        add_row(at, of, start);
+    for (const row& described : rows)
+        add_row(at, described, start);
 }
 
 // What is left of the frame from an offset on.
 void add_rest(const reading_frame& at, const char* name, const char* title, std::size_t start) {
-    at.made.cut = at.made.cut || at.frame.captured.size() < at.frame.length;
+    at.result.cut = at.result.cut || at.frame.captured.size() < at.frame.length;
     if (start >= at.frame.captured.size()) return;
     const auto rest = at.frame.captured.subspan(start);
     const bool zero = std::all_of(rest.begin(), rest.end(), [](std::uint8_t b) { return b == 0; });
@@ -245,7 +248,7 @@ void add_rest(const reading_frame& at, const char* name, const char* title, std:
 }
 
 void start_section(const reading_frame& at, const char* name, int index = -1) {
-    at.made.sections.push_back({name, index, {}});
+    at.result.sections.push_back({name, index, {}});
 }
 
 // ---- Messages -----------------------------------------------------------------------------------
@@ -263,10 +266,10 @@ bool is_multi_root(const frame_bytes& frame) {
     return status && (*status & qnm::k_version_mask) == qnm::k_version_mr;
 }
 
-void read_server(const reading_frame& at, const message& of) {
+void read_server(const reading_frame& at, const message& kind) {
     start_section(at, "up_port");
     add_rows(at, bridge_rows, offsetof(qnw_devinfo_server_s, up_port));
-    for (int port = 0; port < of.down_ports; ++port) {
+    for (int port = 0; port < kind.down_ports; ++port) {
         const std::size_t start = offsetof(qnw_devinfo_server_s, down_port) +
                                   static_cast<std::size_t>(port) * sizeof(qnet_down_port_s);
         start_section(at, "down_port", port);
@@ -274,9 +277,9 @@ void read_server(const reading_frame& at, const message& of) {
         add_rows(at, bridge_rows, start + offsetof(qnet_down_port_s, com_port));
     }
     // An empty one was not captured, or is not there.
-    std::erase_if(at.made.sections, [](const frame_section& s) { return s.fields.empty(); });
+    std::erase_if(at.result.sections, [](const frame_section& s) { return s.fields.empty(); });
     start_section(at, "");
-    add_rest(at, "padding", "padding", of.size);
+    add_rest(at, "padding", "padding", kind.size);
 }
 
 void read_io(const reading_frame& at) {
@@ -291,32 +294,33 @@ void read_io(const reading_frame& at) {
 void add_identity(const reading_frame& at) {
     const auto ver = byte_at(at.frame, ver_at);
     if (!ver) return;
-    const std::uint64_t path = *ver != 0 ? *at.made.source & 1 : 0;
-    at.made.card = *at.made.source - path;
-    at.fields().push_back({"card_id", "card ID", id_text(*at.made.card), id_text(*at.made.card)});
+    const std::uint64_t path = *ver != 0 ? *at.result.source & 1 : 0;
+    at.result.card = *at.result.source - path;
+    at.fields().push_back(
+        {"card_id", "card ID", id_text(*at.result.card), id_text(*at.result.card)});
     at.fields().push_back({"path", "path of the card", std::to_string(path), path});
-    at.made.words = "path " + std::to_string(path);
+    at.result.words = "path " + std::to_string(path);
 }
 
-void read_announcement(const reading_frame& at, const message& of) {
+void read_announcement(const reading_frame& at, const message& kind) {
     add_identity(at);
     add_rows(at, announcement_rows);
     const auto host = byte_at(at.frame, host_at);
     if (!host) return;
     if (*host == qnm::k_host_qnsv) {
-        at.made.words = "QNSV " + at.made.words;
-        read_server(at, of);
+        at.result.words = "QNSV " + at.result.words;
+        read_server(at, kind);
     } else if (*host == qnm::k_host_qnio) {
-        at.made.words = "QNIO " + at.made.words;
+        at.result.words = "QNIO " + at.result.words;
         read_io(at);
     } else {
-        at.made.words = "of unknown kind " + at.made.words;
+        at.result.words = "of unknown kind " + at.result.words;
         add_rest(at, "unread", "not read", qnm::k_min_recv_size);
     }
 }
 
-std::string tag_words(const frame_reading& of) {
-    return of.tag ? "tag " + std::to_string(*of.tag) : std::string();
+std::string tag_words(const frame_reading& reading) {
+    return reading.tag ? "tag " + std::to_string(*reading.tag) : std::string();
 }
 
 std::string value_words(const reading_frame& at, std::size_t value_at) {
@@ -324,12 +328,12 @@ std::string value_words(const reading_frame& at, std::size_t value_at) {
     return value ? " value " + hex_text(*value, 8) : std::string();
 }
 
-void read_completion(const reading_frame& at, const message& of) {
-    at.made.card = at.made.source;
-    at.made.tag = byte_at(at.frame, tag_at);
+void read_completion(const reading_frame& at, const message& kind) {
+    at.result.card = at.result.source;
+    at.result.tag = byte_at(at.frame, tag_at);
     add_rows(at, completion_rows);
-    add_rest(at, "padding", "padding", of.size);
-    at.made.words = tag_words(at.made) + value_words(at, offsetof(qnw_completion_s, comp.data));
+    add_rest(at, "padding", "padding", kind.size);
+    at.result.words = tag_words(at.result) + value_words(at, offsetof(qnw_completion_s, comp.data));
 }
 
 // Registers that the library itself uses. Those of the EEPROM lie at one of two places.
@@ -355,8 +359,9 @@ constexpr register_name register_names[] = {
 };
 
 const char* find_register(std::uint32_t address) {
-    const auto found = std::find_if(std::begin(register_names), std::end(register_names),
-                                    [&](const register_name& of) { return of.address == address; });
+    const auto found =
+        std::find_if(std::begin(register_names), std::end(register_names),
+                     [&](const register_name& named) { return named.address == address; });
     return found == std::end(register_names) ? nullptr : found->name;
 }
 
@@ -370,47 +375,47 @@ void add_register(const reading_frame& at) {
     const auto wire = big_number(at.frame, wire_address_at, 4);
     if (!wire) return;
     const std::uint32_t address = decode_register_address(*wire);
-    at.made.address = address;
+    at.result.address = address;
     at.fields().push_back({"address", "register address", hex_text(address, 6), address});
     const char* const name = find_register(address);
     if (name != nullptr) at.fields().push_back({"register", "register", name, name});
 }
 
-std::string address_words(const frame_reading& of) {
-    return of.address ? register_text(*of.address) : std::string();
+std::string address_words(const frame_reading& reading) {
+    return reading.address ? register_text(*reading.address) : std::string();
 }
 
-void read_register_read(const reading_frame& at, const message& of) {
-    at.made.tag = byte_at(at.frame, tag_at);
+void read_register_read(const reading_frame& at, const message& kind) {
+    at.result.tag = byte_at(at.frame, tag_at);
     add_register(at);
-    add_rest(at, "padding", "padding", of.size);
-    at.made.words = tag_words(at.made) + ' ' + address_words(at.made);
+    add_rest(at, "padding", "padding", kind.size);
+    at.result.words = tag_words(at.result) + ' ' + address_words(at.result);
 }
 
-void read_register_write(const reading_frame& at, const message& of) {
+void read_register_write(const reading_frame& at, const message& kind) {
     add_register(at);
     add_rows(at, written_rows);
-    add_rest(at, "padding", "padding", of.size);
-    at.made.words =
-        address_words(at.made) + value_words(at, offsetof(qnw_register_write_s, regw.data));
+    add_rest(at, "padding", "padding", kind.size);
+    at.result.words =
+        address_words(at.result) + value_words(at, offsetof(qnw_register_write_s, regw.data));
 }
 
-void read_vlan_set(const reading_frame& at, const message& of) {
+void read_vlan_set(const reading_frame& at, const message& kind) {
     add_rows(at, vlan_set_rows);
-    add_rest(at, "padding", "padding", of.size);
+    add_rest(at, "padding", "padding", kind.size);
     const auto id = at.word(offsetof(qnw_vlanset_type0_s, vlanset.vlan_id));
-    if (id) at.made.words = "to " + std::to_string(*id);
+    if (id) at.result.words = "to " + std::to_string(*id);
 }
 
-void read_reset(const reading_frame& at, const message& of) {
-    at.made.card.reset();  // the frame is for all
+void read_reset(const reading_frame& at, const message& kind) {
+    at.result.card.reset();  // the frame is for all
     add_rows(at, reset_rows);
-    add_rest(at, "padding", "padding", of.size);
+    add_rest(at, "padding", "padding", kind.size);
     const auto status = byte_at(at.frame, offsetof(qnw_reset_s, reset.status));
-    if (status) at.made.words = "status " + hex_text(*status, 2);
+    if (status) at.result.words = "status " + hex_text(*status, 2);
 }
 
-void read_mms_write(const reading_frame& at, const message& of) {
+void read_mms_write(const reading_frame& at, const message& kind) {
     constexpr std::size_t words = sizeof(qnw_mms_write_s::data) / 4;
     add_rows(at, mms_rows);
     std::vector<std::string> texts;
@@ -422,9 +427,9 @@ void read_mms_write(const reading_frame& at, const message& of) {
         values.push_back(*word);
     }
     if (!texts.empty()) at.fields().push_back({"word", "words", join(texts, " "), values});
-    add_rest(at, "padding", "padding", of.size);
+    add_rest(at, "padding", "padding", kind.size);
     const auto page = big_number(at.frame, offsetof(qnw_mms_write_s, address), 4);
-    if (page) at.made.words = "page " + std::to_string(*page);
+    if (page) at.result.words = "page " + std::to_string(*page);
 }
 
 constexpr message messages[] = {
@@ -521,8 +526,8 @@ void read_message(const reading_frame& at) {
         add_rest(at, "unread", "not read", info_at + 1);
         return;
     }
-    at.made.kind = &of->kind;
-    if (of->kind.goes == way::to_card) at.made.card = at.made.destination;
+    at.result.kind = &of->kind;
+    if (of->kind.goes == way::to_card) at.result.card = at.result.destination;
     of->read(at, *of);
 }
 
@@ -560,11 +565,11 @@ frame_reading read_frame(const frame_bytes& frame, const frame_rules& rules) {
     const qnm_frame_bytes_t bytes = {frame.captured.data(), frame.captured.size(), frame.length};
     qnm_frame_verdict_t verdict = _qnm_check_frame(&bytes, rules.ether_type);
     _qnm_check_frame_host(&bytes, &verdict);
-    frame_reading made;
-    const reading_frame at = {frame, rules, *verdict.layout, made};
-    made.destination = big_number(frame, offsetof(quillnet_header_s, dmac), mac_size);
-    made.source = big_number(frame, offsetof(quillnet_header_s, smac), mac_size);
-    made.dropped = drop_reason_of(frame, verdict);
+    frame_reading result;
+    const reading_frame at = {frame, rules, *verdict.layout, result};
+    result.destination = big_number(frame, offsetof(quillnet_header_s, dmac), mac_size);
+    result.source = big_number(frame, offsetof(quillnet_header_s, smac), mac_size);
+    result.dropped = drop_reason_of(frame, verdict);
     start_section(at, "");
     read_header(at);
     if (has_message(at)) {
@@ -572,7 +577,7 @@ frame_reading read_frame(const frame_bytes& frame, const frame_rules& rules) {
     } else {
         add_rest(at, "unread", "not read", message_at);
     }
-    return made;
+    return result;
 }
 
 const char* drop_title(const std::string& name) {
@@ -590,12 +595,12 @@ std::string register_text(std::uint32_t address) {
     return hex_text(address, 6) + (name == nullptr ? "" : " (" + std::string(name) + ')');
 }
 
-json fields_json(const frame_reading& of) {
+json fields_json(const frame_reading& reading) {
     json all = json::object();
-    for (const frame_section& within : of.sections) {
+    for (const frame_section& within : reading.sections) {
         json fields = json::object();
-        for (const frame_field& one : within.fields)
-            fields[one.name] = one.value;
+        for (const frame_field& item : within.fields)
+            fields[item.name] = item.value;
         if (within.index >= 0) {
             all[within.name].push_back(fields);
         } else if (within.name[0] != '\0') {

@@ -89,6 +89,6 @@ const char* drop_title(const std::string& name);
 std::string register_text(std::uint32_t address);
 
 // Every field, by its name.
-json fields_json(const frame_reading& of);
+json fields_json(const frame_reading& reading);
 
 }  // namespace qnmctl

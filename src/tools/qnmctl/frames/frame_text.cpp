@@ -40,8 +40,8 @@ wall_time time_of(std::int64_t nanoseconds) {
         std::chrono::floor<wall_time::duration>(std::chrono::nanoseconds(nanoseconds)));
 }
 
-const char* way_text(way of) {
-    return of == way::to_manager ? "to manager" : "to card";
+const char* way_text(way direction) {
+    return direction == way::to_manager ? "to manager" : "to card";
 }
 
 std::string duration_text(std::int64_t nanoseconds) {
@@ -50,31 +50,32 @@ std::string duration_text(std::int64_t nanoseconds) {
     return text;
 }
 
-std::string message_words(const frame_reading& of) {
-    if (of.kind != nullptr) {
-        return of.kind->name + (of.words.empty() ? std::string() : ' ' + of.words);
+std::string message_words(const frame_reading& reading) {
+    if (reading.kind != nullptr) {
+        return reading.kind->name + (reading.words.empty() ? std::string() : ' ' + reading.words);
     }
-    const std::string from = of.source ? mac_text(*of.source) : "";
+    const std::string from = reading.source ? mac_text(*reading.source) : "";
     return "no known message" + (from.empty() ? "" : " from " + from + " to ") +
-           (of.destination ? mac_text(*of.destination) : std::string());
+           (reading.destination ? mac_text(*reading.destination) : std::string());
 }
 
-json card_id_json(const frame_reading& of) {
-    return of.card ? json(id_text(*of.card)) : json();
+json card_id_json(const frame_reading& reading) {
+    return reading.card ? json(id_text(*reading.card)) : json();
 }
 
-json mac_json(const std::optional<std::uint64_t>& of) {
-    return of ? json(mac_text(*of)) : json();
+json mac_json(const std::optional<std::uint64_t>& number) {
+    return number ? json(mac_text(*number)) : json();
 }
 
-json dropped_json(const frame_reading& of) {
-    if (!of.dropped) return {};
-    return {{"reason", of.dropped->name}, {"text", of.dropped->text}};
+json dropped_json(const frame_reading& reading) {
+    if (!reading.dropped) return {};
+    return {{"reason", reading.dropped->name}, {"text", reading.dropped->text}};
 }
 
-json answered_json(const std::optional<answered_read>& of) {
-    if (!of) return {};
-    return {{"frame", of->frame}, {"nanoseconds", of->nanoseconds}, {"addr", of->address}};
+json answered_json(const std::optional<answered_read>& answer) {
+    if (!answer) return {};
+    return {
+        {"frame", answer->frame}, {"nanoseconds", answer->nanoseconds}, {"addr", answer->address}};
 }
 
 }  // namespace
@@ -102,21 +103,21 @@ std::string frame_line(const decoded_frame& of, const look& how) {
     return line + '\n';
 }
 
-std::string frame_fields_text(const frame_reading& of) {
+std::string frame_fields_text(const frame_reading& reading) {
     constexpr std::size_t title_width = 32, name_width = 18;
     std::string text;
-    for (const frame_section& within : of.sections) {
+    for (const frame_section& within : reading.sections) {
         const bool indented = within.name[0] != '\0';
         if (indented) {
             text += within.index < 0 ? "         up port\n"
                                      : "         down port " + std::to_string(within.index) + '\n';
         }
-        for (const frame_field& one : within.fields) {
-            text += std::string(indented ? 11 : 9, ' ') + padded(one.title, title_width) + ' ' +
-                    padded(one.name, name_width) + ' ' + one.text + '\n';
+        for (const frame_field& item : within.fields) {
+            text += std::string(indented ? 11 : 9, ' ') + padded(item.title, title_width) + ' ' +
+                    padded(item.name, name_width) + ' ' + item.text + '\n';
         }
     }
-    if (of.cut) text += "         the rest was not captured\n";
+    if (reading.cut) text += "         the rest was not captured\n";
     return text;
 }
 
@@ -140,23 +141,23 @@ json frame_json(const decoded_frame& of) {
             {"fields", fields_json(read)}};
 }
 
-std::string captured_text(const captured& of) {
+std::string captured_text(const captured& counts) {
     std::string text;
-    for (std::size_t number = 0; number < of.ports.size(); ++number) {
-        const captured_port& port = of.ports[number];
+    for (std::size_t number = 0; number < counts.ports.size(); ++number) {
+        const captured_port& port = counts.ports[number];
         text += "port " + std::to_string(number) + ", " + port.interface + ": " +
                 std::to_string(port.frames) + " frames, " + std::to_string(port.dropped) +
                 " of them dropped by managers, " + std::to_string(port.kernel_dropped) +
                 " lost by the kernel\n";
     }
-    for (const auto& [name, frames] : of.reasons)
+    for (const auto& [name, frames] : counts.reasons)
         text += "  " + padded(std::to_string(frames), 8) + ' ' + drop_title(name) + '\n';
     return text;
 }
 
-json captured_json(const captured& of, const std::string& file) {
+json captured_json(const captured& counts, const std::string& file) {
     json ports = json::array();
-    for (const captured_port& port : of.ports) {
+    for (const captured_port& port : counts.ports) {
         ports.push_back({{"interface", port.interface},
                          {"frames", port.frames},
                          {"dropped", port.dropped},
@@ -164,7 +165,7 @@ json captured_json(const captured& of, const std::string& file) {
                          {"problem", port.problem.empty() ? json() : json(port.problem)}});
     }
     json reasons = json::array();
-    for (const auto& [name, frames] : of.reasons) {
+    for (const auto& [name, frames] : counts.reasons) {
         reasons.push_back({{"reason", name}, {"title", drop_title(name)}, {"frames", frames}});
     }
     return {{"file", file}, {"ports", ports}, {"reasons", reasons}};

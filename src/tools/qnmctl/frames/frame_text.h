@@ -19,15 +19,15 @@ struct decoded_frame {
 };
 
 // One line.
-std::string frame_line(const decoded_frame& of, const look& how);
+std::string frame_line(const decoded_frame& frame, const look& how);
 
 // Below it, a line for each field.
-std::string frame_fields_text(const frame_reading& of);
+std::string frame_fields_text(const frame_reading& reading);
 
-json frame_json(const decoded_frame& of);
+json frame_json(const decoded_frame& frame);
 
 // What a capture has come to.
-std::string captured_text(const captured& of);
-json captured_json(const captured& of, const std::string& file);
+std::string captured_text(const captured& counts);
+json captured_json(const captured& counts, const std::string& file);
 
 }  // namespace qnmctl

@@ -75,13 +75,13 @@ void put_time(std::string& to, option_code code, std::uint64_t time) {
 std::string block(block_type type, const std::string& body) {
     // Around the body stand its type and, at both ends, the length.
     const auto length = static_cast<std::uint32_t>(body.size() + head_size);
-    std::string made;
-    made.reserve(length);
-    put(made, static_cast<std::uint32_t>(type));
-    put(made, length);
-    made += body;
-    put(made, length);
-    return made;
+    std::string result;
+    result.reserve(length);
+    put(result, static_cast<std::uint32_t>(type));
+    put(result, length);
+    result += body;
+    put(result, length);
+    return result;
 }
 
 }  // namespace
@@ -100,43 +100,43 @@ std::string section_block(const std::string& system, const std::string& applicat
     return block(block_type::section_header, body);
 }
 
-std::string interface_block(const interface& of) {
+std::string interface_block(const interface& port) {
     constexpr std::uint16_t reserved = 0;
     std::string body;
-    put(body, of.link_type);
+    put(body, port.link_type);
     put(body, reserved);
-    put(body, of.snaplen);
-    put_option(body, interface_name, of.name);
-    put_option(body, interface_text, of.description);
+    put(body, port.snaplen);
+    put_option(body, interface_name, port.name);
+    put_option(body, interface_text, port.description);
     // As the power of ten below one.
-    put_number(body, interface_resolution, static_cast<std::uint8_t>(of.nanoseconds ? 9 : 6));
+    put_number(body, interface_resolution, static_cast<std::uint8_t>(port.nanoseconds ? 9 : 6));
     put_option(body, end_of_options, "");
     return block(block_type::interface_description, body);
 }
 
-std::string packet_block(const packet& of) {
+std::string packet_block(const packet& frame) {
     std::string body;
-    put(body, of.interface);
-    put_time(body, of.time);
-    put(body, static_cast<std::uint32_t>(of.captured.size()));
-    put(body, of.length);
-    body.append(reinterpret_cast<const char*>(of.captured.data()), of.captured.size());
+    put(body, frame.interface);
+    put_time(body, frame.time);
+    put(body, static_cast<std::uint32_t>(frame.captured.size()));
+    put(body, frame.length);
+    body.append(reinterpret_cast<const char*>(frame.captured.data()), frame.captured.size());
     pad(body);
-    if (!of.comment.empty()) put_option(body, comment, of.comment);
-    put_number(body, packet_flags, static_cast<std::uint32_t>(of.way));
+    if (!frame.comment.empty()) put_option(body, comment, frame.comment);
+    put_number(body, packet_flags, static_cast<std::uint32_t>(frame.way));
     put_option(body, end_of_options, "");
     return block(block_type::enhanced_packet, body);
 }
 
-std::string statistics_block(const statistics& of) {
+std::string statistics_block(const statistics& counts) {
     std::string body;
-    put(body, of.interface);
-    put_time(body, of.time);
-    put_time(body, statistics_start, of.start);
-    put_time(body, statistics_end, of.end);
-    put_number(body, statistics_received, of.received);
-    put_number(body, statistics_interface_dropped, of.interface_dropped);
-    put_number(body, statistics_system_dropped, of.system_dropped);
+    put(body, counts.interface);
+    put_time(body, counts.time);
+    put_time(body, statistics_start, counts.start);
+    put_time(body, statistics_end, counts.end);
+    put_number(body, statistics_received, counts.received);
+    put_number(body, statistics_interface_dropped, counts.interface_dropped);
+    put_number(body, statistics_system_dropped, counts.system_dropped);
     put_option(body, end_of_options, "");
     return block(block_type::interface_statistics, body);
 }

@@ -44,9 +44,9 @@ struct statistics {
 };
 
 std::string section_block(const std::string& system, const std::string& application);
-std::string interface_block(const interface& of);
-std::string packet_block(const packet& of);
-std::string statistics_block(const statistics& of);
+std::string interface_block(const interface& port);
+std::string packet_block(const packet& frame);
+std::string statistics_block(const statistics& counts);
 
 // How many of the first bytes are whole blocks.
 std::size_t whole_blocks(const std::string& bytes, std::size_t first);

@@ -45,19 +45,19 @@ std::string value_of(const qnm_config_key_t& key) {
 
 // Wraps a text into comment lines; the first begins with `first`, the others with `next`.
 std::string commented(const std::string& text, const std::string& first, const std::string& next) {
-    std::string made;
+    std::string result;
     std::string line = first;
     bool begun = false;
     for (const std::string& word : split(text, " ")) {
         if (begun && line.size() + 1 + word.size() > line_width) {
-            made += line + '\n';
+            result += line + '\n';
             line = next;
             begun = false;
         }
         line += (begun ? " " : "") + word;
         begun = true;
     }
-    return made + line + '\n';
+    return result + line + '\n';
 }
 
 std::string commented(const std::string& text) {
@@ -88,14 +88,14 @@ constexpr char name_letters[] = "abcdefghijklmnopqrstuvwxyz_0123456789";
 // Escapes a text and makes the names of keys in it bold.
 std::string with_keys(const std::string& plain) {
     const std::string text = escaped(plain);
-    std::string made;
+    std::string result;
     for (std::size_t at = 0; at < text.size();) {
         const std::size_t end = std::min(text.find_first_not_of(name_letters, at), text.size());
         const std::string word = text.substr(at, std::max<std::size_t>(end - at, 1));
-        made += _qnm_find_config_key(word.c_str()) != nullptr ? "\\fB" + word + "\\fP" : word;
+        result += _qnm_find_config_key(word.c_str()) != nullptr ? "\\fB" + word + "\\fP" : word;
         at += word.size();
     }
-    return made;
+    return result;
 }
 
 std::string page_of(const qnm_config_key_t& key) {

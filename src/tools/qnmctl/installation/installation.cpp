@@ -38,9 +38,9 @@ std::string key_of(const std::string& setting) {
     return setting.substr(0, setting.find('='));
 }
 
-std::optional<std::string> wrong_ports(const settings& given) {
-    if (given.ports.size() > port_limit) return "--ports: at most two interfaces";
-    for (const std::string& name : given.ports) {
+std::optional<std::string> wrong_ports(const settings& chosen) {
+    if (chosen.ports.size() > port_limit) return "--ports: at most two interfaces";
+    for (const std::string& name : chosen.ports) {
         if (name.size() >= IFNAMSIZ) {
             return "--ports: \"" + name +
                    "\" is too long; interface names have up to 15 characters";
@@ -117,19 +117,19 @@ void check_writable(const fs::path& log) {
     close(fd);
 }
 
-void make_private(installation& made) {
-    const wanted_logs& wanted = made.wanted;
-    made.temporary.emplace(wanted.folder);
-    made.dir = made.temporary->path();
-    made.log = wanted.file.empty() ? made.dir / "qnm.log" : wanted.file;
-    made.before = log_mark(made.log);
-    made.stats = made.dir / "qnm_stats.log";
+void make_private(installation& result) {
+    const wanted_logs& wanted = result.wanted;
+    result.temporary.emplace(wanted.folder);
+    result.dir = result.temporary->path();
+    result.log = wanted.file.empty() ? result.dir / "qnm.log" : wanted.file;
+    result.before = log_mark(result.log);
+    result.stats = result.dir / "qnm_stats.log";
     if (wanted.folder == at_the_end::kept) {
-        tools::tell(message_text("the logs are kept in " + made.dir.string()));
+        tools::tell(message_text("the logs are kept in " + result.dir.string()));
     }
     std::error_code problem;
-    fs::create_directory(made.dir / "conf", problem);
-    if (problem) throw error("cannot make " + made.dir.string() + "/conf: " + problem.message());
+    fs::create_directory(result.dir / "conf", problem);
+    if (problem) throw error("cannot make " + result.dir.string() + "/conf: " + problem.message());
 }
 
 // The levels that the command itself needs in a log that nobody else reads.
@@ -148,18 +148,18 @@ std::optional<std::string> file_text(const fs::path& name) {
 
 }  // namespace
 
-std::optional<std::string> wrong_settings(const settings& given) {
-    if (auto wrong = wrong_ports(given)) return wrong;
+std::optional<std::string> wrong_settings(const settings& chosen) {
+    if (auto wrong = wrong_ports(chosen)) return wrong;
     std::set<std::string> seen;
-    for (const std::string& setting : given.keys) {
+    for (const std::string& setting : chosen.keys) {
         if (auto wrong = wrong_key(setting, seen)) return wrong;
     }
     return std::nullopt;
 }
 
-std::string config_text(const settings& given) {
-    std::string text = std::string(port_key) + '=' + join(given.ports, ",") + '\n';
-    for (const std::string& setting : given.keys)
+std::string config_text(const settings& chosen) {
+    std::string text = std::string(port_key) + '=' + join(chosen.ports, ",") + '\n';
+    for (const std::string& setting : chosen.keys)
         text += setting + '\n';
     // The first line with a key counts, so the operator's own value wins.
     return text + stats_interval_key + '=' + longest_stats_interval + '\n';
@@ -172,7 +172,7 @@ logger_levels levels_of(const std::string& properties) {
         constexpr const char* known[] = {"ERROR", "WARN", "INFO", "DEBUG", "TRACE", "ALL"};
         constexpr const char* hiding[] = {"OFF", "FATAL"};
         const logger found = find_logger(in, name);
-        const std::string word = found.given ? found.level : "";
+        const std::string word = found.is_configured ? found.level : "";
         if (std::find(std::begin(hiding), std::end(hiding), word) != std::end(hiding))
             return std::string(known[0]);
         const bool is_known =
@@ -182,39 +182,39 @@ logger_levels levels_of(const std::string& properties) {
     return {.log = level("logfile"), .syslog = level("syslogfile")};
 }
 
-std::string properties_text(const installation& of, const logger_levels& levels) {
-    const char* const largest = of.wanted.file.empty() ? "10MB" : "";
-    return appender_text("LOG", of.log, "%d{ISO8601} %-5p %m%n", largest) +
-           appender_text("STATS", of.stats, "%m%n", "100MB") +
+std::string properties_text(const installation& where, const logger_levels& levels) {
+    const char* const largest = where.wanted.file.empty() ? "10MB" : "";
+    return appender_text("LOG", where.log, "%d{ISO8601} %-5p %m%n", largest) +
+           appender_text("STATS", where.stats, "%m%n", "100MB") +
            logger_text("logfile", levels.log, "LOG") +
            logger_text("syslogfile", levels.syslog, "LOG") +
            logger_text("statslogfile", "ALL", "STATS");
 }
 
-void install(const settings& given, installation& made) {
-    if (given.keep_logs) made.wanted.folder = at_the_end::kept;
-    if (!given.log.empty()) {
-        made.wanted.file = fs::absolute(given.log);
-        check_writable(made.wanted.file);
+void install(const settings& chosen, installation& result) {
+    if (chosen.keep_logs) result.wanted.folder = at_the_end::kept;
+    if (!chosen.log.empty()) {
+        result.wanted.file = fs::absolute(chosen.log);
+        check_writable(result.wanted.file);
     }
-    if (given.ports.empty()) {
-        made.dir = given.dir.empty() ? default_dir : given.dir;
+    if (chosen.ports.empty()) {
+        result.dir = chosen.dir.empty() ? default_dir : chosen.dir;
         return;
     }
-    make_private(made);
-    write_file(made.config(), config_text(given));
-    write_file(made.properties(),
-               properties_text(made, made.wanted.any() ? logger_levels{} : quiet));
+    make_private(result);
+    write_file(result.config(), config_text(chosen));
+    write_file(result.properties(),
+               properties_text(result, result.wanted.any() ? logger_levels{} : quiet));
 }
 
-void install_copy(const installation& original, installation& made) {
+void install_copy(const installation& original, installation& result) {
     const auto config = file_text(original.config());
     const auto properties = file_text(original.properties());
-    made.wanted = original.wanted;
-    make_private(made);
-    if (config) write_file(made.config(), *config);
-    const logger_levels levels = made.wanted.any() ? levels_of(properties.value_or("")) : quiet;
-    write_file(made.properties(), properties_text(made, levels));
+    result.wanted = original.wanted;
+    make_private(result);
+    if (config) write_file(result.config(), *config);
+    const logger_levels levels = result.wanted.any() ? levels_of(properties.value_or("")) : quiet;
+    write_file(result.properties(), properties_text(result, levels));
 }
 
 }  // namespace qnmctl

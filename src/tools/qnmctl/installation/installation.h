@@ -53,7 +53,7 @@ struct installation {
 };
 
 // What is wrong with the ports and keys, without trying them.
-std::optional<std::string> wrong_settings(const settings& given);
+std::optional<std::string> wrong_settings(const settings& chosen);
 
 // The levels of the library's loggers in a properties file.
 struct logger_levels {
@@ -63,14 +63,14 @@ struct logger_levels {
 logger_levels levels_of(const std::string& properties);
 
 // The contents of the two files in a private directory.
-std::string config_text(const settings& given);
-std::string properties_text(const installation& of, const logger_levels& levels);
+std::string config_text(const settings& chosen);
+std::string properties_text(const installation& where, const logger_levels& levels);
 
 // Fills `made`, because a private folder cannot be moved. Throws error.
-void install(const settings& given, installation& made);
+void install(const settings& chosen, installation& result);
 
 // Makes a copy of an operator's installation for a manager to run on: the same configuration and
 // log levels, but the logs go to its folder, and no other appender is used. Throws error.
-void install_copy(const installation& original, installation& made);
+void install_copy(const installation& original, installation& result);
 
 }  // namespace qnmctl

@@ -21,12 +21,12 @@ std::string trimmed(const std::string& text) {
 }
 
 std::string without_escapes(const std::string& text) {
-    std::string made;
+    std::string result;
     for (std::size_t at = 0; at < text.size(); ++at) {
         if (text[at] == '\\' && at + 1 < text.size()) ++at;
-        made += text[at];
+        result += text[at];
     }
-    return made;
+    return result;
 }
 
 std::string value_of(const log_properties& in, const std::string& key) {
@@ -38,7 +38,7 @@ std::string value_of(const log_properties& in, const std::string& key) {
 logger read_logger(const char* name, const std::string& value) {
     const std::size_t comma = std::min(value.find(','), value.size());
     logger found = {.name = name,
-                    .given = false,
+                    .is_configured = false,
                     .level = trimmed(value.substr(0, comma)),
                     .appenders = split(value.substr(comma), ", \t")};
     const std::string word = in_small_letters(found.level);
@@ -90,11 +90,12 @@ logger find_logger(const log_properties& in, const char* name) {
     const std::string key = std::string("log4j.logger.") + name;
     const std::string former_key = std::string("log4j.category.") + name;
     logger found = read_logger(name, value_of(in, in.count(key) > 0 ? key : former_key));
-    found.given = in.count(key) > 0 || in.count(former_key) > 0;
+    found.is_configured = in.count(key) > 0 || in.count(former_key) > 0;
     const logger root = find_root(in);
     const std::string adds =
         in_small_letters(value_of(in, std::string("log4j.additivity.") + name));
-    if (!found.given || !adds.starts_with("false")) add_missing(root.appenders, found.appenders);
+    if (!found.is_configured || !adds.starts_with("false"))
+        add_missing(root.appenders, found.appenders);
     if (found.level.empty() && !found.appenders.empty()) found.level = root.level;
     return found;
 }
@@ -109,16 +110,16 @@ appender find_appender(const log_properties& in, const std::string& name) {
             .layout = class_of(in, key + ".layout")};
 }
 
-bool writes_file(const appender& of) {
-    return in_small_letters(of.kind).ends_with("fileappender");
+bool writes_file(const appender& sink) {
+    return in_small_letters(sink.kind).ends_with("fileappender");
 }
 
 std::vector<appender> all_appenders(const log_properties& in) {
     std::vector<appender> found;
     std::set<std::string> names;
     for (const char* const name : library_loggers) {
-        for (const std::string& one : find_logger(in, name).appenders) {
-            if (names.insert(one).second) found.push_back(find_appender(in, one));
+        for (const std::string& text : find_logger(in, name).appenders) {
+            if (names.insert(text).second) found.push_back(find_appender(in, text));
         }
     }
     return found;

@@ -27,7 +27,7 @@ struct appender {
 
 struct logger {
     const char* name;
-    bool given;
+    bool is_configured;
     std::string level;
     std::vector<std::string> appenders;
 };
@@ -39,7 +39,7 @@ logger find_logger(const log_properties& in, const char* name);
 appender find_appender(const log_properties& in, const std::string& name);
 
 // Whether it writes to a file, even if the file's name is missing.
-bool writes_file(const appender& of);
+bool writes_file(const appender& sink);
 
 // The appenders of the library's loggers, each once.
 std::vector<appender> all_appenders(const log_properties& in);

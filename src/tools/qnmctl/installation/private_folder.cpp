@@ -33,9 +33,9 @@ std::string variable(const char* name) {
 }
 
 // Only this user can write there, so everything in it is from the user's own runs.
-bool is_private(const own_folder& of) {
+bool is_private(const own_folder& folder) {
     struct stat about {};
-    if (fstat(of.at.fd, &about) != 0 || about.st_uid != geteuid()) return false;
+    if (fstat(folder.at.fd, &about) != 0 || about.st_uid != geteuid()) return false;
     return (about.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
@@ -104,8 +104,8 @@ private_folder::private_folder(at_the_end what) : what_(what) {
         if (make_in(state, start)) return;
     }
     const std::string shared_start = std::string(own_name) + '.' + start;
-    const std::string given = variable("TMPDIR");
-    if (!given.empty() && make_in(open_own_folder(given, false), shared_start)) return;
+    const std::string chosen = variable("TMPDIR");
+    if (!chosen.empty() && make_in(open_own_folder(chosen, false), shared_start)) return;
     if (make_in(open_own_folder("/tmp", false), shared_start)) return;
     throw error(
         "there is no place for the files of this run\nSet XDG_STATE_HOME to a folder of your own "
@@ -130,15 +130,15 @@ bool private_folder::make_in(const std::optional<own_folder>& parent, const std:
 // Returns false with errno; after EEXIST another name may work.
 bool private_folder::make(const own_folder& parent, const std::string& name) {
     if (mkdirat(parent.at.fd, name.c_str(), own_folder_mode) != 0) return false;
-    tools::descriptor made = open_folder(parent, name);
+    tools::descriptor result = open_folder(parent, name);
     // Where the file system has no locks, nobody removes what is left.
     const bool taken =
-        made.fd >= 0 && flock(made.fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
-    if (made.fd < 0 || taken || !is_still(made, parent, name)) {
+        result.fd >= 0 && flock(result.fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+    if (result.fd < 0 || taken || !is_still(result, parent, name)) {
         errno = EEXIST;
         return false;
     }
-    lock_ = std::move(made);
+    lock_ = std::move(result);
     path_ = parent.path / name;
     return true;
 }

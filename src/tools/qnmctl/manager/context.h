@@ -31,9 +31,9 @@ struct context {
     const installation& where;  // as named by the operator
     qnm_log_level_t log_level;
     output& out;
-    writer& told;  // what is written there
-    int signals;   // readable when the command is to end
-    look how;      // texts on standard output
+    writer& results;  // of the command, written to out
+    int signals;      // readable when the command is to end
+    look how;         // texts on standard output
 
     installation copy = {};  // of an operator's directory, that the manager runs on
     std::unique_ptr<session> manager = nullptr;

@@ -36,10 +36,11 @@ constexpr key_message key_messages[] = {
 constexpr char sample_config[] = "qnm.conf(5) explains every key and its range.";
 
 // "PATH is not a directory", "PATH: there is no such directory".
-std::string text_of(const std::string& about, const obstacle& of) {
-    const bool is_predicate = of.text.starts_with("is ") || of.text.starts_with("cannot ");
-    return about + (is_predicate ? " " : ": ") + of.text +
-           (of.remedy.empty() ? "" : '\n' + of.remedy);
+std::string text_of(const std::string& about, const obstacle& hindrance) {
+    const bool is_predicate =
+        hindrance.text.starts_with("is ") || hindrance.text.starts_with("cannot ");
+    return about + (is_predicate ? " " : ": ") + hindrance.text +
+           (hindrance.remedy.empty() ? "" : '\n' + hindrance.remedy);
 }
 
 // A file as the library opens it, which follows links.

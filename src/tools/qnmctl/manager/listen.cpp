@@ -47,16 +47,16 @@ bool is_wanted(const event_filter& filter, const char* event, std::uint64_t id,
 // What changed is found out of every event, because the next one is compared with it.
 void tell_event(context& with, const observed& seen) {
     const std::optional<card> before = told_before(with.known, seen.id);
-    const told_change told =
+    const told_change reported =
         seen.record ? tell(with.known, seen.type, *seen.record) : told_change{};
     if (!is_wanted(with.filter, qnm_event_name(seen.type), seen.id, before, seen.record)) return;
     ++with.told_events;
     if (with.digested) {
-        with.told.text(with.digested->add(seen, told, clock::now()));
-    } else if (with.told.is_text()) {
-        with.told.text(event_line(seen, told, with.how.coloured) + '\n');
+        with.results.text(with.digested->add(seen, reported, clock::now()));
+    } else if (with.results.is_text()) {
+        with.results.text(event_line(seen, reported, with.how.coloured) + '\n');
     } else {
-        with.told.record("event", event_json(seen, told));
+        with.results.record("event", event_json(seen, reported));
     }
 }
 
@@ -67,14 +67,14 @@ void answer_line(context& with, const std::string& line) {
     with.define(tree);
     const std::variant<const command*, std::string> parsed = parse_line(tree, line);
     if (const auto* wrong = std::get_if<std::string>(&parsed)) {
-        return with.told.failure(*wrong, exit_usage, std::nullopt);
+        return with.results.failure(*wrong, exit_usage, std::nullopt);
     }
     const command* const found = std::get<const command*>(parsed);
     if (found == nullptr) return;
     try {
         found->answer(with);
     } catch (const error& e) {
-        with.told.failure(e.what(), e.status, e.code);
+        with.results.failure(e.what(), e.status, e.code);
     }
 }
 
@@ -117,7 +117,7 @@ bool tell_events(context& with, const listening& how) {
 }  // namespace
 
 void tell_failure(context& with, const std::string& text, std::optional<qnm_api_code_t> code) {
-    with.told.failure(text, status_of(code), code);
+    with.results.failure(text, status_of(code), code);
 }
 
 void listen(context& with, const listening& how) {
@@ -149,7 +149,7 @@ void listen(context& with, const listening& how) {
             if (!tell_events(with, how)) return;
             check_running(with);
         }
-        if (with.digested) with.told.text(with.digested->due(clock::now()));
+        if (with.digested) with.results.text(with.digested->due(clock::now()));
         if (waited[input].revents != 0 && !answer_input(with, lines)) waited[input].fd = -1;
     }
 }
@@ -158,14 +158,14 @@ void tell_monitor(context& with, std::uint64_t id, bool restarted) {
     const auto now = std::chrono::system_clock::now();
     const bool was_on = restarted ? with.stopped.erase(id) == 0 : with.stopped.insert(id).second;
     if (restarted) with.known.facts.restarted[id] = {to_milliseconds(now)};
-    const monitor_change told = {now, id, read_card(id), was_on, restarted};
+    const monitor_change event = {now, id, read_card(id), was_on, restarted};
     const std::optional<card> before = told_before(with.known, id);
-    if (!is_wanted(with.filter, monitor_event, id, before, told.record)) return;
+    if (!is_wanted(with.filter, monitor_event, id, before, event.record)) return;
     ++with.told_events;
-    if (with.told.is_text()) {
-        with.told.text(monitor_line(told, with.how.coloured) + '\n');
+    if (with.results.is_text()) {
+        with.results.text(monitor_line(event, with.how.coloured) + '\n');
     } else {
-        with.told.record("event", monitor_json(told));
+        with.results.record("event", monitor_json(event));
     }
 }
 
@@ -180,7 +180,7 @@ void listen_and_tell(context& with, double seconds, std::uint64_t count) {
         tools::tell("watching; \"help\" lists the commands, \"quit\" ends\n");
     }
     listen(with, {.seconds = seconds, .count = count, .tells = true, .takes_lines = true});
-    if (with.digested) with.told.text(with.digested->end());
+    if (with.digested) with.results.text(with.digested->end());
 }
 
 void check_running(const context& with) {
@@ -197,7 +197,7 @@ void check_running(const context& with) {
 }
 
 void tell_in_pager(context& with, const std::string& text) {
-    if (with.told.is_text() && !show_in_pager(text, with.signals)) with.told.text(text);
+    if (with.results.is_text() && !show_in_pager(text, with.signals)) with.results.text(text);
 }
 
 bool is_signalled(const context& with) {

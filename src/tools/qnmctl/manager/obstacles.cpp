@@ -20,13 +20,13 @@ namespace {
 
 constexpr char let_read[] = "Let the user of the host program read it: chmod, chown.";
 
-std::string capability_remedy(const privileges& of) {
-    if (!of.attainable) {
+std::string capability_remedy(const privileges& rights) {
+    if (!rights.attainable) {
         return "Start the container or service with the capability NET_RAW (docker run --cap-add "
                "NET_RAW, CapabilityBoundingSet=).";
     }
     return "Run it under sudo, or give it the capability once: sudo setcap cap_net_raw+ep " +
-           of.program;
+           rights.program;
 }
 
 obstacle missing_interface(const std::string& name, const std::vector<std::string>& known) {
@@ -36,24 +36,24 @@ obstacle missing_interface(const std::string& name, const std::vector<std::strin
     return {"there is no such interface", meant ? "Is " + *meant + " meant? " + remedy : remedy};
 }
 
-bool carries_frames(const interface_state& of) {
-    return of.hardware == ARPHRD_ETHER || of.hardware == ARPHRD_LOOPBACK;
+bool carries_frames(const interface_state& state) {
+    return state.hardware == ARPHRD_ETHER || state.hardware == ARPHRD_LOOPBACK;
 }
 
 }  // namespace
 
-std::optional<obstacle> privilege_obstacle(const privileges& of) {
-    if (of.socket_error != 0 && of.effective) {
+std::optional<obstacle> privilege_obstacle(const privileges& rights) {
+    if (rights.socket_error != 0 && rights.effective) {
         return obstacle{std::string("CAP_NET_RAW is effective, but no raw socket can be opened: ") +
-                            std::strerror(of.socket_error),
+                            std::strerror(rights.socket_error),
                         "Look for what refuses it: a user namespace without the network, a "
                         "seccomp profile, a security module."};
     }
-    if (of.socket_error == 0 && of.effective) return std::nullopt;
-    return obstacle{of.permitted ? "CAP_NET_RAW is permitted, but not effective"
-                                 : "no privilege for raw sockets (capability "
-                                   "CAP_NET_RAW), so no port can be opened",
-                    capability_remedy(of)};
+    if (rights.socket_error == 0 && rights.effective) return std::nullopt;
+    return obstacle{rights.permitted ? "CAP_NET_RAW is permitted, but not effective"
+                                     : "no privilege for raw sockets (capability "
+                                       "CAP_NET_RAW), so no port can be opened",
+                    capability_remedy(rights)};
 }
 
 std::optional<obstacle> directory_obstacle(const fs::path& name) {
@@ -98,24 +98,24 @@ std::optional<obstacle> properties_obstacle(file_state state, const std::string&
     return obstacle{"cannot be read: " + problem, let_read};
 }
 
-std::optional<obstacle> interface_obstacle(const interface_state& of,
+std::optional<obstacle> interface_obstacle(const interface_state& state,
                                            const std::vector<std::string>& known) {
-    if (of.name.size() >= IFNAMSIZ) {
+    if (state.name.size() >= IFNAMSIZ) {
         return obstacle{"the name is too long; Linux has up to 15 characters",
                         "Name the interface by its short name, which \"ip link\" shows."};
     }
-    if (of.error == ENODEV) return missing_interface(of.name, known);
-    if (of.error != 0) {
-        return obstacle{std::string("cannot be looked at: ") + std::strerror(of.error),
+    if (state.error == ENODEV) return missing_interface(state.name, known);
+    if (state.error != 0) {
+        return obstacle{std::string("cannot be looked at: ") + std::strerror(state.error),
                         "\"ip link\" may tell more."};
     }
-    if (!carries_frames(of)) {
+    if (!carries_frames(state)) {
         return obstacle{"is no Ethernet interface",
                         "Name an Ethernet interface by ether_port in qnm.conf or by --ports."};
     }
-    if (of.up) return std::nullopt;
+    if (state.up) return std::nullopt;
     return obstacle{"is down, so it cannot be opened",
-                    "Bring it up: sudo ip link set " + of.name + " up"};
+                    "Bring it up: sudo ip link set " + state.name + " up"};
 }
 
 }  // namespace qnmctl

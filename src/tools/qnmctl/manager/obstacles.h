@@ -20,7 +20,7 @@ struct obstacle {
     std::string remedy = {};  // a sentence; empty: there is nothing to do
 };
 
-std::optional<obstacle> privilege_obstacle(const privileges& of);
+std::optional<obstacle> privilege_obstacle(const privileges& rights);
 
 // Of the installation directory.
 std::optional<obstacle> directory_obstacle(const std::filesystem::path& name);
@@ -31,7 +31,7 @@ std::optional<obstacle> config_obstacle(tools::file_state state, const std::stri
 std::optional<obstacle> properties_obstacle(tools::file_state state, const std::string& problem);
 
 // Of an interface as a port. `known` are the names of all interfaces.
-std::optional<obstacle> interface_obstacle(const interface_state& of,
+std::optional<obstacle> interface_obstacle(const interface_state& state,
                                            const std::vector<std::string>& known);
 
 }  // namespace qnmctl

@@ -20,10 +20,10 @@ constexpr int retry_milliseconds = 10;
 constexpr std::size_t queue_limit = 65536;  // tens of thousands of cards in one burst
 
 tools::descriptor make_event() {
-    tools::descriptor made(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (made.fd < 0)
+    tools::descriptor result(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (result.fd < 0)
         throw error(std::string("cannot make an event descriptor: ") + strerror(errno));
-    return made;
+    return result;
 }
 
 // The two kinds differ in their calls only.
@@ -72,9 +72,9 @@ void session::run(const std::string& dir, qnm_log_level_t level) {
 }
 
 void session::wake() const {
-    const std::uint64_t one = 1;
+    const std::uint64_t number = 1;
     // It can only fail when the counter is full, and then the reader is woken anyway.
-    [[maybe_unused]] const ssize_t written = write(wake_.fd, &one, sizeof one);
+    [[maybe_unused]] const ssize_t written = write(wake_.fd, &number, sizeof number);
 }
 
 void session::receive(std::uint64_t id, qnm_evt_type_t type, void* to) {

@@ -17,11 +17,12 @@ bool continues_character(char c) {
     return (static_cast<unsigned char>(c) & 0xC0) == 0x80;
 }
 
-std::vector<shown_column> all_columns(const table& of) {
+std::vector<shown_column> all_columns(const table& layout) {
     std::vector<shown_column> shown;
-    for (std::size_t at = 0; at < of.columns.size(); ++at) {
-        std::size_t width = std::max(of.columns[at].width, width_of(of.columns[at].heading));
-        for (const auto& row : of.rows)
+    for (std::size_t at = 0; at < layout.columns.size(); ++at) {
+        std::size_t width =
+            std::max(layout.columns[at].width, width_of(layout.columns[at].heading));
+        for (const auto& row : layout.rows)
             width = std::max(width, width_of(row[at]));
         shown.push_back({at, width});
     }
@@ -29,12 +30,15 @@ std::vector<shown_column> all_columns(const table& of) {
 }
 
 std::size_t whole_width(const std::vector<shown_column>& shown) {
-    return std::accumulate(shown.begin(), shown.end(), shown.empty() ? 0 : shown.size() - 1,
-                           [](std::size_t sum, const shown_column& of) { return sum + of.width; });
+    return std::accumulate(
+        shown.begin(), shown.end(), shown.empty() ? 0 : shown.size() - 1,
+        [](std::size_t sum, const shown_column& column) { return sum + column.width; });
 }
 
-void leave_out(const table& of, std::vector<shown_column>& shown, std::size_t width) {
-    const auto spare = [&](const shown_column& one) { return of.columns[one.index].spare; };
+void leave_out(const table& layout, std::vector<shown_column>& shown, std::size_t width) {
+    const auto spare = [&](const shown_column& column) {
+        return layout.columns[column.index].spare;
+    };
     while (whole_width(shown) > width) {
         const auto least = std::max_element(
             shown.begin(), shown.end(),
@@ -55,14 +59,14 @@ std::string cut(const std::string& text, std::size_t width) {
 }
 
 template <class Cell>
-std::string line_text(const table& of, const std::vector<shown_column>& shown, std::size_t width,
-                      Cell cell) {
+std::string line_text(const table& layout, const std::vector<shown_column>& shown,
+                      std::size_t width, Cell cell) {
     std::string line;
-    for (const shown_column& one : shown) {
-        const std::string text = cell(one.index);
-        const std::string blanks(one.width - width_of(text), ' ');
+    for (const shown_column& column : shown) {
+        const std::string text = cell(column.index);
+        const std::string blanks(column.width - width_of(text), ' ');
         if (!line.empty()) line += ' ';
-        line += of.columns[one.index].right ? blanks + text : text + blanks;
+        line += layout.columns[column.index].right ? blanks + text : text + blanks;
     }
     line.erase(line.find_last_not_of(' ') + 1);
     return cut(line, width);
@@ -75,17 +79,18 @@ std::size_t width_of(const std::string& text) {
         std::count_if(text.begin(), text.end(), [](char c) { return !continues_character(c); }));
 }
 
-std::string table_text(const table& of, const look& how) {
-    std::vector<shown_column> shown = all_columns(of);
-    leave_out(of, shown, how.width);
-    const std::string heading = line_text(
-        of, shown, how.width, [&](std::size_t at) { return std::string(of.columns[at].heading); });
+std::string table_text(const table& layout, const look& how) {
+    std::vector<shown_column> shown = all_columns(layout);
+    leave_out(layout, shown, how.width);
+    const std::string heading = line_text(layout, shown, how.width, [&](std::size_t at) {
+        return std::string(layout.columns[at].heading);
+    });
     std::string text = in_colour(heading, bold, how.coloured);
-    for (std::size_t at = 0; at < of.rows.size(); ++at) {
-        const auto& row = of.rows[at];
+    for (std::size_t at = 0; at < layout.rows.size(); ++at) {
+        const auto& row = layout.rows[at];
         const std::string line =
-            line_text(of, shown, how.width, [&](std::size_t cell) { return row[cell]; });
-        const char* const colour = at < of.colours.size() ? of.colours[at] : nullptr;
+            line_text(layout, shown, how.width, [&](std::size_t cell) { return row[cell]; });
+        const char* const colour = at < layout.colours.size() ? layout.colours[at] : nullptr;
         text += '\n' + in_colour(line, colour, how.coloured && colour != nullptr);
     }
     return text + '\n';

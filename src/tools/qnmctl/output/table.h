@@ -23,7 +23,7 @@ struct table {
 };
 
 // A heading, in bold if anything is coloured, and a line per row; what is still too wide is cut.
-std::string table_text(const table& of, const look& how);
+std::string table_text(const table& layout, const look& how);
 
 // How many characters a text in UTF-8 has.
 std::size_t width_of(const std::string& text);

@@ -5,8 +5,8 @@
 // numbers as numbers, and lists always as arrays. A command writes everything both ways, and the
 // writer drops what the chosen form does not need:
 //
-//     if (with.told.is_text()) return with.told.text(table_text(cards));
-//     for (const card& one : cards) with.told.record("card", card_json(one));
+//     if (with.results.is_text()) return with.results.text(table_text(cards));
+//     for (const card& one : cards) with.results.record("card", card_json(one));
 //
 // jsonl is one record per line. json is a document with the same records, one per line, which grows
 // as they come:

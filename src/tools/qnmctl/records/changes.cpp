@@ -17,12 +17,12 @@ constexpr std::optional<aspect> abouts[] = {
 };
 static_assert(std::size(abouts) == QNM_EVT_MAX);
 
-std::string full_name(const section& in, const field& of) {
+std::string full_name(const section& in, const field& item) {
     std::string name = in.name;
     if (in.index >= 0) name += '[' + std::to_string(in.index) + ']';
     if (!name.empty()) name += '.';
-    name += of.name;
-    if (of.key != nullptr) name += std::string(".") + of.key;
+    name += item.name;
+    if (item.key != nullptr) name += std::string(".") + item.key;
     return name;
 }
 
@@ -62,13 +62,13 @@ told_change tell(known_cards& known, qnm_evt_type_t type, const card& now) {
         at->second.fill({now});
         return {.first = true, .changes = {}};
     }
-    told_change told{.changes = compare(last_told.record, now, abouts[type])};
-    for (change& one : told.changes)
-        one.why = find_reason(known.facts, now, one.before, one.after);
-    told.why = told.changes.empty() ? reason_of_no_change(known.facts, last_told, now)
-                                    : told.changes.back().why;
-    last_told = {now, told.why};
-    return told;
+    told_change reported{.changes = compare(last_told.record, now, abouts[type])};
+    for (change& difference : reported.changes)
+        difference.why = find_reason(known.facts, now, difference.before, difference.after);
+    reported.why = reported.changes.empty() ? reason_of_no_change(known.facts, last_told, now)
+                                            : reported.changes.back().why;
+    last_told = {now, reported.why};
+    return reported;
 }
 
 std::optional<card> told_before(const known_cards& known, std::uint64_t id) {
@@ -77,9 +77,9 @@ std::optional<card> told_before(const known_cards& known, std::uint64_t id) {
     return found->second[QNM_EVT_UPDATEDEVINFO].record;
 }
 
-std::string change_text(const change& told) {
-    return told.section_title + told.after.title + ' ' + value_text(told.before) + " -> " +
-           value_text(told.after);
+std::string change_text(const change& difference) {
+    return difference.section_title + difference.after.title + ' ' + value_text(difference.before) +
+           " -> " + value_text(difference.after);
 }
 
 std::string changes_text(const std::vector<change>& all) {

@@ -53,7 +53,7 @@ told_change tell(known_cards& known, qnm_evt_type_t type, const card& now);
 std::optional<card> told_before(const known_cards& known, std::uint64_t id);
 
 // "VLAN ID 10 -> 11", "path P1M0 disconnected -> connected"; without why.
-std::string change_text(const change& told);
+std::string change_text(const change& difference);
 
 // All of them, each with its reason, which is said once for neighbours that have the same.
 std::string changes_text(const std::vector<change>& all);

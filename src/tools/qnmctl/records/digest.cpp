@@ -16,14 +16,14 @@ std::string counted(std::uint64_t number, const char* what) {
 }
 
 // The port whose link took every path that the event is about; nothing when it is another event.
-std::optional<int> lost_with_port(const told_change& told) {
+std::optional<int> lost_with_port(const told_change& reported) {
     const auto is_link_down = [](const reason& why) { return why.why == cause::link_down; };
-    if (told.changes.empty()) {
-        return is_link_down(told.why) ? std::optional(told.why.port) : std::nullopt;
+    if (reported.changes.empty()) {
+        return is_link_down(reported.why) ? std::optional(reported.why.port) : std::nullopt;
     }
-    const reason& first = told.changes.front().why;
-    const bool all =
-        std::ranges::all_of(told.changes, [&](const change& one) { return one.why == first; });
+    const reason& first = reported.changes.front().why;
+    const bool all = std::ranges::all_of(
+        reported.changes, [&](const change& difference) { return difference.why == first; });
     return all && is_link_down(first) ? std::optional(first.port) : std::nullopt;
 }
 
@@ -41,22 +41,22 @@ digest::digest(digest_options how, clock::time_point start)
 
 // A card that is new, and what follows from its first announcements. What is wrong with a card is
 // told even then.
-bool digest::is_opening(const observed& seen, const told_change& told,
+bool digest::is_opening(const observed& seen, const told_change& reported,
                         clock::time_point now) const {
     if (summarised_ || now >= summary_at_ || !seen.record) return false;
-    const meaning of = meaning_of(seen, told);
-    return told.first ||
-           ((of == meaning::plain || of == meaning::back) && heard_.contains(seen.id));
+    const meaning kind = meaning_of(seen, reported);
+    return reported.first ||
+           ((kind == meaning::plain || kind == meaning::back) && heard_.contains(seen.id));
 }
 
-std::string digest::add(const observed& seen, const told_change& told, clock::time_point now) {
+std::string digest::add(const observed& seen, const told_change& reported, clock::time_point now) {
     std::string held = due(now);
-    const std::string line = event_line(seen, told, how_.coloured) + '\n';
-    if (is_opening(seen, told, now)) {
+    const std::string line = event_line(seen, reported, how_.coloured) + '\n';
+    if (is_opening(seen, reported, now)) {
         heard_.insert_or_assign(seen.id, *seen.record);
         return held;
     }
-    const std::optional<int> port = lost_with_port(told);
+    const std::optional<int> port = lost_with_port(reported);
     if (!port) return held + line;
     lost_port& lost = ports_.try_emplace(*port, lost_port{seen.when, now, now}).first->second;
     lost.last = now;
@@ -110,15 +110,15 @@ std::string digest::summary() const {
     return text + "; changes follow, \"list\" shows the cards\n";
 }
 
-std::string digest::port_text(int port, const lost_port& of) const {
+std::string digest::port_text(int port, const lost_port& lost) const {
     const auto at = static_cast<std::size_t>(port);
     const std::string name = at < how_.ports.size() ? " (" + how_.ports[at] + ')' : "";
     std::string text =
-        time_text(of.when) + ' ' +
+        time_text(lost.when) + ' ' +
         in_colour("port " + std::to_string(port) + name + ": link down", red, how_.coloured) +
-        ", " + counted(of.cards.size(), "card") + " disconnected\n";
+        ", " + counted(lost.cards.size(), "card") + " disconnected\n";
     if (!how_.each_card) return text;
-    for (const auto& [id, lines] : of.cards)
+    for (const auto& [id, lines] : lost.cards)
         text += lines;
     return text;
 }

@@ -34,7 +34,7 @@ class digest {
     digest(digest_options how, clock::time_point start);
 
     // The lines to write for an event; none when it is held back.
-    std::string add(const observed& seen, const told_change& told, clock::time_point now);
+    std::string add(const observed& seen, const told_change& reported, clock::time_point now);
 
     // When due() has something to write, if nothing else happens.
     std::optional<clock::time_point> next() const;
@@ -51,9 +51,9 @@ class digest {
         std::map<std::uint64_t, std::string> cards = {};  // lines, by ID
     };
 
-    bool is_opening(const observed& seen, const told_change& told, clock::time_point now) const;
+    bool is_opening(const observed& seen, const told_change& reported, clock::time_point now) const;
     std::string summary() const;
-    std::string port_text(int port, const lost_port& of) const;
+    std::string port_text(int port, const lost_port& lost) const;
 
     digest_options how_;
     clock::time_point summary_at_;

@@ -15,11 +15,11 @@ namespace {
 constexpr const char* colours[] = {nullptr, green, yellow, red};
 
 // What a change of one field means.
-meaning meaning_of(const change& of) {
-    const std::uint64_t raised = of.after.value & ~of.before.value;
-    switch (of.after.about) {
+meaning meaning_of(const change& difference) {
+    const std::uint64_t raised = difference.after.value & ~difference.before.value;
+    switch (difference.after.about) {
         case aspect::path:
-            return of.after.value != 0 ? meaning::back : meaning::lost;
+            return difference.after.value != 0 ? meaning::back : meaning::lost;
         case aspect::error_vector:
         case aspect::link_fault:
             return raised != 0 ? meaning::faulty : meaning::back;
@@ -31,12 +31,12 @@ meaning meaning_of(const change& of) {
 }
 
 // What stands behind a card when it is seen for the first time.
-std::string summary(const card& of) {
-    const std::vector<field> fields = sections(of).front().fields;
+std::string summary(const card& record) {
+    const std::vector<field> fields = sections(record).front().fields;
     const auto text = [&](const char* name) { return value_text(*find_field(fields, name, "")); };
     std::string words = text("type") + ", VLAN ID " + text("vlan_id") + ", version " + text("ver");
-    if (common(of).ecd_vlan_mode != 0) words += ", VLAN mode " + text("vlan_mode");
-    const auto* described = std::get_if<qnm_qnio_t>(&of);
+    if (common(record).ecd_vlan_mode != 0) words += ", VLAN mode " + text("vlan_mode");
+    const auto* described = std::get_if<qnm_qnio_t>(&record);
     if (described != nullptr && described->eio_mr_resource_num != 0) {
         words += ", resource ID " + text("mr_resource_num");
     }
@@ -47,28 +47,28 @@ std::string summary(const card& of) {
     return words + (paths.empty() ? ", no path connected" : ", connected " + join(paths, " "));
 }
 
-std::string event_words(const observed& seen, const told_change& told) {
+std::string event_words(const observed& seen, const told_change& reported) {
     if (!seen.record) return "the card is no longer known";
-    if (told.first) return summary(*seen.record) + " (" + reason_text(told.why) + ')';
-    if (told.changes.empty()) {
-        return present_text(seen.type, *seen.record) + " (" + reason_text(told.why) + ')';
+    if (reported.first) return summary(*seen.record) + " (" + reason_text(reported.why) + ')';
+    if (reported.changes.empty()) {
+        return present_text(seen.type, *seen.record) + " (" + reason_text(reported.why) + ')';
     }
-    return changes_text(told.changes);
+    return changes_text(reported.changes);
 }
 
-json change_json(const change& one) {
-    return {{"field", one.name},
-            {"old", value_json(one.before)},
-            {"new", value_json(one.after)},
-            {"why", reason_json(one.why)}};
+json change_json(const change& difference) {
+    return {{"field", difference.name},
+            {"old", value_json(difference.before)},
+            {"new", value_json(difference.after)},
+            {"why", reason_json(difference.why)}};
 }
 
-const char* kind_or_unknown(const std::optional<card>& of) {
-    return of ? kind_text(*of) : "????";
+const char* kind_or_unknown(const std::optional<card>& record) {
+    return record ? kind_text(*record) : "????";
 }
 
-json kind_json(const std::optional<card>& of) {
-    return of ? json(kind_text(*of)) : json();
+json kind_json(const std::optional<card>& record) {
+    return record ? json(kind_text(*record)) : json();
 }
 
 std::string line_text(wall_time when, const char* event, const char* colour,
@@ -79,8 +79,8 @@ std::string line_text(wall_time when, const char* event, const char* colour,
            ' ' + kind_or_unknown(record) + ' ' + id_text(id) + "  " + words;
 }
 
-reason reason_of(const monitor_change& of) {
-    return {.why = of.restarted ? cause::restarted : cause::stopped};
+reason reason_of(const monitor_change& event) {
+    return {.why = event.restarted ? cause::restarted : cause::stopped};
 }
 
 const char* on_off(bool on) {
@@ -90,53 +90,54 @@ const char* on_off(bool on) {
 }  // namespace
 
 // The worst of all changes counts.
-meaning meaning_of(const observed& seen, const told_change& told) {
+meaning meaning_of(const observed& seen, const told_change& reported) {
     if (!seen.record) return meaning::lost;
-    meaning worst = told.first ? meaning::back : meaning::plain;
-    for (const change& one : told.changes)
-        worst = std::max(worst, meaning_of(one));
+    meaning worst = reported.first ? meaning::back : meaning::plain;
+    for (const change& difference : reported.changes)
+        worst = std::max(worst, meaning_of(difference));
     return worst;
 }
 
-std::string event_line(const observed& seen, const told_change& told, bool coloured) {
-    const auto of = static_cast<std::size_t>(meaning_of(seen, told));
+std::string event_line(const observed& seen, const told_change& reported, bool coloured) {
+    const auto of = static_cast<std::size_t>(meaning_of(seen, reported));
     return line_text(seen.when, qnm_event_name(seen.type), coloured ? colours[of] : nullptr,
-                     seen.record, seen.id, event_words(seen, told));
+                     seen.record, seen.id, event_words(seen, reported));
 }
 
-json event_json(const observed& seen, const told_change& told) {
+json event_json(const observed& seen, const told_change& reported) {
     json object = {{"time", iso_time_text(seen.when)},
                    {"event", qnm_event_name(seen.type)},
                    {"kind", kind_json(seen.record)},
                    {"id", id_text(seen.id)}};
     if (!seen.record) return object;
-    if (!told.first) {
+    if (!reported.first) {
         object["changes"] = json::array();
-        for (const change& one : told.changes)
-            object["changes"].push_back(change_json(one));
+        for (const change& difference : reported.changes)
+            object["changes"].push_back(change_json(difference));
     }
-    if (told.changes.empty()) {
+    if (reported.changes.empty()) {
         object["card"] = card_json(*seen.record);
-        object["why"] = reason_json(told.why);
+        object["why"] = reason_json(reported.why);
     }
     return object;
 }
 
-std::string monitor_line(const monitor_change& of, bool coloured) {
-    const std::string words = std::string("monitoring ") + on_off(of.was_on) + " -> " +
-                              on_off(of.restarted) + " (" + reason_text(reason_of(of)) + ')';
-    return line_text(of.when, monitor_event, coloured ? bold : nullptr, of.record, of.id, words);
+std::string monitor_line(const monitor_change& event, bool coloured) {
+    const std::string words = std::string("monitoring ") + on_off(event.was_on) + " -> " +
+                              on_off(event.restarted) + " (" + reason_text(reason_of(event)) + ')';
+    return line_text(event.when, monitor_event, coloured ? bold : nullptr, event.record, event.id,
+                     words);
 }
 
-json monitor_json(const monitor_change& of) {
-    return {{"time", iso_time_text(of.when)},
+json monitor_json(const monitor_change& event) {
+    return {{"time", iso_time_text(event.when)},
             {"event", monitor_event},
-            {"kind", kind_json(of.record)},
-            {"id", id_text(of.id)},
+            {"kind", kind_json(event.record)},
+            {"id", id_text(event.id)},
             {"changes", json::array({{{"field", "monitoring"},
-                                      {"old", on_off(of.was_on)},
-                                      {"new", on_off(of.restarted)},
-                                      {"why", reason_json(reason_of(of))}}})}};
+                                      {"old", on_off(event.was_on)},
+                                      {"new", on_off(event.restarted)},
+                                      {"why", reason_json(reason_of(event))}}})}};
 }
 
 }  // namespace qnmctl

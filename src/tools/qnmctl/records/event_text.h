@@ -23,12 +23,12 @@ struct observed {
 // What an event means to whoever watches, by ascending weight.
 enum class meaning { plain, back, faulty, lost };
 
-meaning meaning_of(const observed& seen, const told_change& told);
+meaning meaning_of(const observed& seen, const told_change& reported);
 
 // Coloured by its meaning. One line without its end. `told` is what tell() made of the event;
 // nothing of a card that is gone.
-std::string event_line(const observed& seen, const told_change& told, bool coloured);
-json event_json(const observed& seen, const told_change& told);
+std::string event_line(const observed& seen, const told_change& reported, bool coloured);
+json event_json(const observed& seen, const told_change& reported);
 
 // The operator has stopped or restarted the monitoring of a card, which may be unknown.
 struct monitor_change {
@@ -39,7 +39,7 @@ struct monitor_change {
     bool restarted = false;
 };
 
-std::string monitor_line(const monitor_change& of, bool coloured);
-json monitor_json(const monitor_change& of);
+std::string monitor_line(const monitor_change& event, bool coloured);
+json monitor_json(const monitor_change& event);
 
 }  // namespace qnmctl

@@ -172,25 +172,25 @@ constexpr row<down> down_rows[] = {
 };
 
 template <class Record, std::size_t Count>
-void append(std::vector<field>& to, const row<Record> (&rows)[Count], const Record& of) {
+void append(std::vector<field>& to, const row<Record> (&rows)[Count], const Record& record) {
     for (const row<Record>& described : rows) {
         to.push_back({described.name, described.key, described.title, &described.form,
-                      described.compared, described.about, described.get(of),
-                      described.is_known == nullptr || described.is_known(of)});
+                      described.compared, described.about, described.get(record),
+                      described.is_known == nullptr || described.is_known(record)});
     }
 }
 
 constexpr int down_ports_1_10g = 8;
 constexpr int down_ports_40g = 16;
 
-std::vector<section> some_sections(const card& of, int down_ports) {
+std::vector<section> some_sections(const card& record, int down_ports) {
     std::vector<section> all{{"", -1, {}}};
-    append(all.front().fields, common_rows, common(of));
-    if (const auto* described = std::get_if<qnm_qnio_t>(&of)) {
+    append(all.front().fields, common_rows, common(record));
+    if (const auto* described = std::get_if<qnm_qnio_t>(&record)) {
         append(all.front().fields, io_rows, *described);
         return all;
     }
-    const auto& server = std::get<qnm_qnsv_t>(of);
+    const auto& server = std::get<qnm_qnsv_t>(record);
     append(all.emplace_back(section{"up_port", -1, {}}).fields, bridge_rows, server.esv_up_port);
     for (int port = 0; port < down_ports; ++port) {
         std::vector<field>& fields = all.emplace_back(section{"down_port", port, {}}).fields;
@@ -223,9 +223,9 @@ json bytes_json(std::uint64_t value, int bytes) {
     return all;
 }
 
-json section_json(const section& of) {
+json section_json(const section& part) {
     json object = json::object();
-    for (const field& shown : of.fields) {
+    for (const field& shown : part.fields) {
         if (shown.key == nullptr) {
             object[shown.name] = value_json(shown);
         } else {
@@ -237,24 +237,24 @@ json section_json(const section& of) {
 
 }  // namespace
 
-const qnm_com_dev_t& common(const card& of) {
-    if (const auto* server = std::get_if<qnm_qnsv_t>(&of)) return server->esv_com_dev;
-    return std::get<qnm_qnio_t>(of).eio_com_dev;
+const qnm_com_dev_t& common(const card& record) {
+    if (const auto* server = std::get_if<qnm_qnsv_t>(&record)) return server->esv_com_dev;
+    return std::get<qnm_qnio_t>(record).eio_com_dev;
 }
 
-const char* kind_text(const card& of) {
-    return std::holds_alternative<qnm_qnsv_t>(of) ? "QNSV" : "QNIO";
+const char* kind_text(const card& record) {
+    return std::holds_alternative<qnm_qnsv_t>(record) ? "QNSV" : "QNIO";
 }
 
-path_sight path_of(const card& one, int port, int path) {
-    const qnm_com_dev_t& of = common(one);
-    if (of.ecd_state[port][path] != 0) return path_sight::connected;
-    return of.ecd_recvtime[port][path] != 0 ? path_sight::lost : path_sight::never_heard;
+path_sight path_of(const card& record, int port, int path) {
+    const qnm_com_dev_t& dev = common(record);
+    if (dev.ecd_state[port][path] != 0) return path_sight::connected;
+    return dev.ecd_recvtime[port][path] != 0 ? path_sight::lost : path_sight::never_heard;
 }
 
-const char* sight_text(path_sight of) {
+const char* sight_text(path_sight sight) {
     constexpr const char* texts[] = {"-", "D", "C"};  // indexed by path_sight
-    return texts[static_cast<std::size_t>(of)];
+    return texts[static_cast<std::size_t>(sight)];
 }
 
 std::string value_text(const field& shown) {
@@ -298,23 +298,23 @@ json value_json(const field& shown) {
     return {};
 }
 
-std::string section_title(const section& of) {
-    if (of.name[0] == '\0') return {};
-    if (of.index < 0) return "up port ";
-    return "down port " + std::to_string(of.index) + " ";
+std::string section_title(const section& part) {
+    if (part.name[0] == '\0') return {};
+    if (part.index < 0) return "up port ";
+    return "down port " + std::to_string(part.index) + " ";
 }
 
-std::vector<section> all_sections(const card& of) {
-    return some_sections(of, down_ports_40g);
+std::vector<section> all_sections(const card& record) {
+    return some_sections(record, down_ports_40g);
 }
 
-std::vector<section> sections(const card& of) {
-    return some_sections(of, common(of).ecd_type == 0 ? down_ports_1_10g : down_ports_40g);
+std::vector<section> sections(const card& record) {
+    return some_sections(record, common(record).ecd_type == 0 ? down_ports_1_10g : down_ports_40g);
 }
 
 const field* find_field(const std::vector<field>& in, std::string_view name, std::string_view key) {
-    const auto found = std::find_if(in.begin(), in.end(), [&](const field& of) {
-        return name == of.name && key == (of.key != nullptr ? of.key : "");
+    const auto found = std::find_if(in.begin(), in.end(), [&](const field& item) {
+        return name == item.name && key == (item.key != nullptr ? item.key : "");
     });
     return found == in.end() ? nullptr : &*found;
 }

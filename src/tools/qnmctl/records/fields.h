@@ -18,13 +18,13 @@ namespace qnmctl {
 
 using card = std::variant<qnm_qnsv_t, qnm_qnio_t>;
 
-const qnm_com_dev_t& common(const card& of);
-const char* kind_text(const card& of);  // "QNSV" or "QNIO"
+const qnm_com_dev_t& common(const card& record);
+const char* kind_text(const card& record);  // "QNSV" or "QNIO"
 
 enum class path_sight { never_heard, lost, connected };
 
-path_sight path_of(const card& one, int port, int path);
-const char* sight_text(path_sight of);  // "-", "D" or "C", in tables
+path_sight path_of(const card& record, int port, int path);
+const char* sight_text(path_sight sight);  // "-", "D" or "C", in tables
 
 // What a field is about, so that an event is told with the fields it is about.
 enum class aspect { general, path, connection, error_vector, link_fault };
@@ -61,13 +61,13 @@ struct section {
 };
 
 // "down port 3 ", the beginning of the titles of a section's fields; empty for the first section.
-std::string section_title(const section& of);
+std::string section_title(const section& part);
 
 // All sections; those of down ports that the card's type does not have stay at zero.
-std::vector<section> all_sections(const card& of);
+std::vector<section> all_sections(const card& record);
 
 // The sections that the card has: eight down ports on a 1G/10G card, sixteen on a 40G card.
-std::vector<section> sections(const card& of);
+std::vector<section> sections(const card& record);
 
 // The field of this name, and of this key where it is one of several; nullptr when there is none.
 const field* find_field(const std::vector<field>& in, std::string_view name, std::string_view key);

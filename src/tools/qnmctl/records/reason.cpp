@@ -12,8 +12,8 @@ namespace {
 // Indexed by cause, as JSON has them.
 constexpr const char* cause_words[] = {"announced", "expired", "link_down", "stopped", "restarted"};
 
-std::uint64_t last_heard(const card& of) {
-    const auto& times = common(of).ecd_recvtime;
+std::uint64_t last_heard(const card& record) {
+    const auto& times = common(record).ecd_recvtime;
     return *std::max_element(&times[0][0], &times[0][0] + 4);
 }
 

@@ -6,18 +6,18 @@
 
 namespace qnmctl {
 
-bool fits(const card& one, const selection& wanted) {
-    const bool server = std::holds_alternative<qnm_qnsv_t>(one);
-    const auto named = std::find(wanted.ids.begin(), wanted.ids.end(), common(one).ecd_id);
+bool fits(const card& record, const selection& wanted) {
+    const bool server = std::holds_alternative<qnm_qnsv_t>(record);
+    const auto named = std::find(wanted.ids.begin(), wanted.ids.end(), common(record).ecd_id);
     if (!wanted.ids.empty() && named == wanted.ids.end()) return false;
     if (wanted.kind && (*wanted.kind == card_kind::server) != server) return false;
-    return !wanted.group || *wanted.group == common(one).ecd_vlan_id;
+    return !wanted.group || *wanted.group == common(record).ecd_vlan_id;
 }
 
 std::vector<std::uint64_t> fitting_ids(const std::vector<card>& known, const selection& wanted) {
     std::set<std::uint64_t> ids;  // one that is known as both kinds is there twice
-    for (const card& one : known) {
-        if (fits(one, wanted)) ids.insert(common(one).ecd_id);
+    for (const card& record : known) {
+        if (fits(record, wanted)) ids.insert(common(record).ecd_id);
     }
     return {ids.begin(), ids.end()};
 }

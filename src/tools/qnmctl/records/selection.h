@@ -23,7 +23,7 @@ struct selection {
 };
 
 // Whether a card gets through a filter.
-bool fits(const card& one, const selection& wanted);
+bool fits(const card& record, const selection& wanted);
 
 // Of the cards that are known, those that fit; each once, by ascending ID.
 std::vector<std::uint64_t> fitting_ids(const std::vector<card>& known, const selection& wanted);

@@ -28,24 +28,24 @@ constexpr char masking_text[] =
 constexpr char manifest_name[] = "manifest.json";
 constexpr char problems_name[] = "problems.txt";
 
-json member_json(const report_member& of) {
-    return {{"name", of.name}, {"bytes", of.bytes.size()}, {"part", of.part}};
+json member_json(const report_member& member) {
+    return {{"name", member.name}, {"bytes", member.bytes.size()}, {"part", member.part}};
 }
 
 json missing_json(const missing_part& of) {
     return {{"part", of.part}, {"reason", of.reason}};
 }
 
-json manifest(const report_contents& of) {
+json manifest(const report_contents& contents) {
     json object = {{"schema", schema_number},
-                   {"made", iso_time_text(of.when)},
-                   {"masked", of.masked},
+                   {"made", iso_time_text(contents.when)},
+                   {"masked", contents.masked},
                    {"members", json::array()},
                    {"missing", json::array()}};
-    if (of.masked) object["masking"] = masking_text;
-    for (const report_member& one : of.members)
+    if (contents.masked) object["masking"] = masking_text;
+    for (const report_member& one : contents.members)
         object["members"].push_back(member_json(one));
-    for (const missing_part& one : of.missing)
+    for (const missing_part& one : contents.missing)
         object["missing"].push_back(missing_json(one));
     return object;
 }
@@ -68,9 +68,9 @@ la_ssize_t append(archive*, void* to, const void* bytes, std::size_t length) {
     return static_cast<la_ssize_t>(length);
 }
 
-void check(archive* of, la_ssize_t result) {
+void check(archive* handle, la_ssize_t result) {
     if (result >= ARCHIVE_OK) return;
-    const char* const reason = archive_error_string(of);
+    const char* const reason = archive_error_string(handle);
     throw error(std::string("cannot make the archive: ") +
                 (reason != nullptr ? reason : "out of memory"));
 }
@@ -105,9 +105,9 @@ std::string last_part(const std::string& text, std::size_t limit) {
     return text.substr(end_of_line == std::string::npos ? start : end_of_line + 1);
 }
 
-void mask_report(report_contents& of) {
-    known_addresses known = of.addresses;
-    for (const report_member& one : of.members) {
+void mask_report(report_contents& contents) {
+    known_addresses known = contents.addresses;
+    for (const report_member& one : contents.members) {
         known.learn_from_text(one.name);
         if (one.form == member_form::capture) {
             known.learn_from_capture(one.bytes);
@@ -115,23 +115,24 @@ void mask_report(report_contents& of) {
             known.learn_from_text(one.bytes);
         }
     }
-    for (const missing_part& one : of.missing)
+    for (const missing_part& one : contents.missing)
         known.learn_from_text(one.reason);
     const id_mask mask(std::move(known));
     std::vector<report_member> masked;
-    for (report_member& one : of.members) {
+    for (report_member& one : contents.members) {
         const bool is_text = one.form == member_form::text;
         const auto bytes = is_text ? mask.text(one.bytes) : mask.capture(one.bytes);
         if (bytes && !mask.shows_in(*bytes)) {
             masked.push_back({mask.text(one.name), *bytes, one.part, one.form});
         } else {
-            of.missing.push_back({one.part, "it could not be masked safely, so it was left out"});
+            contents.missing.push_back(
+                {one.part, "it could not be masked safely, so it was left out"});
         }
     }
-    for (missing_part& one : of.missing)
+    for (missing_part& one : contents.missing)
         one.reason = mask.text(one.reason);
-    of.members = std::move(masked);
-    of.masked = true;
+    contents.members = std::move(masked);
+    contents.masked = true;
 }
 
 void add_manifest(report_contents& to) {
@@ -143,38 +144,39 @@ void add_manifest(report_contents& to) {
     to.members.push_back({manifest_name, listed, "manifest"});
 }
 
-std::string archive_bytes(const report_contents& of) {
+std::string archive_bytes(const report_contents& contents) {
     std::string bytes;
-    const archive_pointer made(archive_write_new(), archive_write_free);
-    check(made.get(), archive_write_add_filter_gzip(made.get()));
-    check(made.get(), archive_write_set_format_pax_restricted(made.get()));
-    check(made.get(), archive_write_set_bytes_in_last_block(made.get(), 1));  // it is no tape
-    check(made.get(), archive_write_open(made.get(), &bytes, nullptr, append, nullptr));
-    for (const report_member& one : of.members)
-        pack(made.get(), report_name(of.when) + '/' + one.name, one.bytes, of.when);
-    check(made.get(), archive_write_close(made.get()));
+    const archive_pointer result(archive_write_new(), archive_write_free);
+    check(result.get(), archive_write_add_filter_gzip(result.get()));
+    check(result.get(), archive_write_set_format_pax_restricted(result.get()));
+    check(result.get(), archive_write_set_bytes_in_last_block(result.get(), 1));  // it is no tape
+    check(result.get(), archive_write_open(result.get(), &bytes, nullptr, append, nullptr));
+    for (const report_member& member : contents.members)
+        pack(result.get(), report_name(contents.when) + '/' + member.name, member.bytes,
+             contents.when);
+    check(result.get(), archive_write_close(result.get()));
     return bytes;
 }
 
-std::string contents_text(const report_contents& of, const look& how) {
+std::string contents_text(const report_contents& contents, const look& how) {
     table shown{.columns = {{.heading = "MEMBER"},
                             {.heading = "BYTES", .right = true},
                             {.heading = "PART", .spare = 1}}};
-    for (const report_member& one : of.members)
-        shown.rows.push_back({one.name, std::to_string(one.bytes.size()), one.part});
-    const std::string missing = missing_text(of.missing);
+    for (const report_member& member : contents.members)
+        shown.rows.push_back({member.name, std::to_string(member.bytes.size()), member.part});
+    const std::string missing = missing_text(contents.missing);
     return table_text(shown, how) + (missing.empty() ? "" : "\nMissing:\n" + missing) + '\n';
 }
 
-void tell_contents(writer& told, const report_contents& of) {
-    for (const report_member& one : of.members)
-        told.record("member", member_json(one));
-    for (const missing_part& one : of.missing)
-        told.record("missing", missing_json(one));
+void tell_contents(writer& results, const report_contents& contents) {
+    for (const report_member& one : contents.members)
+        results.record("member", member_json(one));
+    for (const missing_part& one : contents.missing)
+        results.record("missing", missing_json(one));
 }
 
-json archive_json(const report_contents& of, const std::string& file, std::size_t bytes) {
-    return {{"file", file}, {"bytes", bytes}, {"masked", of.masked}};
+json archive_json(const report_contents& contents, const std::string& file, std::size_t bytes) {
+    return {{"file", file}, {"bytes", bytes}, {"masked", contents.masked}};
 }
 
 }  // namespace qnmctl

@@ -45,17 +45,17 @@ std::string last_part(const std::string& text, std::size_t limit);
 
 // Puts pseudonyms in place of all card IDs and MAC addresses. A member that still shows one is left
 // out, and is missing then.
-void mask_report(report_contents& of);
+void mask_report(report_contents& contents);
 
 // What there is and what is missing, for programs and for people: two more members. To be called
 // when all others are there.
 void add_manifest(report_contents& to);
 
 // A tar archive, compressed by gzip. Throws error.
-std::string archive_bytes(const report_contents& of);
+std::string archive_bytes(const report_contents& contents);
 
-std::string contents_text(const report_contents& of, const look& how);
-void tell_contents(writer& told, const report_contents& of);
-json archive_json(const report_contents& of, const std::string& file, std::size_t bytes);
+std::string contents_text(const report_contents& contents, const look& how);
+void tell_contents(writer& results, const report_contents& contents);
+json archive_json(const report_contents& contents, const std::string& file, std::size_t bytes);
 
 }  // namespace qnmctl

@@ -133,7 +133,7 @@ report_contents gather(context& with, const report_options& options) {
                 .where = with.where,
                 .log_level = with.log_level,
                 .out = out,
-                .told = told,
+                .results = told,
                 .signals = with.signals,
                 .how = {}};
     report_sources from{.where = with.where};
@@ -156,11 +156,11 @@ int run_report(context& with, const report_options& options) {
     add_manifest(contents);
     const std::string bytes = archive_bytes(contents);
     archive.commit(bytes);
-    with.told.text(contents_text(contents, with.how));
-    tell_contents(with.told, contents);
-    with.told.text(file + ": " + std::to_string(bytes.size()) + " bytes" +
-                   (contents.masked ? ", masked" : "") + '\n');
-    with.told.record("archive", archive_json(contents, file, bytes.size()));
+    with.results.text(contents_text(contents, with.how));
+    tell_contents(with.results, contents);
+    with.results.text(file + ": " + std::to_string(bytes.size()) + " bytes" +
+                      (contents.masked ? ", masked" : "") + '\n');
+    with.results.record("archive", archive_json(contents, file, bytes.size()));
     return exit_ok;
 }
 

@@ -32,8 +32,8 @@ constexpr std::size_t log_limit =
     std::size_t{256} * 1024;  // the last part of a log, and of the events
 
 // Archives are read on terminals.
-std::string document(const json& of) {
-    return of.dump(2, ' ', true, json::error_handler_t::replace) + '\n';
+std::string document(const json& value) {
+    return value.dump(2, ' ', true, json::error_handler_t::replace) + '\n';
 }
 
 const installation& running(const report_sources& from) {
@@ -177,11 +177,11 @@ void add_ports(const report_sources& from, const char* part, report_contents& to
 // ---- From the manager ---------------------------------------------------------------------------
 
 // The addresses that a record has beside the card's own.
-void learn_addresses(const card& of, known_addresses& known) {
-    known.learn(common(of).ecd_id);
-    for (const section& within : all_sections(of)) {
-        for (const field& one : within.fields) {
-            if (one.form->how == style::mac) known.learn(one.value);
+void learn_addresses(const card& record, known_addresses& known) {
+    known.learn(common(record).ecd_id);
+    for (const section& within : all_sections(record)) {
+        for (const field& item : within.fields) {
+            if (item.form->how == style::mac) known.learn(item.value);
         }
     }
 }
@@ -190,9 +190,9 @@ void add_cards(const report_sources& from, const char* part, report_contents& to
     running(from);
     const std::vector<card> cards = read_cards();
     json records = json::array();
-    for (const card& one : cards) {
-        learn_addresses(one, to.addresses);
-        records.push_back(card_json(one));
+    for (const card& record : cards) {
+        learn_addresses(record, to.addresses);
+        records.push_back(card_json(record));
     }
     to.members.push_back({"cards.txt", cards_text(cards, {}), part});
     to.members.push_back({"cards.json", document(records), part});

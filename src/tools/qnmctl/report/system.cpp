@@ -27,8 +27,8 @@ struct wanted_library {
     std::string found;
 };
 
-int look_for_library(dl_phdr_info* loaded, std::size_t, void* of) {
-    auto& wanted = *static_cast<wanted_library*>(of);
+int look_for_library(dl_phdr_info* loaded, std::size_t, void* handle) {
+    auto& wanted = *static_cast<wanted_library*>(handle);
     const fs::path file = loaded->dlpi_name;
     if (!file.filename().string().starts_with(wanted.start)) return 0;
     std::error_code ignored;  // the name that it was loaded by says something, too

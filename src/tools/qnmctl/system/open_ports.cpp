@@ -92,9 +92,9 @@ std::string name_of(const fs::path& process) {
 
 // A socket without a process belongs to one that is hidden or may not be inspected.
 open_ports find_open_ports() {
-    open_ports made;
+    open_ports result;
     const socket_table sockets = packet_sockets();
-    if (sockets.empty()) return made;
+    if (sockets.empty()) return result;
     std::set<std::string> seen;
     for (const fs::path& process : entries_of("/proc")) {
         const auto pid = pid_of(process);
@@ -112,13 +112,13 @@ open_ports find_open_ports() {
         if (*pid == getpid() || !has_library(maps)) continue;
         const port_user user = {.pid = *pid, .name = name_of(process)};
         for (const int index : interfaces)
-            made.found.push_back({.if_index = index, .user = user});
+            result.found.push_back({.if_index = index, .user = user});
     }
     const socket_table now = packet_sockets();  // some may have been closed meanwhile
-    made.all_seen = std::all_of(sockets.begin(), sockets.end(), [&](const auto& one) {
+    result.all_seen = std::all_of(sockets.begin(), sockets.end(), [&](const auto& one) {
         return seen.count(one.first) > 0 || now.count(one.first) == 0;
     });
-    return made;
+    return result;
 }
 
 }  // namespace qnmctl

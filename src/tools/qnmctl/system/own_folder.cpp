@@ -49,7 +49,7 @@ found_link find_link(const own_folder& in, const std::string& name) {
 
 class walk {
   public:
-    walk(const fs::path& name, owners of) : owners_(of) { put_in_front(name); }
+    walk(const fs::path& name, owners allowed) : owners_(allowed) { put_in_front(name); }
 
     // Whether the path leads to a folder; false with errno. Only the user's own links are followed;
     // folders must be the user's own as well if `owners` says so.
@@ -93,8 +93,8 @@ class walk {
         const int code = errno;
         if (code == ENOTDIR || code == ELOOP) return follow(part);
         if (code != ENOENT || !makes) return false;
-        const bool made = mkdirat(here_.at.fd, part.c_str(), own_folder_mode) == 0;
-        if (!made && errno != EEXIST) return false;
+        const bool result = mkdirat(here_.at.fd, part.c_str(), own_folder_mode) == 0;
+        if (!result && errno != EEXIST) return false;
         return enter(part);
     }
 

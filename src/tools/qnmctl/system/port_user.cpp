@@ -27,9 +27,9 @@ std::optional<int> index_in(std::string_view line) {
 
 }  // namespace
 
-std::string process_text(const port_user& of) {
-    if (of.pid == 0) return "a process that cannot be seen from here";
-    return "process " + std::to_string(of.pid) + " (" + of.name + ')';
+std::string process_text(const port_user& user) {
+    if (user.pid == 0) return "a process that cannot be seen from here";
+    return "process " + std::to_string(user.pid) + " (" + user.name + ')';
 }
 
 std::optional<port_user> find_port_user(int if_index) {

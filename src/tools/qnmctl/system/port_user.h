@@ -16,7 +16,7 @@ struct port_user {
 };
 
 // "process 4711 (host)"
-std::string process_text(const port_user& of);
+std::string process_text(const port_user& user);
 
 std::optional<port_user> find_port_user(int if_index);
 

@@ -357,10 +357,10 @@ TEST_F(Restore, WritesTheWordsThatDiffer) {
 }
 
 TEST_F(Restore, TellsJson) {
-    const json told = records({"eeprom", "restore", server, file("image"), "--yes"}).at(0);
-    EXPECT_EQ(2U, told.at("differences").size());
-    EXPECT_EQ(2, told.at("written"));
-    EXPECT_EQ("QNM_API_SUCCESS", told.at("result"));
+    const json value = records({"eeprom", "restore", server, file("image"), "--yes"}).at(0);
+    EXPECT_EQ(2U, value.at("differences").size());
+    EXPECT_EQ(2, value.at("written"));
+    EXPECT_EQ("QNM_API_SUCCESS", value.at("result"));
     EXPECT_TRUE(eeprom() == image);
 }
 
@@ -669,8 +669,9 @@ class Accessed : public Cards {
     // Its findings of one check.
     static json findings_of(const char* check, int status) {
         json found = json::array();
-        for (const json& one : records({"doctor"}, status)) {
-            if (one.at("record") == "finding" && one.at("check") == check) found.push_back(one);
+        for (const json& value : records({"doctor"}, status)) {
+            if (value.at("record") == "finding" && value.at("check") == check)
+                found.push_back(value);
         }
         return found;
     }
@@ -742,9 +743,9 @@ TEST_F(Cards, HaveADeafListenerNamedByTheDoctor) {
     listener.read_until(std::string("QNSV ") + server);
     const auto named = [&](const char* severity, int status) {
         const std::string process = "process " + std::to_string(listener.pid()) + " (qnmctl) works";
-        for (const json& one : records({"doctor"}, status)) {
-            if (one.at("record") == "finding" && one.at("check") == "access" &&
-                one.at("severity") == severity && holds(one.at("text"), process)) {
+        for (const json& value : records({"doctor"}, status)) {
+            if (value.at("record") == "finding" && value.at("check") == "access" &&
+                value.at("severity") == severity && holds(value.at("text"), process)) {
                 return true;
             }
         }
@@ -762,8 +763,8 @@ TEST_F(Cards, HaveADeafListenerNamedByTheDoctor) {
 // The simulated cards' own ports are root's, so another user cannot see whose they are.
 TEST_F(Cards, BesideProcessesThatCannotBeLookedIntoAreNotCalledWell) {
     if (geteuid() != 0) GTEST_SKIP() << "only root can become another user";
-    const auto unseen = [](const std::string& told) {
-        return holds(told, "not all processes could be looked into");
+    const auto unseen = [](const std::string& text) {
+        return holds(text, "not all processes could be looked into");
     };
     EXPECT_FALSE(unseen(run({"doctor"}).out));
     fs::permissions(dir.path(), fs::perms(0755));
@@ -773,9 +774,9 @@ TEST_F(Cards, BesideProcessesThatCannotBeLookedIntoAreNotCalledWell) {
                    "LD_LIBRARY_PATH=" + dir.path().string(), "XDG_STATE_HOME=", "TMPDIR=/tmp",
                    file("qnmctl"), "--ports", "qnm0,qnm1", "doctor"});
     EXPECT_EQ(3, other.end());
-    const std::string& told = other.read_all();
-    EXPECT_TRUE(unseen(told)) << told << other.errors();
-    EXPECT_TRUE(holds(told, "Run it as root")) << told;
+    const std::string& text = other.read_all();
+    EXPECT_TRUE(unseen(text)) << text << other.errors();
+    EXPECT_TRUE(holds(text, "Run it as root")) << text;
 }
 
 // ---- Lost paths ---------------------------------------------------------------------------------

@@ -30,15 +30,15 @@ bool holds(const std::string& text, const std::string& part) {
 
 // As the manual page writes it.
 std::string in_man_page(const std::string& text) {
-    std::string made;
+    std::string result;
     for (const char c : text)
-        made += c == '-' ? std::string("\\-") : std::string(1, c);
-    return made;
+        result += c == '-' ? std::string("\\-") : std::string(1, c);
+    return result;
 }
 
-std::vector<std::string> words_of(const candidates& of) {
+std::vector<std::string> words_of(const candidates& found) {
     std::vector<std::string> words;
-    for (const candidate& one : of.words)
+    for (const candidate& one : found.words)
         words.push_back(one.word);
     return words;
 }

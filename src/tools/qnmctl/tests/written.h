@@ -21,8 +21,8 @@ inline std::string written(output_form form, const char* command,
     unlink(name.c_str());
     const int signals = eventfd(0, 0);  // there are none
     output out(fd, signals);
-    writer told(out, form, command);
-    fill(told);
+    writer results(out, form, command);
+    fill(results);
     std::string text(static_cast<std::size_t>(lseek(fd, 0, SEEK_END)), '\0');
     if (pread(fd, text.data(), text.size(), 0) != static_cast<ssize_t>(text.size())) std::abort();
     close(signals);

@@ -24,9 +24,9 @@ constexpr std::size_t roomy_height = 10;
 
 // ---- Words --------------------------------------------------------------------------------------
 
-std::string per_second_text(const rate& of) {
+std::string per_second_text(const rate& measured) {
     constexpr double without_decimals = 1000;
-    const double value = of.per_second();
+    const double value = measured.per_second();
     char text[32];
     std::snprintf(text, sizeof text, value < without_decimals ? "%.1f" : "%.0f", value);
     return text;
@@ -121,53 +121,53 @@ std::string order_text(const top_model& model) {
 }
 
 lines head(const top_model& model, std::size_t height) {
-    lines made = {{title_text(model), top_style::title}};
+    lines result = {{title_text(model), top_style::title}};
     if (height >= roomy_height) {
         for (std::size_t at = 0; at < model.ports.size(); ++at)
-            made.push_back(port_line(model.ports[at], at));
-        made.push_back({events_text(model)});
+            result.push_back(port_line(model.ports[at], at));
+        result.push_back({events_text(model)});
     }
-    made.push_back({order_text(model)});
-    return made;
+    result.push_back({order_text(model)});
+    return result;
 }
 
 // ---- Cards --------------------------------------------------------------------------------------
 
-std::string id_cell(const top_card& of, wall_time) {
-    return id_text(common(*of.record).ecd_id);
+std::string id_cell(const top_card& shown, wall_time) {
+    return id_text(common(*shown.record).ecd_id);
 }
 
-std::string kind_cell(const top_card& of, wall_time) {
-    return kind_text(*of.record);
+std::string kind_cell(const top_card& shown, wall_time) {
+    return kind_text(*shown.record);
 }
 
-std::string type_cell(const top_card& of, wall_time) {
-    return common(*of.record).ecd_type == 0 ? "1/10G" : "40G";
+std::string type_cell(const top_card& shown, wall_time) {
+    return common(*shown.record).ecd_type == 0 ? "1/10G" : "40G";
 }
 
-std::string vlan_cell(const top_card& of, wall_time) {
-    return std::to_string(common(*of.record).ecd_vlan_id);
+std::string vlan_cell(const top_card& shown, wall_time) {
+    return std::to_string(common(*shown.record).ecd_vlan_id);
 }
 
 template <int Port, int Path>
-std::string path_cell(const top_card& of, wall_time) {
-    return sight_text(path_of(*of.record, Port, Path));
+std::string path_cell(const top_card& shown, wall_time) {
+    return sight_text(path_of(*shown.record, Port, Path));
 }
 
-std::string heard_cell(const top_card& of, wall_time now) {
-    return silence_text(silence(*of.record, now));
+std::string heard_cell(const top_card& shown, wall_time now) {
+    return silence_text(silence(*shown.record, now));
 }
 
-std::string events_cell(const top_card& of, wall_time) {
-    return std::to_string(of.events);
+std::string events_cell(const top_card& shown, wall_time) {
+    return std::to_string(shown.events);
 }
 
-std::string rate_cell(const top_card& of, wall_time) {
-    return per_second_text(of.event_rate);
+std::string rate_cell(const top_card& shown, wall_time) {
+    return per_second_text(shown.event_rate);
 }
 
-std::string last_event_cell(const top_card& of, wall_time) {
-    return of.last_event ? qnm_event_name(*of.last_event) : "";
+std::string last_event_cell(const top_card& shown, wall_time) {
+    return shown.last_event ? qnm_event_name(*shown.last_event) : "";
 }
 
 struct card_column {
@@ -211,58 +211,58 @@ lines card_lines(const top_model& model, std::size_t width) {
         const bool selected = model.selected == model.shown[at];
         styles.push_back(selected ? top_style::selected : style_of(*one.record));
     }
-    lines made;
+    lines result;
     for (const std::string& text : split(table_text(shown, {.width = width}), "\n"))
-        made.push_back({text, styles[made.size()]});
-    return made;
+        result.push_back({text, styles[result.size()]});
+    return result;
 }
 
 lines card_page(top_model& model, top_size size) {
-    lines made = head(model, size.height);
-    const std::size_t others = made.size() + 2;  // the heading, the last line
+    lines result = head(model, size.height);
+    const std::size_t others = result.size() + 2;  // the heading, the last line
     set_height(model, size.height - std::min(size.height, others), 0);
     const lines cards = card_lines(model, size.width);
-    made.insert(made.end(), cards.begin(), cards.end());
-    return made;
+    result.insert(result.end(), cards.begin(), cards.end());
+    return result;
 }
 
 // ---- One card, and help -------------------------------------------------------------------------
 
 // What the record does not have.
-std::string activity_text(const top_card& one, wall_time now) {
-    const auto silent = silence(*one.record, now);
+std::string activity_text(const top_card& shown, wall_time now) {
+    const auto silent = silence(*shown.record, now);
     std::string text = "  last heard " + silence_text(silent) + (silent ? " ago" : "") + "; " +
-                       std::to_string(one.events) + " events, " + per_second_text(one.event_rate) +
-                       " a second";
-    if (one.last_event) text += ", last " + std::string(qnm_event_name(*one.last_event));
+                       std::to_string(shown.events) + " events, " +
+                       per_second_text(shown.event_rate) + " a second";
+    if (shown.last_event) text += ", last " + std::string(qnm_event_name(*shown.last_event));
     return text;
 }
 
 lines detail_page(top_model& model, top_size size) {
-    const top_card& one = model.cards.at(*model.selected);
+    const top_card& shown = model.cards.at(*model.selected);
     std::vector<std::string> texts = {"The card is no longer known."};
-    if (one.record) {
-        texts = split(card_text(*one.record, {.width = size.width}), "\n");
-        texts.insert(texts.begin() + 1, activity_text(one, model.now));
+    if (shown.record) {
+        texts = split(card_text(*shown.record, {.width = size.width}), "\n");
+        texts.insert(texts.begin() + 1, activity_text(shown, model.now));
     }
     constexpr std::size_t others = 2;  // the first line, the last one
     set_height(model, size.height - std::min(size.height, others), texts.size() - 1);
-    lines made = {{texts.front(), top_style::title}};
+    lines result = {{texts.front(), top_style::title}};
     const std::size_t end = std::min(model.detail_first + model.height, model.detail_lines);
     for (std::size_t at = model.detail_first; at < end; ++at)
-        made.push_back({texts[at + 1]});
-    return made;
+        result.push_back({texts[at + 1]});
+    return result;
 }
 
 lines help_page() {
     constexpr std::size_t keys_width = 19;
-    lines made = {{"Keys of qnmctl top", top_style::title}};
+    lines result = {{"Keys of qnmctl top", top_style::title}};
     for (const top_key_row& row : top_keys()) {
-        if (row.shown != nullptr) made.push_back({left(row.shown, keys_width) + row.help});
+        if (row.shown != nullptr) result.push_back({left(row.shown, keys_width) + row.help});
     }
-    made.push_back({"C connected, D disconnected, - never heard"});
-    made.push_back({"frames: all that the kernel counts on the interface"});
-    return made;
+    result.push_back({"C connected, D disconnected, - never heard"});
+    result.push_back({"frames: all that the kernel counts on the interface"});
+    return result;
 }
 
 std::string last_line(const top_model& model) {
@@ -278,18 +278,18 @@ std::string last_line(const top_model& model) {
 }  // namespace
 
 std::vector<top_line> top_lines(top_model& model, top_size size) {
-    lines made;
+    lines result;
     if (model.page == top_page::help) {
-        made = help_page();
+        result = help_page();
     } else {
-        made = model.page == top_page::detail ? detail_page(model, size) : card_page(model, size);
-        made.resize(size.height == 0 ? 0 : size.height - 1);
-        made.push_back({last_line(model), top_style::title});
+        result = model.page == top_page::detail ? detail_page(model, size) : card_page(model, size);
+        result.resize(size.height == 0 ? 0 : size.height - 1);
+        result.push_back({last_line(model), top_style::title});
     }
-    made.resize(std::min(made.size(), size.height));
-    for (top_line& one : made)
+    result.resize(std::min(result.size(), size.height));
+    for (top_line& one : result)
         one.text = fitted(one.text, size.width);
-    return made;
+    return result;
 }
 
 }  // namespace qnmctl

@@ -156,13 +156,13 @@ void begin_filter(top_model& model) {
 
 // Every card, then each of the two.
 template <class Value>
-void step_filter(std::optional<Value>& of, Value first, Value second) {
-    if (!of) {
-        of = first;
-    } else if (*of == first) {
-        of = second;
+void step_filter(std::optional<Value>& item, Value first, Value second) {
+    if (!item) {
+        item = first;
+    } else if (*item == first) {
+        item = second;
     } else {
-        of.reset();
+        item.reset();
     }
 }
 
@@ -283,9 +283,9 @@ void look_at_cards(top_model& model, const std::vector<card>& cards, wall_time n
             known.record && common(*known.record).ecd_updatetime > common(one).ecd_updatetime;
         if (!older) known.record = one;
     }
-    const auto look = [&](rate& of, std::uint64_t events) {
-        if (of.is_new() && events > 0) of.look(model.looked, 0);
-        of.look(seconds, events);
+    const auto look = [&](rate& measured, std::uint64_t events) {
+        if (measured.is_new() && events > 0) measured.look(model.looked, 0);
+        measured.look(seconds, events);
     };
     for (auto& [id, known] : model.cards)
         look(known.event_rate, known.events);
@@ -309,9 +309,9 @@ void look_at_ports(top_model& model, const all_port_counts& counts, double secon
 
 void count_events(top_model& model, const std::vector<observed>& events, std::uint64_t lost) {
     for (const observed& seen : events) {
-        top_card& of = model.cards[seen.id];
-        ++of.events;
-        of.last_event = seen.type;
+        top_card& shown = model.cards[seen.id];
+        ++shown.events;
+        shown.last_event = seen.type;
     }
     model.events += events.size() + lost;
     model.lost_events += lost;

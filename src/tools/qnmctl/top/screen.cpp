@@ -67,7 +67,7 @@ constexpr key_pair keys[] = {
 
 int key_of(int theirs) {
     const auto found = std::find_if(std::begin(keys), std::end(keys),
-                                    [&](const key_pair& of) { return of.theirs == theirs; });
+                                    [&](const key_pair& pair) { return pair.theirs == theirs; });
     if (found != std::end(keys)) return found->ours;
     return theirs >= ' ' && theirs <= '~' ? theirs : 0;
 }
@@ -88,9 +88,9 @@ int side_of_environment(const char* name) {
 }
 
 // Of two sizes, what the environment has goes before what the terminal tells.
-void limit_side(const char* name, unsigned short told) {
-    const int given = side_of_environment(name);
-    if ((given > 0 ? given : told) > largest_side)
+void limit_side(const char* name, unsigned short heard) {
+    const int chosen = side_of_environment(name);
+    if ((chosen > 0 ? chosen : heard) > largest_side)
         setenv(name, std::to_string(largest_side).c_str(), 1);
 }
 

@@ -25,10 +25,10 @@ constexpr int pause_milliseconds = 100;
 extern "C" void do_nothing(int) {}
 
 tools::descriptor make_event() {
-    tools::descriptor made(eventfd(0, EFD_CLOEXEC));
-    if (made.fd < 0)
+    tools::descriptor result(eventfd(0, EFD_CLOEXEC));
+    if (result.fd < 0)
         throw error(std::string("cannot make an event descriptor: ") + strerror(errno));
-    return made;
+    return result;
 }
 
 // Whether the event comes within the time.
@@ -56,9 +56,9 @@ stuck_terminal::stuck_terminal(int signals)
 }
 
 stuck_terminal::~stuck_terminal() {
-    const std::uint64_t one = 1;
+    const std::uint64_t number = 1;
     // It can only fail when the counter is full.
-    [[maybe_unused]] const ssize_t written = write(done_.fd, &one, sizeof one);
+    [[maybe_unused]] const ssize_t written = write(done_.fd, &number, sizeof number);
     thread_.join();
     if (is_terminal_ && !is_in_background()) tcsetattr(STDIN_FILENO, TCSANOW, &before_);
 }

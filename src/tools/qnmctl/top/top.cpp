@@ -85,9 +85,9 @@ class screen_signals {
 
     // The number of one that has come; 0 when there is none.
     int take() const {
-        signalfd_siginfo told{};
-        const ssize_t length = read(come_.fd, &told, sizeof told);
-        return length == sizeof told ? static_cast<int>(told.ssi_signo) : 0;
+        signalfd_siginfo received{};
+        const ssize_t length = read(come_.fd, &received, sizeof received);
+        return length == sizeof received ? static_cast<int>(received.ssi_signo) : 0;
     }
 
     // Whether Ctrl-Z means anything; it does not where whoever started this has it ignored.
@@ -153,53 +153,53 @@ top_model first_model(const context& with, const top_options& options) {
     return model;
 }
 
-void look(view& of) {
-    const double now = double_seconds(clock::now() - of.begun).count();
-    look_at_ports(of.model, read_port_counts(), now);
-    look_at_cards(of.model, read_cards(), std::chrono::system_clock::now(), now);
+void look(view& shown) {
+    const double now = double_seconds(clock::now() - shown.begun).count();
+    look_at_ports(shown.model, read_port_counts(), now);
+    look_at_cards(shown.model, read_cards(), std::chrono::system_clock::now(), now);
 }
 
-void take_events(view& of) {
-    const session::batch batch = of.with.manager->take();
-    count_events(of.model, batch.events, batch.lost);
-    check_running(of.with);
+void take_events(view& shown) {
+    const session::batch batch = shown.with.manager->take();
+    count_events(shown.model, batch.events, batch.lost);
+    check_running(shown.with);
 }
 
-void stop(view& of) {
-    if (!of.signals.can_stop()) return;
-    of.screen.leave();
-    of.signals.stop();
+void stop(view& shown) {
+    if (!shown.signals.can_stop()) return;
+    shown.screen.leave();
+    shown.signals.stop();
 }
 
 // One that ends the view is obeyed first: a shell sends it to a stopped job and then continues it
 // in the background.
-void take_signals(view& of) {
-    while (const int number = of.signals.take()) {
-        if (number == SIGTSTP) stop(of);
-        if (number == SIGCONT) of.signals.wait_for_terminal(of.with);
-        if (is_signalled(of.with)) return;
-        if (number == SIGWINCH) of.screen.resize();
-        if (number == SIGCONT) of.screen.resume();
-        if (number == SIGQUIT) of.model.quit = true;
+void take_signals(view& shown) {
+    while (const int number = shown.signals.take()) {
+        if (number == SIGTSTP) stop(shown);
+        if (number == SIGCONT) shown.signals.wait_for_terminal(shown.with);
+        if (is_signalled(shown.with)) return;
+        if (number == SIGWINCH) shown.screen.resize();
+        if (number == SIGCONT) shown.screen.resume();
+        if (number == SIGQUIT) shown.model.quit = true;
     }
 }
 
-void take_keys(view& of) {
-    while (const auto key = of.screen.key()) {
-        press(of.model, *key);
-        if (of.model.quit || is_signalled(of.with)) return;
+void take_keys(view& shown) {
+    while (const auto key = shown.screen.key()) {
+        press(shown.model, *key);
+        if (shown.model.quit || is_signalled(shown.with)) return;
     }
 }
 
 // Waits for anything but events, which only count until the next look; false when a signal or the
 // end of the terminal ends the view. All is looked at once even when the next look is due, since it
 // always may be.
-bool wait_for_input(view& of, clock::time_point until) {
+bool wait_for_input(view& shown, clock::time_point until) {
     enum { keys, ends, signals, events };
     pollfd waited[] = {{STDIN_FILENO, POLLIN, 0},
-                       {of.with.signals, POLLIN, 0},
-                       {of.signals.fd(), POLLIN, 0},
-                       {of.with.manager->wake_fd(), POLLIN, 0}};
+                       {shown.with.signals, POLLIN, 0},
+                       {shown.signals.fd(), POLLIN, 0},
+                       {shown.with.manager->wake_fd(), POLLIN, 0}};
     do {
         if (poll(waited, std::size(waited), tools::milliseconds_until(until)) < 0) {
             if (errno == EINTR) continue;
@@ -207,28 +207,28 @@ bool wait_for_input(view& of, clock::time_point until) {
         }
         if (waited[ends].revents != 0) return false;
         if ((waited[keys].revents & (POLLHUP | POLLERR | POLLNVAL)) != 0) return false;
-        if (waited[events].revents != 0) take_events(of);
-        if (waited[signals].revents != 0) take_signals(of);
-        if (is_signalled(of.with)) return false;
-        if (waited[keys].revents != 0) take_keys(of);
+        if (waited[events].revents != 0) take_events(shown);
+        if (waited[signals].revents != 0) take_signals(shown);
+        if (is_signalled(shown.with)) return false;
+        if (waited[keys].revents != 0) take_keys(shown);
         if (waited[signals].revents != 0 || waited[keys].revents != 0) return true;
     } while (clock::now() < until);
     return true;
 }
 
-void show(view& of, const top_options& options) {
+void show(view& shown, const top_options& options) {
     const auto delay = std::chrono::duration_cast<clock::duration>(double_seconds(options.delay));
     const clock::time_point end = tools::deadline_after(options.seconds);
     clock::time_point next_look = clock::now();
-    while (!of.model.quit && clock::now() < end) {
+    while (!shown.model.quit && clock::now() < end) {
         if (clock::now() >= next_look) {
-            look(of);
+            look(shown);
             next_look = clock::now() + delay;
         }
-        of.signals.wait_for_terminal(of.with);
-        if (is_signalled(of.with)) return;
-        of.screen.draw(top_lines(of.model, of.screen.size()));
-        if (!wait_for_input(of, std::min(end, next_look))) return;
+        shown.signals.wait_for_terminal(shown.with);
+        if (is_signalled(shown.with)) return;
+        shown.screen.draw(top_lines(shown.model, shown.screen.size()));
+        if (!wait_for_input(shown, std::min(end, next_look))) return;
     }
 }
 
@@ -241,8 +241,8 @@ int run_top(context& with, const top_options& options) {
     start(with);
     const stuck_terminal watched(with.signals);
     top_screen screen(with.how.coloured);
-    view of{with, signals, screen, first_model(with, options)};
-    show(of, options);
+    view shown{with, signals, screen, first_model(with, options)};
+    show(shown, options);
     return exit_ok;
 }
 
