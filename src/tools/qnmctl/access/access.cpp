@@ -148,13 +148,24 @@ void start_and_hear(context& with, const access_options& options) {
     }
 }
 
+// Why an ID is likely to be an address that the user took for one of several; empty if it is not.
+std::string address_hint(std::uint64_t id) {
+    if (id > last_register) return {};
+    return hex_text(id, 1) +
+           " does not look like a card, but like an address. One address is accessed at a time; "
+           "the "
+           "words before it are cards.";
+}
+
 std::vector<std::uint64_t> wanted_ids(const access_options& options) {
     std::vector<std::uint64_t> ids = options.cards.ids;
     if (ids.size() == 1 && !is_known(ids.front())) {
-        throw error("no card " + id_text(ids.front()) +
-                        " has been heard\n\"list\" shows the cards that are; --wait gives it more "
-                        "time.",
-                    QNM_API_ENOENT);
+        const std::string hint = address_hint(ids.front());
+        throw error(
+            "no card " + id_text(ids.front()) + " has been heard\n" +
+                (hint.empty() ? "\"list\" shows the cards that are; --wait gives it more time."
+                              : hint),
+            QNM_API_ENOENT);
     }
     if (ids.empty()) ids = fitting_ids(read_cards(), options.cards);
     if (ids.empty()) {
@@ -207,11 +218,7 @@ std::string access_failure(const context& with, std::uint64_t id, const char* ca
                            access_scope scope, qnm_api_code_t code) {
     std::string known;
     if (code == QNM_API_EBUSY) known = port_in_use_text(with, id);
-    if (code == QNM_API_ENOENT && id <= last_register) {
-        known = hex_text(id, 1) +
-                " does not look like a card, but like an address. One address is accessed at a "
-                "time; what stands in front of it are cards.";
-    }
+    if (code == QNM_API_ENOENT) known = address_hint(id);
     return failure_text(id, call, scope, code, known);
 }
 

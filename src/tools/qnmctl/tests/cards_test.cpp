@@ -543,10 +543,14 @@ TEST_F(Cards, TakeAVlanId) {
 }
 
 TEST_F(Cards, AreToldFromAddresses) {
-    const ended result = run({"reg", "read", server, "0x1000", "0x100"});
-    EXPECT_EQ(code_status(QNM_API_ENOENT), result.status);
-    EXPECT_TRUE(holds(result.errors, "0x1000 does not look like a card, but like an address"))
-        << result.errors;
+    const std::vector<words> commands = {{"reg", "read", server, "0x1000", "0x100"},
+                                         {"reg", "read", "--wait", "0.1", "0x1000", "0x100"}};
+    for (const words& command : commands) {
+        const ended result = run(command);
+        EXPECT_EQ(code_status(QNM_API_ENOENT), result.status);
+        EXPECT_TRUE(holds(result.errors, "0x1000 does not look like a card, but like an address"))
+            << result.errors;
+    }
 }
 
 TEST_F(Cards, AreNotChangedInNumbersWithoutAQuestion) {
