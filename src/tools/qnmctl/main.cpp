@@ -25,7 +25,7 @@ int open_signals() {
     return fd;
 }
 
-int run(const qnmctl::command& wanted, qnmctl::writer& told, qnmctl::output& out, int signals) {
+int run(const qnmctl::command& wanted, qnmctl::writer& results, qnmctl::output& out, int signals) {
     const qnmctl::settings& global = wanted.tree.global;
     qnmctl::installation where;
     qnmctl::install(global, where);
@@ -33,7 +33,7 @@ int run(const qnmctl::command& wanted, qnmctl::writer& told, qnmctl::output& out
                          .where = where,
                          .log_level = global.log_level,
                          .out = out,
-                         .results = told,
+                         .results = results,
                          .signals = signals,
                          .how = qnmctl::look_of(STDOUT_FILENO)};
     return wanted.run(with);

@@ -82,7 +82,8 @@ const char* remedy_of(access_scope scope, qnm_api_code_t code) {
     return found == std::end(remedies) ? code_remedy(code) : found->text;
 }
 
-std::uint32_t value_of(const access_item& item, const outcome& result, const access_told& words) {
+std::uint32_t value_of(const access_item& item, const outcome& result,
+                       const access_call_words& words) {
     if (item.source == from_card) return result.value;
     return words.numbers[static_cast<std::size_t>(item.source)];
 }
@@ -91,8 +92,8 @@ std::string number_text(std::uint32_t value, int digits) {
     return digits == 0 ? std::to_string(value) : hex_text(value, digits);
 }
 
-bool is_verified(const access_told& told) {
-    return told.words->verified != nullptr && (told.flags & QNM_FLAG_VERIFY) != 0;
+bool is_verified(const access_call_words& call) {
+    return call.words->verified != nullptr && (call.flags & QNM_FLAG_VERIFY) != 0;
 }
 
 std::string printable(const std::string& bytes) {
@@ -104,21 +105,21 @@ std::string printable(const std::string& bytes) {
 
 }  // namespace
 
-std::string outcome_text(const outcome& result, const access_told& told) {
+std::string outcome_text(const outcome& result, const access_call_words& call) {
     std::string text = id_text(result.id) + ' ';
-    for (const access_item& item : told.words->items)
-        text += item.words + number_text(value_of(item, result, told), item.digits);
-    return text + (is_verified(told) ? told.words->verified : told.words->done);
+    for (const access_item& item : call.words->items)
+        text += item.words + number_text(value_of(item, result, call), item.digits);
+    return text + (is_verified(call) ? call.words->verified : call.words->done);
 }
 
-json outcome_json(const outcome& result, const access_told& told) {
+json outcome_json(const outcome& result, const access_call_words& call) {
     json object = {{"id", id_text(result.id)}};
-    for (const access_item& item : told.words->items) {
+    for (const access_item& item : call.words->items) {
         const bool known = item.source != from_card || result.code == QNM_API_SUCCESS;
-        object[item.name] = known ? json(value_of(item, result, told)) : json();
+        object[item.name] = known ? json(value_of(item, result, call)) : json();
     }
-    if (told.words->verified != nullptr) {
-        object["verified"] = is_verified(told) && result.code == QNM_API_SUCCESS;
+    if (call.words->verified != nullptr) {
+        object["verified"] = is_verified(call) && result.code == QNM_API_SUCCESS;
     }
     object["result"] = code_json(result.code);
     return object;

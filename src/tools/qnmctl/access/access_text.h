@@ -48,15 +48,15 @@ struct outcome {
 inline constexpr std::size_t most_operands = 3;
 using operand_numbers = std::array<std::uint32_t, most_operands>;
 
-struct access_told {
+struct access_call_words {
     const access_words* words;
     operand_numbers numbers;
     std::uint32_t flags;
 };
 
 std::string outcome_text(const outcome& result,
-                         const access_told& words);  // of a success; one line
-json outcome_json(const outcome& result, const access_told& words);
+                         const access_call_words& call);  // of a success; one line
+json outcome_json(const outcome& result, const access_call_words& call);
 
 // Why the call failed for a card, and what to try: in general, or as is known.
 std::string failure_text(std::uint64_t id, const char* call, access_scope scope,

@@ -282,7 +282,7 @@ std::vector<outcome> access_cards(context& with, const call_options& options,
     return outcomes;
 }
 
-void tell_outcomes(context& with, const std::vector<outcome>& all, const access_told& words) {
+void tell_outcomes(context& with, const std::vector<outcome>& all, const access_call_words& words) {
     for (const outcome& result : all) {
         if (result.code == QNM_API_SUCCESS) with.results.text(outcome_text(result, words) + '\n');
         with.results.record("result", outcome_json(result, words));

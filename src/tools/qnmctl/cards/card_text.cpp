@@ -88,15 +88,15 @@ json stats_json(const std::string& text, const std::string& file) {
 
 std::string cards_text(const std::vector<card>& cards, const look& how) {
     table shown{.columns = {{.heading = "KIND"}}};
-    for (const card_column& of : card_columns)
-        shown.columns.push_back(of.column);
+    for (const card_column& column : card_columns)
+        shown.columns.push_back(column.column);
     shown.columns.push_back({.heading = "TROUBLE", .spare = 3});
     for (const card& record : cards) {
         const std::vector<field> fields = sections(record).front().fields;
         std::vector<std::string>& row = shown.rows.emplace_back();
         row.emplace_back(kind_text(record));
-        for (const card_column& of : card_columns)
-            row.push_back(cell(record, find_field(fields, of.name, of.key)));
+        for (const card_column& column : card_columns)
+            row.push_back(cell(record, find_field(fields, column.name, column.key)));
         row.push_back(trouble_text(record));
         shown.colours.push_back(condition_colours[static_cast<std::size_t>(condition_of(record))]);
     }

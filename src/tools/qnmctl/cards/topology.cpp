@@ -188,10 +188,10 @@ std::string topology_text(const topology& picture, const look& how) {
     return text.empty() ? "no cards heard\n" : text;
 }
 
-json server_json(const topology_server& of) {
-    json object = card_head_json(of.server);
+json server_json(const topology_server& server) {
+    json object = card_head_json(server.server);
     object["links"] = json::array();
-    for (const topology_link& link : of.links) {
+    for (const topology_link& link : server.links) {
         json value = {{"port", link.port ? json(*link.port) : json()}};
         value["qnio"] = card_head_json(link.device);
         value["agreed"] = link.disagreement.empty();

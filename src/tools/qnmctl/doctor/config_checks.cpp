@@ -48,19 +48,19 @@ struct known_values {
 // What is beyond the limit only counts.
 struct line_findings {
     std::size_t limit = finding_limit;
-    findings told = {};
+    findings shown = {};
     std::size_t all = 0;
     bool wrong = false;  // there are errors among all
 };
 
 bool is_full(const line_findings& into) {
-    return into.told.size() >= into.limit;
+    return into.shown.size() >= into.limit;
 }
 
 void add(line_findings& to, finding verdict) {
     ++to.all;
     to.wrong = to.wrong || verdict.rank == severity::error;
-    if (!is_full(to)) to.told.push_back(std::move(verdict));
+    if (!is_full(to)) to.shown.push_back(std::move(verdict));
 }
 
 // ---- Values -------------------------------------------------------------------------------------
@@ -240,10 +240,10 @@ void check_ether_type(known_values& seen, line_findings& found) {
 void tell_what_is_left_out(const std::string& file, line_findings& found) {
     if (found.all <= found.limit) return;
     const std::string more = std::to_string(found.all - found.limit);
-    found.told.push_back({.rank = found.wrong ? severity::error : severity::note,
-                          .about = file,
-                          .text = "there are " + more + " more findings in this file",
-                          .remedy = found.wrong ? "Is it the right file?" : ""});
+    found.shown.push_back({.rank = found.wrong ? severity::error : severity::note,
+                           .about = file,
+                           .text = "there are " + more + " more findings in this file",
+                           .remedy = found.wrong ? "Is it the right file?" : ""});
 }
 
 std::size_t count_lines(const std::string& text) {
@@ -298,7 +298,7 @@ void check_config_lines(const inspected& system, findings& found) {
     check_tags(seen, own);
     check_ether_type(seen, own);
     tell_what_is_left_out(system.config.name, own);
-    for (finding& verdict : own.told) {
+    for (finding& verdict : own.shown) {
         verdict.about = system.temporary ? "--set" : system.config.name;
         if (system.temporary) verdict.line = 0;
         found.push_back(verdict);

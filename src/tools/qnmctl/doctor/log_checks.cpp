@@ -268,9 +268,9 @@ void check_space(const inspected& system, findings& found) {
     if (system.temporary) return;
     const std::vector<appender> writers =
         all_appenders(read_log_properties(system.properties.text));
-    std::set<std::string> told;
+    std::set<std::string> seen;
     for (const log_place& place : system.logs) {
-        if (place.folder.empty() || !told.insert(place.folder).second) continue;
+        if (place.folder.empty() || !seen.insert(place.folder).second) continue;
         check_room(place, room_in(place.folder, system.logs, writers), found);
     }
 }

@@ -148,10 +148,10 @@ clock_facts look_at_clock() {
         one.after = nanoseconds_of(CLOCK_MONOTONIC);
         found.samples.push_back(one);
     }
-    timex told{};  // without a mode nothing is set
-    found.adjustment = adjtimex(&told);
+    timex clock{};  // without a mode nothing is set
+    found.adjustment = adjtimex(&clock);
     found.synchronised =
-        found.adjustment != TIME_ERROR && (static_cast<unsigned>(told.status) & STA_UNSYNC) == 0;
+        found.adjustment != TIME_ERROR && (static_cast<unsigned>(clock.status) & STA_UNSYNC) == 0;
     return found;
 }
 

@@ -468,8 +468,9 @@ constexpr message messages[] = {
 };
 
 const message* find_message(std::uint8_t subtype) {
-    const auto found = std::find_if(std::begin(messages), std::end(messages),
-                                    [&](const message& of) { return of.kind.subtype == subtype; });
+    const auto found =
+        std::find_if(std::begin(messages), std::end(messages),
+                     [&](const message& known) { return known.kind.subtype == subtype; });
     return found == std::end(messages) ? nullptr : &*found;
 }
 
@@ -520,15 +521,15 @@ bool has_message(const reading_frame& at) {
 void read_message(const reading_frame& at) {
     add_rows(at, com_rows);
     const auto subtype = byte_at(at.frame, message_at);
-    const message* const of = subtype ? find_message(*subtype) : nullptr;
-    if (of == nullptr || of->kind.subtype != qnm::k_mms_write) add_rows(at, ver_rows);
-    if (of == nullptr) {
+    const message* const read_as = subtype ? find_message(*subtype) : nullptr;
+    if (read_as == nullptr || read_as->kind.subtype != qnm::k_mms_write) add_rows(at, ver_rows);
+    if (read_as == nullptr) {
         add_rest(at, "unread", "not read", info_at + 1);
         return;
     }
-    at.result.kind = &of->kind;
-    if (of->kind.goes == way::to_card) at.result.card = at.result.destination;
-    of->read(at, *of);
+    at.result.kind = &read_as->kind;
+    if (read_as->kind.goes == way::to_card) at.result.card = at.result.destination;
+    read_as->read(at, *read_as);
 }
 
 struct titled_reason {
@@ -554,8 +555,8 @@ frame_rules configured_rules(const std::string& config) {
 std::span<const message_kind> message_kinds() {
     static const auto kinds = [] {
         std::vector<message_kind> all;
-        for (const message& of : messages)
-            all.push_back(of.kind);
+        for (const message& known : messages)
+            all.push_back(known.kind);
         return all;
     }();
     return kinds;

@@ -80,21 +80,23 @@ json answered_json(const std::optional<answered_read>& answer) {
 
 }  // namespace
 
-std::string frame_line(const decoded_frame& of, const look& how) {
+std::string frame_line(const decoded_frame& decoded, const look& how) {
     constexpr std::size_t number_width = 6, way_width = 10, card_width = 14;
-    const std::string number = std::to_string(of.frame.number);
+    const std::string number = std::to_string(decoded.frame.number);
     std::string line =
         std::string(number.size() < number_width ? number_width - number.size() : 0, ' ') + number +
         ' ';
-    line += with_fraction(time_text(time_of(of.frame.nanoseconds)), of.frame.nanoseconds, 6) + ' ';
-    if (!of.frame.interface.empty()) line += printable(of.frame.interface) + ' ';
-    const frame_reading& read = of.read;
+    line +=
+        with_fraction(time_text(time_of(decoded.frame.nanoseconds)), decoded.frame.nanoseconds, 6) +
+        ' ';
+    if (!decoded.frame.interface.empty()) line += printable(decoded.frame.interface) + ' ';
+    const frame_reading& read = decoded.read;
     line += padded(read.kind != nullptr ? way_text(read.kind->goes) : "-", way_width) + ' ' +
             padded(read.card ? id_text(*read.card) : "-", card_width) + ' ' + message_words(read);
-    if (of.answered) {
-        line += " of " + register_text(of.answered->address) + ", answers frame " +
-                std::to_string(of.answered->frame) + " after " +
-                duration_text(of.answered->nanoseconds);
+    if (decoded.answered) {
+        line += " of " + register_text(decoded.answered->address) + ", answers frame " +
+                std::to_string(decoded.answered->frame) + " after " +
+                duration_text(decoded.answered->nanoseconds);
     }
     if (read.dropped) {
         const std::string words = "dropped: " + read.dropped->text;
@@ -121,23 +123,23 @@ std::string frame_fields_text(const frame_reading& reading) {
     return text;
 }
 
-json frame_json(const decoded_frame& of) {
-    const frame_reading& read = of.read;
+json frame_json(const decoded_frame& decoded) {
+    const frame_reading& read = decoded.read;
     const bool known = read.kind != nullptr;
-    const std::string& interface = of.frame.interface;
-    return {{"number", of.frame.number},
-            {"time",
-             with_fraction(iso_time_text(time_of(of.frame.nanoseconds)), of.frame.nanoseconds, 9)},
+    const std::string& interface = decoded.frame.interface;
+    return {{"number", decoded.frame.number},
+            {"time", with_fraction(iso_time_text(time_of(decoded.frame.nanoseconds)),
+                                   decoded.frame.nanoseconds, 9)},
             {"interface", interface.empty() ? json() : json(interface)},
             {"direction", known ? json(way_text(read.kind->goes)) : json()},
             {"message", known ? json(read.kind->name) : json()},
             {"id", card_id_json(read)},
             {"source", mac_json(read.source)},
             {"destination", mac_json(read.destination)},
-            {"length", of.frame.bytes.length},
-            {"captured", of.frame.bytes.captured.size()},
+            {"length", decoded.frame.bytes.length},
+            {"captured", decoded.frame.bytes.captured.size()},
             {"dropped", dropped_json(read)},
-            {"answers", answered_json(of.answered)},
+            {"answers", answered_json(decoded.answered)},
             {"fields", fields_json(read)}};
 }
 

@@ -19,12 +19,12 @@ struct decoded_frame {
 };
 
 // One line.
-std::string frame_line(const decoded_frame& frame, const look& how);
+std::string frame_line(const decoded_frame& decoded, const look& how);
 
 // Below it, a line for each field.
 std::string frame_fields_text(const frame_reading& reading);
 
-json frame_json(const decoded_frame& frame);
+json frame_json(const decoded_frame& decoded);
 
 // What a capture has come to.
 std::string captured_text(const captured& counts);

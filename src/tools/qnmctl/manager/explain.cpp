@@ -88,7 +88,7 @@ std::string without_function(const std::string& text) {
 std::vector<std::string> reasons(const installation& where, const std::vector<std::string>& lines) {
     std::vector<std::string> found;
     for (const std::string& line : lines) {
-        if (auto told = configuration_text(where, line)) found.push_back(*told);
+        if (auto text = configuration_text(where, line)) found.push_back(*text);
     }
     if (!found.empty()) return found;  // the ports have not even been tried
     for (const std::string& interface : configured_ports(read_text(where.config()))) {

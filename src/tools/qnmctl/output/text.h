@@ -30,8 +30,8 @@ inline int status_of(std::optional<qnm_api_code_t> code) {
 // A failure. The text says what is wrong and, on a line of its own, what helps. The code is that of
 // the failed call, or the one with the same meaning.
 struct error : std::runtime_error {
-    explicit error(const std::string& text, std::optional<qnm_api_code_t> of = std::nullopt)
-        : std::runtime_error(text), code(of), status(status_of(of)) {}
+    explicit error(const std::string& text, std::optional<qnm_api_code_t> result = std::nullopt)
+        : std::runtime_error(text), code(result), status(status_of(result)) {}
 
     std::optional<qnm_api_code_t> code;
     int status;

@@ -99,8 +99,8 @@ meaning meaning_of(const observed& seen, const told_change& reported) {
 }
 
 std::string event_line(const observed& seen, const told_change& reported, bool coloured) {
-    const auto of = static_cast<std::size_t>(meaning_of(seen, reported));
-    return line_text(seen.when, qnm_event_name(seen.type), coloured ? colours[of] : nullptr,
+    const auto meaning = static_cast<std::size_t>(meaning_of(seen, reported));
+    return line_text(seen.when, qnm_event_name(seen.type), coloured ? colours[meaning] : nullptr,
                      seen.record, seen.id, event_words(seen, reported));
 }
 

@@ -19,21 +19,21 @@ std::uint64_t last_heard(const card& record) {
 
 }  // namespace
 
-std::string reason_text(const reason& of) {
-    switch (of.why) {
+std::string reason_text(const reason& found) {
+    switch (found.why) {
         case cause::expired:
-            return "expired after " + std::to_string(of.silent_ms) + " ms";
+            return "expired after " + std::to_string(found.silent_ms) + " ms";
         case cause::link_down:
-            return "link down on port " + std::to_string(of.port);
+            return "link down on port " + std::to_string(found.port);
         default:
-            return cause_words[static_cast<std::size_t>(of.why)];
+            return cause_words[static_cast<std::size_t>(found.why)];
     }
 }
 
-json reason_json(const reason& of) {
-    json object = {{"reason", cause_words[static_cast<std::size_t>(of.why)]}};
-    if (of.why == cause::expired) object["silent_ms"] = of.silent_ms;
-    if (of.why == cause::link_down) object["port"] = of.port;
+json reason_json(const reason& found) {
+    json object = {{"reason", cause_words[static_cast<std::size_t>(found.why)]}};
+    if (found.why == cause::expired) object["silent_ms"] = found.silent_ms;
+    if (found.why == cause::link_down) object["port"] = found.port;
     return object;
 }
 

@@ -22,8 +22,8 @@ struct reason {
     bool operator==(const reason&) const = default;
 };
 
-std::string reason_text(const reason& cause);  // "expired after 5003 ms"
-json reason_json(const reason& cause);
+std::string reason_text(const reason& found);  // "expired after 5003 ms"
+json reason_json(const reason& found);
 
 // What has to be known beside the records.
 struct watch_facts {

@@ -32,8 +32,8 @@ json member_json(const report_member& member) {
     return {{"name", member.name}, {"bytes", member.bytes.size()}, {"part", member.part}};
 }
 
-json missing_json(const missing_part& of) {
-    return {{"part", of.part}, {"reason", of.reason}};
+json missing_json(const missing_part& missing) {
+    return {{"part", missing.part}, {"reason", missing.reason}};
 }
 
 json manifest(const report_contents& contents) {

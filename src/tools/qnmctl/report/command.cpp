@@ -128,12 +128,12 @@ class short_capture {
 report_contents gather(context& with, const report_options& options) {
     const memory_file events;
     output out(events.fd(), with.signals);
-    writer told(out, output_form::text, "report");
+    writer records(out, output_form::text, "report");
     context own{.define = with.define,
                 .where = with.where,
                 .log_level = with.log_level,
                 .out = out,
-                .results = told,
+                .results = records,
                 .signals = with.signals,
                 .how = {}};
     report_sources from{.where = with.where};

@@ -77,7 +77,7 @@ void add_properties(const report_sources& from, const char* part, report_content
 std::string name_of_log(const fs::path& file, const report_contents& to) {
     const auto is_taken = [&](const std::string& name) {
         return std::any_of(to.members.begin(), to.members.end(),
-                           [&](const report_member& of) { return of.name == name; });
+                           [&](const report_member& member) { return member.name == name; });
     };
     std::string name = file.filename().string();
     const auto member = [&name] { return "logs/" + tools::visible_line(name); };

@@ -68,7 +68,7 @@ constexpr access_words read_words = {"qnm_read_register", access_scope::register
                                      nullptr};
 
 void tell_results(writer& results) {
-    const access_told how = {&read_words, {0x100}, 0};
+    const access_call_words how = {&read_words, {0x100}, 0};
     results.record("result", outcome_json({1, QNM_API_SUCCESS, 0xFFFFFFFF}, how));
     results.record("result", outcome_json({2, QNM_API_ETIMEDOUT, 0}, how));
     results.record("result", outcome_json({3, std::nullopt, 0}, how));

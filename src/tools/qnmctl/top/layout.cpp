@@ -200,14 +200,14 @@ top_style style_of(const card& record) {
 lines card_lines(const top_model& model, std::size_t width) {
     table shown{.columns = {}};
     std::vector<top_style> styles = {top_style::heading};
-    for (const card_column& of : columns)
-        shown.columns.push_back(of.column);
+    for (const card_column& column : columns)
+        shown.columns.push_back(column.column);
     const std::size_t end = std::min(model.first + model.height, model.shown.size());
     for (std::size_t at = model.first; at < end; ++at) {
         const top_card& one = shown_card(model, at);
         std::vector<std::string>& row = shown.rows.emplace_back();
-        for (const card_column& of : columns)
-            row.push_back(of.cell(one, model.now));
+        for (const card_column& column : columns)
+            row.push_back(column.cell(one, model.now));
         const bool selected = model.selected == model.shown[at];
         styles.push_back(selected ? top_style::selected : style_of(*one.record));
     }

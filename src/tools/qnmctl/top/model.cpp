@@ -353,9 +353,10 @@ void press(top_model& model, int key) {
     } else if (model.page == top_page::help) {
         model.page = top_page::cards;  // any key
     } else {
-        const auto row = std::find_if(std::begin(rows), std::end(rows), [&](const top_key_row& of) {
-            return key != 0 && (of.keys[0] == key || of.keys[1] == key);
-        });
+        const auto row =
+            std::find_if(std::begin(rows), std::end(rows), [&](const top_key_row& candidate) {
+                return key != 0 && (candidate.keys[0] == key || candidate.keys[1] == key);
+            });
         if (row != std::end(rows)) row->act(model);
     }
     arrange(model);
