@@ -21,7 +21,7 @@ namespace qnmctl {
 
 namespace {
 
-// Which cards there are shows after an announcement of each; they come about every second.
+// By then each card has announced itself; announcements come about every second.
 constexpr double seconds_to_hear_all = 3;
 
 constexpr double seconds_to_hear = 10;
@@ -45,7 +45,7 @@ std::optional<std::size_t> port_of(std::uint64_t id) {
     return std::nullopt;
 }
 
-// Nothing when it is none of another process.
+// Nothing if no other process has it.
 std::string port_in_use_text(const context& with, std::uint64_t id) {
     const std::vector<std::string> ports = configured_ports(read_text(with.where.config()));
     const std::size_t port = port_of(id).value_or(0);
@@ -104,7 +104,7 @@ void add_yes(command& to, bool& yes) {
     add_flag(to, "-y,--yes", "Do not ask", yes);
 }
 
-// On standard error. Signals come as input, so they are waited for beside the answer.
+// Asks on standard error. Signals arrive as input, so both they and the answer are waited for.
 bool is_confirmed(const context& with, const std::string& question) {
     tools::tell(question + " [y/N] ");
     char answer[64];

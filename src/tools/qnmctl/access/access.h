@@ -1,5 +1,5 @@
-// What accesses to cards share: which cards are meant, how they are reached, and long work that a
-// signal ends.
+// What accesses to cards share: selecting the cards, reaching them, and long work that a signal
+// ends.
 #pragma once
 
 #include <cstdint>
@@ -59,13 +59,13 @@ class retry_param {
 // which cards there are is not known then.
 void start_and_hear(context& with, const access_options& options);
 
-// The cards that are meant. Throws error when none fits, or the only one is not known.
+// The selected cards. Throws error if none fits, or the only one is not known.
 std::vector<std::uint64_t> wanted_ids(const access_options& options);
 
 // As run_work(), but the command ends after a signal.
 bool run_access_work(context& with, work wanted);
 
-// Where a range of words is read: a call of the library for a few at a time.
+// How a range of words is read: by calls of the library for a few words each.
 struct dump_source {
     const char* call;
     access_scope scope;
@@ -76,7 +76,7 @@ struct dump_source {
     const char* label;   // of the progress line
 };
 
-// Why a call failed for a card. A port that another process has is told with the process.
+// Why a call failed for a card. If another process has the port, the text names it.
 std::string access_failure(const context& with, std::uint64_t id, const char* call,
                            access_scope scope, qnm_api_code_t code);
 

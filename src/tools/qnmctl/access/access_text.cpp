@@ -35,7 +35,7 @@ constexpr char in_use[] =
     "Another process accessed cards by the same port. Try again, and see \"qnmctl doctor\" for who "
     "that is.";
 
-// What the codes mean for these calls in particular; others are explained by code_remedy().
+// What a code means for these calls; code_remedy() explains the others.
 constexpr remedy remedies[] = {
     {access_scope::registers, QNM_API_ENOLINK, no_path},
     {access_scope::registers, QNM_API_EPROTO, unsent},

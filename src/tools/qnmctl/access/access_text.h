@@ -1,7 +1,7 @@
 // What the command prints about accesses to cards: results, dumps, and why one failed. Text and
 // JSON; no output and no access here.
 //
-// What a command tells of each card is a row of items, from which both forms are made.
+// The result for a card is a row of items, from which both text and JSON are made.
 #pragma once
 
 #include <array>
@@ -17,7 +17,7 @@
 
 namespace qnmctl {
 
-// What a call works on, so that its failure can be explained.
+// What a call works on; needed to explain its failure.
 enum class access_scope { registers, eeprom, eeprom_lock, vlan, reset, mms };
 
 inline constexpr int from_card = -1;

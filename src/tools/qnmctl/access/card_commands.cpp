@@ -17,7 +17,7 @@ namespace {
 
 constexpr std::size_t mms_words = 32;
 
-// What a call is given, beside the card.
+// The arguments of a call, beside the card.
 struct call_arguments {
     const operand_numbers& numbers;
     const qnm_retry_t* retry;
@@ -58,7 +58,7 @@ qnm_api_code_t send_reset(std::uint64_t id, const call_arguments& arguments, std
     return qnm_send_resetframe(id, static_cast<unsigned char>(arguments.numbers[0]),
                                arguments.retry, arguments.flags);
 }
-// The library takes the page by a pointer to what could be changed; it is copied for that.
+// The library takes a pointer to non-const words, so the page is copied.
 qnm_api_code_t write_mmspage(std::uint64_t id, const call_arguments& arguments, std::uint32_t&) {
     std::uint32_t page[mms_words];
     std::copy(std::begin(arguments.page), std::end(arguments.page), page);
@@ -106,7 +106,7 @@ constexpr number_operand reset_status[] = {
     {"STATUS", "Status byte of the reset frame", {.most = 0xFF}}};
 constexpr number_operand mms_page[] = {{"PAGE", "Number of the page, 0 to 1023", {.most = 1023}}};
 
-// A literal, so that it can stand behind others.
+// A macro, so that it can be concatenated with other literals.
 #define MANY_CARDS_HELP                                                                            \
     "Several IDs, or --all, --kind and --group, access many cards at once; results are printed\n"  \
     "in the order of the IDs, and the exit status is that of the first one that failed. Numbers\n" \
@@ -313,7 +313,7 @@ int access_and_tell(context& with, const call_options& options,
     return tell_failures(with, outcomes, words);
 }
 
-// A line stands where an answer would have to.
+// A command from standard input cannot be confirmed there.
 void answer_call(context& with, const call_options& options) {
     if (has_question(options)) {
         throw usage_error("this would change more than one card\nAdd --yes to do it.");
@@ -321,7 +321,7 @@ void answer_call(context& with, const call_options& options) {
     access_and_tell(with, options, wanted_ids(options.access));
 }
 
-// What keeps the call from being made shows before the manager is started.
+// Errors in the arguments are found before the manager is started.
 int run_call(context& with, const call_options& options) {
     call_arguments tried{options.numbers, nullptr, 0, {}};
     if (!options.page_file.empty()) read_page(options.page_file, tried);

@@ -1,4 +1,4 @@
-// The commands that reach into cards.
+// The commands that access cards.
 #pragma once
 
 #include "cli/command.h"

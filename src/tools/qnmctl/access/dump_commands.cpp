@@ -43,7 +43,7 @@ void tell_dump(context& with, const dump_result& result) {
     with.results.record("dump", dump_json(result.read, result.code));
 }
 
-// What has been read is told in full when the file cannot have it.
+// Prints what has been read if the file cannot be written.
 void store_dump(context& with, const dump_options& options, const dump_result& result,
                 new_file& raw) {
     const std::string bytes = to_bytes(result.read.words);
@@ -79,7 +79,7 @@ int dump_and_tell(context& with, const dump_options& options, const dump_source&
     return exit_ok;
 }
 
-// Wrong usage and a file that cannot be written show before the manager is started.
+// Wrong usage and a file that cannot be written are found before the manager is started.
 template <const dump_source& From>
 int run_dump(context& with, const dump_options& options) {
     check_range(options);

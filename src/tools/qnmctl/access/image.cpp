@@ -1,4 +1,4 @@
-// Reads images, writes them without ever leaving half of one.
+// Reads images, and writes them so that no half-written one is ever left.
 #include "access/image.h"
 
 #include <fcntl.h>
@@ -88,7 +88,7 @@ new_file::new_file(const std::string& name, const rules& by)
         temporary_.clear();
         throw error("cannot write " + name + ": " + strerror(errno));
     }
-    // What cannot be had is the wider access only.
+    // Failure only means that fewer users can read it.
     [[maybe_unused]] const int ignored =
         fchmod(fd_, by.mode.value_or(exists ? old.st_mode & everybody : mode_of_new_files()));
 }
@@ -103,8 +103,8 @@ void new_file::fail(int code) const {
                 "\nNothing was changed there.");
 }
 
-// Another file may have appeared there meanwhile. A file system that cannot look at that in the
-// same step is asked in a step before.
+// Another file may have appeared there meanwhile. If the file system cannot check that while it
+// renames, it is checked just before.
 void new_file::put_in_place() const {
     const unsigned flags = replaces_ ? 0 : RENAME_NOREPLACE;
     int code = 0;

@@ -25,9 +25,8 @@ std::string read_file(const std::string& name, std::size_t limit);
 // An EEPROM image: 1 to `limit` bytes, in whole words. Throws error.
 word_list read_image(const std::string& name, std::size_t limit);
 
-// A file that appears whole or not at all, and leaves an older one as it was until then. It is
-// opened before the work begins that its contents take, so that a place that cannot be written to
-// shows at once.
+// A file that appears complete or not at all; until then an older one stays as it was. It is opened
+// before the work that produces its contents, so an unwritable place is reported at once.
 class new_file {
   public:
     struct rules {

@@ -1,6 +1,6 @@
 // eeprom restore: makes a card's EEPROM hold what an image file holds.
 //
-// Only words that differ are written, so a restore that was ended or failed is taken up by simply
+// Only words that differ are written, so a restore that was interrupted or failed is continued by
 // running it again.
 #include <nlohmann/json.hpp>
 

@@ -52,7 +52,7 @@ class crew {
             wanted_.run(job, state);
         if (--left_ != 0) return;
         const std::uint64_t number = 1;
-        // It can only fail when the counter is full, and then the waiting one is woken anyway.
+        // It fails only if the counter is full, and then the waiting thread is woken anyway.
         [[maybe_unused]] const ssize_t written = write(done_fd_, &number, sizeof number);
     }
 
@@ -63,7 +63,7 @@ class crew {
     std::vector<std::jthread> threads_;
 };
 
-// The signal that has been obeyed waits again at the end, for the waits that follow.
+// The signal is made pending again at the end, for the waits that follow.
 class taken_signal {
   public:
     taken_signal() = default;

@@ -1,4 +1,4 @@
-// Work that takes its time, on threads beside the one that signals and the terminal belong to.
+// Runs long work on threads, while the main thread handles signals and the terminal.
 //
 // A call into a card may block for seconds, and ending in the middle of one could leave the card's
 // EEPROM lock behind. So the first signal only asks the jobs to end, which they do between calls;

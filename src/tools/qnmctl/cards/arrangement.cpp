@@ -14,7 +14,7 @@ namespace {
 
 constexpr const char* state_words[] = {"disconnected", "connected"};
 
-// Not heard for so long, in milliseconds, that no card that was ever heard comes near.
+// In milliseconds; longer than for any card that was ever heard.
 constexpr double never_heard = 1e15;
 
 std::string in_lower_case(std::string text) {

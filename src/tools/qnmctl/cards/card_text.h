@@ -1,4 +1,4 @@
-// What the command prints of cards: their table, one card, and what calls about them came to.
+// What the command prints of cards: their table, one card, and results of calls about them.
 #pragma once
 
 #include <optional>
@@ -12,7 +12,7 @@
 
 namespace qnmctl {
 
-// What a call for it has come to.
+// The result of a call that stops or restarts monitoring.
 json monitored_json(const char* action, std::uint64_t id, qnm_api_code_t code);
 
 // A status dump: its numbers, its text, and the file that has it as well, empty if none has.
@@ -27,7 +27,7 @@ std::string count_text(const std::vector<card>& cards, std::size_t known);
 enum class down_ports { connected, all };
 
 // The fields of a card, one a line: title, name, value. Downstream ports without a card can be left
-// out; their numbers are told then.
+// out; then only their numbers are printed.
 std::string card_text(const card& shown, const look& how, down_ports ports = down_ports::all);
 
 }  // namespace qnmctl

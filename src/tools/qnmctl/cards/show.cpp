@@ -43,7 +43,7 @@ int run_show(context& with, const show_options& options) {
     start(with);
     listen(with, {.seconds = options.seconds,
                   .enough = [&options] { return read_card(options.id).has_value(); }});
-    if (with.out.closed()) return exit_ok;  // nobody is left to be told
+    if (with.out.closed()) return exit_ok;  // nobody reads the output
     if (is_signalled(with) && !read_card(options.id)) {
         throw error("ended by a signal; the card was not heard by then");
     }

@@ -1,4 +1,4 @@
-// Brings the two sides of each link together.
+// Matches the two sides of each link.
 #include "cards/topology.h"
 
 #include <algorithm>
@@ -139,7 +139,7 @@ constexpr char red[] = "\033[31m";
 constexpr std::size_t sign_width = 3;
 constexpr std::size_t port_width = sizeof "port 15";
 
-// Where it does not fit, what is wrong has a line of its own.
+// If a disagreement does not fit, it has a line of its own.
 std::string link_line(const topology_link& link, const char* sign, const look& how) {
     std::string line = port_words(link);
     line.resize(port_width, ' ');

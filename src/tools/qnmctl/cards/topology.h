@@ -1,8 +1,8 @@
 // Which QNIO card stands behind which downstream port of which QNSV card.
 //
 // Both sides report it: a QNSV card the MAC address behind each of its ports, a QNIO card that of
-// the QNSV card it is bound to. Where they disagree, or one of them is not heard, the link is there
-// all the same and says what is wrong with it.
+// the QNSV card it is bound to. If they disagree, or one of them is not heard, the link is still
+// listed and says what is wrong with it.
 #pragma once
 
 #include <cstdint>
@@ -15,7 +15,7 @@
 
 namespace qnmctl {
 
-// A card of which only the MAC address is known has that for an ID, and no record.
+// A card of which only the MAC address is known has it as its ID, and no record.
 struct topology_card {
     std::uint64_t id = 0;
     std::optional<card> record = {};

@@ -1,4 +1,4 @@
-// watch: tells events as they come, until it is ended.
+// watch: prints events as they occur, until it is ended.
 #include <array>
 
 #include "cards/commands.h"
@@ -46,7 +46,7 @@ const auto event_words = [] {
     return words;
 }();
 
-// Whoever counts events, or asks for some of them, wants them one by one.
+// A user who counts events, or selects some, wants each of them.
 bool is_digested(const watch_options& options) {
     return !options.all && options.count == 0 && options.filter.events.empty();
 }

@@ -1,4 +1,4 @@
-// Judges what was found of the system.
+// Checks the inspected system.
 #include "doctor/checks.h"
 
 #include <net/if_arp.h>
@@ -149,7 +149,7 @@ void check_mtu(const inspected& system, findings& found) {
 
 namespace {
 
-// Every driver that is no VLAN's has another name.
+// Only VLAN interfaces have this driver name.
 constexpr char vlan_driver[] = "802.1Q VLAN Support";
 
 finding judge_filter(const interface_facts& facts) {
@@ -262,7 +262,7 @@ finding judge_user(const interface_facts& facts) {
             .remedy = "Find out what it is for, and end it."};
 }
 
-// An interface that was renamed is another one for whoever goes by its name.
+// A manager opens interfaces by name, so a renamed interface counts as another one.
 finding judge_left(const left_behind& one, bool is_port_missing) {
     if (!one.name.empty()) {
         return {.rank = is_port_missing ? severity::warning : severity::note,

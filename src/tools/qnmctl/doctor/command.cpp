@@ -1,4 +1,4 @@
-// doctor: inspects the system and tells what was found.
+// doctor: inspects the system and prints the findings.
 #include "doctor/command.h"
 
 #include <nlohmann/json.hpp>

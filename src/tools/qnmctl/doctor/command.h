@@ -1,4 +1,4 @@
-// The command that needs no manager to run, because it tells why one might not.
+// The command that finds out why a manager might not run; it starts none itself.
 #pragma once
 
 #include "cli/command.h"

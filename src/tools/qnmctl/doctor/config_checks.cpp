@@ -1,5 +1,5 @@
-// Reads a configuration file in the library's way, but goes on behind the first mistake, at which
-// the library ends.
+// Reads a configuration file as the library does, but goes on after the first mistake, at which the
+// library stops.
 #include "doctor/config_checks.h"
 
 #include <algorithm>
@@ -20,12 +20,12 @@ namespace qnmctl {
 namespace {
 
 constexpr std::size_t piece_size = 127;    // of what the library reads as a line
-constexpr std::size_t finding_limit = 50;  // a file that is none would fill the screen
+constexpr std::size_t finding_limit = 50;  // a file that is no configuration would fill the screen
 constexpr char blanks[] = " \t\r\n";
 constexpr char list_blanks[] = " ,\t";
 constexpr std::size_t port_limit = 2;
 
-// What a value is taken for.
+// How the library reads a value.
 struct reading {
     severity rank = severity::ok;
     std::string text = {};  // what is wrong, or what it means
@@ -37,7 +37,7 @@ struct known_value {
     bool good = false;
 };
 
-// What the lines read so far make of the configuration.
+// The configuration by the lines read so far.
 struct known_values {
     known_values() { _qnm_set_config_defaults(&config); }
 
@@ -45,7 +45,7 @@ struct known_values {
     std::map<std::string, known_value> keys = {};
 };
 
-// What is beyond the limit only counts.
+// Findings beyond the limit are only counted.
 struct line_findings {
     std::size_t limit = finding_limit;
     findings shown = {};
@@ -92,7 +92,7 @@ void warn_of_octal(reading& found, const std::string& word) {
     found.remedy = "Leave out the 0 in front if the decimal number is meant.";
 }
 
-// What stands behind the one word that is the value.
+// The text after the one word that is the value.
 void warn_of_more(reading& found, const std::vector<std::string>& words) {
     if (found.rank != severity::ok || words.size() < 2 || words[1][0] == '#') return;
     found.rank = severity::warning;
@@ -118,7 +118,7 @@ bool is_list(const qnm_config_key_t& key) {
     return key.form == qnm::config_form::interfaces || key.form == qnm::config_form::indexes;
 }
 
-// The library's verdict, with what it takes without a word and was hardly meant.
+// The library's verdict, and values that it accepts silently but that were hardly meant.
 reading read_value(qnm_conf_t& config, const qnm_config_key_t& key, const std::string& value) {
     const std::string line = value.substr(0, value.find_first_of("\r\n"));
     const std::vector<std::string> words = split(line, is_list(key) ? list_blanks : blanks);
@@ -181,7 +181,7 @@ void read_key(known_values& seen, const qnm_config_key_t& key, const std::string
         {.rank = read.rank, .line = line, .text = meaning_of(key, read), .remedy = read.remedy});
 }
 
-// What the library reads at once. It ends at a NUL.
+// A piece that the library reads at once. It ends at a NUL.
 void read_piece(known_values& seen, std::string_view piece, int line, line_findings& found) {
     piece = piece.substr(0, piece.find('\0'));
     if (piece.starts_with('#')) return;
@@ -201,7 +201,7 @@ void read_piece(known_values& seen, std::string_view piece, int line, line_findi
     read_key(seen, *key, value, line, found);
 }
 
-// Of the pieces behind the first, only whether they do harm is news.
+// Of the pieces after the first, only harmful ones are reported.
 void read_line(known_values& seen, std::string_view text, int line, line_findings& found) {
     read_piece(seen, text.substr(0, piece_size), line, found);
     if (text.size() <= piece_size) return;

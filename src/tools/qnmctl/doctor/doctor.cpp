@@ -1,4 +1,4 @@
-// The table of checks, and the way through it.
+// The table of checks, and the loop that makes them.
 #include "doctor/doctor.h"
 
 #include <algorithm>

@@ -1,9 +1,8 @@
-// What is right and what is wrong with a system that a manager is to run on, found without running
-// one.
+// Checks whether a manager can run on a system, without running one.
 //
-// A check is a row of one table: it looks at the inspected system and tells findings, each with its
-// remedy where there is something to do. No check relies on another one, and one that fails itself
-// keeps no other from being made.
+// A check is a row of one table: it looks at the inspected system and returns findings, each with a
+// remedy if there is something to do. Checks are independent, and if one fails the others are still
+// made.
 #pragma once
 
 #include <cstddef>

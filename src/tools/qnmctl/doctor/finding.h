@@ -1,4 +1,4 @@
-// What a check finds: how bad it is, what it is about, and what helps.
+// A finding of a check: how severe it is, what it is about, and what helps.
 #pragma once
 
 #include <string>
@@ -8,7 +8,7 @@
 
 namespace qnmctl {
 
-// error: the manager does not start, or does without something that it is told to use.
+// error: the manager does not start, or ignores a setting.
 enum class severity { ok, note, warning, error };
 
 struct finding {

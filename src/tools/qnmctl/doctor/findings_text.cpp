@@ -1,4 +1,4 @@
-// The form of a finding.
+// Lays out findings.
 #include "doctor/findings_text.h"
 
 #include <algorithm>
@@ -37,8 +37,8 @@ std::string place_text(const finding& verdict) {
            ": ";
 }
 
-// Lines of words up to the width, all but the first behind the indent. A word that is longer has a
-// line of its own.
+// Wraps words into lines of the width; all but the first are indented. A longer word has a line of
+// its own.
 std::string wrapped(const std::string& text, std::size_t indent, std::size_t width) {
     constexpr std::size_t narrowest = 20;
     const std::size_t room = std::max(narrowest, width > indent ? width - indent : 0);

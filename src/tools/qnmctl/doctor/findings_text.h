@@ -1,4 +1,4 @@
-// Findings in words, for people and for scripts.
+// Findings as text and as JSON.
 #pragma once
 
 #include <string>

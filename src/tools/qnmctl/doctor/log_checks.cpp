@@ -1,4 +1,4 @@
-// Judges what a properties file says, and the places of the logs that it names.
+// Checks a properties file and the places of the logs that it names.
 #include "doctor/log_checks.h"
 
 #include <algorithm>
@@ -15,8 +15,8 @@ namespace qnmctl {
 
 namespace {
 
-// Up to log4cxx 1.0 some appenders want a layout that do without one in 1.4. Between the two it is
-// not known, and nothing is said.
+// Some appenders need a layout up to log4cxx 1.0 but not in 1.4. For versions in between it is
+// unknown, so nothing is reported.
 constexpr std::string_view log4cxx_version = QNMCTL_LOG4CXX_VERSION;
 constexpr bool is_strict = log4cxx_version.starts_with("0.") || log4cxx_version.starts_with("1.0.");
 
@@ -45,7 +45,7 @@ bool is_known_layout(const appender& sink) {
 
 constexpr std::uintmax_t mebi = std::uintmax_t{1} << 20;
 
-// "10MB", as log4cxx has it; the default where it is nothing of that form.
+// Parses "10MB" as log4cxx does; the default if it has another form.
 std::uintmax_t size_of(const std::string& text, std::uintmax_t otherwise) {
     std::uintmax_t value = 0;
     const char* const end = text.data() + text.size();
@@ -60,7 +60,7 @@ std::uintmax_t size_of(const std::string& text, std::uintmax_t otherwise) {
     return unit == "GB" ? value << 30 : value;
 }
 
-// What files can grow to together.
+// The size that all files together can reach.
 struct room {
     std::uintmax_t bytes = 0;
     bool limited = true;  // otherwise it does for a while
@@ -111,7 +111,7 @@ void check_level(const std::string& file, const logger& checked, findings& found
                      .remedy = "Set it to ALL, and how much is logged by log_level in qnm.conf."});
 }
 
-// Without what the log cannot do without, its lines are lost.
+// Checks what a log needs; without it its lines are lost.
 finding judge_appender(const appender& sink) {
     const std::string key = "Add: log4j.appender." + printable(sink.name);
     const appender_class* const known = find_class(sink);
@@ -236,8 +236,7 @@ std::span<const appender_class> known_appender_classes() {
     return appender_classes;
 }
 
-// Those of a temporary configuration are the command's own, and nothing that the operator has
-// given.
+// The logs of a temporary configuration are the command's own, not the operator's.
 
 void check_properties(const inspected& system, findings& found) {
     if (system.temporary) return;

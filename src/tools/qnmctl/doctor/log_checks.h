@@ -1,4 +1,4 @@
-// Where the library's log lines go: what a properties file says, and what becomes of it.
+// Checks where the library's log lines go: the properties file and the places that it names.
 #pragma once
 
 #include <span>

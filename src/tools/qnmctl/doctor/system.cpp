@@ -1,5 +1,5 @@
-// Reads the system by calls that change nothing of it: no module is loaded for them, no interface
-// becomes promiscuous, no file is made.
+// Reads the system by calls that change nothing: they load no module, make no interface promiscuous
+// and create no file.
 #include "doctor/system.h"
 
 #include <dlfcn.h>
@@ -50,7 +50,7 @@ struct pcap_closer {
 };
 using capture = std::unique_ptr<pcap_t, pcap_closer>;
 
-// As the library does, but for the promiscuous mode, which the whole network would notice.
+// As the library does, but not in promiscuous mode, which the kernel would log.
 capture open_capture(const std::string& name, bool immediate, std::string& problem) {
     constexpr int snaplen = 1024;
     constexpr int timeout_ms = 1000;
@@ -115,7 +115,8 @@ bool is_used(int index) {
     return std::find(used.begin(), used.end(), index) != used.end();
 }
 
-// Who has the lock of an interface anybody may ask; who has a port open, only root in general.
+// Any user may ask who holds the lock of an interface; in general only root can see who has a port
+// open.
 void find_left_behind(const std::vector<std::string>& ports, inspected& into) {
     for (const int index : used_indexes()) {
         const auto user = find_port_user(index);
@@ -161,7 +162,7 @@ bool may(const fs::path& name, int how) {
     return faccessat(AT_FDCWD, name.c_str(), how, AT_EACCESS) == 0;
 }
 
-// The folder itself, or what of those above it is there.
+// The folder itself, or the nearest one above it that exists.
 fs::path nearest_folder(fs::path folder) {
     std::error_code ignored;  // what cannot be looked at is not there for us
     while (!fs::exists(folder, ignored) && folder.has_relative_path())
@@ -185,7 +186,7 @@ struct pipe_closer {
     void operator()(FILE* file) const { pclose(file); }
 };
 
-// What tshark tells of itself. It is given up when it takes long.
+// What tshark prints about itself. It is ended if it takes long.
 std::string ask_tshark() {
     constexpr char command[] =
         "exec </dev/null 2>/dev/null; timeout 10 tshark --version && timeout 10 tshark -G folders";
@@ -197,7 +198,7 @@ std::string ask_tshark() {
     return text;
 }
 
-// Of a temporary configuration it is the command's own, and nothing that the operator has given.
+// In a temporary configuration the file is the command's own, not the operator's.
 void remove_last_line(std::string& text) {
     if (text.ends_with('\n')) text.pop_back();
     text.erase(text.rfind('\n') + 1);
@@ -232,7 +233,7 @@ log_place look_at_log(const std::string& file) {
     return found;
 }
 
-// The line behind this beginning, without blanks in front; empty where there is none.
+// The rest of the line that begins like this, without leading blanks; empty if there is none.
 std::string line_behind(const std::string& text, const std::string& beginning) {
     const std::size_t at = ('\n' + text).find('\n' + beginning);
     if (at == std::string::npos) return {};

@@ -1,5 +1,5 @@
-// What the checks are made on: a record of the system as it was found. Tests make it up; for the
-// command the system is read, and nothing of it is changed.
+// A record of the system, on which the checks are made. Tests invent it; the command reads it from
+// the system without changing anything.
 #pragma once
 
 #include <chrono>
@@ -35,7 +35,7 @@ struct file_facts {
 
 inline constexpr std::size_t text_limit = std::size_t{1} << 20;
 
-// How frames come from an interface.
+// How frames are captured from an interface.
 struct capture_facts {
     std::string problem = {};  // why it cannot be captured from
     bool in_blocks = false;    // the way in which libpcap opens it

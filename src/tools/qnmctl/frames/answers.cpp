@@ -7,7 +7,7 @@ namespace qnmctl {
 
 namespace {
 
-// Managers drop what is addressed to another one.
+// Managers drop frames that are addressed to another manager.
 bool is_for_anybody(std::uint64_t destination) {
     constexpr std::uint64_t group_bit = 0x010000000000;
     return destination == 0 || (destination & group_bit) != 0;

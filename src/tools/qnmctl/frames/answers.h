@@ -1,10 +1,9 @@
 // Which Completion answers which Register Read, in frames that come one after the other.
 //
-// A manager's tags are its own, so there may be as many as managers have been seen. A manager takes
-// an answer only from the MAC address that it has asked, and none that is addressed to another one:
-// it knows its port's address, here the Register Read tells it. Where no frame tells that a
-// Register Read has been sent, a Completion may answer one from before the capture; that is no
-// fault of it.
+// Each manager has its own tags, so several managers may use the same ones. A manager accepts an
+// answer only from the MAC address that it has asked, and only if it is addressed to its port; here
+// the Register Read shows that address. A Completion without a Register Read may answer one from
+// before the capture, so it is not reported as wrong.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// Frames from two libpcap handles into one file, block by block.
+// Writes frames from two libpcap handles into one file, block by block.
 #include "frames/capture.h"
 
 #include <fcntl.h>
@@ -34,13 +34,12 @@ namespace {
 using clock = std::chrono::steady_clock;
 
 constexpr int buffer_size = 16 * 1024 * 1024;
-constexpr std::size_t frames_at_once = 256;  // of a port, then it is the other one's turn
+constexpr std::size_t frames_at_once = 256;  // of one port, then the other port is read
 constexpr std::size_t bytes_at_once = std::size_t{64} * 1024;
 
 // ---- The file -----------------------------------------------------------------------------------
 
-// Blocks on their way to a descriptor. What is on the disk when nothing more fits is cut to whole
-// blocks.
+// Writes blocks to a descriptor. When the disk is full, the file is cut back to whole blocks.
 class block_file {
   public:
     block_file(std::string name, int signals) : signals_(signals), name_(std::move(name)) {}
@@ -76,7 +75,7 @@ class block_file {
 void block_file::fail(std::size_t written, int code) {
     const auto half = static_cast<off_t>(written - pcapng::whole_blocks(waiting_, written));
     const off_t end = lseek(fd_, 0, SEEK_CUR);
-    // What remains of a block at the end is an end that readers tell; so this may fail.
+    // This may fail: readers recognise an incomplete last block.
     if (end >= half) [[maybe_unused]]
         const int ignored = ftruncate(fd_, end - half);
     if (fd_ == STDOUT_FILENO) return;  // told by its problem
@@ -113,7 +112,7 @@ struct port {
     }
 };
 
-// Why it cannot be opened, where that shows from outside; else what libpcap says.
+// Why it cannot be opened: an obstacle that can be seen from outside, else libpcap's message.
 std::string open_problem(const std::string& interface, const char* said) {
     if (const auto known = port_problem(interface)) return *known;
     return "cannot open " + interface + ": " + said;
@@ -303,8 +302,8 @@ void capturing::finish() {
     counts_.signalled = to_.signalled();
 }
 
-// A FIFO can be opened only while somebody reads it. So it is tried from time to time. None is open
-// at a failure, with errno, which is EINTR when a signal came first.
+// A FIFO can be opened only while it has a reader, so this tries from time to time. On failure
+// nothing is open and errno is set, to EINTR if a signal came first.
 tools::descriptor open_file(const std::string& name, int signals) {
     constexpr int pause_milliseconds = 50;
     constexpr int how = O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
@@ -319,7 +318,7 @@ tools::descriptor open_file(const std::string& name, int signals) {
     }
 }
 
-// What a FIFO gets that has had no reader until a signal came.
+// The result if a FIFO had no reader until a signal came.
 captured unread(captured counts, const std::string& name) {
     counts.lost = "cannot write to " + name + ": ended by a signal before it had a reader";
     counts.signalled = true;

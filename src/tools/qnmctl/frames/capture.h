@@ -1,8 +1,8 @@
 // Captures what passes the ports of a manager into a pcapng file.
 //
-// The handles are its own, so that a manager in another process is not disturbed and need not run.
-// Like a manager it sees what this host sends, too. Each frame that a manager would drop has the
-// reason as its comment.
+// It uses handles of its own, so a manager in another process is not disturbed and need not run.
+// Like a manager it also sees what this host sends. The comment of a frame that a manager would
+// drop has the reason.
 #pragma once
 
 #include <cstdint>
@@ -15,7 +15,7 @@
 
 namespace qnmctl {
 
-// What a manager captures of a frame.
+// The bytes of a frame that a manager captures.
 inline constexpr int default_snaplen = 1024;
 
 struct capture_options {

@@ -1,4 +1,4 @@
-// libpcap reads the frames; beside it, the blocks of a pcapng file are gone through once more.
+// libpcap reads the frames; the blocks of a pcapng file are read a second time for interface names.
 #include "frames/capture_file.h"
 
 #include <fcntl.h>
@@ -127,7 +127,7 @@ capture_file::capture_file(const std::string& name, int signals)
     }
 }
 
-// No handle when a signal came while its beginning was awaited.
+// No handle if a signal came before the file's header.
 void capture_file::open() {
     std::FILE* const stream = fopencookie(
         &source_, "r", {.read = read_some, .write = nullptr, .seek = nullptr, .close = nullptr});
@@ -144,7 +144,7 @@ bool capture_file::is_signalled() const {
     return tools::is_end_signalled(source_.signals);
 }
 
-// A signal comes first: what never ends, and never has a whole frame, is ready all the time.
+// Signals are checked first: an endless input without a complete frame would always be ready.
 long capture_file::read_some(void* from, char* bytes, std::size_t size) {
     const auto& in = *static_cast<const source*>(from);
     while (!tools::is_end_signalled(in.signals) &&

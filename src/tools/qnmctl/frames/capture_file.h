@@ -1,4 +1,4 @@
-// Captures in files: pcap and pcapng, whatever program and host has written them.
+// Reads capture files: pcap and pcapng, of any program and byte order.
 #pragma once
 
 #include <cstdint>
@@ -15,8 +15,8 @@ struct pcap;
 
 namespace qnmctl {
 
-// The interface of each frame of a pcapng file, one after the other. libpcap, which reads the
-// frames, does not tell it. A file of another kind, or one that makes no sense, has none.
+// The interfaces of the frames of a pcapng file, one after the other. libpcap reads the frames but
+// does not provide them. Files of another kind and broken files have none.
 class frame_interfaces {
   public:
     // Of a file that can be read at any place; of another descriptor, or -1, there are no names.

@@ -1,4 +1,4 @@
-// Learns from announcements whose address is whose.
+// Learns from announcements which address belongs to which card.
 #include "frames/card_choice.h"
 
 #include <algorithm>

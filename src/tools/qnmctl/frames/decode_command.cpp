@@ -1,4 +1,4 @@
-// decode: what the frames in a capture file say.
+// decode: prints the frames in a capture file.
 #include <algorithm>
 #include <nlohmann/json.hpp>
 

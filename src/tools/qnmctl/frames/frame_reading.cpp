@@ -253,7 +253,7 @@ void start_section(const reading_frame& at, const char* name, int index = -1) {
 
 // ---- Messages -----------------------------------------------------------------------------------
 
-// Each reads what stands behind the bytes that all messages have.
+// Each function reads what follows the bytes that all messages have.
 struct message {
     message_kind kind;
     void (*read)(const reading_frame&, const message&);
@@ -276,7 +276,7 @@ void read_server(const reading_frame& at, const message& kind) {
         add_rows(at, down_port_rows, start);
         add_rows(at, bridge_rows, start + offsetof(qnet_down_port_s, com_port));
     }
-    // An empty one was not captured, or is not there.
+    // Empty if it was not captured or does not exist.
     std::erase_if(at.result.sections, [](const frame_section& s) { return s.fields.empty(); });
     start_section(at, "");
     add_rest(at, "padding", "padding", kind.size);
@@ -365,7 +365,7 @@ const char* find_register(std::uint32_t address) {
     return found == std::end(register_names) ? nullptr : found->name;
 }
 
-// The other way round than qnm::encode_register_address().
+// The inverse of qnm::encode_register_address().
 std::uint32_t decode_register_address(std::uint64_t wire) {
     return static_cast<std::uint32_t>((wire >> 4 & 0x003FF000) | (wire & 0x00000FFF));
 }
@@ -476,7 +476,7 @@ const message* find_message(std::uint8_t subtype) {
 
 // ---- What the receive path drops ----------------------------------------------------------------
 
-// A request is for cards; that managers do not take it is no fault of it.
+// A request is for cards; it is not wrong because managers ignore it.
 bool is_request(const frame_bytes& frame, const qnm_frame_verdict_t& verdict) {
     if (verdict.reason != QNM_FRAME_SUBTYPE) return false;
     const message* const found = find_message(frame.captured[message_at]);
@@ -512,7 +512,7 @@ void read_header(const reading_frame& at) {
     add_rows(at, rows);
 }
 
-// Whether it is one of ours at all, so that what is behind the header is a message.
+// Whether it is one of our frames, so that a message follows the header.
 bool has_message(const reading_frame& at) {
     return at.word(at.header.tpid) == qnm::k_vlan_tpid &&
            at.word(at.header.type) == at.rules.ether_type;
@@ -537,7 +537,7 @@ struct titled_reason {
     const char* title;
 };
 
-// Reasons to drop a Completion, which only who has seen the requests can tell.
+// Reasons to drop a Completion that depend on the requests sent before.
 constexpr titled_reason completion_titles[] = {
     {"tag", "No manager uses the tag"},
     {"mac", "Another card was asked"},

@@ -19,7 +19,7 @@
 
 namespace qnmctl {
 
-// Which events are told; what is empty lets all through.
+// Which events are printed. An empty list lets all through.
 struct event_filter {
     selection cards = {};
     std::vector<std::string> events = {};  // names
@@ -41,7 +41,7 @@ struct context {
     std::optional<digest> digested = {};  // of a text that is watched
     known_cards known = {};
     std::set<std::uint64_t> stopped = {};  // cards that are not monitored
-    bool quit = false;                     // asked for by a line
+    bool quit = false;                     // by a line "quit"
     std::uint64_t told_events = 0;         // since it listens
 
     // What the manager runs on.

@@ -1,4 +1,4 @@
-// Looks for the reasons of a failed start and puts them into words.
+// Finds out why a start failed and words the message.
 #include "manager/explain.h"
 
 #include <algorithm>
@@ -72,7 +72,7 @@ std::optional<std::string> configuration_text(const installation& where, const s
     return std::nullopt;
 }
 
-// That a step failed is no news beside the line that tells why.
+// Such a line only repeats that a step failed; another line says why.
 bool is_consequence(const std::string& line) {
     return line.starts_with("Failed to _qnm_");
 }

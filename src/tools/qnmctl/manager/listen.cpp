@@ -1,5 +1,5 @@
-// Everything is done by the main thread, which waits for events, lines of standard input and
-// signals at once, so that no two texts can mix.
+// The main thread does everything: it waits for events, lines of standard input and signals at the
+// same time, and only it prints, so texts cannot mix.
 #include "manager/listen.h"
 
 #include <poll.h>
@@ -31,8 +31,8 @@ namespace {
 
 using clock = std::chrono::steady_clock;
 
-// The card may fit as it is now or as it was told before, so that it is told how one leaves a
-// group.
+// The card may fit as it is now or as it was last printed, so that the event in which it leaves a
+// group is printed too.
 bool is_wanted(const event_filter& filter, const char* event, std::uint64_t id,
                const std::optional<card>& before, const std::optional<card>& record) {
     const auto& names = filter.events;
@@ -44,7 +44,7 @@ bool is_wanted(const event_filter& filter, const char* event, std::uint64_t id,
                        : std::find(ids.begin(), ids.end(), id) != ids.end();
 }
 
-// What changed is found out of every event, because the next one is compared with it.
+// Every event is compared, even one that is not printed, because the next is compared with it.
 void tell_event(context& with, const observed& seen) {
     const std::optional<card> before = told_before(with.known, seen.id);
     const told_change reported =
@@ -78,7 +78,7 @@ void answer_line(context& with, const std::string& line) {
     }
 }
 
-// Reads what there is and answers the lines that are whole; false at the end of standard input.
+// Reads what is there and answers the complete lines; false at the end of standard input.
 bool answer_input(context& with, input_lines& input) {
     char chunk[4096];
     const ssize_t length = read(STDIN_FILENO, chunk, sizeof chunk);

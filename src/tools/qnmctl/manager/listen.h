@@ -21,7 +21,8 @@ struct listening {
 
 void start(context& with);
 
-// Until time, number, signal, "quit" or the end of the reader. Throws error when the manager ends.
+// Returns when the time is over, enough events were printed, a signal or "quit" comes, or the
+// reader of the output has gone. Throws error when the manager ends.
 void listen(context& with, const listening& how);
 
 // Listens, tells the events and answers lines, as long as was asked for.
@@ -33,14 +34,14 @@ void tell_monitor(context& with, std::uint64_t id, bool restarted);
 // Throws error when the manager has ended by itself.
 void check_running(const context& with);
 
-// Whether a signal waits to be obeyed.
+// Whether a signal is pending.
 bool is_signalled(const context& with);
 
-// A text that a terminal may be too short for: through the pager, where there is one. Nothing in
-// other forms than text.
+// Prints a text that may be longer than the terminal, through the pager if there is one. Prints
+// nothing in other forms than text.
 void tell_in_pager(context& with, const std::string& text);
 
-// What went wrong with a part of what was asked; the rest goes on.
+// Reports a failure of one part of the command; the rest goes on.
 void tell_failure(context& with, const std::string& text,
                   std::optional<qnm_api_code_t> code = std::nullopt);
 

@@ -1,4 +1,4 @@
-// Judges facts, and puts what is wrong into words.
+// Checks for what keeps a manager from starting, and words the messages.
 #include "manager/obstacles.h"
 
 #include <net/if.h>

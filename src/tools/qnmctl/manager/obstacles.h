@@ -1,7 +1,7 @@
 // What keeps a manager from starting, and what helps.
 //
-// An obstacle is judged by facts, and told of a directory, a file or an interface that is named in
-// front of it: a failed start and doctor say the same.
+// The text of an obstacle follows the name of the directory, file or interface that it is about. A
+// failed start and doctor use the same texts.
 #pragma once
 
 #include <filesystem>

@@ -73,7 +73,7 @@ void session::run(const std::string& dir, qnm_log_level_t level) {
 
 void session::wake() const {
     const std::uint64_t number = 1;
-    // It can only fail when the counter is full, and then the reader is woken anyway.
+    // It fails only if the counter is full, and then the reader is woken anyway.
     [[maybe_unused]] const ssize_t written = write(wake_.fd, &number, sizeof number);
 }
 
@@ -132,7 +132,7 @@ qnm_api_code_t session::register_callbacks() {
 
 std::variant<std::unique_ptr<session>, qnm_api_code_t> start_session(const std::string& dir,
                                                                      qnm_log_level_t level) {
-    // Here already, because the calls that wait for the manager log as well.
+    // Logging starts first: the calls that wait for the manager also write to the log.
     const qnm_api_code_t logging = qnm_log_init(dir.c_str());
     if (logging != QNM_API_SUCCESS) return logging;
     std::unique_ptr<session> started(new session(dir, level));

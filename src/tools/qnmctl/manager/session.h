@@ -24,7 +24,7 @@
 
 namespace qnmctl {
 
-// A public call that did not succeed.
+// A public call that failed.
 struct failed_call : error {
     failed_call(const char* call, qnm_api_code_t result);
 };
@@ -35,7 +35,7 @@ class session {
     session(const session&) = delete;
     session& operator=(const session&) = delete;
 
-    // Readable when there is something to take, or the end.
+    // Readable when events can be taken or the manager has ended.
     int wake_fd() const { return wake_.fd; }
 
     struct batch {
@@ -44,7 +44,7 @@ class session {
     };
     batch take();
 
-    // The manager's result, when it has ended by itself.
+    // The manager's result, if it has ended by itself.
     std::optional<qnm_api_code_t> result() const;
 
   private:

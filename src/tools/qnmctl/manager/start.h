@@ -8,9 +8,9 @@
 
 namespace qnmctl {
 
-// On what is made for it; an operator's installation is copied into `copy` first. Throws error with
-// the reason and the remedy. Says on standard error when one of the ports could not be opened; the
-// manager runs on the other.
+// Starts it on a copy of the operator's installation (`copy`), or directly on a temporary one.
+// Throws error with the reason and the remedy. Says on standard error if one of the ports could not
+// be opened; the manager runs on the other.
 std::unique_ptr<session> start_manager(const installation& where, installation& copy,
                                        qnm_log_level_t level);
 

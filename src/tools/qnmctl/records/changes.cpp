@@ -1,4 +1,4 @@
-// The comparison of records, by the rows of their fields.
+// Compares records field by field.
 #include "records/changes.h"
 
 #include <iterator>
@@ -10,7 +10,7 @@ namespace qnmctl {
 
 namespace {
 
-// What an event is about, indexed by qnm_evt_type_t; nothing: every field.
+// The aspect that an event type is about, indexed by qnm_evt_type_t; nothing: every field.
 constexpr std::optional<aspect> abouts[] = {
     std::nullopt,         std::nullopt,       aspect::connection,
     aspect::error_vector, aspect::link_fault, aspect::path,

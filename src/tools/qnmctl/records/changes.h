@@ -1,8 +1,8 @@
 // What an event means: the differences between a card's record now and when it was last told.
 //
-// The library's events carry a card ID only, and one frame can raise several of them. So that each
-// line tells what it is about, every event type has its own last told record of a card: an update
-// is compared in all fields, a channel event in the paths, and so on.
+// The library's events carry only a card ID, and one frame can raise several of them. So that each
+// line says what it is about, every event type keeps its own last printed record of a card: an
+// update is compared in all fields, a channel event in the paths, and so on.
 #pragma once
 
 #include <array>
@@ -17,7 +17,7 @@
 
 namespace qnmctl {
 
-// The name of what watch tells of its own accord: that the operator has stopped or restarted the
+// The event name of a line that watch adds itself: the operator has stopped or restarted the
 // monitoring of a card.
 inline constexpr char monitor_event[] = "MONITOR";
 
@@ -55,7 +55,7 @@ std::optional<card> told_before(const known_cards& known, std::uint64_t id);
 // "VLAN ID 10 -> 11", "path P1M0 disconnected -> connected"; without why.
 std::string change_text(const change& difference);
 
-// All of them, each with its reason, which is said once for neighbours that have the same.
+// All changes, each with its reason; neighbours with the same reason share it.
 std::string changes_text(const std::vector<change>& all);
 
 // What an event says when nothing differs from what was told before, since a record is read after

@@ -1,4 +1,4 @@
-// Judges a card by its record.
+// Finds out from a card's record whether the card is lost or faulty.
 #include "records/condition.h"
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// How a card is: whether it can be reached, when it was heard, and what is wrong with it.
+// The condition of a card: whether it can be reached, when it was heard, and what is wrong with it.
 #pragma once
 
 #include <cstdint>
@@ -21,8 +21,8 @@ enum class condition { well, faulty, lost };
 
 condition condition_of(const card& record);
 
-// What the card announces of itself: "link 0 fault, power off, vector 0x12"; empty when all is
-// well.
+// The problems that the card announces: "link 0 fault, power off, vector 0x12"; empty if there are
+// none.
 std::string trouble_text(const card& record);
 
 }  // namespace qnmctl

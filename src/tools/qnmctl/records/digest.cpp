@@ -1,4 +1,4 @@
-// Holds back what belongs together until it is complete.
+// Holds events back until all that belong to one line have come.
 #include "records/digest.h"
 
 #include <algorithm>
@@ -15,7 +15,7 @@ std::string counted(std::uint64_t number, const char* what) {
     return grouped(number) + ' ' + what + (number == 1 ? "" : "s");
 }
 
-// The port whose link took every path that the event is about; nothing when it is another event.
+// The port whose link loss explains all lost paths of the event; nothing for other events.
 std::optional<int> lost_with_port(const told_change& reported) {
     const auto is_link_down = [](const reason& why) { return why.why == cause::link_down; };
     if (reported.changes.empty()) {
@@ -39,8 +39,8 @@ std::string grouped(std::uint64_t number) {
 digest::digest(digest_options how, clock::time_point start)
     : how_(std::move(how)), summary_at_(start + opening) {}
 
-// A card that is new, and what follows from its first announcements. What is wrong with a card is
-// told even then.
+// Whether the event is a new card, or follows from its first announcements. A faulty card is
+// printed even then.
 bool digest::is_opening(const observed& seen, const told_change& reported,
                         clock::time_point now) const {
     if (summarised_ || now >= summary_at_ || !seen.record) return false;

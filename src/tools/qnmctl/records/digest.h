@@ -1,8 +1,8 @@
-// Events for people who watch: what matters, without a line for every card.
+// Sums up the events of a watch, so that it has no line for every card.
 //
 // At the start every card is new, and when a port goes down all cards behind it are lost at once.
 // So the cards heard at the start become one summary, and those of a port that went down one line.
-// All else is told as it comes.
+// All other events are printed as they come.
 #pragma once
 
 #include <chrono>

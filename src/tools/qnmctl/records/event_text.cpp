@@ -1,4 +1,4 @@
-// What an event tells of a card, from the fields that it changed.
+// Makes the text of an event from the fields that it changed.
 #include "records/event_text.h"
 
 #include <iterator>
@@ -30,7 +30,7 @@ meaning meaning_of(const change& difference) {
     return meaning::plain;
 }
 
-// What stands behind a card when it is seen for the first time.
+// The end of the line of a card that is seen for the first time.
 std::string summary(const card& record) {
     const std::vector<field> fields = sections(record).front().fields;
     const auto text = [&](const char* name) { return value_text(*find_field(fields, name, "")); };

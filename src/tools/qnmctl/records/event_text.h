@@ -20,7 +20,7 @@ struct observed {
     std::optional<card> record;
 };
 
-// What an event means to whoever watches, by ascending weight.
+// The meaning of an event for the operator, by ascending weight.
 enum class meaning { plain, back, faulty, lost };
 
 meaning meaning_of(const observed& seen, const told_change& reported);

@@ -1,4 +1,4 @@
-// Causes by the times in a record.
+// Finds the cause of a change from the times in a card's record.
 #include "records/reason.h"
 
 #include <algorithm>

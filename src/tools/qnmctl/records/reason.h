@@ -1,7 +1,7 @@
 // Why something about a card has changed.
 //
-// The library's events tell a card only, so the cause is found from what its record says: a path is
-// lost for one of two causes, and the time since it was last heard tells them apart.
+// The library's events only name a card, so the cause is found from its record: a path is lost for
+// one of two causes, and the time since it was last heard distinguishes them.
 #pragma once
 
 #include <cstdint>
@@ -25,7 +25,7 @@ struct reason {
 std::string reason_text(const reason& found);  // "expired after 5003 ms"
 json reason_json(const reason& found);
 
-// What has to be known beside the records.
+// Facts needed beside the records.
 struct watch_facts {
     std::uint64_t expire_ms = 5000;  // as configured
 
@@ -40,7 +40,7 @@ struct watch_facts {
 // sets every path of the card anew.
 bool is_restarted(watch_facts& facts, const card& now);
 
-// Why this field of the card is not what it was.
+// Why this field of the card has changed.
 reason find_reason(watch_facts& facts, const card& now, const field& before, const field& after);
 
 }  // namespace qnmctl

@@ -1,4 +1,4 @@
-// Compares cards with what was asked for.
+// Compares cards with a selection.
 #include "records/selection.h"
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// Which cards are meant: those that are named, or those of a kind or a group.
+// Selects cards: by ID, or by kind and group.
 #pragma once
 
 #include <cstdint>
@@ -11,8 +11,8 @@ namespace qnmctl {
 
 enum class card_kind { server, device };
 
-// The cards that a command is for: those that are named, or of the known ones those that fit. Where
-// it is a filter, what is not given lets every card through.
+// The cards that a command is for: those with the given IDs, or the known ones of a kind or group.
+// As a filter, members that are not set let every card through.
 struct selection {
     std::vector<std::uint64_t> ids = {};  // empty: by what follows
     bool all = false;

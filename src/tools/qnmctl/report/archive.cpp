@@ -1,4 +1,4 @@
-// Masks, lists and packs the members.
+// Masks, lists and packs the members of a report.
 #include "report/archive.h"
 
 #include <archive.h>

@@ -47,7 +47,7 @@ std::string last_part(const std::string& text, std::size_t limit);
 // out, and is missing then.
 void mask_report(report_contents& contents);
 
-// What there is and what is missing, for programs and for people: two more members. To be called
+// Adds two members that list what there is and what is missing, for programs and for people. Called
 // when all others are there.
 void add_manifest(report_contents& to);
 

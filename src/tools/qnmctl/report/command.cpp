@@ -53,7 +53,7 @@ struct report_options {
 
 constexpr unsigned owner_only = 0600;
 
-// A file that is nowhere, for what is written to a descriptor.
+// A file without a name, for functions that write to a descriptor.
 class memory_file {
   public:
     memory_file() : file_(memfd_create("qnmctl", MFD_CLOEXEC)) {
@@ -73,8 +73,8 @@ class memory_file {
     tools::descriptor file_;
 };
 
-// Listens, with events told into a text. Why there is no manager, or none any more, is for the
-// parts to tell.
+// Listens and writes the events into a text. If there is no manager, or no longer one, the parts
+// say why.
 void hear(context& own, const report_options& options, report_sources& into) {
     try {
         start(own);
@@ -85,7 +85,8 @@ void hear(context& own, const report_options& options, report_sources& into) {
     }
 }
 
-// What passes both ports meanwhile. A port that does not take part is told of beside the others.
+// Captures both ports meanwhile. A port that cannot be captured is reported with the others'
+// frames.
 class short_capture {
   public:
     short_capture(const context& with, const report_options& options)

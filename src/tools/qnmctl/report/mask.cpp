@@ -15,7 +15,7 @@ namespace {
 
 // ---- Captures -----------------------------------------------------------------------------------
 
-// The parts of all blocks, as offsets in the file. Nothing when it is no capture, or a damaged one.
+// The parts of all blocks, as offsets in the file. Nothing if it is not a capture or is damaged.
 std::optional<std::vector<pcapng::block_parts>> read_blocks(std::string_view file) {
     std::vector<pcapng::block_parts> blocks;
     pcapng::byte_order order;
@@ -34,7 +34,8 @@ std::optional<std::vector<pcapng::block_parts>> read_blocks(std::string_view fil
     return blocks;
 }
 
-// The addresses that a frame is known to have: in its header, and where a card announces another.
+// The addresses that a frame is known to contain: in its header, and where a card announces
+// another.
 std::vector<std::uint64_t> addresses_in(std::string_view frame) {
     std::vector<std::uint64_t> found;
     const auto add = [&](std::size_t at) {
@@ -86,7 +87,7 @@ void known_addresses::learn_from_capture(std::string_view file) {
 
 // ---- The mask -----------------------------------------------------------------------------------
 
-// The pseudonyms are addresses that look made up, none of which is a known one.
+// Pseudonyms are addresses that look invented; none of them is a known address.
 id_mask::id_mask(known_addresses known) : known_(std::move(known)) {
     constexpr std::uint64_t first = 0xFAFAFA000002;
     std::uint64_t next = first;

@@ -1,8 +1,8 @@
-// Card IDs, and MAC addresses with them, under other names: each has one pseudonym throughout, so
-// that what belongs together is still seen, and nobody learns which cards they are.
+// Replaces card IDs and MAC addresses by pseudonyms. Each has the same pseudonym throughout, so the
+// reader sees what belongs together but not which cards they are.
 //
-// An address is known when a record, a frame's header, an announcement in a frame, or a text in an
-// unmistakable spelling has shown it. What is known is replaced in every spelling.
+// An address is known if it was in a record, a frame's header, an announcement in a frame, or a
+// text in an unmistakable spelling. Known addresses are replaced in every spelling.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// What is taken into a report, and from where.
+// Collects the parts of a report.
 //
 // A new part is a function here and a row in the table.
 #include "report/parts.h"
@@ -47,7 +47,7 @@ void add_versions(const report_sources&, const char* part, report_contents& to) 
 
 // ---- Files --------------------------------------------------------------------------------------
 
-// The last part of a file, as a member; what was cut off is told.
+// The last part of a file as a member, with a note of what was cut off.
 void add_end(const std::string& name, const file_end& end, const std::string& member,
              const char* part, report_contents& to) {
     to.members.push_back({member, end.text, part});
@@ -91,9 +91,9 @@ bool is_in_own_folder(const std::string& file) {
     return stat(fs::absolute(file).parent_path().c_str(), &folder) == 0 && is_own(folder);
 }
 
-// Whoever can change the properties file could name any file there, and have it read by somebody
-// who may read more. So his own are taken then, and no others. A further name of a file elsewhere,
-// which a hard link is, can be put into the folder by whoever can change that.
+// A user who can change the properties file could name any file there, and have it read by a user
+// who may read more. So only logs of the file's owner are taken. A user who can change the folder
+// could also put a hard link to another file there.
 std::optional<std::string> reason_to_leave_out(const std::string& name, const struct stat& log,
                                                const std::string& properties,
                                                const struct stat& author) {
@@ -111,8 +111,8 @@ struct named_logs {
     struct stat author;
 };
 
-// One that cannot be read does not keep the others out. What was rotated last tells more when the
-// log itself has just begun.
+// A log that cannot be read does not keep the others out. The one that was rotated last is taken
+// too, because the log itself may have just begun.
 void add_log(const std::string& file, const named_logs& by, const char* part, report_contents& to) {
     for (const std::string& name : {file, file + ".1"}) {
         const bool is_rotated = name != file;
@@ -147,7 +147,7 @@ void add_logs(const report_sources& from, const char* part, report_contents& to)
     }
 }
 
-// Of an operator's installation: what the manager of this report has logged, beside his own logs.
+// For an operator's installation: the log of this report's manager, beside the installation's logs.
 void add_own_log(const report_sources& from, const char* part, report_contents& to) {
     if (from.where.temporary) return;
     const std::string log = running(from).log;
@@ -176,7 +176,7 @@ void add_ports(const report_sources& from, const char* part, report_contents& to
 
 // ---- From the manager ---------------------------------------------------------------------------
 
-// The addresses that a record has beside the card's own.
+// The addresses in a record other than the card's own.
 void learn_addresses(const card& record, known_addresses& known) {
     known.learn(common(record).ecd_id);
     for (const section& within : all_sections(record)) {
@@ -239,7 +239,7 @@ std::span<const report_part> report_parts() {
     return rows;
 }
 
-// One byte more is read, so that a line which starts just there is seen to do so.
+// One more byte is read, to see whether a line starts exactly at the limit.
 file_end read_file_end(const std::string& name, std::size_t limit) {
     const tools::opened_file file = open_by_own_links(name, tools::links::refused);
     if (file.state != tools::file_state::readable) throw error(tools::refusal_text(file));

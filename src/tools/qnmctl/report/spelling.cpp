@@ -1,4 +1,4 @@
-// Finds addresses by their digits, and what stands between and around them.
+// Finds addresses by their digits and by the characters between and around them.
 #include "report/spelling.h"
 
 #include <algorithm>
@@ -13,7 +13,7 @@ namespace {
 constexpr std::size_t digits_of_address = 2 * address_bytes;
 constexpr std::uint64_t last_address = 0xFFFFFFFFFFFF;
 
-// Shorter numbers are taken for what they look like: sizes, flags, counters.
+// Shorter numbers are taken as sizes, flags or counters.
 constexpr std::uint64_t least_number = 0x1000000;
 
 bool is_hex_digit(char c) {
@@ -32,7 +32,7 @@ std::optional<std::uint64_t> number(std::string_view digits, int base) {
     return value;
 }
 
-// As it stands there, or with its last byte first; nothing when neither is an address to be found.
+// The address as written, or with its bytes reversed; nothing if neither is a wanted address.
 std::optional<spelling> spelling_of(std::uint64_t value, std::size_t length, bool unmistakable,
                                     const is_known& known) {
     if (known(value)) return spelling{length, value};

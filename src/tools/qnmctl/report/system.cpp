@@ -1,4 +1,4 @@
-// Asks the loader, the kernel and the interfaces.
+// Collects versions and ports from the loader, the kernel and the interfaces.
 #include "report/system.h"
 
 #include <archive.h>

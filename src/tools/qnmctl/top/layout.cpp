@@ -1,5 +1,5 @@
-// Head, cards or detail or help, and a last line for keys or the filter that is typed. Only the
-// cards on the screen are put into words.
+// Lays out the head, then cards, detail or help, and a last line for keys or the filter being
+// typed. Only the cards on the screen are formatted.
 #include "top/layout.h"
 
 #include <algorithm>
@@ -40,7 +40,7 @@ std::string left(const std::string& text, std::size_t width) {
     return text + std::string(width - std::min(width, text.size()), ' ');
 }
 
-// In the largest unit of which it has at least a hundred.
+// In the largest unit that leaves at least a hundred.
 std::string silence_text(const std::optional<std::uint64_t>& milliseconds) {
     if (!milliseconds) return "never";
     constexpr struct {
@@ -54,7 +54,7 @@ std::string silence_text(const std::optional<std::uint64_t>& milliseconds) {
     return std::to_string(*milliseconds / unit->milliseconds) + ' ' + unit->name;
 }
 
-// What a terminal would take for several characters is a question mark.
+// A byte that a terminal could take for something else becomes a question mark.
 std::string fitted(const std::string& line, std::size_t width) {
     std::string text = tools::visible_line(line);
     text.resize(std::min(text.size(), width));
@@ -175,7 +175,8 @@ struct card_column {
     std::string (*cell)(const top_card&, wall_time now);
 };
 
-// As wide as anything that can stand in them, so that no column moves with the cards on the screen.
+// Columns are as wide as their longest possible text, so they do not move with the cards on the
+// screen.
 constexpr card_column columns[] = {
     {{.heading = "ID", .width = 14}, id_cell},
     {{.heading = "KIND"}, kind_cell},
@@ -228,7 +229,7 @@ lines card_page(top_model& model, top_size size) {
 
 // ---- One card, and help -------------------------------------------------------------------------
 
-// What the record does not have.
+// Lines of the detail that do not come from the record.
 std::string activity_text(const top_card& shown, wall_time now) {
     const auto silent = silence(*shown.record, now);
     std::string text = "  last heard " + silence_text(silent) + (silent ? " ago" : "") + "; " +

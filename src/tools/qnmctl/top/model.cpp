@@ -54,7 +54,7 @@ void sort_shown(top_model& model) {
 
 // ---- Selection and screen -----------------------------------------------------------------------
 
-// A card that is no longer shown leaves the selection to the one that has taken its place.
+// If the selected card is no longer shown, the card in its place is selected.
 void find_selected(top_model& model) {
     const auto found = std::find(model.shown.begin(), model.shown.end(), model.selected);
     if (model.shown.empty()) {
@@ -138,7 +138,7 @@ void go_end(top_model& model) {
     move(model, every_line(model));
 }
 
-// The detail is that of one card, wherever that goes.
+// The detail stays with its card, wherever the card moves.
 void open_detail(top_model& model) {
     if (model.page == top_page::detail) {
         model.page = top_page::cards;
@@ -211,7 +211,7 @@ void quit(top_model& model) {
     model.quit = true;
 }
 
-// Keys that belong together are told in the first one's row.
+// Keys that belong together are explained in the row of the first one.
 constexpr top_key_row rows[] = {
     {"Up/Down, k/j", "Move", {key_up, 'k'}, go_up},
     {nullptr, nullptr, {key_down, 'j'}, go_down},
@@ -231,7 +231,7 @@ constexpr top_key_row rows[] = {
     {"q, Ctrl-C", "End", {'q'}, quit},
 };
 
-// The cards follow every key, and the filter that was there comes back by Esc.
+// The cards follow every key; Esc restores the earlier filter.
 void type(top_model& model, int key) {
     constexpr std::size_t longest = 256;
     std::string& text = *model.typed;
@@ -278,7 +278,7 @@ void look_at_cards(top_model& model, const std::vector<card>& cards, wall_time n
         known.record.reset();
     for (const card& one : cards) {
         top_card& known = model.cards[common(one).ecd_id];
-        // One that has changed its kind is there twice; what changed last is the card's.
+        // A card that has changed its kind has two records; the one that changed last counts.
         const bool older =
             known.record && common(*known.record).ecd_updatetime > common(one).ecd_updatetime;
         if (!older) known.record = one;

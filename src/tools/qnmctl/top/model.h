@@ -1,8 +1,8 @@
 // What the full-screen view is about: the cards in their order, what is filtered out, which card is
 // selected, and rates. Neither manager nor terminal is needed here.
 //
-// Everything comes in from outside: looks at cards and ports, events, keys, the size of the screen.
-// What is shown follows from it; top_layout.h makes lines of it.
+// All input comes from outside: cards, ports, events, keys, the size of the screen. The model
+// decides what is shown, and layout.h makes lines of it.
 #pragma once
 
 #include <cstdint>

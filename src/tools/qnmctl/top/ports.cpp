@@ -1,4 +1,4 @@
-// Picks from what the kernel says of interfaces.
+// Takes links and counts from what the kernel says of interfaces.
 #include "top/ports.h"
 
 #include "system/interfaces.h"

@@ -1,7 +1,7 @@
 // Links and frame counts of interfaces, for the manager's ports.
 //
-// The library counts only its own messages, and tells them by a status dump into a log. The kernel
-// counts all frames of an interface, the cards' and others, and can be asked at any time.
+// The library counts only its own messages, and writes them into a log by a status dump. The kernel
+// counts all frames of an interface, of cards and others, and can be asked at any time.
 #pragma once
 
 #include <cstdint>

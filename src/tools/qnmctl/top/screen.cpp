@@ -1,7 +1,7 @@
-// Everything that knows ncurses.
+// All use of ncurses.
 //
-// Signals are none of its business: SIGWINCH, Ctrl-Z and what ends the program are blocked and
-// arrive as input, so that no handler of ncurses runs.
+// It handles no signals: SIGWINCH, Ctrl-Z and those that end the program are blocked and arrive as
+// input, so no handler of ncurses runs.
 #include "top/screen.h"
 
 #define NCURSES_NOMACROS
@@ -72,12 +72,13 @@ int key_of(int theirs) {
     return theirs >= ' ' && theirs <= '~' ? theirs : 0;
 }
 
-// No screen is larger. For each character ncurses keeps a cell in several buffers (some 85 MB at
-// this size), and beyond 32,767 it counts wrong without a look, so that a terminal which tells more
-// would take all memory or end the view. Of a larger one the upper left part is used.
+// The largest screen that is used. ncurses keeps a cell for each character in several buffers (some
+// 85 MB at this size), and beyond 32,767 its counts overflow, so a terminal that claims more would
+// take all memory or end the view. Of a larger screen the upper left part is used.
 constexpr unsigned short largest_side = 1000;
 
-// As ncurses reads it, which knows "+80", " 80", octal and hexadecimal, too; 0 for nothing to it.
+// Parses a size as ncurses does, which also accepts "+80", " 80", octal and hexadecimal; 0 if
+// ncurses would ignore it.
 int side_of_environment(const char* name) {
     const char* const text = std::getenv(name);
     if (text == nullptr) return 0;
@@ -87,7 +88,7 @@ int side_of_environment(const char* name) {
     return static_cast<int>(value);
 }
 
-// Of two sizes, what the environment has goes before what the terminal tells.
+// A size in the environment takes precedence over that of the terminal.
 void limit_side(const char* name, unsigned short heard) {
     const int chosen = side_of_environment(name);
     if ((chosen > 0 ? chosen : heard) > largest_side)

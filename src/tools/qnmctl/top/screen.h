@@ -11,15 +11,15 @@ struct screen;  // of ncurses
 
 namespace qnmctl {
 
-// Why standard input and output are no screen; nothing when they are one.
+// Why standard input and output cannot be used as a screen; nothing if they can.
 std::optional<std::string> screen_problem();
 
 // Keeps the screen that is made next from a size that no terminal has. To be called before any
 // thread is started, since ncurses takes it from the environment.
 void limit_screen();
 
-// The terminal is given back as it was when this ends, unless a shell has taken it. There is one at
-// a time, used by one thread.
+// Restores the terminal at its end, unless a shell has taken it. Only one exists at a time, used by
+// one thread.
 class top_screen {
   public:
     explicit top_screen(bool coloured);

@@ -1,4 +1,4 @@
-// A thread that waits for the signal, and then for the end of the view.
+// Runs a thread that waits for the signal, and then for the end of the view.
 #include "top/stuck.h"
 
 #include <fcntl.h>
@@ -31,7 +31,7 @@ tools::descriptor make_event() {
     return result;
 }
 
-// Whether the event comes within the time.
+// Waits for the event; returns whether it came in time.
 bool comes(int event_fd, int milliseconds) {
     pollfd waited{event_fd, POLLIN, 0};
     return poll(&waited, 1, milliseconds) > 0;

@@ -1,7 +1,7 @@
-// A terminal that takes nothing, as by Ctrl-S, while the full-screen view writes to it.
+// Ends the full-screen view even if the terminal accepts no output, for instance after Ctrl-S.
 //
-// ncurses writes by itself, to a descriptor that blocks, and begins anew after each signal. So one
-// that is to end the view would wait for the terminal, too.
+// ncurses writes to a blocking descriptor and retries after each signal. So a signal that is to end
+// the view would also wait for the terminal.
 #pragma once
 
 #include <pthread.h>

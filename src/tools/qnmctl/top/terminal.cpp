@@ -1,4 +1,4 @@
-// Apart from the screen, because <term.h> makes macros of words such as lines and key_up.
+// In a file of its own, because <term.h> defines macros such as lines and key_up.
 #include "top/terminal.h"
 
 #include <curses.h>

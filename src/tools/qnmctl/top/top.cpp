@@ -1,5 +1,5 @@
-// The loop behind the full-screen view: looks at cards and ports from time to time, counts events,
-// and obeys keys, all on the main thread.
+// The loop of the full-screen view: reads cards and ports at intervals, counts events and handles
+// keys, all on the main thread.
 #include "top/top.h"
 
 #include <poll.h>
@@ -53,9 +53,9 @@ using double_seconds = std::chrono::duration<double>;
 
 extern "C" void never_called(int) {}
 
-// SIGWINCH, SIGTSTP and SIGCONT, and what would end the command with the terminal as it is. As
-// input, like the signals that end every command; blocked before a thread is started, so that no
-// other one takes them.
+// Takes SIGWINCH, SIGTSTP, SIGCONT and the signals that would end the command and leave the
+// terminal changed. They arrive as input, and are blocked before any thread is started, so that no
+// other thread takes them.
 //
 // SIGTSTP has a handler before ncurses looks, which then leaves it alone. Otherwise ncurses takes
 // one of its own, which would draw in the middle of whatever ncurses is at, and ignores SIGTSTP
