@@ -83,7 +83,7 @@ class QNM_SCOPED_CAPABILITY locked_card {
     int lock_and_reach(const char* func, uint32_t flags) QNM_UNCHECKED;
 
     const uint64_t id_;
-    qnm_com_dev_t dev_;
+    qnm_com_dev_t dev_ = {};
     bool locked_ = false;
     const int err_;
 };

@@ -164,22 +164,27 @@ void check_once(pace& loop, uint32_t restart_checks) {
     qnm_log_trace("%s: DEVINFO interval check end", loop.func);
 }
 
-// Skips paths that were heard after the walk began: they are connected again.
+// Disconnects the card's paths by a port; returns whether there were any. Skips paths that were
+// heard after the walk began: they are connected again.
+bool disconnect_paths(qnm_com_dev_t& dev, const uint64_t (&heard)[2][2], int port, uint64_t began) {
+    bool changed = false;
+    for (int path = 0; path < 2; path++) {
+        uint32_t& state = dev.ecd_state[port][path];
+        if (state == 0 || heard[port][path] > began) continue;
+        state = 0;
+        changed = true;
+    }
+    return changed;
+}
+
 bool disconnect_some(const char* func, double_walk& at, int port, uint64_t began)
     QNM_REQUIRES(qnm_qn.eei_mutex) {
     const uint64_t now = _qnm_get_msec_timenow();
     return treat_some(at, [=]<typename Kind>(Kind, typename Kind::node& node) {
         if (node.*Kind::ignore_state == QNM_IGNORE) return false;
-        qnm_com_dev_t& dev = com_dev_of<Kind>(node);
-        bool changed = false;
-        for (int path = 0; path < 2; path++) {
-            uint32_t& state = dev.ecd_state[port][path];
-            if (state == 0 || (node.*Kind::heard)[port][path] > began) continue;
-            state = 0;
-            changed = true;
-        }
-        if (changed) report_disconnect<Kind>(func, dev, now);
-        return changed;
+        if (!disconnect_paths(com_dev_of<Kind>(node), node.*Kind::heard, port, began)) return false;
+        report_disconnect<Kind>(func, com_dev_of<Kind>(node), now);
+        return true;
     });
 }
 
