@@ -6,8 +6,8 @@
 #   usage: analyse.sh [--deep]     with as many states of a function as clang's analyser looks at of
 #                                  itself, which takes half as long again
 #
-# What is looked for, and what is not and why, stands in .clang-tidy and .cppcheck. The tests are left
-# to the compilers: the macros of GoogleTest take clang-tidy long, and cppcheck cannot read them.
+# .clang-tidy and .cppcheck say which checks are made, which are not, and why. Tests are not analysed:
+# clang-tidy is slow on the macros of GoogleTest, and cppcheck cannot parse them.
 set -euo pipefail
 # shellcheck source=scripts/common.sh
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
@@ -20,7 +20,7 @@ list_sources() {
   find src/libs/qnm/src/main src/tools -name '*.cpp' -not -path '*/tests/*' | sort
 }
 
-# Its count of warnings in other people's headers is noise; a finding is told with all of it.
+# The log is shown only with a finding: it mostly counts warnings in other people's headers.
 run_clang_tidy() {
   local log=$build/clang-tidy.log
   local limit=(--extra-arg=-Xclang --extra-arg=-analyzer-config --extra-arg=-Xclang

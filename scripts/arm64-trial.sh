@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # The part of scripts/try-arm64.sh that runs inside the Debian it makes: builds for arm64, runs what was
-# built, and ends with a table. It changes that Debian, so it is for no other.
+# built, and ends with a table. It changes that Debian, so do not run it in any other.
 #
 #   usage: arm64-trial.sh      as root
 set -euo pipefail
@@ -40,14 +40,14 @@ readonly mask='\xff\xff\xff\xff\xff\xff\xff\x00\xff\xff\xff\xff\xff\xff\xff\xff\
 table=()
 failed=0
 
-# Once more this script, in a user namespace that has all users, as some tests become another one.
+# Runs this script again in a user namespace with all users, because some tests become another user.
 enter_namespace() {
   echo root:0:65536 | tee /etc/subuid >/etc/subgid
   exec unshare --user --map-users=0,0,65536 --map-groups=0,0,65536 --setuid 0 --setgid 0 --mount --net \
     "$0" --inside
 }
 
-# From here on the kernel has qemu run such programs, for this namespace.
+# From here on the kernel runs such programs by qemu, in this namespace.
 register_qemu() {
   mount -t binfmt_misc binfmt_misc /proc/sys/fs/binfmt_misc
   printf '%s' ":aarch64:M::$magic:$mask:$qemu:F" >/proc/sys/fs/binfmt_misc/register
@@ -108,7 +108,7 @@ build_all() {
   done
 }
 
-# What a packager does who cannot run the programs.
+# What a packager does on a machine that cannot run the programs.
 build_without_qemu() {
   local file
   cmake -G Ninja -S "$root" -B "$builds/bare" -DCMAKE_TOOLCHAIN_FILE="$toolchain" \
@@ -164,7 +164,7 @@ expect_no_port() {
     head -n 1 "$builds/port.log")"
 }
 
-# That qemu opens no port is what most of the tests are left out for.
+# Most tests are left out because qemu cannot open a port.
 open_ports() {
   local bin=$builds/plain/bin
   ip link add eth1 type veth peer name card1
@@ -226,7 +226,7 @@ count_left_out() {
   done
 }
 
-# A read of a number from an odd address is seen on this machine, too.
+# A read of a number from an odd address is noticed on this machine, too.
 see_careless_read() {
   cat >"$builds/careless.cpp" <<'END'
 #include <cstdint>

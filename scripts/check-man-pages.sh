@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# The manual pages have nothing to complain of for mandoc, nor for man itself, and each has a
-# heading that only a page that is complete has.
+# Checks that mandoc and man have no complaints about the manual pages, and that each page has a
+# heading that only a complete page has.
 #
 #   usage: check-man-pages.sh HEADING PAGE|FOLDER...
 set -euo pipefail

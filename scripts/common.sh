@@ -1,13 +1,13 @@
-# What the scripts share; to be sourced. Not a program of its own.
+# Functions that the scripts share. Source it; it is not a program.
 # shellcheck shell=bash
 
 # The top of the source tree.
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 readonly root
 
-# The system's own tools come first: the libraries are the system's as well, and a compiler or a
-# pkg-config that was installed beside them would look for them elsewhere. /usr/sbin is added
-# because an ordinary user's PATH lacks it.
+# The system's own tools come first: the libraries are the system's as well, and another compiler or
+# pkg-config would look for them elsewhere. /usr/sbin is added because an ordinary user's PATH lacks
+# it.
 export PATH="/usr/bin:/usr/sbin:/bin:/sbin:$PATH"
 
 # Ends the script: says why on standard error.
@@ -19,9 +19,9 @@ die() {
 # Words put before every program that runs what was built, for example setarch with an option.
 launcher=()
 
-# ThreadSanitizer and AddressSanitizer reserve fixed address ranges, into which a kernel with much
-# address randomisation puts other things ("unexpected memory mapping"). Programs built with them do
-# without it where that is permitted.
+# ThreadSanitizer and AddressSanitizer need fixed address ranges, which a kernel with strong address
+# randomisation may use for other things ("unexpected memory mapping"). Programs built with them run
+# without randomisation if that is permitted.
 keep_addresses() {
   if setarch --addr-no-randomize true 2>/dev/null; then
     launcher=(setarch --addr-no-randomize)
@@ -53,8 +53,8 @@ build_preset() {
   )
 }
 
-# copy_sources FOLDER: what a fresh clone would have, with what is changed but not yet committed. Root
-# may take what belongs to somebody else.
+# copy_sources FOLDER: copies what a fresh clone would have, with changes that are not yet committed.
+# The tree may belong to another user than root.
 copy_sources() {
   local git=(git -c "safe.directory=$root" -C "$root")
   mkdir -p "$1"

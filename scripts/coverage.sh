@@ -14,7 +14,7 @@ readonly build=$root/build/coverage
 readonly lines_least=98
 readonly branches_least=90
 
-# What an earlier run has counted would count again.
+# Otherwise the counts of an earlier run would be added.
 forget_earlier_runs() {
   find "$build" -name '*.gcda' -delete
 }

@@ -8,10 +8,10 @@
 # The releases that it runs on.
 readonly releases=(bookworm trixie)
 
-# The folder for everything that is made. It goes with the script.
+# The folder for everything that is made. It is removed at the end of the script.
 work=
 
-# The process that is waited for.
+# The process that the script waits for.
 busy=
 
 skip() {
@@ -19,7 +19,7 @@ skip() {
   exit 77
 }
 
-# Removes what was made, and never through a mount that a kill left in it.
+# Removes what was made, but never follows a mount that a killed run left there.
 clear_work() {
   if [[ -n $busy ]]; then
     kill -KILL "$busy" 2>/dev/null || true
@@ -57,8 +57,8 @@ list_sources() {
     'Identifier: Packages' 'Origin: Debian' | sed "s/ $(own_release)/ $1/" | sort -u
 }
 
-# Runs a command, awake to signals: when this script ends, by whatever, the command and all that it
-# has started end before.
+# Runs a command and still reacts to signals: however this script ends, the command and everything it
+# has started end first.
 await() {
   local status=0
   setpriv --pdeathsig KILL "$@" &
@@ -79,7 +79,7 @@ make_debian() {
     --variant=apt --quiet --include="mount,$packages" --aptopt='Acquire::Languages "none"' \
     --dpkgopt=force-unsafe-io "${@:4}" "$release" "$folder" "$work/sources" ||
     die "no Debian could be made; the lines above tell why."
-  # What apt is to install later comes by this machine's network.
+  # apt uses this machine's network later.
   cp --remove-destination /etc/resolv.conf "$folder/etc/resolv.conf"
 }
 

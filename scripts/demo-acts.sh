@@ -195,7 +195,7 @@ show_topology() {
     'a card without a server card' "QNIO $io_tagchange  1/10G, VLAN ID 40\$"
 }
 
-# On a machine that has much else to do, an answer can come later than an access waits for it.
+# On a busy machine an answer may come later than an access waits for it.
 access_registers() {
   act 'Registers' \
     'The operator reads a register of sv-10g; writes one and has it read back until it holds; and' \

@@ -25,7 +25,7 @@ readonly findings=$build/findings logs=$build/logs
 
 # Inputs beyond this size add time and no new path.
 readonly longest_input=2048
-# A hang: an input takes milliseconds, with the sanitizers on a machine that is short of time seconds.
+# The limit for a hang. An input takes milliseconds, or seconds with sanitizers on a busy machine.
 readonly seconds_per_input=60
 
 # Quarantine as large as by default would need more memory than the targets themselves.
@@ -44,7 +44,8 @@ check_targets() {
   done
 }
 
-# Becomes one target; what it says goes to its log. New inputs are kept beside those in the tree.
+# Runs one target in place of this shell, with its output in its log. New inputs are stored apart from
+# those in the tree.
 fuzz_target() {
   local target=$1 seconds=$2
   local -a dictionary=()
@@ -65,7 +66,7 @@ put_findings_aside() {
   fi
 }
 
-# All targets, as many at the same time as there is room for.
+# Runs all targets, FUZZ_JOBS at the same time.
 fuzz_all() {
   local seconds=$1 target running=0
   shift
@@ -87,7 +88,7 @@ figure() {
   { grep -aoE "$word +[0-9]+" "$log" || true; } | tail -1 | grep -oE '[0-9]+$' || echo 0
 }
 
-# A target whose log has no end was ended by something else than a finding: that is one, too.
+# A target whose log is incomplete was ended by something other than a finding: that counts as one.
 findings_of() {
   local target=$1 log=$logs/$1.log
   find "$findings" -name "$target-*" | grep . || grep -aq '^Done ' "$log" || echo "$log"
@@ -104,7 +105,7 @@ print_table() {
   done
 }
 
-# Tells each finding with its reason; false when there is one.
+# Prints each finding with its reason; false if there is one.
 tell_findings() {
   local target file found=0
   for target in "$@"; do

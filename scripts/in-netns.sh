@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Runs a command in a network namespace of its own, with nothing in it but the loopback device.
-# Root unshares the network alone; anybody else gets a user namespace around it, in which he may
-# make interfaces and open raw sockets. The namespace and all in it vanish with the last process.
+# Root unshares only the network; other users get a user namespace around it, in which they may make
+# interfaces and open raw sockets. The namespace and everything in it vanish with the last process.
 #
 #   usage: in-netns.sh COMMAND [ARGUMENT...]
 #
@@ -13,7 +13,7 @@ set -euo pipefail
 
 readonly plain='--net'
 readonly with_user='--user --map-root-user --net'
-# Runs inside. Where a user namespace is granted without rights in it, this is what fails.
+# Runs inside. If the system grants a user namespace without rights in it, this fails.
 # shellcheck disable=SC2016
 readonly enter='ip link set lo up && exec "$@"'
 

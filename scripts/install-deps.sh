@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that some purposes need, and no others. Where nothing is missing it
+# Installs the Debian packages that the chosen groups need, and no others. If nothing is missing, it
 # changes nothing and needs no privilege.
 #
 #   usage: install-deps.sh [GROUP...]             without any: build, demo and test
@@ -21,8 +21,8 @@ set -euo pipefail
 # shellcheck source=scripts/common.sh
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
-# A row: groups; their packages; behind the colon the commands that have to be in PATH then. "a|b" is
-# met by either package, and the first is the one that gets installed.
+# A row: groups; their packages; after the colon the commands that must then be in PATH. "a|b" is met
+# by either package; the first one is installed.
 readonly table=(
   'build              g++ cmake ninja-build pkg-config|pkgconf : g++ cmake ninja'
   'build              libpcap-dev liblog4cxx-dev :'                   # the library
@@ -122,7 +122,7 @@ install_packages() {
   fi
 }
 
-# The packages alone do not say what a PATH or an older installation under /usr/local makes of them.
+# The packages may be there and a PATH or an older installation under /usr/local still hide them.
 check_commands() {
   local command version
   for command in "${commands[@]}"; do

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Opens a shell in a private network namespace with simulated cards: two cables, the cards of a scenario
-# at the far ends, and qnmctl in PATH at the near ends, with the ports set. No card, no network of yours
-# and no root is needed. All of it ends with the shell.
+# at the far ends, and qnmctl in PATH at the near ends, with the ports set. It needs no card and no root,
+# and leaves your network alone. All of it ends with the shell.
 #
 #   usage: lab.sh [-s SCENARIO] [BUILD] [-- COMMAND [ARGUMENT...]]
 #
@@ -77,7 +77,7 @@ clear_lab() {
   clear_stage
 }
 
-# The commands of the greeting, one a line, for whoever wants to run them all.
+# Prints the commands of the greeting, one a line; a test runs them all.
 list_offers() {
   local at
   for ((at = 0; at < ${#offers[@]}; at += 2)); do

@@ -11,8 +11,7 @@ set -euo pipefail
 
 readonly packages=$root/build/packages
 
-# What cpack says is of interest only when it fails; it complains of scripts that are meant to be
-# missing.
+# The output of cpack is shown only if it fails; it complains about scripts that are missing on purpose.
 make_packages() {
   local said
   rm -rf "$packages"

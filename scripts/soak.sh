@@ -26,7 +26,7 @@ main() {
   [[ $minutes =~ ^[1-9][0-9]{0,4}$ ]] || die "usage: soak.sh [MINUTES]"
   "$root/scripts/install-deps.sh" build test
   build_preset release qnm-soak
-  # What malloc() keeps for a thread's next call would count as in use.
+  # Otherwise memory that malloc() keeps for a thread would count as in use.
   export GLIBC_TUNABLES=glibc.malloc.tcache_count=0
   exec "$root/scripts/in-netns.sh" "$root/build/release/bin/qnm-soak" $((minutes * 60)) \
     ${QNM_SOAK_SEED:+--seed="$QNM_SOAK_SEED"}

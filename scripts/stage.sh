@@ -100,7 +100,7 @@ make_pipes() {
 
 set_stage() {
   work=$(mktemp -d "${TMPDIR:-/tmp}/qnm-demo.XXXXXX")
-  # So that nothing is left even of a program that had to be killed.
+  # Leaves nothing behind, even of a program that had to be killed.
   export TMPDIR=$work XDG_STATE_HOME=$work/state
   trap clear_stage EXIT
   trap 'exit 130' INT

@@ -44,7 +44,7 @@ readonly of_python='Python3_EXECUTABLE'
 jobs=${CMAKE_BUILD_PARALLEL_LEVEL:-$(nproc)}
 readonly jobs
 
-# Words put before the commands that build.
+# Words to put before build commands.
 before=()
 
 # configure SOURCE BUILD [OPTION...]
@@ -73,7 +73,7 @@ run_tests() {
   ctest --test-dir "$1" --parallel "$(tests_at_a_time default)" --no-tests=error --output-on-failure
 }
 
-# expect_none PATTERN BUILD: nothing of what the pattern tells was looked for.
+# expect_none PATTERN BUILD: CMake looked for nothing that matches the pattern.
 expect_none() {
   ! grep -E "$1" "$2/CMakeCache.txt" || fail "the lines above should not be in CMakeCache.txt"
 }
@@ -93,7 +93,7 @@ fail() {
 
 # ---- The rows, each in the folder of its own ---------------------------------------------------------
 
-# Its warnings are errors only after its own choice has been seen.
+# Warnings become errors only after the default has been checked.
 try_default() {
   unset CMAKE_GENERATOR CMAKE_BUILD_TYPE
   cmake -S "$root" -B build
@@ -126,7 +126,7 @@ configure_library() {
     -DQNM_BUILD_DOCS=OFF "$@"
 }
 
-# Its run time is in the program, and the library is linked without.
+# The sanitizer's run time is in the program; the library is linked without it.
 try_sanitizer() {
   configure_library -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
     -DCMAKE_CXX_FLAGS=-fsanitize=address
@@ -224,7 +224,7 @@ try_blanks() {
   install_into "$PWD/installed here" "$place/the build"
 }
 
-# Root can write everywhere but where nobody can.
+# Root can write everywhere except on a read-only mount.
 try_read_only() {
   copy_sources source
   if [[ $(id -u) -eq 0 ]]; then
