@@ -19,6 +19,7 @@
 #include "common/descriptor.h"
 #include "common/descriptor_writer.h"
 #include "common/end_signals.h"
+#include "common/visible.h"
 
 namespace qnmctl {
 
@@ -105,7 +106,7 @@ bool show_in_pager(const std::string& text, int signals) {
     if (command.empty() || pipe2(ends, O_CLOEXEC) != 0) return false;
     const pid_t pid = start_pager(command, ends[0]);
     close(ends[0]);
-    if (pid > 0) tools::descriptor_writer(ends[1], signals).write(text);
+    if (pid > 0) tools::descriptor_writer(ends[1], signals).write(tools::visible(text));
     close(ends[1]);
     return pid > 0 && was_started(wait_for_pager(pid, signals));
 }

@@ -109,6 +109,9 @@ def check_pager(site):
     status, text = site.list(PAGER="sed s/^/paged:/")
     require(status == 0, text)
     require(len(re.findall("^paged:", text, re.M)) == 44, "not all lines were paged: " + text)
+    require("\033[1mKIND" in text, "the pager gets no colours: " + text)
+    without_colours = re.sub("\033\\[[0-9;]*m", "", text)
+    require("\033" not in without_colours, "the pager gets more than colours: " + repr(text))
     for pager in "cat", "", "/nowhere/pager":
         status, text = site.list(PAGER=pager)
         require(status == 0 and len(card_lines(text)) == 42, f"{pager!r}: {text}")
