@@ -4,6 +4,9 @@
 #include <pcap/pcap.h>
 #include <nlohmann/json.hpp>
 
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <random>
 #include <set>
 
@@ -11,6 +14,7 @@
 #include "frames/card_choice.h"
 #include "ports.h"
 #include "qnm_frame.h"
+#include "qnm_frame_check.h"
 
 namespace qnmctl {
 namespace {
@@ -121,10 +125,31 @@ std::vector<frame_t> doubtful_frames() {
 TEST_F(FramesBesideTheLibrary, AreDroppedForTheSameReasons) {
     for (const frame_t& frame : doubtful_frames())
         expect_the_same(frame);
-    const std::set<std::string> all = {"too_short", "priority", "ether_type", "tpid",
-                                       "subtype",   "size",     "ver",        "host"};
+    std::set<std::string> all;
+    for (const qnm_frame_reason_row_t& row : qnm::frame_reasons())
+        all.insert(row.name);
     EXPECT_EQ(all, seen);
     EXPECT_GT(taken, 20);
+}
+
+std::string source_text(const char* name) {
+    std::ifstream file(std::filesystem::path(QNM_SOURCES) / name);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// The dissector and the documents are written independently; a new reason must not be forgotten.
+TEST(ReasonsOfTheLibrary, AreToldByTheSchemaTheDissectorAndTheDocuments) {
+    const json schema = json::parse(source_text("src/tools/qnmctl/schema/qnmctl.schema.json"));
+    const std::string dissector = source_text("src/tools/wireshark/quillnet.lua");
+    for (const qnm_frame_reason_row_t& row : qnm::frame_reasons()) {
+        const std::string name = row.name;
+        const std::string in_documents = "`expert." + name + "`";
+        EXPECT_THAT(schema["$defs"]["drop_reason"]["enum"], testing::Contains(name));
+        EXPECT_THAT(dissector,
+                    testing::HasSubstr("define_note(\"" + name + "\", \"" + row.title + "\""));
+        EXPECT_THAT(source_text("docs/protocol.md"), testing::HasSubstr(in_documents));
+        EXPECT_THAT(source_text("docs/wireshark.md"), testing::HasSubstr(in_documents));
+    }
 }
 
 // One of each kind, no byte behind the header like its neighbours.
