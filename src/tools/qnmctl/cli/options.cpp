@@ -84,9 +84,11 @@ refusal wrong_globals(const settings& global) {
 }
 
 void take_default_ports(settings& global) {
-    const char* const ports = std::getenv("QNMCTL_PORTS");
+    static constexpr char variable[] = "QNMCTL_PORTS";
+    const char* const ports = std::getenv(variable);
     if (ports == nullptr || !global.ports.empty() || !global.dir.empty()) return;
     global.ports = split(ports, ",");
+    global.ports_from = variable;
 }
 
 void add_card(command& to, std::uint64_t& id) {

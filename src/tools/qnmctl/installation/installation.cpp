@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <net/if.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -13,6 +12,7 @@
 #include <set>
 #include <system_error>
 
+#include "common/descriptor.h"
 #include "common/regular_file.h"
 #include "common/standard_files.h"
 #include "common/visible.h"
@@ -39,14 +39,14 @@ std::string key_of(const std::string& setting) {
 }
 
 std::optional<std::string> wrong_ports(const settings& chosen) {
-    if (chosen.ports.size() > port_limit) return "--ports: at most two interfaces";
+    const std::string from = chosen.ports_from + std::string(": ");
+    if (chosen.ports.size() > port_limit) return from + "at most two interfaces";
     for (const std::string& name : chosen.ports) {
         if (name.size() >= IFNAMSIZ) {
-            return "--ports: \"" + name +
-                   "\" is too long; interface names have up to 15 characters";
+            return from + "\"" + name + "\" is too long; interface names have up to 15 characters";
         }
         if (name.find_first_of(" \t\r\n/") != std::string::npos) {
-            return "--ports: \"" + name + "\" is no interface name";
+            return from + "\"" + name + "\" is no interface name";
         }
     }
     return std::nullopt;
@@ -111,10 +111,10 @@ void check_writable(const fs::path& log) {
     std::error_code ignored;
     if (fs::is_fifo(log, ignored))
         throw error("cannot write the log " + log.string() + ": it is a FIFO");
-    const int fd =
-        open(log.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666);
-    if (fd < 0) throw error("cannot write the log " + log.string() + ": " + std::strerror(errno));
-    close(fd);
+    const tools::descriptor file(
+        open(log.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666));
+    if (file.fd < 0)
+        throw error("cannot write the log " + log.string() + ": " + std::strerror(errno));
 }
 
 void make_private(installation& result) {

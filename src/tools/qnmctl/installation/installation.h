@@ -25,6 +25,7 @@ inline constexpr char properties_name[] = "conf/qnm_log4c.properties";
 struct settings {
     std::string dir = {};                 // empty: the library's default
     std::vector<std::string> ports = {};  // not empty: a temporary directory with these ports
+    const char* ports_from = "--ports";   // who named them, for messages
     std::vector<std::string> keys = {};   // "KEY=VALUE", further lines of qnm.conf
     std::string log =
         {};  // file for the library's log; empty: only what explains a failure is kept
