@@ -26,6 +26,8 @@
 #include <variant>
 #include <vector>
 
+#include "common/descriptor.h"
+
 namespace cardsim {
 
 struct error : std::runtime_error {
@@ -266,20 +268,17 @@ struct send_report {
 class link {
   public:
     explicit link(const std::string& interface_name);
-    ~link();
-    link(const link&) = delete;
-    link& operator=(const link&) = delete;
 
     send_report send(frame_view frame);
     // Never blocks; nothing when no frame waits. For one thread at a time.
     std::optional<frame_bytes> receive();
-    int fd() const { return fd_; }  // readable when a frame waits
+    int fd() const { return fd_.fd; }  // readable when a frame waits
 
   private:
     bool running() const;
 
     std::string name_;
-    int fd_;
+    tools::descriptor fd_;
     frame_bytes buffer_;  // the largest frame fits
 };
 

@@ -49,11 +49,11 @@ std::string program_path() {
     throw error(what + ": " + std::strerror(code));
 }
 
-int open_socket() {
+tools::descriptor open_socket() {
     // Protocol 0 receives nothing until the socket is bound, so no frame of another interface
     // slips in between.
-    const int fd = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0);
-    if (fd >= 0) return fd;
+    tools::descriptor result(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0));
+    if (result.fd >= 0) return result;
     const int code = errno;
     if (code != EPERM && code != EACCES) fail("cannot open a raw socket", code);
     throw error(
@@ -119,37 +119,27 @@ send_status status_of(int code) {
 
 }  // namespace
 
-link::link(const std::string& interface_name)
-    : name_(interface_name), fd_(-1), buffer_(largest_frame) {
+link::link(const std::string& interface_name) : name_(interface_name), buffer_(largest_frame) {
     const unsigned index = if_nametoindex(interface_name.c_str());
     if (index == 0) {
         throw error("no interface \"" + interface_name + "\"; there are: " + interface_names());
     }
     fd_ = open_socket();
-    try {
-        bind_socket(fd_, index, interface_name);
-    } catch (...) {
-        close(fd_);
-        throw;
-    }
-}
-
-link::~link() {
-    close(fd_);
+    bind_socket(fd_.fd, index, interface_name);
 }
 
 // Without carrier the kernel takes frames and throws them away, without an error.
 bool link::running() const {
     ifreq query{};
     name_.copy(query.ifr_name, sizeof query.ifr_name - 1);
-    if (ioctl(fd_, SIOCGIFFLAGS, &query) != 0) return true;  // gone: send() reports that
+    if (ioctl(fd_.fd, SIOCGIFFLAGS, &query) != 0) return true;  // gone: send() reports that
     return (query.ifr_flags & IFF_RUNNING) != 0;
 }
 
 send_report link::send(frame_view frame) {
     send_report report;
     while (running()) {
-        if (::send(fd_, frame.data(), frame.size(), MSG_DONTWAIT) >= 0) {
+        if (::send(fd_.fd, frame.data(), frame.size(), MSG_DONTWAIT) >= 0) {
             report.status = send_status::sent;
             return report;
         }
@@ -175,7 +165,7 @@ std::optional<frame_bytes> link::receive() {
     header.msg_controllen = sizeof control;
     // An error here is a link that went down or away: it is taken off the socket by this call, and
     // frames come again when the link is back.
-    const ssize_t length = recvmsg(fd_, &header, MSG_DONTWAIT);
+    const ssize_t length = recvmsg(fd_.fd, &header, MSG_DONTWAIT);
     if (length < 0) return std::nullopt;
     frame_bytes frame;
     frame.reserve(static_cast<std::size_t>(length) + tag_size);

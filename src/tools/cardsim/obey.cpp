@@ -148,7 +148,7 @@ void simulator::deliver(std::size_t port, frame_view frame) {
         impl_->port_at(port);
     }
     impl_->take_frame(port, frame);
-    impl_->wake();  // an answer may have become due at another time
+    impl_->woken.set();  // an answer may have become due at another time
 }
 
 }  // namespace cardsim

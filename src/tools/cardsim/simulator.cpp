@@ -7,7 +7,6 @@
 // descriptor says that the heap or the stop flag has changed.
 #include <poll.h>
 #include <pthread.h>
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -28,24 +27,11 @@ using std::chrono::milliseconds;
 // Frames taken from one port before the announcements get their turn again.
 constexpr int receive_batch = 64;
 
-int make_wake_descriptor() {
-    const int fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (fd < 0) throw error(std::string("cannot make an eventfd: ") + std::strerror(errno));
-    return fd;
-}
-
 }  // namespace
 
 simulator::impl::impl(std::vector<port> given_ports, std::uint16_t type,
                       request_observer given_observer)
-    : ports(std::move(given_ports)),
-      ether_type(type),
-      observer(std::move(given_observer)),
-      wake_fd(make_wake_descriptor()) {}
-
-simulator::impl::~impl() {
-    close(wake_fd);
-}
+    : ports(std::move(given_ports)), ether_type(type), observer(std::move(given_observer)) {}
 
 std::uint64_t simulator::impl::find_id(const card_ref& ref) const {
     if (ref.text.starts_with("0x")) {
@@ -77,7 +63,7 @@ void simulator::impl::replace(slot& changed, card next) {
     if (reseed) seed_faults(changed.faults, changed.held);
     if (!rearm || !running) return;
     arm(changed, steady::now() + milliseconds(changed.held.interval_ms));
-    wake();
+    woken.set();
 }
 
 void simulator::impl::count_failure(const send_report& report) {
@@ -181,7 +167,7 @@ void simulator::impl::receive_from(std::size_t index) {
 }
 
 void simulator::impl::loop() {
-    std::vector<pollfd> waited{{.fd = wake_fd, .events = POLLIN, .revents = 0}};
+    std::vector<pollfd> waited{{.fd = woken.fd(), .events = POLLIN, .revents = 0}};
     for (const port& p : ports)
         waited.push_back({.fd = p.fd, .events = POLLIN, .revents = 0});
     while (!stopping) {
@@ -197,21 +183,13 @@ void simulator::impl::loop() {
                 .tv_nsec = static_cast<long>(std::chrono::nanoseconds(left - seconds).count())};
         }
         if (ppoll(waited.data(), waited.size(), due ? &limit : nullptr, nullptr) <= 0) continue;
-        // The count itself says nothing; what it announces is looked at in the next round.
-        std::uint64_t wakes = 0;
-        if (waited[0].revents != 0 && read(wake_fd, &wakes, sizeof wakes) < 0) continue;
+        if (waited[0].revents != 0) woken.clear();  // why it was set is seen in the next round
         for (std::size_t p = 0; p < ports.size(); ++p) {
             if (waited[p + 1].revents != 0) receive_from(p);
         }
     }
     const std::scoped_lock lock(mutex);
     running = false;
-}
-
-void simulator::impl::wake() const {
-    const std::uint64_t one = 1;
-    // Full is as good as written, and nothing else can fail on an eventfd.
-    [[maybe_unused]] const ssize_t ignored = write(wake_fd, &one, sizeof one);
 }
 
 card_ref::card_ref(std::uint64_t id) : text(id_text(id)) {}
@@ -243,7 +221,7 @@ void simulator::add(card added) {
     impl_->by_mac.emplace(id, &made);
     if (!impl_->running) return;
     impl_->arm(made, steady::now() + milliseconds(made.held.phase_ms));
-    impl_->wake();
+    impl_->woken.set();
 }
 
 void simulator::remove(const card_ref& ref) {
@@ -348,7 +326,7 @@ void simulator::start() {
 
 void simulator::stop() {
     impl_->stopping = true;
-    impl_->wake();
+    impl_->woken.set();
 }
 
 void simulator::wait() {

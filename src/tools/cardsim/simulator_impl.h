@@ -12,6 +12,7 @@
 #include <unordered_map>
 
 #include "cardsim.h"
+#include "common/wake_event.h"
 #include "device.h"
 #include "faults.h"
 
@@ -49,14 +50,13 @@ using earliest_first = std::priority_queue<Entry, std::vector<Entry>, std::great
 
 struct simulator::impl {
     impl(std::vector<port> given_ports, std::uint16_t type, request_observer given_observer);
-    ~impl();
     impl(const impl&) = delete;
     impl& operator=(const impl&) = delete;
 
     const std::vector<port> ports;
     const std::uint16_t ether_type;
     const request_observer observer;
-    const int wake_fd;
+    const tools::wake_event woken;
     std::atomic<bool> stopping = false;
     std::thread thread;
 
@@ -101,8 +101,6 @@ struct simulator::impl {
     void take_frame(std::size_t port, frame_view frame);
     void receive_from(std::size_t index);
     void loop();
-
-    void wake() const;
 };
 
 // A card's life behind its registers: its file is loaded at the start, saved at the end.

@@ -83,18 +83,17 @@ new_file::new_file(const std::string& name, const rules& by)
     if (exists && access(target_.c_str(), W_OK) != 0) {
         throw error("cannot write " + name + ": " + strerror(errno));
     }
-    fd_ = mkostemp(temporary_.data(), O_CLOEXEC);
-    if (fd_ < 0) {
+    file_ = tools::descriptor(mkostemp(temporary_.data(), O_CLOEXEC));
+    if (file_.fd < 0) {
         temporary_.clear();
         throw error("cannot write " + name + ": " + strerror(errno));
     }
     // Failure only means that fewer users can read it.
     [[maybe_unused]] const int ignored =
-        fchmod(fd_, by.mode.value_or(exists ? old.st_mode & everybody : mode_of_new_files()));
+        fchmod(file_.fd, by.mode.value_or(exists ? old.st_mode & everybody : mode_of_new_files()));
 }
 
 new_file::~new_file() {
-    if (fd_ >= 0) close(fd_);
     if (!temporary_.empty()) unlink(temporary_.c_str());
 }
 
@@ -118,11 +117,11 @@ void new_file::put_in_place() const {
 
 void new_file::commit(const std::string& contents) {
     for (std::size_t done = 0; done < contents.size();) {
-        const ssize_t taken = write(fd_, contents.data() + done, contents.size() - done);
+        const ssize_t taken = write(file_.fd, contents.data() + done, contents.size() - done);
         if (taken < 0 && errno != EINTR) fail(errno);
         if (taken > 0) done += static_cast<std::size_t>(taken);
     }
-    if (fsync(fd_) != 0) fail(errno);
+    if (fsync(file_.fd) != 0) fail(errno);
     put_in_place();
     temporary_.clear();
 }

@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "common/descriptor.h"
+
 namespace qnmctl {
 
 using word_list = std::vector<std::uint32_t>;
@@ -49,7 +51,7 @@ class new_file {
     std::filesystem::path target_;
     std::string temporary_;
     bool replaces_;
-    int fd_ = -1;
+    tools::descriptor file_;
 };
 
 struct difference {

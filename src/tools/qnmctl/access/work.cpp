@@ -2,7 +2,6 @@
 #include "access/work.h"
 
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,6 +12,7 @@
 
 #include "common/end_signals.h"
 #include "common/standard_files.h"
+#include "common/wake_event.h"
 #include "output/progress.h"
 #include "output/text.h"
 
@@ -26,10 +26,7 @@ constexpr int tick_milliseconds = 100;
 // The threads; joined at the end of its scope.
 class crew {
   public:
-    explicit crew(const work& wanted) : wanted_(wanted), done_fd_(eventfd(0, EFD_CLOEXEC)) {
-        if (done_fd_ < 0) {
-            throw error(std::string("cannot make an event descriptor: ") + strerror(errno));
-        }
+    explicit crew(const work& wanted) : wanted_(wanted) {
         left_ = std::min(wanted.jobs, thread_limit);
         for (std::size_t thread = left_; thread > 0; --thread)
             threads_.emplace_back([this] { take_jobs(); });
@@ -37,12 +34,11 @@ class crew {
     ~crew() {
         state.ending = true;
         threads_.clear();
-        close(done_fd_);
     }
     crew(const crew&) = delete;
     crew& operator=(const crew&) = delete;
 
-    int done_fd() const { return done_fd_; }
+    int done_fd() const { return done_.fd(); }
 
     work_state state;
 
@@ -50,14 +46,11 @@ class crew {
     void take_jobs() {
         for (std::size_t job = 0; !state.ending && (job = next_++) < wanted_.jobs;)
             wanted_.run(job, state);
-        if (--left_ != 0) return;
-        const std::uint64_t number = 1;
-        // It fails only if the counter is full, and then the waiting thread is woken anyway.
-        [[maybe_unused]] const ssize_t written = write(done_fd_, &number, sizeof number);
+        if (--left_ == 0) done_.set();
     }
 
     const work& wanted_;
-    int done_fd_;
+    tools::wake_event done_;
     std::atomic<std::size_t> next_ = 0;
     std::atomic<std::size_t> left_ = 0;
     std::vector<std::jthread> threads_;

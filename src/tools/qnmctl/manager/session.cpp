@@ -2,7 +2,6 @@
 #include "manager/session.h"
 
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -18,13 +17,6 @@ namespace {
 constexpr int still_running = -1;
 constexpr int retry_milliseconds = 10;
 constexpr std::size_t queue_limit = 65536;  // tens of thousands of cards in one burst
-
-tools::descriptor make_event() {
-    tools::descriptor result(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (result.fd < 0)
-        throw error(std::string("cannot make an event descriptor: ") + strerror(errno));
-    return result;
-}
 
 // The two kinds differ in their calls only.
 template <class Record>
@@ -56,8 +48,7 @@ failed_call::failed_call(const char* call, qnm_api_code_t result)
     : error(std::string(call) + " failed: " + code_name(result) + '\n' + code_remedy(result),
             result) {}
 
-session::session(const std::string& dir, qnm_log_level_t level)
-    : wake_(make_event()), result_(still_running) {
+session::session(const std::string& dir, qnm_log_level_t level) : result_(still_running) {
     thread_ = std::thread([this, dir, level] { run(dir, level); });
 }
 
@@ -68,13 +59,7 @@ session::~session() {
 
 void session::run(const std::string& dir, qnm_log_level_t level) {
     result_ = qnm_init_manager(dir.c_str(), level);
-    wake();
-}
-
-void session::wake() const {
-    const std::uint64_t number = 1;
-    // It fails only if the counter is full, and then the reader is woken anyway.
-    [[maybe_unused]] const ssize_t written = write(wake_.fd, &number, sizeof number);
+    wake_.set();
 }
 
 void session::receive(std::uint64_t id, qnm_evt_type_t type, void* to) {
@@ -90,13 +75,11 @@ void session::queue(const observed& seen) {
             ++waiting_.lost;
         }
     }
-    wake();
+    wake_.set();
 }
 
 session::batch session::take() {
-    std::uint64_t wakes = 0;
-    // Emptied first: what is queued from here on wakes again.
-    [[maybe_unused]] const ssize_t length = read(wake_.fd, &wakes, sizeof wakes);
+    wake_.clear();  // first, so that what is queued from here on wakes again
     const std::lock_guard guard(mutex_);
     return std::exchange(waiting_, {});
 }
@@ -111,7 +94,7 @@ std::optional<qnm_api_code_t> session::result() const {
 // that of a start that failed.
 qnm_api_code_t session::wait_usable() {
     while (!result()) {
-        pollfd waited{wake_.fd, POLLIN, 0};
+        pollfd waited{wake_.fd(), POLLIN, 0};
         poll(&waited, 1, retry_milliseconds);
         qnm_cbid_t handle = nullptr;
         const qnm_api_code_t code =

@@ -17,7 +17,7 @@
 #include <variant>
 #include <vector>
 
-#include "common/descriptor.h"
+#include "common/wake_event.h"
 #include "qnm.h"
 #include "records/event_text.h"
 #include "records/fields.h"
@@ -36,7 +36,7 @@ class session {
     session& operator=(const session&) = delete;
 
     // Readable when events can be taken or the manager has ended.
-    int wake_fd() const { return wake_.fd; }
+    int wake_fd() const { return wake_.fd(); }
 
     struct batch {
         std::vector<observed> events;
@@ -57,9 +57,8 @@ class session {
     qnm_api_code_t wait_usable();
     qnm_api_code_t register_callbacks();
     void queue(const observed& seen);
-    void wake() const;
 
-    tools::descriptor wake_;
+    tools::wake_event wake_;
     std::mutex mutex_;  // guards waiting_
     batch waiting_;
     std::atomic<int> result_;

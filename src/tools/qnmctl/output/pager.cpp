@@ -104,10 +104,12 @@ bool show_in_pager(const std::string& text, int signals) {
     const std::string command = wanted_pager();
     int ends[2];
     if (command.empty() || pipe2(ends, O_CLOEXEC) != 0) return false;
-    const pid_t pid = start_pager(command, ends[0]);
-    close(ends[0]);
-    if (pid > 0) tools::descriptor_writer(ends[1], signals).write(tools::visible(text));
-    close(ends[1]);
+    tools::descriptor read_end(ends[0]);
+    tools::descriptor write_end(ends[1]);
+    const pid_t pid = start_pager(command, read_end.fd);
+    read_end = {};  // so that a pager that ends early is noticed
+    if (pid > 0) tools::descriptor_writer(write_end.fd, signals).write(tools::visible(text));
+    write_end = {};  // the pager waits for the end of its input
     return pid > 0 && was_started(wait_for_pager(pid, signals));
 }
 

@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -24,16 +23,9 @@ constexpr int pause_milliseconds = 100;
 
 extern "C" void do_nothing(int) {}
 
-tools::descriptor make_event() {
-    tools::descriptor result(eventfd(0, EFD_CLOEXEC));
-    if (result.fd < 0)
-        throw error(std::string("cannot make an event descriptor: ") + strerror(errno));
-    return result;
-}
-
 // Waits for the event; returns whether it came in time.
-bool comes(int event_fd, int milliseconds) {
-    pollfd waited{event_fd, POLLIN, 0};
+bool comes(const tools::wake_event& event, int milliseconds) {
+    pollfd waited{event.fd(), POLLIN, 0};
     return poll(&waited, 1, milliseconds) > 0;
 }
 
@@ -46,7 +38,6 @@ bool is_in_background() {
 
 stuck_terminal::stuck_terminal(int signals)
     : signals_(signals),
-      done_(make_event()),
       writer_(pthread_self()),
       is_terminal_(tcgetattr(STDIN_FILENO, &before_) == 0) {
     struct sigaction action {};
@@ -56,23 +47,21 @@ stuck_terminal::stuck_terminal(int signals)
 }
 
 stuck_terminal::~stuck_terminal() {
-    const std::uint64_t number = 1;
-    // It can only fail when the counter is full.
-    [[maybe_unused]] const ssize_t written = write(done_.fd, &number, sizeof number);
+    done_.set();
     thread_.join();
     if (is_terminal_ && !is_in_background()) tcsetattr(STDIN_FILENO, TCSANOW, &before_);
 }
 
 void stuck_terminal::watch() const {
-    if (tools::wait_until_ready(done_.fd, POLLIN, signals_)) return;
-    if (comes(done_.fd, patience_milliseconds)) return;
+    if (tools::wait_until_ready(done_.fd(), POLLIN, signals_)) return;
+    if (comes(done_, patience_milliseconds)) return;
     const tools::descriptor nowhere(open("/dev/null", O_RDWR | O_CLOEXEC));
     if (nowhere.fd < 0) return;
     dup2(nowhere.fd, STDOUT_FILENO);
     // What is written already began with the terminal, so it has to begin anew.
     do
         pthread_kill(writer_, interrupting);
-    while (!comes(done_.fd, pause_milliseconds));
+    while (!comes(done_, pause_milliseconds));
 }
 
 }  // namespace qnmctl

@@ -9,7 +9,7 @@
 
 #include <thread>
 
-#include "common/descriptor.h"
+#include "common/wake_event.h"
 
 namespace qnmctl {
 
@@ -30,7 +30,7 @@ class stuck_terminal {
     void watch() const;
 
     int signals_;
-    tools::descriptor done_;
+    tools::wake_event done_;
     pthread_t writer_;
     termios before_ = {};  // in front of what fills it
     bool is_terminal_;
