@@ -9,7 +9,7 @@ namespace tools {
 
 struct descriptor {
     descriptor() = default;
-    explicit descriptor(int of) : fd(of) {}
+    explicit descriptor(int number) : fd(number) {}
     ~descriptor() {
         if (fd >= 0) close(fd);
     }

@@ -7,27 +7,27 @@ namespace man_language {
 
 // Plain text. Lines must not be broken at a hyphen that the user types, nor begin like a request.
 inline std::string escaped(const std::string& text) {
-    std::string made;
+    std::string result;
     for (const char c : text) {
-        const bool starts_line = made.empty() || made.back() == '\n';
-        if (starts_line && (c == '.' || c == '\'')) made += "\\&";
+        const bool starts_line = result.empty() || result.back() == '\n';
+        if (starts_line && (c == '.' || c == '\'')) result += "\\&";
         if (c == '\\') {
-            made += "\\e";
+            result += "\\e";
         } else if (c == '-') {
-            made += "\\-";
+            result += "\\-";
         } else {
-            made += c;
+            result += c;
         }
     }
-    return made;
+    return result;
 }
 
 // An argument of a request, in quotes because of its blanks.
 inline std::string argument(const std::string& text) {
-    std::string made;
+    std::string result;
     for (const char c : escaped(text))
-        made += c == '"' ? std::string("\\(dq") : std::string(1, c);
-    return '"' + made + '"';
+        result += c == '"' ? std::string("\\(dq") : std::string(1, c);
+    return '"' + result + '"';
 }
 
 inline std::string heading(const char* title) {

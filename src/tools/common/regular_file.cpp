@@ -24,11 +24,12 @@ void fail(opened_file& into, int code) {
 }
 
 // Returns 0, or the errno value that ended it early.
-int append_part(const opened_file& of, std::uint64_t start, std::size_t limit, std::string& to) {
+int append_part(const opened_file& opened, std::uint64_t start, std::size_t limit,
+                std::string& to) {
     char chunk[16384];
     std::size_t taken = 0;
     while (taken < limit) {
-        const ssize_t length = pread(of.file.fd, chunk, std::min(sizeof chunk, limit - taken),
+        const ssize_t length = pread(opened.file.fd, chunk, std::min(sizeof chunk, limit - taken),
                                      static_cast<off_t>(start + taken));
         if (length < 0 && errno == EINTR) continue;
         if (length < 0) return errno;
@@ -76,28 +77,30 @@ opened_file open_regular_at(int folder, const std::string& there, const std::str
     return open_from(folder, there, name, links::refused);
 }
 
-std::string refusal_text(const opened_file& of) {
-    switch (of.state) {
+std::string refusal_text(const opened_file& opened) {
+    switch (opened.state) {
         case file_state::missing:
-            return "there is no file " + of.name;
+            return "there is no file " + opened.name;
         case file_state::link:
-            return of.name +
-                   (of.problem.empty() ? " is a symbolic link, which is not followed" : of.problem);
+            return opened.name + (opened.problem.empty()
+                                      ? " is a symbolic link, which is not followed"
+                                      : opened.problem);
         case file_state::no_file:
-            return of.name + " is " + strange_kind(of.about.st_mode) + ", not a regular file";
+            return opened.name + " is " + strange_kind(opened.about.st_mode) +
+                   ", not a regular file";
         default:
-            return "cannot read " + of.name + ": " + of.problem;
+            return "cannot read " + opened.name + ": " + opened.problem;
     }
 }
 
-std::string read_part(const opened_file& of, std::uint64_t start, std::size_t limit) {
+std::string read_part(const opened_file& opened, std::uint64_t start, std::size_t limit) {
     std::string text;
-    append_part(of, start, limit, text);
+    append_part(opened, start, limit, text);
     return text;
 }
 
-std::string read_from(const opened_file& of, std::uint64_t start) {
-    return read_part(of, start, SIZE_MAX);
+std::string read_from(const opened_file& opened, std::uint64_t start) {
+    return read_part(opened, start, SIZE_MAX);
 }
 
 file_contents read_regular_file(const std::string& name, std::size_t limit) {

@@ -37,11 +37,11 @@ opened_file open_regular(const std::string& name, links how);
 opened_file open_regular_at(int folder, const std::string& there, const std::string& name);
 
 // Why it cannot be read, in one sentence.
-std::string refusal_text(const opened_file& of);
+std::string refusal_text(const opened_file& opened);
 
 // Up to `limit` bytes from `start` on; the file may grow meanwhile.
-std::string read_part(const opened_file& of, std::uint64_t start, std::size_t limit);
-std::string read_from(const opened_file& of, std::uint64_t start);
+std::string read_part(const opened_file& opened, std::uint64_t start, std::size_t limit);
+std::string read_from(const opened_file& opened, std::uint64_t start);
 
 // ---- Whole files: configurations, scenarios, images ---------------------------------------------
 

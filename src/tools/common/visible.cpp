@@ -64,12 +64,12 @@ std::size_t own_length(std::string_view text, std::size_t at) {
 }
 
 std::string made_visible(std::string_view text, std::string_view kept) {
-    std::string made;
-    made.reserve(text.size());
+    std::string result;
+    result.reserve(text.size());
     for (std::size_t at = 0; at < text.size();) {
         if (const std::size_t length = own_length(text, at)) {
-            made += escape;
-            made += text.substr(at + 1 + secret.size(), length - 1 - secret.size());
+            result += escape;
+            result += text.substr(at + 1 + secret.size(), length - 1 - secret.size());
             at += length;
             continue;
         }
@@ -78,13 +78,13 @@ std::string made_visible(std::string_view text, std::string_view kept) {
         const std::string_view bytes = text.substr(at, length == 0 ? 1 : length);
         const bool stays = kept.find(text[at]) != std::string_view::npos;
         if (length != 0 && (stays || !is_control(code))) {
-            made += bytes;
+            result += bytes;
         } else {
-            add_visible(made, bytes);
+            add_visible(result, bytes);
         }
         at += bytes.size();
     }
-    return made;
+    return result;
 }
 
 }  // namespace

@@ -159,17 +159,17 @@ json dump_json(const dump& source, std::optional<qnm_api_code_t> code) {
 
 std::string difference_text(const std::vector<difference>& all) {
     std::string text;
-    for (const difference& one : all) {
-        text += hex_text(one.addr, addr_digits) + ": " + hex_text(one.before, word_digits) +
-                " -> " + hex_text(one.after, word_digits) + '\n';
+    for (const difference& change : all) {
+        text += hex_text(change.addr, addr_digits) + ": " + hex_text(change.before, word_digits) +
+                " -> " + hex_text(change.after, word_digits) + '\n';
     }
     return text;
 }
 
 json difference_json(const std::vector<difference>& all) {
     json array = json::array();
-    for (const difference& one : all)
-        array.push_back({{"addr", one.addr}, {"old", one.before}, {"new", one.after}});
+    for (const difference& change : all)
+        array.push_back({{"addr", change.addr}, {"old", change.before}, {"new", change.after}});
     return array;
 }
 

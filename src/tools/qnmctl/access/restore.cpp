@@ -40,10 +40,10 @@ restore_result write_words(context& with, const restore_options& options,
     const retry_param retry(with, options.access);
     restore_result result;
     const auto write = [&](std::size_t, work_state& state) {
-        for (const difference& one : changes) {
+        for (const difference& change : changes) {
             if (state.ending) return;
-            result.code = qnm_write_eeprom(options.access.id(), one.addr, one.after, retry.get(),
-                                           options.access.flags | QNM_FLAG_VERIFY);
+            result.code = qnm_write_eeprom(options.access.id(), change.addr, change.after,
+                                           retry.get(), options.access.flags | QNM_FLAG_VERIFY);
             if (result.code != QNM_API_SUCCESS) return;
             state.steps = ++result.written;
         }

@@ -80,8 +80,9 @@ std::vector<topology_link> reported_links(const card& server, const std::vector<
 
 topology_server& server_of(topology& in, std::uint64_t mac) {
     const auto found =
-        std::find_if(in.servers.begin(), in.servers.end(), [&](const topology_server& one) {
-            return one.server.record ? is_mac_of(*one.server.record, mac) : one.server.id == mac;
+        std::find_if(in.servers.begin(), in.servers.end(), [&](const topology_server& server) {
+            return server.server.record ? is_mac_of(*server.server.record, mac)
+                                        : server.server.id == mac;
         });
     if (found != in.servers.end()) return *found;
     return in.servers.emplace_back(topology_server{.server = {.id = mac}});
@@ -161,13 +162,13 @@ json card_head_json(const topology_card& node) {
 
 topology make_topology(const std::vector<card>& cards) {
     topology result;
-    for (const card& one : cards) {
-        if (!std::holds_alternative<qnm_qnsv_t>(one)) continue;
-        result.servers.push_back({.server = {.id = common(one).ecd_id, .record = one},
-                                  .links = reported_links(one, cards)});
+    for (const card& known : cards) {
+        if (!std::holds_alternative<qnm_qnsv_t>(known)) continue;
+        result.servers.push_back({.server = {.id = common(known).ecd_id, .record = known},
+                                  .links = reported_links(known, cards)});
     }
-    for (const card& one : cards) {
-        if (std::holds_alternative<qnm_qnio_t>(one)) add_device(result, one);
+    for (const card& known : cards) {
+        if (std::holds_alternative<qnm_qnio_t>(known)) add_device(result, known);
     }
     return result;
 }
@@ -175,15 +176,15 @@ topology make_topology(const std::vector<card>& cards) {
 std::string topology_text(const topology& picture, const look& how) {
     const tree_signs& signs = how.unicode ? unicode_signs : plain_signs;
     std::string text;
-    for (const topology_server& one : picture.servers) {
-        text += "QNSV " + card_words(one.server) + '\n';
-        for (const topology_link& link : one.links)
-            text += link_line(link, &link == &one.links.back() ? signs.last : signs.more, how);
+    for (const topology_server& server : picture.servers) {
+        text += "QNSV " + card_words(server.server) + '\n';
+        for (const topology_link& link : server.links)
+            text += link_line(link, &link == &server.links.back() ? signs.last : signs.more, how);
     }
     if (!picture.unbound.empty()) text += "QNIO cards without a QNSV card\n";
-    for (const card& one : picture.unbound) {
-        text += &one == &picture.unbound.back() ? signs.last : signs.more;
-        text += "QNIO " + card_words({common(one).ecd_id, one}) + '\n';
+    for (const card& unbound : picture.unbound) {
+        text += &unbound == &picture.unbound.back() ? signs.last : signs.more;
+        text += "QNIO " + card_words({common(unbound).ecd_id, unbound}) + '\n';
     }
     return text.empty() ? "no cards heard\n" : text;
 }

@@ -33,16 +33,16 @@ using drawn_cards = std::map<std::uint64_t, drawn_card>;
 // Each card once, though several links may name it.
 drawn_cards cards_of(const topology& picture) {
     drawn_cards cards;
-    const auto add = [&cards](const kind_look& kind, const topology_card& one) {
-        cards.try_emplace(one.id, drawn_card{kind, one});
+    const auto add = [&cards](const kind_look& kind, const topology_card& drawn) {
+        cards.try_emplace(drawn.id, drawn_card{kind, drawn});
     };
-    for (const topology_server& one : picture.servers) {
-        add(server_look, one.server);
-        for (const topology_link& link : one.links)
+    for (const topology_server& server : picture.servers) {
+        add(server_look, server.server);
+        for (const topology_link& link : server.links)
             add(device_look, link.device);
     }
-    for (const card& one : picture.unbound)
-        add(device_look, {common(one).ecd_id, one});
+    for (const card& unbound : picture.unbound)
+        add(device_look, {common(unbound).ecd_id, unbound});
     return cards;
 }
 
@@ -162,9 +162,9 @@ std::string topology_dot(const topology& picture, const std::vector<std::string>
         "    node [fontname=\"sans-serif\", shape=box, style=filled, fillcolor=white];\n"
         "    edge [fontname=\"sans-serif\", fontsize=11, color=\"#8c959f\", arrowhead=none];\n";
     text += ports_text(ports) + groups_text(cards) + paths_text(cards);
-    for (const topology_server& one : picture.servers) {
-        for (const topology_link& link : one.links)
-            text += link_line(one.server.id, link);
+    for (const topology_server& server : picture.servers) {
+        for (const topology_link& link : server.links)
+            text += link_line(server.server.id, link);
     }
     return text + "}\n";
 }

@@ -180,14 +180,15 @@ candidates complete(command_tree& tree, const std::vector<std::string>& words,
     take_default_ports(tree.global);
     const std::string typed = words.back() == "=" ? "" : words.back();
     candidates found = all_candidates(now, typed, cards);
-    std::erase_if(found.words, [&](const candidate& one) { return !one.word.starts_with(typed); });
+    std::erase_if(found.words,
+                  [&](const candidate& offer) { return !offer.word.starts_with(typed); });
     return found;
 }
 
 std::string candidates_text(const candidates& found) {
     std::string text;
-    for (const candidate& one : found.words)
-        text += one.word + '\t' + one.help + '\n';
+    for (const candidate& offer : found.words)
+        text += offer.word + '\t' + offer.help + '\n';
     if (found.files) text += ":files\n";
     if (found.directories) text += ":directories\n";
     return text;

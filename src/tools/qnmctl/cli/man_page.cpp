@@ -98,8 +98,8 @@ constexpr entry files[] = {
 
 std::string tagged(std::span<const entry> entries) {
     std::string text;
-    for (const entry& one : entries)
-        text += tagged(one.title, one.text);
+    for (const entry& item : entries)
+        text += tagged(item.title, item.text);
     return text;
 }
 
@@ -125,8 +125,8 @@ std::vector<const CLI::Option*> options_of(const CLI::App& app, bool positional)
 
 std::string tagged_examples(std::span<const example> shown) {
     std::string text;
-    for (const example& one : shown)
-        text += tagged(one.command, one.meaning);
+    for (const example& item : shown)
+        text += tagged(item.command, item.meaning);
     return text;
 }
 

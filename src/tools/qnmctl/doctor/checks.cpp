@@ -263,20 +263,20 @@ finding judge_user(const interface_facts& facts) {
 }
 
 // A manager opens interfaces by name, so a renamed interface counts as another one.
-finding judge_left(const left_behind& one, bool is_port_missing) {
-    if (!one.name.empty()) {
+finding judge_left(const left_behind& left, bool is_port_missing) {
+    if (!left.name.empty()) {
         return {.rank = is_port_missing ? severity::warning : severity::note,
-                .about = one.name,
-                .text = process_text(one.user) +
+                .about = left.name,
+                .text = process_text(left.user) +
                         " works with this interface, which is none of the ports here",
                 .remedy =
                     "If it was a port of that process and was renamed, its manager is deaf "
                     "there: name the interface in its qnm.conf, and start it again."};
     }
     const std::string index =
-        one.if_index == 0 ? "" : " (index " + std::to_string(one.if_index) + ')';
+        left.if_index == 0 ? "" : " (index " + std::to_string(left.if_index) + ')';
     return {.rank = severity::error,
-            .text = process_text(one.user) + " works with an interface that has gone" + index +
+            .text = process_text(left.user) + " works with an interface that has gone" + index +
                     ": it is deaf there, also when one of the same name has come back",
             .remedy = "Stop its manager and start it again."};
 }
@@ -284,15 +284,15 @@ finding judge_left(const left_behind& one, bool is_port_missing) {
 }  // namespace
 
 void check_users(const inspected& system, findings& found) {
-    for_interfaces(system, [&](const interface_facts& one) {
-        found.push_back(judge_user(one));
-        found.back().about = one.state.name;
+    for_interfaces(system, [&](const interface_facts& facts) {
+        found.push_back(judge_user(facts));
+        found.back().about = facts.state.name;
     });
     const bool is_port_missing =
         std::any_of(system.interfaces.begin(), system.interfaces.end(),
-                    [](const interface_facts& one) { return one.state.error == ENODEV; });
-    for (const left_behind& one : system.left)
-        found.push_back(judge_left(one, is_port_missing));
+                    [](const interface_facts& facts) { return facts.state.error == ENODEV; });
+    for (const left_behind& left : system.left)
+        found.push_back(judge_left(left, is_port_missing));
     if (system.all_users_seen) return;
     found.push_back({.rank = severity::note,
                      .text = "not all processes could be looked into, so one that only listens and "

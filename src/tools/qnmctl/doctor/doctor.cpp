@@ -40,17 +40,17 @@ std::span<const check> all_checks() {
 
 findings examine(std::span<const check> checks, const inspected& system) {
     findings all;
-    for (const check& one : checks) {
+    for (const check& current : checks) {
         findings found;
         try {
-            one.look(system, found);
+            current.look(system, found);
         } catch (const std::exception& problem) {
             found.push_back({.rank = severity::error,
                              .text = std::string("the check failed: ") + problem.what(),
                              .remedy = "Please report this, with the files that it looked at."});
         }
         for (finding& verdict : found) {
-            verdict.check = one.name;
+            verdict.check = current.name;
             all.push_back(verdict);
         }
     }

@@ -197,8 +197,8 @@ room room_in(const std::string& folder, const std::vector<log_place>& places,
             return sink.file == place.file;
         });
         if (place.folder != folder || writer == writers.end()) continue;
-        const room one = room_for(*writer);
-        wanted = {wanted.bytes + one.bytes, wanted.limited && one.limited};
+        const room space = room_for(*writer);
+        wanted = {wanted.bytes + space.bytes, wanted.limited && space.limited};
     }
     return wanted;
 }

@@ -103,8 +103,8 @@ void note_interface(std::vector<left_behind>& found, const std::vector<std::stri
         index > 0 && if_indextoname(static_cast<unsigned>(index), name) != nullptr;
     if (!is_there && index > 0 && errno != ENXIO) return;
     if (std::find(ports.begin(), ports.end(), name) != ports.end()) return;
-    const auto is_same = [&](const left_behind& one) {
-        return one.user.pid == user.pid && one.name == name;
+    const auto is_same = [&](const left_behind& other) {
+        return other.user.pid == user.pid && other.name == name;
     };
     if (std::any_of(found.begin(), found.end(), is_same)) return;
     found.push_back({.if_index = index, .name = name, .user = user});
@@ -124,8 +124,8 @@ void find_left_behind(const std::vector<std::string>& ports, inspected& into) {
     }
     const open_ports open = find_open_ports();
     into.all_users_seen = open.all_seen;
-    for (const open_port& one : open.found)
-        note_interface(into.left, ports, one.if_index, one.user);
+    for (const open_port& port : open.found)
+        note_interface(into.left, ports, port.if_index, port.user);
 }
 
 // ---- Clock --------------------------------------------------------------------------------------
@@ -143,11 +143,11 @@ clock_facts look_at_clock() {
     clock_facts found;
     for (int at = 0; at < samples; ++at) {
         if (at > 0) poll(nullptr, 0, pause_ms);
-        clock_sample one;
-        one.before = nanoseconds_of(CLOCK_MONOTONIC);
-        one.wall = nanoseconds_of(CLOCK_REALTIME);
-        one.after = nanoseconds_of(CLOCK_MONOTONIC);
-        found.samples.push_back(one);
+        clock_sample sample;
+        sample.before = nanoseconds_of(CLOCK_MONOTONIC);
+        sample.wall = nanoseconds_of(CLOCK_REALTIME);
+        sample.after = nanoseconds_of(CLOCK_MONOTONIC);
+        found.samples.push_back(sample);
     }
     timex clock{};  // without a mode nothing is set
     found.adjustment = adjtimex(&clock);

@@ -43,18 +43,18 @@ json manifest(const report_contents& contents) {
                    {"members", json::array()},
                    {"missing", json::array()}};
     if (contents.masked) object["masking"] = masking_text;
-    for (const report_member& one : contents.members)
-        object["members"].push_back(member_json(one));
-    for (const missing_part& one : contents.missing)
-        object["missing"].push_back(missing_json(one));
+    for (const report_member& member : contents.members)
+        object["members"].push_back(member_json(member));
+    for (const missing_part& missing : contents.missing)
+        object["missing"].push_back(missing_json(missing));
     return object;
 }
 
 // Further lines of a reason are indented.
 std::string missing_text(const std::vector<missing_part>& all) {
     std::string text;
-    for (const missing_part& one : all)
-        text += one.part + ": " + join(split(one.reason, "\n"), "\n  ") + '\n';
+    for (const missing_part& missing : all)
+        text += missing.part + ": " + join(split(missing.reason, "\n"), "\n  ") + '\n';
     return text;
 }
 
@@ -107,30 +107,30 @@ std::string last_part(const std::string& text, std::size_t limit) {
 
 void mask_report(report_contents& contents) {
     known_addresses known = contents.addresses;
-    for (const report_member& one : contents.members) {
-        known.learn_from_text(one.name);
-        if (one.form == member_form::capture) {
-            known.learn_from_capture(one.bytes);
+    for (const report_member& member : contents.members) {
+        known.learn_from_text(member.name);
+        if (member.form == member_form::capture) {
+            known.learn_from_capture(member.bytes);
         } else {
-            known.learn_from_text(one.bytes);
+            known.learn_from_text(member.bytes);
         }
     }
-    for (const missing_part& one : contents.missing)
-        known.learn_from_text(one.reason);
+    for (const missing_part& missing : contents.missing)
+        known.learn_from_text(missing.reason);
     const id_mask mask(std::move(known));
     std::vector<report_member> masked;
-    for (report_member& one : contents.members) {
-        const bool is_text = one.form == member_form::text;
-        const auto bytes = is_text ? mask.text(one.bytes) : mask.capture(one.bytes);
+    for (report_member& member : contents.members) {
+        const bool is_text = member.form == member_form::text;
+        const auto bytes = is_text ? mask.text(member.bytes) : mask.capture(member.bytes);
         if (bytes && !mask.shows_in(*bytes)) {
-            masked.push_back({mask.text(one.name), *bytes, one.part, one.form});
+            masked.push_back({mask.text(member.name), *bytes, member.part, member.form});
         } else {
             contents.missing.push_back(
-                {one.part, "it could not be masked safely, so it was left out"});
+                {member.part, "it could not be masked safely, so it was left out"});
         }
     }
-    for (missing_part& one : contents.missing)
-        one.reason = mask.text(one.reason);
+    for (missing_part& missing : contents.missing)
+        missing.reason = mask.text(missing.reason);
     contents.members = std::move(masked);
     contents.masked = true;
 }
@@ -169,10 +169,10 @@ std::string contents_text(const report_contents& contents, const look& how) {
 }
 
 void tell_contents(writer& results, const report_contents& contents) {
-    for (const report_member& one : contents.members)
-        results.record("member", member_json(one));
-    for (const missing_part& one : contents.missing)
-        results.record("missing", missing_json(one));
+    for (const report_member& member : contents.members)
+        results.record("member", member_json(member));
+    for (const missing_part& missing : contents.missing)
+        results.record("missing", missing_json(missing));
 }
 
 json archive_json(const report_contents& contents, const std::string& file, std::size_t bytes) {

@@ -255,11 +255,11 @@ std::string config_of(const installation& where) {
 
 report_contents collect_report(std::span<const report_part> parts, const report_sources& from) {
     report_contents found;
-    for (const report_part& one : parts) {
+    for (const report_part& part : parts) {
         try {
-            one.add(from, one.name, found);
+            part.add(from, part.name, found);
         } catch (const std::exception& e) {
-            found.missing.push_back({one.name, e.what()});
+            found.missing.push_back({part.name, e.what()});
         }
     }
     return found;

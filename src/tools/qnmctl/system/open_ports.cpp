@@ -104,9 +104,9 @@ open_ports find_open_ports() {
         std::ifstream maps(process / "maps");
         if (!maps) continue;
         std::set<int> interfaces;  // once each, a port has several sockets
-        for (const auto& one : own) {
-            seen.insert(one->first);
-            interfaces.insert(one->second);
+        for (const auto& socket : own) {
+            seen.insert(socket->first);
+            interfaces.insert(socket->second);
         }
         // The sockets of this process are not of interest.
         if (*pid == getpid() || !has_library(maps)) continue;
@@ -115,8 +115,8 @@ open_ports find_open_ports() {
             result.found.push_back({.if_index = index, .user = user});
     }
     const socket_table now = packet_sockets();  // some may have been closed meanwhile
-    result.all_seen = std::all_of(sockets.begin(), sockets.end(), [&](const auto& one) {
-        return seen.count(one.first) > 0 || now.count(one.first) == 0;
+    result.all_seen = std::all_of(sockets.begin(), sockets.end(), [&](const auto& socket) {
+        return seen.count(socket.first) > 0 || now.count(socket.first) == 0;
     });
     return result;
 }

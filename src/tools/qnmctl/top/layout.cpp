@@ -199,21 +199,21 @@ top_style style_of(const card& record) {
 
 // The heading and the cards of the screen.
 lines card_lines(const top_model& model, std::size_t width) {
-    table shown{.columns = {}};
+    table cards{.columns = {}};
     std::vector<top_style> styles = {top_style::heading};
     for (const card_column& column : columns)
-        shown.columns.push_back(column.column);
+        cards.columns.push_back(column.column);
     const std::size_t end = std::min(model.first + model.height, model.shown.size());
     for (std::size_t at = model.first; at < end; ++at) {
-        const top_card& one = shown_card(model, at);
-        std::vector<std::string>& row = shown.rows.emplace_back();
+        const top_card& shown = shown_card(model, at);
+        std::vector<std::string>& row = cards.rows.emplace_back();
         for (const card_column& column : columns)
-            row.push_back(column.cell(one, model.now));
+            row.push_back(column.cell(shown, model.now));
         const bool selected = model.selected == model.shown[at];
-        styles.push_back(selected ? top_style::selected : style_of(*one.record));
+        styles.push_back(selected ? top_style::selected : style_of(*shown.record));
     }
     lines result;
-    for (const std::string& text : split(table_text(shown, {.width = width}), "\n"))
+    for (const std::string& text : split(table_text(cards, {.width = width}), "\n"))
         result.push_back({text, styles[result.size()]});
     return result;
 }
@@ -288,8 +288,8 @@ std::vector<top_line> top_lines(top_model& model, top_size size) {
         result.push_back({last_line(model), top_style::title});
     }
     result.resize(std::min(result.size(), size.height));
-    for (top_line& one : result)
-        one.text = fitted(one.text, size.width);
+    for (top_line& line : result)
+        line.text = fitted(line.text, size.width);
     return result;
 }
 

@@ -49,7 +49,7 @@ void sort_shown(top_model& model) {
         keyed.emplace_back(sign * order.key(model.cards.at(id), model.now), id);
     std::sort(keyed.begin(), keyed.end());
     std::transform(keyed.begin(), keyed.end(), model.shown.begin(),
-                   [](const auto& one) { return one.second; });
+                   [](const auto& entry) { return entry.second; });
 }
 
 // ---- Selection and screen -----------------------------------------------------------------------
@@ -276,12 +276,12 @@ void look_at_cards(top_model& model, const std::vector<card>& cards, wall_time n
     model.now = now;
     for (auto& [id, known] : model.cards)
         known.record.reset();
-    for (const card& one : cards) {
-        top_card& known = model.cards[common(one).ecd_id];
+    for (const card& fresh : cards) {
+        top_card& known = model.cards[common(fresh).ecd_id];
         // A card that has changed its kind has two records; the one that changed last counts.
         const bool older =
-            known.record && common(*known.record).ecd_updatetime > common(one).ecd_updatetime;
-        if (!older) known.record = one;
+            known.record && common(*known.record).ecd_updatetime > common(fresh).ecd_updatetime;
+        if (!older) known.record = fresh;
     }
     const auto look = [&](rate& measured, std::uint64_t events) {
         if (measured.is_new() && events > 0) measured.look(model.looked, 0);

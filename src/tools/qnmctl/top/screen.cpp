@@ -142,9 +142,9 @@ top_size top_screen::size() const {
 void top_screen::draw(const std::vector<top_line>& lines) {
     erase();
     int row = 0;
-    for (const top_line& one : lines) {
-        const auto style = static_cast<std::size_t>(one.style);
-        mvaddstr(row, 0, one.text.c_str());
+    for (const top_line& line : lines) {
+        const auto style = static_cast<std::size_t>(line.style);
+        mvaddstr(row, 0, line.text.c_str());
         mvchgat(row, 0, -1, coloured_ ? styles[style].attributes : styles[style].without_colours,
                 static_cast<short>(coloured_ ? style + 1 : 0), nullptr);
         ++row;

@@ -96,13 +96,13 @@ class screen_signals {
     // As Ctrl-Z does to any program: returns when it is continued, and at once where the system
     // does not stop a process group because no shell is there to continue it.
     void stop() const {
-        sigset_t one;
-        sigemptyset(&one);
-        sigaddset(&one, SIGTSTP);
+        sigset_t signals;
+        sigemptyset(&signals);
+        sigaddset(&signals, SIGTSTP);
         sigaction(SIGTSTP, &stop_before_, nullptr);
         pthread_kill(pthread_self(), SIGTSTP);
-        pthread_sigmask(SIG_UNBLOCK, &one, nullptr);
-        pthread_sigmask(SIG_BLOCK, &one, nullptr);
+        pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+        pthread_sigmask(SIG_BLOCK, &signals, nullptr);
         handle_stop();
     }
 

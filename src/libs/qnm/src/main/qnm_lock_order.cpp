@@ -83,7 +83,7 @@ void _qnm_lock_order_take(const void* lock, qnm_lock_level_t level) {
 void _qnm_lock_order_release(const void* lock) {
     held_lock* const end = held_locks + held_count;
     held_lock* const found =
-        std::find_if(held_locks, end, [&](const held_lock& one) { return one.lock == lock; });
+        std::find_if(held_locks, end, [&](const held_lock& held) { return held.lock == lock; });
     if (found == end) return;
     std::move(found + 1, end, found);
     held_count--;
