@@ -26,8 +26,8 @@ constexpr int tick_milliseconds = 100;
 // The threads; joined at the end of its scope.
 class crew {
   public:
-    explicit crew(const work& wanted) : wanted_(wanted) {
-        left_ = std::min(wanted.jobs, thread_limit);
+    explicit crew(const work& wanted)
+        : wanted_(wanted), left_(std::min(wanted.jobs, thread_limit)) {
         for (std::size_t thread = left_; thread > 0; --thread)
             threads_.emplace_back([this] { take_jobs(); });
     }
@@ -52,7 +52,7 @@ class crew {
     const work& wanted_;
     tools::wake_event done_;
     std::atomic<std::size_t> next_ = 0;
-    std::atomic<std::size_t> left_ = 0;
+    std::atomic<std::size_t> left_;
     std::vector<std::jthread> threads_;
 };
 
