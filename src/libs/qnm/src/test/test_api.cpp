@@ -174,7 +174,7 @@ struct commands : ports {
         _qnm_cmp_fini();
     }
 
-    // Changes what the tables hold of a card.
+    // Changes the card's record in the tables.
     template <typename Kind>
     static void change(uint64_t id, uint32_t ignore_state, std::pair<int, int> connected) {
         const qnm::table_guard lock;
@@ -187,7 +187,7 @@ struct commands : ports {
                   0);
     }
 
-    // The calls under their common aspect.
+    // The calls behind one signature.
     struct command {
         const char* name;
         qnm_stats_func_t counter;
@@ -208,7 +208,7 @@ struct commands : ports {
         qnm_stats.est_api_code[ret] = 0;
     }
 
-    // A call that has to fail without sending.
+    // Expects that the call fails without sending.
     void expect_refused(const command& it, uint64_t id, uint32_t flags, qnm_api_code_t ret) {
         logs.clear();
         const size_t before = sent_count();
@@ -224,7 +224,7 @@ struct commands : ports {
         return kinds;
     }
 
-    // Plays the card of a live check: answers the n-th frame, a read of register 0.
+    // Plays the card during a live check: answers the n-th frame, a read of register 0.
     static void answer(int port, size_t number, uint64_t mac) {
         ASSERT_TRUE(fake_pcap::wait_sent(name(port), number));
         const frame_t read = fake_pcap::sent(name(port)).at(number - 1);
@@ -349,8 +349,8 @@ TEST_F(commands, a_card_whose_monitoring_restarts_is_reached) {
     EXPECT_EQ(fake_pcap::sent("port1").size(), 3U);
 }
 
-// The table says that the card was connected by port 1, but monitoring is stopped: the path is
-// looked for afresh, and found on port 0.
+// The table says that the card was connected by port 1, but its monitoring is stopped, so the path
+// is looked for again and found on port 0.
 TEST_F(commands, a_live_check_finds_the_path_of_a_card_whose_monitoring_is_stopped) {
     qnm_config.frame_retry_interval_lc = k_long;
     change<qnm::qnio_kind>(k_mr_io, QNM_IGNORE, {1, 0});
@@ -485,12 +485,12 @@ TEST_F(commands, an_unverified_vlan_id_is_not_waited_for) {
     EXPECT_EQ(fail::count(fail::call::clock_nanosleep), 0U);
 }
 
-// A VLAN ID that is verified with an interval that does not pass: only a look at the card, or the
-// stop, ends the call.
+// Waits until the VLAN ID is seen, with an interval that never passes: only looking at the card, or
+// the stop, ends the call.
 struct vlan_verify : commands {
     std::vector<std::chrono::nanoseconds> sleeps;
 
-    // Runs act once the call has slept so often. It looks at the card after each sleep.
+    // Runs act when the call has slept this often. The call looks at the card after each sleep.
     void after_sleeps(size_t number, const std::function<void()>& act) {
         fail::on_sleep([this, number, act](std::chrono::nanoseconds duration) {
             EXPECT_FALSE(table_is_locked());

@@ -44,7 +44,8 @@ TEST_F(call, a_call_that_is_refused_is_not_waited_for) {
     EXPECT_EQ(fail::count(fail::call::clock_nanosleep), 0U);
 }
 
-// Each round fails if a call that began before the stop enters after the stop has seen none inside.
+// Races a call against the stop. A round fails if the call enters although the stop has already
+// seen that no call is inside.
 TEST_F(call, no_call_enters_behind_a_stop_that_has_seen_none) {
     constexpr int k_rounds = 600;
     fail::on_sleep([](auto) { std::this_thread::yield(); });

@@ -70,7 +70,7 @@ struct completion : units {
         EXPECT_EQ(g_held, 0);
     }
 
-    // A range of tags, of which none has been handed out yet.
+    // A range of tags, none of which has been handed out yet.
     void use_range(uint32_t min, uint32_t max) {
         qnm_config.tag_min = min;
         qnm_config.tag_max = max;
@@ -84,7 +84,7 @@ struct completion : units {
         return _qnm_get_tag(&tag) == 0 ? tag : -1;
     }
 
-    // Gives each tag back at once.
+    // Takes a tag and gives it back at once.
     static std::vector<int> get_and_release(int times) {
         std::vector<int> tags;
         for (int n = 0; n < times; n++) {
@@ -252,7 +252,7 @@ TEST_F(completion, a_new_owner_finds_its_tag_idle) {
     EXPECT_EQ(value_of(5, 1), ENOENT);
 }
 
-// Those of a range that give the tag back after a frame that stayed unanswered.
+// The tags of a range that are given back after a frame without an answer.
 std::vector<int> get_and_rest(int times) {
     std::vector<int> tags;
     for (int n = 0; n < times; n++) {
@@ -274,7 +274,7 @@ TEST_F(completion, few_tags_are_handed_out_in_rotation_without_answers_too) {
     EXPECT_EQ(get_and_rest(3 * 63), rotation);
 }
 
-// Tries again when the machine was so slow that the rest was over meanwhile.
+// Starts again when the machine was so slow that the tag's rest had already ended.
 TEST_F(completion, a_resting_tag_is_passed_over) {
     std::vector<int> tags;
     EXPECT_TRUE(wait_until([&] {
@@ -519,8 +519,8 @@ TEST_F(completion, a_wait_that_fails_is_an_internal_error) {
     }
 }
 
-// The receive thread has accepted an answer and is about to signal it; meanwhile the reader finds
-// the answer, gives the tag back, and another reader waits with it.
+// The receive thread has accepted an answer and is about to signal it. Meanwhile the reader finds
+// the answer and gives the tag back, and another reader waits with the same tag.
 TEST_F(completion, a_signal_for_the_tag_s_last_owner_ends_no_wait) {
     use_range(5, 5);
     ASSERT_EQ(get(), 5);
@@ -552,7 +552,7 @@ TEST_F(completion, a_signal_for_the_tag_s_last_owner_ends_no_wait) {
     EXPECT_EQ(value_of(5, 2), 0);
 }
 
-// Each round fails if the answer slips between the reader's look and its sleep.
+// A round fails if the answer is lost between the reader's check and its sleep.
 TEST_F(completion, no_answer_slips_past_a_reader) {
     constexpr uint32_t k_rounds = 5000;
     std::atomic<uint32_t> armed = 0;

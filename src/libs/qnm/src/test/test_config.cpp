@@ -210,8 +210,8 @@ TEST_F(Config, that_cannot_be_opened_is_an_error) {
     expect_defaults();
 }
 
-// The file turns into something else between the look and the opening. Nobody writes to the FIFO,
-// and nobody is waited for.
+// Between the check and the opening, the file becomes a FIFO that nobody writes to. The reader must
+// not wait for a writer.
 TEST_F(Config, that_is_no_file_any_more_is_an_error) {
     struct row {
         void (*make)(const std::string& path);
@@ -318,7 +318,8 @@ TEST_F(Config, splits_at_the_first_equals_sign) {
     expect_parse_error("log_level", " =4");
 }
 
-// A buffer of 128 bytes: the rest behind 127 characters is a line of its own.
+// Lines are read into a buffer of 128 bytes: what follows the first 127 characters is a line of its
+// own.
 TEST_F(Config, reads_a_long_line_in_pieces) {
     const std::string filler(127 - strlen("log_level = 4"), ' ');
     EXPECT_EQ(read("log_level = 4" + filler + "tag_max = 9\n"), 0);
@@ -392,7 +393,7 @@ TEST_P(NumberKey, takes_hexadecimal_and_octal_numbers) {
     }
 }
 
-// Zero with a sign is a number where signs are not looked at.
+// A sign in front of zero is accepted where signs are not checked.
 TEST_P(NumberKey, looks_at_the_sign_of_zero_unless_exempt) {
     if (row().sign_checked) {
         expect_parse_error(row().key, " -0");
@@ -627,7 +628,7 @@ TEST_P(NumberKey, is_printed_under_its_own_label) {
     EXPECT_EQ(log_.count(k_info, "    " + label + ": " + expected), 1u) << expected;
 }
 
-// The sample with every key taken out of its comment, so that it cannot drift from the table.
+// The sample with every key taken out of its comment: all of its values are accepted.
 TEST_F(Config, the_sample_names_every_key_with_its_default) {
     std::ifstream sample(QNM_SAMPLE_CONF);
     ASSERT_TRUE(sample.is_open());

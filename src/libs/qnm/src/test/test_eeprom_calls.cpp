@@ -71,7 +71,7 @@ struct eeprom_call : eeproms, testing::WithParamInterface<word_call> {
     bool has_failure(const std::string& what) const {
         return logs.has(k_error, std::string(GetParam().name) + ": Failed to " + what);
     }
-    // A dump tells of its locks as of its words.
+    // A dump logs its locks as it logs its words.
     bool has_lock_failure(const std::string& lock, int err) const {
         const bool is_dump = GetParam().func == QNM_STATS_DUMP_EEPROM;
         return has_failure((is_dump ? GetParam().work : lock) + "(). err=" + std::to_string(err));

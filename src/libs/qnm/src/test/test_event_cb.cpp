@@ -39,7 +39,7 @@ struct call {
     bool operator==(const call&) const = default;
 };
 
-// A callback that does something and notes its calls, when it is done, under a name.
+// A callback that does something and notes, under a name, when it has run.
 struct listener {
     std::string name;
     std::vector<call>* calls;
@@ -138,7 +138,7 @@ TEST_F(event_cb, a_handle_that_is_not_listed_is_refused) {
     EXPECT_EQ(qnm_unregister_callback(reinterpret_cast<qnm_cbid_t>(stranger)), QNM_API_EINVAL);
 }
 
-// As a host does that keeps its handles over a restart: the record behind one is gone.
+// A host may keep its handles over a restart; the records behind them are gone then.
 TEST_F(event_cb, a_handle_from_before_a_restart_is_refused) {
     listener one = {"one", &calls};
     const qnm_cbid_t old = add(QNM_EVT_NEWDEVINFO, one);
@@ -159,7 +159,7 @@ TEST_F(event_cb, a_handle_that_points_nowhere_is_refused) {
     EXPECT_EQ(qnm_unregister_callback(reinterpret_cast<qnm_cbid_t>(uintptr_t{8})), QNM_API_EINVAL);
 }
 
-// Of whichever type the handle was, the callback that runs may never return.
+// Whatever type the handle was for: a callback that is running may never return.
 TEST_F(event_cb, an_unknown_handle_waits_for_no_callback) {
     listener other = {"other", &calls};
     listener one = {"one", &calls};
@@ -178,7 +178,7 @@ TEST_F(event_cb, an_unknown_handle_waits_for_no_callback) {
         tried++;
     };
     for (int type = 0; type < QNM_EVT_MAX; type++) {
-        // Its record may lie where one of the others lay.
+        // The new record may lie at the address of one that was freed.
         std::erase(unknown, add(static_cast<qnm_evt_type_t>(type), one));
     }
     start();
@@ -347,8 +347,8 @@ TEST_F(event_cb, a_callback_may_register_and_unregister_for_other_types) {
     EXPECT_TRUE(wait_calls(1));
 }
 
-// The signal of an event that is queued while the thread drains reaches nobody, so the thread has
-// to look at the queue before it sleeps.
+// An event that is queued while the thread empties the queue signals nobody, so the thread has to
+// check the queue before it sleeps.
 TEST_F(event_cb, the_thread_never_sleeps_over_a_queued_event) {
     listener second = {"second", &calls};
     listener first = {"first", &calls,
@@ -356,7 +356,7 @@ TEST_F(event_cb, the_thread_never_sleeps_over_a_queued_event) {
     add(QNM_EVT_NEWDEVINFO, first);
     add(QNM_EVT_UPDATEDEVINFO, second);
     EXPECT_EQ(_qnm_add_event(QNM_EVT_NEWDEVINFO, k_id), 0);
-    // Queued before the thread exists: its signal is lost as well.
+    // Queued before the thread exists, so this signal is lost as well.
     fail::on(fail::call::pthread_cond_timedwait, [&](std::uint64_t) {
         EXPECT_EQ(calls_so_far().size(), 2U) << "asleep with events in the queue";
         return fail::pass;

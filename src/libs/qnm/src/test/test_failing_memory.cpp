@@ -65,7 +65,7 @@ TEST_F(failing_memory, a_whole_life_without_cards_allocates_nothing) {
     EXPECT_FALSE(alloc::all_used());
 }
 
-// The names of data, which cannot be called, and of what brings each life about.
+// Data, and the calls that start and end each life of the manager.
 const std::set<std::string> k_not_in_table = {
     "g_log_level",      "internal_err",     "qnm_config",           "qnm_flag",
     "qnm_root",         "qnm_stats",        "qnm_stats_mutex",      "qnm_terminate_fd_link",
@@ -118,7 +118,7 @@ TEST_F(failing_memory, a_new_card_of_each_kind_survives_each_failed_allocation) 
     }
 }
 
-// The events of changed(), in order, each of which may be lost.
+// The events of changed(), in order; each of them may be lost.
 consequences lost_changes(const frame_kind& it) {
     const std::string func = "_update_" + it.kind + "_devinfo";
     consequences expected = {lost_event(func, "QNM_EVT_UPDATEDEVINFO"),
@@ -138,7 +138,7 @@ TEST_F(failing_memory, a_changed_card_of_each_kind_survives_each_failed_allocati
     }
 }
 
-// The card is watched again with the first frame, whatever is lost of that.
+// The first frame ends the pause of the card's monitoring, even if everything else in it is lost.
 TEST_F(failing_memory, a_restarted_card_of_each_kind_survives_each_failed_allocation) {
     for (const frame_kind& it : all_kinds()) {
         SCOPED_TRACE(text_of(it));
@@ -153,7 +153,7 @@ TEST_F(failing_memory, a_restarted_card_of_each_kind_survives_each_failed_alloca
     }
 }
 
-// Written when the events of a lost path have been raised.
+// Logged when the events of a lost path have been raised.
 std::string disconnect_line(const std::string& func, const frame_kind& it) {
     return func + ": " + (it.is_server() ? "QNSV " : "QNIO ") + k_new_text +
            " state change to disconnect. P0M0: DISCONNECT, P0M1: DISCONNECT, P1M0: DISCONNECT, "
@@ -185,7 +185,7 @@ TEST_F(failing_memory, a_port_that_goes_down_survives_each_failed_allocation) {
            lost_event("_qnm_all_disconnect", "QNM_EVT_CHANNELSTATECHANGE")});
 }
 
-// Makes the new card one that was last heard more than its expiry time ago.
+// Turns the new card into one that was last heard longer ago than its expiry time.
 template <typename Kind>
 void make_silent() {
     constexpr uint64_t k_silence_ms = 101'000;
@@ -224,7 +224,7 @@ TEST_F(failing_memory, a_card_that_falls_silent_survives_each_failed_allocation)
     }
 }
 
-// Frames that are dropped, and Completions, cost nothing that could fail.
+// Dropped frames and Completions allocate nothing.
 TEST_F(failing_memory, other_frames_allocate_nothing) {
     using frames::announcement;
     const frames::frame_t dropped[] = {
@@ -266,8 +266,8 @@ TEST_F(failing_memory, a_log_line_without_memory_is_lost_and_nothing_else) {
     EXPECT_TRUE(logs.has(k_error, text));
 }
 
-// Calls the body with the first, second, ... throwing allocation failing, until none is left; how
-// many there were.
+// Calls the body with the first, second, ... throwing allocation failing, until none fails; returns
+// how many failed.
 template <typename Body>
 unsigned fail_each_throwing(const Body& body) {
     for (unsigned n = 1;; n++) {

@@ -19,8 +19,8 @@ namespace {
 using fail::call;
 
 struct failing_systems : public_calls {
-    // A failure that the manager meets by itself, from its start on: it ends with the code due, or
-    // goes on until its stop. The next life is as any other.
+    // One failure in a life of the manager, from its start on: either the manager ends with the
+    // expected code, or it runs until its stop. The next life works like any other.
     bool live_with(const failure& how, unsigned n, const consequences& expected) {
         SCOPED_TRACE(testing::Message() << "occurrence " << n);
         const bool is_due = n <= total(expected);
@@ -49,12 +49,13 @@ struct failing_systems : public_calls {
         return !HasFailure();
     }
 
-    // Calls of the library in one thread, told by the first line of its work.
+    // Makes library calls fail in one thread, which is recognised by the first line that it logs.
     failure call_in(const std::string& thread, call which, int err) {
         return call_where(which, err, [=, this] { return is_on(thread); });
     }
 
-    // The first poll of that thread finds something on an entry, and the call upon it fails.
+    // The first poll of that thread reports an event on one entry, and the call that handles the
+    // event fails.
     failure poll_in(const std::string& thread, unsigned entry, short revents,
                     std::optional<call> which, int err) {
         const auto found = std::make_shared<std::atomic<bool>>(false);
@@ -112,8 +113,8 @@ std::string failed_thread(const std::string& label) {
 constexpr char k_no_timeout[] = "_qnm_socket_open_lin: Failed to setsockopt(SO_SNDTIMEO). errno=1";
 
 const start_row k_starts[] = {
-    // The directory; the log's properties, before which nothing can be logged; the configuration,
-    // which may be missing.
+    // First the directory, then the properties of the log, before which nothing can be logged, then
+    // the configuration, which may be missing.
     {call::stat,
      EACCES,
      {{1, QNM_API_EINVAL},
@@ -121,7 +122,7 @@ const start_row k_starts[] = {
       {1,
        QNM_API_SUCCESS,
        {{k_warn, "_qnm_config_read: Failed to _qnm_file_exist(). path={conf}"}}}}},
-    // The properties, which cost lines only.
+    // The properties: without them only log lines are lost.
     {call::fopen, EMFILE, {{1, QNM_API_SUCCESS}}},
     {call::open,
      EMFILE,
@@ -132,7 +133,7 @@ const start_row k_starts[] = {
     {call::fdopen,
      ENOMEM,
      {{1, QNM_API_EPROTO, {{k_error, "_qnm_config_read: file open error: {conf}. erno=12"}}}}},
-    // A configuration that ends early is used as far as it goes.
+    // What could be read of the configuration is used.
     {call::fgets, EIO, {{7, QNM_API_SUCCESS}}},
     // The events of the statistics, of the event thread and of the tags.
     {call::pthread_condattr_init,
@@ -149,9 +150,8 @@ const start_row k_starts[] = {
        QNM_API_EPROTO,
        {{k_error, "_qnm_event_cb_init: Failed to _qnm_event_init() for event_sig. err=22"}}},
       {256, QNM_API_EPROTO, {{k_error, "_qnm_cmp_init: Failed to _qnm_event_init()"}}}}},
-    // Three per port: the index, the address, the link. Then the watcher's first look: the index
-    // and
-    // the link of each.
+    // Three per port: the index, the address, the link. Then the first check of the link watcher:
+    // index and link of each.
     {call::ioctl,
      EIO,
      {{1,
@@ -178,10 +178,11 @@ const start_row k_starts[] = {
       {1,
        QNM_API_SUCCESS,
        {{k_error, "_qnm_get_linkstate_lin_impl: Failed to ioctl(SIOCETHTOOL). errno=5"}}}}},
-    // A capture that does not tell how it delivers is used as it is.
+    // If a capture does not say how it delivers frames, it is used as it is.
     {call::getsockopt, EIO, {{2, QNM_API_SUCCESS}}},
-    // Two per port: without a time-out a send may then wait for ever; these lives trace, so that a
-    // filter is to be removed. Then the watcher's socket, where an overrun then ends the manager.
+    // Two per port: without a time-out, a send may wait for ever; these lives trace, so a filter
+    // has to be removed. Then the watcher's socket: without the option, an overrun ends the
+    // manager.
     {call::setsockopt,
      EPERM,
      {{1, QNM_API_SUCCESS, {{k_warn, k_no_timeout}}},
@@ -200,9 +201,10 @@ const start_row k_starts[] = {
      {{3,
        QNM_API_EPROTO,
        {{k_error, "qnm_init_manager: Failed to _qnm_terminate_event_create(). err=71"}}}}},
-    // The captures and the pipes are then left to programs that the host executes.
+    // Without the flag, programs that the host starts inherit the captures and the pipes.
     {call::fcntl, EBADF, {{8, QNM_API_SUCCESS}}},
-    // Before and after the creation of each thread, which then takes the host's signals.
+    // Before and after the creation of each thread: without the mask, the thread takes the host's
+    // signals.
     {call::pthread_sigmask, EINVAL, {{10, QNM_API_SUCCESS}}},
     // One receive thread is enough.
     {call::pthread_create,
@@ -212,7 +214,7 @@ const start_row k_starts[] = {
       {1, QNM_API_EPROTO, {{k_error, failed_thread("event_task")}}},
       {1, QNM_API_EPROTO, {{k_error, failed_thread("watch_link")}}},
       {1, QNM_API_EPROTO, {{k_error, failed_thread("stats_task")}}}}},
-    // Three per port for its lock, which the first access to a card would tell of.
+    // Three per port, for its lock. The first access to a card would log these.
     {call::socket,
      EMFILE,
      {{6, QNM_API_SUCCESS},
@@ -223,7 +225,7 @@ const start_row k_starts[] = {
 };
 
 TEST_F(failing_systems, the_start_survives_each_failed_call) {
-    // For a start without a configuration.
+    // For a start without a configuration file.
     fake_netif::set("eth0", {.index = 5, .mac = 3});
     fake_netif::set("eth1", {.index = 6, .mac = 4});
     for (const start_row& row : k_starts) {
@@ -257,7 +259,7 @@ TEST_F(failing_systems, the_start_survives_each_failed_call_of_libpcap) {
         {{2, QNM_API_SUCCESS, {{k_error, "_qnm_socket_open_lin: Failed to pcap_fileno()."}}}});
 }
 
-// It would otherwise seem open and receive nothing.
+// A port like that would seem open and receive nothing.
 TEST_F(failing_systems, a_capture_that_cannot_be_polled_ends_the_manager) {
     using fake_pcap::set_selectable_fd;
     const auto failed = [](const char* port) {
@@ -276,7 +278,7 @@ TEST_F(failing_systems, a_capture_that_cannot_be_polled_ends_the_manager) {
         {failed("0"), failed("1")});
 }
 
-// A capture that cannot be had without delay is used with it.
+// A capture is used with delay if it cannot be had without.
 TEST_F(failing_systems, the_start_survives_each_failed_step_of_the_reopening) {
     using fake_pcap::step;
     fake_netif::set_packet_version(TPACKET_V3);
@@ -288,8 +290,8 @@ TEST_F(failing_systems, the_start_survives_each_failed_step_of_the_reopening) {
     sweep_lives(each_of(orders), {{7, QNM_API_SUCCESS}});
 }
 
-// What cannot be made is noticed where it is used; a mutex that was in use in an earlier life tells
-// then that it is none.
+// A mutex or condition that cannot be made is noticed when it is used. A mutex that was used in an
+// earlier life reports an error then.
 TEST_F(failing_systems, mutexes_that_cannot_be_made_end_no_life_in_disorder) {
 #ifdef __SANITIZE_THREAD__
     GTEST_SKIP() << "the use of a mutex that was not made is reported";
@@ -317,7 +319,7 @@ constexpr char k_keepalive[] = "_qnm_interval_check: start.";
 constexpr char k_recv0[] = "_qnm_recv_task: start. if_index=3, mac=000000000001";
 constexpr char k_recv1[] = "_qnm_recv_task: start. if_index=4, mac=000000000002";
 
-// A thread, told by the first line of its work, and a call that fails in it.
+// A thread, recognised by the first line that it logs, and a call that fails in it.
 struct thread_row {
     const char* thread;
     call which;
@@ -380,7 +382,7 @@ TEST_F(failing_systems, the_threads_survive_each_failed_call) {
     }
 }
 
-// What a poll of a thread finds on one of its two entries, and how the call upon it fails.
+// The entry on which a thread's poll reports an event, and how the call that handles it fails.
 struct poll_row {
     const char* thread;
     unsigned entry;
@@ -514,7 +516,7 @@ TEST_F(failing_systems, the_receive_threads_survive_each_failed_result_of_the_ca
         {1,
          QNM_API_SUCCESS,
          {{k_debug, "_qnm_recv_frame: _qnm_recv_pcap() returned ETIMEDOUT. port_num=0"}}}};
-    // Pushed when both ports are open, with the last pipe.
+    // Called with the last pipe, when both ports are open.
     const auto pushing = [](const char* port, int found) {
         return [=] {
             fail::on(call::pipe, [=, last = fail::count(call::pipe) + 3](uint64_t number) {
@@ -537,8 +539,8 @@ struct stop_row {
     std::vector<due_line> lines = {};
 };
 
-// The three pipes are written; the mutexes and conditions are those of all events and, of the
-// mutexes, one per kind of event. One thread is made, with the signals blocked, to close the locks.
+// Written: the three pipes. Mutexes and conditions: those of all events, and a mutex for each type
+// of event. One thread is created, with signals blocked, to close the locks.
 const stop_row k_stops[] = {
     {call::write, EIO, 3},
     {call::pthread_mutex_destroy, EBUSY, 2 + QNM_EVT_MAX + 256},
@@ -610,8 +612,8 @@ TEST_F(failing_systems, calls_that_fail_for_good_end_a_life_in_order) {
     }
 }
 
-// Threads that are not woken see the stop within the second that their polls last. One that is not
-// in its poll yet would see it without reading its pipe.
+// Threads that are not woken see the stop when their poll times out, within a second. A thread that
+// is not in its poll yet sees the stop without reading its pipe.
 TEST_F(failing_systems, pipes_that_fail_for_good_do_not_keep_the_manager_up) {
     constexpr uint64_t polling_threads = 3;
     for (const call which : {call::write, call::read}) {
@@ -631,7 +633,7 @@ TEST_F(failing_systems, pipes_that_fail_for_good_do_not_keep_the_manager_up) {
 
 // ---- Frames -------------------------------------------------------------------------------------
 
-// A card is learnt although the clock or the making of its lock fails.
+// A card is added although the clock or the making of its lock fails.
 TEST_F(failing_systems, a_new_card_of_each_kind_survives_each_failed_call) {
     for (const frame_kind& it : all_kinds()) {
         SCOPED_TRACE(text_of(it));
@@ -645,8 +647,8 @@ TEST_F(failing_systems, a_new_card_of_each_kind_survives_each_failed_call) {
     }
 }
 
-// Nor does a known card mind: its events, of which the event thread is told once, wait for that
-// thread's next look if no signal comes.
+// A known card is updated as well. If the signal to the event thread fails, the events wait until
+// the thread next checks its queue.
 TEST_F(failing_systems, a_known_card_of_each_kind_survives_each_failed_call) {
     for (const frame_kind& it : all_kinds()) {
         SCOPED_TRACE(text_of(it));
@@ -681,7 +683,7 @@ consequence failed_step(unsigned times, const std::string& name, const std::stri
     return {times, QNM_API_EPROTO, {{k_error, name + ": Failed to " + step + "(). err=71"}}};
 }
 
-// The lock is not given back for lack of a way, which is no matter of the word.
+// The lock cannot be given back. That does not change the result of the word.
 consequence failed_unlock(unsigned times, const std::string& name) {
     return {times, QNM_API_SUCCESS, {{k_error, name + ": Failed to _qnm_unlock_eeprom(). err=71"}}};
 }
@@ -712,7 +714,7 @@ const call_outcome k_sends[] = {
     {"qnm_write_mmspage", {failed_sender(1, "mms")}},
 };
 
-// A call that is in no row is not met by the failure.
+// Calls that are in no row make none of these system calls.
 consequences outcome_of(const std::string& name, std::span<const call_outcome> rows) {
     for (const call_outcome& row : rows) {
         if (row.name == name) return row.expected;
@@ -732,7 +734,7 @@ struct call_row {
     consequences expected;
 };
 
-// A wait whose end cannot be told is no wait.
+// If the end of a wait cannot be computed, there is no wait.
 consequences failed_waits(unsigned times, const std::string& name) {
     return {{times, QNM_API_EPROTO, {{k_info, name + ": (OUT) ret=6, id=0x020000001000"}}}};
 }
@@ -740,12 +742,12 @@ consequences failed_waits(unsigned times, const std::string& name) {
 const consequence k_no_date = {
     1, QNM_API_SUCCESS, {{k_info, "***  qnm status dump (v1)", "statslogfile"}}};
 
-// A sleep that cannot be timed is left out, and so is a signal that nobody waits for.
+// If a sleep cannot be timed, it is left out. A signal that nobody waits for may be lost.
 consequence harmless(unsigned times) {
     return {times, QNM_API_SUCCESS};
 }
 
-// These lock their port with their first frame, and go on without where that fails.
+// These take the lock of the port with their first frame, and go on without it if that fails.
 constexpr const char* k_locking[] = {
     "qnm_read_register", "qnm_write_register",  "qnm_modify_register", "qnm_dump_register",
     "qnm_read_eeprom",   "qnm_write_eeprom",    "qnm_dump_eeprom",     "qnm_unlock_eeprom",
@@ -760,7 +762,7 @@ const consequences k_no_lock = {
        "_qnm_port_lock_take: Failed to lock the port against other managers. errno=13, "
        "port_num=0"}}}};
 
-// Each other system call that a public call makes on its caller's thread; it makes no others.
+// All other system calls that a public call makes on its caller's thread.
 const call_row k_calls[] = {
     {"qnm_read_register", call::clock_gettime, EINVAL, failed_waits(1, "qnm_read_register")},
     {"qnm_write_register", call::clock_gettime, EINVAL, failed_waits(1, "qnm_write_register")},
@@ -836,10 +838,10 @@ TEST_F(failing_systems, public_calls_survive_each_failed_call) {
     }
 }
 
-// POSIX lets no lock of a mutex like these fail. A wait takes place if an answer does not come.
+// According to POSIX, locking mutexes like these cannot fail. A call waits only if no answer comes.
 constexpr call k_not_counted[] = {call::pthread_mutex_lock, call::pthread_cond_timedwait};
 
-// What a call without a failure does on its thread, by system call.
+// How often a call without a failure makes each system call on its thread.
 std::map<call, unsigned> calls_in(public_calls& at, const public_call& row) {
     std::map<call, unsigned> counts;
     const auto self = std::this_thread::get_id();
@@ -926,7 +928,8 @@ TEST_F(failing_systems, every_public_call_survives_each_failed_wait) {
         sweep_call(*this, row, failed_wait(*this), outcome_of(row.name, k_waits));
 }
 
-// Without a clock the call would wait for ever, but the manager does not go on without one.
+// Without a clock the call would wait for ever. The manager ends in that case, so it does not come
+// to that.
 TEST_F(failing_systems, a_wait_under_a_clock_that_fails_for_good_ends_with_the_manager) {
     begin();
     prepare();

@@ -21,7 +21,7 @@ struct filter : ports {
         return !fake_netif::is_filtered("port0") && !fake_netif::is_filtered("port1");
     }
 
-    // Opens port 0 anew, as a start does.
+    // Opens port 0 again, as a start does.
     static void reopen() {
         qnm_port_info_t& port = qnm_root.er_port_info[0];
         _qnm_socket_close(&port);

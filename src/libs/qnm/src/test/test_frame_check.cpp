@@ -1,5 +1,5 @@
-// test_frame_check.cpp - the verdict on a frame and its words. test_recv.cpp has what the receive
-// path makes of each.
+// test_frame_check.cpp - the verdict on a frame and its text. What the receive path does with each
+// verdict is in test_recv.cpp.
 
 #include "qnm_frame_check.h"
 
@@ -49,7 +49,7 @@ TEST(frame_check, a_frame_that_is_taken_has_its_kind_and_arrangement) {
     EXPECT_EQ(QNM_FRAME_TAKEN, judge(frames::build_completion({})).reason);
 }
 
-// A frame, and what it is dropped for.
+// A frame and the reason for which it is dropped.
 struct dropped_row {
     const char* text;
     qnm_frame_reason_t reason;
@@ -92,8 +92,8 @@ TEST(frame_check, the_arrangement_stands_in_the_text) {
               text_of(judge(frames::build(it), 272, 0x1234)));
 }
 
-// However little was captured: nothing behind it is read, which the sanitizers see, and what was
-// not captured is no reason.
+// With any number of captured bytes, nothing behind them is read, as the sanitizers check, and a
+// frame is not dropped for fields that were not captured.
 TEST(frame_check, bytes_that_were_not_captured_count_as_right) {
     for (const announcement& it :
          {announcement{.subtype = 0x11, .host = 1}, announcement{.subtype = 0x18},

@@ -35,7 +35,7 @@ struct keepalive : units {
         return slept;
     }
 
-    // One check, by the shortest way there.
+    // One check without the loop.
     void check() {
         qnm_config.devinfo_flag_check_interval = qnm_config.devinfo_check_interval;
         run(1);
@@ -260,7 +260,8 @@ TEST_F(keepalive, a_record_from_the_future_was_heard_now) {
     EXPECT_EQ(paths(k_id), "DDDD");
 }
 
-// A frame's own record tells nothing: its time is that of a clock which is set at this moment.
+// The time in a frame's record cannot be trusted: it comes from a clock that may be set at any
+// moment.
 TEST_F(keepalive, a_path_that_a_frame_was_heard_by_is_as_old_as_it_says) {
     qnm_config.devinfo_expire_time = 3000;
     const qnm_heard_t heard = {1, 0, _qnm_get_msec_monotonic() - 2999};
@@ -294,8 +295,8 @@ struct stopped : keepalive, testing::WithParamInterface<bool> {
         qnm_config.devinfo_flag_check_interval = k_interval_ms;
     }
 
-    // The loop sleeps this often; its first sleep lasts as much longer as nothing runs. after() is
-    // called at the end of each sleep with its number.
+    // Lets the loop sleep this often, the first time for longer by the time in which nothing runs.
+    // Calls after() with the number of each sleep at its end.
     void run_stopped(size_t count, const std::function<void(size_t)>& after) {
         fail::on_sleep([&](std::chrono::nanoseconds) {
             pass(k_interval_ms);
@@ -307,7 +308,8 @@ struct stopped : keepalive, testing::WithParamInterface<bool> {
         set_running();
     }
 
-    // With the parameter, the machine is suspended: its monotonic clock stands still.
+    // The parameter says whether the machine is suspended, so that its monotonic clock stands
+    // still.
     static void stop_process() {
         if (GetParam()) {
             fail::suspend_machine(std::chrono::milliseconds(k_stop_ms));
@@ -327,7 +329,7 @@ TEST_P(stopped, process_gives_the_cards_the_expire_time_to_be_heard_again) {
     run_stopped(4, [&](size_t number) {
         seen.push_back(paths(k_id));
         if (number != 3) return;
-        // One of the paths is heard, at last.
+        // One of the paths is heard again.
         qnm_qnsv_t card;
         ASSERT_EQ(qnm_get_qnsv(k_id, &card), QNM_API_SUCCESS);
         const qnm_heard_t heard = {0, 0, _qnm_get_msec_monotonic()};
@@ -360,7 +362,7 @@ TEST_F(keepalive, a_little_late_is_no_stop) {
     EXPECT_EQ(paths(k_id), "DDDD");
 }
 
-// The process is stopped while the check lets receivers in.
+// The process is stopped while the check lets receivers take the table.
 TEST_F(keepalive, a_stop_in_the_middle_of_a_check_ends_it) {
     qnm_config.devinfo_expire_time = 3000;
     for (uint64_t id = 1; id <= 100; id++)
@@ -385,7 +387,7 @@ constexpr uint64_t k_many = 100;  // of each kind
 constexpr std::chrono::milliseconds k_pause{1};
 
 struct mass_loss : keepalive {
-    // What a receiver saw each time that it got the table: how many losses had been reported.
+    // How many losses had been reported each time that a receiver got the table.
     std::vector<uint64_t> seen;
 
     mass_loss() {
@@ -394,7 +396,7 @@ struct mass_loss : keepalive {
             add(id, {{1, 0}, {0, 0}}, 1);
             add(id, {{1, 0}, {0, 0}}, 1, QNM_WATCH, false);
         }
-        // In the pauses, another thread has to get the table; it waits for it without limit.
+        // In each pause another thread has to get the table; it waits without a limit.
         fail::on_sleep([this](std::chrono::nanoseconds duration) {
             if (duration != k_pause) {
                 if (checked++ != 0) end();
@@ -422,7 +424,7 @@ TEST_F(mass_loss, of_paths_that_expire_lets_receivers_in_after_every_64_reports)
     EXPECT_EQ(channels(), 2 * k_many);
     EXPECT_EQ(logs.count_part(k_info, "_devinfo_keepalive_check: QNSV id=0x"), k_many);
     EXPECT_EQ(logs.count_part(k_info, "_devinfo_keepalive_check: QNIO id=0x"), k_many);
-    // The second one finds nothing.
+    // The second check finds nothing.
     EXPECT_EQ(logs.count(k_trace, "_qnm_interval_check: DEVINFO interval check start"), 2U);
     EXPECT_EQ(logs.count(k_trace, "_qnm_interval_check: DEVINFO interval check end"), 2U);
 }
@@ -455,7 +457,7 @@ TEST_F(mass_loss, of_a_port_ends_with_a_stop) {
     EXPECT_EQ(updates(), 64U);
 }
 
-// The link comes back before the walk has come to an end.
+// The link comes back while the table is still being walked.
 TEST_F(mass_loss, of_a_port_leaves_a_path_that_was_heard_meanwhile) {
     fail::on_sleep([this](std::chrono::nanoseconds) {
         if (!seen.empty()) return;

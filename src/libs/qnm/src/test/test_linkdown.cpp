@@ -53,7 +53,7 @@ struct linkdown : units {
         EXPECT_EQ(fake_netif::listeners(), 0U);
     }
 
-    // Until the watcher has looked at the ports for the first time and waits for notifications.
+    // Waits until the watcher has checked the ports for the first time and waits for notifications.
     void start() {
         const uint64_t before = fail::count(fail::call::poll);
         task = std::thread(_qnm_watch_linkstate, nullptr);
@@ -67,7 +67,7 @@ struct linkdown : units {
         task.join();
     }
 
-    // Until the watcher has taken the notification, has looked at the ports and waits again.
+    // Waits until the watcher has taken the notification, has checked the ports and waits again.
     void notify() {
         std::atomic<uint64_t> polls = UINT64_MAX;
         fail::on(fail::call::recv, [&](uint64_t) {
@@ -79,7 +79,7 @@ struct linkdown : units {
         fail::clear(fail::call::recv);
     }
 
-    // The card, by both ports.
+    // Makes the card known by both ports.
     static void connect() {
         qnm_qnsv_t card = {};
         card.esv_com_dev.ecd_id = k_id;
@@ -137,7 +137,7 @@ TEST_F(linkdown, a_notification_without_a_change_queries_both_ports_silently) {
     const uint64_t before = fail::count(fail::call::ioctl);
     notify();
     stop();
-    // Of each the interface behind its name, and that one's link.
+    // For each port: the interface behind its name, then the link of that interface.
     EXPECT_EQ(fail::count(fail::call::ioctl), before + 4);
     EXPECT_THAT(logs.texts("syslogfile"), IsEmpty());
 }
@@ -213,7 +213,7 @@ constexpr char k_lost[] =
     "(if_index=6): that was removed or renamed. The port counts as down. Restart the manager to "
     "open it anew.";
 
-// What became of the interface behind port 1's name.
+// What has happened to the interface behind port 1's name.
 struct loss_row {
     const char* what;
     void (*lose)();
@@ -238,7 +238,7 @@ TEST_F(linkdown, a_port_whose_name_leads_elsewhere_is_down_and_says_so_once) {
         EXPECT_EQ(logs.texts("logfile", k_error), std::vector<std::string>{k_lost});
         notify();
         EXPECT_EQ(logs.count(k_error, k_lost), 1U) << "once for each change";
-        // The name is that of the opened interface again.
+        // The name belongs to the opened interface again.
         fake_netif::set("port1", {.index = 6, .mac = 0x0A0000000001});
         notify();
         EXPECT_EQ(link_state(1), 1U);

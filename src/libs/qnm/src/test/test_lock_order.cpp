@@ -1,5 +1,6 @@
-// test_lock_order.cpp - a thread that takes the library's locks out of order is stopped, with both
-// names. In builds that check the order only; elsewhere a mutex is the system's and nothing more.
+// test_lock_order.cpp - a thread that takes the library's locks in the wrong order is aborted, and
+// both locks are named. This holds in builds that check the order; in others a mutex is a plain
+// one.
 
 #include <cerrno>
 #include <iterator>
@@ -16,7 +17,7 @@ constexpr uint64_t k_id = 0x001122334454;
 
 struct lock_order : units {
     lock_order() {
-        // The check looks at the dying thread alone; the fork copies no other.
+        // Only the dying thread is checked; fork() copies no other.
         GTEST_FLAG_SET(death_test_style, "fast");
     }
 };
@@ -71,7 +72,7 @@ TEST_F(lock_order_death, the_write_locks_of_two_cards) {
         "write lock of a card taken while write lock of a card is held");
 }
 
-// One per level: a lock that has lost its level would pass.
+// One lock per level: a lock that has lost its level would pass.
 
 TEST_F(lock_order_death, a_callback_list_after_the_table) {
     qnm_cbid_t id = nullptr;
@@ -196,7 +197,7 @@ TEST_F(lock_order_death, anything_after_the_statistics_of_any_level) {
     }
 }
 
-// A lock that follows what a call holds, and nothing else.
+// A lock that may be taken after what a call holds, and no other.
 void expect_taken_by_calls_alone(qnm_mutex_t all_levels::*inner, const std::string& name) {
     for (const auto outer : k_levels) {
         all_levels of;

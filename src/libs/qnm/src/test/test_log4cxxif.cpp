@@ -34,7 +34,7 @@
 
 namespace {
 
-// What was asked for, and the answer to give in place of the real one.
+// What was asked for, and the answer in place of the real one.
 std::vector<std::string> asked;
 std::optional<int> answer;
 
@@ -52,8 +52,8 @@ int __wrap__qnm_file_exist(const char* path) {
     return answer.has_value() ? *answer : __real__qnm_file_exist(path);
 }
 
-// log4cxx::PropertyConfigurator::doConfigure(const File&, LoggerRepositoryPtr). This version of
-// log4cxx catches by itself what goes wrong in a file.
+// Replaces log4cxx::PropertyConfigurator::doConfigure(const File&, LoggerRepositoryPtr). This
+// version of log4cxx catches errors in the file by itself.
 #define DO_CONFIGURE                                                        \
     "_ZN7log4cxx20PropertyConfigurator11doConfigureERKNS_4FileESt10shared_" \
     "ptrINS_3spi16LoggerRepositoryEE"
@@ -128,7 +128,7 @@ TEST_P(LogCall, writes_from_its_level_on_to_its_logger) {
     }
 }
 
-// %n tells whether the format was looked at.
+// With %n, formatting the text would be noticed.
 TEST_P(LogCall, formats_nothing_below_its_level) {
     int formatted = -1;
     set_running_level(row().needs);
@@ -344,7 +344,7 @@ TEST_F(LogInit, takes_a_directory_of_up_to_485_characters) {
     EXPECT_EQ(asked.size(), 1u);
 }
 
-// Replaces the settings of log_capture, whose appender is off the loggers afterwards.
+// Replaces the settings of log_capture. Afterwards its appender is detached from the loggers.
 TEST_F(LogInit, configures_the_loggers_and_logs_the_directory_with_its_location) {
     const std::string output = write_properties();
     EXPECT_EQ(qnm_log_init(dir_.path().c_str()), QNM_API_SUCCESS);
@@ -384,7 +384,7 @@ TEST_F(LogInit, survives_what_log4cxx_throws) {
 
 TEST_F(LogInit, keeps_its_loggers_when_the_host_gives_log4cxx_others) {
     const std::string output = write_properties();
-    // The library alone keeps them meanwhile.
+    // Only the library keeps them meanwhile.
     const std::weak_ptr<log4cxx::spi::LoggerRepository> first =
         log4cxx::LogManager::getLoggerRepository();
     const auto chosen = std::make_shared<chosen_loggers>();
@@ -403,7 +403,7 @@ TEST_F(LogInit, keeps_its_loggers_when_the_host_gives_log4cxx_others) {
 
 // ---- Where there is no log ----------------------------------------------------------------------
 
-// What log4cxx would say by itself comes upon the first line of each logger at the latest.
+// log4cxx's own complaint would appear with the first line of each logger at the latest.
 std::string told_by_reading(const std::string& dir, qnm_api_code_t expected) {
     testing::internal::CaptureStderr();
     EXPECT_EQ(qnm_log_init(dir.c_str()), expected);

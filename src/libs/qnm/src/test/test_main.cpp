@@ -33,7 +33,7 @@ extern "C" int __wrap__qnm_event_timedwait_for(qnm_event_t* evt, uint32_t timeou
                                            holds, arg);
 }
 
-// Which name cannot be made, by its end; null = none.
+// The end of the name that cannot be created; null = none.
 const char* g_refused_name = nullptr;
 
 extern "C" int __wrap__qnm_make_filename(const char* path, const char* file, char* name,
@@ -112,7 +112,7 @@ TEST_F(main_unit, a_stop_during_start_up_is_obeyed) {
 
 TEST_F(main_unit, a_second_start_is_busy_and_silent) {
     start();
-    // Logged behind the flag that start() waits for.
+    // Logged after the flag that start() waits for is set.
     EXPECT_TRUE(logs.wait_for(k_info, "qnm_init_manager: Initialization was completed."));
     const size_t lines = logs.count_part(k_info, "qnm_init_manager");
     EXPECT_EQ(init(), QNM_API_EBUSY);
@@ -180,7 +180,7 @@ TEST_F(main_unit, a_bad_configuration_ends_the_start) {
     expect_restart();
 }
 
-// The properties file's name is the longer one, so that a long directory fails there already.
+// The name of the properties file is the longer one, so a long directory name fails there first.
 TEST_F(main_unit, a_configuration_whose_name_cannot_be_made_ends_the_start) {
     g_refused_name = "conf/qnm.conf";
     EXPECT_EQ(init(), QNM_API_EPROTO);
@@ -241,7 +241,7 @@ TEST_F(main_unit, without_any_port_the_start_fails) {
     expect_restart();
 }
 
-// Which thread does not start, and what the log calls it.
+// The thread that does not start, and its name in the log.
 struct thread_row {
     unsigned number;
     const char* label;
@@ -282,7 +282,7 @@ TEST_F(main_unit, one_receive_thread_is_enough_and_none_is_not) {
 }
 
 TEST_F(main_unit, a_unit_that_fails_undoes_those_before_it) {
-    // The first event is the statistics', the second the event thread's.
+    // The first event belongs to the statistics, the second to the event thread.
     fail::nth(fail::call::pthread_condattr_setclock, 2, EINVAL);
     EXPECT_EQ(init(), QNM_API_EPROTO);
     EXPECT_THAT(infos_with("_fini: end."), ElementsAre("_qnm_blacklist_fini", "_qnm_qn_fini",
@@ -290,14 +290,14 @@ TEST_F(main_unit, a_unit_that_fails_undoes_those_before_it) {
     expect_restart();
 }
 
-// The event thread, which looks around once a second, does not keep the manager from ending.
+// The event thread wakes once a second. That must not delay the end of the manager.
 struct event_thread_that_sleeps : main_unit {
     static constexpr uint32_t k_event_wait = 1000;
 
     event_thread_that_sleeps() { g_endless_wait = k_event_wait; }
     ~event_thread_that_sleeps() override { g_endless_wait = 0; }
 
-    // The manager has to end by itself; else the thread is woken by other means.
+    // The manager has to end by itself. If it does not, the thread is woken in another way.
     void expect_end(std::atomic<bool>& ended) {
         EXPECT_TRUE(wait_until([&] { return ended.load(); })) << "the event thread is not woken";
         while (!ended) {
@@ -334,7 +334,7 @@ TEST_F(event_thread_that_sleeps, is_woken_by_a_start_that_fails_behind_it) {
         fail::on(fail::call::pthread_create,
                  [thread, before = fail::count(fail::call::pthread_create)](uint64_t number) {
                      if (number != before + thread) return fail::pass;
-                     // The event thread sleeps already.
+                     // The event thread is asleep already.
                      EXPECT_TRUE(wait_until(
                          [] { return fail::count(fail::call::pthread_cond_timedwait) != 0; }));
                      return fail::outcome(EAGAIN);
@@ -359,7 +359,7 @@ TEST_F(main_unit, an_internal_error_ends_the_manager_with_its_code) {
     expect_restart();
 }
 
-// A card that does not answer, announced, and threads inside calls for it.
+// A card that is announced but does not answer, and threads inside calls for it.
 struct calls_at_a_stop : main_unit {
     static constexpr uint64_t k_mac = 0x020000001000;
     static constexpr qnm_retry_t k_long = {.er_retry_count = 5, .er_retry_interval = 3'600'000};
@@ -390,7 +390,7 @@ TEST_F(calls_at_a_stop, waiting_and_queued_calls_leave_and_the_manager_starts_ag
         uint32_t data = 0;
         EXPECT_EQ(qnm_read_register(id, 0x10, &data, &k_long, 0), QNM_API_ENOSYS);
     });
-    // The first holds the card's write lock while it waits, the others queue for it.
+    // The first thread holds the card's write lock while it waits, the others queue for the lock.
     for (int n = 0; n < 3; n++) {
         callers.emplace_back(
             [id] { EXPECT_EQ(qnm_modify_register(id, 0x10, 1, 1, &k_long, 0), QNM_API_ENOSYS); });

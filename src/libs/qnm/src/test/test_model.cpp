@@ -1,5 +1,5 @@
 // test_model.cpp - the library beside its model: random sequences of frames, time, link changes and
-// public calls, done to both, which have to agree in everything after every step.
+// public calls, done to both. After every step both have to agree in everything.
 //
 // A difference is reported with the seed, the number of the step and the last steps. How to run
 // longer or from another seed stands in model/settings.h.
@@ -23,8 +23,8 @@ using steps::what;
 constexpr uint64_t k_sequences = 16;
 constexpr size_t k_shown = 12;  // of the last steps
 
-// Each list call after each step would be most of the work; every so many steps find as much, as
-// what a list is made of is compared after each.
+// Making every list call after each step would be most of the work. Once in a while finds as much,
+// because what the lists are made of is compared after each step.
 constexpr uint64_t k_lists_every = 4;
 
 // ---- The steps done to the model ----------------------------------------------------------------
@@ -59,7 +59,7 @@ outcome use_callback_wrongly(model::state& s, const step& it) {
     return unregister_callback(s, 0, -1);
 }
 
-// What the counters were at the end is the record.
+// The record of the counters keeps their values from the end.
 outcome restart(model::state& s) {
     finish(s);
     const auto* const bytes = reinterpret_cast<const unsigned char*>(&s.counters);
@@ -181,14 +181,14 @@ struct ModelSequence : library, testing::WithParamInterface<uint64_t> {
     model::state expected = {};
     std::deque<step> last_steps;
 
-    // One step; what the two do not agree in.
+    // Does one step; returns what the two disagree in.
     std::string walk(const step& it) {
         std::string text = different_results(library::apply(it), ::apply(expected, it));
         if (it.delivers) text += different_calls(library::deliver(), ::deliver(expected));
         return text + difference(expected);
     }
 
-    // Both are asked for every kind of list.
+    // Makes every kind of list call on both.
     std::string ask_for_lists(steps::source& source) {
         std::string text;
         for (const model::kind which : model::k_kinds) {

@@ -1,4 +1,4 @@
-// test_paced_log.cpp - lines that frames can cause: one at once, then one a second.
+// test_paced_log.cpp - log lines that frames can cause: the first at once, then one a second.
 
 #include "qnm_paced_log.h"
 
@@ -19,7 +19,7 @@ struct paced : units {
         _qnm_paced_init();
     }
 
-    // As the library's own code does.
+    // As in the library's own code.
     static void write(const char* func, qnm_paced_line_t line = QNM_PACED_TAG) {
         if (_qnm_paced_may_write(line, func)) qnm_log_warn("%s: Oh! tag=%d", func, 1);
     }

@@ -1,4 +1,4 @@
-// test_port_lock.cpp - one manager at a time accesses cards by an interface.
+// test_port_lock.cpp - only one manager at a time accesses cards through an interface.
 
 #include "qnm_port_lock.h"
 
@@ -22,7 +22,7 @@ using testing::SizeIs;
 
 constexpr int k_index[2] = {5, 6};  // of the ports
 
-// Another process, which does something and then stays until it is told to end, or is killed.
+// Another process, which does something and then stays until it is told to end or is killed.
 class other_process {
   public:
     explicit other_process(const std::function<void()>& work) {
@@ -66,14 +66,14 @@ void lock_first_port() {
     if (_qnm_port_lock_take(0) != 0) _exit(1);
 }
 
-// As a process of an ordinary user.
+// Leaves the process the privileges of an ordinary user.
 void drop_capabilities() {
     __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
     __user_cap_data_struct data[_LINUX_CAPABILITY_U32S_3] = {};
     if (syscall(SYS_capset, &header, data) != 0) _exit(1);
 }
 
-// The first test, as a process has one first time.
+// Has to run first, because only the first registration in a process can fail.
 TEST_F(ports, without_a_way_to_hear_of_forks_tells_so_and_tries_again) {
     const uint64_t before = fail::count(fail::call::pthread_atfork);
     fail::nth(fail::call::pthread_atfork, 1, ENOMEM);
@@ -89,8 +89,8 @@ TEST_F(ports, without_a_way_to_hear_of_forks_tells_so_and_tries_again) {
 struct port_lock : card_units {
     port_lock() {
         open();
-        // What cannot be read of a process speaks for it: it is a manager, also where the tests
-        // run without privileges.
+        // A process that cannot be read about counts as a manager, also where the tests run without
+        // privileges.
         fail::always(fail::call::fopen, EACCES);
         fail::on_sleep([](std::chrono::nanoseconds) {});
         logs.clear();
@@ -263,7 +263,7 @@ TEST_F(port_lock, is_not_kept_by_a_child) {
     EXPECT_TRUE(logs.has(k_error, line_of(other.pid(), "")));
 }
 
-// As one of a program that makes its processes by clone(): no handler has run there.
+// As in a program that makes its processes by clone(), so no fork handler has run there.
 TEST_F(port_lock, is_not_kept_by_a_child_that_has_the_socket) {
     ASSERT_EQ(_qnm_port_lock_take(0), 0);
     const pid_t child = _Fork();
@@ -286,7 +286,7 @@ TEST_F(port_lock, is_not_kept_by_a_child_that_has_the_socket) {
     });
 }
 
-// The holder is asked once for each look after the guests, however often the name is tried for.
+// The holder is asked once for each check of its guests, however often the name is tried.
 TEST_F(port_lock, asks_its_holder_from_time_to_time_only) {
     const other_process other(lock_first_port);
     for (int n = 0; n < 50; n++)
@@ -331,7 +331,8 @@ TEST_F(port_lock, names_a_process_by_its_printable_name) {
         prctl(PR_SET_NAME, "bad\x1B[31m\nname");
         lock_first_port();
     });
-    // Whether it is a manager depends on the privileges of this test, its name does not.
+    // Whether the process counts as a manager depends on the privileges of this test; its name does
+    // not.
     _qnm_port_lock_take(0);
     ASSERT_THAT(logs.lines(), SizeIs(1));
     EXPECT_THAT(logs.texts("logfile").front(), testing::HasSubstr("(bad?[31m)"));
@@ -409,7 +410,7 @@ TEST_F(passed_over, gives_way_when_it_ends) {
     EXPECT_EQ(logs.lines().size(), 1U);
 }
 
-// Who has bound the name and is about to listen is a manager nevertheless.
+// A process that has bound the name but does not listen yet is a manager nevertheless.
 TEST_F(port_lock, waits_for_one_who_has_bound_it_and_does_not_listen_yet) {
     const other_process other(lock_first_port);
     fail::nth(fail::call::connect, 1, ECONNREFUSED);
@@ -417,7 +418,7 @@ TEST_F(port_lock, waits_for_one_who_has_bound_it_and_does_not_listen_yet) {
     EXPECT_EQ(fail::count(fail::call::connect), 2U);
 }
 
-// Somebody has connected to the manager until there was no room, which it makes when it next looks.
+// Somebody has filled the manager's backlog. The manager makes room when it next looks.
 TEST_F(port_lock, waits_for_a_manager_whose_guests_have_taken_all_room) {
     const other_process other(lock_first_port);
     int sleeps = 0;
@@ -522,7 +523,7 @@ constexpr char k_taken_name[] =
     "_qnm_port_lock_take: The lock of the port is taken and nobody answers there. Going on without "
     "it. port_num=0";
 
-// What a process does that has the name and is in no group.
+// What a process does that holds the name but is in no group.
 void take_name_alone() {
     fake_netif::set_fanout(fake_netif::fanout::none);
     lock_first_port();
@@ -533,7 +534,7 @@ void expect_refused() {
     if (_qnm_port_lock_take(0) != EBUSY) _exit(1);
 }
 
-// The kernel's groups in which there is room for one decide, and the name only tells.
+// Groups of the kernel with room for one member decide; the name only says who holds it.
 struct port_group : port_lock {
     port_group() {
         use(fake_netif::fanout::kept);
@@ -582,7 +583,7 @@ TEST_F(port_group, of_another_process_refuses_and_the_name_tells_which) {
     EXPECT_EQ(logs.texts("logfile", k_warn).size(), 0U);
 }
 
-// A backlog that somebody has filled hides the other manager no longer.
+// A full backlog must not hide the other manager.
 TEST_F(port_group, of_another_process_refuses_where_the_name_tells_nothing) {
     const other_process other(lock_first_port);
     for (const int err : {EAGAIN, ECONNREFUSED}) {
@@ -681,7 +682,7 @@ TEST_F(port_group, is_not_kept_by_a_child) {
     EXPECT_EQ(_qnm_port_lock_take(0), EBUSY);
 }
 
-// By a way that runs no handlers; the kernel leaves the group with the last copy of the socket.
+// Forks without running handlers. The kernel leaves the group with the last copy of the socket.
 TEST_F(port_group, is_kept_by_a_child_that_no_handler_sees_until_it_ends) {
     ASSERT_EQ(_qnm_port_lock_take(0), 0);
     const pid_t child = _Fork();
@@ -724,7 +725,7 @@ TEST_F(port_group, leaves_no_descriptor_behind) {
 
 // ---- Where the group decides nothing ------------------------------------------------------------
 
-// Another program has its number, or the kernel knows no limit of members.
+// Another program uses the same number, or the kernel does not limit the number of members.
 TEST_F(port_group, that_cannot_be_joined_leaves_the_decision_to_the_name) {
     fail::always(fail::call::setsockopt, EINVAL);
     EXPECT_EQ(_qnm_port_lock_take(0), 0);
@@ -743,7 +744,7 @@ TEST_F(port_group, that_cannot_be_joined_leaves_the_decision_to_the_name) {
     EXPECT_TRUE(logs.texts("logfile", k_warn).empty());
 }
 
-// The other program has gone, or the interface is up again.
+// The group can be joined later: the other program has gone, or the interface is up again.
 TEST_F(port_group, that_could_not_be_joined_is_tried_for_again) {
     const uint64_t before = fail::count(fail::call::setsockopt);
     fail::nth(fail::call::setsockopt, 1, EINVAL);
@@ -782,7 +783,7 @@ TEST_F(port_group, that_does_not_keep_others_out_leaves_the_decision_to_the_name
     const other_process other(expect_refused);
 }
 
-// Not even tried, so that nobody who has the name is passed over.
+// The group is not even tried, so whoever holds the name is not passed over.
 TEST_F(port_group, that_cannot_be_tried_leaves_the_decision_to_the_name_and_keeps_others_out) {
     close_ports();
     fail::nth(fail::call::socket, 4, EMFILE);  // behind those for the group, the name and questions

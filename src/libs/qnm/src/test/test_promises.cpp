@@ -1,5 +1,5 @@
-// test_promises.cpp - the table of what each call promises: the same in the public header and in
-// the document, and with a row for each public function.
+// test_promises.cpp - the table of what each call promises is the same in the public header and in
+// the document, and has a row for each public function.
 
 #include <fnmatch.h>
 #include <gmock/gmock.h>
@@ -37,7 +37,7 @@ row cells_of(const std::string& line, const std::string& separator) {
     return cells;
 }
 
-// From the row of headings to the first line that has no cells.
+// From the row of headings to the first line without cells.
 std::vector<row> table_in(const char* path, const std::string& margin,
                           const std::string& separator) {
     std::vector<row> table;
@@ -63,7 +63,7 @@ std::string text_of(const char* path) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-// The functions that the header brings with it.
+// The functions that the header declares.
 std::vector<std::string> inline_functions(const std::string& header) {
     const std::regex pattern(R"(\nstatic inline [^(]*\b(qnm_\w+)\()");
     std::vector<std::string> functions;
@@ -72,7 +72,7 @@ std::vector<std::string> inline_functions(const std::string& header) {
     return functions;
 }
 
-// Without the records that are exported besides, which are not part of the public header.
+// Leaves out the records that are exported besides, which are not part of the public header.
 std::vector<std::string> public_functions() {
     const std::string header = text_of(QNM_HEADER);
     std::vector<std::string> functions = inline_functions(header);
@@ -93,7 +93,7 @@ TEST(promises, stand_for_each_public_function_in_one_row) {
         row rows;
         for (const row& it : table)
             if (fnmatch(it.front().c_str(), function.c_str(), 0) == 0) rows.push_back(it.front());
-        // A row of one name goes before one of several, as qnm_log_init before qnm_log_*.
+        // A row for one name has precedence over a row for several, as qnm_log_init over qnm_log_*.
         if (rows.size() > 1) std::erase_if(rows, [&](const auto& it) { return it != function; });
         EXPECT_THAT(rows, SizeIs(1)) << function;
         used.insert(rows.begin(), rows.end());

@@ -117,7 +117,7 @@ TEST_F(qn_dump, the_detail_shows_every_field) {
     EXPECT_EQ(lines.back(), " ");
 }
 
-// Enough cards of both kinds, in groups of their own, that the dump copies them in many goes.
+// Enough cards of both kinds, each in its own group, for the dump to copy them in many steps.
 struct long_dump : qn_dump {
     static constexpr uint64_t k_cards = 300;
 
@@ -182,7 +182,8 @@ TEST_F(long_dump, has_every_card_and_group_once_and_in_order) {
     EXPECT_EQ(detailed(), expected);
 }
 
-// The card that the dump has come to is gone when it goes on; others come before and behind it.
+// The card at which the dump has stopped is deleted before it goes on; others are added before and
+// after it.
 TEST_F(long_dump, goes_on_behind_cards_that_are_deleted_meanwhile) {
     bool added = false;
     logs.on_line([&](const log_line& line) {

@@ -22,7 +22,7 @@ extern "C" int __wrap__qnm_mutex_init_st(qnm_mutex_t* mutex) {
     return g_mutex_result != 0 ? g_mutex_result : __real__qnm_mutex_init_st(mutex);
 }
 
-// The public calls of a kind, beside what the library itself knows of it.
+// The public calls of one kind, beside what the library itself knows of that kind.
 struct server : qnm::qnsv_kind {
     static constexpr auto get_public = qnm_get_qnsv;
     static constexpr auto ids = qnm_get_qnsvids;
@@ -74,7 +74,7 @@ struct tables : units {
         return at == std::string::npos ? text : text.replace(at, 3, Kind::suffix);
     }
 
-    // Takes a list over and gives it back.
+    // Takes over a list and frees it.
     static std::vector<uint64_t> taken(uint64_t* list, uint32_t count) {
         std::vector<uint64_t> ids(list, list + count);
         EXPECT_EQ(qnm_free_idlist(list), QNM_API_SUCCESS);
@@ -351,9 +351,9 @@ TEST_F(qn_info, a_lookup_among_both_kinds_prefers_servers) {
     EXPECT_TRUE(logs.has(k_warn, "_qnm_get_qndev_rid: Failed to _qnm_get_qnsv(). err=22"));
 }
 
-// A card of each kind under one ID, of which the VLAN ID tells them apart.
+// A card of each kind with the same ID; their VLAN IDs tell them apart.
 struct qn_info_twins : qn_info {
-    // Adds both, the one of either kind with these paths.
+    // Adds both cards with these paths.
     void add_twins(uint32_t qnsv_state, uint32_t qnio_state) {
         qnm_qnsv_t qnsv = {};
         qnsv.esv_com_dev.ecd_id = 1;

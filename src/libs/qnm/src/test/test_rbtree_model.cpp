@@ -1,8 +1,8 @@
-// test_rbtree_model.cpp - the red-black tree beside std::map: random sequences of all operations,
-// after each of which both hold the same records in the same order and the tree keeps its rules.
+// test_rbtree_model.cpp - the red-black tree beside std::map: after each operation of a random
+// sequence both hold the same records in the same order, and the tree keeps its rules.
 //
-// A record is freed as soon as it is out of the tree, so that AddressSanitizer sees a link that was
-// left to it.
+// A record is freed as soon as it is out of the tree, so that AddressSanitizer finds links that
+// still point to it.
 
 #include <gtest/gtest.h>
 
@@ -25,7 +25,7 @@ using records_t = std::map<uint64_t, std::unique_ptr<record>>;
 
 constexpr uint64_t k_sequences = 8;
 
-// Keys are drawn from this many, so that small trees and large ones come up.
+// Keys are drawn from so few that small and large trees occur.
 constexpr uint64_t k_key_ranges[k_sequences] = {3, 8, 16, 40, 80, 120, 200, 300};
 
 struct TreeSequence : testing::TestWithParam<uint64_t> {
@@ -84,7 +84,7 @@ struct TreeSequence : testing::TestWithParam<uint64_t> {
                   above != expected.begin() ? std::prev(above)->second.get() : nullptr);
     }
 
-    // Every record is handed over once, with its children gone, and is free to be freed.
+    // Every record is handed over once, without its children, and may be freed then.
     void clear(uint64_t) {
         _qnm_rbtree_clear(
             &tree,

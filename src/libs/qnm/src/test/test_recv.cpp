@@ -28,7 +28,7 @@ using testing::HasSubstr;
 struct recv : ports {
     static uint64_t received(int port = 0) { return counted(port, QNM_STATS_R_TOTAL); }
 
-    // A frame that a check refuses with this line.
+    // Expects that a check drops the frame with this line.
     void expect_dropped(const frame_t& frame, const std::string& line) {
         logs.clear();
         EXPECT_EQ(receive(frame), 0);
@@ -57,7 +57,7 @@ TEST_F(recv, a_frame_below_28_bytes_is_too_short) {
     expect_dropped(frames::build(it), "_check_frame: Recv size is too short. len=27");
 }
 
-// How long a frame is, by what was captured of it and its length on the wire.
+// The length of a frame: captured, and on the wire.
 struct length_row {
     size_t captured;
     uint32_t on_wire;
@@ -139,7 +139,7 @@ TEST_F(recv, other_subtypes_are_refused) {
     }
 }
 
-// The least length of an announcement, by subtype, host and version.
+// The minimum length of an announcement, by subtype, host and version.
 struct size_row {
     uint8_t subtype, host, version;
     size_t least;
@@ -222,7 +222,7 @@ TEST_F(recv, every_kind_is_dispatched_and_counted_on_its_port) {
 
 // ---- Ports that are down ------------------------------------------------------------------------
 
-// Port 0 as the watcher has left it, and as its link is now.
+// Port 0 with the state that the watcher has set and the present state of its link.
 struct recv_on_a_port_down : recv {
     recv_on_a_port_down() {
         strcpy(qnm_config.ether_port_name[0], name(0).c_str());
@@ -251,7 +251,7 @@ TEST_F(recv_on_a_port_down, an_announcement_connects_no_card) {
     EXPECT_EQ(qnm_stats.est_sv_node_al, 0U);
 }
 
-// In the order in which the link loss and a frame that came before it are taken in.
+// The frame came before the link was lost; the two are handled in that order.
 TEST_F(recv_on_a_port_down, a_card_that_was_disconnected_stays_so) {
     qnm::store(qnm_root.er_port_info[0].epi_link_state, 1U);
     EXPECT_EQ(receive(frames::build(small())), 0);
@@ -277,7 +277,7 @@ TEST_F(recv_on_a_port_down, a_link_that_is_back_counts_before_the_watcher_has_st
     EXPECT_EQ(qnm::load(qnm_root.er_port_info[0].epi_link_state), 0U) << "the watcher stores it";
 }
 
-// A read that awaits its Completion by port 1, with tag 7.
+// A read that waits for its Completion on port 1, with tag 7.
 struct recv_completion : recv {
     static constexpr uint64_t k_mac = 0x020000001001;
     static constexpr frames::completion k_answer = {
@@ -537,7 +537,7 @@ TEST_F(recv, an_interface_that_is_down_is_survived) {
     EXPECT_EQ(qnm::load(internal_err), 0);
 }
 
-// Another thread has taken the error since the poll: a real socket, which has none pending.
+// Another thread has taken the socket's error since the poll, so a real socket has none pending.
 TEST_F(recv, an_error_that_a_sender_has_taken_is_not_waited_for) {
     int ends[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, ends), 0);
@@ -582,7 +582,7 @@ TEST_F(recv, a_port_that_fails_is_fatal) {
     EXPECT_EQ(qnm::load(internal_err), EPROTO);
 }
 
-// Takes what is queued on port 0 in, and ends the loop where it would sleep.
+// Handles what is queued on port 0 and ends the loop when it would sleep.
 void take_all_in() {
     fail::on_poll([](auto, int timeout_ms) -> std::optional<fail::poll_result> {
         if (fake_pcap::queued("port0") != 0) return std::nullopt;

@@ -1,4 +1,4 @@
-// test_recv_batch.cpp - frames that are taken several at a time, out of a backlog.
+// test_recv_batch.cpp - frames of a backlog, several of which are taken at a time.
 
 #include <pcap/pcap.h>
 
@@ -19,7 +19,7 @@ std::function<void()> g_at_dispatch;
 
 }  // namespace
 
-// The entry points that the fake libpcap leaves out, made of those that it has.
+// The entry points that the fake libpcap lacks, made from those that it has.
 int pcap_dispatch(pcap_t* p, int count, pcap_handler take, unsigned char* arg) {
     int taken = 0;
     int result = 1;
@@ -77,7 +77,7 @@ TEST_F(recv_batch, up_to_64_frames_are_taken_between_two_polls) {
     EXPECT_EQ(received(), 74U);
 }
 
-// With every frame a card comes.
+// Every frame adds a card.
 void push_cards(uint64_t cards) {
     for (uint64_t n = 0; n < cards; n++) {
         frames::announcement card;

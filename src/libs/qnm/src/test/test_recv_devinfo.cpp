@@ -16,7 +16,7 @@ using testing::IsEmpty;
 
 constexpr uint64_t k_id = 0x020000001000;
 
-// Errors that the internal calls return in place of their own result.
+// Errors that the internal calls return in place of their own results.
 int g_set_result = 0;
 int g_get_result = 0;
 int g_create_result = 0;
@@ -50,7 +50,7 @@ extern "C" int __wrap__qnm_create_reg_lock_node(uint64_t id) {
 struct devinfo : units {
     ~devinfo() override { g_set_result = g_get_result = g_create_result = 0; }
 
-    // Hands a frame over and returns the events that it has queued, by type.
+    // Hands over a frame and returns the types of the events that it queued.
     std::vector<int> receive(const frame_t& frame, int port = 0, uint8_t vlan_mode = 0) {
         uint64_t before[QNM_EVT_MAX];
         std::copy(std::begin(qnm_stats.est_evt), std::end(qnm_stats.est_evt), before);
@@ -91,7 +91,7 @@ announcement qnio_frame() {
     return it;
 }
 
-// What differs between the kinds in lines and frames.
+// How the kinds differ in log lines and frames.
 struct kind_words {
     uint8_t host;
     const char* name;
@@ -488,7 +488,7 @@ TEST_F(devinfo, a_lost_event_does_not_stop_the_frame) {
 
 // ---- Full tables --------------------------------------------------------------------------------
 
-// As many cards as there may be, of both kinds, with even IDs from 2 on.
+// The maximum number of cards, of both kinds, with even IDs from 2 on.
 struct full_tables : devinfo {
     full_tables() {
         const qnm::table_guard lock;
@@ -496,7 +496,7 @@ struct full_tables : devinfo {
             qnm_qnsv_t server = {};
             qnm_qnio_t io = {};
             server.esv_com_dev.ecd_id = io.eio_com_dev.ecd_id = 2 * n;
-            // QNSV records are large; a few will do.
+            // QNSV records are large, so there are only a few.
             const int err = n % 64 == 0 ? _qnm_set_qnsv(2 * n, &server, QNM_WATCH, 0, QNM_VALID_ALL)
                                         : _qnm_set_qnio(2 * n, &io, QNM_WATCH, 0, QNM_VALID_ALL);
             EXPECT_EQ(err, 0);
@@ -550,7 +550,7 @@ TEST_F(full_tables, take_a_new_card_when_one_has_been_deleted) {
     EXPECT_EQ(total(), qnm::k_cards_max);
 }
 
-// Forged IDs whose cards the host deletes again and again.
+// Forged IDs of cards that the host deletes again and again.
 TEST_F(full_tables, hold_no_more_write_locks_than_cards_and_spare_ones) {
     const auto locks = [] {
         const qnm::mutex_guard lock(qnm_stats_mutex);

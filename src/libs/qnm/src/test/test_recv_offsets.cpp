@@ -1,8 +1,8 @@
-// test_recv_offsets.cpp - frames at addresses that suit no number in them.
+// test_recv_offsets.cpp - frames at addresses that are not aligned for the numbers in them.
 //
-// In libpcap's ring a frame begins two bytes behind an aligned address, in a file anywhere. x86-64
-// and arm64 mostly read a number from any address all the same, so a careless read shows to
-// UndefinedBehaviorSanitizer only.
+// In libpcap's ring a frame begins two bytes after an aligned address, in a file anywhere. On
+// x86-64 and arm64 most unaligned reads work, so only UndefinedBehaviorSanitizer finds a careless
+// one.
 
 #include <cstring>
 #include <utility>
@@ -18,14 +18,14 @@ using frames::frame_t;
 constexpr size_t k_offsets = 16;
 
 struct recv_offsets : ports {
-    // Takes the frame in at that many bytes behind an address that suits every type.
+    // Handles the frame at that many bytes after an aligned address.
     static int receive_at(size_t offset, const frame_t& frame) {
         fake_pcap::set_frame_offset(offset);
         return receive(frame);
     }
 };
 
-// A record without what differs between two cards that announce the same.
+// A record without the fields that differ between two cards with the same announcement.
 template <typename Record>
 Record without_own(Record record, qnm_com_dev_t Record::*common) {
     qnm_com_dev_t& own = record.*common;
@@ -48,7 +48,7 @@ qnm_qnio_t record_of(uint64_t id, qnm_qnio_t) {
     return without_own(record, &qnm_qnio_t::eio_com_dev);
 }
 
-// An announcement of the kind by this card, no byte of its payload like its neighbours.
+// An announcement of this kind by this card; neighbouring bytes of its payload always differ.
 frame_t announced(const frame_kind& it, uint64_t id) {
     frames::announcement announcement = it.announcement;
     announcement.mac = id;
@@ -58,7 +58,7 @@ frame_t announced(const frame_kind& it, uint64_t id) {
     return frame;
 }
 
-// By cards from this ID on, one for each offset.
+// From cards with this ID and those that follow, one for each offset.
 template <typename Record>
 void expect_the_same_at_every_offset(const frame_kind& it, uint64_t first) {
     constexpr uint64_t k_step = 2;  // IDs of 40G cards are even

@@ -95,7 +95,7 @@ struct calls : registers {
         };
     }
 
-    // The call fails as told, is logged and counted, and leaves its outputs alone.
+    // Expects that the call fails as stated, is logged and counted, and leaves its outputs alone.
     void expect_failure(const call& it, qnm_api_code_t ret, uint64_t id, const qnm_retry_t* retry,
                         uint32_t flags) {
         const uint64_t before = qnm_stats.est_func_code[it.func][ret];
@@ -179,7 +179,7 @@ TEST_F(calls, the_verify_flag_reaches_write_and_modify_and_other_bits_nobody) {
                          "data=0x00000005, retry_cnt=2, retry_int=1, flags=0xFFFFFFFC"));
 }
 
-// Without a manager nothing but the entry line would look at them.
+// Without a manager only the log line on entry would look at them.
 TEST_F(calls, no_line_is_prepared_below_its_level) {
     set_flags(1, 0, 1);
     void* const page = mmap(nullptr, 1, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -496,14 +496,14 @@ TEST_F(calls, an_ignored_card_is_refused_before_its_lock_is_taken) {
     EXPECT_EQ(_qnm_write_reg_unlock(k_id), 0);
 }
 
-// Runs work while another thread is inside call, queued on the card's lock.
+// Runs work while another thread is inside call and waits for the card's lock.
 template <typename Work>
 void while_queued(const calls::call& it, qnm_api_code_t expected, Work work) {
     ASSERT_EQ(_qnm_write_reg_lock(k_id), 0);
     const uint64_t locked = fail::count(fail::call::pthread_mutex_lock);
     std::thread other(
         [&] { EXPECT_EQ(it.run(k_id, &card_units::k_retry, 0), expected) << it.name; });
-    // The device tables, the map of locks, the lock.
+    // The locks of the device tables, of the map, and of the card.
     EXPECT_TRUE(
         wait_until([&] { return fail::count(fail::call::pthread_mutex_lock) >= locked + 3; }));
     work();

@@ -27,7 +27,7 @@ extern "C" int __real__qnm_release_tag(int tag);
 
 bool g_stop_at_release = false;
 
-// Between a read's last look at the stop flag and its caller's.
+// A stop between a read's last check of the stop flag and that of its caller.
 extern "C" int __wrap__qnm_release_tag(int tag) {
     if (g_stop_at_release) registers::stop();
     return __real__qnm_release_tag(tag);
@@ -134,7 +134,7 @@ TEST_F(reg_loops, an_answer_that_comes_as_the_wait_expires_counts) {
     card.set_reachable(false);
     std::thread late;
     fail::on(fail::call::pthread_cond_timedwait, [&](uint64_t) {
-        // On other threads: this one holds the mutex of the tag's event.
+        // On other threads, because this one holds the mutex of the tag's event.
         const answering_card::access asked = card.accesses().front();
         late = std::thread([this, asked] { card.answer(asked, 0x55); });
         std::thread look([asked] {

@@ -1,5 +1,5 @@
-// test_send_frame.cpp - the senders: every frame byte for byte, the path that it takes, and what is
-// counted and logged.
+// test_send_frame.cpp - the senders: every frame byte for byte, its path, and what is counted and
+// logged.
 
 #include "qnm_send_frame.h"
 
@@ -16,7 +16,7 @@ namespace {
 using frames::frame_t;
 using testing::ElementsAre;
 
-// What has been counted, in order, and whether the frame had left by then.
+// The counters in the order in which they were counted, and whether the frame had left by then.
 struct count_call {
     int port;
     qnm_stats_type_t type;
@@ -45,7 +45,7 @@ extern "C" int __wrap__qnm_mutex_lock(qnm_mutex_t* mutex) {
 constexpr uint64_t k_mac = 0x0200AABBCC10;
 constexpr uint32_t k_page_data[32] = {0x04030201, 0xFFEEDDCC};
 
-// A card on VLAN 0x123 that is connected by one path.
+// A card on VLAN 0x123 with one connected path.
 qnm_com_dev_t card(int port, int mac_bit) {
     qnm_com_dev_t dev = {};
     dev.ecd_id = k_mac;
@@ -126,7 +126,7 @@ const frame_t k_second_mac = {0x02, 0x00, 0xAA, 0xBB, 0xCC, 0x11};
 const frame_t k_broadcast_mac = {0x03, 0x00, 0xFF, 0xFF, 0xFF, 0xFF};  // unless configured
 
 struct send_frame : ports {
-    // The frame that has to leave when the header's bytes from 12 are these.
+    // The frame that is expected when these are bytes 12 and following of the header.
     static frame_t expected(const sender& it, const frame_t& dmac, int port, const frame_t& rest) {
         frame_t frame = it.to_broadcast ? k_broadcast_mac : dmac;
         for (int shift = 40; shift >= 0; shift -= 8)
@@ -142,7 +142,7 @@ struct send_frame : ports {
         return sent.empty() ? frame_t() : sent.back();
     }
 
-    // All that is counted per frame, on both ports.
+    // Everything that is counted per frame, on both ports.
     static uint64_t all_counted() {
         uint64_t sum = 0;
         for (int type = 0; type < QNM_STATS_TYPE_MAX; type++)

@@ -165,7 +165,7 @@ TEST_F(socket_unit, the_link_state_is_read_back) {
     EXPECT_EQ(logs.count(k_error, "_qnm_get_linkstate_lin: Failed to pcap_fileno()."), 2U);
 }
 
-// Whether the port's name still leads to its interface, and whether the port is down.
+// Whether the port's name still belongs to its interface, and whether the port is down.
 TEST_F(socket_unit, the_interface_behind_the_name_is_compared) {
     EXPECT_FALSE(_qnm_is_port_down(1)) << "a closed port has no link to lose";
     EXPECT_EQ(open(), 0);

@@ -17,7 +17,7 @@ extern "C" int __wrap__qnm_mutex_init_st(qnm_mutex_t* mutex) {
     return g_mutex_result != 0 ? g_mutex_result : __real__qnm_mutex_init_st(mutex);
 }
 
-// The tables print their own section; here it is one line, at which a test may also step in.
+// The tables print their own section. Here it is one line, at which a test may also act.
 std::function<void()> g_in_dump = [] {};
 extern "C" void __wrap__qnm_qn_stats_print(uint32_t verbose) {
     qnm_statslog("(tables v%u)", verbose);
@@ -254,8 +254,8 @@ TEST_F(stats, a_failed_wait_ends_the_thread_with_a_warning) {
     EXPECT_EQ(dumps(), 1U);
 }
 
-// The stop's signal reaches nobody while the thread writes, at whatever line. With an interval of
-// an hour only a look at the flag before the sleep lets the thread end.
+// The stop signals nobody while the thread writes, at whatever line that is. With an interval of an
+// hour, only checking the flag before the sleep lets the thread end.
 TEST_F(stats, a_stop_at_any_point_of_a_dump_ends_the_thread_with_a_last_dump) {
     qnm_config.stats_interval = 3600;
     fail::on(fail::call::pthread_cond_timedwait, [](std::uint64_t) {
@@ -264,8 +264,8 @@ TEST_F(stats, a_stop_at_any_point_of_a_dump_ends_the_thread_with_a_last_dump) {
     });
     const auto stop = [] { qnm::store(qnm_root.er_fini_flag, 0U); };
     const auto locks = [] { return fail::count(fail::call::pthread_mutex_lock); };
-    // With the stop requested before its start the thread writes two dumps; besides their own
-    // locks there is the one of the wait between them.
+    // With the stop requested before its start, the thread writes two dumps. Besides their locks,
+    // only the wait between them takes one.
     stop();
     const std::uint64_t before = locks();
     _qnm_stats_task(nullptr);

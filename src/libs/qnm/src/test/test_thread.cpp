@@ -1,7 +1,7 @@
 // test_thread.cpp - mutex, event and thread primitives.
 //
-// A waiter counts as waiting once its call of the condition variable has been counted: it holds the
-// event's mutex from there until it sleeps, so _qnm_event_set cannot come too early.
+// A waiter counts as waiting once its call of the condition variable has been counted: from then on
+// it holds the event's mutex until it sleeps, so _qnm_event_set cannot come too early.
 
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -276,7 +276,7 @@ TEST_F(Event, wakes_a_thread_that_waits_with_a_limit) {
     EXPECT_EQ(result, 0);
 }
 
-// The signal to one, not the broadcast to all.
+// One waiter is signalled; there is no broadcast.
 TEST_F(Event, is_set_once_for_each_of_two_waiters) {
     std::atomic<int> woken = 0;
     const auto wait = [&] { woken += _qnm_event_wait(&evt_) == 0 ? 1 : 0; };
@@ -425,7 +425,7 @@ int something_given(void* arg) {
     return state.given > state.taken ? 1 : 0;
 }
 
-// Each round fails if a signal slips between the look and the sleep: the consumer then sleeps until
+// A round fails if a signal is lost between the check and the sleep: the consumer then sleeps until
 // the limit while the producer waits for it.
 TEST_F(Event, never_loses_a_condition_that_is_set_before_the_signal) {
     constexpr int k_rounds = 2000;

@@ -219,7 +219,7 @@ std::chrono::nanoseconds monotonic_now() {
 
 TEST(deadline, lies_ahead_on_the_monotonic_clock_with_whole_seconds_carried) {
     const fail::guard fail;
-    // 999 needs the carry except in the first millisecond of a second.
+    // 999 needs the carry in all but the first millisecond of a second.
     for (const uint32_t ms : {0u, 1u, 999u, 999u, 1000u, 1999u, 1999u, UINT32_MAX}) {
         struct timespec deadline = {};
         const std::chrono::nanoseconds before = monotonic_now();
@@ -314,7 +314,7 @@ TEST_F(Files, do_not_exist_when_their_state_cannot_be_read) {
     EXPECT_EQ(_qnm_dir_exist(dir_.path().c_str()), -1);
 }
 
-// A socket's file type contains both bits, a pipe's neither.
+// The file type of a socket contains both bits, that of a pipe neither.
 TEST_F(Files, are_judged_by_one_mode_bit_alone) {
     struct sockaddr_un address = {};
     address.sun_family = AF_UNIX;

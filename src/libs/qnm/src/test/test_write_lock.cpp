@@ -44,8 +44,8 @@ extern "C" int __wrap__qnm_rbtree_put(qnm_rbtree_t* tree, qnm_rbnode_t* node) {
 int g_first_init_result = 0;
 std::vector<log_line> g_first_init_lines;
 
-// Only until it has succeeded once in a process does an init make the mutex. So the one that fails
-// comes before all tests.
+// An init makes the mutex only until it has succeeded once in a process, so the test in which it
+// fails comes first.
 struct first_init : testing::Environment {
     void SetUp() override {
         const log_capture logs;
@@ -101,8 +101,8 @@ TEST_F(write_lock, a_node_is_made_once_per_card) {
     EXPECT_EQ(_qnm_write_reg_unlock(k_id), 0);
 }
 
-// Makes and takes the locks one after the other, each with those before it held; on threads of
-// their own, as a thread has one at a time.
+// Makes and takes the locks one after the other, each while those before it are held. Each is taken
+// on a thread of its own, because a thread holds one at a time.
 void take_all(const uint64_t* id, const uint64_t* end) {
     if (id == end) return;
     EXPECT_EQ(_qnm_write_reg_lock(*id), ENOENT);
@@ -173,7 +173,8 @@ TEST_F(write_lock, a_held_lock_keeps_another_thread_out_but_not_another_card) {
         EXPECT_TRUE(released);
         EXPECT_EQ(_qnm_write_reg_unlock(k_id), 0);
     });
-    // The map and the other card's lock, the map to release that, the map and the lock held here.
+    // The map and the other card's lock; the map, to release that lock; the map and the lock that
+    // is held here.
     EXPECT_TRUE(
         wait_until([&] { return fail::count(fail::call::pthread_mutex_lock) >= before + 5; }));
     EXPECT_EQ(_qnm_create_reg_lock_node(k_id + 4), 0) << "the map is free meanwhile";
@@ -184,7 +185,7 @@ TEST_F(write_lock, a_held_lock_keeps_another_thread_out_but_not_another_card) {
 
 // ---- Very many write locks ----------------------------------------------------------------------
 
-// One more than may outlive their cards.
+// One more than the number of locks that may outlive their cards.
 struct many_locks : write_lock {
     many_locks() {
         for (uint64_t n = 0; n <= qnm::k_spare_locks_max; n++)
@@ -210,7 +211,7 @@ TEST_F(many_locks, a_lock_that_is_held_goes_when_the_last_one_releases_it) {
         taken = true;
         EXPECT_EQ(_qnm_write_reg_unlock(k_id), 0);
     });
-    // The map, and the lock held here.
+    // The map, and the lock that is held here.
     EXPECT_TRUE(
         wait_until([&] { return fail::count(fail::call::pthread_mutex_lock) >= before + 2; }));
     _qnm_forget_reg_lock_node(k_id);

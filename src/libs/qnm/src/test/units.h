@@ -1,4 +1,4 @@
-// units.h - the library's units brought up without a manager, for the tests of single units.
+// units.h - starts units of the library without a manager, for unit tests.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -77,7 +77,7 @@ struct units : testing::Test {
 
     static void set_now(uint64_t ms) { fail::set_wall_clock(std::chrono::milliseconds(ms)); }
 
-    // How often a call has ended with a result, in total and under its own counter.
+    // How often a call has ended with a result: in total and under its own counter.
     static void expect_counted(qnm_stats_func_t func, qnm_api_code_t ret, uint64_t times = 1) {
         EXPECT_EQ(qnm_stats.est_func_code[func][ret], times);
         EXPECT_GE(qnm_stats.est_api_code[ret], times);

@@ -51,13 +51,13 @@ struct whole_manager : testing::Test {
         return qnm_init_manager(dir.path().c_str(), level);
     }
 
-    // After any failure the manager starts again as if nothing had been.
+    // After any failure the manager starts again as if nothing had happened.
     void expect_restart() {
         start();
         EXPECT_EQ(stop(), QNM_API_SUCCESS);
     }
 
-    // Nothing is left of a manager that has ended.
+    // Expects that an ended manager has left nothing behind.
     static void expect_down() {
         EXPECT_EQ(fake_pcap::open_handles(), 0U);
         EXPECT_EQ(fake_netif::listeners(), 0U);

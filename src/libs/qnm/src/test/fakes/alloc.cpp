@@ -1,7 +1,7 @@
 // alloc.cpp - the replaced global operators new and delete; see alloc.h.
 //
-// All forms end in two functions. The thread's numbers need no constructor, as allocations happen
-// before any of ours could run.
+// All forms end in two functions. The counts of a thread need no constructor, because allocations
+// happen before any of ours could run.
 
 #include "alloc.h"
 

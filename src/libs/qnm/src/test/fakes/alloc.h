@@ -5,8 +5,8 @@
 // alone, so the others, which log4cxx, GoogleTest and the test itself use, succeed unless a test
 // asks for them by name.
 //
-// Counts and failures belong to the calling thread, unless the name says otherwise. A failure is
-// used up when it has happened.
+// Counts and failures belong to the calling thread, unless the name says otherwise. A failure
+// happens once.
 #pragma once
 
 #include <cstdint>
@@ -20,21 +20,21 @@ struct counts_t {
     std::uint64_t frees = 0;        // deletes of anything but a null pointer
 };
 
-// Of the calling thread since it started.
+// By the calling thread since it started.
 counts_t counts();
 
 // The n-th nothrow allocation from now (1 = the next) on this thread fails; 0 takes it back.
 void fail_nth(std::uint64_t n);
 
-// The same for the n-th throwing allocation on this thread; for the logging, behind which log4cxx
-// allocates.
+// The same for the n-th throwing allocation on this thread. The log calls need it, because log4cxx
+// allocates that way.
 void fail_nth_throwing(std::uint64_t n);
 
-// The same for the n-th nothrow allocation on whichever thread; for code that runs on threads of
-// its own. Independent of fail_nth.
+// The same for the n-th nothrow allocation on any thread, for code that runs threads of its own.
+// Independent of fail_nth.
 void fail_nth_anywhere(std::uint64_t n);
 
-// Takes back all, and tells whether nothing was left to take back.
+// Takes back all failures; returns whether none was left.
 bool all_used();
 
 // Allocations that body makes on this thread.

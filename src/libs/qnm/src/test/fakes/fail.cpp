@@ -58,7 +58,8 @@ constexpr const char* k_names[] = {
 
 constexpr std::size_t k_calls = std::size(k_kinds);
 
-// The counter and the flag are relaxed atomics, so that a call without orders synchronises nothing.
+// The counter and the flag are relaxed atomics, so that a call that nothing was ordered for
+// synchronises nothing.
 struct order_t {
     std::atomic<std::uint64_t> count{0};
     std::atomic<bool> armed{false};
@@ -71,7 +72,7 @@ struct order_t {
 std::mutex g_mutex;
 order_t g_orders[k_calls];
 
-// Guarded by g_mutex; only looked at while the call is armed.
+// Guarded by g_mutex; only read while the call is armed.
 std::map<std::uint64_t, poll_result> g_poll_results;
 poll_hook_t g_poll_hook;
 sleep_hook_t g_sleep_hook;
@@ -94,7 +95,7 @@ void update_armed(call which) {
     it.armed.store(armed, std::memory_order_relaxed);
 }
 
-// Needs the mutex: takes the entry of this call's number out of a script.
+// Needs the mutex: takes the entry for the number of this call out of a script.
 template <typename Value>
 std::optional<Value> take(std::map<std::uint64_t, Value>& script, std::uint64_t number) {
     const auto due = script.extract(number);
@@ -130,7 +131,7 @@ outcome decide(call which, const visit& now) {
     return order(which).always;
 }
 
-// The call's way of reporting an error number; 0 is success.
+// Reports an error number as this call does; 0 is success.
 template <call Which, typename Result>
 Result report(int err) {
     constexpr kind how = k_kinds[static_cast<std::size_t>(Which)];
@@ -176,8 +177,8 @@ std::optional<poll_result> decide_poll(std::uint64_t number, struct pollfd* fds,
     return hook != nullptr ? hook({fds, nfds}, timeout_ms) : std::nullopt;
 }
 
-// A millisecond in which the mutex is free, as in any wait: a thread that polls its condition this
-// way would keep the others from the mutex if it slept with it.
+// Frees the mutex for a millisecond, as any wait does. If it slept with the mutex, a thread that
+// polls its condition this way would keep the others out.
 void wait_briefly(pthread_cond_t* cond, pthread_mutex_t* mutex) {
     constexpr long k_millisecond = 1'000'000;
     constexpr long k_second = 1'000'000'000;
@@ -484,7 +485,7 @@ struct tm* fail_localtime_r(const time_t* when, struct tm* result) {
     return run<call::localtime_r>([&] { return localtime_r(when, result); });
 }
 
-// The library makes no files, so there is no mode.
+// The library creates no files, so there is no mode.
 int fail_open(const char* path, int flags, ...) {
     return run<call::open>([&] { return open(path, flags); });
 }

@@ -1,11 +1,10 @@
 // fail.h - system calls that fail, or do something else, on demand.
 //
 // Mechanism: the build copies the static library with the symbols of fail_calls.def renamed
-// (objcopy --redefine-syms), so that its calls, and only its calls, arrive in fail.cpp. The
-// linker's
-// --wrap would redirect the calls of GoogleTest, of the test and of the fakes as well, and their
-// mutexes and clocks would be counted and failed with the rest. So a test may use every call
-// freely; count() counts the code under test alone.
+// (objcopy --redefine-syms), so that its calls, and only its calls, go to fail.cpp. The linker's
+// --wrap would also redirect the calls of GoogleTest, of the test and of the fakes, and count and
+// fail their mutexes and clocks with the rest. So a test may use every call freely; count() counts
+// the code under test alone.
 //
 // Without a request each call does what it always does, except that
 //   - ioctl, netlink and packet sockets and PACKET_VERSION are answered by fake_netif.h;

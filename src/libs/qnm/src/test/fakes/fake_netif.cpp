@@ -256,8 +256,8 @@ int answer_netlink_socket(int type, int protocol) {
     return ends[0];
 }
 
-// A Unix socket in its place, which joins a group by taking a name of the test's own: the kernel
-// releases that as it releases a group, with the last copy of the descriptor.
+// A Unix socket in its place, which joins a group by binding a name of the test's own. The kernel
+// releases the name as it leaves a group: with the last copy of the descriptor.
 int answer_packet_socket(int type, int protocol) {
     constexpr int k_flags = SOCK_CLOEXEC | SOCK_NONBLOCK;
     if (type != (SOCK_RAW | k_flags) || protocol != 0) {
@@ -372,7 +372,7 @@ std::optional<int> set_capture_option(const std::string& name, int fd, int optio
     }
 }
 
-// Overruns have to be provided for before there can be any.
+// The option has to be set before the socket is bound, as an overrun can happen from then on.
 std::optional<int> set_netlink_option(netlink_t& link, int option, const void* value,
                                       socklen_t len) {
     int on = 0;

@@ -55,7 +55,7 @@ bool is_filtered(const std::string& name);
 // The send time-out of the capture that is open on this interface; 0 while none is set.
 std::chrono::microseconds send_timeout(const std::string& name);
 
-// Netlink sockets that are bound, not closed, and told not to fail when they overrun.
+// Netlink sockets that are bound, not closed, and set not to fail when they overrun.
 std::size_t patient_listeners();
 
 // Sends every bound netlink socket one notification; its content is arbitrary.

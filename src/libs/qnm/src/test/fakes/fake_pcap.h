@@ -58,14 +58,14 @@ void push_frame(const std::string& name, std::span<const std::uint8_t> frame,
 // Queues a result of pcap_next_ex without a frame: 0 (time-out), -1 (error), -2 (end) and so on.
 void push_result(const std::string& name, int result);
 
-// Every frame begins so many bytes behind such an address from the next pcap_next_ex on.
+// From the next pcap_next_ex on, every frame begins this many bytes after such an address.
 void set_frame_offset(std::size_t offset);
 
 // Frames and results that have not been taken yet.
 std::size_t queued(const std::string& name);
 
 // Waits until everything queued has been taken; false when the limit passes first. The last frame
-// may still be in work then.
+// may still be in progress then.
 bool wait_drained(const std::string& name, std::chrono::seconds limit = std::chrono::seconds(60));
 
 // Frames sent through handles of this name since reset(), in order.

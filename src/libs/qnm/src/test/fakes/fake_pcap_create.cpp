@@ -20,7 +20,7 @@ std::mutex g_mutex;  // guards all below
 std::vector<std::pair<pcap_t*, create_call>> g_calls;
 std::array<std::optional<int>, k_steps> g_next_result;
 
-// Needs the mutex: the result ordered for this step, used up by asking.
+// Needs the mutex: takes the result that was ordered for this step.
 std::optional<int> take_result(step which) {
     return std::exchange(g_next_result[static_cast<std::size_t>(which)], std::nullopt);
 }

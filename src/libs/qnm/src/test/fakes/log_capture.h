@@ -1,13 +1,12 @@
 // log_capture.h - everything that is written to the library's three loggers, kept in memory.
 //
-// An appender of our own is attached to the log4cxx loggers "logfile", "syslogfile" and
-// "statslogfile" for the lifetime of the object. These are set to let every level through and to
-// pass nothing on to other appenders, so nothing appears on the terminal; afterwards they are as
-// before. What the library drops by its own running level never arrives here: a test sets that
-// level as it needs.
+// An appender is attached to the log4cxx loggers "logfile", "syslogfile" and "statslogfile" for the
+// lifetime of the object. They are set to let every level through and to pass nothing on, so
+// nothing appears on the terminal; afterwards they are as before. Lines that the library drops
+// because of its own running level never arrive here: a test sets that level as it needs.
 //
-// The order of the lines is the order of their writing. All functions may be called from any
-// thread. One object at a time.
+// The lines are in the order in which they were written. All functions may be called from any
+// thread. Use one object at a time.
 #pragma once
 
 #include <chrono>
@@ -36,12 +35,12 @@ class log_capture {
     std::vector<std::string> texts(const std::string& logger = "logfile") const;
     std::vector<std::string> texts(const std::string& logger, int level) const;
 
-    // Exactly this text at this level.
+    // A line with exactly this text at this level.
     bool has(int level, const std::string& text, const std::string& logger = "logfile") const;
     std::size_t count(int level, const std::string& text,
                       const std::string& logger = "logfile") const;
 
-    // A text that contains this fragment.
+    // A line that contains this fragment.
     bool has_part(int level, const std::string& part, const std::string& logger = "logfile") const;
     std::size_t count_part(int level, const std::string& part,
                            const std::string& logger = "logfile") const;

@@ -1,7 +1,8 @@
-// wait.h - waits for a condition that another thread brings about.
+// wait.h - waits for a condition that another thread makes true.
 //
-// Looks again every millisecond in place of a condition variable, so that waiting orders no memory
-// between the threads and hides no data race. The limit only says when a test gives up.
+// Checks the condition every millisecond instead of using a condition variable, so that waiting
+// orders no memory between the threads and hides no data race. The limit only says when a test
+// gives up.
 #pragma once
 
 #include <chrono>

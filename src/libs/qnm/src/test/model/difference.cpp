@@ -68,7 +68,7 @@ constexpr size_t counters_size() {
     return size;
 }
 
-// The table names every counter: nothing is left but the padding at the end.
+// The table names every counter: only the padding at the end is left.
 static_assert((counters_size() + 7) / 8 * 8 == sizeof(qnm_sd_stats_t));
 
 uint64_t value_of(const qnm_sd_stats_t& counters, const counter_row& row, size_t i) {
@@ -137,7 +137,7 @@ std::string card_difference(const typename Kind::node& node, uint64_t id, const 
     return out.str();
 }
 
-// The map's cards, in its order, against those of the model in theirs.
+// The map's cards in their order against those of the model in theirs.
 template <typename Kind>
 std::string cards_difference(const std::map<uint64_t, model::card>& expected) {
     std::string text;

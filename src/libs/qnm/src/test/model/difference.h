@@ -1,4 +1,4 @@
-// difference.h - what the library holds beside what its model holds.
+// difference.h - compares what the library holds with what its model holds.
 #pragma once
 
 #include <string>

@@ -90,8 +90,8 @@ library::library() {
         on_poll();
         return std::nullopt;
     });
-    // The event thread waits when it has nothing to do; then it is told to end. A read waits when
-    // it has no answer; none comes.
+    // The event thread waits when it has nothing to do, and is told to end then. A read waits when
+    // it has no answer, and none comes.
     fail::on(fail::call::pthread_cond_timedwait, [this](auto) {
         if (delivers_) qnm::store(qnm_root.er_fini_flag, 0U);
         return fail::outcome(ETIMEDOUT);
@@ -261,7 +261,7 @@ void library::take_sent(int port, fake_pcap::frame_t frame) {
     sent_.push_back({port, std::move(frame)});
 }
 
-// The card's answer comes in as a frame of its own before the send has returned.
+// The card's answer arrives as a frame of its own before the send has returned.
 void library::answer(int port, const fake_pcap::frame_t& request) {
     frames::completion it = {.tag = request[k_tag_at], .mac = 0};
     for (size_t i = 0; i < 6; i++)
@@ -292,7 +292,7 @@ void library::open_ports() {
     }
 }
 
-// In the manager's order. What the counters were at the end is the record.
+// In the manager's order. The record of the counters keeps their values from the end.
 outcome library::restart() {
     _qnm_destroy_all_reg_lock_node();
     _qnm_reg_fini();

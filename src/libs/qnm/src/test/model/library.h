@@ -11,7 +11,7 @@
 #include "ports.h"
 #include "steps.h"
 
-// One call of a callback, and what came of its reaction.
+// One call of a callback, and the result of its reaction.
 struct callback_call {
     int registration;
     uint64_t id;
@@ -31,7 +31,7 @@ struct library : ports {
     // Does one step, without the delivery of its events.
     model::outcome apply(const steps::step& it);
 
-    // Runs the event thread until the queue is empty; the calls that it has made.
+    // Runs the event thread until the queue is empty; returns the calls that it has made.
     std::vector<callback_call> deliver();
 
   private:

@@ -164,7 +164,7 @@ card read_card(const state& s, kind which, int port, const frame_t& frame) {
 
 // ---- Memory and events --------------------------------------------------------------------------
 
-// Whether the next allocation succeeds, which is then counted.
+// Whether the next allocation succeeds; it is counted then.
 bool allocate(state& s, uint32_t& allocated) {
     if (s.failing_allocation != 0 && --s.failing_allocation == 0) {
         s.counters.est_alloc_err++;
@@ -248,7 +248,7 @@ void raise_changes(state& s, kind which, const card& before, const card& after, 
     if (connected) raise(s, QNM_EVT_CHANNELSTATECHANGE, id);
 }
 
-// Another record in the same place of the table; watched, whatever it was before.
+// Puts another record in the same place of the table. It is monitored, whatever it was before.
 void replace(card& stored, const card& fresh) {
     stored.server = fresh.server;
     stored.io = fresh.io;
@@ -485,7 +485,7 @@ void put(frame_t& frame, size_t at, uint64_t value, size_t bytes) {
         frame[at + i] = static_cast<unsigned char>(value >> 8 * (bytes - 1 - i));
 }
 
-// A frame to the card, but for its message.
+// A frame to the card, without its message.
 frame_t address_card(const state& s, const qnm_com_dev_t& dev, const path& by, uint8_t subtype) {
     const bool changed = dev.ecd_vlan_mode != 0;
     frame_t frame(60);
@@ -515,7 +515,7 @@ void put_register(frame_t& frame, uint32_t address) {
     put(frame, 24, (address & 0x3FF000) << 4 | (address & 0xFFF), 4);
 }
 
-// One Register Read, whose answer is a frame like any other.
+// One Register Read. Its answer is a frame like any other.
 int ask(state& s, const qnm_com_dev_t& dev, uint32_t address, uint32_t reach, outcome& done) {
     path by = {};
     if (!find_path(dev, by)) return QNM_API_ENOLINK;
@@ -528,7 +528,7 @@ int ask(state& s, const qnm_com_dev_t& dev, uint32_t address, uint32_t reach, ou
     return QNM_API_SUCCESS;
 }
 
-// Asks a card that is connected nowhere by each path in turn until it answers.
+// Asks a card without a connected path by each path in turn until it answers.
 int check_alive(state& s, qnm_com_dev_t& dev, uint32_t reach, outcome& done) {
     path known = {};
     if (find_path(dev, known)) return QNM_API_SUCCESS;
@@ -591,7 +591,7 @@ bool is_good(const access& request) {
     }
 }
 
-// A card of either kind. Of two with the same ID the one that can be reached goes first, and then
+// A card of either kind. Of two with the same ID, the one that can be reached has precedence, then
 // the QNSV card.
 const card* find_card(const state& s, uint64_t id, kind& which) {
     const card* found = nullptr;

@@ -1,9 +1,9 @@
-// model.h - what the library has to do with frames, time, links and calls, as plainly as it can be
-// said.
+// model.h - what the library has to do with frames, time, links and calls, written as plainly as
+// possible.
 //
 // One thread, ordinary maps and sets, no locks, nothing shared with the library but the public
-// records and the record of the counters. It is slow where slow is plain, and takes its layouts as
-// bare offsets of its own, so that a mistake in the library's structures shows.
+// records and the record of the counters. It prefers plain code to fast code, and has offsets of
+// its own into frames, so that a mistake in the library's structures shows.
 #pragma once
 
 #include <cstdint>
@@ -78,14 +78,14 @@ struct state {
 // What an ID-list call has done to the caller's pointer.
 enum class list { untouched, null, given };
 
-// A frame that has left by a port; its tag is 0.
+// A frame that was sent by a port; its tag is 0.
 struct sent_frame {
     int port;
     frame_t frame;
     bool operator==(const sent_frame&) const = default;
 };
 
-// All that a step gives back.
+// Everything that a step returns.
 struct outcome {
     int result = 0;
     list pointer = list::untouched;
@@ -100,18 +100,17 @@ const qnm_com_dev_t& dev_of(kind which, const card& it);
 
 // ---- What happens to the library ----------------------------------------------------------------
 
-// A frame arrives; its card table, counters and events follow. The result of taking it.
+// A frame arrives; card table, counters and events follow. Returns the result of handling it.
 int receive(state& s, int port, const frame_t& frame);
 
 // The keepalive loop sleeps this often, then a stop is requested. After the first sleep the process
-// stands still for so long.
+// stands still for this long.
 void run_keepalive(state& s, uint32_t sleeps, uint64_t standstill);
 
-// The link watcher gets one notification. A query that fails passes over its port.
+// The link watcher gets one notification. A port whose query fails is skipped.
 void notify_link(state& s, bool query_fails);
 
-// The event thread takes everything off the queue. react(number, event) is called for each
-// registration.
+// The event thread empties the queue. react(number, event) is called for each registration.
 template <typename React>
 void deliver(state& s, React react) {
     if (s.manager.fini != 1) return;
@@ -149,7 +148,7 @@ outcome restart_monitor(state& s, uint64_t id);
 
 enum class access_call { read, write, set_vlanid, reset };
 
-// A call on a card, which answers a Register Read by the paths in reach: bit 2 * port + path. No
+// A call for a card that answers a Register Read by the paths in reach: bit 2 * port + path. No
 // call repeats a frame or waits for an announcement.
 struct access {
     access_call call = access_call::read;
@@ -167,10 +166,10 @@ outcome unregister_callback(state& s, int type, int number);  // number -1: a nu
 
 // ---- Stop and restart ---------------------------------------------------------------------------
 
-// All units end: what is left is freed, and the counters say so.
+// All units end: everything is freed, and the counters say so.
 void finish(state& s);
 
-// They begin anew, and have read the links.
+// They start again and have read the links.
 void begin(state& s);
 
 }  // namespace model

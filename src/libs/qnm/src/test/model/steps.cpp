@@ -11,7 +11,8 @@ namespace {
 
 using model::frame_t;
 
-// Pairs that differ in the lowest bit, for cards with two paths; the ends of the range among them.
+// IDs in pairs that differ in the lowest bit, for cards with two paths; both ends of the range are
+// included.
 constexpr uint64_t k_macs[] = {
     0x000000000000, 0x000000000001, 0x0000000000FE, 0x0000000000FF, 0x020000001000,
     0x020000001001, 0x020000001002, 0x020000001003, 0x020000001004, 0x020000001005,
@@ -89,7 +90,7 @@ void draw_list(source& from, const model::state& now, step& it) {
     it.null_num = from.one_in(30);
 }
 
-// Arguments that are good for one call and bad for another.
+// Arguments that are valid for one call and invalid for another.
 void draw_access(source& from, const model::state&, step& it) {
     constexpr model::access_call k_calls[] = {
         model::access_call::read, model::access_call::read, model::access_call::write,
@@ -170,7 +171,7 @@ const row& any_row(source& from) {
 
 constexpr uint8_t k_subtypes[] = {0x10, 0x11, 0x18, 0x19};
 
-// The bytes that something depends on.
+// The bytes that decide how a frame is handled.
 constexpr size_t k_telling[] = {20, 22, 22, 24, 25, 26, 26, 27, 27, 28, 29, 29, 40, 44};
 
 size_t telling_byte(source& from, const frame_t& frame) {
@@ -217,7 +218,7 @@ uint64_t source::any_id() {
     return mac();
 }
 
-// A frame that is taken: a good header, the right size, anything in it.
+// A frame that is accepted: a good header, the right size, any contents.
 frame_t source::fresh_frame(uint64_t mac, uint8_t host, uint16_t ether_type) {
     frames::announcement it = {.mac = mac, .host = host};
     it.subtype = pick(*this, k_subtypes);
@@ -239,7 +240,7 @@ frame_t source::fresh_frame(uint64_t mac, uint8_t host, uint16_t ether_type) {
     return frame;
 }
 
-// The same card says something else: one bit or one byte of it.
+// The same card announces a change: one bit or one byte.
 void source::change(frame_t& frame) {
     const size_t at = one_in(4) ? 24 + below(frame.size() - 24) : telling_byte(*this, frame);
     if (at >= frame.size()) return;
@@ -250,7 +251,7 @@ void source::change(frame_t& frame) {
     }
 }
 
-// A frame that is likely to be refused, or is no announcement.
+// A frame that is likely to be dropped, or is no announcement.
 void source::damage(frame_t& frame) {
     constexpr size_t k_lengths[] = {0,  17,  18,  27,  28,  43,  44, 45,
                                     46, 271, 272, 273, 495, 496, 497};
@@ -308,11 +309,11 @@ step reaction(int registration, uint64_t id) {
     constexpr what k_reactions[] = {what::get,          what::forget,
                                     what::stop_monitor, what::restart_monitor,
                                     what::callback,     what::list};
-    // Most only look the card up, or else few cards would stay in the tables.
+    // Most only look up the card; otherwise few cards would stay in the tables.
     const bool looks = registration >= 12 || (id & 2) == 0;
     step it = {.what = looks ? what::get : k_reactions[registration / 2], .id = id};
     it.which = registration % 2 == 0 ? model::k_server : model::k_io;
-    // A registration of another type: registering for its own would deadlock.
+    // A registration for another type; for its own it would deadlock.
     it.number = static_cast<uint64_t>(12 + (registration + 3) % QNM_EVT_MAX);
     return it;
 }

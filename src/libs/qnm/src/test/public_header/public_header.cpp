@@ -12,7 +12,7 @@ static_assert(std::is_same_v<std::underlying_type_t<qnm_evt_type_t>, int>);
 static_assert(std::is_standard_layout_v<qnm_qnsv_t> && std::is_trivial_v<qnm_qnsv_t>);
 static_assert(std::is_standard_layout_v<qnm_qnio_t> && std::is_trivial_v<qnm_qnio_t>);
 
-// What no call has in its type is not in the description of the ABI, so it is held here.
+// No call has these in its type, so the description of the ABI lacks them; they are checked here.
 static_assert(QNM_FLAG_LIVECHECK == 1 && QNM_FLAG_VERIFY == 2 && QNM_FLAG_FORCELOCK == 4);
 static_assert(std::is_same_v<qnm_ptr_t, void*>);
 
@@ -20,7 +20,7 @@ extern "C" int check_public_header_in_cpp(void);
 
 namespace {
 
-// The same as in C, where each text is held.
+// The same as in C, where each text is checked.
 int check_texts() {
     const std::string_view retcode = qnm_retcode_text(QNM_API_ETIMEDOUT);
     const std::string_view event = qnm_event_name(QNM_EVT_CHANNELSTATECHANGE);
@@ -36,7 +36,7 @@ int check_texts() {
 
 }  // namespace
 
-// The number of failures.
+// Returns the number of failures.
 int check_public_header_in_cpp(void) {
     if (qnm_set_loglevel(static_cast<qnm_log_level_t>(99)) == QNM_API_SUCCESS) {
         std::printf("qnm_set_loglevel(99) succeeds\n");
