@@ -1,4 +1,4 @@
-// Cards as people name and set them: the field tables, the values in text form, what can exist.
+// Cards as people name and set them: the tables of fields, values as text, and what is possible.
 #include <algorithm>
 #include <charconv>
 #include <iterator>
@@ -123,7 +123,7 @@ constexpr field<card> card_fields[] = {
     {"jitter_ms", number, day_ms, into<&card::jitter_ms>},
 };
 
-// What shows only when the card is asked.
+// Properties that show only in answers.
 constexpr field<card> answering_fields[] = {
     {"register_default", number, word_limit, into_device<&device_settings::register_default>},
     {"vlan_frozen", flag, 1, into_device<&device_settings::vlan_frozen>},
@@ -149,7 +149,7 @@ constexpr field<card> answering_fields[] = {
     {"delay_max_ms", number, day_ms, into_faults<&fault_settings::delay_max_ms>},
 };
 
-// What `set` refuses although it is a property of the card, and what to do instead.
+// Properties of the card that `set` refuses to change, and what to do instead.
 struct fixed_field {
     std::string_view name;
     std::string_view remedy;
@@ -238,7 +238,7 @@ void set_silent_registers(card& target, std::string_view text) {
     target.faults.silent_registers = std::move(silent);
 }
 
-// The value of all digits of `text` in `base`; nothing when there is anything else.
+// The value of `text` in `base`; nothing when it has anything but digits.
 std::optional<std::uint64_t> parse_digits(std::string_view text, int base) {
     std::uint64_t value = 0;
     const char* end = text.data() + text.size();

@@ -1,4 +1,4 @@
-// Simulated Quillnet cards: the hardware of everyone who has none.
+// Simulated Quillnet cards, for everyone who has no hardware.
 //
 // A `card` is a plain record of what a card announces and how it behaves; encode() puts it on the
 // wire and decode() reads what a manager sends to it. A `simulator` owns cards and ports, announces
@@ -7,7 +7,7 @@
 // commands of execute(). The wire is written here from the protocol tables alone, without any
 // code of the manager library, so that a mistake on one side shows on the other.
 //
-// Errors: what cannot be done throws cardsim::error, whose text says what is wrong and what helps.
+// Errors: a call that fails throws cardsim::error, whose text says what is wrong and what helps.
 #pragma once
 
 #include <array>
@@ -73,8 +73,8 @@ struct down_port {
 
 inline constexpr std::size_t eeprom_size = 2048;
 
-// How the registers and the EEPROM behind them behave. The contents are no part of it: the
-// simulator keeps them apart, so that a card stays cheap to copy.
+// How the registers and the EEPROM behind them behave. Their contents are kept by the simulator, so
+// that a card stays cheap to copy.
 struct device_settings {
     std::map<std::uint32_t, std::uint32_t> registers;  // presets by address, a multiple of 4
     std::uint32_t register_default = 0;                // of registers neither preset nor written
@@ -92,9 +92,9 @@ struct device_settings {
     std::uint32_t eeprom_busy_polls = 1;  // polls that find a command still at work
 };
 
-// What goes wrong between a manager's request and the card's answer, and on the way of the card's
-// announcements (DEVINFO and NOTIFY frames). Rates are per thousand; the same seed gives the same
-// faults for the same requests and for the same announcements, in whatever order the two come.
+// What goes wrong between a manager's request and the card's answer, and with the card's
+// announcements (DEVINFO and NOTIFY frames). Rates are per thousand. The same seed gives the same
+// faults for the same requests and the same announcements, whatever the order of the two.
 struct fault_settings {
     std::uint64_t seed = 0;
     std::uint16_t lose_requests = 0;
@@ -174,7 +174,7 @@ std::size_t path_count(card_speed speed);
 // Sets one field by its name, as scenarios and the `set` command do: numbers in decimal or 0x form,
 // true/false, MAC addresses as 0x or colon form; "up_port.FIELD" and "down_port.N.FIELD" reach the
 // bridge records; a list is written with commas, an empty one as "none". What a card is (name, id,
-// kind, speed) cannot be set on a living card.
+// kind, speed) cannot be changed once the card exists.
 void set_field(card& target, std::string_view field, std::string_view value);
 
 // --------------------------------------------------------------------------------------------
@@ -231,7 +231,7 @@ struct request {
     bool vlan_change_mode = false;
     std::uint8_t subtype = 0;
     std::size_t length = 0;  // of the frame, tag included
-    // Empty (monostate) when the subtype is none a card receives or the frame is cut short.
+    // Empty (monostate) when cards receive no such subtype or the frame is cut short.
     std::variant<std::monostate, register_read, register_write, vlan_set, reset, mms_write> body;
     // The first rule of the protocol that the frame breaks (length, priority, flow IDs, reserved
     // bytes, padding); empty for a frame without fault. Zeros behind the message are no fault: the
@@ -303,8 +303,8 @@ struct scenario {
     std::uint16_t ether_type = default_ether_type;
 };
 
-// Both throw error with "FILE:LINE: ..."; an unknown key is answered with the nearest known one.
-// `ports`, when not empty, stand instead of those of the file.
+// Both throw error with "FILE:LINE: ..."; for an unknown key it names the nearest known one.
+// `ports`, when not empty, replace those of the file.
 scenario load_scenario(const std::filesystem::path& file,
                        const std::vector<std::string>& ports = {});
 scenario parse_scenario(std::string_view text, std::string_view file_name,
@@ -335,7 +335,7 @@ struct counters {
     std::uint64_t faulty = 0;     // of these, frames that break a rule of it; not obeyed
     std::uint64_t unheard = 0;    // of these, frames that no card hears on that port and path
 
-    // Obeyed, once for every card
+    // Obeyed, counted once for every card
     std::uint64_t reads = 0;
     std::uint64_t writes = 0;
     std::uint64_t vlan_sets = 0;
@@ -369,8 +369,8 @@ struct lock_holders {
     std::uint32_t holder = 0;    // ID lock: whose turn it is; 0: nobody's
 };
 
-// Called on the announcing thread for every frame of the protocol that arrives, when the cards have
-// obeyed it; holds no lock.
+// Called on the announcing thread, without a lock, for every frame of the protocol that arrives,
+// after the cards have obeyed it.
 using request_observer = std::function<void(std::size_t port, const request&)>;
 
 // Owns cards and ports. Every member function may be called from any thread at any time; one mutex
@@ -396,7 +396,7 @@ class simulator {
     void silence(const card_ref& ref, std::size_t port, std::size_t path);
     void wake(const card_ref& ref, std::size_t port, std::size_t path);
 
-    // Send now, on every path the card is heard on; the number of frames that left.
+    // Send now, on every path on which the card is heard; return how many frames left.
     std::size_t devinfo(const card_ref& ref);
     std::size_t notify(const card_ref& ref);
     std::size_t announce_all();  // one DEVINFO per card and path, back to back
@@ -411,19 +411,20 @@ class simulator {
     std::uint32_t read_register(const card_ref& ref, std::uint32_t address);
     void write_register(const card_ref& ref, std::uint32_t address, std::uint32_t value);
 
-    // The EEPROM contents past its registers: always eeprom_size bytes, anything else is an error.
-    // A word's address is a multiple of 4.
+    // The EEPROM contents, not by way of the registers: always eeprom_size bytes, anything else is
+    // an error. A word's address is a multiple of 4.
     frame_bytes eeprom(const card_ref& ref);
     void set_eeprom(const card_ref& ref, std::span<const std::uint8_t> bytes);
     std::uint32_t eeprom_word(const card_ref& ref, std::uint32_t address);
     void set_eeprom_word(const card_ref& ref, std::uint32_t address, std::uint32_t value);
     void load_eeprom(const card_ref& ref, const std::filesystem::path& file);
     void save_eeprom(const card_ref& ref, const std::filesystem::path& file);
-    // Into the cards' own files, those that have changed. Tries all, then throws what failed.
+    // Saves the EEPROMs that have changed to the cards' own files. Tries all, then throws what
+    // failed.
     void save_eeproms();
 
-    // Other holders of the EEPROM lock, the one that device.id_lock tells. Who takes the ID lock
-    // while somebody has it waits for it.
+    // Other holders of the EEPROM lock; device.id_lock says which kind. A party that takes the ID
+    // lock while another has it waits for it.
     void take_lock(const card_ref& ref, std::uint32_t ids);
     void drop_lock(const card_ref& ref);  // all that take_lock() took
     lock_holders lock(const card_ref& ref) const;

@@ -1,4 +1,4 @@
-// Line commands: one table, one line of answer each.
+// Line commands: a table of them, each with one line of answer.
 #include <algorithm>
 #include <cstdio>
 #include <iterator>
@@ -227,7 +227,7 @@ std::string quit(simulator&, const words&) {
 
 std::string help(simulator&, const words&);
 
-// Commands with a verb behind the card's name; an empty one fits whatever is no other.
+// Commands with a verb after the card's name; an empty verb fits every other word.
 struct verb {
     std::string_view name;
     std::size_t least;  // words behind the command

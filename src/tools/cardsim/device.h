@@ -1,10 +1,10 @@
-// What lies behind a card's registers while the simulator runs: values written, the EEPROM and its
-// lock, MMS pages, and what Resets have come. One `device` belongs to one card; the simulator's
-// mutex guards it.
+// What lies behind a card's registers while the simulator runs: written values, the EEPROM and its
+// lock, MMS pages, and the Resets that came. Each card has one `device`; the simulator's mutex
+// guards it.
 //
-// Most registers are plain memory: what was written, else the preset, else the default. Those of
-// the EEPROM and its lock have a meaning of their own; a 40G card has some of them at other
-// addresses.
+// Most registers are plain memory: the value that was written, else the preset, else the default.
+// Those of the EEPROM and its lock have a meaning of their own; on a 40G card some of them have
+// other addresses.
 #pragma once
 
 #include <unordered_map>
@@ -35,8 +35,8 @@ void reset_device(device& changed, std::uint8_t status);
 
 void check_register_address(std::uint32_t address);  // throws error
 
-// Throws error for presets that cannot be: addresses beside the registers or on those with
-// a meaning of their own, bytes behind the end of the EEPROM.
+// Throws error for impossible presets: addresses that are no registers or have a meaning of their
+// own, bytes after the end of the EEPROM.
 void check_device(const card& checked);
 
 }  // namespace cardsim

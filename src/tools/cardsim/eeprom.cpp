@@ -1,4 +1,4 @@
-// The EEPROM as a machine of four phases, and its contents in files.
+// The EEPROM as a state machine with four phases, and its contents in files.
 #include "eeprom.h"
 
 #include <fcntl.h>
@@ -23,10 +23,10 @@ constexpr std::uint32_t idle_command = 0;
 
 constexpr std::size_t word_size = 4;
 
-// What the status register shows, by phase.
+// What the status register shows in each phase.
 constexpr std::uint32_t phase_status[] = {0x40000000, 0x00000001, 0x10000000, 0x30000000};
 
-// The packed form has address bits 8 to 11 at 16 to 19 and nothing but zeros above and between.
+// The packed form has address bits 8 to 11 in bits 16 to 19; the bits between and above are zero.
 constexpr std::uint32_t packed_mask = 0x000F00FF;
 
 std::optional<std::uint32_t> raw_address(std::uint32_t written, const card& owner) {
@@ -39,7 +39,7 @@ std::optional<std::uint32_t> raw_address(std::uint32_t written, const card& owne
     return raw;
 }
 
-// Does what the command asked for; the phase that follows.
+// Carries out the command; returns the phase that follows.
 eeprom_phase finish(eeprom_state& state, const card& owner) {
     const std::optional<std::uint32_t> address = raw_address(state.address, owner);
     if (!address || owner.device.eeprom_refusing) return eeprom_phase::refused;
@@ -58,7 +58,7 @@ eeprom_phase finish(eeprom_state& state, const card& owner) {
     throw error(std::string(what) + " the EEPROM file " + in_quotes(file.string()) + ": " + why);
 }
 
-// Nothing on success, otherwise the reason. What has the name already goes, so that no FIFO is
+// Returns why it failed, or nothing. A file of that name is removed first, so that no FIFO is
 // waited for and no link is followed.
 std::string write_bytes(const eeprom_bytes& bytes, const std::filesystem::path& file) {
     unlink(file.c_str());
@@ -75,8 +75,8 @@ std::string write_bytes(const eeprom_bytes& bytes, const std::filesystem::path& 
     return code == 0 ? "" : std::strerror(code);
 }
 
-// The bytes are written beside the file and take its place when they are whole, so that a full disk
-// leaves the old ones.
+// The bytes are written beside the file and replace it when they are complete, so that a full disk
+// leaves the old contents.
 std::string replace_file(const eeprom_bytes& bytes, const std::filesystem::path& file) {
     std::error_code failed;
     const std::filesystem::path target = std::filesystem::weakly_canonical(file, failed);

@@ -1,9 +1,9 @@
-// The EEPROM of a card: its contents, and the four registers by which a manager reaches them.
+// The EEPROM of a card: its contents, and the four registers through which a manager reaches them.
 //
-// A command (read or write, of one word) works for a number of polls of the status, during which no
-// other is taken; then it is complete or refused, until the next command or until 0 is written to
-// the control register, which makes the EEPROM ready again. Words lie in the contents least
-// significant byte first.
+// A command (read or write one word) works for a number of polls of the status, and no other
+// command is accepted meanwhile. Then it is complete or refused, until the next command or until 0
+// is written to the control register, which makes the EEPROM ready again. The contents have the
+// least significant byte of a word first.
 #pragma once
 
 #include "cardsim.h"
@@ -36,7 +36,7 @@ bool is_eeprom_address(std::uint32_t address);
 std::uint32_t poll_eeprom(eeprom_state& state, const card& owner);
 void command_eeprom(eeprom_state& state, const card& owner, std::uint32_t command);
 
-// Everything but the contents goes back to where it was when the card was new.
+// Resets everything but the contents to the state of a new card.
 void reset_eeprom_registers(eeprom_state& state);
 
 // Both throw error with the file's name.

@@ -1,4 +1,4 @@
-// Faults drawn by rate, one row each.
+// Faults that happen at a rate, one row each.
 #include "faults.h"
 
 #include <algorithm>
@@ -8,7 +8,7 @@ namespace cardsim {
 
 namespace {
 
-// SplitMix64: eight bytes of state, and good from the first number on.
+// SplitMix64: it has eight bytes of state and gives good numbers from the first one on.
 std::uint64_t mix(std::uint64_t value) {
     value = (value ^ value >> 30) * 0xBF58476D1CE4E5B9;
     value = (value ^ value >> 27) * 0x94D049BB133111EB;
@@ -32,12 +32,12 @@ void change_port(reply& given) {
     given.port = 1 - given.port;
 }
 
-// The address of the other path: the one mistake that only a look at the whole address shows.
+// The address of the other path: only a check of the whole address notices this.
 void change_mac(reply& given) {
     given.body.source ^= 1;
 }
 
-// As far as can be from the tags in use, which follow one another.
+// As far as possible from the tags in use, which are consecutive.
 void change_tag(reply& given) {
     given.body.tag ^= 0x80;
 }

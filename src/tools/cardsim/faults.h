@@ -1,4 +1,4 @@
-// The fate of what goes between a manager and a card: lost, late, twice, or wrong.
+// What happens to requests, answers and announcements: lost, late, twice, or wrong.
 //
 // Each card has its own sequences of random numbers, drawn from its seed and its ID, so that the
 // same requests meet the same faults in every run, whatever other cards do.
@@ -24,7 +24,7 @@ struct fault_state {
     std::unique_ptr<reply> held;          // until the next answer has left
 };
 
-// The start of the card's sequences.
+// Starts the card's sequences.
 void seed_faults(fault_state& state, const card& owner);
 
 bool request_lost(fault_state& state, const fault_settings& faults, counters& counted);
@@ -40,7 +40,8 @@ struct fate {
     std::chrono::milliseconds delay{0};  // of an answer that waits
 };
 
-// Spoils `given` as the faults want it and tells when it leaves; a held one has been moved away.
+// Changes `given` by the faults and says when it leaves; an answer that is held back has been moved
+// away.
 fate decide(fault_state& state, const fault_settings& faults, reply& given, counters& counted);
 
 }  // namespace cardsim

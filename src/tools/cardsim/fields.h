@@ -14,8 +14,8 @@ namespace cardsim {
 // The one field that is a list.
 inline constexpr std::string_view silent_registers_name = "silent_registers";
 
-// Names that set_field() knows on the card itself, announced ones and those that show in answers,
-// and those of the records inside it.
+// The names that set_field() knows: of the card itself, both announced fields and those that show
+// in answers, and of the records inside it.
 std::vector<std::string_view> card_field_names();
 std::vector<std::string_view> answering_field_names();
 std::vector<std::string_view> settable_field_names();  // both
@@ -44,8 +44,9 @@ std::string_view speed_name(card_speed speed);
 std::string id_text(std::uint64_t id);            // 0x and 12 digits
 std::string address_text(std::uint32_t address);  // 0x and 6 digits at least
 
-// Throws error when a card cannot exist: ID out of range or not even on a 40G card, heard on a path
-// that its speed or on a port that the simulator does not have, or presets where nothing is.
+// Throws error when a card cannot exist: its ID is out of range or is odd on a 40G card, it is
+// heard on a path that its speed or on a port that the simulator does not have, or it has presets
+// in impossible places.
 void check_card(const card& checked, std::size_t ports);
 
 }  // namespace cardsim

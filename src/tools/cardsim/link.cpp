@@ -163,8 +163,8 @@ std::optional<frame_bytes> link::receive() {
     header.msg_iovlen = 1;
     header.msg_control = control;
     header.msg_controllen = sizeof control;
-    // An error here is a link that went down or away: it is taken off the socket by this call, and
-    // frames come again when the link is back.
+    // An error here means that the link went down or away. This call takes the error off the
+    // socket, and frames come again when the link is back.
     const ssize_t length = recvmsg(fd_.fd, &header, MSG_DONTWAIT);
     if (length < 0) return std::nullopt;
     frame_bytes frame;

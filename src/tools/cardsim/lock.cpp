@@ -23,7 +23,7 @@ void take_back(eeprom_lock& lock, const device_settings& settings) {
     lock.held.holder = lowest_bit(lock.others);
 }
 
-// A manager has taken the lock from `ids` of the other holders.
+// A manager has taken the lock from these other holders.
 void taken_away(eeprom_lock& lock, const device_settings& settings, std::uint32_t ids) {
     if (ids == 0) return;
     if (!settings.lock_stubborn) {
@@ -35,7 +35,7 @@ void taken_away(eeprom_lock& lock, const device_settings& settings, std::uint32_
     }
 }
 
-// A manager has looked at the lock; what it saw was the state before.
+// A manager has looked at the lock; it saw the state before this call.
 void looked_at(eeprom_lock& lock, const device_settings& settings) {
     if (lock.looks_left == 0) return;
     if (--lock.looks_left == 0) take_back(lock, settings);

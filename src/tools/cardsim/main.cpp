@@ -1,7 +1,7 @@
-// qnm-cardsim: simulated cards on real interfaces, told what to do by lines on standard input.
+// qnm-cardsim: simulated cards on real interfaces, controlled by lines on standard input.
 //
 // The main thread reads commands and signals, the simulator's own thread announces. Answers and the
-// counters at the end go to standard output, what arrives from managers to standard error.
+// final counters go to standard output, requests from managers to standard error.
 #include <poll.h>
 #include <unistd.h>
 
@@ -58,7 +58,7 @@ class console {
   public:
     explicit console(int signals) : to_(STDOUT_FILENO, signals) {}
 
-    // What names and values may hold does not end the line.
+    // Newlines within names and values do not end the line.
     void print_line(const std::string& line) { to_.write(tools::visible_line(line) + '\n'); }
 
     bool ended() const { return to_.ended() != tools::output_end::none; }
@@ -94,7 +94,7 @@ int print_man_page(const CLI::App& app) {
     return print_text(cardsim::man_page(options, CARDSIM_VERSION));
 }
 
-// Cards without an Ethernet type of their own follow the new one.
+// Cards without an Ethernet type of their own get the new one.
 void change_ether_type(cardsim::scenario& changed, std::uint16_t ether_type) {
     for (cardsim::card& card : changed.cards) {
         if (card.ether_type == changed.ether_type) card.ether_type = ether_type;
@@ -113,8 +113,8 @@ void add_cards(cardsim::simulator& target, cardsim::scenario& read) {
         target.add(std::move(card));
 }
 
-// Answers every whole line that has come; true when it is to end: by "quit", or because no answer
-// can be given any more.
+// Answers every complete line. Returns whether to end: because of "quit", or because answers can no
+// longer be written.
 bool answer_lines(cardsim::simulator& target, input_lines& input, console& out) {
     while (const auto line = input.next()) {
         const cardsim::answer given = execute(target, *line);
@@ -124,7 +124,7 @@ bool answer_lines(cardsim::simulator& target, input_lines& input, console& out) 
     return false;
 }
 
-// Until "quit" or a signal. The end of standard input only ends the commands.
+// Runs until "quit" or a signal. The end of standard input only ends the commands.
 void serve(cardsim::simulator& target, int signals, console& out) {
     pollfd waited[] = {{.fd = signals, .events = POLLIN, .revents = 0},
                        {.fd = STDIN_FILENO, .events = POLLIN, .revents = 0}};
@@ -145,7 +145,7 @@ void serve(cardsim::simulator& target, int signals, console& out) {
     }
 }
 
-// The exit status when nothing has failed but, perhaps, standard output.
+// The exit status when nothing but, perhaps, standard output has failed.
 int status_after(const console& out, int signalled) {
     if (!out.ended()) return exit_ok;
     tell_line("qnm-cardsim: " + out.problem());
@@ -194,7 +194,7 @@ int tell_end(const CLI::App& app, const CLI::ParseError& found) {
     return status == exit_ok ? print_text(text.str()) : exit_usage;
 }
 
-// Signals are input from the start, so that every wait ends alike.
+// Signals are read as input from the start, so that they end every wait in the same way.
 int open_signals() {
     const int fd = tools::open_end_signals();
     if (fd < 0) throw cardsim::error(std::string("cannot wait for signals: ") + strerror(errno));

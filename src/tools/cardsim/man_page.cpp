@@ -1,5 +1,5 @@
-// Writes the manual page: options and commands come from the tables that parse them, the keys of a
-// scenario are told here, a line each.
+// Writes the manual page. Options and commands come from the tables that parse them; the keys of a
+// scenario are described here, a line each.
 #include "man_page.h"
 
 #include "cardsim.h"

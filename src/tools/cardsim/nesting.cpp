@@ -1,7 +1,7 @@
-// Strings and comments are passed over; in the rest dots and brackets count.
+// Skips strings and comments; in the rest, counts dots and brackets.
 //
-// Up to the first mistake in a text, strings end here where they end for the parser. Behind it the
-// parser does not read on.
+// Up to the first mistake in a text, strings end here where they end for the parser. The parser
+// does not read on after it.
 #include "nesting.h"
 
 #include <algorithm>
@@ -33,7 +33,7 @@ class scanner {
         ++at_;
     }
 
-    // The parts of a key stand between dots and, perhaps, blanks.
+    // The parts of a key are separated by dots, with or without blanks.
     void count(char c) {
         if (c == '.') ++dots_;
         if (c == '[' || c == '{') ++depth_;
@@ -49,7 +49,7 @@ class scanner {
                start.find_first_not_of(quote) == std::string_view::npos;
     }
 
-    // A quote within a long string stands alone or in a pair, at its end too.
+    // Within a long string, and at its end, one or two quotes may stand together.
     void pass_string(char quote) {
         const bool several_lines = is_long(quote);
         at_ += several_lines ? quotes_of_long_string : 1;

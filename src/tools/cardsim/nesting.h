@@ -1,8 +1,8 @@
-// How deeply a TOML text nests, found out before it is parsed.
+// How deeply a TOML text nests, checked before it is parsed.
 //
-// A table within a table costs its parser, and whoever goes through the result, a part of the stack
-// for each level. A dotted key makes a level of each of its parts, so a short file can have more of
-// them than any stack holds.
+// Each level of tables within tables costs the parser, and everything that walks the result, a part
+// of the stack. Every part of a dotted key makes a level, so a short file can have more levels than
+// any stack holds.
 #pragma once
 
 #include <cstddef>

@@ -1,7 +1,7 @@
-// What managers make cards do. A request reaches the card that has its destination address, a Reset
-// to a group address every card of the VLAN. Cards do not hear what comes in on a port or path that
-// is silenced or in the header arrangement that is not theirs, nor obey a frame that breaks a rule.
-// Only a Register Read is answered.
+// What managers make cards do. A request reaches the card with its destination address; a Reset to
+// a group address reaches every card of the VLAN. Cards do not hear what comes in on a silenced
+// port or path or in the other header arrangement, and do not obey a frame that breaks a rule. Only
+// a Register Read is answered.
 #include "simulator_impl.h"
 
 namespace cardsim {
@@ -21,7 +21,7 @@ bool hears_reset(const card& listener, std::size_t port, const request& received
            (hears(listener, port, 0, received) || hears(listener, port, 1, received));
 }
 
-// What a card does with each message, besides the answer to a Register Read.
+// What a card does with each message, besides answering a Register Read.
 struct obedience {
     slot& asked;
     counters& counted;
@@ -48,7 +48,7 @@ struct obedience {
 
 }  // namespace
 
-// A 40G card has the odd address behind its ID as well; a 1G/10G card is never heard there.
+// A 40G card also has the odd address after its ID; a 1G/10G card has not.
 slot* simulator::impl::find_by_mac(std::uint64_t mac) {
     for (const std::uint64_t id : {mac, mac & ~std::uint64_t{1}}) {
         if (const auto found = by_mac.find(id); found != by_mac.end()) return found->second;

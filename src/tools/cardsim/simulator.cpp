@@ -1,10 +1,9 @@
-// The simulator: cards come, go and announce themselves. What managers ask of them is obeyed in
-// obey.cpp.
+// The simulator: cards are added, removed and announced. obey.cpp obeys the requests of managers.
 //
-// Timers lie in a heap, one live entry per announcing card. An entry is void when its generation is
-// no longer that of its card (removed, or another interval): it is dropped when it comes up. The
-// announcing thread sleeps in ppoll() until the first entry is due, a port has a frame, or the wake
-// descriptor says that the heap or the stop flag has changed.
+// Timers are in a heap, with one live entry for each announcing card. An entry is void when its
+// generation is not that of its card, because the card was removed or got another interval; it is
+// dropped when it is due. The announcing thread sleeps in ppoll() until the first entry is due, a
+// port has a frame, or the wake event says that the heap or the stop flag has changed.
 #include <poll.h>
 #include <pthread.h>
 #include <unistd.h>
@@ -144,7 +143,7 @@ void simulator::impl::announce_due() {
         send_everywhere(announced, message::devinfo);
         const milliseconds interval(announced.held.interval_ms);
         const milliseconds jitter(random() % (std::uint64_t{announced.held.jitter_ms} + 1));
-        // A round that came too late is not made up for: that would be a burst.
+        // An announcement that comes too late is not made up for: that would cause a burst.
         const auto next = up.due + interval + jitter;
         arm(announced, next > now ? next : now + interval);
     }

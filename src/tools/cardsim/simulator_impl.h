@@ -34,7 +34,7 @@ struct timer {
     bool operator>(const timer& other) const { return due > other.due; }
 };
 
-// An answer that is late; of those due at the same time the first made is the first to leave.
+// An answer that is late. Of those due at the same time, the one made first leaves first.
 struct delayed_reply {
     steady::time_point due;
     std::uint64_t number;
@@ -103,7 +103,7 @@ struct simulator::impl {
     void loop();
 };
 
-// A card's life behind its registers: its file is loaded at the start, saved at the end.
+// A card's life behind its registers: its file is loaded at the start and saved at the end.
 void start_device(slot& started);
 void finish_device(slot& finished);
 

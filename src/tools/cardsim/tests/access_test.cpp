@@ -1,4 +1,4 @@
-// Behind the registers of a living card: what tests and line commands see and change.
+// What tests and line commands see and change behind the registers of a card.
 #include <gtest/gtest.h>
 
 #include <fstream>

@@ -40,7 +40,7 @@ TEST(Fields, EveryFieldChangesTheFrame) {
     }
 }
 
-// Two by two no field has the same place: what one sets is not what another sets.
+// No two fields share a place: setting one changes no other.
 TEST(Fields, EveryAnsweringFieldHasAPlaceOfItsOwn) {
     using cardsim::device_settings, cardsim::fault_settings;
     card changed = io_card();

@@ -30,7 +30,7 @@ struct Eeprom : testing::Test {
     std::uint32_t poll() { return poll_eeprom(state, owner); }
     void command(std::uint32_t value) { command_eeprom(state, owner, value); }
 
-    // What a command ends in at this address.
+    // The status in which a command at this address ends.
     std::uint32_t result(std::uint32_t value, std::uint32_t address) {
         state.address = address;
         command(value);
@@ -275,7 +275,7 @@ TEST_F(EepromFile, MissingFileAndDirectoryAreNamed) {
     EXPECT_EQ(save(), named("cannot write", "it is a directory, not a regular file"));
 }
 
-// No file of this process may grow beyond a size for the life of this.
+// While it lives, no file of this process may grow beyond a size.
 class file_size_limit {
   public:
     explicit file_size_limit(rlim_t size) {
@@ -325,7 +325,7 @@ TEST_F(EepromFile, SavingThatFailsLeavesItChanged) {
     EXPECT_TRUE(state.changed);
 }
 
-// Nobody is at the other end of the FIFO, and nobody is waited for.
+// Nobody has the other end of the FIFO open, and it must not be waited for.
 TEST_F(EepromFile, IsNoFifoAndNoDevice) {
     ASSERT_EQ(0, mkfifo(file.c_str(), 0600));
     EXPECT_EQ(load(), named("cannot use", "it is a FIFO, not a regular file"));
@@ -335,7 +335,7 @@ TEST_F(EepromFile, IsNoFifoAndNoDevice) {
     EXPECT_EQ(save(), named("cannot write", "it is a device, not a regular file"));
 }
 
-// What lies where the new one is written goes; a link there is not followed.
+// What has the name of the new file is removed; a link there is not followed.
 TEST_F(EepromFile, SavingIsNotLedAstray) {
     const std::filesystem::path fresh = file.string() + ".new";
     ASSERT_EQ(0, mkfifo(fresh.c_str(), 0600));

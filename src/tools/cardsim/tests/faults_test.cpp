@@ -1,4 +1,4 @@
-// The fate of requests and answers: what each fault does, how often, and that it can be repeated.
+// What each fault does to requests and answers, how often, and that the same seed repeats it.
 #include "faults.h"
 
 #include <gtest/gtest.h>

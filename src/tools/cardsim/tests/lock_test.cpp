@@ -32,7 +32,7 @@ struct IdLock : Lock {
     }
 };
 
-// A new lock on which another holder, stubborn or not, sits.
+// A new lock that another holder has, stubborn or not.
 struct StubbornLock : Lock, testing::WithParamInterface<bool> {
     StubbornLock() {
         settings.id_lock = GetParam();

@@ -13,7 +13,7 @@ namespace {
 
 using names = std::vector<std::string_view>;
 
-// Both ways, and each once.
+// Every key has a text and every text a key, once each.
 void expect_texts_of(names known, std::span<const key_text> texts) {
     names told;
     for (const key_text& row : texts) {

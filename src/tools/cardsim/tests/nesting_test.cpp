@@ -15,7 +15,7 @@ std::string repeated(const std::string& part, std::size_t count) {
     return text;
 }
 
-// A key of so many parts, "a.a.a".
+// A key with this many parts, "a.a.a".
 std::string key_of(std::size_t parts, const std::string& dot = ".") {
     return repeated("a" + dot, parts - 1) + "a";
 }
@@ -57,7 +57,7 @@ TEST(Nesting, IsNotInStringsAndComments) {
     EXPECT_EQ(0U, line_of("b = '''\n'" + deep + "\n'''\n"));
 }
 
-// Wherever the string ends, what follows counts again.
+// After the end of a string, wherever it is, dots and brackets count again.
 TEST(Nesting, IsSeenBehindStrings) {
     const std::string deep = "\n" + key_of(nesting_limit + 1) + " = 1";
     for (const char* const text :

@@ -47,7 +47,7 @@ struct Obey : testing::Test {
         add("fast", card_speed::g40, fast_id);
     }
 
-    // Heard everywhere, and never by itself.
+    // Heard on all paths, and never announces itself.
     void add(const std::string& name, card_speed speed, std::uint64_t id) {
         card made = make_card(name, card_kind::qnio, speed, id);
         made.vlan_id = vlan;
@@ -340,7 +340,7 @@ TEST_F(Obey, SilentRegisterIsWrittenButNotAnswered) {
     EXPECT_EQ(sim.read_register("slow", 0x100), 7U);
 }
 
-// Delayed answers wait for the thread, so that what happens before start() happens in time.
+// Delayed answers are sent by the thread, so everything that happens before start() is in time.
 TEST_F(Obey, DelayedAnswerComesLaterWithTheValueOfThen) {
     sim.set("slow", "delay_min_ms", "20");
     const auto asked = std::chrono::steady_clock::now();
@@ -399,7 +399,7 @@ TEST_F(Obey, NewSeedBeginsTheSequenceAnew) {
     EXPECT_EQ(answered_of_64(), once);
 }
 
-// Each run of the same requests against the same seed.
+// Runs the same requests with the same seed.
 std::vector<std::uint64_t> run_with(std::uint64_t seed, bool busy_neighbour) {
     cable out;
     simulator sim({out.port("p0")});
@@ -449,7 +449,7 @@ TEST_F(Obey, DuplicatedAnnouncementLeavesTwice) {
     EXPECT_EQ(sim.count().devinfo, 4U);
 }
 
-// What is asked meets the same faults, however often the card has announced itself before.
+// Requests meet the same faults, however often the card has announced itself before.
 TEST(ObeyAgain, AnnouncementsDrawFromASequenceOfTheirOwn) {
     const auto answered = [](int announcements) {
         cable out;

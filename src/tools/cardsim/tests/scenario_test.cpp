@@ -1,4 +1,4 @@
-// Scenarios: what they make, and errors that lead to the place.
+// Scenarios: the cards that they make, and errors that name the place.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -25,7 +25,7 @@ std::string refusal(const std::string& text) {
     return refusal_of([&] { parsed(text); });
 }
 
-// The least a card needs, on lines 1 to 5; `more` begins on line 6.
+// The minimum for a card, on lines 1 to 5; `more` begins on line 6.
 std::string card_text(const std::string& more = {}, const std::string& speed = "1g10g") {
     return "[[card]]\nname = \"a\"\nkind = \"qnsv\"\nspeed = \"" + speed +
            "\"\nid = 0x020000000010\n" + more;
@@ -230,7 +230,7 @@ TEST(Scenario, MissingFileIsNamed) {
               "cannot read the scenario \"/nonexistent/cards.toml\": No such file or directory");
 }
 
-// Nobody writes to the FIFO, and nobody is waited for.
+// Nobody writes to the FIFO, and it must not be waited for.
 TEST(Scenario, IsARegularFileOfBoundedSize) {
     const temporary_file own;
     const std::string start = "cannot read the scenario \"" + own.path.string() + "\": it ";

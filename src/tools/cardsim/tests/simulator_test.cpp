@@ -78,7 +78,7 @@ TEST(Simulator, SilencedPathIsNotHeardAgainUntilWoken) {
     const auto later = [&](const frames& f) {
         return frames(f.begin() + static_cast<std::ptrdiff_t>(mark), f.end());
     };
-    // Card b goes on at the same pace and shows that time has passed.
+    // Card b announces at the same pace, which shows that time has passed.
     ASSERT_TRUE(out.wait([&](const frames& f) { return count_of(later(f), 0x12) >= 20; }));
     EXPECT_TRUE(out.wait([&](const frames& f) { return count_of(later(f), 0x10) == 0; }));
     sim.wake("a", 0, 0);

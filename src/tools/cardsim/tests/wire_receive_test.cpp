@@ -172,8 +172,8 @@ TEST(Receive, EveryLengthIsSurvived) {
     }
 }
 
-// That many bytes behind an address that suits every type; a careless read of a number shows to
-// UndefinedBehaviorSanitizer, and in a value that is not the same.
+// At that many bytes after an aligned address, a careless read of a number is found by
+// UndefinedBehaviorSanitizer, or gives another value.
 TEST_P(InBothArrangements, IsReadAlikeAtAnyAddress) {
     frame_bytes mms_message = {0x92, 0xFF, 0xFF, 0x00, 0x00, 0x00, 0xDE, 0xAD, 0xBE, 0xEF};
     mms_message.resize(mms_message.size() + 128, 0x5A);

@@ -18,7 +18,7 @@ frame_bytes slice(const frame_bytes& frame, std::size_t from, std::size_t size) 
     return {first, first + static_cast<std::ptrdiff_t>(size)};
 }
 
-// An I/O card with another value in every field.
+// An I/O card with a different value in every field.
 card full_io_card(card_speed speed) {
     card made = make_card("io", card_kind::qnio, speed, 0x123456789ABC);
     made.vlan_id = 0x234;
@@ -137,7 +137,7 @@ cardsim::bridge bridge_from(std::uint8_t first) {
             .pre_limit_upper = d(16)};
 }
 
-// The bytes that bridge_from(first) is on the wire: ascending.
+// The bytes of bridge_from(first) on the wire: ascending.
 frame_bytes ascending(std::uint8_t first, std::size_t size) {
     frame_bytes bytes;
     for (std::size_t i = 0; i < size; ++i)

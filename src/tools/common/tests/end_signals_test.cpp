@@ -46,7 +46,7 @@ TEST(EndSignals, NeedNotBeThere) {
     EXPECT_EQ(0, take_end_signal(-1));
 }
 
-// Blocks them for the rest of this process.
+// Blocks the signals for the rest of this process.
 TEST(EndSignals, AreReadableUntilTheyAreTaken) {
     const int fd = open_end_signals();
     ASSERT_GE(fd, 0);

@@ -1,4 +1,4 @@
-// Files that are read, whole or in parts, and those that are not.
+// Files that are read, whole or in part, and files that are refused.
 #include "common/regular_file.h"
 
 #include <gtest/gtest.h>
@@ -35,7 +35,7 @@ std::string contents_of(const file_contents& read) {
     return contents != nullptr ? *contents : "problem: " + std::get<file_problem>(read).text;
 }
 
-// What is wrong with a file that is none to be read.
+// What is wrong with a file that is not to be read.
 std::string wrong(const std::string& name, std::size_t limit = 100) {
     const file_contents read = read_regular_file(name, limit);
     const auto* const problem = std::get_if<file_problem>(&read);
@@ -72,7 +72,7 @@ TEST_F(RegularFile, IsNoDirectoryAndNoDevice) {
     EXPECT_EQ("it is a device, not a regular file", wrong("/dev/zero"));
 }
 
-// Nobody writes to it, and nobody is waited for.
+// Nobody writes to the FIFO, and it must not be waited for.
 TEST_F(RegularFile, IsNoFifo) {
     ASSERT_EQ(0, mkfifo(path("fifo").c_str(), 0600));
     EXPECT_EQ("it is a FIFO, not a regular file", wrong(path("fifo")));
@@ -114,7 +114,7 @@ TEST_F(RegularFile, IsReadInParts) {
     EXPECT_EQ("ne\ntwo\n", read_from(found, 1));
 }
 
-// More than is read at once, by its tail.
+// The end of a file that is longer than one read.
 TEST_F(RegularFile, IsReadToItsEnd) {
     std::string whole;
     for (int i = 0; i < 20'000; ++i)

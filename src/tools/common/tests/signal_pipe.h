@@ -1,4 +1,4 @@
-// A descriptor that says as a signalfd does that a signal has come.
+// A descriptor that, like a signalfd, is readable when a signal has come.
 #pragma once
 
 #include <sys/signalfd.h>

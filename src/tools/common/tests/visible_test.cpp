@@ -1,4 +1,4 @@
-// What a terminal would obey, made visible.
+// What a terminal would obey is made visible.
 #include "common/visible.h"
 
 #include <gtest/gtest.h>
@@ -54,7 +54,7 @@ TEST(Visible, ChangesNothingTheSecondTime) {
         EXPECT_GE(c, ' ');
 }
 
-// The last one: marks stay.
+// The last test, because marks stay.
 TEST(VisibleOwn, SequencesPassAndOthersDoNot) {
     EXPECT_EQ("\033[1m", own("\033[1m"));
     EXPECT_EQ("\\x1b[1m", visible(own("\033[1m")));
