@@ -19,7 +19,7 @@ constexpr qnm_retry_t k_hasty = {1, 50};
 struct access : running_manager {
     using running_manager::running_manager;
 
-    // A card that has been learnt over all its paths.
+    // A card that is known by all its paths.
     void add(
         uint64_t id, card_kind kind, card_speed speed,
         const std::function<void(cardsim::card&)>& change = [](cardsim::card&) {}) {
@@ -116,7 +116,7 @@ TEST_F(access, a_port_that_goes_down_leaves_the_other_carrying_on) {
     uint32_t data = 0;
     EXPECT_EQ(qnm_read_register(k_id, 0, &data, &k_patient, 0), QNM_API_SUCCESS);
     run("ip link set qsim0 down");
-    // Until the card is known to be gone from port 0 its reads are lost there.
+    // Until the card is known to be gone from port 0, its reads are lost there.
     EXPECT_TRUE(wait_for(
         [&] { return qnm_read_register(k_id, 0, &data, &k_hasty, 0) == QNM_API_SUCCESS; }));
     EXPECT_EQ(paths(k_id), "DDCD");
@@ -137,8 +137,8 @@ TEST_F(access, a_card_whose_monitoring_is_stopped_is_found_by_the_live_check) {
     EXPECT_EQ(qnm_read_register(k_id + 2, 0, &data, &k_patient, 0), QNM_API_ENOENT);
 }
 
-// One frame is enough to make a record of the other kind under a card's ID. When that one has
-// expired, it must not stand before the live card.
+// One forged frame is enough to make a record of the other kind with a card's ID. After that record
+// has expired, it must not hide the live card.
 TEST_F(access, a_forged_announcement_of_the_other_kind_cuts_no_card_off) {
     add(card_kind::qnio, card_speed::g1_10);
     const cardsim::card forged =
@@ -152,8 +152,8 @@ TEST_F(access, a_forged_announcement_of_the_other_kind_cuts_no_card_off) {
               QNM_API_SUCCESS);
 }
 
-// A switch floods what it has no port for: answers to other managers, of the same card and with the
-// same tags.
+// A switch floods frames for unknown ports, so answers to other managers arrive: from the same card
+// and with the same tags.
 TEST_F(access, answers_for_other_managers_are_not_taken) {
     add(card_kind::qnio, card_speed::g1_10);
     std::atomic<bool> over = false;
@@ -200,7 +200,7 @@ struct eeprom_row {
 };
 
 struct eeprom : access, testing::WithParamInterface<eeprom_row> {
-    // A lock that is not to be had is given up after a quarter of a second.
+    // A lock that cannot be had is given up after a quarter of a second.
     eeprom() : access("eeprom_retry_interval = 10\neeprom_retry_count = 25\n") {}
 
     void SetUp() override {
@@ -244,7 +244,7 @@ TEST_P(eeprom, is_dumped_read_and_written_and_its_lock_released) {
 }
 
 TEST_P(eeprom, lock_of_another_party_is_respected_or_taken_by_force) {
-    // The bit of the other parties' that the configuration knows.
+    // The bit of the other party that the configuration knows.
     cards_->take_lock(k_id, 8);
     uint32_t word = 0;
     EXPECT_EQ(qnm_read_eeprom(k_id, 0, &word, &k_patient, 0), QNM_API_EBUSY);

@@ -1,4 +1,4 @@
-// cards_test.cpp - cards are learnt, followed and lost over a real kernel.
+// cards_test.cpp - cards are added, followed and lost with a real kernel.
 
 #include <gmock/gmock.h>
 
@@ -230,7 +230,7 @@ TEST_F(cards, a_stopped_card_keeps_its_record_until_it_is_restarted) {
     const uint64_t recvtime = qnio(k_id)->eio_com_dev.ecd_recvtime[0][0];
     cards_->set(k_id, "vlan_id", "99");
     cards_->notify(k_id);
-    // A card that is not stopped shows when the notice has been through the receive thread.
+    // A card that is not stopped shows when the notice has passed the receive thread.
     cardsim::card marker = lively(card_kind::qnio, card_speed::g1_10, k_id + 2);
     cards_->add(marker);
     ASSERT_TRUE(wait_for([] { return paths(k_id + 2) == "CDCD"; }));

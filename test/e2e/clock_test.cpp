@@ -1,7 +1,7 @@
 // clock_test.cpp - a host program that does not run for a while.
 //
-// The clock of the machine cannot be set here, nor in a namespace: what becomes of the cards when
-// it is, test_keepalive and the model try with a clock of their own.
+// The machine's clock cannot be set here, nor in a namespace. test_keepalive and the model check
+// with a clock of their own what happens to cards when it is set.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -86,7 +86,7 @@ TEST(clock, a_process_that_was_stopped_hears_its_cards_before_it_judges_them) {
             << id;
     }
 
-    // It hears nothing while it is stopped, and nothing that was said meanwhile is kept for it.
+    // A stopped process hears nothing, and nothing is kept for it.
     cards->remove(k_id);
     cards->remove(k_dead);
     host.signal(SIGSTOP);

@@ -1,7 +1,8 @@
-// exclusion_test.cpp - processes on one interface: one at a time accesses cards, all may listen.
+// exclusion_test.cpp - processes that share an interface: one at a time accesses cards, all may
+// listen.
 //
-// The other host is a process that is made before this one has threads, and does what it is told
-// over a socket, one byte for a command and one for its answer.
+// The other host is a process that is made before this one has threads. It obeys commands on a
+// socket, one byte for a command and one for its answer.
 
 #include <gmock/gmock.h>
 #include <linux/capability.h>
@@ -51,7 +52,7 @@ char read_register(uint32_t address, uint32_t* data) {
     return static_cast<char>(qnm_read_register(k_id, address, data, &k_patient, 0));
 }
 
-// As long as there are values; the number of wrong ones.
+// Reads while there are values; returns the number of wrong ones.
 char count_wrong(uint32_t address, uint32_t right) {
     char wrong = 0;
     for (int n = 0; n < 5000; n++) {
@@ -62,7 +63,7 @@ char count_wrong(uint32_t address, uint32_t right) {
     return wrong;
 }
 
-// The lowest number that is not in use by any process with standard streams.
+// The lowest descriptor that no process with standard streams uses.
 char use_up_descriptors() {
     struct rlimit limit = {};
     getrlimit(RLIMIT_NOFILE, &limit);
@@ -97,7 +98,7 @@ class host_process {
         if (write(ends_[0], &byte, 1) != 1 || read(ends_[0], &answer, 1) != 1) return -1;
         return answer;
     }
-    // For an answer that is taken later.
+    // For an answer that is read later.
     void send(command what) { EXPECT_EQ(write(ends_[0], &what, 1), 1); }
     int answer() {
         char byte = -1;
@@ -266,7 +267,8 @@ socklen_t address_of(unsigned index, struct sockaddr_un& address) {
     return static_cast<socklen_t>(offsetof(struct sockaddr_un, sun_path) + 1 + name.size());
 }
 
-// Has the name of a port's interface and is no manager, nor could be one without capabilities.
+// A process that holds the name for a port's interface, but is no manager and has no capabilities
+// to be one.
 class squatter {
   public:
     explicit squatter(const char* interface_name, bool is_privileged = false) {
@@ -338,7 +340,7 @@ struct squatted : exclusion {
     }
 };
 
-// The name tells nothing of the holder then.
+// The name then says nothing about its holder.
 TEST_F(squatted, one_at_a_time_accesses_cards) {
     EXPECT_EQ(read_own(), QNM_API_EBUSY);
     EXPECT_THAT(install.log(),
@@ -373,7 +375,7 @@ TEST_F(squatted, the_one_that_accesses_cards_keeps_them_when_its_interface_was_d
     EXPECT_EQ(read_own(), QNM_API_SUCCESS);
 }
 
-// The name is tried for again, for others to be told who it is.
+// The name is tried again, so that others are told who holds it.
 TEST_F(exclusion, is_named_when_the_process_that_had_the_name_has_gone) {
     auto stranger = std::make_unique<squatter>("qnm0");
     ASSERT_EQ(other.tell(start), 1);
@@ -385,7 +387,7 @@ TEST_F(exclusion, is_named_when_the_process_that_had_the_name_has_gone) {
     }));
 }
 
-// Connects to the holder of the name until it has no room for more; true if that came to be.
+// Connects to the holder of the name until its backlog is full; returns whether that was reached.
 bool take_all_room(unsigned index, std::vector<int>& guests) {
     struct sockaddr_un address;
     const socklen_t length = address_of(index, address);
@@ -402,7 +404,7 @@ bool take_all_room(unsigned index, std::vector<int>& guests) {
 }
 
 TEST_F(exclusion, holds_against_somebody_who_takes_all_room_at_the_holder) {
-    // As it is for this namespace, which is the test's own; few guests do then.
+    // The limit of this namespace, which is the test's own; a few connections are enough then.
     std::ofstream("/proc/sys/net/core/somaxconn") << 16;
     ASSERT_EQ(other.tell(start), 1);
     ASSERT_EQ(other.tell(read_one), QNM_API_SUCCESS);
@@ -416,7 +418,7 @@ TEST_F(exclusion, holds_against_somebody_who_takes_all_room_at_the_holder) {
     EXPECT_EQ(install.log().find("Going on without it"), std::string::npos);
 }
 
-// It has no descriptor left to take their connections with.
+// The holder has no descriptor left to accept connections with.
 TEST_F(exclusion, holds_against_somebody_who_takes_all_room_for_good) {
 #if defined(__SANITIZE_ADDRESS__)
     GTEST_SKIP() << "the check of undefined behaviour needs descriptors itself";

@@ -17,7 +17,7 @@
 namespace e2e {
 namespace {
 
-// How often each way is gone; QNM_EXITS=200 goes it as often as that.
+// How often each way is tried; QNM_EXITS=200 tries it 200 times.
 int exits() {
 #if defined(__SANITIZE_THREAD__)
     constexpr int k_exits = 10;  // the sanitizer waits for a second at each
@@ -66,11 +66,11 @@ TEST_P(ends_without_a_stop, and_nothing_goes_wrong) {
     }
     EXPECT_EQ(failures, 0) << "of " << exits() << '\n' << told;
     if (GetParam() == std::string("starting")) return;
-    // By the handler that was registered while the manager ran, and not by the one before it.
+    // By the handler that was registered while the manager ran, not by the one before it.
     EXPECT_EQ(count(install.log(), "log_at_exit: "), static_cast<size_t>(exits()));
 }
 
-// Whoever could read the log holds it open, and does not.
+// The program that could read the log has it open, and does not read.
 TEST(stuck_line, of_the_log_holds_no_exit) {
     const installation install("");
     const std::string log = install.path() + "/log";
@@ -82,7 +82,7 @@ TEST(stuck_line, of_the_log_holds_no_exit) {
     close(reader);
 }
 
-// What lies in the directory in which a program is started may be anybody's.
+// The files in the directory in which a program is started may belong to anybody.
 TEST(current_directory, configures_no_log) {
     const installation install("");
     const std::string victim = install.path() + "/victim";
@@ -100,7 +100,7 @@ TEST(current_directory, configures_no_log) {
     EXPECT_EQ(text_of(victim), "precious\n");
 }
 
-// The library is unloaded and loaded again as a plugin may be, and writes each time.
+// The library is unloaded and loaded again, as a plugin may be, and logs each time.
 TEST(unloading, leaves_nothing_behind) {
     const installation install("");
     program host({PLUGIN_HOST, QNM_LIBRARY, install.path()}, install.path());

@@ -94,7 +94,7 @@ void exit_from_callback(uint64_t, qnm_evt_type_t, void*) {
 
 void ignore(uint64_t, qnm_evt_type_t, void*) {}
 
-// As a thread that goes on running while the process ends.
+// Like a thread that goes on running while the process ends.
 template <typename Function, typename... Arguments>
 void leave_running(Function function, Arguments... arguments) {
     std::thread(function, arguments...).detach();

@@ -1,7 +1,7 @@
-// faults_test.cpp - device access on cards and cables that lose, delay, repeat and reorder.
+// faults_test.cpp - device access on cards and cables that lose, delay, repeat and reorder frames.
 //
-// A value that comes back is the right one, whatever happened on the way; what cannot be had ends
-// in a documented error.
+// A value that is returned is the right one, whatever happened on the way; a failure is a
+// documented error.
 
 #include <gtest/gtest.h>
 
@@ -23,8 +23,8 @@ constexpr unsigned k_parts = 4;
 constexpr unsigned k_accesses = 1250 / k_parts + 1;  // of each thread
 constexpr qnm_retry_t k_retry = {30, 20};
 
-// Every fourth card answers so late, now and then, that it has been asked again; the others repeat
-// and reorder their answers.
+// Every fourth card sometimes answers so late that it has been asked again; the others repeat and
+// reorder their answers.
 cardsim::card faulty_card(size_t number, unsigned part) {
     const card_kind kind = number % 2 == 0 ? card_kind::qnsv : card_kind::qnio;
     const card_speed speed = number % 4 < 2 ? card_speed::g40 : card_speed::g1_10;
@@ -42,13 +42,13 @@ cardsim::card faulty_card(size_t number, unsigned part) {
     return card;
 }
 
-// A register that one thread alone uses, and what it may hold: one value, or after an access whose
-// effect is not known both the old and the new one.
+// A register that only one thread uses, and its possible contents: one value, or, after an access
+// that may have failed, both the old and the new one.
 class own_register {
   public:
     own_register(uint64_t id, uint32_t address) : id_(id), address_(address) {}
 
-    // One access of a random kind; whether it ended as it may.
+    // Makes one access of a random kind; returns whether it ended as it may.
     bool use(std::mt19937& random) {
         const uint32_t value = random();
         switch (random() % 4) {
@@ -101,8 +101,8 @@ class own_register {
     std::set<uint32_t> possible_ = {0};
 };
 
-// Ten thousand accesses in all. Most of their time is waiting for answers, so the parts run side by
-// side.
+// Ten thousand accesses in all. Most of the time is spent waiting for answers, so the parts run
+// side by side.
 class faults_part : public testing::TestWithParam<unsigned> {};
 
 TEST_P(faults_part, of_ten_thousand_accesses_gives_right_values_or_documented_errors) {

@@ -32,12 +32,12 @@ uint64_t taken() {
 frame_bytes announcement(bool vlan_change_mode) {
     const auto card = cardsim::make_card("card", card_kind::qnio, card_speed::g1_10, k_id);
     frame_bytes frame = cardsim::encode(card, cardsim::message::devinfo, 0);
-    // Tag and type change places.
+    // Tag and type are swapped.
     if (vlan_change_mode) std::rotate(&frame[12], &frame[16], &frame[18]);
     return frame;
 }
 
-// An announcement to all but its type, which is that of IPv4.
+// An announcement in all but its type, which is that of IPv4.
 frame_bytes foreign(bool tagged) {
     frame_bytes frame = announcement(false);
     frame[16] = 0x08;
@@ -65,7 +65,7 @@ TEST_F(filter, frames_that_the_host_sends_itself_do_not_pass) {
         uint32_t value = 0;
         EXPECT_EQ(qnm_read_register(k_id, 4 * n, &value, nullptr, 0), QNM_API_SUCCESS);
     }
-    // All that was captured has been taken: announcements and Completions.
+    // Everything that was captured has been accepted: announcements and Completions.
     EXPECT_TRUE(wait_for([&] { return captured() - before == taken(); }))
         << captured() - before << " captured, " << taken() << " taken";
 }

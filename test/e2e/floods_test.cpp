@@ -1,6 +1,6 @@
 // floods_test.cpp - more than a network of cards would ever send: forged announcements, stray
-// Completions, changes without end. What the library keeps is bounded, what it says is counted, and
-// the cards that it knows go on.
+// Completions, changes without end. The library's memory is bounded, what it leaves out of the log
+// is counted, and the cards that it knows stay usable.
 
 #include <gmock/gmock.h>
 
@@ -42,7 +42,7 @@ size_t resident_bytes() {
     return resident * 4096;
 }
 
-// A line that stands for others, and how many there were: each that is written counts for one.
+// How many lines a line stands for; a line that is written counts as one.
 struct told {
     size_t lines = 0;
     uint64_t count = 0;
@@ -77,7 +77,8 @@ struct flood : testing::Test {
         ASSERT_TRUE(wait_for([] { return paths(k_id) == "CDCD" && paths(k_id + 2) == "CDCD"; }));
     }
 
-    // Notifications, as the living cards send none: their counter counts the forged ones alone.
+    // Forged frames are notifications. Live cards send none, so the counter of notifications counts
+    // the forged ones.
     static frame_bytes forged_frame(uint64_t id) {
         return encode(cardsim::make_card("forged", card_kind::qnio, card_speed::g1_10, id),
                       message::notify, 0);
@@ -96,7 +97,7 @@ struct flood : testing::Test {
         }
     }
 
-    // Nobody's Completion, which says nothing to the library but that it was taken.
+    // A Completion for nobody. The library only counts it.
     static frame_bytes stray_frame() {
         frame_bytes frame;
         encode(cardsim::make_card("stray", card_kind::qnio, card_speed::g1_10, k_id + 2),
@@ -105,7 +106,8 @@ struct flood : testing::Test {
         return frame;
     }
 
-    // What was sent by port 0 has been taken once a later frame has, which may be lost as well.
+    // Everything that port 0 was sent has been handled once a later frame has. That frame may be
+    // lost too.
     void expect_all_taken() {
         const uint64_t before = received(QNM_STATS_R_COMP);
         EXPECT_TRUE(wait_for([&] {
@@ -114,13 +116,13 @@ struct flood : testing::Test {
         }));
     }
 
-    // A line a second at most, and one more where the first one falls.
+    // At most one line a second, and one for the second in which the first one falls.
     size_t lines_allowed() const {
         const auto lasted = std::chrono::steady_clock::now() - began;
         return static_cast<size_t>(std::chrono::ceil<std::chrono::seconds>(lasted).count()) + 1;
     }
 
-    // The living cards are heard and obey.
+    // The live cards are heard and obey.
     void expect_known_cards_go_on() {
         const uint64_t heard = qnsv(k_id)->esv_com_dev.ecd_recvtime[0][0];
         EXPECT_TRUE(wait_for([=] { return qnsv(k_id)->esv_com_dev.ecd_recvtime[0][0] > heard; }));
@@ -136,7 +138,7 @@ TEST_F(flood, of_forged_cards_fills_the_tables_and_no_more) {
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
     GTEST_SKIP() << "takes minutes with a sanitizer; the units' tests reach the ceilings, too";
 #endif
-    // Frames may be lost on the way: the same ones again until all are known.
+    // Frames may be lost on the way, so they are sent again until all cards are known.
     const auto known = [] { return qnsv_total() + qnio_total(); };
     const uint32_t forged = qnm::k_cards_max - known();
     while (known() < qnm::k_cards_max) {
@@ -161,7 +163,7 @@ TEST_F(flood, of_forged_cards_fills_the_tables_and_no_more) {
     EXPECT_GT(refused().count, k_more / 10);
     EXPECT_LE(refused().lines, lines_allowed());
 
-    // Where a card goes, there is room for another one.
+    // When a card goes, there is room for another one.
     EXPECT_EQ(qnm_delete_qnio(k_forged), QNM_API_SUCCESS);
     cards_->add(lively(card_kind::qnio, card_speed::g1_10, k_id + 4));
     EXPECT_TRUE(wait_for([] { return paths(k_id + 4) == "CDCD"; }));
@@ -183,7 +185,7 @@ TEST_F(flood, of_completions_with_wrong_tags_is_told_by_their_number) {
     EXPECT_LE(invalid().lines, lines_allowed());
 }
 
-// A callback that is slow beyond all bounds.
+// A callback that takes very long.
 struct obstacle {
     std::mutex mutex;
     std::condition_variable gone;
@@ -210,7 +212,7 @@ TEST_F(flood, of_changes_fills_the_queue_of_events_and_no_more) {
     qnm_cbid_t handle = nullptr;
     ASSERT_EQ(qnm_register_callback(QNM_EVT_NEWDEVINFO, obstacle::wait, &slow, &handle),
               QNM_API_SUCCESS);
-    // One card that is bound and faulty, and not, in turn: three events a frame.
+    // One card that is bound and faulty in every second frame: three events a frame.
     std::array<frame_bytes, 2> frames = {forged_frame(k_forged), forged_frame(k_forged)};
     frames[1][29] |= 0x02;  // bound to its QNSV card
     frames[1][22] ^= 0x01;  // a link fault
@@ -222,14 +224,14 @@ TEST_F(flood, of_changes_fills_the_queue_of_events_and_no_more) {
         for (uint64_t n = 0; n < k_more; n++)
             cards_->send_raw(0, frames[n % 2]);
     }
-    // What is waiting, and the one that is being delivered.
+    // The waiting events, and the one that is being delivered.
     const auto waiting = [] {
         return std::atomic_ref(qnm_stats.est_evt_node_al).load() - delivered();
     };
     EXPECT_TRUE(wait_for([&] { return waiting() == qnm::k_events_max + 1; })) << waiting();
     EXPECT_LE(dropped().lines, lines_allowed());
     slow.remove();
-    // All that waited is delivered, and then what comes.
+    // All waiting events are delivered, and then the new ones.
     EXPECT_TRUE(wait_for([&] { return waiting() == 0; }));
     expect_known_cards_go_on();
     EXPECT_TRUE(host.wait_event(k_id + 2, QNM_EVT_UPDATEDEVINFO));

@@ -15,8 +15,8 @@ namespace {
 using namespace e2e;
 using testing::IsEmpty;
 
-// What the descriptors are that a program executed now would inherit. Left out are the standard
-// streams, and the eventfd that libpcap keeps with each capture and tells nobody.
+// The descriptors that a program executed now would inherit, except the standard streams and the
+// eventfd that libpcap keeps with each capture and does not expose.
 std::multiset<std::string> inherited() {
     std::multiset<std::string> targets;
     for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {

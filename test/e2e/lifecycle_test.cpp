@@ -1,4 +1,4 @@
-// lifecycle_test.cpp - starts, stops and host programs with habits of their own.
+// lifecycle_test.cpp - starts, stops, and host programs with unusual habits.
 
 #include <gmock/gmock.h>
 #include <signal.h>
@@ -58,11 +58,11 @@ TEST(lifecycle, fifty_starts_and_stops_leave_nothing_behind) {
             ASSERT_EQ(host.stop(), QNM_API_SUCCESS);
         }
         expect_balanced();
-        // The first round opens what stays open for good, such as the log.
+        // The first round opens what stays open, such as the log.
         if (round == 0) descriptors = entries("/proc/self/fd");
     }
     EXPECT_EQ(entries("/proc/self/fd"), descriptors);
-    // A thread that has been joined is listed until the system has taken it down.
+    // A thread that has been joined is listed until the system has removed it.
     EXPECT_TRUE(wait_for([&] { return entries("/proc/self/task") == threads; }));
 }
 
@@ -78,8 +78,8 @@ milliseconds time_of_one_close() {
     return clock::now() - began;
 }
 
-// Judged by the best of many stops and closes each, as the machine may be busy with something else.
-// One after the other, the sockets of two ports take eight closes.
+// Compares the best of many stops with the best of many closes, because the machine may be busy.
+// One after the other, the sockets of two ports would take eight closes.
 TEST(lifecycle, an_idle_stop_takes_little_more_than_its_interval) {
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
     GTEST_SKIP() << "the sanitizer's work would be measured";
@@ -102,8 +102,8 @@ TEST(lifecycle, an_idle_stop_takes_little_more_than_its_interval) {
 
 void ignore_signal(int) {}
 
-// Sends SIGALRM to every thread of this process, round and round: whichever thread the kernel
-// would choose for a signal of the host, it has been hit.
+// Sends SIGALRM to every thread of this process in turn, so that every thread that the kernel could
+// choose for a signal is hit.
 void storm(const std::atomic<bool>& calm) {
     while (!calm) {
         for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
@@ -135,7 +135,7 @@ TEST(lifecycle, a_storm_of_signals_in_the_host_does_not_end_the_manager) {
     EXPECT_EQ(host.stop(), QNM_API_SUCCESS);
 }
 
-// Runs a host program that ends at Enter until it has printed the line, and nothing in front of it.
+// Runs a host program that ends at Enter until it has printed the line, and nothing before it.
 void expect_first_line(const std::string& program, const std::string& expected) {
     const cables wires;
     const installation install(k_two_ports);

@@ -1,4 +1,4 @@
-// links_test.cpp - links that flap, change together with many others, or go while nobody looks, and
+// links_test.cpp - links that flap, change together with many others, or go down unnoticed, and
 // interfaces that are paused, replaced or renamed under the manager.
 
 #include <gmock/gmock.h>
@@ -26,7 +26,7 @@ namespace {
 using testing::HasSubstr;
 using testing::Not;
 
-// With such an expiry time nothing but a link disconnects a card.
+// With this expiry time, only the link can disconnect a card.
 constexpr char k_patient[] = "ether_port = qnm0,qnm1\ndevinfo_expire_time = 100000\n";
 constexpr uint32_t k_register = 0x1000;
 
@@ -42,7 +42,7 @@ class switchboard {
         set_flag(request, up);
     }
 
-    // Down and up again, with nothing between.
+    // Down and up again, with nothing in between.
     void flap(const char* name) const {
         struct ifreq request = {};
         strcpy(request.ifr_name, name);
@@ -51,7 +51,7 @@ class switchboard {
         set_flag(request, true);
     }
 
-    // An interface that puts frames together itself is captured whole, whatever its MTU.
+    // An interface that joins frames itself is captured whole, whatever its MTU.
     void stop_offloads(const char* name) const {
         for (const uint32_t command : {ETHTOOL_STSO, ETHTOOL_SGSO, ETHTOOL_SGRO}) {
             struct ethtool_value off = {command, 0};
@@ -72,7 +72,7 @@ class switchboard {
     int fd_ = socket(AF_INET, SOCK_DGRAM, 0);
 };
 
-// A look at the counters, under the mutex that they are counted under.
+// Reads the counters, under the mutex that guards them.
 template <typename Look>
 auto in_stats(const Look& look) {
     pthread_mutex_lock(&qnm_stats_mutex.em_mutex);
@@ -108,7 +108,7 @@ uint32_t link_state(int port) {
     return qnm::load(qnm_root.er_port_info[port].epi_link_state);
 }
 
-// A stop that ends by itself. One that hangs is helped by a command, so that the test can tell.
+// A stop that ends by itself. A command helps one that hangs, so that the test can report it.
 void expect_stop(manager& host, const std::string& help) {
     qnm_fini_manager();
     const bool ended = wait_for([&] { return host.has_ended(); });
@@ -117,8 +117,8 @@ void expect_stop(manager& host, const std::string& help) {
     EXPECT_EQ(host.stop(), QNM_API_SUCCESS);
 }
 
-// Threads that send to the card without a rest, until they are told to end: each waits for an
-// answer only while it reads, every so many writes.
+// Threads that send to the card without a rest, until they are told to end. A thread waits for an
+// answer only when it reads, once in so many writes.
 class senders {
   public:
     explicit senders(const std::vector<uint64_t>& ids) {
@@ -165,8 +165,8 @@ struct links : testing::Test {
     }
 };
 
-// A thread that sends can take the socket's error before the port's own thread has it. The manager
-// runs at a low priority, so that its threads are held up between any two steps.
+// A thread that sends can take the socket's error before the port's own thread does. The manager
+// runs at a low priority, so its threads may be held up between any two steps.
 TEST_F(links, ports_that_flap_under_eight_senders_go_on_to_hear_and_to_stop) {
     constexpr int k_flaps = 1000;
     EXPECT_EQ(host->stop(), QNM_API_SUCCESS);
@@ -188,7 +188,7 @@ TEST_F(links, ports_that_flap_under_eight_senders_go_on_to_hear_and_to_stop) {
         const switchboard cable_ends;
         for (int n = 0; n < k_flaps && !host->has_ended(); n++) {
             cable_ends.flap(n % 4 == 3 ? "qnm1" : "qnm0");
-            // So that frames are being sent by the port again.
+            // So that the port sends frames again.
             const uint64_t before = some.sent();
             ASSERT_TRUE(wait_for([&] {
                 return host->has_ended() || (paths(ids[0]) == "CCCC" && some.sent() > before + 100);
@@ -251,7 +251,7 @@ TEST_F(links, a_paused_port_fails_calls_and_holds_no_stop) {
         const senders some(std::vector<uint64_t>(8, k_id));
         expect_stop(*host, k_resume);
     }
-    // It may be gone already, with what has hung.
+    // The cable may have been removed already, to end what hung.
     run(std::string(k_resume) + " 2>/dev/null || true");
     caller.join();
 }
@@ -264,7 +264,7 @@ TEST(links_at_a_start, a_link_that_goes_before_the_watcher_listens_is_seen) {
     for (int round = 1; round <= 10; round++) {
         const auto opened = static_cast<size_t>(round);
         std::thread breaker([&] {
-            // The second port is not open yet, and the watcher comes after it.
+            // The second port is not open yet, and the watcher starts after it.
             if (wait_for([&] { return times_logged(install, "Success. IF name=qnm0") >= opened; }))
                 switchboard().set("qsim0", false);
         });
@@ -317,7 +317,7 @@ TEST_F(links, a_port_that_is_renamed_is_down_until_it_has_its_name_again) {
     run("ip link set qnm1 down && ip link set qnm1 name away && ip link set away up");
     ASSERT_TRUE(wait_for([] { return paths(k_id) == "CCDD"; }));
     ASSERT_TRUE(wait_for([&] { return is_logged(install, k_lost); })) << install.log();
-    // The renamed interface still brings the card's frames.
+    // The renamed interface still delivers the card's frames.
     ASSERT_TRUE(hears(1));
     EXPECT_EQ(paths(k_id), "CCDD");
     EXPECT_EQ(link_state(1), 0U);
@@ -329,7 +329,7 @@ TEST_F(links, a_port_that_is_renamed_is_down_until_it_has_its_name_again) {
 
 // ---- A small MTU --------------------------------------------------------------------------------
 
-// The kernel captures no more of a frame than the MTU allowed for when the port was opened.
+// The kernel captures no more of a frame than the MTU was when the port was opened.
 void expect_no_card_of_half_a_frame(const std::string& more) {
     const cables wires;
     switchboard().stop_offloads("qnm0");
@@ -341,7 +341,7 @@ void expect_no_card_of_half_a_frame(const std::string& more) {
     const auto cards = make_cards();
     cards->add(lively(card_kind::qnsv, card_speed::g40, k_id));
     cards->start();
-    // Two announcements of a card with small ones enclose one of the other.
+    // Two announcements with small frames, with one of the other card in between.
     cards->add(lively(card_kind::qnio, card_speed::g1_10, k_id + 2));
     const uint64_t before = received(0);
     EXPECT_TRUE(wait_for([=] { return received(0) >= before + 3; }));

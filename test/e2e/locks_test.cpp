@@ -1,12 +1,12 @@
-// locks_test.cpp - the locks of a card's EEPROM: shared by two managers, each in a network
-// namespace of its own, and left behind by none that is stopped.
+// locks_test.cpp - the locks of a card's EEPROM: two managers, each in a network namespace of its
+// own, share them, and a manager that is stopped leaves none behind.
 //
 //     this process, port 0   qnm0 ==== qsim0   the card
 //     another one,  port 0   qnm1 ==== qsim1   the same card
 //
 // All managers are one party to the card's locks: they are told apart from other parties, not from
-// each other. So what is tried is that none is stuck, that every call ends as documented, and that
-// no lock stays behind.
+// each other. So the tests check that no manager gets stuck, that every call ends as documented,
+// and that no lock is left behind.
 
 #include <gtest/gtest.h>
 #include <sched.h>
@@ -35,7 +35,7 @@ bool is_documented(qnm_api_code_t ret) {
     return ret == QNM_API_SUCCESS || ret == QNM_API_EBUSY || ret == QNM_API_ETIMEDOUT;
 }
 
-// Reads and writes words by turns, also by force; the number of calls that ended otherwise than
+// Reads and writes words in turn, also by force; returns how many calls ended otherwise than
 // documented.
 int fight(uint32_t seed) {
     int wrong = 0;
@@ -117,7 +117,7 @@ TEST_P(locks, two_managers_fight_and_none_is_stuck) {
 
 // ---- Stopped in the middle ----------------------------------------------------------------------
 
-// A card that asks for the stop of the manager when it has obeyed a certain request for a register.
+// A card that stops the manager when it has obeyed a certain request for a register.
 class stopping_card {
   public:
     explicit stopping_card(bool id_lock) {
@@ -138,7 +138,7 @@ class stopping_card {
     void stop_after(int requests) { requests_left_ = requests; }
     bool has_stopped() const { return requests_left_ <= 0; }
 
-    // Whether nobody holds the lock, and the EEPROM waits for a command.
+    // Whether the lock is free and the EEPROM waits for a command.
     bool is_clean() {
         const cardsim::lock_holders left = cards_->lock(k_id);
         constexpr uint32_t control = 0x40, ready = 0x40000000;
@@ -151,7 +151,7 @@ class stopping_card {
     std::unique_ptr<cardsim::simulator> cards_;
 };
 
-// Every moment of two words' time is tried, for each kind of lock; a word takes some 20 requests.
+// Tries every moment within two words, for each kind of lock; a word takes some 20 requests.
 TEST_P(locks, a_manager_that_is_stopped_leaves_none_behind) {
     const cables wires;
     const installation install("ether_port = qnm0\neeprom_verify_count = 3\n");

@@ -13,7 +13,7 @@ namespace {
 
 using testing::HasSubstr;
 
-// A card with all four paths, learnt over those that are expected.
+// A card with all four paths, known by those that are expected.
 std::unique_ptr<cardsim::simulator> play_card(const std::string& expected_paths) {
     auto cards = make_cards();
     cards->add(lively(card_kind::qnsv, card_speed::g40, k_id));
@@ -28,7 +28,7 @@ TEST(ports, link_down_disconnects_its_cards_and_link_up_brings_them_back) {
     manager host(install.path());
     ASSERT_TRUE(host.is_running()) << install.log();
     const auto cards = play_card("CCCC");
-    // With such an expiry time only the link can be the cause.
+    // With this expiry time, only the link can be the cause.
     run("ip link set qsim1 down");
     ASSERT_TRUE(wait_for([] { return paths(k_id) == "CCDD"; }));
     EXPECT_THAT(install.log(), HasSubstr("(UP->DOWN)"));
@@ -77,7 +77,7 @@ TEST_P(one_port, is_enough) {
     EXPECT_THAT(install.log(),
                 HasSubstr("ERROR _qnm_socket_open_lin: Failed to pcap_open_live()."));
     const auto cards = play_card(GetParam().open_paths);
-    // A notification for the watcher, which has to pass over the port that did not open.
+    // A notification for the watcher, which has to skip the port that did not open.
     run("ip link set qnm0 mtu 1400 2>/dev/null || ip link set qnm1 mtu 1400");
     EXPECT_EQ(host.stop(), QNM_API_SUCCESS);
 }

@@ -19,7 +19,7 @@ class program {
     std::string output() const;
     bool prints(const std::string& line) const;  // within the limit
 
-    // Until SIGINT is blocked, that is, does not just kill it.
+    // Until SIGINT is blocked; before that it would kill the program.
     void wait_for_signals() const;
     void send(int signal) const;
 

@@ -1,5 +1,5 @@
-// rig.h - what the end-to-end tests play on: two cables, simulated cards at their far ends, and the
-// library at their near ends.
+// rig.h - the set-up of the end-to-end tests: two cables, simulated cards at their far ends, and
+// the library at their near ends.
 //
 //     port 0   qnm0 ======== qsim0
 //     port 1   qnm1 ======== qsim1
@@ -71,7 +71,7 @@ class manager {
     manager(const manager&) = delete;
     manager& operator=(const manager&) = delete;
 
-    // Whether start-up succeeded; otherwise result() tells how it ended.
+    // Returns whether start-up succeeded; if not, result() tells how it ended.
     bool is_running() const { return running_; }
     bool has_ended() const { return ended_; }
     qnm_api_code_t stop();  // the result of qnm_init_manager()
@@ -108,7 +108,8 @@ cardsim::card lively(card_kind kind, card_speed speed, uint64_t id);
 
 constexpr char k_two_ports[] = "ether_port = qnm0,qnm1\ndevinfo_expire_time = 1000\n";
 
-// A manager that runs on both ports, with more lines of configuration if need be, and no card yet.
+// A manager that runs on both ports, with further lines of configuration if needed, and no card
+// yet.
 struct running_manager : testing::Test {
     explicit running_manager(const std::string& more = "") : install(k_two_ports + more) {}
 

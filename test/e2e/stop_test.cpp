@@ -1,7 +1,7 @@
 // stop_test.cpp - a stop while public calls are inside the library.
 //
-// The cards do not answer and the calls would wait for hours: only a stop that wakes them lets the
-// manager end.
+// The cards do not answer and the calls would wait for hours: the manager ends only if the stop
+// wakes them.
 
 #include <gtest/gtest.h>
 
@@ -50,7 +50,7 @@ const std::vector<std::function<qnm_api_code_t()>> k_calls = {
     [] { return qnm_write_mmspage(k_other, 0, g_words, 0); },
 };
 
-// A card that takes everything and answers nothing.
+// A card that accepts everything and answers nothing.
 cardsim::card silent_card(uint64_t id) {
     cardsim::card card = lively(card_kind::qnio, card_speed::g40, id);
     card.version = 1;

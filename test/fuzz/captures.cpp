@@ -1,7 +1,7 @@
 // captures.cpp - any bytes as a capture that is decoded.
 //
-// Every frame up to where the file makes no sense is read, and all that is told of it can be
-// written down; what follows is refused with a text.
+// Every frame is read up to the place where the file makes no sense, and everything that is known
+// of the frame can be printed; the rest is refused with a text.
 
 #include <nlohmann/json.hpp>
 #include <string>

@@ -1,6 +1,6 @@
 // commands.cpp - any lines to the simulator's line commands.
 //
-// Each is answered with one line, whatever it is; only quit ends.
+// Each line is answered with one line, whatever it is; only quit ends.
 
 #include <sstream>
 #include <string>
@@ -16,7 +16,7 @@ using fuzz::require;
 
 constexpr std::size_t k_most_lines = 100;
 
-// Whether it is a whole command that reads or writes a file, which could be any.
+// Whether it is a complete command that reads or writes a file, which could be any file.
 bool names_a_file(std::string_view line) {
     std::istringstream in{std::string(line)};
     std::vector<std::string> words;

@@ -1,9 +1,9 @@
 // completions.cpp - any Completions against register reads in flight.
 //
-// A read sends its frame; before it waits, the input decides what arrives: answers from the right
-// or another card, by either port, with its own tag or another's, damaged, late, more than once, or
-// a further read that starts meanwhile. A model by the matching rules alone knows which value a
-// read has to bring, and that it may bring no other.
+// A read sends its frame. Before it waits, the input decides what arrives: answers from the right
+// or another card, by either port, with its own tag or another's, damaged, late or more than once,
+// or another read that starts meanwhile. A model of nothing but the matching rules knows which
+// value a read has to return.
 
 #include <cerrno>
 #include <optional>
@@ -143,7 +143,7 @@ qnm_com_dev_t read_card(reader& in) {
     return dev;
 }
 
-// The result that the model expects; span is how many tags there are.
+// The result that the model expects; span is the number of tags.
 int expected_result(const flight& of, bool stopped, std::size_t in_flight) {
     const std::size_t span = qnm_config.tag_max - qnm_config.tag_min + 1;
     if (of.tag == -1) {

@@ -1,7 +1,7 @@
 // config.cpp - any bytes as qnm.conf.
 //
-// A file that is accepted leaves nothing but values in range, and writing them out and reading them
-// again gives the same record.
+// An accepted file has only values in range, and writing the record to a file and reading that
+// gives the same record.
 
 #include <cerrno>
 #include <cstring>
@@ -25,7 +25,7 @@ struct number_key {
     std::uint32_t max;
 };
 
-// Written down a second time, beside the table of the reader, so that a mistake there shows.
+// A second copy beside the reader's table, so that a mistake there shows.
 constexpr number_key k_keys[] = {
     {"devinfo_check_interval", &qnm_conf_t::devinfo_check_interval, 1000, 100000},
     {"devinfo_expire_time", &qnm_conf_t::devinfo_expire_time, 1000, 100000},
@@ -83,7 +83,7 @@ std::string mac_text(std::uint64_t mac) {
     return text;
 }
 
-// The accepted record as a file; checks it by the way.
+// Writes the accepted record as a file, and checks it on the way.
 std::string write_out(const qnm_conf_t& config) {
     check_ports(config);
     require(config.tag_min <= config.tag_max, "there is a tag");
@@ -106,7 +106,7 @@ int read_text(fuzz::bytes text) {
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    // Lines are taken, so that they do not clutter the terminal, and thrown away.
+    // Log lines are accepted and thrown away, so that they do not clutter the terminal.
     static log_capture lines;
     lines.clear();
     const int ret = read_text({data, size});

@@ -1,10 +1,10 @@
-// frames.cpp - any sequence of frames on both ports, with passing time, link changes, public calls
-// and failed allocations between them.
+// frames.cpp - any sequence of frames on both ports, with time that passes, link changes, public
+// calls and failed allocations between them.
 //
 // The library's own loops run on this one thread: the receive loop until a port has no more frames,
 // the keepalive loop for one check, the link watcher for one notification, the event thread until
 // its queue is empty. So an input always means the same. After every step the tables have to agree
-// with their totals, and in the end with what the public calls tell of them, and with the counters.
+// with their totals, and in the end with the public calls and the counters.
 
 #include <poll.h>
 
@@ -57,7 +57,7 @@ struct network : fuzz::library {
         qnm_config.devinfo_flag_check_interval = qnm_config.devinfo_check_interval;
     }
 
-    // A port with frames, a notification for the watcher, and else the order to end.
+    // A port with frames, a notification for the watcher, or the order to end.
     std::optional<fail::poll_result> answer_poll(std::span<const struct pollfd> fds) {
         const int order = fds[1].fd;
         const bool is_watcher = order == qnm_terminate_fd_link[0];
@@ -129,7 +129,7 @@ void complete(network& net, reader& in) {
     arrive(net, in, frames::build_completion(it));
 }
 
-// Nothing is right by itself, not even the length. A few bytes make a long frame: they are
+// Nothing is valid by itself, not even the length. A few bytes make a long frame, because they are
 // repeated.
 void arrive_raw(network& net, reader& in) {
     frames::frame_t frame(in.u16() % k_longest_frame);
@@ -139,7 +139,7 @@ void arrive_raw(network& net, reader& in) {
     arrive(net, in, frame);
 }
 
-// A time-out, or with the rarer ones the end of the port and of the manager.
+// A time-out, or, for the rarer results, the end of the port and of the manager.
 void fail_capture(network& net, reader& in) {
     const std::uint8_t which = in.u8();
     fake_pcap::push_result(net.name(which & 1), which < 0xF0 ? 0 : -1 - (which >> 1 & 3));
@@ -247,7 +247,7 @@ void toggle_start(network&, reader&) {
 
 using step = void (*)(network&, reader&);
 
-// Announcements stand here more than once, as they are most of what arrives.
+// Announcements are in the list more than once, because they are most of what arrives.
 constexpr step k_steps[] = {announce,     announce,        announce,        announce,
                             complete,     arrive_raw,      fail_capture,    pass_time,
                             set_clock,    check_keepalive, change_link,     deliver_events,
@@ -366,7 +366,7 @@ void configure(reader& in) {
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     reader in({data, size});
-    // Few inputs ask for all lines; they cost most of the time.
+    // Few inputs ask for all lines, because those cost most of the time.
     network net(in.u8() < 0xE0 ? QNM_LOGLVL_WARN : QNM_LOGLVL_TRACE);
     configure(in);
     for (std::size_t n = 0; n < k_most_steps && !in.is_empty() && !net.is_stopped(); n++)

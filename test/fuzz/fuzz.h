@@ -1,12 +1,12 @@
 // fuzz.h - what all fuzz targets share.
 //
-// A target is one function, LLVMFuzzerTestOneInput(), that takes any bytes. Built by clang with
+// A target is one function, LLVMFuzzerTestOneInput(), that accepts any bytes. Built by clang with
 // QNM_FUZZ it is a fuzzer (scripts/fuzz.sh); in every other build it is a regression test that
-// replays the inputs kept in corpus/<target> (replay.cpp). A rule that does not hold aborts, which
-// both of them take for a finding.
+// replays the inputs in corpus/<target> (replay.cpp). A rule that does not hold aborts, which is a
+// finding in both.
 //
-// Targets read nothing but their input and keep nothing from one input to the next, so that an
-// input alone brings a finding back.
+// Targets read only their input and keep nothing from one input to the next, so that an input alone
+// reproduces a finding.
 #pragma once
 
 #include <cstddef>
@@ -33,8 +33,8 @@ inline std::string_view as_text(bytes input) {
     return {reinterpret_cast<const char*>(input.data()), input.size()};
 }
 
-// Takes an input apart. Whatever is asked for beyond its end is 0, so that every input has a
-// meaning and a cut one means nearly the same.
+// Takes an input apart. Every value after its end is 0, so that every input has a meaning and a
+// shortened one means nearly the same.
 class reader {
   public:
     explicit reader(bytes input) : left_(input) {}

@@ -1,6 +1,6 @@
 // input.cpp - any input to the tools' standard input, in any pieces.
 //
-// It becomes the same lines however it is cut, each as soon as its end has come.
+// The input becomes the same lines however it is cut, each as soon as its end has come.
 
 #include <algorithm>
 #include <sstream>

@@ -1,7 +1,7 @@
 // library.h - the library on two fake ports, for the targets that drive it.
 //
-// It is what the unit tests use. What would be the failure of a test there, a wrong use of libpcap
-// or counters that do not balance in the end, throws here and so ends the program.
+// It is what the unit tests use. What is a test failure there (misuse of libpcap, or counters that
+// do not balance in the end) throws here and so ends the program.
 #pragma once
 
 #include "answering_card.h"
@@ -11,14 +11,14 @@
 
 namespace fuzz {
 
-// A base of its own, to be there before the first call that can go wrong.
+// In a base class, because it has to exist before the first call that can go wrong.
 struct strictness {
     strictness() { GTEST_FLAG_SET(throw_on_failure, true); }
 };
 
 struct library : strictness, ports {
     explicit library(qnm_log_level_t level) {
-        // Every line is formatted up to the level; what comes out of it is not looked at.
+        // Every line up to the level is formatted; the text is discarded.
         qnm::store(g_log_level, level);
         require(_qnm_cmp_init() == 0, "the tags are ready");
         require(pipe(qnm_terminate_fd_link) == 0, "there is a pipe for the link watcher");

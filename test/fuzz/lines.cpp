@@ -1,6 +1,6 @@
 // lines.cpp - any line to qnmctl, as typed into a running watch or on its command line.
 //
-// It becomes a command with its options, or a text that tells what is wrong.
+// A line becomes a command with its options, or a text that says what is wrong.
 
 #include <algorithm>
 #include <iostream>
@@ -16,7 +16,7 @@ namespace {
 
 using fuzz::require;
 
-// What a line has led to is one of the commands, and can do what the line is for.
+// The result of a line is one of the commands, and can do what the line asks for.
 void check_command(const command_tree& tree, const command& found) {
     const auto same = [&](const command& defined) { return &defined == &found; };
     require(std::any_of(tree.commands.begin(), tree.commands.end(), same), "a command is known");
@@ -46,7 +46,7 @@ void check_line(const std::string& line) {
     if (found != nullptr) check_command(tree, *found);
 }
 
-// Sends what is printed nowhere while it lives.
+// Discards what is printed while it lives.
 class silence {
   public:
     silence() : out_(std::cout.rdbuf(nullptr)), err_(std::cerr.rdbuf(nullptr)) {}
@@ -87,7 +87,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     fuzz::reader in({data, size});
     const bool typed = in.u8() != '$';
     const std::string text(fuzz::as_text(in.take(in.size())));
-    // A word ends at the NUL when it comes from a command line, and a line at its end.
+    // A NUL ends a word of a command line, and a line.
     const std::string line = text.substr(0, text.find(typed ? '\n' : '\0'));
     if (typed) {
         qnmctl::check_line(line);

@@ -10,7 +10,7 @@
 
 namespace fuzz {
 
-// Lives in memory only; the name is good as long as the record.
+// Exists in memory only; the name is valid as long as the object.
 class memory_file {
   public:
     explicit memory_file(bytes contents) : fd_(memfd_create("input", MFD_CLOEXEC)) {

@@ -1,4 +1,4 @@
-// nowhere.h - a port of a simulator whose frames go nowhere, and on which none arrive.
+// nowhere.h - a port of a simulator that discards frames and never receives one.
 #pragma once
 
 #include "cardsim.h"

@@ -21,7 +21,8 @@ std::vector<fs::path> inputs_in(const fs::path& place) {
     return files;
 }
 
-// The bytes lie in a block of exactly their size, so that AddressSanitizer sees what reads beyond.
+// The bytes are in a block of exactly their size, so that AddressSanitizer finds any read beyond
+// it.
 void replay(const fs::path& file) {
     std::printf("%s\n", file.c_str());
     std::fflush(stdout);  // the last name is the culprit's

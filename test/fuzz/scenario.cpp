@@ -1,7 +1,7 @@
 // scenario.cpp - any text as a scenario file.
 //
-// It is refused with an error that names the file, or makes cards that can exist: they can be added
-// to a simulator and put on the wire.
+// The file is refused with an error that names it, or makes cards that can exist: they can be added
+// to a simulator and sent on the wire.
 
 #include <cctype>
 #include <string>
@@ -25,7 +25,7 @@ bool has_long_number(std::string_view line) {
     return false;
 }
 
-// Whether a great number may be given in a line to a key that ends with, or has within it, this.
+// Whether a line gives a great number to a key that ends with this or contains it.
 bool gives_many(std::string_view text, std::string_view key) {
     for (std::size_t at = text.find(key); at != text.npos; at = text.find(key, at)) {
         at += key.size();
@@ -36,8 +36,8 @@ bool gives_many(std::string_view text, std::string_view key) {
     return false;
 }
 
-// A million cards in one line are welcome, but not here. The key could be written with escapes as
-// well.
+// A scenario may have a million cards in one line, but here they would take too long. The key could
+// also be written with escapes.
 bool may_ask_for_many(std::string_view text) {
     return gives_many(text, "count") || gives_many(text, "\\u") || gives_many(text, "\\U");
 }

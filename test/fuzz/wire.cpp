@@ -1,7 +1,7 @@
-// wire.cpp - any frames to simulated cards, as a manager that has gone mad would send them.
+// wire.cpp - any frames to simulated cards, as from a manager that has gone mad.
 //
-// Only requests without fault are obeyed, only Register Reads are answered, and an answer goes back
-// to who has asked.
+// Only requests without a fault are obeyed, only Register Reads are answered, and an answer goes to
+// the manager that asked.
 
 #include <string>
 #include <vector>
@@ -77,7 +77,7 @@ void put(frame_bytes& frame, std::size_t at, std::uint64_t value, std::size_t si
         frame[at + n] = static_cast<std::uint8_t>(value >> (8 * (size - 1 - n)));
 }
 
-// A request that is right but for what the input changes.
+// A valid request, apart from what the input changes.
 frame_bytes read_request(reader& in) {
     constexpr std::uint8_t subtypes[] = {0x91, 0x90, 0x30, 0x80, 0x92};
     constexpr std::uint32_t registers[] = {0x5010, 0x5014, 0x5018, 0x501C, 0x40,   0x44,
@@ -124,7 +124,7 @@ void check_answer(const frame_bytes& answer, const cardsim::request& asked) {
     std::uint64_t to = 0;
     for (std::size_t n = 0; n < 6; n++)
         to = to << 8 | answer[n];
-    // One that was held back goes to who asked then.
+    // An answer that was held back goes to the manager that asked then.
     require(to == asked.source || asked.destination >> 1 == k_cards[3].id >> 1,
             "an answer goes to who has asked");
 }

@@ -1,4 +1,5 @@
-// cards.cpp - the cards' process: the cards themselves, and a thread for each trouble.
+// cards.cpp - the process of the cards: the cards themselves, and a thread for each kind of
+// trouble.
 
 #include "cards.h"
 
@@ -46,8 +47,8 @@ void add_presets(card& made) {
     made.device.eeprom[k_preset_words] = bytes;
 }
 
-// Every eighth card answers late, now and then after it has been asked again; the others repeat
-// their answers. Late and repeated at once would be an answer to a question of long ago.
+// Every eighth card answers late, sometimes after it has been asked again; the others repeat their
+// answers. A card that did both would answer a question of long ago.
 void add_faults(card& made, size_t number) {
     const bool late = number % 8 == 7;
     made.faults.seed = number;
@@ -65,7 +66,7 @@ card make(size_t number) {
     const card_kind kind = number % 2 == 0 ? card_kind::qnsv : card_kind::qnio;
     const card_speed speed = number / 2 % 2 == 0 ? card_speed::g1_10 : card_speed::g40;
     card made = e2e::lively(kind, speed, card_id(number));
-    // A card that is written to is heard on one port, so that writes never overtake one another.
+    // A card that is written to is heard on one port, so that no write overtakes another.
     if (number < k_lasting) made.heard[number / 4 % 2] = {};
     made.vlan_id = is_reset_often(number) ? k_reset_vlan
                                           : static_cast<uint16_t>(k_first_vlan + number % k_vlans);
@@ -114,7 +115,7 @@ class far_end {
     }
 
   private:
-    // Gives the host the calm that it asks for, until it has ended.
+    // Keeps calm when the host asks for it, until the host has ended.
     int serve_host() {
         int status = 0;
         std::unique_lock rest(scene_.steps, std::defer_lock);
@@ -186,7 +187,7 @@ class far_end {
         std::this_thread::sleep_for(milliseconds(20));
     }
 
-    // The card that has been away for longest comes; another one goes.
+    // Adds the card that has been away for longest and removes another one.
     void swap(std::mt19937& random) {
         size_t& place = present_[random() % present_.size()];
         simulator_.remove(card_id(place));
@@ -226,7 +227,7 @@ class far_end {
         shared_.changes++;
     }
 
-    // The same announcement twice, all cards in one burst, or a frame that breaks off.
+    // Sends the same announcement twice, all cards in one burst, or a frame that breaks off.
     void send_oddity(std::mt19937& random) {
         const card it = simulator_.get(card_id(random() % k_lasting));
         if (random() % 500 == 0) {
@@ -245,13 +246,13 @@ class far_end {
         try {
             simulator_.send_raw(port, part);
         } catch (const cardsim::error&) {
-            // The link is down, which is as good as lost.
+            // The link is down, so the frame is as good as lost.
         }
     }
 
     // ---- The signals ---------------------------------------------------------------------------
 
-    // One to every thread of the host, the library's own included.
+    // A signal to every thread of the host, the library's own included.
     void send_signals(std::mt19937& random) {
         std::this_thread::sleep_for(milliseconds(5));
         if (!shared_.host_ready) return;

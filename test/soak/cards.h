@@ -1,5 +1,5 @@
-// cards.h - the far end of the soak: a thousand cards that come, go, change, lose and repeat, links
-// that flap, and signals for every thread of the host.
+// cards.h - the far end of the soak: a thousand cards that come, go and change, lose and repeat
+// frames, links that flap, and signals for every thread of the host.
 #pragma once
 
 #include <sys/types.h>
@@ -10,7 +10,7 @@
 
 namespace soak {
 
-// Plays until the host process has ended. Its wait status.
+// Runs until the host process has ended; returns its wait status.
 int play_cards(stage& shared, pid_t host, uint64_t seed);
 
 }  // namespace soak

@@ -1,8 +1,8 @@
-// host.cpp - the host's process: a manager, eight workers, and the checks.
+// host.cpp - the process of the host: a manager, eight workers, and the checks.
 //
-// The first and the last tenth of the time see restarts in quick succession, under load; in between
-// one manager runs through, so that what grows inside it shows. When a manager has stopped, all
-// that it had must be given back.
+// In the first and the last tenth of the time the manager is restarted in quick succession, under
+// load. In between, one manager runs all the time, so that growth inside it shows. When a manager
+// has stopped, it must have given back everything.
 
 #include "host.h"
 
@@ -41,24 +41,25 @@ constexpr seconds k_call_limit{300};  // far above what any call drawn here may 
 constexpr seconds k_stop_limit{60};
 constexpr seconds k_calm_limit{120};
 
-// Growth in KiB that is no leak: what the allocator scatters, and how the load happens to differ.
+// Growth in KiB that is no leak: fragmentation of the allocator, and random differences of the
+// load.
 constexpr size_t k_held_allowance = 1024;
 constexpr size_t k_in_use_allowance = 32;
 
 constexpr int k_samples = 240;  // of the memory, while the long-lived manager runs
 
-// Nobody says how fast the machine is: a call counts as failing for good after so many attempts, or
-// when it has not succeeded once in a run of this length.
+// The machine may be slow: a call counts as failing for good after this many attempts, or when it
+// has not succeeded once in a run of this length.
 constexpr uint64_t k_enough_calls = 200;
 constexpr seconds k_all_succeed_after{300};
 
-// Foreign frames a second that a run of that length must have seen while they came, of the 100,000
-// that are sent where the machine is fast enough.
+// Foreign frames a second that a run of this length must have seen while they were sent, of the
+// 100,000 that a fast machine sends.
 constexpr double k_foreign_rate = 80000;
 
 std::atomic<uint64_t> signals_taken;
 
-// Without SA_RESTART, so that calls of the system are interrupted.
+// Without SA_RESTART, so that system calls are interrupted.
 void take_signals() {
     struct sigaction action = {};
     action.sa_handler = [](int) { signals_taken++; };
@@ -96,7 +97,8 @@ constexpr counter_pair k_pairs[] = {
     {"callback", &qnm_sd_stats_t::est_cb_call, &qnm_sd_stats_t::est_cb_return},
 };
 
-// Looks into the tables now and then, and now and then makes the events behind it wait.
+// Reads the tables in the callback from time to time, and sometimes makes the following events
+// wait.
 void on_event(uint64_t id, qnm_evt_type_t, void* arg) {
     const uint64_t number = ++*static_cast<std::atomic<uint64_t>*>(arg);
     if (number % 16 == 0) {
@@ -150,7 +152,7 @@ class host {
     }
 
   private:
-    // Uses the library without end; not while the gate is being closed, or is closed.
+    // Uses the library without end, except while the gate is closing or closed.
     void work(worker& self) {
         while (!over_) {
             if (!gate_closing_) {
@@ -161,7 +163,7 @@ class host {
         }
     }
 
-    // Likewise, in times of hurry only, but without a rest.
+    // The same, but only in times of hurry, and without a rest.
     void hurry(worker& self) {
         while (!over_) {
             if (shared_.hurry && life_ % 2 == 1 && !gate_closing_) {
@@ -207,7 +209,7 @@ class host {
         life_++;
     }
 
-    // Under load; the next one is not started before all calls have returned.
+    // Stops under load; the next manager is started only after all calls have returned.
     void stop() {
         life_++;
         if (shared_.hold % 2 == 1) shared_.hold++;
@@ -238,7 +240,7 @@ class host {
         if (now.est_alloc_err != 0) {
             tally_.fail("failed allocations: " + std::to_string(now.est_alloc_err));
         }
-        // A thread that was joined may be on its way out of the process still.
+        // A thread that was joined may still be on its way out of the process.
         if (!e2e::wait_for([&] { return threads() == tasks_; })) {
             tally_.fail("threads are left: " + std::to_string(threads()));
         }
@@ -260,7 +262,7 @@ class host {
         }
     }
 
-    // What hangs cannot be joined; the core tells where it is.
+    // A thread that hangs cannot be joined; the core file shows where it is.
     [[noreturn]] void give_up(const std::string& why) {
         fprintf(stderr, "FAILED: %s\n", why.c_str());
         abort();
@@ -268,7 +270,7 @@ class host {
 
     // ---- The rival -----------------------------------------------------------------------------
 
-    // Where no manager of the host runs, nothing stands in the rival's way.
+    // While no manager of the host runs, nothing keeps the rival from the ports.
     void let_rival_access() {
         const uint64_t before = shared_.rival_reads;
         if (!e2e::wait_for([&] { return shared_.rival_reads > before; })) {
@@ -276,8 +278,8 @@ class host {
         }
     }
 
-    // The rival may have the ports at first, until its manager stops. A card that is heard on one
-    // port has answered there: from now on the port is the host's.
+    // The rival may have the ports at first, until its manager stops. Once a card that is heard on
+    // only one port has answered there, the host has that port.
     void take_hold() {
         const auto accesses = [](size_t number) {
             uint32_t value = 0;
@@ -295,8 +297,8 @@ class host {
 
     // ---- Watching ------------------------------------------------------------------------------
 
-    // Lets the manager run, and takes samples of the memory; not too many, because each gives back
-    // what the allocator keeps.
+    // Lets the manager run, and samples its memory. There are not too many samples, because each
+    // returns what the allocator keeps.
     void stay(milliseconds time, std::vector<size_t>* samples) {
         const auto end = clock::now() + time;
         const auto sample_every = std::max(milliseconds(1000), time / k_samples);
@@ -347,7 +349,7 @@ class host {
         report_at_ += seconds(60);
     }
 
-    // Whether the cards rest, with the links up.
+    // Returns whether the cards rest, with the links up.
     void calm(bool wanted) {
         shared_.calm_wanted = wanted;
         if (!e2e::wait_for([&] { return shared_.calm == wanted; }))
@@ -356,7 +358,7 @@ class host {
 
     // ---- The comparison ------------------------------------------------------------------------
 
-    // With everything at rest, the library must come to know all that the cards announce.
+    // While everything rests, the library must learn all that the cards announce.
     void compare_with_cards() {
         const std::unique_lock alone = close_gate();
         calm(true);
@@ -369,7 +371,7 @@ class host {
         calm(false);
     }
 
-    // Within the limit there must be no fault any more.
+    // Within the limit every fault must have gone.
     void require_none(const std::function<std::string()>& find_fault) {
         const auto limit = clock::now() + k_calm_limit;
         std::string fault = find_fault();
@@ -380,7 +382,7 @@ class host {
         if (!fault.empty()) tally_.fail(fault);
     }
 
-    // Why the card cannot be accessed, if it cannot.
+    // Returns why the card cannot be accessed; empty if it can.
     std::string read_card(size_t number) {
         const std::string name = "card " + std::to_string(number);
         const uint64_t id = card_id(number);
@@ -423,14 +425,14 @@ class host {
                restarts_, tally_.calls(), events_.load(), signals_taken.load(), tally_.failures());
     }
 
-    // What has not happened yet gets some more time: nobody knows how fast the machine is.
+    // Troubles that have not happened yet get some more time, because the machine may be slow.
     void await_stress() {
         const auto limit = clock::now() + k_calm_limit;
         while (!missing_stress(shared_).empty() && clock::now() < limit)
             stay(seconds(1), nullptr);
     }
 
-    // What did not happen proves nothing.
+    // A trouble that did not happen proves nothing.
     void require_stress() {
         const std::string missing = missing_stress(shared_);
         if (!missing.empty()) tally_.fail("there were no " + missing);

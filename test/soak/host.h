@@ -1,5 +1,5 @@
-// host.h - the near end of the soak: a host program with many threads around one manager, which is
-// watched, and restarted now and then.
+// host.h - the near end of the soak: a host program with many threads around one manager. The
+// manager is monitored, and restarted from time to time.
 #pragma once
 
 #include <chrono>
@@ -15,7 +15,7 @@ struct plan {
     bool judge_memory;  // not where a sanitizer keeps what was freed
 };
 
-// Whether everything was right. Prints a line a minute.
+// Returns whether everything was right. Prints a line a minute.
 bool run_host(stage& shared, const plan& planned);
 
 }  // namespace soak

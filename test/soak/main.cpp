@@ -1,10 +1,11 @@
-// qnm-soak - the library under all that a long life brings, on two veth cables, for some minutes.
+// qnm-soak - the library under all the troubles of a long life, on two veth cables, for some
+// minutes.
 //
 //   usage: qnm-soak SECONDS [--any-memory] [--seed=N]
 //
-// Three processes: the host alone, so that the memory that is watched is its own; a rival with a
-// manager of its own; and the cards with all other troubles. It needs a network namespace of its
-// own; scripts/soak.sh makes one.
+// Three processes: the host alone, so that the measured memory is its own; a rival with a manager
+// of its own; and the cards with all other troubles. They need a network namespace of their own;
+// scripts/soak.sh makes one.
 
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -50,7 +51,7 @@ soak::plan read_arguments(int argc, char** argv) {
     return planned;
 }
 
-// Whoever is started goes with the cards, whatever ends them.
+// The other processes end with the cards, whatever ends those.
 pid_t start(const char* name, bool (*run)(soak::stage&, const soak::plan&), soak::stage& shared,
             const soak::plan& planned) {
     const pid_t child = fork();
@@ -72,7 +73,8 @@ bool has_ended_well(const char* name, int status) {
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-// The wait status. What hangs is ended by a signal; the core tells where it was.
+// Returns the wait status. A process that hangs is ended by a signal; its core file shows where it
+// was.
 int end_rival(soak::stage& shared, pid_t rival) {
     shared.over = true;
     int status = 0;

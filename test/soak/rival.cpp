@@ -1,10 +1,10 @@
 // rival.cpp - managers that run for some seconds each.
 //
 // While the host holds the ports, no call of the rival may get a frame out to a card: it tries all
-// of them, and each has to be refused. When the host does not hold them, the rival may get through,
-// and only reads then; what it reads must be right. Then it is the host that is refused, until the
-// rival's manager stops. Should a call slip through that was begun as the hold ended, it does no
-// harm: it goes to places that nobody else uses.
+// calls, and each has to be refused. When the host does not hold them, the rival may succeed; it
+// only reads then, and the values must be right. Then the host is refused, until the rival's
+// manager stops. A call that begins as the hold ends may slip through. It does no harm, because it
+// uses places that nobody else uses.
 
 #include "rival.h"
 
@@ -36,7 +36,7 @@ uint64_t reset_often(uint64_t drawn) {
     return card_id(k_lasting + 15 + 20 * (drawn % 50));
 }
 
-// The first one is the read, whose value is looked at.
+// The first call is the read, whose value is checked.
 constexpr attempt k_attempts[] = {
     {"qnm_read_register",
      [](uint64_t id) {
@@ -129,7 +129,7 @@ class rival {
         }
     }
 
-    // It may not know the card yet, or no path to it; otherwise it is refused.
+    // The manager may not know the card yet, or no path to it; otherwise the call is refused.
     void judge(const attempt& made, qnm_api_code_t ret) {
         if (ret == QNM_API_EBUSY) {
             shared_.rival_refused++;

@@ -9,7 +9,7 @@
 
 namespace soak {
 
-// Until the soak is over. Whether everything was right.
+// Runs until the soak is over. Returns whether everything was right.
 bool run_rival(stage& shared, const plan& planned);
 
 }  // namespace soak

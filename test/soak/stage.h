@@ -1,5 +1,5 @@
-// stage.h - what the three processes of the soak share: which cards there are, what is in them, and
-// a page of memory by which the host asks the cards for calm and learns what they announce.
+// stage.h - what the three processes of the soak share: the list of cards and their contents, and a
+// page of memory by which the host asks the cards for calm and learns what they announce.
 #pragma once
 
 #include <array>
@@ -10,22 +10,22 @@
 namespace soak {
 
 // ---- Cards -------------------------------------------------------------------------------------
-// Cards are numbered. The first ones last, and keep what is written into them; of the others some
-// are always away. Even ones are QNSV cards, odd ones QNIO cards; every second pair is 40G.
+// Cards are numbered. The first ones stay, and keep what is written to them; of the others some are
+// always away. Even ones are QNSV cards, odd ones QNIO cards; every second pair is 40G.
 
 constexpr size_t k_cards = 1200;    // that ever appear
 constexpr size_t k_present = 1000;  // at any time
 constexpr size_t k_lasting = 64;
 
-// Of those that last, one that is heard on port 0 alone and one on port 1.
+// Of those that stay, one is heard on port 0 alone and one on port 1.
 constexpr std::array<size_t, 2> k_heard_on_one_port = {4, 0};
 
 constexpr uint64_t card_id(size_t number) {
     return 0x020000000000 + 0x10 * number;
 }
 
-// Every twentieth card, a multi-root QNIO card, is in a group of its own, which alone gets resets:
-// a reset between the steps of an EEPROM access makes a card forget which word is meant.
+// Every twentieth card, a multi-root QNIO card, is in a group of its own, and only that group gets
+// resets: a reset between the steps of an EEPROM access makes a card forget which word is meant.
 constexpr uint16_t k_reset_vlan = 4094;
 constexpr uint16_t k_first_vlan = 16;
 constexpr uint16_t k_vlans = 200;
@@ -35,7 +35,7 @@ constexpr bool is_reset_often(size_t number) {
 }
 
 // IDs that only forged announcements have; even ones are announced as QNSV cards, odd ones as QNIO
-// cards. Strangers come to be known, nobodies must not.
+// cards. The library adds strangers to its tables; it must not add nobodies.
 constexpr size_t k_strangers = 512;
 constexpr size_t k_nobodies = 16;
 
@@ -64,7 +64,7 @@ constexpr uint32_t preset_value(uint64_t id, uint32_t address) {
 constexpr uint32_t k_own_registers = 0x3000;
 constexpr uint32_t k_own_words = 0x400;
 
-// Places that are written, but never read.
+// Places that are written but never read.
 constexpr uint32_t k_scratch_register = 0x4000;
 constexpr uint32_t k_scratch_word = 0x600;
 
@@ -72,7 +72,7 @@ constexpr uint8_t k_highest_tag = 239;  // that the host uses
 
 // ---- The shared page ---------------------------------------------------------------------------
 
-// What a card announces: all that changes while it is there.
+// What a card announces: everything that changes while the card is there.
 struct announced {
     bool present;
     bool uid_switch;
@@ -113,7 +113,7 @@ struct stage {
     std::atomic<uint64_t> stray_answers;  // from the wrong port or address
     std::atomic<uint64_t> late_answers;
 
-    // Forgeries, see there
+    // Forgeries; see forgeries.h
     std::atomic<uint64_t> strangers;
     std::atomic<uint64_t> false_records;
     std::atomic<uint64_t> false_kinds;
@@ -123,8 +123,8 @@ struct stage {
     std::atomic<uint64_t> misled_answers;
     std::atomic<uint64_t> reads_seen;
 
-    // The rival. The hold is odd while the host has accessed cards by both ports and its manager
-    // runs, and another number each time.
+    // The rival. The hold is odd while the host's manager runs and has accessed cards through both
+    // ports; it is a different number each time.
     std::atomic<unsigned> hold;
     std::atomic<uint64_t> rival_managers;
     std::atomic<uint64_t> rival_refused;

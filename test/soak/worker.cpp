@@ -1,4 +1,4 @@
-// worker.cpp - the operations, with how often each is drawn and which results are documented.
+// worker.cpp - the operations: how often each is chosen, and which results are documented for it.
 
 #include "worker.h"
 
@@ -98,7 +98,7 @@ qnm_api_code_t worker::call(const char* name, codes documented, Call call) {
     const unsigned hold = hold_;
     const qnm_api_code_t ret = call();
     if (life % 2 == 1 && life == life_) documented &= ~any_of({QNM_API_ENOSYS});
-    // Whatever may find no link sends frames, which the rival may be ahead of.
+    // A call that may find no link sends frames, and the rival may have the port by then.
     const bool sends = (documented & any_of({QNM_API_ENOLINK})) != 0;
     if (sends && (hold % 2 == 0 || hold != hold_)) documented |= any_of({QNM_API_EBUSY});
     name_ = nullptr;
@@ -192,8 +192,8 @@ void worker::use_own_register() {
     }
 }
 
-// A write waits for no answer; a read goes on as soon as the receiver has it. Neither waits long
-// for a port that is down.
+// A write does not wait for an answer; a read goes on as soon as the receiver has it. Neither waits
+// long for a port that is down.
 void worker::hurry() {
     const uint64_t id = card_id(draw(k_lasting));
     constexpr qnm_retry_t k_short = {5, 4};
@@ -222,8 +222,8 @@ void worker::read_preset_word() {
     if (ret == QNM_API_SUCCESS) check(value == preset_value(id, address), "EEPROM word", id);
 }
 
-// By force also from whoever has timed out with the lock in hand; never from another worker, who
-// would then find words that it did not ask for.
+// By force, the lock is also taken from a call that timed out while it had it. It is never taken
+// from another worker, who would then read words that it did not ask for.
 void worker::force_preset_word() {
     const uint64_t id = own_card();
     const uint32_t address = k_preset_words + 4 * draw(k_presets);
@@ -275,8 +275,8 @@ void worker::unlock_eeprom() {
 
 // ---- Commands to cards -------------------------------------------------------------------------
 
-// Each lasting card gets its VLAN ID from one thread only, and never one that it had lately: an ID
-// that stands in the record already would seem confirmed.
+// Only one thread gives each lasting card its VLAN ID, and never one that the card had lately: an
+// ID that is still in the record would seem confirmed.
 void worker::set_vlan() {
     const size_t number = number_ + k_workers * draw(k_lasting / k_workers);
     const auto vlan = static_cast<uint16_t>(k_first_vlan + vlans_set_++ % k_vlans);

@@ -1,4 +1,4 @@
-// worker.h - one of the threads that use the library at random and know what must come back.
+// worker.h - one of the threads that use the library at random and know what results are right.
 #pragma once
 
 #include <array>
@@ -32,8 +32,8 @@ constexpr const char* k_called[] = {"qnm_read_register",      "qnm_dump_register
                                     "qnm_register_callback",  "qnm_unregister_callback",
                                     "qnm_set_loglevel",       "qnm_stdump"};
 
-// What a place that one thread alone writes may hold: one value, or after a write whose effect is
-// not known both the old and the new one. Its own memory does not grow, so that what grows is the
+// The possible contents of a place that only one thread writes: one value, or, after a write that
+// may have failed, both the old and the new one. Its own memory does not grow, so any growth is the
 // library's.
 class contents {
   public:
@@ -54,7 +54,7 @@ class contents {
 
 class worker {
   public:
-    // `life` is odd while a manager runs, and another number for each; `hold` likewise while no
+    // `life` is odd while a manager runs, and different for each manager; so is `hold` while no
     // other process can access cards.
     worker(unsigned number, uint64_t seed, const std::atomic<unsigned>& life,
            const std::atomic<unsigned>& hold, tally& counted);

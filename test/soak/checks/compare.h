@@ -1,4 +1,4 @@
-// compare.h - whether the library has come to know what the cards announce, once they rest.
+// compare.h - whether the library knows what the cards announce, once the cards rest.
 #pragma once
 
 #include <string>
@@ -7,8 +7,8 @@
 
 namespace soak {
 
-// The first difference between the tables and the cards; empty when there is none. What forgeries
-// have left must have expired.
+// The first difference between the tables and the cards; empty when there is none. Everything that
+// forged frames have added must have expired.
 std::string find_difference(const stage& shared);
 
 }  // namespace soak

@@ -1,4 +1,4 @@
-// stress.cpp - all that is counted on the shared page.
+// stress.cpp - the counters on the shared page.
 
 #include "checks/stress.h"
 

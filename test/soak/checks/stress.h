@@ -1,4 +1,4 @@
-// stress.h - what the far end has done to the host: what did not happen proves nothing.
+// stress.h - what the far end has done to the host. A trouble that did not happen proves nothing.
 #pragma once
 
 #include <string>
@@ -7,7 +7,7 @@
 
 namespace soak {
 
-// The names of what has not happened, empty when all has.
+// The names of the troubles that have not happened; empty when all have.
 std::string missing_stress(const stage& shared);
 
 // How often each has happened.

@@ -32,7 +32,7 @@ struct slow_call {
     std::chrono::nanoseconds lasted{0};
 };
 
-// Of one function: its calls during which one manager ran all the time.
+// The calls of one function during which one manager ran all the time.
 struct call_count {
     uint64_t made = 0;
     uint64_t succeeded = 0;
@@ -42,15 +42,15 @@ class tally {
   public:
     explicit tally(std::span<const char* const> names);
 
-    // A call that has returned; a code that is not documented for it is a failure. Whoever finds
-    // that a manager ran all the time leaves ENOSYS out of what is documented.
+    // Counts a call that has returned. A code that is not documented for it is a failure. A caller
+    // that knows that a manager ran all the time leaves ENOSYS out of the documented codes.
     void count(const char* name, qnm_api_code_t ret, codes documented,
                std::chrono::nanoseconds lasted);
 
     // Fails for each function that has never succeeded, though it was called `tried` times.
     void require_successes(uint64_t tried);
 
-    // Something is wrong. The first ones are printed at once.
+    // Reports that something is wrong. The first reports are printed at once.
     void fail(const std::string& what);
 
     uint64_t failures() const { return failures_; }

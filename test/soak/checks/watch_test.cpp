@@ -46,7 +46,7 @@ TEST(growth, a_slow_leak_is_seen) {
     EXPECT_NE(growth(samples, k_allowance), "");
 }
 
-// What is lost early, and no more once the middle third has begun.
+// Memory that is lost early, but not after the middle third has begun.
 TEST(growth, of_the_first_third_counts_from_the_start) {
     std::vector<size_t> samples = noise(20000, 600);
     for (size_t n = 200; n < 600; n++)
@@ -77,8 +77,8 @@ TEST(figures, show_what_this_process_has) {
     EXPECT_GE(resident(), all + (k_mib << 10) / 2);
 }
 
-// In a large piece of its own, and in many small ones. The sanitizers have allocators of their own,
-// which tell malloc's figures as none.
+// In one large piece, and in many small ones. The sanitizers have allocators of their own, for
+// which malloc's figures are zero.
 TEST(figures, show_what_is_in_use) {
     if (in_use() == 0) GTEST_SKIP() << "another allocator is in use";
     constexpr size_t k_pieces = 1000;

@@ -24,7 +24,7 @@ constexpr size_t k_header = 18;
 constexpr size_t k_io_announcement = 44;  // bytes that one of an I/O card has at least
 constexpr size_t k_longest_frame = 1500;
 
-// A link that is down is as good as a frame that was lost.
+// With the link down, a frame is as good as lost.
 void send(scene& at, size_t port, cardsim::frame_view frame) {
     try {
         at.cards.send_raw(port, frame);
@@ -78,7 +78,7 @@ void announce_false_kind(scene& at, std::mt19937& random) {
     announce(at, random, forged);
 }
 
-// Whole but for one thing that no announcement may have.
+// A complete announcement with one field that no announcement may have.
 void announce_nobody(scene& at, std::mt19937& random) {
     const size_t number = random() % k_nobodies;
     card forged = invent(random, nobody_id(number), number % 2 == 0);

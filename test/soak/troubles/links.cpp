@@ -22,8 +22,8 @@ constexpr unsigned k_flaps_of_a_burst = 20;
 constexpr size_t k_crowd_cables = 100;
 constexpr char k_crowd[] = "77";  // the group of the crowd's interfaces
 
-// Sets interfaces up and down by the kernel's own call: a program started for each would take
-// longer than a frame that is under way.
+// Sets interfaces up and down by a system call: starting a program for each would take longer than
+// a frame is on its way.
 class switchboard {
   public:
     switchboard() {
@@ -64,7 +64,8 @@ void break_cable(scene& at, std::mt19937& random) {
     at.shared.flaps++;
 }
 
-// Several times in a row, so that whoever is told that the port is down finds it up, or down again.
+// Several times in a row, so that a thread that is told that the port is down finds it up, or down
+// again.
 void flap_port(scene& at, std::mt19937& random, const switchboard& interfaces) {
     const std::string port = any_port("qnm", random);
     const unsigned times = 1 + random() % 6;
@@ -76,8 +77,8 @@ void flap_port(scene& at, std::mt19937& random, const switchboard& interfaces) {
     }
 }
 
-// The host hurries meanwhile, and the cards that it talks to come back at once: what matters is who
-// sends when the port goes down.
+// Meanwhile the host hurries, and its cards come back at once, because what matters is who sends
+// when the port goes down.
 void flap_ports(scene& at, std::mt19937& random) {
     const switchboard interfaces;
     at.shared.hurry = true;

@@ -1,5 +1,5 @@
-// scene.h - what the troubles of the far end have in common. Each is a function that does one act,
-// of a few seconds at most, and is called again by a thread of its own until the scene is over.
+// scene.h - what all troubles of the far end share. Each is a function that does one act of a few
+// seconds at most. A thread of its own calls it again and again until the scene is over.
 #pragma once
 
 #include <atomic>
@@ -25,8 +25,9 @@ using trouble = void (*)(scene& at, std::mt19937& random);
 // Waits, but not past the end of the scene.
 void pause(const scene& at, std::chrono::milliseconds time);
 
-// Begins a step, which lasts as long as what it returns. None begins while calm is wanted: among so
-// many troubles one step or another would always be under way, and calm would never come.
+// Begins a step, which lasts as long as the returned object. No step begins while calm is wanted:
+// with so many troubles, one step or another would always be in progress, and calm would never
+// come.
 std::shared_lock<std::shared_mutex> begin_step(scene& at);
 
 }  // namespace soak

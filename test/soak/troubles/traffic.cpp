@@ -1,9 +1,9 @@
 // traffic.cpp - foreign frames in batches, paced by the clock.
 //
-// On two cores the sender and the kernel's work for each receiver take a good part of one of them.
-// So the frames come in bursts on one port at a time, with a rest after each, and the sender steps
-// back for whoever has work to do. A machine that is too slow only sends fewer: what was sent, and
-// how fast, is counted.
+// On two cores, the sender and the kernel's work for each receiver take much of one core. So the
+// frames come in bursts on one port at a time, with a rest after each, and the sender yields to all
+// that have work to do. A machine that is too slow only sends fewer: the number and the rate of the
+// sent frames are counted.
 
 #include "troubles/traffic.h"
 
@@ -40,7 +40,7 @@ constexpr int k_modesty = 5;  // of the sender: its nice value
 
 constexpr uint16_t k_experimental = 0x88B5;  // the neighbour of the cards' own Ethernet type
 
-// Behind the addresses. The last ones are nearly the cards' own.
+// Follows the addresses. The last ones are nearly the cards' own.
 struct kind_of_frame {
     std::array<uint16_t, 4> words;
     size_t length;
@@ -60,7 +60,7 @@ constexpr kind_of_frame k_kinds[] = {
     {{k_experimental, ETH_P_8021Q, 0x8005, 0x1000}, 60},
 };
 
-// From a host that is no card to one that is neither: no stack beside this one takes them up.
+// From a host that is no card to another: no network stack beside this one takes the frames.
 std::vector<uint8_t> make_frame(const kind_of_frame& kind) {
     std::vector<uint8_t> frame{0x02, 0xFE, 0, 0, 0, 0x01, 0x02, 0xFE, 0, 0, 0, 0x02};
     for (const uint16_t word : kind.words) {
@@ -94,7 +94,7 @@ class sender {
     sender(const sender&) = delete;
     sender& operator=(const sender&) = delete;
 
-    // How many of at most so many have left. None while the link is down.
+    // How many frames have left, of at most this many. None while the link is down.
     uint64_t send(uint64_t wanted) {
         const auto count = static_cast<unsigned>(std::min<uint64_t>(wanted, k_batch));
         const int sent = sendmmsg(fd_, batch_.data(), count, MSG_DONTWAIT);
@@ -113,7 +113,7 @@ uint64_t frames_in(clock::duration time) {
            1000000;
 }
 
-// How many of those that are due have left.
+// How many of the frames that are due have left.
 uint64_t send_due(sender& out, uint64_t due) {
     uint64_t sent = 0;
     while (sent < due) {
