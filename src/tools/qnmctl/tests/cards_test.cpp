@@ -87,7 +87,7 @@ class Cards : public testing::Test {
     }
 
     static words ctl(words arguments) {
-        // Looking twenty times whether the lock was really had takes most of an access's time.
+        // Checking the lock twenty times takes most of the time of an access.
         words all = {"--ports", "qnm0,qnm1", "--set", "eeprom_verify_count=1"};
         all.insert(all.end(), arguments.begin(), arguments.end());
         return invocation(all);
@@ -489,7 +489,7 @@ TEST_F(Cards, EndAtASignalWhileTheyAreWaitedFor) {
     EXPECT_TRUE(holds(run.errors(), "no card was accessed")) << run.errors();
 }
 
-// The wait was cut short, so nothing is known of the card.
+// The wait was cut short, so nothing is known about the card.
 TEST_F(Cards, ThatWereNotWaitedForAreNotCalledUnheard) {
     program shown(ctl({"show", "0x99", "--for", "600"}));
     ASSERT_TRUE(comes_true([&] { return shown.left_something(); }));  // it runs
@@ -514,7 +514,7 @@ TEST_F(Cards, ThatWereNotWaitedForAreNotCalledUnheard) {
     }
 }
 
-// Two different ones, since one that waits to be read already is not sent again.
+// Two different signals, because one that is already pending is not sent again.
 TEST_F(Cards, AreGivenUpAtASecondSignal) {
     cards.update("sv", [](cardsim::card& changed) { changed.faults.silent_registers = {0x100}; });
     program run(ctl({"reg", "read", server, "0x100", "--retries", "1000000"}));
@@ -657,11 +657,11 @@ TEST_F(Cards, AreAccessedFromLinesOfAWatch) {
 
 // ---- Two processes ------------------------------------------------------------------------------
 
-// A command that accesses cards, and stays.
+// A command that accesses cards and keeps running.
 class Accessed : public Cards {
   protected:
     void SetUp() override {
-        // On the first port alone, so that all processes go by that one.
+        // Only the first port is used, so that all processes compete for that one.
         add("sv", cardsim::card_kind::qnsv, cardsim::card_speed::g1_10, 0x020000001000, 10);
         cards.silence("sv", 1, 0);
         cards.start();
@@ -728,7 +728,7 @@ TEST_F(Accessed, HaveTheirProcessNamedByTheDoctor) {
     EXPECT_EQ("no process accesses cards by it", found[1].at("text"));
 }
 
-// As after a driver has been loaded anew: the name is there, the interface is another one.
+// As after a driver has been reloaded: the name is the same, the interface is another one.
 TEST_F(Accessed, HaveADeafProcessNamedByTheDoctor) {
     run_or_throw("ip link del qnm0");
     run_or_throw("ip link add qnm0 type veth peer name qsim2");
@@ -741,7 +741,7 @@ TEST_F(Accessed, HaveADeafProcessNamedByTheDoctor) {
         << found;
 }
 
-// The same of one that only listens, and has no lock.
+// The same for a manager that only listens, and has no lock.
 TEST_F(Cards, HaveADeafListenerNamedByTheDoctor) {
     program listener(ctl({"watch", "--all"}));
     listener.read_until(std::string("QNSV ") + server);
@@ -785,7 +785,7 @@ TEST_F(Cards, BesideProcessesThatCannotBeLookedIntoAreNotCalledWell) {
 
 // ---- Lost paths ---------------------------------------------------------------------------------
 
-// The library tells no reasons; a watch finds them by the times in its records.
+// The library gives no reasons; watch derives them from the times in its records.
 
 TEST_F(Cards, ThatFallSilentExpire) {
     cards.silence("sv", 1, 0);

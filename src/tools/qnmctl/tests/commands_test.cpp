@@ -1,5 +1,4 @@
-// The commands of qnmctl: none is without its texts, and help, completion and manual page have them
-// all.
+// The commands of qnmctl: none lacks its texts, and help, completion and manual page have them all.
 #include "commands.h"
 
 #include <gtest/gtest.h>
@@ -99,7 +98,7 @@ TEST(Options, OfACommandHaveNamesOfTheirOwn) {
     }
 }
 
-// Completion knows what a value can be, and so does the message about a wrong one.
+// Completion knows the possible values, and so does the message about a wrong one.
 TEST(Options, WithWordsOfferThem) {
     const all_commands tree(used_for::command_line);
     for (const auto& [option, taken] : tree.values)
@@ -151,7 +150,7 @@ TEST(ManPage, HasLinesExamplesAndEnvironment) {
         EXPECT_TRUE(holds(section_of(page, "ENVIRONMENT"), std::string(".B \"") + name)) << name;
 }
 
-// The words of an example: those behind "qnmctl", up to what the shell does with its output.
+// The words of an example: from "qnmctl" up to what the shell does with its output.
 std::vector<std::string> words_of_example(const std::string& command) {
     const std::size_t start = command.find("qnmctl ");
     EXPECT_NE(std::string::npos, start) << command;

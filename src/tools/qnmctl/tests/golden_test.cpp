@@ -1,5 +1,6 @@
-// What is told in JSON or drawn, to the letter: whoever reads it relies on that. The files of JSON
-// in golden/ are checked against the schema as well. QNMCTL_WRITE_GOLDEN=1 writes them anew.
+// Everything that is printed as JSON or drawn, to the letter, because its readers rely on that. The
+// JSON files in golden/ are checked against the schema as well. QNMCTL_WRITE_GOLDEN=1 writes the
+// files again.
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 

@@ -137,8 +137,8 @@ std::string program::errors() const {
     return read_text(dir_.path() / "errors");
 }
 
-// Beside its errors and the folder of the command's state, with nothing in it. The thread sanitizer
-// makes a file of its own for a moment, before main() is entered.
+// Besides its errors and the empty folder of the command's state. The thread sanitizer creates a
+// file of its own for a moment, before main() is entered.
 bool program::left_something() const {
     const auto is_expected = [](const std::string& name) {
         return name == "errors" || name == "qnmctl" || name.starts_with("tsan.");

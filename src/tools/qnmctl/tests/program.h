@@ -37,7 +37,7 @@ class program {
     void close_input() { close_end(in_); }
     void close_output() { close_end(out_); }
 
-    // Reads on until the text has been seen, or the end; everything read so far.
+    // Reads on until the text has been seen, or the end; returns everything that was read.
     const std::string& read_until(const std::string& text);
     const std::string& read_all();
 

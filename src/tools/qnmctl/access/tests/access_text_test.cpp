@@ -1,4 +1,4 @@
-// What is told of accesses: results, dumps, failures.
+// Texts about accesses: results, dumps, failures.
 #include "access/access_text.h"
 
 #include <gtest/gtest.h>
@@ -72,7 +72,7 @@ TEST(FailureText, IsThatOfTheCodeWhereNothingIsSpecial) {
               failure_text(id, "qnm_read_register", access_scope::registers, QNM_API_ENOENT));
 }
 
-// That of a run without --log is gone when the text is read.
+// The log of a run without --log is gone when the text is read.
 TEST(FailureText, NamesNoLogWithoutTellingHowToGetIt) {
     constexpr access_scope scopes[] = {access_scope::registers,   access_scope::eeprom,
                                        access_scope::eeprom_lock, access_scope::vlan,

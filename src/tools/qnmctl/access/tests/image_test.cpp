@@ -1,4 +1,4 @@
-// Images between words, bytes and files.
+// Images as words, bytes and files.
 #include "access/image.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// What two sides report of their links, brought together.
+// Links that both sides report are joined.
 #include "cards/topology.h"
 
 #include <gtest/gtest.h>
@@ -136,7 +136,7 @@ std::string dot_of(const std::vector<card>& cards,
     return topology_dot(make_topology(cards), ports);
 }
 
-// How often a line stands there, whatever it is indented by.
+// How often a line occurs, with any indentation.
 std::ptrdiff_t lines_of(const std::string& line, const std::string& dot) {
     std::istringstream lines(dot);
     std::ptrdiff_t count = 0;

@@ -1,4 +1,4 @@
-// Commands from words, by a tree of the test's own.
+// Commands parsed from words, for a command tree of the test's own.
 #include "cli/command_line.h"
 
 #include <gtest/gtest.h>
@@ -10,7 +10,7 @@
 namespace qnmctl {
 namespace {
 
-// What a line has led to.
+// The result of a line.
 struct understood {
     std::string name;
     settings global;
@@ -18,7 +18,7 @@ struct understood {
     sample_options options;
 };
 
-// Prints what help or an error is.
+// Prints help or an error.
 std::variant<understood, int> parse(std::vector<const char*> words) {
     words.insert(words.begin(), "qnmctl");
     sample_options given;
@@ -69,7 +69,7 @@ TEST(CommandLine, GlobalOptionsStandBeforeOrBehindTheVerb) {
     }
 }
 
-// Sets a variable of the environment as long as it lives.
+// Sets an environment variable while it lives.
 struct variable {
     variable(const char* its_name, const char* value) : name(its_name) { setenv(name, value, 1); }
     ~variable() { unsetenv(name); }
@@ -126,7 +126,7 @@ TEST(CommandLine, AScreenHasNoForm) {
     EXPECT_NE(std::string::npos, help.find("Seconds to run, without limit")) << help;
 }
 
-// What reads a stream reads lines.
+// Commands that stream print lines of JSON.
 TEST(CommandLine, JsonIsShortForTheFormThatFits) {
     EXPECT_EQ(output_form::json_document, parsed({"show", "0x1", "--json"}).form);
     EXPECT_EQ(output_form::json_document, parsed({"graph", "--json"}).form);
@@ -322,7 +322,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 // ---- Lines --------------------------------------------------------------------------------------
 
-// A command of no name where the line is blank.
+// A blank line gives a command without a name.
 std::variant<understood, std::string> parse_one_line(const std::string& line) {
     sample_options given;
     command_tree tree(used_for::lines);

@@ -1,4 +1,4 @@
-// What can come next on a line, by a tree of the test's own.
+// What can come next on a line, for a command tree of the test's own.
 #include "cli/completion.h"
 
 #include <gtest/gtest.h>

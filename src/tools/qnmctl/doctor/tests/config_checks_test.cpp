@@ -117,7 +117,7 @@ TEST(ConfigLines, OfAFileThatIsNoneAreNotAllTold) {
         EXPECT_EQ(std::string::npos, one.text.find('\033'));
 }
 
-// The least of several, of this thread alone, so that a busy machine does not count.
+// The shortest of several, in processor time of this thread, so that a busy machine does not count.
 std::int64_t work_for(const std::string& text) {
     constexpr int rounds = 5;
     const auto now = [] {

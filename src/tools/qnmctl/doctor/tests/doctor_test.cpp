@@ -1,4 +1,5 @@
-// Each check on made systems: what it finds nothing wrong with, and what it does find.
+// Each check on invented systems: where it finds nothing wrong, and what it finds where something
+// is.
 #include "doctor/doctor.h"
 
 #include <gtest/gtest.h>
@@ -34,7 +35,7 @@ findings found_by(const std::string& name, const inspected& system) {
     return own;
 }
 
-// The worst of what it finds; `text` is told in it.
+// The worst of its findings, which contains `text`.
 testing::AssertionResult finds(const std::string& name, severity rank, const std::string& text,
                                const inspected& system) {
     const findings found = found_by(name, system);

@@ -1,4 +1,4 @@
-// Where the doctor takes the library's lines to go, beside where log4cxx sends them.
+// Where the doctor says that the library's lines go, compared with where log4cxx sends them.
 #include "doctor/log_checks.h"
 
 #include <gtest/gtest.h>
@@ -50,7 +50,7 @@ class BesideLog4cxx : public testing::Test {
         return found;
     }
 
-    // Whether something is told of a logger that has this text.
+    // Whether a finding about a logger has this text.
     static bool told(const findings& found, const std::string& logger, const std::string& text) {
         return std::any_of(found.begin(), found.end(), [&](const finding& one) {
             return holds(' ' + one.text, ' ' + logger + ' ') && holds(one.text, text);
@@ -58,7 +58,7 @@ class BesideLog4cxx : public testing::Test {
     }
 };
 
-// Two appenders that need nothing but what stands here.
+// Two appenders that need no other files.
 constexpr char appenders[] =
     "log4j.appender.R=org.apache.log4j.ConsoleAppender\n"
     "log4j.appender.R.layout=org.apache.log4j.SimpleLayout\n"
@@ -151,7 +151,7 @@ TEST_F(BesideLog4cxx, TheSameAppendersWantALayout) {
         EXPECT_EQ(wants_layout(row.name), row.wants_layout) << row.name;
 }
 
-// What the root logger writes to has to be as good as what is a logger's own.
+// What the root logger writes to has to be as good as an appender of the logger's own.
 TEST_F(BesideLog4cxx, AppendersOfTheRootLoggerAreLookedAt) {
     const std::string text =
         "log4j.rootLogger=ALL, R\n"

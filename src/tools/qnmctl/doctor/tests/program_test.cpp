@@ -17,7 +17,7 @@ namespace {
 namespace fs = std::filesystem;
 using nlohmann::json;
 
-// An installation directory on which nothing is wrong, where cables are laid out by a shell.
+// An installation directory without any fault; a shell lays out the cables.
 class DoctorProgram : public NamespaceTest {
   protected:
     void SetUp() override {
@@ -39,7 +39,7 @@ class DoctorProgram : public NamespaceTest {
         std::ofstream(file, std::ios::binary) << text;
     }
 
-    // What the doctor tells, run by words that end with the command; `status` is checked.
+    // What the doctor prints, run by words that end with the command; `status` is checked.
     json examine_by(words by, int status) {
         words all = {QNM_IN_NETNS, "/bin/sh", "-c",
                      "for port in 0 1; do"
@@ -121,7 +121,7 @@ TEST_F(DoctorProgram, NamesTheKeyThatIsMeant) {
     EXPECT_TRUE(holds(records.dump(), "Is tag_max meant?"));
 }
 
-// The programs lie where the user can reach them, wherever the build tree is.
+// The programs are where the user can reach them, wherever the build tree is.
 TEST_F(DoctorProgram, TellsAUserWithoutPrivilegesWhatIsMissing) {
     if (geteuid() != 0) GTEST_SKIP() << "only root can become another user";
     const std::string own = dir.path() / "qnmctl";

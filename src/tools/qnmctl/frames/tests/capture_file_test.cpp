@@ -1,4 +1,4 @@
-// Captures in files: what is written is read again, and what is damaged is told.
+// Captures in files: what was written is read again, and damage is reported.
 #include "frames/capture_file.h"
 
 #include <gtest/gtest.h>
@@ -36,7 +36,7 @@ struct CaptureFile : testing::Test {
         return name;
     }
 
-    // What reading it ends with.
+    // The error that ends the reading.
     static std::string problem_of(const std::string& name, std::uint64_t& frames) {
         try {
             capture_file from(name);
@@ -66,7 +66,8 @@ TEST_F(CaptureFile, IsReadAsItWasWritten) {
     EXPECT_FALSE(from.next());
 }
 
-// Whoever writes the file names the interface; a line stays a line, and a terminal gets no orders.
+// The writer of the file names the interface. Even so, a line stays a line, and a terminal gets no
+// commands.
 TEST_F(CaptureFile, HasNamesThatAreNotObeyed) {
     capture_file from(
         write(pcapng::section_block("Linux", "a test") +

@@ -1,4 +1,5 @@
-// The reading of frames beside the library's receive path, on fake ports, and field by field.
+// The reading of frames: compared with the library's receive path on fake ports, and field by
+// field.
 #include "frames/frame_reading.h"
 
 #include <pcap/pcap.h>
@@ -79,7 +80,7 @@ struct FramesBesideTheLibrary : ports {
     void expect_the_same(const frame_t& frame) {
         const frame_reading made = read(frame);
         std::string drop = drop_of(frame);
-        // A request is for cards: no fault, though managers do not take it.
+        // A request is for cards: that is no fault, though managers drop it.
         const bool is_request = made.kind != nullptr && made.kind->goes == way::to_card;
         if (is_request && drop.starts_with("Subtype is mismatch.")) drop.clear();
         EXPECT_EQ(drop, made.dropped ? made.dropped->text : "");
@@ -94,7 +95,7 @@ struct FramesBesideTheLibrary : ports {
     int taken = 0;
 };
 
-// Announcements of each kind that differ from good ones in what is checked.
+// Announcements of each kind that differ from good ones in the checked fields.
 std::vector<frame_t> doubtful_frames() {
     std::vector<frame_t> made;
     for (const int subtype : {0x10, 0x11, 0x18, 0x19, 0x20, 0x21}) {
@@ -152,7 +153,7 @@ TEST(ReasonsOfTheLibrary, AreToldByTheSchemaTheDissectorAndTheDocuments) {
     }
 }
 
-// One of each kind, no byte behind the header like its neighbours.
+// One of each kind; neighbouring bytes after the header always differ.
 std::vector<frame_t> good_frames() {
     std::vector<frame_t> made = {frames::build_completion({})};
     for (const unsigned char subtype : {0x10, 0x11, 0x18, 0x19}) {
@@ -172,8 +173,8 @@ std::vector<frame_t> good_frames() {
     return made;
 }
 
-// That many bytes behind an address that suits every type, as in a capture file; a careless read of
-// a number shows to UndefinedBehaviorSanitizer.
+// At that many bytes after an aligned address, as in a capture file, UndefinedBehaviorSanitizer
+// finds a careless read of a number.
 TEST(Frames, AreReadAlikeAtAnyAddress) {
     for (const frame_t& frame : good_frames()) {
         const json expected = fields_json(read(frame));

@@ -1,5 +1,5 @@
-// Blocks as they are written, and as they are read again: of either byte order, and of files that
-// contradict themselves.
+// Blocks as they are written and read again: in either byte order, and from files that contradict
+// themselves.
 #include "frames/pcapng.h"
 
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
-// What is told of qnm.conf. The committed files are what the table of keys makes of them; where
-// they are not, qnm-config-texts writes them anew.
+// Texts about qnm.conf. The committed files have to be what the table of keys makes of them; if
+// they are not, qnm-config-texts writes them again.
 #include "installation/config_texts.h"
 
 #include <gmock/gmock.h>

@@ -61,7 +61,7 @@ TEST(Install, LogsIntoTheFileThatIsGiven) {
     EXPECT_TRUE(fs::exists(log));
 }
 
-// A file of the operator's is added to and not renamed; a private one does not grow for ever.
+// A file of the operator's is appended to and not renamed; a private one has a limited size.
 TEST(Install, RotatesItsOwnLogsAlone) {
     const tools::temporary_dir dir;
     installation own;
@@ -94,7 +94,7 @@ TEST(Install, RefusesALogThatCannotBeWritten) {
                  error);
 }
 
-// An installation of an operator's, whose appenders write wherever he likes.
+// An operator's installation, whose appenders write to any place.
 class InstallCopy : public testing::Test {
   protected:
     InstallCopy() {
@@ -187,7 +187,7 @@ TEST(WrongSettings, RefusesPortsThatNoKernelHas) {
     EXPECT_TRUE(wrong_settings({.ports = {"a b"}}));
 }
 
-// The library would take no notice of some of these, and misread the others.
+// The library would ignore some of these, and misread the others.
 TEST(WrongSettings, RefusesKeysThatWouldBeMisread) {
     const auto wrong = [](const std::vector<std::string>& keys) {
         return wrong_settings({.ports = {"a"}, .keys = keys}).has_value();

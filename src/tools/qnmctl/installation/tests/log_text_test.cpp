@@ -1,4 +1,4 @@
-// What a log has got since it was marked, rotations included.
+// What was added to a log since it was marked, rotations included.
 #include "installation/log_text.h"
 
 #include <gtest/gtest.h>

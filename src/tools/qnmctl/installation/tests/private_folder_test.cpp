@@ -1,4 +1,4 @@
-// The folder of a run: where it is made, who may look into it, and what becomes of it.
+// The folder of a run: where it is made, who may read it, and when it is removed.
 #include "installation/private_folder.h"
 
 #include <fcntl.h>
@@ -48,7 +48,7 @@ class PrivateFolder : public testing::Test {
 
     static fs::path place() { return private_folder().path().parent_path(); }
 
-    // Makes one in a process that ends without removing it; its path.
+    // Makes a folder in a process that ends without removing it; returns its path.
     fs::path leave(at_the_end what = at_the_end::removed) const {
         const fs::path told = dir.path() / "told";
         const pid_t pid = fork();
@@ -128,13 +128,13 @@ TEST_F(PrivateFolder, IsNotMadeWhereAllMayWrite) {
     fs::create_directories(state / "qnmctl");
     fs::permissions(state / "qnmctl", fs::perms::all);
     EXPECT_EQ(next, place());
-    // Where others may write there are others' folders, too.
+    // Where others may write, they may have folders, too.
     fs::permissions(state / "qnmctl", fs::perms::all | fs::perms::sticky_bit);
     EXPECT_EQ(next, place());
     fs::permissions(state / "qnmctl", fs::perms::owner_all);
     fs::permissions(state, fs::perms::all);
     EXPECT_EQ(next, place());
-    // What is this user's there stays in its place, though.
+    // But files of this user stay where they are.
     fs::permissions(state, fs::perms::all | fs::perms::sticky_bit);
     EXPECT_EQ(state / "qnmctl", place());
 }
@@ -202,7 +202,8 @@ TEST_F(PrivateFolder, LeavesOtherThingsAlone) {
     EXPECT_TRUE(fs::exists(top / "elsewhere" / "file"));
 }
 
-// Each removes what it takes for left, while the others have just made theirs.
+// Each process removes the folders that it takes for left behind, while the others have just made
+// theirs.
 TEST_F(PrivateFolder, IsNobodyElsesWhileManyComeAndGo) {
     constexpr int threads = 8;
     constexpr int rounds = 100;

@@ -1,4 +1,4 @@
-// What keeps a manager from starting, by facts that are made up.
+// What keeps a manager from starting, on invented systems.
 #include "manager/obstacles.h"
 
 #include <gtest/gtest.h>

@@ -69,7 +69,7 @@ TEST(StatusDump, LeavesOutWhatADumpDoesNotHave) {
     EXPECT_FALSE(status_dump_json("  - State\n").contains("calls"));
 }
 
-// A log may have been cut at any place.
+// A log may be cut at any place.
 TEST(StatusDump, SurvivesEveryCut) {
     const std::string whole = sample_dump;
     for (std::size_t length = 0; length < whole.size(); ++length)

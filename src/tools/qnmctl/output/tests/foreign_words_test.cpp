@@ -1,4 +1,4 @@
-// Words of unknown origin within lines of our own.
+// Words of unknown origin in lines of our own.
 #include "output/foreign_words.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// The line of a long work.
+// The progress line of a long task.
 #include "output/progress.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// Tables that fit.
+// Tables that fit the width of the terminal.
 #include "output/table.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// The forms of output.
+// Results as text, JSON and lines of JSON.
 #include "output/writer.h"
 
 #include <gtest/gtest.h>

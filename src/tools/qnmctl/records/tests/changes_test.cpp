@@ -1,4 +1,4 @@
-// What an event is told to have changed.
+// What an event has changed.
 #include "records/changes.h"
 
 #include <gtest/gtest.h>
@@ -8,7 +8,7 @@
 namespace qnmctl {
 namespace {
 
-// Tells a card as new, so that what follows is compared with it.
+// Reports a card as new, so that what follows is compared with it.
 known_cards knowing(const card& of) {
     known_cards known;
     EXPECT_TRUE(tell(known, QNM_EVT_NEWDEVINFO, of).first);
@@ -90,7 +90,7 @@ TEST(Tell, TimesAreNoChange) {
     EXPECT_TRUE(tell(known, QNM_EVT_UPDATEDEVINFO, record).changes.empty());
 }
 
-// The version, the link bits and the vector stand in the switch status, too.
+// The version, the link bits and the vector are in the switch status, too.
 TEST(Tell, TheSwitchStatusIsToldForItsOwnBitsOnly) {
     qnm_qnio_t record = sample_device();
     known_cards known = knowing(record);
@@ -132,7 +132,7 @@ TEST(Tell, ARecordThatWasAheadHasSaidWhy) {
     EXPECT_EQ(reason{}, tell(known, QNM_EVT_UPDATEDEVINFO, record).why);
 }
 
-// By the record of an update: no other event tells of a group.
+// By an update, because no other event reports a group.
 TEST(ToldBefore, IsWhatTheLastUpdateTold) {
     qnm_qnio_t record = sample_device();
     known_cards known = knowing(record);

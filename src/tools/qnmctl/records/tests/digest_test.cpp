@@ -1,4 +1,4 @@
-// What watch tells at the start and when a port goes down, with a clock that the tests set.
+// What watch prints at the start and when a port goes down, with a clock that the tests set.
 #include "records/digest.h"
 
 #include <gtest/gtest.h>
@@ -21,7 +21,7 @@ class Digest : public testing::Test {
         return digested.add(seen, tell(known, type, record), start + after);
     }
 
-    // A card that was connected by port 1 alone, and is not any more because its link went down.
+    // A card that was connected by port 1 alone, and was lost because that link went down.
     static qnm_qnio_t cut_off(std::uint64_t id) {
         qnm_qnio_t record = sample_device();
         record.eio_com_dev.ecd_id = id;

@@ -1,4 +1,4 @@
-// What is told of an event, as a line and as an object.
+// An event as a line and as an object.
 #include "records/event_text.h"
 
 #include <gtest/gtest.h>
@@ -13,7 +13,7 @@ observed seen(qnm_evt_type_t type, const card& record) {
     return {from_milliseconds(1'700'000'000'007), type, common(record).ecd_id, record};
 }
 
-// The part behind the time, which depends on where the test runs.
+// The text after the time, which depends on where the test runs.
 std::string without_time(const std::string& line) {
     return line.substr(time_text(from_milliseconds(0)).size() + 1);
 }

@@ -13,7 +13,7 @@ namespace {
 
 constexpr std::uint64_t heard = 1'700'000'000'000;
 
-// A path of the card before and after it was lost, so long after it was heard.
+// A path of the card before and after it was lost, this long after it was last heard.
 struct loss {
     qnm_qnio_t before = sample_device();
     qnm_qnio_t after = sample_device();

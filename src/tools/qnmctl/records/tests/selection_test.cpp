@@ -1,4 +1,4 @@
-// Which cards are meant by a kind or a group.
+// Which cards a kind or a group selects.
 #include "records/selection.h"
 
 #include <gtest/gtest.h>

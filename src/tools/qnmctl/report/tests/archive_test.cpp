@@ -32,7 +32,7 @@ namespace fs = std::filesystem;
 constexpr std::uint64_t one = 0x02AB00001C00;
 constexpr std::uint64_t other = 0x02AB00002C00;
 
-// They get the first two pseudonyms, in this order.
+// These get the first two pseudonyms, in this order.
 known_addresses two_known() {
     known_addresses known;
     known.learn(one);
@@ -229,7 +229,7 @@ TEST(ReportMask, RefusesADamagedCapture) {
     EXPECT_FALSE(mask.capture(long_frame));
 }
 
-// Its decimal pseudonym is longer.
+// Its decimal pseudonym is longer than the number.
 TEST(ReportMask, RefusesACaptureWhoseTextWouldBeLonger) {
     EXPECT_FALSE(id_mask(two_known()).capture(section() + packet(frame(""), "id 2933462670336")));
 }
@@ -431,7 +431,7 @@ class ReportLogs : public testing::Test {
         where.dir = dir.path();
     }
 
-    // The logs, and why one is missing.
+    // The logs, and why any is missing.
     std::map<std::string, std::string> taken(std::string& reasons) const {
         const report_contents found = collect_report(report_parts(), {.where = where});
         std::map<std::string, std::string> logs;
@@ -483,7 +483,7 @@ TEST_F(ReportLogs, TellWhatWasCutOff) {
         << reasons;
 }
 
-// Whoever may change that file could name any file in it.
+// Anyone who can change that file could name any file in it.
 TEST_F(ReportLogs, AreNotTakenOnAnothersWord) {
     std::ofstream(log) << "a secret\n";
     fs::permissions(where.properties(), fs::perms::all);

@@ -1,5 +1,5 @@
-// What the kernel says of interfaces: of the loopback, which every machine has, and of tables of
-// counters as they could be.
+// What the kernel says of interfaces: of the loopback, which every machine has, and invented tables
+// of counters.
 #include "system/interfaces.h"
 
 #include <gtest/gtest.h>

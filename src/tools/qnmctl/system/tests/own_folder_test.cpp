@@ -1,4 +1,4 @@
-// Ways through folders of other users, who put other links there in the very moment.
+// Paths through folders of other users, who replace links at that very moment.
 #include "system/own_folder.h"
 
 #include <gtest/gtest.h>
@@ -13,7 +13,7 @@
 
 namespace {
 
-// What happens just before the target of a link is read: the other user's link takes its place.
+// Runs just before the target of a link is read, when the other user's link takes its place.
 struct exchange {
     std::filesystem::path link = {};  // empty: nothing happens
     std::filesystem::path others = {};
@@ -32,7 +32,7 @@ ssize_t exchange_and_read(int folder, const char* name, char* target, size_t siz
 
 }  // namespace
 
-// In the place of those of the system, for all that is linked into this program.
+// These replace the system's functions for everything that is linked into this program.
 extern "C" {
 ssize_t readlinkat(int folder, const char* name, char* target, size_t size) noexcept {
     return exchange_and_read(folder, name, target, size);
@@ -52,7 +52,8 @@ namespace fs = std::filesystem;
 
 constexpr uid_t another = 65534;
 
-// "open" is a folder of another user, with a link of this user's to what he shows.
+// "open" is a folder of another user, with a link of this user's to a file that the other one
+// shows.
 class OwnFolder : public testing::Test {
   protected:
     OwnFolder() {
@@ -63,8 +64,8 @@ class OwnFolder : public testing::Test {
     }
     ~OwnFolder() override { next_exchange = {}; }
 
-    // Lets the link be exchanged while it is followed, for one of the other user's; false: not
-    // possible here.
+    // Replaces the link by one of the other user's while it is followed. Returns false where that
+    // is not possible.
     bool exchange_later(const fs::path& target, const fs::path& others_target) {
         fs::create_symlink(target, link);
         fs::create_symlink(others_target, open / "others");
@@ -91,7 +92,7 @@ TEST_F(OwnFolder, IsReachedByTheLinkWhoseOwnerWasLookedAt) {
     if (!exchange_later(shown, hidden)) GTEST_SKIP() << "cannot give files away";
     EXPECT_EQ("shown", text_of(open_by_own_links(link / "log", tools::links::refused)));
     EXPECT_EQ(1, next_exchange.done);
-    // From now on it is the other user's.
+    // From here on it belongs to the other user.
     EXPECT_EQ(link.string() + "/log lies behind a symbolic link of another user, " + link.string() +
                   ", which is not followed",
               text_of(open_by_own_links(link / "log", tools::links::refused)));

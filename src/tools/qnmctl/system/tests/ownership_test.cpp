@@ -1,4 +1,4 @@
-// Which files and folders others have a hand in.
+// Which files and folders other users can change.
 #include "system/ownership.h"
 
 #include <gtest/gtest.h>

@@ -134,7 +134,7 @@ TEST_F(TopModel, SortsByEveryOrderAndRound) {
     EXPECT_FALSE(model.reversed);
 }
 
-// As by a paste, of which every key is a look at all cards.
+// As when text is pasted: every key redraws all cards.
 TEST_F(TopModel, TakesNoFilterThatIsEndless) {
     press('/');
     for (int count = 0; count < 1000; ++count)
