@@ -1,9 +1,9 @@
-// eeprom.cpp - a whole EEPROM dump beside the waits that its protocol demands.
+// eeprom.cpp - a whole EEPROM dump compared with the waits that its protocol demands.
 //
-// For each word the host takes the card's bit lock and looks eeprom_verify_count times, with a
-// pause before each look, whether it kept it; then it issues the read and pauses before it looks
-// whether that is complete. The card of the benchmark has everything ready at once, so no wait
-// comes twice. The system oversleeps each wait a little; how much is measured by sleeping some.
+// For each word the host takes the card's bit lock and checks eeprom_verify_count times, with a
+// pause before each check, whether it still has it; then it issues the read and pauses before it
+// checks whether that is complete. The card of the benchmark is always ready, so no wait is
+// repeated. The system sleeps a little longer than asked; that is measured by a few sleeps.
 
 #include <thread>
 #include <vector>
@@ -25,7 +25,8 @@ double demanded_ms(size_t words) {
     return static_cast<double>(words) * per_word;
 }
 
-// What the waits of the dump take when nothing is done between them, from those of some words.
+// How long the waits of the dump take when nothing is done between them, measured by those of a few
+// words.
 double slept_ms(size_t words) {
     constexpr size_t k_slept_words = 32;
     const auto start = stopwatch::now();

@@ -1,8 +1,8 @@
-// events.cpp - how long it takes from a frame on the wire to the host's callback.
+// events.cpp - the time from a frame on the wire to the host's callback.
 //
-// A known card changes its interrupt vector, one change after the other with a rest between, so
-// that every thread on the way sleeps when the frame comes. The floor has as many threads on the
-// way as it must: one that receives and one that is told.
+// A known card changes its interrupt vector, with a rest after each change, so that every thread on
+// the way sleeps when the frame comes. The floor has the minimum of threads on the way: one that
+// receives and one that is told.
 
 #include <unistd.h>
 
@@ -21,7 +21,7 @@ namespace {
 constexpr useconds_t k_rest_us = 1000;
 constexpr auto k_limit = std::chrono::seconds(30);
 
-// Where the callback leaves the time of its call.
+// Where the callback stores the time of its call.
 class mailbox {
   public:
     static void on_event(uint64_t, qnm_evt_type_t, void* self) {

@@ -11,7 +11,7 @@
 
 namespace bench {
 
-// What a run is asked for.
+// What a run is asked to do.
 struct options {
     size_t reads = 1'000'000;
     bool quick = false;
@@ -41,21 +41,21 @@ struct samples {
     double cpu = 0;  // seconds of processor time, of the far end as well
 };
 
-// The duration, in nanoseconds, that a share of the samples does not exceed.
+// The duration, in nanoseconds, that this share of the samples does not exceed.
 double quantile(const std::vector<uint32_t>& sorted, double share);
 
 // Writes p50, p99, p99.9, max, the number per second and the processor time of each as counters,
 // their names after the prefix.
 void publish(benchmark::State& state, const std::string& prefix, samples& all);
 
-// Asks once; whether the right answer came.
+// Asks once; returns whether the right answer came.
 using ask = std::function<bool(size_t asker)>;
 
-// So many askers, each on a thread of its own, ask one after the other, `count` times in all.
-// False when an answer was wrong or missing.
+// This many threads ask one register after the other, `count` times in all. Returns false when an
+// answer was wrong or missing.
 bool time_asks(size_t askers, size_t count, const ask& once, samples& into);
 
-// The stories, one file each.
+// The benchmarks, one file each.
 void register_reads(const options& wanted);
 void register_intake(const options& wanted);
 void register_table(const options& wanted);

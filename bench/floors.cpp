@@ -1,4 +1,4 @@
-// floors.cpp - the near ends that the library is compared with.
+// floors.cpp - the receiving ends that the library is compared with.
 
 #include "floors.h"
 

@@ -1,5 +1,5 @@
-// floors.h - the least that a near end can do with the same frames: what a figure of the library is
-// laid beside. Each shape stands here once and serves every story that needs it.
+// floors.h - the least work that a receiving end can do with the same frames, to which each figure
+// of the library is compared. Each floor is defined once and serves all benchmarks that need it.
 #pragma once
 
 #include <pcap/pcap.h>
@@ -59,9 +59,9 @@ class capture_asker {
     capture capture_{k_floor_cable.near};
 };
 
-// libpcap, two threads: a receive thread takes each answer and wakes the one that asked. Arming
-// comes before sending, and the wait looks for the answer before it sleeps. Up to 256 askers, who
-// are told apart by their tag.
+// libpcap, two threads: a receive thread takes each answer and wakes the thread that asked. A tag
+// is armed before the request is sent, and the wait checks for the answer before it sleeps. Up to
+// 256 threads ask, told apart by their tags.
 class two_thread_asker {
   public:
     two_thread_asker();
@@ -71,7 +71,7 @@ class two_thread_asker {
 
     bool ask(uint64_t card, uint8_t tag, uint32_t address);
 
-    // The halves of it, for what arrives unasked.
+    // The two halves of it, for frames that arrive unasked.
     void arm(uint8_t tag);
     bool await(uint8_t tag, uint32_t* data);
 
@@ -95,7 +95,7 @@ class two_thread_asker {
 
 // ---- Taking in ---------------------------------------------------------------------------------
 
-// A thread that takes announcements in and counts them.
+// A thread that receives announcements and counts them.
 class intake {
   public:
     using taker = std::function<unsigned()>;  // blocks for a while; how many it has taken

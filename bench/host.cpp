@@ -1,4 +1,4 @@
-// host.cpp - the library at work, and the cards that it hears.
+// host.cpp - the running library, and the cards that it hears.
 
 #include "host.h"
 
@@ -15,7 +15,7 @@ namespace bench {
 
 namespace {
 
-// Cards stay connected while a benchmark is busy with something else.
+// Cards stay connected while the benchmark does something else.
 constexpr char k_conf[] =
     "ether_port = qnm0\n"
     "devinfo_check_interval = 1000\n"

@@ -27,10 +27,10 @@ class host {
     static void set_level(qnm_log_level_t level);
     static void on(qnm_evt_type_t type, qnm_cbfunc_t function, void* arg);
 
-    // Announcements that have passed the receive path; a plain look at the statistics.
+    // Announcements that have passed the receive path, read from the statistics.
     static uint64_t frames_taken();
 
-    // Processor time of the thread that runs the manager, and with it the keepalive check.
+    // Processor time of the thread that runs the manager, which includes the keepalive check.
     uint64_t manager_cpu_ns() const;
 
   private:
@@ -39,8 +39,8 @@ class host {
     std::thread thread_;  // the last one: it uses the others
 };
 
-// The far end as a sender of announcements. Frames leave in batches, each from the next of `cards`
-// cards in turn.
+// The far end as a sender of announcements. Frames leave in batches; each is from the next of
+// `cards` cards in turn.
 class announcer {
   public:
     announcer(const std::string& interface, cardsim::card_speed speed, size_t cards);
@@ -59,8 +59,8 @@ class announcer {
     std::vector<mmsghdr> messages_;
 };
 
-// Sends so many, never more ahead of the reader than its buffer holds, and waits until it has taken
-// them all. An exception when it does not.
+// Sends this many, with no more frames on the way than the reader's buffer holds, and waits until
+// it has received all. Throws if it does not.
 void send_ahead(announcer& far_end, size_t count, const std::function<uint64_t()>& taken);
 
 // Makes the library know the cards.

@@ -1,12 +1,12 @@
-// intake.cpp - announcements: how many a second of known cards are taken in without loss, and how
+// intake.cpp - announcements: how many a second of known cards are received without loss, and how
 // many at once.
 //
 // The sender is paced on one core while the reader works on another. A rate is loss-free when all
-// frames of a stretch are taken; the highest is found by bisection. A stretch lasts until the last
-// frame is taken, so that what the capture's buffer hides of a slow reader counts for nothing.
+// frames of a stretch are received; the highest is found by bisection. A stretch lasts until the
+// last frame is received, so that a slow reader gains nothing from the capture's buffer.
 //
-// A burst is sent as fast as it goes: once to a reader that sleeps when it starts, and once to one
-// that is held up until it is over, so that the buffer has to take all of it.
+// A burst is sent as fast as possible: once to a reader that sleeps when it starts, and once to a
+// reader that is held up until it is over, so that the buffer has to take all of it.
 
 #include <algorithm>
 #include <cmath>
@@ -31,14 +31,14 @@ constexpr auto k_look = std::chrono::microseconds(200);
 constexpr double k_idle_seconds = 0.2;  // without progress: what is missing is lost
 constexpr int k_tries = 2;  // a stretch that lost is tried again: it may have been bad luck
 
-// Who takes the frames in, and who sends them.
+// The reader of the frames, and their sender.
 struct lane {
     announcer& far_end;
     std::function<uint64_t()> taken;
     bool has_large_buffer = true;
 };
 
-// Whether the reader has taken so many in the end.
+// Whether the reader has received this many in the end.
 bool arrive(const lane& at, uint64_t wanted) {
     uint64_t taken = at.taken();
     auto progress = stopwatch::now();
@@ -51,7 +51,7 @@ bool arrive(const lane& at, uint64_t wanted) {
     return taken >= wanted;
 }
 
-// The rate that was reached when nothing was lost at the wanted one, otherwise 0.
+// The rate that was reached if nothing was lost at the wanted one, otherwise 0.
 double try_rate(const lane& at, double rate, double seconds) {
     const auto count = static_cast<size_t>(rate * seconds);
     for (int n = 0; n < k_tries; n++) {
@@ -63,7 +63,7 @@ double try_rate(const lane& at, double rate, double seconds) {
     return 0;
 }
 
-// The search is on the logarithm.
+// Bisects the logarithm of the rate.
 double loss_free_rate(const lane& at, double seconds, int steps) {
     constexpr double k_reached = 0.97;
     double low = k_slowest;
@@ -93,14 +93,14 @@ struct search {
     int burst_steps;
 };
 
-// What a reader does, and with how much processor time of its own.
+// How many frames a reader receives, and with how much processor time of its own.
 struct intake_figures {
     double rate;
     double ns_per_frame;
 };
 
-// 0 for a reader that would lose what is sent ahead of it. Any other always has frames waiting, so
-// it hardly sleeps; the sender, this thread, sleeps while the reader is behind.
+// 0 for a reader that would lose the frames sent ahead of it. Any other reader always has frames
+// waiting, so it hardly sleeps; the sender, this thread, sleeps while the reader is behind.
 double reader_ns_per_frame(const lane& at) {
     if (!at.has_large_buffer) return 0;
     constexpr size_t k_frames = 200'000;
@@ -165,7 +165,7 @@ void run_rates(benchmark::State& state, cardsim::card_speed speed, const search&
 
 // ---- Bursts ------------------------------------------------------------------------------------
 
-// Whether a burst of so many loses nothing.
+// Whether a burst of this size loses nothing.
 using burst = std::function<bool(size_t frames)>;
 
 size_t largest_burst(int steps, const burst& survives) {
@@ -185,7 +185,7 @@ bool survives(const lane& at, size_t frames) {
     return arrive(at, before + frames);
 }
 
-// The receive thread cannot count its first frame, and so stands still, until the burst is over.
+// The receive thread cannot count its first frame, so it stands still until the burst is over.
 bool survives_held_up(const lane& at, size_t frames) {
     const uint64_t before = at.taken();
     pthread_mutex_lock(&qnm_stats_mutex.em_mutex);

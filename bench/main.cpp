@@ -1,8 +1,8 @@
-// main.cpp - qnm-bench: the library beside the least that the same machine can do.
+// main.cpp - qnm-bench: the library compared with the least work that the same machine can do.
 //
 //   usage: qnm-bench [--quick] [--reads=N] [--results=DIR] [Google Benchmark's own options]
 //
-// It has to run in a network namespace of its own; scripts/bench.sh sees to that.
+// It needs a network namespace of its own; scripts/bench.sh makes one.
 
 #include <benchmark/benchmark.h>
 
@@ -18,7 +18,7 @@
 
 namespace {
 
-// The value of "--name=value"; null when the argument is another one.
+// The value of "--name=value"; null for another argument.
 const char* value_of(const char* argument, const std::string& name) {
     const std::string start = "--" + name + "=";
     return strncmp(argument, start.c_str(), start.size()) == 0 ? argument + start.size() : nullptr;

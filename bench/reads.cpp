@@ -1,10 +1,10 @@
-// reads.cpp - register reads: the round trip of one asker, and how many a second come through with
-// several.
+// reads.cpp - register reads: the round trip of one thread, and how many a second several threads
+// get.
 //
 // The library and its floors take turns in short rounds, so that a machine that gets slower or
-// faster meanwhile does so for both. Which core a thread wakes up on decides most of a round trip,
-// and that is up to the system; so there are also cases in which all threads share one core. Nobody
-// has to wake a core there, and what is left is the work.
+// faster does so for both. The core on which a thread wakes decides most of a round trip, and the
+// system chooses it; so there are also cases in which all threads share one core. There no core has
+// to be woken, and only the work is left.
 
 #include <sched.h>
 
@@ -46,7 +46,7 @@ constexpr read_case k_cases[] = {
     {"read/default/16x64", QNM_LOGLVL_NONE, 16, 64, 4},
 };
 
-// The next card of an asker, who goes round all of them.
+// The next card of a thread that asks all of them in turn.
 class card_rota {
   public:
     explicit card_rota(size_t cards) : cards_(cards) {}
@@ -66,7 +66,7 @@ bool read_by_library(uint64_t card) {
            data == register_value(k_register);
 }
 
-// Keeps this thread, and those that it starts meanwhile, on the core where it is.
+// Keeps this thread, and those that it starts meanwhile, on its present core.
 class one_core_guard {
   public:
     one_core_guard() {
@@ -86,7 +86,7 @@ class one_core_guard {
     cpu_set_t all_;
 };
 
-// A way to ask, and what it took.
+// A way to ask, and its results.
 struct contender {
     std::string prefix;
     ask once;
@@ -134,7 +134,8 @@ void run_case(benchmark::State& state, const read_case& wanted, size_t reads) {
     run_rounds(state, wanted, reads, contenders);
 }
 
-// The floors of one thread, which would wake the two-thread floor's receiver if they ran with it.
+// The floors of one thread; they would wake the receiver of the two-thread floor if they ran
+// together with it.
 void run_plain_floors(benchmark::State& state, size_t reads) {
     const responder cards(k_floor_cable.far);
     const auto run = [&](const char* prefix, const ask& once) {

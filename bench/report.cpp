@@ -1,4 +1,4 @@
-// report.cpp - one table for all stories: every figure beside its floor and its target.
+// report.cpp - one table for all benchmarks: every figure beside its floor and its target.
 
 #include "report.h"
 
@@ -126,7 +126,7 @@ struct line {
     std::string met;
 };
 
-// A ratio of 0 stands for none: the floor is missing, and nothing is met.
+// A ratio of 0 means that there is none: the floor is missing, and no target is met.
 bool is_met(const row& of, double value, double ratio) {
     switch (of.kind) {
         case demand::most_ratio:

@@ -1,4 +1,4 @@
-// report.h - what the run found, beside floors and targets.
+// report.h - prints the results beside their floors and targets.
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -23,8 +23,8 @@ class collector : public benchmark::ConsoleReporter {
     bool failed_ = false;
 };
 
-// Prints the table and, when a directory is named, writes it there. False when a benchmark failed;
-// a missed target is a result, not a failure.
+// Prints the table and, if a directory is named, writes it there. Returns false when a benchmark
+// failed; a missed target is a result, not a failure.
 bool report(const collector& figures, const std::string& directory);
 
 }  // namespace bench

@@ -1,6 +1,6 @@
-// responder.h - the far end of every read, of the library's and of the floors' alike: one thread on
-// a bare packet socket that answers each Register Read at once. The same code on both cables, so
-// that a ratio compares nothing but the near ends.
+// responder.h - the far end of every read, for the library and the floors: one thread on a bare
+// packet socket that answers each Register Read at once. Both cables use the same code, so that a
+// ratio compares only the near ends.
 #pragma once
 
 #include <array>
@@ -25,9 +25,9 @@ constexpr uint32_t eeprom_word(uint32_t address) {
     return ~register_value(address);
 }
 
-// Answers for every card that is asked, with one set of registers for all: plain ones, and among
-// them the EEPROM group of a 40G card with a bit lock that nobody else wants. An EEPROM command is
-// complete at once.
+// Answers for every card that is asked, with one set of registers for all: plain ones, and the
+// EEPROM group of a 40G card with a bit lock that nobody else wants. An EEPROM command completes at
+// once.
 class responder {
   public:
     explicit responder(const std::string& interface);

@@ -1,5 +1,5 @@
-// table.cpp - 100,000 cards: learning them, listing them, looking whether they are still there, and
-// what they weigh.
+// table.cpp - 100,000 cards: adding them, listing them, checking whether they are still there, and
+// how much memory they take.
 
 #include <malloc.h>
 
@@ -25,7 +25,8 @@ size_t heap_in_use() {
     return info.uordblks + info.hblkhd;
 }
 
-// Sends each card's announcement to a bare reader, never more ahead than the library is sent.
+// Sends each card's announcement to a bare reader, with as many frames on the way as to the
+// library.
 double floor_seconds() {
     announcer far_end(k_floor_cable.far, cardsim::card_speed::g40, k_cards);
     const auto reader = take_one_per_poll();
@@ -49,8 +50,8 @@ double list_ms() {
     return ms[k_lists / 2];
 }
 
-// Waits until the manager's thread has used processor time and come to rest again: that was one
-// keepalive pass, for between two the thread only sleeps. Returns the time it used.
+// Waits until the manager's thread has used processor time and rests again: that was one keepalive
+// check, because between two checks the thread only sleeps. Returns the time that it used.
 uint64_t await_pass(const host& library) {
     constexpr auto k_look = std::chrono::milliseconds(1);
     constexpr int k_rest = 50;
@@ -65,7 +66,7 @@ uint64_t await_pass(const host& library) {
     return last - before;
 }
 
-// The mean of some passes; the first may have begun before the look at it.
+// The mean of several checks; the first may have begun before it was watched.
 double keepalive_ms(const host& library, int passes) {
     constexpr double k_ns_per_ms = 1e6;
     await_pass(library);
@@ -79,14 +80,14 @@ void count_event(uint64_t, qnm_evt_type_t, void* counter) {
     (*static_cast<std::atomic<size_t>*>(counter))++;
 }
 
-// What one round has brought.
+// The results of one round.
 struct round {
     double learning_seconds;
     double floor_seconds;
     double bytes_per_card;
 };
 
-// A fresh manager learns all cards, and its callback is told of each; then the floor takes as many.
+// A fresh manager adds all cards and calls its callback for each; then the floor reads as many.
 template <typename Then>
 round learn_once(Then then) {
     std::atomic<size_t> told = 0;
@@ -111,7 +112,8 @@ double median(const std::vector<round>& rounds, double round::*figure) {
     return all[all.size() / 2];
 }
 
-// A round lasts a second, in which the machine may be slow for once; hence several, and medians.
+// A round takes a second, and the machine may be slow in it, so there are several, and the median
+// counts.
 void run_table(benchmark::State& state, int passes, int count) {
     for ([[maybe_unused]] auto _ : state) {
         std::vector<round> rounds;

@@ -17,8 +17,9 @@
 
 namespace bench {
 
-// The cables: the near ends are the library's and the floors', the far ends the cards'. The library
-// plays on one and the floors on the other, so that neither hears what the other is sent.
+// The cables: the near ends are those of the library and of the floors, the far ends those of the
+// cards. The library uses one cable and the floors the other, so that neither hears the other's
+// frames.
 struct cable {
     const char* near;
     const char* far;
@@ -37,7 +38,7 @@ constexpr uint64_t card_id(size_t index) {
 cardsim::frame_bytes announcement(cardsim::card_speed speed);
 void set_source(std::span<uint8_t> frame, uint64_t mac);
 
-// An interrupt vector other than before makes the announcement of a known card an event.
+// An announcement of a known card with another interrupt vector causes an event.
 void set_interrupt_vector(std::span<uint8_t> frame, uint8_t vector);
 
 // The sender of the floors' requests; the library sends from its port's own address.
@@ -58,7 +59,8 @@ class packet_socket {
     void send(std::span<const uint8_t> frame) const;
     void send_all(std::span<mmsghdr> messages) const;
 
-    // Blocks; below 0 when nothing came for a tenth of a second, so that a thread can look around.
+    // Blocks; below 0 when nothing came for a tenth of a second, so that a thread can check whether
+    // to end.
     ssize_t receive(std::span<uint8_t> buffer) const;
 
   private:
