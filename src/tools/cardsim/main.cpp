@@ -115,9 +115,11 @@ void add_cards(cardsim::simulator& target, cardsim::scenario& read) {
 
 // Answers every complete line. Returns whether to end: because of "quit", or because answers can no
 // longer be written.
-bool answer_lines(cardsim::simulator& target, input_lines& input, console& out) {
+bool answer_lines(cardsim::simulator& target, tools::input_lines& input, console& out) {
     while (const auto line = input.next()) {
-        const cardsim::answer given = execute(target, *line);
+        const cardsim::answer given =
+            line->is_cut ? cardsim::answer{.text = "error: the line is too long", .quit = false}
+                         : execute(target, line->text);
         if (!given.text.empty()) out.print_line(given.text);
         if (given.quit || out.ended()) return true;
     }
@@ -128,7 +130,7 @@ bool answer_lines(cardsim::simulator& target, input_lines& input, console& out) 
 void serve(cardsim::simulator& target, int signals, console& out) {
     pollfd waited[] = {{.fd = signals, .events = POLLIN, .revents = 0},
                        {.fd = STDIN_FILENO, .events = POLLIN, .revents = 0}};
-    input_lines input;
+    tools::input_lines input;
     while (true) {
         if (poll(waited, std::size(waited), -1) < 0) continue;
         if (waited[0].revents != 0) return;

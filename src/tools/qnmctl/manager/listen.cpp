@@ -62,10 +62,13 @@ void tell_event(context& with, const observed& seen) {
 
 // ---- Lines --------------------------------------------------------------------------------------
 
-void answer_line(context& with, const std::string& line) {
+void answer_line(context& with, const tools::input_line& line) {
+    if (line.is_cut) {
+        return with.results.failure("the line is too long", exit_usage, std::nullopt);
+    }
     command_tree tree(used_for::lines);
     with.define(tree);
-    const std::variant<const command*, std::string> parsed = parse_line(tree, line);
+    const std::variant<const command*, std::string> parsed = parse_line(tree, line.text);
     if (const auto* wrong = std::get_if<std::string>(&parsed)) {
         return with.results.failure(*wrong, exit_usage, std::nullopt);
     }
@@ -79,7 +82,7 @@ void answer_line(context& with, const std::string& line) {
 }
 
 // Reads what is there and answers the complete lines; false at the end of standard input.
-bool answer_input(context& with, input_lines& input) {
+bool answer_input(context& with, tools::input_lines& input) {
     char chunk[4096];
     const ssize_t length = read(STDIN_FILENO, chunk, sizeof chunk);
     if (length < 0 && (errno == EINTR || errno == EAGAIN)) return true;
@@ -132,7 +135,7 @@ void listen(context& with, const listening& how) {
         const auto next = with.digested ? with.digested->next() : std::nullopt;
         return next ? std::min(deadline, *next) : deadline;
     };
-    input_lines lines;
+    tools::input_lines lines;
     with.told_events = 0;
     const auto is_over = [&] {
         return with.quit || with.out.closed() || is_counted_out(with, how) ||
@@ -180,7 +183,7 @@ void listen_and_tell(context& with, double seconds, std::uint64_t count) {
         tools::tell("watching; \"help\" lists the commands, \"quit\" ends\n");
     }
     listen(with, {.seconds = seconds, .count = count, .tells = true, .takes_lines = true});
-    if (with.digested) with.results.text(with.digested->end());
+    if (with.digested) with.results.text(with.digested->end(clock::now()));
 }
 
 void check_running(const context& with) {
