@@ -1,7 +1,6 @@
 // list: the table of known cards.
 #include <algorithm>
 #include <chrono>
-#include <cmath>
 #include <nlohmann/json.hpp>
 
 #include "cards/arrangement.h"
@@ -60,13 +59,6 @@ void answer_list(context& with, const list_options& options) {
     const std::vector<card> cards = chosen(known, options);
     with.results.text(list_text(cards, known.size(), with) + '\n');
     tell_cards(with, cards);
-}
-
-std::string seconds_text(double seconds) {
-    std::string text = std::to_string(std::round(seconds * 10) / 10);
-    text.erase(text.find_last_not_of('0') + 1);
-    if (text.back() == '.') text.pop_back();
-    return text + " s";
 }
 
 // The manager is stopped before, so that doctor does not take it for somebody else's.

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <charconv>
+#include <cmath>
 #include <cstdio>
 #include <ctime>
 #include <iterator>
@@ -124,6 +125,13 @@ std::string id_text(std::uint64_t id) {
     char text[24];
     std::snprintf(text, sizeof text, "0x%.12lx", static_cast<unsigned long>(id));
     return text;
+}
+
+std::string seconds_text(double seconds) {
+    std::string text = std::to_string(std::round(seconds * 10) / 10);
+    text.erase(text.find_last_not_of('0') + 1);
+    if (text.back() == '.') text.pop_back();
+    return text + " s";
 }
 
 std::string hex_text(std::uint64_t value, int digits) {

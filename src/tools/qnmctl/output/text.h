@@ -52,6 +52,7 @@ std::uint64_t to_milliseconds(wall_time when);
 std::string time_text(wall_time when);
 std::string iso_time_text(wall_time when);
 
+std::string seconds_text(double seconds);               // "0.5 s", "3 s"
 std::string hex_text(std::uint64_t value, int digits);  // "0x001f"
 std::string id_text(std::uint64_t id);                  // "0x001122334455"
 std::string mac_text(std::uint64_t mac);                // "00:11:22:33:44:55"

@@ -37,7 +37,7 @@ std::string grouped(std::uint64_t number) {
 }
 
 digest::digest(digest_options how, clock::time_point start)
-    : how_(std::move(how)), summary_at_(start + opening) {}
+    : how_(std::move(how)), start_(start), summary_at_(start + opening) {}
 
 // Whether the event is a new card, or follows from its first announcements. A faulty card is
 // printed even then.
@@ -77,11 +77,7 @@ std::optional<digest::clock::time_point> digest::next() const {
 
 std::string digest::due(clock::time_point now) {
     std::string text;
-    if (!summarised_ && now >= summary_at_) {
-        text += summary();
-        summarised_ = true;
-        heard_.clear();
-    }
+    if (!summarised_ && now >= summary_at_) text += summarise(now);
     std::erase_if(ports_, [&](const auto& entry) {
         const lost_port& lost = entry.second;
         if (now < lost.last + port_pause && now < lost.first + port_limit) return false;
@@ -91,23 +87,29 @@ std::string digest::due(clock::time_point now) {
     return text;
 }
 
-std::string digest::end() {
-    return due(clock::time_point::max());
+std::string digest::end(clock::time_point now) {
+    const std::string summary = summarised_ ? "" : summarise(now);
+    return summary + due(clock::time_point::max());
 }
 
-// "heard in 3 s: 2 QNSV and 1,998 QNIO cards, 3 faulty; changes follow"
-std::string digest::summary() const {
+// "heard in 3 s: 2 QNSV and 1,998 QNIO cards, 3 faulty; changes follow". Nothing follows a watch
+// that ends earlier.
+std::string digest::summarise(clock::time_point now) {
+    const std::chrono::duration<double> listened = std::min(now, summary_at_) - start_;
     std::uint64_t servers = 0, faulty = 0, lost = 0;
     for (const auto& [id, record] : heard_) {
         servers += std::holds_alternative<qnm_qnsv_t>(record) ? 1U : 0U;
         faulty += condition_of(record) == condition::faulty ? 1U : 0U;
         lost += condition_of(record) == condition::lost ? 1U : 0U;
     }
-    std::string text = "heard in " + std::to_string(opening.count()) + " s: " + grouped(servers) +
+    std::string text = "heard in " + seconds_text(listened.count()) + ": " + grouped(servers) +
                        " QNSV and " + counted(heard_.size() - servers, "QNIO card");
     if (faulty != 0) text += ", " + grouped(faulty) + " faulty";
     if (lost != 0) text += ", " + grouped(lost) + " lost";
-    return text + "; changes follow, \"list\" shows the cards\n";
+    if (now >= summary_at_) text += "; changes follow, \"list\" shows the cards";
+    summarised_ = true;
+    heard_.clear();
+    return text + '\n';
 }
 
 std::string digest::port_text(int port, const lost_port& lost) const {

@@ -41,7 +41,7 @@ class digest {
 
     // What was held back and is due; at the end everything that was.
     std::string due(clock::time_point now);
-    std::string end();
+    std::string end(clock::time_point now);
 
   private:
     struct lost_port {
@@ -52,10 +52,11 @@ class digest {
     };
 
     bool is_opening(const observed& seen, const told_change& reported, clock::time_point now) const;
-    std::string summary() const;
+    std::string summarise(clock::time_point now);
     std::string port_text(int port, const lost_port& lost) const;
 
     digest_options how_;
+    clock::time_point start_;
     clock::time_point summary_at_;
     bool summarised_ = false;
     std::map<std::uint64_t, card> heard_ = {};  // in the opening

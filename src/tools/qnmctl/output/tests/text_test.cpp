@@ -13,6 +13,13 @@ TEST(IdText, HasTwelveDigits) {
     EXPECT_EQ("0x000000001000", id_text(0x1000));
 }
 
+TEST(SecondsText, HasTenthsWhereTheyMatter) {
+    EXPECT_EQ("3 s", seconds_text(3));
+    EXPECT_EQ("0.5 s", seconds_text(0.46));
+    EXPECT_EQ("0 s", seconds_text(0.0001));
+    EXPECT_EQ("100 s", seconds_text(99.99));
+}
+
 TEST(MacText, StartsWithTheMostSignificantByte) {
     EXPECT_EQ("02:00:00:00:10:0f", mac_text(0x02000000100F));
 }

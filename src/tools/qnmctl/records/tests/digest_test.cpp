@@ -58,6 +58,12 @@ TEST_F(Digest, BeginsWithASummary) {
     EXPECT_FALSE(digested.next());
 }
 
+TEST_F(Digest, SaysHowLongAShortWatchListened) {
+    tell_at(0s, QNM_EVT_NEWDEVINFO, sample_server());
+    EXPECT_EQ("heard in 0.5 s: 1 QNSV and 0 QNIO cards\n", digested.end(start + 500ms));
+    EXPECT_EQ("", digested.end(start + 600ms));
+}
+
 TEST_F(Digest, TellsWhatIsWrongEvenAtTheStart) {
     tell_at(0s, QNM_EVT_NEWDEVINFO, sample_device());
     qnm_qnio_t record = sample_device();
@@ -92,7 +98,7 @@ TEST_F(Digest, HasTheCardsOfAPortBelowItsLineWhenAskedFor) {
     const card record = cut_off(2);
     const observed seen = {from_milliseconds(7), QNM_EVT_CHANNELSTATECHANGE, 2, record};
     verbose.add(seen, tell(known, QNM_EVT_CHANNELSTATECHANGE, record), start + 4s);
-    const std::string text = verbose.end();
+    const std::string text = verbose.end(start + 5s);
     EXPECT_TRUE(holds(text, " \033[31mport 1: link down\033[0m, 1 card disconnected\n")) << text;
     EXPECT_TRUE(holds(text, "path P1M1 connected -> disconnected (link down on port 1)\n")) << text;
 }
