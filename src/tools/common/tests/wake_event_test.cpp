@@ -35,6 +35,9 @@ TEST(WakeEvent, WakesAThreadThatWaits) {
 }
 
 TEST(WakeEvent, SaysWhenNoDescriptorIsLeft) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizer needs descriptors to look at what is thrown";
+#endif
     rlimit before{};
     ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &before));
     const rlimit none = {.rlim_cur = 0, .rlim_max = before.rlim_max};
