@@ -1,18 +1,19 @@
--- quillnet.lua - Wireshark's and tshark's reading of what managers and Quillnet cards send.
+-- quillnet.lua - dissects what managers and Quillnet cards send, for Wireshark and tshark.
 --
--- Offsets here are those of docs/protocol.md: they count from the destination MAC address,
--- whichever way the header is arranged. A frame arrives behind its Ethernet type, which is at the
--- message in the ordinary arrangement and in the middle of the header in that of the VLAN-tag
--- change mode. What lies before comes from peek(), which sees every Ethernet frame whole, takes
--- none, and works on a first pass as well, when no field of another dissector can be asked for.
+-- Offsets are those of docs/protocol.md: they count from the destination MAC address, in both
+-- arrangements of the header. A dissector gets a frame's bytes after its Ethernet type, which is
+-- just before the message in the ordinary arrangement and in the middle of the header in that of
+-- the VLAN-tag change mode. The bytes before it come from peek(), which sees every Ethernet frame
+-- whole and claims none. peek() also works on a first pass, when fields of other dissectors
+-- cannot be read.
 --
 -- Beside the fields there are notes:
 --   - what the receive path of libqnm drops, in the order of its checks and the words of its log;
 --   - what a card would find wrong with a request;
 --   - which Completion answers which Register Read. Wireshark shows frames in any order, so this is
---     settled once, when a frame is first seen, and kept by its number.
+--     decided when a frame is first seen, and kept by its number.
 --
--- It is written for Lua 5.1 to 5.4, which differ in their operators on bits: there are none here.
+-- It is written for Lua 5.1 to 5.4, whose operators on bits differ, so it uses none.
 
 local quillnet = Proto("quillnet", "Quillnet")
 
@@ -33,7 +34,7 @@ local arrangements = {
 }
 local hosts = { [0] = "QNSV", [1] = "QNIO" }
 
--- Registers that the library itself uses. Those of the EEPROM lie at one of two places.
+-- Registers that the library itself uses. Those of the EEPROM are in one of two places.
 local registers = {
     [0x5010] = "EEPROM control and status (1G/10G)",
     [0x5014] = "EEPROM address (1G/10G)",
@@ -100,7 +101,7 @@ define("port1_link", "bool", "Link of port 1", 8, nil, 0x40)
 define("pcie_presence", "bool", "PCIe presence", 8, nil, 0x80)
 define("int_vector", "uint8", "Interrupt vector", base.HEX)
 
--- The same two bits on multi-root cards, which number their links the other way round.
+-- The same two bits on multi-root cards, which number their links in reverse.
 local link0_fault_mr = field("link0_fault", "bool", "Link 0 fault", 8, nil, 0x02)
 local link1_fault_mr = field("link1_fault", "bool", "Link 1 fault", 8, nil, 0x01)
 
@@ -185,7 +186,7 @@ define_note("cut", "The capture holds only the head of the frame", "UNDECODED", 
 
 -- ---- A frame ------------------------------------------------------------------------------------
 
--- The head of the Ethernet frame that is being taken apart, of the innermost where they nest.
+-- The first bytes of the Ethernet frame that is being dissected; of the innermost if frames nest.
 local peeked = {}
 
 local function word_at(bytes, at)
@@ -204,7 +205,7 @@ local function peek(tvb, pinfo)
     return false
 end
 
--- The header as the receive path sees it: what is not the one arrangement is taken for the other.
+-- The header as the receive path sees it: if it is not of one arrangement, it is of the other.
 local function read_header(bytes)
     local first, second, third = word_at(bytes, 12), word_at(bytes, 14), word_at(bytes, 16)
     local header = { destination = bytes:sub(1, 6), source = bytes:sub(7, 12) }
@@ -216,8 +217,8 @@ local function read_header(bytes)
     return header
 end
 
--- The frame around a payload. Bytes are asked for by their offset from the destination MAC address;
--- `first` is that of the payload's first byte.
+-- The frame around a payload. Bytes are read by their offset from the destination MAC address;
+-- `first` is the offset of the payload's first byte.
 local function make_frame(tvb, pinfo)
     local frame = { tvb = tvb, is_cut = false }
     local start = tvb:offset() - (peeked.start or 0)
@@ -235,7 +236,7 @@ local function make_frame(tvb, pinfo)
     return frame
 end
 
--- Bytes of the frame; nil where it has not as many, or not all of them were captured.
+-- Bytes of the frame; nil if it is too short, or if not all of them were captured.
 local function range_of(frame, at, size)
     if at >= frame.first and at + size <= frame.captured then
         return frame.tvb(at - frame.first, size)
@@ -249,7 +250,7 @@ local function byte_at(frame, at)
     return range and range:uint()
 end
 
--- Adds a field if its bytes are there. What it returns takes more items, or is nil.
+-- Adds a field if its bytes are there. Returns the item, to which more can be added, or nil.
 local function put(frame, tree, made, at, size)
     local range = range_of(frame, at, size)
     if range == nil then return nil end
@@ -270,7 +271,7 @@ local function put_generated(tree, key, value)
     return item
 end
 
--- What is left of the frame, from an offset on.
+-- The rest of the frame, from an offset on.
 local function put_rest(frame, tree, key, at)
     if frame.ends <= at then return end
     if frame.captured < frame.ends then frame.is_cut = true end
@@ -287,7 +288,7 @@ end
 
 -- ---- What the receive path drops ----------------------------------------------------------------
 
--- The least length of an announcement. Of a card of unknown kind it is that of any frame.
+-- The minimum length of an announcement. For an unknown kind of card it is that of any frame.
 local function announcement_size(message, frame)
     local host, status = byte_at(frame, 23), byte_at(frame, 26)
     if host == 0 then return message.server_size end
@@ -299,8 +300,8 @@ local function has_priority(tci)
     return math.floor(tci / 0x2000) == 4
 end
 
--- Each returns the key of a note, and what the library logs; nothing for a frame that passes. Bytes
--- that were not captured are trusted.
+-- Each returns the key of a note and what the library logs, or nothing for a frame that passes.
+-- Bytes that were not captured count as correct.
 local function check_length(frame)
     if frame.length < LEAST_LENGTH then
         return "too_short", string.format("Recv size is too short. len=%u", frame.length)
@@ -408,8 +409,8 @@ local function check_zero(at, text)
     return function(frame) return not is_zero(frame, at, 1), text end
 end
 
--- Of all requests; those of single ones stand with their messages. Each returns whether there is a
--- fault, and which.
+-- Faults that all requests can have; those of single requests are with their messages. Each
+-- returns whether there is a fault, and its text.
 local request_faults = {
     function(frame) return frame.length < frame.message.frame_size, "the frame is too short" end,
     function(frame)
@@ -442,8 +443,9 @@ end
 
 -- ---- Which Completion answers which Register Read -----------------------------------------------
 
--- A manager's tag is its own, so there are as many as managers have been seen. An answer is taken
--- from the MAC address that was asked. The port counts as well, but frames do not name it.
+-- Each manager has tags of its own, so tags are kept for each manager that was seen. An answer
+-- counts only from the MAC address that was asked. The port would count as well, but frames do
+-- not name it.
 local waiting = {} -- by tag and manager: the Register Read sent last
 local reads = {} -- by frame number: a Register Read
 local completions = {} -- by frame number: what became of a Completion
@@ -480,8 +482,8 @@ local function is_for_anybody(address)
     return address:byte(1) % 2 == 1 or address == string.rep("\0", 6)
 end
 
--- The Register Read that a Completion is for. A manager drops what is addressed to another port
--- than its own; what is for a group of hosts, or for none, is anybody's.
+-- The Register Read that a Completion is for. A manager drops Completions for another port than
+-- its own; those for a group of hosts, or for none, are for every manager.
 local function find_read(header, tag)
     local by_manager = waiting[tag] or {}
     local found = by_manager[header.destination]
@@ -531,7 +533,7 @@ local function put_answer(tree, read)
     end
 end
 
--- That a Register Read stays without an answer is known when the whole capture has been seen.
+-- Only after the whole capture is it known that a Register Read has no answer.
 local function show_read(pinfo, tree)
     local read = reads[pinfo.number]
     if read == nil then return end
@@ -549,11 +551,11 @@ end
 
 -- ---- Messages -----------------------------------------------------------------------------------
 
--- Notes on what need not be wrong: a request is none for a manager, and a Completion may answer
--- what was sent before the capture began.
+-- Notes on what may be all right: a request is not for managers, and a Completion may answer a
+-- read from before the capture.
 local innocent = { for_cards = true, unasked = true }
 
--- Returns what the summary says of it.
+-- Returns its text for the summary.
 local function show_drop(tree, note, text)
     tree:add_proto_expert_info(notes[note], text)
     if innocent[note] then return "" end
@@ -580,7 +582,7 @@ local BRIDGE_SIZE = 20
 local UP_PORT = 28
 local DOWN_PORT_SIZE = 28
 
--- An item for a part of the frame, of which the end may be missing.
+-- An item for a part of the frame, whose end may be missing.
 local function put_part(frame, tree, key, at, size)
     local there = math.min(size, frame.captured - at)
     if there <= 0 then return nil end
@@ -647,7 +649,8 @@ local function show_sw_status(frame, tree)
     put(frame, status, fields.int_vector, 27, 1)
 end
 
--- A 40G card's two addresses differ in the lowest bit, which is the path and no part of the ID.
+-- The two addresses of a 40G card differ in the lowest bit, which is the path and not part of the
+-- ID.
 local function show_identity(frame, tree)
     local mac, path = frame.header.source, 0
     if byte_at(frame, 21) ~= 0 then
@@ -702,7 +705,7 @@ local function show_completion(frame, tree, pinfo)
     return string.format(" tag %u", tag) .. value .. show_match(tree, completions[pinfo.number])
 end
 
--- Bits 12 to 21 travel four places higher.
+-- Bits 12 to 21 are sent four places higher.
 local function put_register(frame, tree)
     put(frame, tree, fields.tag, 23, 1)
     put(frame, tree, fields.wire_address, 24, 4)
@@ -758,8 +761,8 @@ local function show_mms_write(frame, tree)
     return page and string.format(" page %u", page:uint()) or ""
 end
 
--- By subtype. What a manager takes (to_manager) and what a card takes: its bytes (size), those of
--- its frame at least (frame_size), and its own faults.
+-- Messages by subtype. For messages to managers, to_manager; for messages to cards, their bytes
+-- (size), the minimum size of their frame (frame_size), and faults of their own.
 local messages = {
     [0x10] = { name = "1G/10G DEVINFO", down_ports = 8, server_size = 272, only_version_0 = true },
     [0x11] = { name = "1G/10G NOTIFY", down_ports = 8, server_size = 272, only_version_0 = true },
@@ -804,7 +807,7 @@ local function put_tci(tree, add)
     for _, key in ipairs({ "priority", "cfi", "vlan_id" }) do add(tci, key) end
 end
 
--- In the ordinary arrangement the header's bytes lie before those that are handed over.
+-- In the ordinary arrangement the bytes of the header are before those that the dissector gets.
 local function show_header(frame, tree)
     local header = frame.header
     if frame.first == 14 then

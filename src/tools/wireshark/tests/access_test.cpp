@@ -1,5 +1,5 @@
 // The library's calls to simulated cards, captured: every request as its caller meant it, every
-// Completion as the library took it, and which answers which.
+// Completion as the library received it, and which Completion answers which request.
 //
 // The library and the cards hand each other their frames on the calling thread.
 #include <functional>
@@ -88,7 +88,7 @@ struct access : ports {
         return {};
     }
 
-    // The value, which the library must have got.
+    // The value, which the library must have received.
     static uint32_t read(uint64_t id, uint32_t addr) {
         uint32_t data = 0;
         EXPECT_EQ(qnm_read_register(id, addr, &data, &k_two_retries, 0), QNM_API_SUCCESS);
@@ -100,7 +100,7 @@ struct access : ports {
         EXPECT_EQ(qnm_read_register(id, addr, &data, &k_two_retries, 0), QNM_API_ETIMEDOUT);
     }
 
-    // In two passes, as Wireshark does it, so that a question knows its answer.
+    // In two passes, as in Wireshark, so that a request knows its answer.
     std::vector<row> rows(words options = {}) const {
         options.emplace_back("-2");
         return tshark::read(taken, options);
@@ -185,7 +185,7 @@ TEST_F(access, every_request_is_read_as_it_was_meant) {
     EXPECT_THAT(value(all[0], "data"), ElementsAre(number(0xCAFEBABE)));
 }
 
-// What each mistake in a request is called.
+// The note on each mistake in a request.
 struct fault_row {
     std::size_t at;
     uint8_t byte;

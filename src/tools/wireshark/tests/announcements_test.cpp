@@ -1,5 +1,5 @@
-// Announcements of simulated cards of every kind: what the dissector reads in them is what the
-// library keeps of them, field by field, and nothing beside.
+// Announcements of simulated cards of every kind: the dissector reads exactly what the library
+// keeps of them, field by field.
 #include <array>
 #include <random>
 
@@ -87,7 +87,7 @@ std::uint64_t mac_of(const std::uint8_t (&wire)[6]) {
     return value;
 }
 
-// What the library has no use for is read by its wire structures.
+// Bytes that the library ignores are read by its wire structures.
 void put_wire(const frames::frame_t& frame, row& out) {
     const auto& com = qnm::view<qnw_devinfo_com_s>(frame.data()).com;
     out["type"] = {number(qnm_config.ether_type)};
@@ -233,7 +233,7 @@ TEST_F(announcements, every_field_is_read_as_the_library_reads_it) {
     }
     const std::vector<row> read = tshark::read(taken);
     for (std::size_t i = 0; i < read.size(); i++) {
-        // Items that only hold others together have no value of their own.
+        // Items that only contain others have no value of their own.
         row found = read[i];
         found.erase("up_port");
         found.erase("down_port");

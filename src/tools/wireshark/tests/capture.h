@@ -1,4 +1,5 @@
-// capture.h - a capture in the making: frames as on the cable, at times that a test can count on.
+// capture.h - a capture that a test builds: frames as on the cable, at times that the test can rely
+// on.
 #pragma once
 
 #include <cstddef>
@@ -10,7 +11,7 @@
 
 class capture {
   public:
-    // What frames begin with: an Ethernet header, or what the "any" interface has in its place.
+    // The start of each frame: an Ethernet header, or what the "any" interface has instead.
     enum class link : std::uint32_t { ethernet = 1, cooked = 113 };
 
     explicit capture(link type = link::ethernet) : link_(type) {}
@@ -23,7 +24,7 @@ class capture {
     std::size_t count() const { return frames_.size(); }
     const std::vector<std::uint8_t>& frame(std::size_t number) const;
 
-    // Nanoseconds from the one frame to the other; no two neighbours are equally far apart.
+    // Nanoseconds between two frames; no two neighbours have the same distance.
     std::uint64_t between(std::size_t from, std::size_t to) const;
 
     void write(const std::filesystem::path& file) const;

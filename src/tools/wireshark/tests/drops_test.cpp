@@ -1,5 +1,5 @@
-// Frames that the receive path drops, and their neighbours that it takes: the dissector notes the
-// same, in the words of the library's log, for every check and on both sides of every limit.
+// Frames that the receive path drops, and similar ones that it accepts: for every check and on both
+// sides of every limit, the dissector notes the same, in the words of the library's log.
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
@@ -27,7 +27,7 @@ using tshark::words;
 
 constexpr std::size_t k_ethernet_type = 12;
 
-// What Wireshark hands to the dissector: an Ethernet type at either place, not less.
+// Wireshark calls the dissector for frames with the Ethernet type in either place, and no others.
 constexpr std::size_t least_length(bool vlan_change_mode) {
     return vlan_change_mode ? 14 : 18;
 }
@@ -75,7 +75,7 @@ struct drops : ports {
             for (const auto& [key, ignored] : frame) {
                 if (key.starts_with("expert.")) notes.insert(key.substr(7));
             }
-            // That of a request is a remark.
+            // The note on a request is a remark.
             const char* const where =
                 frame.contains("expert.for_cards") ? tshark::k_note : "dropped";
             const words found = frame[where];
@@ -141,7 +141,7 @@ TEST_F(drops, every_version_and_kind_of_card) {
     EXPECT_THAT(expect_same_reasons(), ElementsAre("host", "ver"));
 }
 
-// The length that is enough depends on the card's version and on nothing beside it.
+// The minimum length depends on the card's version and on nothing else.
 TEST_F(drops, every_status_of_an_io_card) {
     for (unsigned status = 0; status < 256; status++) {
         announcement it = {.host = 1, .sw_status = {0xFF, static_cast<uint8_t>(status), 0xFF}};
@@ -211,7 +211,7 @@ TEST_F(drops, frames_of_another_ether_type_are_left_to_others) {
 
 // ---- Whatever arrives ---------------------------------------------------------------------------
 
-// However little of it was captured, the dissector reads what is there.
+// The dissector reads what was captured, however little that is.
 struct whatever : testing::Test {
     capture taken;
 
@@ -242,8 +242,8 @@ TEST_F(whatever, random_messages) {
     expect_no_failure();
 }
 
-// What fuzzers have found of use to the receive path and to the cards, as it is and as messages of
-// which every other one is cut.
+// The inputs of fuzzers for the receive path and for the cards, as they are, and as messages of
+// which every second one is cut.
 TEST_F(whatever, inputs_of_the_fuzzers) {
     std::mt19937 random(8);
     for (const char* const target : {"/frames", "/wire"}) {

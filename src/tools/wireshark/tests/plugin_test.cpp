@@ -1,5 +1,5 @@
-// What holds for the dissector as a whole: no byte without a name, no name without a description,
-// summaries that tell the story, captures without Ethernet headers.
+// The dissector as a whole: every byte has a name and every name a description, summaries tell what
+// happened, and captures need no Ethernet headers.
 #include <gmock/gmock.h>
 
 #include <fstream>
@@ -60,7 +60,7 @@ words lines_from(std::istream& in) {
     return lines;
 }
 
-// What the packet list says.
+// The summary in the packet list.
 words summaries(const capture& taken) {
     std::stringstream out = printed(taken, {"-T", "fields", "-e", "_ws.col.Info"});
     return lines_from(out);
@@ -73,7 +73,8 @@ std::size_t attribute(const std::string& line, const std::string& name) {
     return std::stoul(line.substr(at + name.size() + 3));
 }
 
-// Offsets of bytes that a field covers which is more than the sum of others; one set per frame.
+// Offsets of the bytes that fields cover, apart from fields that only contain others; one set per
+// frame.
 std::vector<std::set<std::size_t>> named_bytes(const capture& taken) {
     std::stringstream pdml = printed(taken, {"-T", "pdml", "-J", "quillnet"});
     std::vector<std::set<std::size_t>> all;
@@ -169,7 +170,7 @@ TEST(plugin, reads_the_documented_examples_as_documented) {
     }
 }
 
-// By what they look for, up to the first comma.
+// By what they check, up to the first comma.
 std::map<std::string, std::string> documented_filters() {
     std::map<std::string, std::string> filters;
     for (const std::string& line : lines_of("wireshark.md")) {
@@ -245,7 +246,7 @@ frame_t cooked(const frame_t& frame) {
     return made;
 }
 
-// All but what lies in the header or is made of it.
+// All fields except those that are in the header or derived from it.
 row without_header(row frame) {
     for (const char* const name :
          {"vlan_mode", "type", "tpid", "tci", "priority", "cfi", "vlan_id", "card_id", "path",

@@ -1,4 +1,4 @@
-// Runs tshark and takes its tables apart.
+// Runs tshark and parses its tables.
 #include "tshark.h"
 
 #include <unistd.h>
@@ -76,7 +76,7 @@ words split(const std::string& text, char at) {
     return parts;
 }
 
-// Wireshark 4.4 has words for the two values of a flag.
+// Wireshark 4.4 shows words for the two values of a flag.
 std::string to_decimal(const std::string& value) {
     if (value == "True") return "1";
     if (value == "False") return "0";
@@ -97,8 +97,8 @@ row to_row(const std::string& line, const words& columns) {
     return made;
 }
 
-// Wireshark 4.2 and later keep root from plugins that are not installed for all, without a word. So
-// for root tshark is run by another user, where there is one to be had.
+// Wireshark 4.2 and later silently load no plugins for root unless they are installed for all
+// users. So for root, tshark runs as another user where that is possible.
 const std::string& as_user() {
     static const std::string prefix = [] {
         const std::string change = "setpriv --reuid=65534 --regid=65534 --clear-groups ";
@@ -152,7 +152,7 @@ std::string run(const words& arguments) {
     share(plugins);
     share(plugins / "quillnet.lua");
     const std::string said = (own.path() / "said").string();
-    // The plugins for all users are looked for where there are none.
+    // The folder of plugins for all users is set to one that does not exist.
     const fs::path none = own.path() / "none";
     fs::create_directory(none);
     share(none);

@@ -1,4 +1,4 @@
-// tshark.h - what tshark makes of a capture with the dissector.
+// tshark.h - the fields that tshark reads from a capture with the dissector.
 //
 // Only the dissector of the source tree is loaded, whatever is installed or configured.
 #pragma once
@@ -12,10 +12,10 @@
 
 #include "capture.h"
 
-// Lets every user read what was made, as tshark may be run by another one than the test.
+// Makes it readable for every user, because tshark may run as another user than the test.
 void share(const std::filesystem::path& made);
 
-// An empty directory, which all may read, removed with all that has come into it.
+// An empty directory that everybody can read; removed with its contents.
 class scratch_directory {
   public:
     scratch_directory();
@@ -32,19 +32,19 @@ namespace tshark {
 
 using words = std::vector<std::string>;
 
-// The values of a frame's fields, by name without "quillnet."; several where a field occurs more
-// than once, in their order, and none for a field that does not occur. Numbers are decimal. Under
-// k_note stand the texts of all notes.
+// The values of a frame's fields, by name without "quillnet.": several, in their order, where a
+// field occurs more than once, and none where it does not occur. Numbers are decimal. k_note has
+// the texts of all notes.
 using row = std::map<std::string, words>;
 constexpr char k_note[] = "note";
 
-// As values stand in a row.
+// A value as tshark prints it in a row.
 std::string number(std::uint64_t value);
 std::string mac(std::uint64_t value);
 std::string bytes(std::span<const std::uint8_t> value);
 std::string duration(std::uint64_t nanoseconds);
 
-// What tshark prints. A command that fails throws, with what it said.
+// What tshark prints. Throws with its message when the command fails.
 std::string run(const words& arguments);
 
 // A row per frame of all fields that the dissector has. A failure of the dissector throws.
