@@ -37,6 +37,7 @@ void answer_stats(context& with, const stats_options& options) {
     const qnm_api_code_t code = qnm_stdump(options.verbose ? 1 : 0);
     if (code != QNM_API_SUCCESS) throw failed_call("qnm_stdump", code);
     const std::string dump = before.text_since();
+    if (dump.empty()) throw error("the status dump was not written to " + running.stats.string());
     const bool kept = running.wanted.folder == at_the_end::kept;
     with.results.text(dump);
     with.results.record("stats", stats_json(dump, kept ? running.stats.string() : ""));

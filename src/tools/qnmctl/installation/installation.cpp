@@ -15,7 +15,6 @@
 #include "common/descriptor.h"
 #include "common/regular_file.h"
 #include "common/standard_files.h"
-#include "common/visible.h"
 #include "installation/config_file.h"
 #include "installation/log_properties.h"
 #include "output/text.h"
@@ -29,6 +28,7 @@ namespace {
 constexpr std::size_t port_limit = 2;
 constexpr std::size_t line_limit = 127;  // a longer line would be read as two
 constexpr char port_key[] = "ether_port";
+constexpr char log_link[] = "log";  // leads to a log whose name log4cxx would misread
 
 // Nobody reads the periodic dumps in a temporary directory; the longest interval keeps it small.
 constexpr char stats_interval_key[] = "stats_interval";
@@ -100,14 +100,9 @@ void write_file(const fs::path& name, const std::string& text) {
     if (!file) throw error("cannot write " + name.string() + ": " + std::strerror(errno));
 }
 
-// Checked here, because log4cxx goes on without a log when it cannot write the file, a FIFO without
-// a reader would block the manager, and a name that a properties file cannot express would lead to
-// another file.
+// Checked here, because log4cxx goes on without a log when it cannot write the file, and a FIFO
+// without a reader would block the manager.
 void check_writable(const fs::path& log) {
-    if (!is_plain_name(log)) {
-        throw error("--log: " + tools::visible_line(log.string()) +
-                    ": a log's name can have neither ${ nor control characters");
-    }
     std::error_code ignored;
     if (fs::is_fifo(log, ignored))
         throw error("cannot write the log " + log.string() + ": it is a FIFO");
@@ -130,6 +125,14 @@ void make_private(installation& result) {
     std::error_code problem;
     fs::create_directory(result.dir / "conf", problem);
     if (problem) throw error("cannot make " + result.dir.string() + "/conf: " + problem.message());
+    if (is_plain_name(result.log)) return;
+    fs::create_symlink(result.log, result.dir / log_link, problem);
+    if (problem) throw error("cannot make " + result.dir.string() + "/log: " + problem.message());
+}
+
+// The log under a name that log4cxx understands.
+fs::path log_in_properties(const installation& where) {
+    return is_plain_name(where.log) ? where.log : where.dir / log_link;
 }
 
 // The levels that the command itself needs in a log that nobody else reads.
@@ -184,7 +187,7 @@ logger_levels levels_of(const std::string& properties) {
 
 std::string properties_text(const installation& where, const logger_levels& levels) {
     const char* const largest = where.wanted.file.empty() ? "10MB" : "";
-    return appender_text("LOG", where.log, "%d{ISO8601} %-5p %m%n", largest) +
+    return appender_text("LOG", log_in_properties(where), "%d{ISO8601} %-5p %m%n", largest) +
            appender_text("STATS", where.stats, "%m%n", "100MB") +
            logger_text("logfile", levels.log, "LOG") +
            logger_text("syslogfile", levels.syslog, "LOG") +

@@ -79,6 +79,17 @@ tools::descriptor open_folder(const own_folder& parent, const std::string& name)
         openat(parent.at.fd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
+// On a full disk a folder can often still be created, but no file be written.
+bool has_room(const tools::descriptor& folder) {
+    constexpr char name[] = "room";
+    constexpr off_t wanted = 8192;  // for the configuration and the first lines of the log
+    const tools::descriptor file(
+        openat(folder.fd, name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    const int code = file.fd < 0 ? errno : posix_fallocate(file.fd, 0, wanted);
+    unlinkat(folder.fd, name, 0);
+    return code != ENOSPC && code != EDQUOT;
+}
+
 void remove_leftover(const own_folder& from, const std::string& name) {
     const tools::descriptor folder = open_folder(from, name);
     if (folder.fd < 0 || flock(folder.fd, LOCK_EX | LOCK_NB) != 0) return;
@@ -91,9 +102,9 @@ void remove_leftover(const own_folder& from, const std::string& name) {
 
 bool is_plain_name(const fs::path& name) {
     const std::string& text = name.native();
-    const auto is_control = [](unsigned char c) { return c < ' ' || c == 0x7F; };
+    const auto is_printable = [](unsigned char c) { return c >= ' ' && c < 0x7F; };
     return text.find("${") == std::string::npos &&
-           std::none_of(text.begin(), text.end(), is_control);
+           std::all_of(text.begin(), text.end(), is_printable);
 }
 
 private_folder::private_folder(at_the_end what) : what_(what) {
@@ -109,7 +120,7 @@ private_folder::private_folder(at_the_end what) : what_(what) {
     if (make_in(open_own_folder("/tmp", false), shared_start)) return;
     throw error(
         "there is no place for the files of this run\nSet XDG_STATE_HOME to a folder of your own "
-        "that nobody else can write to.");
+        "that has room and that nobody else can write to.");
 }
 
 private_folder::~private_folder() {
@@ -136,6 +147,11 @@ bool private_folder::make(const own_folder& parent, const std::string& name) {
         result.fd >= 0 && flock(result.fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
     if (result.fd < 0 || taken || !is_still(result, parent, name)) {
         errno = EEXIST;
+        return false;
+    }
+    if (!has_room(result)) {
+        unlinkat(parent.at.fd, name.c_str(), AT_REMOVEDIR);
+        errno = ENOSPC;
         return false;
     }
     lock_ = std::move(result);

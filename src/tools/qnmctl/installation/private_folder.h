@@ -1,8 +1,8 @@
 // A folder for the files of one run. Only this user can look into it, and it is removed at the end.
 //
-// It lies below $XDG_STATE_HOME/qnmctl or ~/.local/state/qnmctl, or, where neither can be used,
-// below $TMPDIR or /tmp. So that nobody can set a trap for root, each folder and each link on the
-// way must belong to this user or root and must not be writable by others.
+// It lies below $XDG_STATE_HOME/qnmctl or ~/.local/state/qnmctl, or, where neither can be used or
+// has room, below $TMPDIR or /tmp. So that nobody can set a trap for root, each folder and each
+// link on the way must belong to this user or root and must not be writable by others.
 //
 // A run keeps its folder locked. The lock ends with the process, so a later run recognises by it
 // what a killed run has left below the first two places, and removes it. Below $TMPDIR and /tmp
@@ -21,8 +21,8 @@ namespace qnmctl {
 inline constexpr std::size_t longest_dir =
     485;  // the longest directory name that the library accepts
 
-// Whether a log4cxx properties file can contain the name: "${" would begin a variable, and a
-// control character may end the line.
+// Whether a log4cxx properties file can contain the name: "${" would begin a variable, a control
+// character may end the line, and characters outside ASCII are encoded by the locale.
 bool is_plain_name(const std::filesystem::path& name);
 
 enum class at_the_end { removed, kept };

@@ -119,6 +119,10 @@ class Cards : public testing::Test {
                held.holder == own_bit;
     }
     std::string file(const char* name) const { return dir.path() / name; }
+    bool can_mount() const {
+        const std::string mount = "mount -t tmpfs none " + dir.path().string();
+        return std::system(("unshare -m sh -c '" + mount + "' 2>/dev/null").c_str()) == 0;
+    }
     std::size_t files() const {
         return static_cast<std::size_t>(
             std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()));
@@ -308,11 +312,7 @@ TEST_F(Cards, LoseNothingToAFullDisk) {
                                 " && printf old > " + file("image") +
                                 " && head -c 8192 /dev/zero > " + file("filler") + " 2>/dev/null; ";
     const std::string finish = "; status=$?; cat " + file("image") + "; exit $status";
-    if (std::system(
-            ("unshare -m sh -c 'mount -t tmpfs none " + dir.path().string() + "' 2>/dev/null")
-                .c_str()) != 0) {
-        GTEST_SKIP() << "no file system can be mounted here";
-    }
+    if (!can_mount()) GTEST_SKIP() << "no file system can be mounted here";
     words all = {"/usr/bin/env", "unshare", "-m", "sh", "-c", prepare + "\"$@\"" + finish, "sh"};
     const words own = ctl({"eeprom", "dump", server, "0", "16", "--raw", file("image")});
     all.insert(all.end(), own.begin(), own.end());
@@ -323,6 +323,22 @@ TEST_F(Cards, LoseNothingToAFullDisk) {
     EXPECT_EQ("qnmctl: cannot write " + file("image") +
                   ": No space left on device\n  Nothing was changed there.\n",
               run.errors());
+}
+
+// The state folder is on a small disk of the command's own; /tmp is not.
+TEST_F(Cards, AreListedWithAFullDiskForTheState) {
+    const std::string state = file("state");
+    const std::string prepare =
+        "mount -t tmpfs -o size=4k none " + state + " && printf x > " + state + "/filler; ";
+    fs::create_directory(state);
+    if (!can_mount()) GTEST_SKIP() << "no file system can be mounted here";
+    words all = {"/usr/bin/env", "XDG_STATE_HOME=" + state, "unshare", "-m", "sh",
+                 "-c",           prepare + "exec \"$@\"",   "sh"};
+    const words own = ctl({"list", "--card", server});
+    all.insert(all.end(), own.begin(), own.end());
+    program run(all);
+    EXPECT_EQ(0, run.end()) << run.errors();
+    EXPECT_TRUE(holds(run.read_all(), server));
 }
 
 // ---- Restore ------------------------------------------------------------------------------------

@@ -163,8 +163,10 @@ TEST_F(PrivateFolder, IsNotMadeWhereItsNameWouldBeMisread) {
     const variable none("HOME", "");
     const variable odd("XDG_STATE_HOME", state / "${HOME}");
     EXPECT_EQ(scratch, place());
-    const variable lines("XDG_STATE_HOME", state / "a\nb");
-    EXPECT_EQ(scratch, place());
+    for (const char* const name : {"a\nb", "j\303\274rgen"}) {
+        const variable misread("XDG_STATE_HOME", state / name);
+        EXPECT_EQ(scratch, place());
+    }
     fs::path deep = state;
     for (int at = 0; at < 6; ++at)
         deep /= std::string(100, 'x');
