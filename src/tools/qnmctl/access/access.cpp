@@ -177,6 +177,7 @@ std::vector<std::uint64_t> wanted_ids(const access_options& options) {
 
 bool run_access_work(context& with, work wanted) {
     wanted.give_up = [] { qnm_fini_manager(); };
+    if (with.tell_waiting) wanted.meanwhile = {with.manager->wake_fd(), with.tell_waiting};
     const bool undisturbed = run_work(wanted, with.signals);
     if (!undisturbed) with.quit = true;
     return undisturbed;

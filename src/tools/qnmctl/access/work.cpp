@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 #include <thread>
 #include <vector>
 
@@ -84,15 +85,21 @@ bool run_work(const work& wanted, int signals) {
     taken_signal taken;
     progress_line line(wanted.label, wanted.steps);
     crew hands(wanted);
-    pollfd waited[] = {{hands.done_fd(), POLLIN, 0}, {signals, POLLIN, 0}};
+    enum { done, signal, side };
+    pollfd waited[] = {
+        {hands.done_fd(), POLLIN, 0}, {signals, POLLIN, 0}, {wanted.meanwhile.fd, POLLIN, 0}};
     bool undisturbed = true;
     while (true) {
-        if (poll(waited, 2, tick_milliseconds) < 0) {
+        if (poll(waited, std::size(waited), tick_milliseconds) < 0) {
             if (errno == EINTR) continue;
             throw error(std::string("cannot wait: ") + strerror(errno));
         }
-        if (waited[0].revents != 0) return undisturbed;
-        if (waited[1].revents != 0) {
+        if (waited[done].revents != 0) return undisturbed;
+        if (waited[side].revents != 0) {
+            line.clear();
+            wanted.meanwhile.run();
+        }
+        if (waited[signal].revents != 0) {
             taken.take(signals);
             line.clear();
             obey_signal(wanted, hands.state);

@@ -18,12 +18,19 @@ struct work_state {
     std::atomic<std::uint64_t> steps = 0;  // done, counted by the jobs
 };
 
+// What the main thread does besides, whenever the descriptor is readable.
+struct side_work {
+    int fd = -1;
+    std::function<void()> run = nullptr;
+};
+
 struct work {
     std::string label;     // of the progress line
     std::size_t jobs = 1;  // a few of them run at the same time, in order of their number
     std::uint64_t steps;   // of all jobs
     std::function<void(std::size_t job, work_state& state)> run;  // must not throw
     std::function<void()> give_up;  // makes the calls under way return
+    side_work meanwhile = {};
 };
 
 // Returns when every job has returned or will never be started; false when a signal came.

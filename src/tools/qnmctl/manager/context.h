@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <set>
@@ -40,9 +41,10 @@ struct context {
     event_filter filter = {};
     std::optional<digest> digested = {};  // of a text that is watched
     known_cards known = {};
-    std::set<std::uint64_t> stopped = {};  // cards that are not monitored
-    bool quit = false;                     // by a line "quit"
-    std::uint64_t told_events = 0;         // since it listens
+    std::set<std::uint64_t> stopped = {};          // cards that are not monitored
+    bool quit = false;                             // by a line "quit"
+    std::uint64_t told_events = 0;                 // since it listens
+    std::function<void()> tell_waiting = nullptr;  // prints the events that wait; set in a watch
 
     // What the manager runs on.
     const installation& running() const { return where.temporary ? where : copy; }

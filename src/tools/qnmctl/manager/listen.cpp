@@ -81,8 +81,8 @@ void answer_line(context& with, const tools::input_line& line) {
     }
 }
 
-// Reads what is there and answers the complete lines; false at the end of standard input.
-bool answer_input(context& with, tools::input_lines& input) {
+// Reads what is there; false at the end of standard input.
+bool read_input(tools::input_lines& input) {
     char chunk[4096];
     const ssize_t length = read(STDIN_FILENO, chunk, sizeof chunk);
     if (length < 0 && (errno == EINTR || errno == EAGAIN)) return true;
@@ -90,11 +90,6 @@ bool answer_input(context& with, tools::input_lines& input) {
         input.add({chunk, static_cast<std::size_t>(length)});
     else
         input.end();
-    while (!with.quit) {
-        const auto line = input.next();
-        if (!line) break;
-        answer_line(with, *line);
-    }
     return length > 0;
 }
 
@@ -153,7 +148,12 @@ void listen(context& with, const listening& how) {
             check_running(with);
         }
         if (with.digested) with.results.text(with.digested->due(clock::now()));
-        if (waited[input].revents != 0 && !answer_input(with, lines)) waited[input].fd = -1;
+        if (waited[input].revents != 0 && !read_input(lines)) waited[input].fd = -1;
+        while (!is_over() && !is_signalled(with)) {
+            const auto line = lines.next();
+            if (!line) break;
+            answer_line(with, *line);
+        }
     }
 }
 
@@ -182,7 +182,10 @@ void listen_and_tell(context& with, double seconds, std::uint64_t count) {
     if (isatty(STDIN_FILENO) == 1 && isatty(STDERR_FILENO) == 1) {
         tools::tell("watching; \"help\" lists the commands, \"quit\" ends\n");
     }
-    listen(with, {.seconds = seconds, .count = count, .tells = true, .takes_lines = true});
+    const listening how = {.seconds = seconds, .count = count, .tells = true, .takes_lines = true};
+    with.tell_waiting = [&] { tell_events(with, how); };
+    listen(with, how);
+    with.tell_waiting = nullptr;
     if (with.digested) with.results.text(with.digested->end(clock::now()));
 }
 

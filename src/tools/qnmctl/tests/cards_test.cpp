@@ -654,6 +654,23 @@ TEST_F(Cards, AGroupIsWatchedUntilACardHasLeftIt) {
     EXPECT_EQ(0, run.end());
 }
 
+TEST_F(Cards, AreWatchedWhileALineIsAnswered) {
+    const auto silence = [&](const std::vector<std::uint32_t>& registers) {
+        cards.update("sv", [&](cardsim::card& card) { card.faults.silent_registers = registers; });
+    };
+    silence({0x100});
+    program run(ctl({"watch", "--all"}));
+    run.read_until(std::string("QNSV ") + server);
+    run.say(std::string("reg read ") + server + " 0x100 --retries 100000 --interval 10");
+    ASSERT_TRUE(comes_true([&] { return cards.count().silent > 0; }));
+    cards.set("io", "vlan_id", "30");
+    run.read_until("VLAN ID 20 -> 30");
+    silence({});
+    run.read_until("register 0x00000100");
+    run.say("quit");
+    EXPECT_EQ(0, run.end());
+}
+
 TEST_F(Cards, AreAccessedFromLinesOfAWatch) {
     program run(ctl({"watch", "--all"}));
     run.read_until(std::string("QNSV ") + server);

@@ -2,6 +2,7 @@
 #include "access/work.h"
 
 #include <gtest/gtest.h>
+#include <poll.h>
 
 #include <algorithm>
 #include <csignal>
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include "common/tests/signal_pipe.h"
+#include "common/wake_event.h"
 
 namespace qnmctl {
 namespace {
@@ -44,6 +46,22 @@ TEST(Work, DoesSomeJobsAtTheSameTime) {
             met.wait(seen);
     };
     EXPECT_TRUE(run_work(of_jobs(2, meet), signals.fd()));
+}
+
+TEST(Work, LetsTheMainThreadDoOtherWorkMeanwhile) {
+    const signal_pipe signals;
+    const tools::wake_event wanted;
+    const tools::wake_event done;
+    work jobs = of_jobs(1, [&](std::size_t, work_state&) {
+        wanted.set();
+        pollfd waited{done.fd(), POLLIN, 0};
+        EXPECT_EQ(1, poll(&waited, 1, -1));
+    });
+    jobs.meanwhile = {wanted.fd(), [&] {
+                          wanted.clear();
+                          done.set();
+                      }};
+    EXPECT_TRUE(run_work(jobs, signals.fd()));
 }
 
 TEST(Work, LetsTheJobUnderWayEndAtASignalAndStartsNoOther) {
