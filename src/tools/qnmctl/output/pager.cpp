@@ -7,12 +7,15 @@
 #include <sys/ioctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <fstream>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -74,14 +77,33 @@ pid_t start_pager(const std::string& command, int input) {
     return code == 0 ? pid : -1;
 }
 
-// A signal ends the pager, so that it restores the terminal.
-int wait_for_pager(pid_t pid, int signals) {
+// A shell passes no signals on to what it runs, so its children get them first.
+void send_to_pager(pid_t shell, int signal) {
+    const std::string thread = std::to_string(shell);
+    std::ifstream children("/proc/" + thread + "/task/" + thread + "/children");
+    for (pid_t child = 0; children >> child;)
+        kill(child, signal);
+    kill(shell, signal);
+}
+
+// The terminal as it was before, also if the pager has no time to restore it.
+void end_pager(pid_t pid, int process, const termios* before) {
+    constexpr int patience_ms = 2000;
+    pollfd ended{process, POLLIN, 0};
+    send_to_pager(pid, SIGTERM);
+    if (poll(&ended, 1, patience_ms) == 0) send_to_pager(pid, SIGKILL);
+    if (before != nullptr) tcsetattr(STDOUT_FILENO, TCSANOW, before);
+}
+
+// Ctrl-C is for the pager, which gets it as well. Other signals end the pager.
+int wait_for_pager(pid_t pid, int signals, const termios* before) {
     const tools::descriptor process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
-    if (process.fd >= 0 && !tools::wait_until_ready(process.fd, POLLIN, signals)) {
-        constexpr int patience_ms = 2000;
-        pollfd ended{process.fd, POLLIN, 0};
-        kill(pid, SIGTERM);
-        if (poll(&ended, 1, patience_ms) == 0) kill(pid, SIGKILL);
+    while (process.fd >= 0 && !tools::wait_until_ready(process.fd, POLLIN, signals)) {
+        const int number = tools::take_end_signal(signals);
+        if (number == SIGINT) continue;
+        end_pager(pid, process.fd, before);
+        tools::return_end_signal(number);
+        break;
     }
     int status = 0;
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
@@ -104,13 +126,15 @@ bool show_in_pager(const std::string& text, int signals) {
     const std::string command = wanted_pager();
     int ends[2];
     if (command.empty() || pipe2(ends, O_CLOEXEC) != 0) return false;
+    termios before{};
+    const bool is_known = tcgetattr(STDOUT_FILENO, &before) == 0;
     tools::descriptor read_end(ends[0]);
     tools::descriptor write_end(ends[1]);
     const pid_t pid = start_pager(command, read_end.fd);
     read_end = {};  // so that a pager that ends early is noticed
     if (pid > 0) tools::descriptor_writer(write_end.fd, signals).write(tools::visible(text));
     write_end = {};  // the pager waits for the end of its input
-    return pid > 0 && was_started(wait_for_pager(pid, signals));
+    return pid > 0 && was_started(wait_for_pager(pid, signals, is_known ? &before : nullptr));
 }
 
 }  // namespace qnmctl

@@ -68,8 +68,9 @@ class Site:
         with open(self.scenario, "w", encoding="utf-8") as file:
             file.write(SCENARIO)
 
-    def list(self, *options, **environment):
-        """What a terminal of 24 lines by 100 columns gets, and the exit status."""
+    def list(self, *options, when_ready=None, **environment):
+        """What a terminal of 24 lines by 100 columns gets, and the exit status. When the pager says
+        that it is ready, when_ready gets the process and the terminal."""
         ours, theirs = pty.openpty()
         fcntl.ioctl(theirs, termios.TIOCSWINSZ, struct.pack("HHHH", ROWS, 100, 0, 0))
         run = subprocess.Popen(
@@ -87,6 +88,9 @@ class Site:
             if not part:
                 break
             shown += part
+            if when_ready and b"ready" in shown:
+                when_ready(run, ours)
+                when_ready = None
         status = run.wait()
         signal.alarm(0)
         os.close(ours)
@@ -119,6 +123,26 @@ def check_pager(site):
     require(status == 0, "a pager that ends early is no fault: " + text)
 
 
+def check_pager_at_signals(site):
+    def interrupt(run, terminal):
+        run.send_signal(signal.SIGINT)
+        os.write(terminal, b"a line\n")
+
+    status, text = site.list(PAGER="cat >/dev/null; echo ready; read line <&1; echo got $line",
+                             when_ready=interrupt)
+    require(status == 0 and "got a line" in text, f"Ctrl-C is for the pager: {status} {text}")
+
+    def terminate(run, terminal):
+        run.send_signal(signal.SIGTERM)
+        run.wait()
+        modes = termios.tcgetattr(terminal)[3]
+        require(modes & termios.ICANON and modes & termios.ECHO, "the terminal is left raw")
+
+    # What the shell has started holds the terminal open until it is ended, too.
+    raw = "stty -icanon -echo <&1; cat >/dev/null; echo ready; exec sleep 600"
+    site.list(PAGER=f"sh -c '{raw}'; true", when_ready=terminate)
+
+
 def check_colours(site):
     text = site.list("--group", "20")[1]
     require("\x1b[33mQNIO 0x020000002000" in text and "vector 0x12" in text, repr(text))
@@ -149,7 +173,8 @@ def main():
         with subprocess.Popen([site.cardsim, "--quiet", site.scenario],
                               stdin=subprocess.PIPE) as cards:
             try:
-                for check in check_short_table, check_pager, check_colours, check_order:
+                for check in (check_short_table, check_pager, check_pager_at_signals,
+                              check_colours, check_order):
                     check(site)
             finally:
                 cards.terminate()
