@@ -3,10 +3,12 @@
 
 #include <net/if.h>
 #include <poll.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
+#include <iterator>
+#include <string_view>
 
 #include "cli/options.h"
 #include "common/end_signals.h"
@@ -104,15 +106,23 @@ void add_yes(command& to, bool& yes) {
     add_flag(to, "-y,--yes", "Do not ask", yes);
 }
 
-// Asks on standard error. Signals arrive as input, so both they and the answer are waited for.
+bool is_yes(std::string_view answer) {
+    constexpr const char* all[] = {"y\n", "Y\n", "yes\n", "Yes\n", "YES\n"};
+    return std::find(std::begin(all), std::end(all), answer) != std::end(all);
+}
+
+// Asks on standard error. Signals arrive as input, so both they and the answer are waited for. What
+// was typed before the question is no answer to it.
 bool is_confirmed(const context& with, const std::string& question) {
+    tcflush(STDIN_FILENO, TCIFLUSH);
     tools::tell(question + " [y/N] ");
     char answer[64];
     const bool answered =
         tools::wait_until_ready(STDIN_FILENO, POLLIN, with.signals) && !is_signalled(with);
     const ssize_t length = answered ? read(STDIN_FILENO, answer, sizeof answer) : 0;
     if (length <= 0) tools::tell("\n");
-    return length > 0 && (answer[0] == 'y' || answer[0] == 'Y');
+    tcflush(STDIN_FILENO, TCIFLUSH);  // the rest of a long line is not for the shell
+    return length > 0 && is_yes({answer, static_cast<std::size_t>(length)});
 }
 
 void check_can_ask(const context& with) {

@@ -596,6 +596,16 @@ TEST_F(Cards, AreChangedInNumbersAfterAQuestion) {
     EXPECT_TRUE(comes_true([&] { return cards.resets("sv").count == 1; }));
 }
 
+// What is typed ahead was meant for something else, and so may be a word that begins with y.
+TEST_F(Cards, AreChangedByAnAnswerToTheQuestionOnly) {
+    program early(ctl({"reset", "--all", "1"}), standard_files::terminal);
+    early.say("y");
+    early.read_until("[y/N] ");
+    early.say("yesterday");
+    EXPECT_EQ(1, early.end());
+    EXPECT_EQ(0, cards.resets("sv").count);
+}
+
 TEST_F(Cards, AreNotChangedInNumbersByALine) {
     program watch(ctl({"watch"}));
     for (const char* const line : {"reset --all 1", "reset --all 1 -y", "quit"})
