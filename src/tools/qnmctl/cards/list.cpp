@@ -29,7 +29,7 @@ constexpr char list_help[] =
 
 constexpr example list_examples[] = {
     {"qnmctl list", "All cards that are heard within 3 seconds"},
-    {"qnmctl list --state disconnected", "Those that are lost"},
+    {"qnmctl list --for 10 --state disconnected", "Those that fall silent within 10 seconds"},
     {"qnmctl list --kind qnio --sort heard --reverse", "QNIO cards, the last heard first"},
 };
 

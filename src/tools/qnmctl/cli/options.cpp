@@ -88,6 +88,7 @@ void take_default_ports(settings& global) {
     const char* const ports = std::getenv(variable);
     if (ports == nullptr || !global.ports.empty() || !global.dir.empty()) return;
     global.ports = split(ports, ",");
+    if (global.ports.empty() && *ports != '\0') global.ports = {ports};  // refused later
     global.ports_from = variable;
 }
 

@@ -45,7 +45,7 @@ std::optional<std::string> wrong_ports(const settings& chosen) {
         if (name.size() >= IFNAMSIZ) {
             return from + "\"" + name + "\" is too long; interface names have up to 15 characters";
         }
-        if (name.find_first_of(" \t\r\n/") != std::string::npos) {
+        if (name.find_first_of(" \t\r\n/,") != std::string::npos) {
             return from + "\"" + name + "\" is no interface name";
         }
     }

@@ -252,8 +252,12 @@ std::string complaint(const std::vector<const char*>& words) {
 }
 
 TEST(CommandLine, PortsOfTheEnvironmentAreCheckedToo) {
-    const variable ports("QNMCTL_PORTS", "a,b,c");
-    EXPECT_EQ("qnmctl: QNMCTL_PORTS: at most two interfaces", complaint({"watch"}));
+    {
+        const variable ports("QNMCTL_PORTS", "a,b,c");
+        EXPECT_EQ("qnmctl: QNMCTL_PORTS: at most two interfaces", complaint({"watch"}));
+    }
+    const variable ports("QNMCTL_PORTS", ",");
+    EXPECT_EQ("qnmctl: QNMCTL_PORTS: \",\" is no interface name", complaint({"watch"}));
 }
 
 TEST(CommandLine, SaysWhatIsWrong) {
