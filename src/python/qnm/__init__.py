@@ -8,16 +8,17 @@
             if event.type is qnm.EventType.NEWDEVINFO:
                 print(hex(qnm.read_register(event.card_id, 0x1000)))
 
-Every call of qnm.h is here under its name without "qnm_", but qnm_free_idlist, which nobody needs
-here. All act on the one manager that a process can have. A result code other than success is raised
-as an exception: NotFoundError, TimedOutError and so on, all of them an Error. Records are ctypes
-structures with the field names of the header.
+Every call of qnm.h is here under its name without "qnm_", except qnm_free_idlist, which Python
+programs do not need. All calls act on the one manager that a process can have. Result codes other
+than success are raised as exceptions: NotFoundError, TimedOutError and so on, all subclasses of
+Error. Records are ctypes structures with the field names of the header.
 
-Rules to know, in full in qnm.h: any thread may call, callbacks run on the library's event thread,
-and in a child after os.fork() nothing of this may be used. Opening ports needs CAP_NET_RAW.
+The most important rules, which qnm.h gives in full: calls may be made from any thread, callbacks
+run on the library's event thread, and a child of os.fork() must not use the module. Opening ports
+needs CAP_NET_RAW.
 
-The library is found as the loader finds libqnm.so.1, or where the environment variable QNM_LIBRARY
-names its file.
+The loader searches for libqnm.so.1 as for any library. To load another file, name it in the
+environment variable QNM_LIBRARY.
 """
 
 from . import calls, codes, manager, records

@@ -1,4 +1,4 @@
-"""Which integers fit where."""
+"""Checks that integers fit the C types they are passed as."""
 
 from __future__ import annotations
 
@@ -19,7 +19,7 @@ INTEGERS: dict[Any, tuple[int, int]] = {
 
 
 def checked(kind: Any, value: Any, taker: str) -> int:
-    """The value as an integer, if it fits what takes it. ctypes would cut off the rest."""
+    """The value as an integer if it fits the C type. ctypes alone would silently truncate it."""
     low, high = INTEGERS[kind]
     number = operator.index(value)
     if not low <= number <= high:

@@ -1,4 +1,4 @@
-"""The shared library: where it is found, what its functions look like, and how they are called."""
+"""Loads the shared library, declares the prototypes of its functions, and calls them."""
 
 from __future__ import annotations
 
@@ -28,10 +28,10 @@ _list_out = ctypes.POINTER(ctypes.POINTER(ctypes.c_uint64))
 _access = (_u64, _u32, _u32_out, _retry, _u32)
 _change = (_u64, _u32, _u32, _retry, _u32)
 _dump = (_u64, _u32, _u32, _u32_out, _size_out, _retry, _u32)
-_log = (_text, _text)  # the format and the one string that it takes
+_log = (_text, _text)  # the format, always "%s", and its argument
 _compare = (_pointer, _pointer)
 
-# By name: the result, then the arguments.
+# The type of the result, then those of the arguments.
 PROTOTYPES: dict[str, tuple[Any, ...]] = {
     "qnm_err2retcode": (_code, ctypes.c_int),
     "qnm_init_manager": (_code, _text, ctypes.c_int),
@@ -105,7 +105,7 @@ _lib = _load()
 
 
 def _fitting(kind: Any, value: Any, function: str) -> Any:
-    """An argument as it is; ctypes by itself would cut off what does not fit, without a word."""
+    """The argument if it fits the C type. ctypes alone would silently truncate it."""
     if kind in INTEGERS:
         return checked(kind, value, function)
     if kind is _text and value is not None and b"\0" in value:
@@ -124,12 +124,12 @@ def call(function: str, *arguments: Any) -> Any:
 
 
 def error_of(function: str, code: int) -> Error:
-    """The exception of a result code."""
+    """The exception for a result code."""
     return ERRORS[code](function)
 
 
 def check(function: str, *arguments: Any) -> None:
-    """Calls a function of the library; any code but success becomes an exception."""
+    """Calls a function of the library and raises an exception for any code but success."""
     code = call(function, *arguments)
     if code != 0:
         raise error_of(function, code)

@@ -1,7 +1,7 @@
 """The version of the module.
 
-Out of the source tree it is that of the header in the same tree. An installation has in place of this
-file one that names the version.
+In the source tree, the version is read from the header in the same tree. An installation has
+another _version.py in place of this file, with the version written in it.
 """
 
 import pathlib
@@ -11,7 +11,7 @@ _HEADER = pathlib.Path(__file__).parents[2] / "libs/qnm/src/main/qnm.h"
 
 
 def _read_version() -> str:
-    """The three numbers of the header; "unknown" for a copy of the module alone."""
+    """The three numbers in the header; "unknown" if the module was copied without it."""
     try:
         header = _HEADER.read_text(encoding="utf-8")
     except OSError:

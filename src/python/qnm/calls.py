@@ -1,8 +1,8 @@
-"""The calls of qnm.h, each under its name without "qnm_"; qnm.h tells what each does and promises.
+"""The calls of qnm.h, each under its name without "qnm_"; qnm.h describes them in full.
 
-What a call puts out is returned here, and a result code other than success is raised as its
-exception. Lists of IDs are copied and given back to the library at once, so that qnm_free_idlist()
-is the one call without a function of its own. While a call waits, other Python threads run.
+Output arguments become return values, and result codes other than success become exceptions. Lists
+of IDs are copied and freed at once, so qnm_free_idlist() is the one call that has no function here.
+While a call waits, other Python threads run.
 """
 
 from __future__ import annotations
@@ -92,7 +92,7 @@ def _encoded(path: Path) -> bytes | None:
 
 # ---- Manager -------------------------------------------------------------------------------------
 
-_one_manager = threading.Lock()  # held from the claim to the end, perhaps of another thread
+_one_manager = threading.Lock()  # from the claim until the manager ends; any thread may release it
 
 
 def err2retcode(err: int) -> ResultCode:
@@ -101,7 +101,7 @@ def err2retcode(err: int) -> ResultCode:
 
 
 def claim_manager() -> threading.Lock:
-    """Makes sure that the next manager is the caller's, who has to run it or to release the claim."""
+    """Reserves the next manager for the caller, who then runs it or releases the returned lock."""
     if not _one_manager.acquire(blocking=False):
         raise BusyError("qnm_init_manager")
     return _one_manager
@@ -112,7 +112,7 @@ def run_claimed_manager(path: Path, log_level: int) -> None:
     try:
         check("qnm_init_manager", _encoded(path), log_level)
     finally:
-        _callbacks.clear()  # gone with the manager
+        _callbacks.clear()  # registrations end with the manager
         _one_manager.release()
 
 
@@ -153,24 +153,24 @@ def get_qnio(card_id: int) -> Qnio:
 
 
 def _ids(function: str, *arguments: int, limit: int) -> list[int]:
-    given = ctypes.POINTER(ctypes.c_uint64)()
+    ids = ctypes.POINTER(ctypes.c_uint64)()
     count = ctypes.c_uint32(checked(ctypes.c_uint32, limit, function))
     try:
-        check(function, *arguments, given, count)
+        check(function, *arguments, ids, count)
     except RangeError as failure:
         failure.needed = count.value
         raise
     try:
-        return given[: count.value]
+        return ids[: count.value]
     finally:
-        call("qnm_free_idlist", given)
+        call("qnm_free_idlist", ids)
 
 
 def get_qnsvids(limit: int = 0) -> list[int]:
     """The IDs of all QNSV cards in ascending order.
 
-    More than limit cards are a RangeError, whose attribute needed tells how many there are; 0 is
-    the configured id_list_upper_limit. The same holds for the other lists.
+    If there are more than limit, raises a RangeError whose attribute needed is the number of cards;
+    a limit of 0 means the configured id_list_upper_limit. The other lists work the same way.
     """
     return _ids("qnm_get_qnsvids", limit=limit)
 
@@ -225,10 +225,10 @@ def restart_monitor(card_id: int) -> None:
 
 @dataclass(frozen=True)
 class Event:
-    """What has become of a card; its record tells more.
+    """Something happened to a card; its record has the details.
 
     card_id  the card
-    type     what has become of it
+    type     what happened
     """
 
     card_id: int
@@ -240,11 +240,11 @@ class Event:
 
 @dataclass(frozen=True)
 class Registration:
-    """One registration of a callback. Ends by unregister_callback(), or with the manager.
+    """One registration of a callback. It ends by unregister_callback() or with the manager.
 
-    type    the type of events that it is for
-    key     what the library hands to the callback
-    handle  the library's name for it
+    type    the type of the events it gets
+    key     identifies it when the library calls back
+    handle  the library's handle of it
     """
 
     type: EventType
@@ -254,11 +254,11 @@ class Registration:
 
 _keys = itertools.count(1)
 _callbacks: dict[int, Callable[[Event], object]] = {}  # by key
-_here = threading.local()  # its type: of the event whose callback this thread is in
+_here = threading.local()  # its attribute type: the type of event whose callback is running
 
 
 def in_callback() -> EventType | None:
-    """The type of event whose callback the calling thread is in, if it is in one."""
+    """The type of event if the calling thread is inside a callback, else None."""
     return getattr(_here, "type", None)
 
 
@@ -274,7 +274,7 @@ def _deliver(card_id: int, event_type: int, key: int) -> None:
         del _here.type
 
 
-_dispatch = Callback(_deliver)  # has to live as long as the library may call it
+_dispatch = Callback(_deliver)  # kept alive for as long as the library may call it
 
 
 def _refuse_deadlock(function: str, event_type: EventType) -> None:
@@ -287,9 +287,9 @@ def _refuse_deadlock(function: str, event_type: EventType) -> None:
 def register_callback(event_type: EventType, function: Callable[[Event], object]) -> Registration:
     """Has a function called for each event of a type, one event at a time.
 
-    It runs on the library's event thread, and while it runs further events wait. It may make every
-    call except to register or unregister a callback of its own event type, which raises a
-    RuntimeError here. An exception that it does not catch goes to sys.unraisablehook.
+    It runs on the library's event thread, and further events wait until it returns. It may make any
+    call, except that registering or unregistering a callback of its own event type raises a
+    RuntimeError. An exception that it does not catch goes to sys.unraisablehook.
     """
     event_type = EventType(event_type)
     _refuse_deadlock("register_callback", event_type)
@@ -307,7 +307,8 @@ def register_callback(event_type: EventType, function: Callable[[Event], object]
 def unregister_callback(registration: Registration) -> None:
     """Ends a registration. Afterwards the function is not running and will not be called again."""
     _refuse_deadlock("unregister_callback", registration.type)
-    # The library must not be shown a handle twice, nor one of a manager that has ended.
+    # A later registration may have the same handle, so a registration that has ended must not reach
+    # the library.
     if _callbacks.pop(registration.key, None) is None:
         raise InvalidArgumentError("qnm_unregister_callback", "not registered, or not any more")
     check("qnm_unregister_callback", registration.handle)
@@ -324,7 +325,7 @@ def _read(function: str, card_id: int, addr: int, retry: Retry | None, flags: in
     return value.value
 
 
-_REGISTER_SPACE = 1 << 22  # bytes: addresses travel with 22 bits
+_REGISTER_SPACE = 1 << 22  # bytes; frames carry 22 bits of an address
 
 
 def _dump(
@@ -371,7 +372,7 @@ def dump_register(
 ) -> list[int]:
     """Reads the registers from start up to, not including, end: at most 4 MiB. Flags: LIVECHECK.
 
-    An exception has in its attribute words what had been read before the one that failed.
+    If a register cannot be read, the exception's attribute words has those before it.
     """
     return _dump("qnm_dump_register", card_id, start, end, retry, flags)
 
@@ -396,13 +397,13 @@ def dump_eeprom(
 ) -> list[int]:
     """Reads the EEPROM words from start up to, not including, end; all of it is 0 to 2048.
 
-    Flags: LIVECHECK, FORCELOCK. Exceptions are those of dump_register().
+    Flags: LIVECHECK, FORCELOCK. Exceptions have the words that were read, as in dump_register().
     """
     return _dump("qnm_dump_eeprom", card_id, start, end, retry, flags)
 
 
 def unlock_eeprom(card_id: int) -> None:
-    """Frees a card's EEPROM lock that another party has left behind."""
+    """Frees a card's EEPROM lock that another party took and did not release."""
     check("qnm_unlock_eeprom", card_id)
 
 

@@ -72,7 +72,7 @@ class LogLevel(enum.IntEnum):
 
 
 class EventType(enum.IntEnum):
-    """What a callback is told.
+    """The types of events, as callbacks get them.
 
     NEWDEVINFO          a card was learnt
     UPDATEDEVINFO       a card's record changed, a lost path included
@@ -91,10 +91,10 @@ class EventType(enum.IntEnum):
 
 
 class Flag(enum.IntFlag):
-    """Flags of the device calls, to be combined by |.
+    """Flags of the device calls; combine them with |.
 
     NONE       no flag
-    LIVECHECK  use a card that is stopped or disconnected, too, on a path where it answers
+    LIVECHECK  also use a card that is stopped or disconnected, on a path where it answers
     VERIFY     writing calls: read back what was written, and write again until it holds
     FORCELOCK  EEPROM calls: take the lock away from another party that keeps it
     """
@@ -106,13 +106,13 @@ class Flag(enum.IntFlag):
 
 
 class Error(Exception):
-    """A call that did not return SUCCESS. Each code has a class of its own, derived from this.
+    """A call failed. Each result code has its own subclass of this.
 
     call     name of the C function
     code     the result code
     meaning  what the code means
-    detail   what was wrong this time, or again the meaning
-    words    of a dump: what had been read before
+    detail   what was wrong in this call; the meaning if nothing more is known
+    words    for dumps: the words that were read before the failure
     """
 
     code: ResultCode
@@ -125,21 +125,21 @@ class Error(Exception):
         super().__init__(f"{call}: {self.detail}")
 
     def __reduce__(self) -> tuple[Any, ...]:
-        # By itself an exception is made anew of its text alone.
+        # Unpickling would otherwise pass only the message to the constructor.
         return type(self), (self.call, self.detail), self.__dict__
 
 
 class InvalidArgumentError(Error, ValueError):
-    """An argument that the call does not take (EINVAL); also a ValueError."""
+    """An argument is invalid (EINVAL). Also a ValueError."""
 
     code = ResultCode.EINVAL
     meaning = "invalid argument"
 
 
 class RangeError(Error):
-    """A value out of range, or more cards than a list may have (ERANGE).
+    """A value is out of range, or there are more cards than the list may have (ERANGE).
 
-    needed  length of the list that was not made, where a list was asked for
+    needed  for lists: the number of cards that there are
     """
 
     code = ResultCode.ERANGE
@@ -148,48 +148,45 @@ class RangeError(Error):
 
 
 class NotFoundError(Error, LookupError):
-    """A card that is not known (ENOENT); also a LookupError."""
+    """The card is not known (ENOENT). Also a LookupError."""
 
     code = ResultCode.ENOENT
     meaning = "no such card or entry"
 
 
 class NoLinkError(Error):
-    """A card of which no path is connected, or whose monitoring is stopped (ENOLINK)."""
+    """No path to the card is connected, or its monitoring is stopped (ENOLINK)."""
 
     code = ResultCode.ENOLINK
     meaning = "no link to the card"
 
 
 class OutOfMemoryError(Error, MemoryError):
-    """Memory that the library did not get (ENOMEM); also a MemoryError."""
+    """The library could not allocate memory (ENOMEM). Also a MemoryError."""
 
     code = ResultCode.ENOMEM
     meaning = "out of memory"
 
 
 class ProtocolError(Error):
-    """A start or a frame that failed, a card's refusal, an internal error (EPROTO)."""
+    """The start failed, a frame was not sent, a card refused, or an internal error (EPROTO)."""
 
     code = ResultCode.EPROTO
     meaning = "protocol or internal error; the log or a line above tells which"
 
 
 class TimedOutError(Error, TimeoutError):
-    """An answer that did not come in time, or a change that did not hold (ETIMEDOUT).
-
-    It is also a TimeoutError.
-    """
+    """No answer came in time, or a change did not hold (ETIMEDOUT). Also a TimeoutError."""
 
     code = ResultCode.ETIMEDOUT
     meaning = "no answer in time"
 
 
 class BusyError(Error):
-    """Somebody else has what is wanted (EBUSY).
+    """Something is in use (EBUSY).
 
-    A manager that runs already; cards on a port by which another process accesses cards; an EEPROM
-    lock that another party keeps.
+    A manager is already running, another process accesses cards through the same port, or another
+    party keeps the EEPROM lock.
     """
 
     code = ResultCode.EBUSY
@@ -197,7 +194,7 @@ class BusyError(Error):
 
 
 class NotRunningError(Error):
-    """A manager that is not running, or was stopped while the call waited (ENOSYS)."""
+    """The manager is not running, or was stopped while the call waited (ENOSYS)."""
 
     code = ResultCode.ENOSYS
     meaning = "the manager is not running"

@@ -1,4 +1,4 @@
-"""The manager on a thread of its own, and its events as something to iterate over."""
+"""The class Manager: runs the manager on a thread of its own and iterates over its events."""
 
 from __future__ import annotations
 
@@ -20,16 +20,16 @@ __all__ = ["Manager"]
 
 
 class _EventQueue:
-    """Events from the library's event thread to whoever asks. Full, it loses the oldest.
+    """Hands events from the library's event thread to any thread. When full, it loses the oldest.
 
-    A signal handler runs on the main thread between any two steps, also of take(), and may stop the
-    manager, which waits for the event that is being put. So no lock is held by Python code: both
-    queues are atomic by themselves.
+    A signal handler can interrupt take() on the main thread at any step and stop the manager, which
+    then waits until put() returns. With a lock held by take() that would deadlock, so Python code
+    holds none here: the operations of both queues are atomic by themselves.
     """
 
     def __init__(self, limit: int) -> None:
         self._events: collections.deque[Event] = collections.deque(maxlen=limit)
-        self._wakes: queue.SimpleQueue[None] = queue.SimpleQueue()  # one when there is news
+        self._wakes: queue.SimpleQueue[None] = queue.SimpleQueue()  # an item wakes one taker
         self._closed = False
         self.lost = 0
 
@@ -39,14 +39,14 @@ class _EventQueue:
         self._wake()
 
     def close(self) -> None:
-        """No event comes any more; those that are there can still be taken."""
+        """Says that no more events will come; those in the queue can still be taken."""
         self._closed = True
         self._wake()
 
     def take(self, deadline: float | None) -> Event | None:
-        """The next event, or None when none came in time or the queue is closed and empty."""
+        """The next event; None if none came in time or the queue is closed and empty."""
         while True:
-            closed = self._closed  # before the look for events: none comes behind it
+            closed = self._closed  # read first: if it is set, no event is added after this
             try:
                 event = self._events.popleft()
             except IndexError:
@@ -54,7 +54,7 @@ class _EventQueue:
                     self._wake()
                     return None
             else:
-                self._wake()  # another taker looks what is left
+                self._wake()  # lets another taker look for more
                 return event
             left = None if deadline is None else deadline - time.monotonic()
             if left is not None and left <= 0:
@@ -74,17 +74,17 @@ class Manager:
             for event in manager.events():
                 print(event)
 
-    A process can have one at a time. The start is complete when the with statement is entered:
-    ports are open and frames are taken. What ended the manager by itself, or kept it from starting,
-    is raised as an exception, with the details in the log.
+    A process can have one at a time. Once the with statement is entered, the ports are open and
+    frames are received. If the manager cannot start, or ends by itself, an exception is raised; the
+    log has the details.
 
     path       installation directory; None means /opt/tarvo/qnm
     log_level  running log level; NONE means the configured one
-    types      the types of events that are wanted
-    on_event   called for every event on the library's event thread, as by register_callback();
-               without it events() has them. An asyncio program gives one that hands the event on
-               by loop.call_soon_threadsafe().
-    backlog    the most events that are kept for events(); beyond that the oldest are lost
+    types      the types of events to receive
+    on_event   called for every event on the library's event thread, as with register_callback();
+               without it, events() returns them. In an asyncio program, pass a function that hands
+               the event on with loop.call_soon_threadsafe().
+    backlog    how many events are kept for events(); beyond that the oldest are lost
     """
 
     def __init__(
@@ -124,12 +124,12 @@ class Manager:
 
     @property
     def running(self) -> bool:
-        """Whether the manager runs; false also when it has ended by itself."""
+        """Whether the manager is running; false also if it has ended by itself."""
         return self._thread is not None and self._thread.is_alive()
 
     @property
     def lost(self) -> int:
-        """How many events were lost because events() was not asked for them."""
+        """How many events were lost because nothing took them from events()."""
         return self._events.lost
 
     def start(self) -> None:
@@ -153,19 +153,19 @@ class Manager:
         thread = self._thread
         if thread is None:
             return
-        while thread.is_alive():  # in a child of this process it is not
-            calls.fini_manager()  # again and again: before the start it is forgotten
+        while thread.is_alive():  # never true in a child of os.fork()
+            calls.fini_manager()  # repeated, because a stop has no effect before the start
             thread.join(0.1)
-        if self._thread is thread:  # another stop may have been here first, and a new start
+        if self._thread is thread:  # another thread may have stopped it and started a new one
             self._thread = None
             atexit.unregister(self._stop_quietly)
         if self._failure is not None:
             raise self._failure
 
     def events(self, timeout: float | None = None) -> Iterator[Event]:
-        """Events in the order in which they arose, until the manager ends.
+        """Yields events in the order in which they arose, until the manager ends.
 
-        timeout  end, too, when no event has come for so many seconds
+        timeout  also end when no event has come for this many seconds
         """
         while True:
             deadline = None if timeout is None else time.monotonic() + timeout
@@ -176,11 +176,12 @@ class Manager:
 
     def _start_thread(self) -> None:
         claim = calls.claim_manager()
-        with contextlib.suppress(Error):  # the start of the manager tells better what is wrong
+        with contextlib.suppress(Error):  # if this fails, so does the start, with a better error
             calls.log_init(self._path)
         self._events = _EventQueue(self._backlog)
         self._failure = None
-        # A daemon, so that the end of the program does not wait for it, but stops it.
+        # A daemon thread: at exit, Python would wait for any other before the atexit handler stops
+        # the manager.
         thread = threading.Thread(target=self._run, name="qnm-manager", daemon=True)
         try:
             thread.start()
@@ -190,7 +191,8 @@ class Manager:
         self._thread = thread
 
     def _run(self) -> None:
-        signal.pthread_sigmask(signal.SIG_BLOCK, signal.valid_signals())  # the main thread's
+        # Signals go to the main thread, which runs Python's handlers.
+        signal.pthread_sigmask(signal.SIG_BLOCK, signal.valid_signals())
         try:
             calls.run_claimed_manager(self._path, self._log_level)
         except Error as failure:

@@ -1,7 +1,7 @@
 """The records of qnm.h as ctypes structures, with the field names of the header.
 
-An array field reads like a list; of [port][path] arrays the first index is the local port, the
-second the path on the card. repr() shows every field by its name, as_dict() gives plain Python
+An array field reads like a list. In [port][path] arrays, the first index is the local port and the
+second is the path on the card. repr() shows every field by name; as_dict() returns plain Python
 values for JSON or a table.
 """
 
@@ -15,7 +15,7 @@ from ._integers import checked
 
 __all__ = ["ComDev", "ComPort", "DownPort", "Qnio", "Qnsv", "Record", "Retry"]
 
-# A field: what a type checker takes it for, and how it lies in memory.
+# Types of fields: what a type checker sees, and the layout in memory.
 u8 = Annotated[int, ctypes.c_uint8]
 u16 = Annotated[int, ctypes.c_uint16]
 u32 = Annotated[int, ctypes.c_uint32]
@@ -49,7 +49,7 @@ def _shown(name: str, value: Any) -> str:
 
 
 class Record(ctypes.Structure):
-    """What all records have: equality, repr() and as_dict() by their fields."""
+    """Base of all records: compares them by content and shows their fields."""
 
     @classmethod
     def field_names(cls) -> list[str]:
@@ -62,7 +62,7 @@ class Record(ctypes.Structure):
 
     def __repr__(self) -> str:
         fields = ""
-        if any(bytes(self)):  # a downstream port that is not in use is just DownPort()
+        if any(bytes(self)):  # an unused downstream port is shown as DownPort()
             fields = ", ".join(
                 f"{name}={_shown(name, getattr(self, name))}" for name in self.field_names()
             )
@@ -80,7 +80,7 @@ _R = TypeVar("_R", bound=type[Record])
 
 
 def _lay_out(record: _R) -> _R:
-    """Gives a record the fields that it is annotated with."""
+    """Makes ctypes fields from a record's annotations."""
     hints = get_type_hints(record, include_extras=True)
     record._fields_ = [
         (name, hint.__metadata__[0] if hasattr(hint, "__metadata__") else hint)

@@ -1,9 +1,9 @@
-"""What the tests play on: installation directories, cables, and simulated cards at their far ends.
+"""The rig of the tests: installation directories, cables, and simulated cards at their far ends.
 
     port 0   qnm0 ======== qsim0
     port 1   qnm1 ======== qsim1
 
-Every wait is for a condition; the limit only says when a test gives up.
+The tests wait for conditions; the limit only says when to give up.
 """
 
 import os
@@ -18,7 +18,7 @@ import qnm
 
 LIMIT = 60.0  # seconds
 
-# Paths are lost, managers stopped and locks given up as soon as can be configured.
+# The shortest times that can be configured for losing a path, stopping, and giving up a lock.
 TWO_PORTS = """
 ether_port = qnm0,qnm1
 devinfo_expire_time = 1000
@@ -70,7 +70,7 @@ ALL_PATHS = [[1, 1], [1, 1]]
 
 
 def paths(card_id: int) -> list[list[int]]:
-    """The state of a server card's paths; all disconnected while it is not known."""
+    """The state of a server card's paths; all disconnected if the card is not known."""
     try:
         return [list(port) for port in qnm.get_qnsv(card_id).com_dev.ecd_state]
     except qnm.NotFoundError:
@@ -97,7 +97,7 @@ def lay_cables() -> None:
 
 
 class Installation:
-    """An installation directory with this qnm.conf, whose log goes to a file in it."""
+    """An installation directory with the given qnm.conf, and the log in a file in it."""
 
     def __init__(self, conf: str = TWO_PORTS) -> None:
         self._directory = tempfile.TemporaryDirectory(prefix="qnm-python-")
@@ -124,7 +124,7 @@ class Installation:
 
 
 class Cards:
-    """Simulated cards in a process of their own, to be told what to do."""
+    """Simulated cards in a process of their own, which obeys commands."""
 
     def __init__(self) -> None:
         with tempfile.NamedTemporaryFile("w", suffix=".toml") as scenario:
@@ -137,7 +137,7 @@ class Cards:
                 text=True,
                 bufsize=1,
             )
-            self.tell("counters")  # the scenario has been read
+            self.tell("counters")  # answered once the scenario has been read
 
     def __enter__(self) -> "Cards":
         return self
@@ -160,7 +160,7 @@ class Cards:
         return answer.removeprefix("ok").strip()
 
     def word(self, command: str) -> int:
-        """The number behind "=" in an answer."""
+        """The number after "=" in the answer to a command."""
         return int(self.tell(command).rpartition("=")[2], 0)
 
     def remove(self) -> None:

@@ -1,4 +1,4 @@
-"""What holds without a running manager: results, exceptions, arguments, and finding the library."""
+"""Tests that need no running manager: results, exceptions, arguments, and finding the library."""
 
 import inspect
 import os
@@ -32,24 +32,24 @@ NEED_NO_MANAGER = (
 
 
 def run_python(program: str, **changed: str | None) -> subprocess.CompletedProcess[str]:
-    """A Python program with other variables in its environment; None takes one away."""
+    """Runs a Python program with changed environment variables; None removes one."""
     kept = {name: value for name, value in os.environ.items() if name not in changed}
-    given = {name: value for name, value in changed.items() if value is not None}
+    added = {name: value for name, value in changed.items() if value is not None}
     return subprocess.run(
-        [sys.executable, "-c", program], env=kept | given, capture_output=True, text=True
+        [sys.executable, "-c", program], env=kept | added, capture_output=True, text=True
     )
 
 
 class WithoutManager(unittest.TestCase):
     def test_calls_that_need_a_manager_say_so(self) -> None:
-        words = {"data": [0] * 32}  # of an MMS page; everything else may be the number 1
+        page = {"data": [0] * 32}  # all other arguments may be the number 1
         for name in qnm.calls.__all__:
             if name.startswith(NEED_NO_MANAGER):
                 continue
             call = getattr(qnm, name)
-            given = words if name == "write_mmspage" else {}
-            needed = inspect.signature(call).parameters.values()
-            arguments = [given.get(p.name, 1) for p in needed if p.default is p.empty]
+            special = page if name == "write_mmspage" else {}
+            parameters = inspect.signature(call).parameters.values()
+            arguments = [special.get(p.name, 1) for p in parameters if p.default is p.empty]
             with self.subTest(name), self.assertRaises(qnm.NotRunningError) as failure:
                 call(*arguments)
             self.assertEqual(failure.exception.call, f"qnm_{name}")
@@ -171,7 +171,7 @@ class EventQueue(unittest.TestCase):
         self.assertEqual([queue.take(None), queue.take(None)], events[1:])
 
     def test_an_event_gets_in_wherever_a_signal_interrupts_the_taker(self) -> None:
-        # The handler may be waiting for the end of the manager, which waits for this event.
+        # The handler may wait for the manager to end, and the manager for this event.
         queue = _EventQueue(2)
         event = qnm.Event(1, qnm.EventType.NEWDEVINFO)
         got_in: list[bool] = []

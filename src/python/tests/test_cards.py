@@ -1,7 +1,7 @@
-"""Queries, device calls and events, on cables to simulated cards.
+"""Tests of queries, device calls and events, on cables to simulated cards.
 
-To be run in a network namespace of its own. All tests share one manager, which knows the three
-cards when a test starts.
+Run it in a network namespace of its own. All tests share one manager, which knows the three cards
+when a test starts.
 """
 
 import json
@@ -49,7 +49,8 @@ class Running(unittest.TestCase):
         self.assertTrue(known, install.log()[-20:])
 
 
-# A second host program on the same ports: what it hears and what a read brings it.
+# A second host program on the same ports. It prints whether it learns the server card, and which
+# call is refused.
 OTHER_PROCESS = """
 import sys, qnm, rig
 with qnm.Manager(sys.argv[1]):
@@ -63,16 +64,16 @@ with qnm.Manager(sys.argv[1]):
 
 class OtherProcess(Running):
     def test_hears_the_cards_that_are_accessed_here_and_is_refused_them(self) -> None:
-        qnm.read_register(SERVER, 0, PATIENT)  # from now on the port is this process's
+        qnm.read_register(SERVER, 0, PATIENT)  # takes the port for this process
         other = Installation()
         self.addCleanup(other.remove)
-        told = subprocess.run(
+        process = subprocess.run(
             [sys.executable, "-c", OTHER_PROCESS, other.path],
             cwd=sys.path[0],
             capture_output=True,
             text=True,
         )
-        self.assertEqual(told.stdout.split(), ["True", "qnm_read_register"], told.stderr)
+        self.assertEqual(process.stdout.split(), ["True", "qnm_read_register"], process.stderr)
         qnm.read_register(SERVER, 0, PATIENT)
 
 
@@ -98,7 +99,7 @@ class Queries(Running):
         for _ in range(100):
             qnm.get_qnioids()
         qnm.stdump()
-        # "idlist", in use, allocated, freed
+        # The columns end with in use, allocated and freed.
         rows = [line.split() for line in install.log() if " idlist " in line]
         in_use, allocated = rows[-1][-3:-1]
         self.assertEqual(in_use, "0")
@@ -193,7 +194,7 @@ class Access(Running):
 
 class Events(Running):
     def notify(self, error: bool) -> None:
-        """Has the I/O card report an error, or none; a new error is an event."""
+        """Has the I/O card report an error or no error; a new error raises an event."""
         cards.tell(f"set io int_vector {int(error)}")
         cards.tell("notify io")
 

@@ -1,4 +1,4 @@
-"""What the module says of types, constants and calls is what qnm.h says."""
+"""Tests that the types, constants and calls of the module are those of qnm.h."""
 
 import ctypes
 import enum
@@ -30,7 +30,7 @@ ENUMERATIONS: dict[str, type[enum.IntEnum] | type[enum.IntFlag]] = {
     "QNM_EVT_": qnm.EventType,
     "QNM_FLAG_": qnm.Flag,
 }
-# Numbers of constants; not constants themselves.
+# How many constants there are; not constants themselves.
 COUNTS = {"QNM_API_CODE_MAX", "QNM_EVT_MAX"}
 
 # Types of arguments and results, without const.
@@ -57,7 +57,7 @@ TYPES = {
     "qnm_cbfunc_t": _library.Callback,
     "qnm_cbid_t": ctypes.c_void_p,
     "qnm_cbid_t*": ctypes.POINTER(ctypes.c_void_p),
-    "...": ctypes.c_char_p,  # "%s" is the only format, and takes one
+    "...": ctypes.c_char_p,  # the argument of "%s", the only format in use
 }
 
 
@@ -68,19 +68,19 @@ def declarations() -> str:
 
 
 def functions() -> dict[str, tuple[str, str]]:
-    """By name: the result's type and the list of arguments, as in the header."""
+    """The functions in the header by name: the type of the result, and the arguments as text."""
     found = re.findall(r"^([\w ]+?)\s+\*?(qnm_\w+)\(([^)]*)\)", declarations(), flags=re.MULTILINE)
     return {name: (result, arguments) for result, name, arguments in found}
 
 
 def type_of(argument: str) -> str:
-    """An argument without const and its name."""
+    """The type of an argument: without const and the name."""
     argument = " ".join(argument.replace("const ", "").split())
     return argument if argument in TYPES else argument.rsplit(" ", 1)[0].strip()
 
 
 def run_program(body: str) -> str:
-    """Compiles a C program around statements that print, and runs it."""
+    """Compiles and runs a C program with this body, and returns what it prints."""
     source = f"#include <stdio.h>\n#include <qnm.h>\nint main(void) {{\n{body}\nreturn 0;\n}}\n"
     with tempfile.TemporaryDirectory() as directory:
         program = f"{directory}/probe"
@@ -90,7 +90,7 @@ def run_program(body: str) -> str:
 
 
 def run_probe(body: str) -> dict[str, int]:
-    """Likewise around statements that print names and numbers."""
+    """Runs a C program that prints a name and a number on each line."""
     lines = run_program(body).splitlines()
     return {name: int(number) for name, number in (line.split() for line in lines)}
 
@@ -150,7 +150,7 @@ class Version(unittest.TestCase):
 
 
 class Texts(unittest.TestCase):
-    """The inline functions of the header have no symbol. The module has what they tell."""
+    """The library exports no symbols for inline functions, so the module has their texts itself."""
 
     def test_event_types_are_named_alike(self) -> None:
         body = "\n".join(f"puts(qnm_event_name({event:d}));" for event in qnm.EventType)
@@ -186,7 +186,7 @@ class Calls(unittest.TestCase):
         classes = [value for name in qnm.__all__ if isinstance(value := getattr(qnm, name), type)]
         self.assertGreater(len(classes), 20)
         for described in classes:
-            text = vars(described)["__doc__"]  # its own, which Python 3.13 has without indentation
+            text = vars(described)["__doc__"]  # not inherited; Python 3.13 strips its indentation
             self.assertTrue(text, described)
             text = inspect.cleandoc(text)
             fields = vars(described).get("__annotations__", {})

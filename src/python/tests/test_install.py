@@ -1,4 +1,4 @@
-"""The component "python" of the installation: it has the whole module, and nothing else."""
+"""Tests that the installed component "python" has the whole module and nothing else."""
 
 import os
 import pathlib

@@ -1,6 +1,6 @@
-"""How managers start and end, on cables to simulated cards.
+"""Tests of how managers start and end, on cables to simulated cards.
 
-To be run in a network namespace of its own.
+Run it in a network namespace of its own.
 """
 
 import os
@@ -101,7 +101,7 @@ class Lifecycle(unittest.TestCase):
 
             reader = threading.Thread(target=read)
             reader.start()
-            # Other threads run while the call waits, and may call as well.
+            # While the call waits, other threads run and can make calls.
             self.assertTrue(wait_for(lambda: " silent=1 " in cards.tell("counters")))
             self.assertEqual(qnm.read_register(SERVER, 0, PATIENT), 0)
             stopper = threading.Thread(target=manager.stop)
@@ -148,10 +148,10 @@ class Lifecycle(unittest.TestCase):
 
 
 class Programs(unittest.TestCase):
-    """How whole programs end."""
+    """Tests of how whole programs end."""
 
     def run_program(self, *program: str, conf: str = TWO_PORTS) -> subprocess.Popen[str]:
-        """Runs a Python program, with an installation directory as its argument."""
+        """Starts a Python program with an installation directory as its argument."""
         self.install = Installation(conf)
         self.addCleanup(self.install.remove)
         command = [sys.executable, "-u", *program, str(self.install.path)]
