@@ -1,10 +1,11 @@
-# dependencies.cmake - looks for what the chosen parts are built with. All of it is looked for before
-# anything is refused, so that one message names all that is missing, the Debian packages that have it,
-# and the option that does without.
+# dependencies.cmake - finds the dependencies of the chosen parts. It searches for all of them
+# before it fails, so that one message names everything that is missing, the Debian packages that
+# have it, and the options that build without it.
 
 set(qnm_missing "")
 
-# qnm_note(PART PACKAGE FOUND): remembers what was not found.
+# qnm_note(PART PACKAGE FOUND): adds the package to the missing ones unless the variable FOUND is
+# true.
 macro(qnm_note part package found)
     if(NOT ${found})
         list(APPEND qnm_missing_${part} ${package})
@@ -12,7 +13,8 @@ macro(qnm_note part package found)
     endif()
 endmacro()
 
-# qnm_need_module(PART PREFIX MODULE PACKAGE): by pkg-config; makes the target PkgConfig::PREFIX.
+# qnm_need_module(PART PREFIX MODULE PACKAGE): finds a module by pkg-config and makes the target
+# PkgConfig::PREFIX.
 macro(qnm_need_module part prefix module package)
     if(PkgConfig_FOUND)
         pkg_check_modules(${prefix} IMPORTED_TARGET ${module})
@@ -20,13 +22,14 @@ macro(qnm_need_module part prefix module package)
     qnm_note(${part} "${package}" "${prefix}_FOUND")
 endmacro()
 
-# qnm_need(PART NAME PACKAGE [OPTION...]): by find_package, which takes the options.
+# qnm_need(PART NAME PACKAGE [OPTION...]): finds a package by find_package(), which gets the
+# options.
 macro(qnm_need part name package)
     find_package(${name} ${ARGN} QUIET)
     qnm_note(${part} "${package}" "${name}_FOUND")
 endmacro()
 
-# Both -dev packages of the library bring pkg-config.
+# Both -dev packages that the library needs install pkg-config too.
 find_package(PkgConfig QUIET)
 qnm_note(library pkg-config PkgConfig_FOUND)
 qnm_need(library Threads libc6-dev)

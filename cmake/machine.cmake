@@ -1,7 +1,7 @@
-# machine.cmake - refuses machines that the library cannot work on, before anything is looked for or
-# compiled. The headers say the same to other builds, qnm_rbtree.h and qnm_frame.h.
+# machine.cmake - refuses machines that the library cannot work on, before dependencies are searched
+# and anything is compiled. qnm_rbtree.h and qnm_frame.h check the same for builds without CMake.
 
-# As with -m32 and the x32 ABI, too.
+# Also true with -m32 and with the x32 ABI.
 if(CMAKE_SIZEOF_VOID_P AND NOT CMAKE_SIZEOF_VOID_P EQUAL 8)
     math(EXPR bits "${CMAKE_SIZEOF_VOID_P} * 8")
     message(FATAL_ERROR "libqnm cannot be built for a machine or an ABI of ${bits} bits: "

@@ -1,5 +1,5 @@
-# version.cmake - the version, which stands in the public header, as host programs see it. Everything
-# else takes it from project().
+# version.cmake - reads the version from the public header, where host programs see it too. All
+# other files take it from project().
 set(header ${CMAKE_CURRENT_LIST_DIR}/../src/libs/qnm/src/main/qnm.h)
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${header})
 

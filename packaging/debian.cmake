@@ -1,7 +1,7 @@
-# debian.cmake - the Debian packages libqnm1, libqnm-dev, qnm-tools and python3-qnm, made by cpack from
-# the installed components. scripts/package.sh builds and checks them.
+# debian.cmake - configures cpack to make the Debian packages libqnm1, libqnm-dev, qnm-tools and
+# python3-qnm from the installed components. scripts/package.sh builds and checks them.
 
-# The changelogs say which release of the packages this is.
+# The packages' revision comes from debian/changelog. Both changelogs must be for this version.
 file(STRINGS debian/changelog heading LIMIT_COUNT 1)
 if(NOT heading MATCHES "^libqnm \\(([^-]+)-([^)]+)\\)" OR NOT CMAKE_MATCH_1 STREQUAL PROJECT_VERSION)
     message(FATAL_ERROR "debian/changelog begins with \"${heading}\", not with version "
@@ -14,7 +14,8 @@ if(NOT heading MATCHES "^## \\[([^]]+)\\] - [0-9-]+$" OR NOT CMAKE_MATCH_1 STREQ
         "${PROJECT_VERSION}")
 endif()
 
-# qnm_compress(FILE NAME): a compressed copy in the build directory, always the same byte for byte.
+# qnm_compress(FILE NAME): makes a compressed copy in the build directory, without name and time so
+# that it is the same in every build.
 function(qnm_compress file name)
     set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${file})
     execute_process(COMMAND gzip --best --no-name --stdout ${file}
@@ -23,8 +24,8 @@ endfunction()
 qnm_compress(${CMAKE_CURRENT_SOURCE_DIR}/debian/changelog changelog.Debian.gz)
 qnm_compress(${PROJECT_SOURCE_DIR}/CHANGELOG.md changelog.gz)
 
-# qnm_package(COMPONENT PACKAGE SECTION TITLE TEXT): packs a component, and with it what a Debian
-# package brings beside its own files. Those are not installed otherwise.
+# qnm_package(COMPONENT PACKAGE SECTION TITLE TEXT [COMPONENT...]): makes a package of the
+# components and of the files that every Debian package has, which `cmake --install` leaves out.
 function(qnm_package component package section title text)
     set(extra ${component}-debian)
     install(FILES
@@ -84,7 +85,7 @@ set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME libqnm)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_VENDOR "libqnm")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "") # each package has a title of its own
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "") # each package has its own title
 set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
 set(CPACK_VERBATIM_VARIABLES ON)
 set(CPACK_STRIP_FILES ON)
@@ -105,16 +106,16 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 
-# dpkg-shlibdeps finds what the binaries need from other packages, not from these.
+# dpkg-shlibdeps finds the dependencies on other packages, but not those between these packages.
 set(version ${PROJECT_VERSION}-${revision})
 set(CPACK_DEBIAN_DEVEL_PACKAGE_DEPENDS "libqnm1 (= ${version})")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libqnm1 (>= ${version})")
 set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "libqnm1 (>= ${version}), python3 (>= 3.11)")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SUGGESTS qnm-tools)
-set(CPACK_DEBIAN_DEVEL_PACKAGE_SUGGESTS qnm-tools) # qnm(7), which the pages of calls refer to
+set(CPACK_DEBIAN_DEVEL_PACKAGE_SUGGESTS qnm-tools) # has qnm(7), which the pages of calls refer to
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "tshark | wireshark")
 
-# Nothing in it is compiled when it is made; its scripts do that for the Python that is there.
+# The package has only sources. Its scripts compile them for the installed Python.
 set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_SHLIBDEPS OFF)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA
@@ -122,8 +123,8 @@ set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA
     ${CMAKE_CURRENT_SOURCE_DIR}/debian/python3-qnm/prerm)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
-# The trigger has the linker's cache renewed. cpack would add scripts that do the same by hand, but
-# not where it is given some; it passes over the names of files that do not exist.
+# The trigger has dpkg run ldconfig. cpack would add postinst and postrm scripts that do it as well,
+# unless it is given such scripts. It ignores files that do not exist, so these keep its own out.
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA
     ${CMAKE_CURRENT_SOURCE_DIR}/debian/triggers ${CMAKE_CURRENT_SOURCE_DIR}/debian/conffiles
     ${CMAKE_CURRENT_SOURCE_DIR}/debian/none/postinst ${CMAKE_CURRENT_SOURCE_DIR}/debian/none/postrm)

@@ -1,6 +1,6 @@
-# debian_finish.cmake - what cpack does to the staged files before it packs them: folders are open to
-# all, whatever the umask was, and manual pages are compressed, as everywhere on Debian, always to the
-# same bytes.
+# debian_finish.cmake - cpack runs this on the staged files before it packs them. It makes folders
+# readable for all, whatever the umask was, and compresses manual pages as Debian does, without name
+# and time so that every build makes the same files.
 execute_process(COMMAND find "${CPACK_TEMPORARY_DIRECTORY}" -type d -exec chmod 755 {} +
     COMMAND_ERROR_IS_FATAL ANY)
 

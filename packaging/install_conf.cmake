@@ -1,9 +1,9 @@
 # install_conf.cmake - the part of `cmake --install` that puts the sample configuration where the
-# library looks for it. A file there is replaced only when it is still the sample that was installed
-# last, which lies unchanged below the prefix. Needs QNM_SAMPLES and QNM_CONFDIR (directories), and
-# QNM_LAST_SAMPLES (the one below the prefix).
+# library looks for it. A file that is already there is replaced only if it equals the sample of the
+# last installation, which is still below the prefix. Takes three directories: QNM_SAMPLES (the new
+# samples), QNM_CONFDIR (the destination) and QNM_LAST_SAMPLES (the last samples).
 
-# Sets same to whether both are files with the same content.
+# Sets "same" to whether both are files with the same content.
 function(compare a b)
     set(same FALSE PARENT_SCOPE)
     if(EXISTS "${a}" AND EXISTS "${b}")
@@ -15,9 +15,9 @@ function(compare a b)
     endif()
 endfunction()
 
-# Sets writable to whether files can be made in a directory, or it can be made itself.
+# Sets "writable" to whether files can be created in the directory, or the directory itself.
 function(look_if_writable dir)
-    cmake_path(ABSOLUTE_PATH dir) # so that the search upwards ends at the latest at the root
+    cmake_path(ABSOLUTE_PATH dir) # so that the loop ends at the root at the latest
     while(NOT EXISTS "${dir}")
         cmake_path(GET dir PARENT_PATH dir)
     endwhile()
@@ -33,7 +33,7 @@ cmake_path(ABSOLUTE_PATH QNM_CONFDIR BASE_DIRECTORY "${prefix}")
 cmake_path(ABSOLUTE_PATH QNM_LAST_SAMPLES BASE_DIRECTORY "${prefix}")
 look_if_writable("$ENV{DESTDIR}${QNM_CONFDIR}")
 if(NOT writable)
-    # Somebody who installs for himself alone. The samples are below his prefix.
+    # An ordinary user installs below a private prefix, where the samples are.
     message(WARNING "$ENV{DESTDIR}${QNM_CONFDIR} cannot be written, so no configuration is "
         "installed there. The samples are in $ENV{DESTDIR}${QNM_LAST_SAMPLES}; another place for "
         "the configuration is chosen by -DQNM_INSTALL_CONFDIR=DIRECTORY when configuring.")

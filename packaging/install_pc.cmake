@@ -1,14 +1,14 @@
-# install_pc.cmake - the part of `cmake --install` that writes qnm.pc, which names the prefix and so
-# cannot be written before that is known. Needs QNM_PC_TEMPLATE, QNM_LIBDIR and QNM_INCLUDEDIR, and
-# what the template takes.
+# install_pc.cmake - the part of `cmake --install` that writes qnm.pc. The file names the prefix,
+# which is only known at this point. Takes QNM_PC_TEMPLATE, QNM_LIBDIR, QNM_INCLUDEDIR and the
+# variables of the template.
 
 cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_PREFIX OUTPUT_VARIABLE prefix)
 foreach(dir IN ITEMS libdir includedir)
-    string(TOUPPER "QNM_${dir}" given)
-    if(IS_ABSOLUTE "${${given}}")
-        set(${dir} "${${given}}")
+    string(TOUPPER "QNM_${dir}" variable)
+    if(IS_ABSOLUTE "${${variable}}")
+        set(${dir} "${${variable}}")
     else()
-        set(${dir} "\${prefix}/${${given}}")
+        set(${dir} "\${prefix}/${${variable}}")
     endif()
 endforeach()
 

@@ -1,2 +1,3 @@
-# qnm-config.cmake - what find_package(qnm) reads: the target qnm::qnm, which needs nothing else.
+# qnm-config.cmake - read by find_package(qnm); defines the target qnm::qnm, which has no
+# dependencies.
 include("${CMAKE_CURRENT_LIST_DIR}/qnm-targets.cmake")
