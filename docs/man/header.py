@@ -1,4 +1,4 @@
-"""Reads the public header: doxygen's XML of it, and its opening comment."""
+"""Reads the public header: its declarations from doxygen's XML, and its opening comment."""
 
 import re
 import xml.etree.ElementTree
@@ -6,7 +6,7 @@ from dataclasses import dataclass, field
 from pathlib import Path
 
 
-# Used by the header alone.
+# Macros that only the header uses.
 OWN_MACROS = {"QNM_ANY_INT", "QNM_PRINTF_FORMAT", "QNM_VERSION_TEXT", "QNM_QUOTED_VERSION"}
 
 
@@ -16,26 +16,26 @@ class Item:
 
     kind: str  # "function", "struct", "enum", "typedef" or "macro"
     name: str
-    declaration: list  # its lines, of a type
-    line: int  # in the header
+    declaration: list  # the lines of a type's declaration
+    line: int  # number of the line in the header
     text: list
-    result: str = ""  # the type of what it returns
+    result: str = ""  # type of the return value
     parameters: list = field(default_factory=list)  # (type, name)
-    described: dict = field(default_factory=dict)  # parameter: (direction, text)
-    retvals: dict = field(default_factory=dict)  # result code: list of texts
+    described: dict = field(default_factory=dict)  # {parameter: (direction, text)}
+    retvals: dict = field(default_factory=dict)  # {result code: list of texts}
     returns: str = ""
     members: list = field(default_factory=list)  # (name, text)
-    aliases: list = field(default_factory=list)  # items told on the same page
-    section: str = ""  # of the header
+    aliases: list = field(default_factory=list)  # items that are described on the same page
+    section: str = ""  # heading in the header
 
 
 @dataclass
 class Header:
     items: list
-    promises: dict  # pattern of a call's name: {column: word}
-    columns: dict  # heading of a column: what it tells
-    words: dict  # word of a row: what it means
-    rules: list  # that hold for every call
+    promises: dict  # {pattern of a call's name: {column: word}}
+    columns: dict  # {heading of a column: what the column says}
+    words: dict  # {word in a row: what it means}
+    rules: list  # the rules for every call
 
 
 def flat(node):
@@ -43,7 +43,7 @@ def flat(node):
 
 
 def without_lists(paragraph):
-    """The text of a paragraph, without the lists that doxygen puts into it."""
+    """The text of a paragraph without the parameter lists that doxygen puts inside it."""
     parts = [paragraph.text or ""]
     for child in paragraph:
         if child.tag not in ("parameterlist", "simplesect"):
@@ -53,7 +53,7 @@ def without_lists(paragraph):
 
 
 def read_text(node, item):
-    """Fills in what a description tells."""
+    """Fills in an item's text, parameters and results from its description."""
     description = node.find("detaileddescription")
     paragraphs = [without_lists(para) for para in description.findall("para")]
     item.text = [text for text in paragraphs if text and not text.endswith(":")]
@@ -111,7 +111,7 @@ def read_member(node, lines):
 
 
 def add_group(groups, name, item):
-    """What is told of a group holds for each of its functions, and that of the groups around it."""
+    """Adds the texts and results of a group and of the groups around it to one of its functions."""
     while name:
         group = groups[name]
         for code, texts in group["item"].retvals.items():
@@ -134,13 +134,13 @@ def read_groups(compounds):
 
 
 def read_items(compounds, lines):
-    """Every function, type and macro once, a name with a typedef under the name of that."""
+    """Every function, type and macro once, in the order of the header."""
     groups = read_groups(compounds)
     items = {}
     for node in compounds:
         if node.get("kind") == "struct":
             items[node.get("id")] = read_type(node, "struct", lines)
-    for node in sorted(compounds, key=lambda one: one.get("kind") != "group"):
+    for node in sorted(compounds, key=lambda compound: compound.get("kind") != "group"):
         for member in node.findall("sectiondef/memberdef"):
             if node.get("kind") == "struct" or member.findtext("name") in OWN_MACROS:
                 continue
@@ -154,13 +154,13 @@ def read_items(compounds, lines):
 
 
 def name_types(items):
-    """Records and enumerations are called as their typedefs, the first of them; an enumeration that
-    has no name is called as its first constant."""
+    """Names records and enumerations after the first of their typedefs, and an enumeration that has
+    none after its first constant."""
     kept = []
     for item in items:
         end = item.declaration[-1] if item.declaration else ""
         if item.kind == "typedef" and end.startswith("}"):
-            continue  # the end of the record or enumeration that it names
+            continue  # it is named at the end of the record or enumeration itself
         if item.kind in ("struct", "enum"):
             names = re.findall(r"\w+", end) or [member for member, _ in item.members]
             item.name = names[0]
@@ -170,7 +170,7 @@ def name_types(items):
 
 
 def join_aliases(items):
-    """"as X()" puts an item onto the page of X."""
+    """Moves items with the text "as X()" to the page of X."""
     by_name = {item.name: item for item in items}
     alone = []
     for item in items:
@@ -204,10 +204,10 @@ def read_promises(comment):
             break
     intro = next(k for k in range(start, 0, -1) if "one by one." in comment[k])
     text = " ".join(" ".join(comment[intro:start]).split()).split("one by one. ")[1]
-    told = {}
-    for sentence in re.findall(r"([A-Z][^.:]*): ([^.]*)\.", text):
-        told[sentence[0].lower()] = sentence[1]
-    return rows, told, words
+    meanings = {}
+    for heading, meaning in re.findall(r"([A-Z][^.:]*): ([^.]*)\.", text):
+        meanings[heading.lower()] = meaning
+    return rows, meanings, words
 
 
 def read_rules(comment):
@@ -224,7 +224,7 @@ def read_rules(comment):
 
 
 def set_sections(items, lines):
-    """The headings of the header, as "/* ---- Events ---- */"."""
+    """Sets each item's section from the headings, such as "/* ---- Events ---- */"."""
     headings = [(k + 1, found.group(1)) for k, line in enumerate(lines)
                 if (found := re.match(r"/\* ---- (.*?) -+ \*/", line))]
     for item in items:

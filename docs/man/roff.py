@@ -1,8 +1,8 @@
-"""The man(7) language: what makes requests and escapes of texts."""
+"""Writes texts in the language of man(7): requests and escapes."""
 
 
 def escaped(text):
-    """A hyphen that is typed is no place to break a text at, and no line begins a request."""
+    """Escapes hyphens, so that no line breaks there, and line starts that look like requests."""
     text = text.replace("\\", "\\e").replace("-", "\\-")
     return "\n".join("\\&" + line if line[:1] in (".", "'") else line for line in text.split("\n"))
 
@@ -16,12 +16,12 @@ def italic(text):
 
 
 def argument(text):
-    """Of a request; the text is escaped already."""
+    """An argument of a request, in quotes; the text is already escaped."""
     return '"' + text.replace('"', "\\(dq") + '"'
 
 
 def title(name, section, date, source, manual):
-    """Names are long and have no place to be broken at, so lines are ragged and words whole."""
+    """The title request. Turns off hyphenation and justification, because names are long."""
     parts = [name.upper(), section, date, source, manual]
     return ".TH " + " ".join(argument(part) for part in parts) + "\n.nh\n.ad l\n"
 
@@ -35,7 +35,7 @@ def subheading(text):
 
 
 def tagged(term, text):
-    """A term with its meaning; both are escaped already."""
+    """A term and its meaning; both are already escaped."""
     return ".TP\n" + term + "\n" + text + "\n"
 
 
@@ -48,6 +48,6 @@ def reference(name, section):
 
 
 def references(pages):
-    """A list of (name, section), as it stands under SEE ALSO."""
+    """A list of (name, section), formatted for SEE ALSO."""
     ordered = sorted(set(pages), key=lambda page: (page[1], page[0]))
     return ",\n".join(reference(*page) for page in ordered) + "\n"

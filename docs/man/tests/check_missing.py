@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""A text that is taken out of the header is missed, and the line that tells it names the place.
+"""Checks that make_pages.py notices each text that is removed from the header, and names the place.
 
 usage: check_missing.py MAKE_PAGES DOXYGEN DOXYFILE HEADER OVERVIEW
 """
@@ -9,7 +9,7 @@ import sys
 import tempfile
 from pathlib import Path
 
-# What is taken out, what comes in its place, and what is then missed.
+# The text to remove, the text to put in its place, and the expected complaint.
 CASES = [
     ("", "", None),
     ("/** A QNSV card: the server side. */", "", "qnm_qnsv_t: has no text"),
@@ -34,39 +34,39 @@ CASES = [
 ]
 
 
-def complaints(given, header_text, folder):
-    """What making the pages of a header says, or None when there is nothing to say."""
-    make_pages, doxygen, doxyfile, _, overview = given
+def complaints(arguments, header_text, folder):
+    """What make_pages.py complains about in a header; None if it succeeds."""
+    make_pages, doxygen, doxyfile, _, overview = arguments
     header = folder / "qnm.h"
     header.write_text(header_text, encoding="utf-8")
     settings = Path(doxyfile).read_text(encoding="utf-8")
     settings += f"\nINPUT = \"{header}\"\nOUTPUT_DIRECTORY = \"{folder}\"\nWARN_AS_ERROR = NO\n"
     subprocess.run([doxygen, "-"], input=settings, text=True, check=True,
                    stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-    made = subprocess.run(
+    process = subprocess.run(
         [sys.executable, "-B", make_pages, "--xml", folder / "xml", "--header", header,
          "--overview", overview, "--version", "1", "--date", "2000-01-01", "--to", folder],
         stderr=subprocess.PIPE, text=True, check=False)
-    return made.stderr if made.returncode != 0 else None
+    return process.stderr if process.returncode != 0 else None
 
 
-def holds(given, case, text):
+def holds(arguments, case, text):
     old, new, expected = case
     if old not in text:
         print(f"not in the header: {old}", file=sys.stderr)
         return False
     with tempfile.TemporaryDirectory() as folder:
-        told = complaints(given, text.replace(old, new, 1), Path(folder))
-    if expected is None and told is None or told and expected and expected in told:
+        output = complaints(arguments, text.replace(old, new, 1), Path(folder))
+    if expected is None and output is None or output and expected and expected in output:
         return True
-    print(f"without {old!r}: told {told!r} and not {expected!r}", file=sys.stderr)
+    print(f"without {old!r}: got {output!r}, expected {expected!r}", file=sys.stderr)
     return False
 
 
 def main():
-    given = sys.argv[1:]
-    text = Path(given[3]).read_text(encoding="utf-8")
-    return 0 if all([holds(given, case, text) for case in CASES]) else 1
+    arguments = sys.argv[1:]
+    text = Path(arguments[3]).read_text(encoding="utf-8")
+    return 0 if all([holds(arguments, case, text) for case in CASES]) else 1
 
 
 if __name__ == "__main__":

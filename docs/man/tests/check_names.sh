@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Every exported name has a page or, where the header does not declare it, is named in the overview;
-# and what is on a page of several names leads there.
+# Checks that every exported name that the header declares has a page, that the others are named in
+# the overview, and that each name on a page of several names leads to that page.
 #
 #   usage: check_names.sh FOLDER HEADER EXPORTS
 set -euo pipefail
@@ -15,7 +15,7 @@ complain() {
   failed=1
 }
 
-# The page that a file shows in place of its own text, or the file.
+# Prints the page that a file includes by .so, or the file itself.
 page_of() {
   sed -n "1s#^\\.so #$folder/#p" "$1" | grep . || echo "$1"
 }
@@ -39,7 +39,7 @@ while read -r name; do
   fi
 done <"$exports"
 
-# Constants, types, inline functions and the macros of the version.
+# Names that are not exported: constants, types, inline functions and the macros of the version.
 while read -r name; do
   count=$((count + 1))
   [[ -f $folder/man3/$name.3 ]] || complain "$name: has no page"
