@@ -54,12 +54,12 @@ class LogLevel(enum.IntEnum):
     """A line is written when its level is at or below the running level.
 
     NONE   as an argument: take the level from the configuration file
-    FATAL  what ends the manager
-    ERROR  what failed
-    WARN   what is unexpected and can be gone on with
+    FATAL  errors that end the manager
+    ERROR  errors
+    WARN   unexpected events that the library can handle
     INFO   calls, and changes of cards and ports
     DEBUG  steps within a call
-    TRACE  the finest steps, locks among them
+    TRACE  the finest steps, including locks
     """
 
     NONE = -1

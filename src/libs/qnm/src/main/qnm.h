@@ -28,23 +28,24 @@
  *  - Strings and records passed in stay the caller's; the library keeps no pointer to them.
  *  - Signals: no call is cut short by one, and the library's own threads take none. From a signal
  *    handler only qnm_err2retcode(), qnm_retcode_text(), qnm_event_name() and the comparisons may
- *    be called; a handler that is to stop the manager has a thread call qnm_fini_manager().
+ *    be called. To stop the manager from a handler, have a thread call qnm_fini_manager().
  *  - fork(): the manager stays with the parent and is not disturbed. In the child only the same
  *    functions may be called; qnm_init_manager() returns QNM_API_EBUSY there if the manager of the
  *    parent was running. The child ends by _exit() or by executing a program: exit() may wait for
  *    ever for threads that the child does not have. Programs that are executed inherit no port,
  *    socket or pipe.
  *  - exit() and a return from main() need no stop before them, whatever the threads are doing.
- *    Lines of the log that are being written are awaited for up to a second; what is logged later
- *    is dropped, also by handlers of atexit() that were registered before the manager was running.
+ *    Log lines that are being written are waited for, up to a second. Later lines are dropped, also
+ *    those of atexit() handlers that were registered before the manager was running.
  *  - Cancellation: a thread inside a call must not be cancelled.
  *  - Ceilings: at most 262,144 cards are known, of both kinds together, and at most 1,000,000
- *    events wait for their callbacks. Beyond that new cards are refused and events are lost, and a
- *    line a second tells how many. To make room for cards, delete some.
+ *    events wait for their callbacks. Beyond that, new cards are refused and events are lost, and
+ *    the log says how many, once a second. To make room for cards, delete some.
  *
  * What the calls promise one by one. Manager: in which state the call can succeed. In a callback:
- * whether a callback may call it. Takes: what the call waits for, short locks and the log apart. At
- * a stop: what becomes of a call that is under way. Memory: whose memory a result is in.
+ * whether a callback may call it. Takes: what the call waits for, apart from short locks and the
+ * log. At a stop: what happens to a call that is under way. Memory: who owns the memory of a
+ * result.
  *
  *   call                     manager      in a callback  takes           at a stop  memory
  *   qnm_err2retcode          any          yes            at once         completes  -
@@ -95,7 +96,7 @@
  *   completes   the stop waits for it
  *   ends        it is woken and returns QNM_API_ENOSYS
  *
- * Link with -lqnm. The header is plain C99 and C++. The manual pages in section 3 are made from the
+ * Link with -lqnm. The header is valid C99 and C++. The manual pages in section 3 are made from the
  * comments that begin with two stars and from the table above.
  */
 #ifndef QNM_H
@@ -108,12 +109,13 @@
 extern "C" {
 #endif
 
-/* The library is compiled with all else hidden. */
+/* All other symbols of the library are hidden. */
 #ifdef __GNUC__
 #pragma GCC visibility push(default)
 #endif
 
-/* From C++11 on the enumerations hold any int, so that a wrong value is refused, not undefined. */
+/* In C++11 and later, the enumerations can hold any int, so a wrong value is refused, not
+ * undefined. */
 #if defined(__cplusplus) && __cplusplus >= 201103L
 #define QNM_ANY_INT : int
 #else
@@ -130,8 +132,8 @@ extern "C" {
 
 /**
  * The version of the header as a text, such as "1.0.0"; its three numbers are for the preprocessor.
- * What is added to the interface comes with the next minor version. A program runs with every
- * library of the same major version that is not older than the header.
+ * Additions to the interface raise the minor version. A program runs with every library of the same
+ * major version that is not older than the header.
  */
 #define QNM_VERSION QNM_VERSION_TEXT(QNM_VERSION_MAJOR, QNM_VERSION_MINOR, QNM_VERSION_PATCH)
 #define QNM_VERSION_MAJOR 1 /**< as QNM_VERSION */
@@ -176,11 +178,11 @@ typedef enum qnm_api_code QNM_ANY_INT {
 qnm_api_code_t qnm_err2retcode(int err);
 
 /**
- * Tells a result code in words, as "no answer in time". The function is inline: the library has no
- * symbol of it.
+ * Describes a result code in words, such as "no answer in time". The function is inline: the
+ * library exports no symbol for it.
  *
  * @param[in] code  a result code, or any other number
- * @return the text, never NULL; "unknown result code" for what is none
+ * @return the text, never NULL; "unknown result code" for any other number
  */
 static inline const char* qnm_retcode_text(qnm_api_code_t code) {
     switch (code) {
@@ -215,12 +217,12 @@ static inline const char* qnm_retcode_text(qnm_api_code_t code) {
 /** Log level: a line is written when its level is at or below the running level. */
 typedef enum qnm_log_level QNM_ANY_INT {
     QNM_LOGLVL_NONE = -1, /**< as an argument: take the level from the configuration file */
-    QNM_LOGLVL_FATAL = 0, /**< what ends the manager */
-    QNM_LOGLVL_ERROR = 1, /**< what failed */
-    QNM_LOGLVL_WARN = 2,  /**< what is unexpected and can be gone on with */
+    QNM_LOGLVL_FATAL = 0, /**< errors that end the manager */
+    QNM_LOGLVL_ERROR = 1, /**< errors */
+    QNM_LOGLVL_WARN = 2,  /**< unexpected events that the library can handle */
     QNM_LOGLVL_INFO = 3,  /**< calls, and changes of cards and ports */
     QNM_LOGLVL_DEBUG = 4, /**< steps within a call */
-    QNM_LOGLVL_TRACE = 5  /**< the finest steps, locks among them */
+    QNM_LOGLVL_TRACE = 5  /**< the finest steps, including locks */
 } qnm_log_level_t;
 
 /**
@@ -238,8 +240,8 @@ typedef enum qnm_log_level QNM_ANY_INT {
  * @retval QNM_API_EINVAL   log_level out of range, or path is not a directory
  * @retval QNM_API_EPROTO   path too long, properties file missing, configuration invalid, no port
  *                          could be opened, a thread or pipe could not be made, or an internal
- *                          error ended the running manager; the log tells which, where there is
- *                          one (see qnm_log_init()) and memory for the line
+ *                          error ended the running manager; the log says which, if there is a
+ *                          log (see qnm_log_init()) and memory for the line
  * @retval QNM_API_EBUSY    the manager is already running, starting or not yet stopped
  *
  * The worker threads run with all signals blocked. Raw sockets need CAP_NET_RAW.
@@ -357,7 +359,7 @@ qnm_api_code_t qnm_get_qnio(uint64_t id, qnm_qnio_t* qnio); /**< as qnm_get_qnsv
  * Lists the IDs of all known cards of one kind in ascending order.
  *
  * @param[out] id_list  receives the list, NULL when it is empty. The library allocates it; the
- *                      caller owns it and gives it back through qnm_free_idlist().
+ *                      caller owns it and frees it with qnm_free_idlist().
  * @param[in,out] num   in: the most IDs accepted, 0 for the configured id_list_upper_limit; out:
  *                      the number of IDs in the list, or with QNM_API_ERANGE the number needed
  * @retval QNM_API_SUCCESS  the list was made; it may be empty
@@ -375,7 +377,7 @@ qnm_api_code_t qnm_get_qnioids(uint64_t** id_list, uint32_t* num); /**< as qnm_g
  *
  * @param[in] time      milliseconds since the epoch
  * @param[out] id_list  receives the list, NULL when it is empty. The library allocates it; the
- *                      caller owns it and gives it back through qnm_free_idlist().
+ *                      caller owns it and frees it with qnm_free_idlist().
  * @param[in,out] num   in: the most IDs accepted, 0 for the configured id_list_upper_limit; out:
  *                      the number of IDs in the list, or with QNM_API_ERANGE the number needed
  * @retval QNM_API_SUCCESS  the list was made; it may be empty
@@ -394,7 +396,7 @@ qnm_api_code_t qnm_get_update_qnioids(uint64_t time, uint64_t** id_list,
  *
  * @param[in] groupid   VLAN ID, 1 to 4094
  * @param[out] id_list  receives the list, NULL when it is empty. The library allocates it; the
- *                      caller owns it and gives it back through qnm_free_idlist().
+ *                      caller owns it and frees it with qnm_free_idlist().
  * @param[in,out] num   in: the most IDs accepted, 0 for the configured id_list_upper_limit; out:
  *                      the number of IDs in the list, or with QNM_API_ERANGE the number needed
  * @retval QNM_API_SUCCESS  the list was made; it may be empty
@@ -419,10 +421,9 @@ qnm_api_code_t qnm_delete_qnsv(uint64_t id);
 qnm_api_code_t qnm_delete_qnio(uint64_t id); /**< as qnm_delete_qnsv() */
 
 /**
- * Gives back a list of IDs, whichever call handed it out. NULL is accepted. Needs no running
- * manager.
+ * Frees a list of IDs from any of the list calls. NULL is accepted. Needs no running manager.
  *
- * @param[in] id_list  a list that was handed out and not given back yet, or NULL; anything else is
+ * @param[in] id_list  a list that was handed out and not freed yet, or NULL; anything else is
  *                     undefined
  * @retval QNM_API_SUCCESS  always
  */
@@ -446,7 +447,7 @@ qnm_api_code_t qnm_stop_monitor(uint64_t id);
 /**
  * Restarts the monitoring of a card ID. A known card is updated from its next announcement; when
  * none comes, it is declared disconnected after about devinfo_expire_time. Restarting an ID that
- * was never stopped is no error and starts that wait all the same.
+ * was never stopped is no error and starts that wait as well.
  *
  * @param[in] id  card ID
  * @retval QNM_API_SUCCESS  the ID is monitored
@@ -456,7 +457,7 @@ qnm_api_code_t qnm_restart_monitor(uint64_t id);
 
 /* ---- Events ---------------------------------------------------------------------------------- */
 
-/** What a callback is told. */
+/** Types of events. */
 typedef enum qnm_evt_type QNM_ANY_INT {
     QNM_EVT_NEWDEVINFO = 0,         /**< a card was learnt */
     QNM_EVT_UPDATEDEVINFO = 1,      /**< a card's record changed, a lost path included */
@@ -468,11 +469,11 @@ typedef enum qnm_evt_type QNM_ANY_INT {
 } qnm_evt_type_t;
 
 /**
- * Names an event type as its constant without QNM_EVT_, as "NEWDEVINFO". The function is inline:
- * the library has no symbol of it.
+ * Names an event type: its constant without QNM_EVT_, such as "NEWDEVINFO". The function is inline:
+ * the library exports no symbol for it.
  *
  * @param[in] type  an event type, or any other number
- * @return the name, never NULL; "unknown event type" for what is none
+ * @return the name, never NULL; "unknown event type" for any other number
  */
 static inline const char* qnm_event_name(qnm_evt_type_t type) {
     switch (type) {
@@ -495,12 +496,12 @@ static inline const char* qnm_event_name(qnm_evt_type_t type) {
 }
 
 /**
- * A function that is told of events. It runs on the library's event thread, one event at a time, in
- * the order in which the events arose and the callbacks were registered. It may call every public
- * function except qnm_register_callback() and qnm_unregister_callback() for its own event type,
- * which would deadlock. While it runs, further events wait. Once the delivery of those that wait
- * has begun, a stop does not cut it short, so a slow callback delays the stop by its backlog; what
- * arises later is dropped. It must not throw.
+ * A callback for events. It runs on the library's event thread, one event at a time, in the order
+ * in which the events arose and the callbacks were registered. It may call every public function
+ * except qnm_register_callback() and qnm_unregister_callback() for its own event type, which would
+ * deadlock. While it runs, further events wait. A stop does not interrupt the delivery of waiting
+ * events once it has begun, so a slow callback delays the stop by its backlog; later events are
+ * dropped. It must not throw.
  *
  * @param[in] id     card ID
  * @param[in] event  event type
@@ -531,8 +532,8 @@ qnm_api_code_t qnm_register_callback(qnm_evt_type_t type, qnm_cbfunc_t cb_func, 
  * Ends one registration. When the call returns, the callback is not running and will not be called
  * again for it. Waits while a callback of the same event type runs.
  *
- * A handle that was given back, or is from before a restart, is refused, and waits for nothing. It
- * is its value alone that tells: a later registration may have got the same one.
+ * A handle that was already unregistered, or is from before a restart, is refused without waiting.
+ * Only its value is compared, and a later registration may have got the same value.
  *
  * @param[in] id  a handle that is registered
  * @retval QNM_API_SUCCESS  the callback is no longer registered
@@ -546,33 +547,34 @@ qnm_api_code_t qnm_unregister_callback(qnm_cbid_t id);
 /**
  * @defgroup device Access to cards
  *
- * These calls reach into a card, by frames that it obeys or answers. They work on the caller's
- * thread and block it: a read sends one frame and waits for the answer, and sends again when none
- * came in time; what is written is not acknowledged by the card, and is confirmed, when asked for,
- * by reading it back. A card is reached over the first of its connected paths P0M0, P0M1, P1M0,
- * P1M1. All calls may be made from any number of threads at once, and from callbacks.
+ * These calls access a card by frames that it obeys or answers. They run on the caller's thread and
+ * block it. A read sends one frame and waits for the answer, and sends again if none comes in time.
+ * Cards do not acknowledge what is written; with QNM_FLAG_VERIFY it is confirmed by reading it
+ * back. A card is reached over the first of its connected paths P0M0, P0M1, P1M0, P1M1. All calls
+ * may be made from any number of threads at once, and from callbacks.
  *
  * Register writes and modifications, and all EEPROM calls but qnm_unlock_eeprom(), exclude each
  * other on one card within this manager; a register read may come between them at any time.
  *
- * A register read lasts (retry count + 1) x retry interval at most; what is verified is written and
- * read up to retry count + 1 times; a live check adds up to four reads, with the values configured
- * for it.
+ * A register read takes at most (retry count + 1) x retry interval. A verified write is written and
+ * read back up to retry count + 1 times. A live check adds up to four reads, with the values
+ * configured for it.
  *
- * At most one manager at a time accesses cards by an interface: all managers there are the same to
+ * Only one manager at a time can access cards by an interface: all managers there look the same to
  * the cards, so that one would take the other's answers. The first call that sends a frame by a
- * port takes the port for this manager, until that stops; in all other processes of this machine,
- * and of this network namespace, these calls return QNM_API_EBUSY from then on, and the log tells
- * which process has the port. Listening needs nothing of it. Between machines nothing excludes.
+ * port takes the port for this manager until it stops. From then on, these calls return
+ * QNM_API_EBUSY in all other processes of this machine and of this network namespace, and the log
+ * says which process has the port. Listening is not restricted. Managers on different machines do
+ * not exclude each other.
  *
- * All of them may return, beside what each lists:
+ * In addition to the results that each call lists, all of them may return:
  *
  * @retval QNM_API_ENOENT     the card ID is not known
  * @retval QNM_API_ENOLINK    no path to the card is connected, or its monitoring is stopped; with
  *                            QNM_FLAG_LIVECHECK, where a call heeds it: no path answered
  * @retval QNM_API_EPROTO     a frame could not be sent, an internal error, or, where registers are
  *                            read, all completion tags are in use
- * @retval QNM_API_ENOSYS     the manager is not running; a stop ends a call that is under way, too
+ * @retval QNM_API_ENOSYS     the manager is not running, or was stopped during the call
  * @{
  */
 
@@ -585,11 +587,11 @@ typedef struct qnm_retry {
     uint32_t er_retry_interval; /**< milliseconds to wait for each answer; 0 is invalid */
 } qnm_retry_t;
 
-/** Flags of the device calls, to be combined by |. Other bits are ignored. */
+/** Flags of the device calls; combine them with |. Other bits are ignored. */
 enum {
     /**
-     * Use a card whose monitoring is stopped, too, or that is connected on no path: look first for
-     * a path on which it answers. Without an answer on any: QNM_API_ENOLINK.
+     * Also use a card whose monitoring is stopped or that has no connected path: first look for a
+     * path on which it answers. If it answers on none, the call returns QNM_API_ENOLINK.
      */
     QNM_FLAG_LIVECHECK = 0x1,
     /** Writing calls: read back what was written, and write again until it holds. */
@@ -620,8 +622,8 @@ qnm_api_code_t qnm_read_register(uint64_t id, uint32_t addr, uint32_t* data,
  * @param[in] id           card ID
  * @param[in] addr         byte address, a multiple of 4; cards see the low 22 bits
  * @param[in] data         the value
- * @param[in] retry_param  with QNM_FLAG_VERIFY: of each reading back, and how often to write again;
- *                         NULL for the configured values
+ * @param[in] retry_param  with QNM_FLAG_VERIFY: for each reading back, and how often to write
+ * again; NULL for the configured values
  * @param[in] flags        QNM_FLAG_LIVECHECK, QNM_FLAG_VERIFY
  * @retval QNM_API_SUCCESS    the value was sent, or with QNM_FLAG_VERIFY read back
  * @retval QNM_API_EINVAL     addr is no multiple of 4, or the retry interval is 0
@@ -659,8 +661,7 @@ qnm_api_code_t qnm_modify_register(uint64_t id, uint32_t addr, uint32_t data, ui
  * @param[out] data        the caller's array; its elements are filled in ascending order of
  *                         address, up to the one that failed
  * @param[in,out] len      in: size of the array in bytes, at least endaddr - startaddr; out: bytes
- *                         read, on every result: a failure tells how far it came, 0 when it came
- *                         before the first register
+ *                         read, on every result; after a failure, those read before it, maybe 0
  * @param[in] retry_param  NULL for the configured values
  * @param[in] flags        QNM_FLAG_LIVECHECK
  * @retval QNM_API_SUCCESS    all were read
@@ -677,14 +678,14 @@ qnm_api_code_t qnm_dump_register(uint64_t id, uint32_t startaddr, uint32_t endad
  *
  * EEPROM calls reach the card's 2048 bytes through registers that it shares among several parties,
  * so each word is accessed under a lock that the card keeps. A word takes milliseconds when all
- * goes well; a lock that another party holds is waited for some seconds, and one that has to be
- * taken by force can take minutes (see the eeprom_ keys of the configuration). retry_param holds
- * for every register frame, and its count for the attempts at a word, too.
+ * goes well. The calls wait some seconds for a lock that another party holds, and taking a lock by
+ * force can take minutes (see the eeprom_ keys of the configuration). retry_param applies to every
+ * register frame, and its count also to the attempts at a word.
  *
- * The lock is given back on every way out of a call. When the manager is stopped during one, or no
- * answer can be had any more, that is done by frames that nobody waits for. The card is left locked
- * only where these are lost or cannot be sent, or where every answer was lost while the lock was
- * being taken: until the next EEPROM access by any manager of this library.
+ * Every call releases the lock before it returns. If the manager is stopped during a call, or the
+ * card no longer answers, the lock is released by frames that the call does not wait for. The card
+ * stays locked only if these are lost or cannot be sent, or if every answer was lost while the lock
+ * was being taken. The next EEPROM access by any manager of this library then frees it.
  * @{
  */
 
@@ -730,7 +731,7 @@ qnm_api_code_t qnm_write_eeprom(uint64_t id, uint32_t addr, uint32_t data,
 
 /**
  * Reads consecutive EEPROM words: those from startaddr up to, not including, endaddr. The EEPROM
- * lock is taken and released for every word, so that other parties come to their turn.
+ * lock is taken and released for every word, so that other parties get their turn.
  *
  * @param[in] id           card ID
  * @param[in] startaddr    a multiple of 4, at most 2044
@@ -738,8 +739,7 @@ qnm_api_code_t qnm_write_eeprom(uint64_t id, uint32_t addr, uint32_t data,
  * @param[out] data        the caller's array; its elements are filled in ascending order of
  *                         address, up to the one that failed
  * @param[in,out] len      in: size of the array in bytes, at least endaddr - startaddr; out: bytes
- *                         read, on every result: a failure tells how far it came, 0 when it came
- *                         before the first word
+ *                         read, on every result; after a failure, those read before it, maybe 0
  * @param[in] retry_param  NULL for the configured values
  * @param[in] flags        QNM_FLAG_LIVECHECK, QNM_FLAG_FORCELOCK
  * @retval QNM_API_SUCCESS    all words were read
@@ -754,10 +754,10 @@ qnm_api_code_t qnm_dump_eeprom(uint64_t id, uint32_t startaddr, uint32_t endaddr
                                size_t* len, const qnm_retry_t* retry_param, uint32_t flags);
 
 /**
- * Frees a card's EEPROM lock that another party holds, for one that has gone without releasing it.
- * Uses the configured retry parameters and waits for no other call: an EEPROM call of this manager
- * that is under way on the same card may fail by it. A card whose monitoring is stopped is refused
- * with QNM_API_ENOLINK.
+ * Frees a card's EEPROM lock that another party holds, after that party has gone without releasing
+ * it. Uses the configured retry parameters and waits for no other call: an EEPROM call of this
+ * manager that is under way on the same card may fail because of it. A card whose monitoring is
+ * stopped is refused with QNM_API_ENOLINK.
  *
  * @param[in] id  card ID
  * @retval QNM_API_SUCCESS    no other party holds the lock
@@ -843,9 +843,9 @@ qnm_api_code_t qnm_stdump(uint32_t verbose);
  * Configures log4cxx from conf/qnm_log4c.properties below a directory. qnm_init_manager() does
  * this by itself; a host program calls it only to use the log functions below before that.
  *
- * Where the file is missing, cannot be read or leaves one of the three loggers without an appender
- * that can write, one line on standard error names the file and what is wrong, and the lines of
- * that logger are lost. The line is not repeated while the same is wrong. A logger whose level is
+ * If the file is missing, cannot be read or leaves one of the three loggers without an appender
+ * that can write, one line on standard error names the file and the error, and the lines of that
+ * logger are lost. The line is not repeated while the same error persists. A logger whose level is
  * OFF needs no appender.
  *
  * @param[in] path  as for qnm_init_manager()
