@@ -1,4 +1,4 @@
-// Behind the registers of a card, for tests and line commands.
+// Lets tests and line commands see and change what is behind a card's registers.
 #include <algorithm>
 #include <system_error>
 #include <utility>
@@ -25,7 +25,7 @@ void save_own_file(slot& saved) {
 void start_device(slot& started) {
     seed_faults(started.faults, started.held);
     const device_settings& settings = started.held.device;
-    std::error_code unknown;  // a file that cannot even be asked for says so when it is read
+    std::error_code unknown;  // not checked: reading the file reports the error
     const bool missing = !std::filesystem::exists(settings.eeprom_file, unknown) && !unknown;
     if (settings.eeprom_file.empty() || missing) return;
     load_eeprom_file(started.state.eeprom, settings, settings.eeprom_file);
@@ -38,21 +38,21 @@ void finish_device(slot& finished) {
 std::uint32_t simulator::read_register(const card_ref& ref, std::uint32_t address) {
     check_register_address(address);
     const std::scoped_lock lock(impl_->mutex);
-    slot& asked = impl_->find(ref);
-    return read_device(asked.state, asked.held, address);
+    slot& target = impl_->find(ref);
+    return read_device(target.state, target.held, address);
 }
 
 void simulator::write_register(const card_ref& ref, std::uint32_t address, std::uint32_t value) {
     check_register_address(address);
     const std::scoped_lock lock(impl_->mutex);
-    slot& asked = impl_->find(ref);
-    write_device(asked.state, asked.held, address, value);
+    slot& target = impl_->find(ref);
+    write_device(target.state, target.held, address, value);
 }
 
 frame_bytes simulator::eeprom(const card_ref& ref) {
     const std::scoped_lock lock(impl_->mutex);
-    slot& asked = impl_->find(ref);
-    const eeprom_bytes& bytes = contents_of(asked.state.eeprom, asked.held.device);
+    slot& target = impl_->find(ref);
+    const eeprom_bytes& bytes = contents_of(target.state.eeprom, target.held.device);
     return {bytes.begin(), bytes.end()};
 }
 
@@ -61,37 +61,37 @@ void simulator::set_eeprom(const card_ref& ref, std::span<const std::uint8_t> by
         throw error("an EEPROM has 2048 bytes, not " + std::to_string(bytes.size()));
     }
     const std::scoped_lock lock(impl_->mutex);
-    slot& asked = impl_->find(ref);
-    eeprom_bytes& contents = contents_of(asked.state.eeprom, asked.held.device);
+    slot& target = impl_->find(ref);
+    eeprom_bytes& contents = contents_of(target.state.eeprom, target.held.device);
     std::copy(bytes.begin(), bytes.end(), contents.begin());
-    asked.state.eeprom.changed = true;
+    target.state.eeprom.changed = true;
 }
 
 std::uint32_t simulator::eeprom_word(const card_ref& ref, std::uint32_t address) {
     check_eeprom_address(address);
     const std::scoped_lock lock(impl_->mutex);
-    slot& asked = impl_->find(ref);
-    return eeprom_word_at(contents_of(asked.state.eeprom, asked.held.device), address);
+    slot& target = impl_->find(ref);
+    return eeprom_word_at(contents_of(target.state.eeprom, target.held.device), address);
 }
 
 void simulator::set_eeprom_word(const card_ref& ref, std::uint32_t address, std::uint32_t value) {
     check_eeprom_address(address);
     const std::scoped_lock lock(impl_->mutex);
-    slot& asked = impl_->find(ref);
-    put_eeprom_word(contents_of(asked.state.eeprom, asked.held.device), address, value);
-    asked.state.eeprom.changed = true;
+    slot& target = impl_->find(ref);
+    put_eeprom_word(contents_of(target.state.eeprom, target.held.device), address, value);
+    target.state.eeprom.changed = true;
 }
 
 void simulator::load_eeprom(const card_ref& ref, const std::filesystem::path& file) {
     const std::scoped_lock lock(impl_->mutex);
-    slot& asked = impl_->find(ref);
-    load_eeprom_file(asked.state.eeprom, asked.held.device, file);
+    slot& target = impl_->find(ref);
+    load_eeprom_file(target.state.eeprom, target.held.device, file);
 }
 
 void simulator::save_eeprom(const card_ref& ref, const std::filesystem::path& file) {
     const std::scoped_lock lock(impl_->mutex);
-    slot& asked = impl_->find(ref);
-    save_eeprom_file(asked.state.eeprom, asked.held.device, file);
+    slot& target = impl_->find(ref);
+    save_eeprom_file(target.state.eeprom, target.held.device, file);
 }
 
 void simulator::save_eeproms() {
@@ -109,8 +109,8 @@ void simulator::save_eeproms() {
 
 void simulator::take_lock(const card_ref& ref, std::uint32_t ids) {
     const std::scoped_lock lock(impl_->mutex);
-    slot& asked = impl_->find(ref);
-    take_lock_by_others(asked.state.lock, asked.held.device, ids);
+    slot& target = impl_->find(ref);
+    take_lock_by_others(target.state.lock, target.held.device, ids);
 }
 
 void simulator::drop_lock(const card_ref& ref) {

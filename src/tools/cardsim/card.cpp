@@ -1,4 +1,5 @@
-// Cards as people name and set them: the tables of fields, values as text, and what is possible.
+// The tables of a card's settable fields, the reading of their values, and the check that a card
+// can exist.
 #include <algorithm>
 #include <charconv>
 #include <iterator>
@@ -20,7 +21,7 @@ constexpr std::uint8_t connected_bit = 0x02;
 
 enum class value_type { number, flag, mac };
 
-// One settable field of a record: how its text is read, the greatest value, where the value goes.
+// One settable field of a record: how its text is read, its maximum, and where the value goes.
 template <class Record>
 struct field {
     std::string_view name;
@@ -199,7 +200,7 @@ std::uint64_t parse_value(std::string_view name, std::string_view text, value_ty
     return parse_number(name, text, limit);
 }
 
-// False when the table has no such field.
+// Returns false if the table has no such field.
 template <class Record, std::size_t size>
 bool store_field(const field<Record> (&table)[size], Record& record, std::string_view name,
                  std::string_view text) {
@@ -238,7 +239,7 @@ void set_silent_registers(card& target, std::string_view text) {
     target.faults.silent_registers = std::move(silent);
 }
 
-// The value of `text` in `base`; nothing when it has anything but digits.
+// The value of `text` in `base`; nothing if it has anything except digits.
 std::optional<std::uint64_t> parse_digits(std::string_view text, int base) {
     std::uint64_t value = 0;
     const char* end = text.data() + text.size();
@@ -394,15 +395,15 @@ void check_card(const card& checked, std::size_t ports) {
 }
 
 card make_card(std::string name, card_kind kind, card_speed speed, std::uint64_t id) {
-    card made;
-    made.name = std::move(name);
-    made.kind = kind;
-    made.speed = speed;
-    made.id = id;
-    made.ver = speed == card_speed::g40 ? 1 : 0;
-    made.pcie_presence = kind == card_kind::qnio;
-    made.heard[0][0] = true;
-    return made;
+    card result;
+    result.name = std::move(name);
+    result.kind = kind;
+    result.speed = speed;
+    result.id = id;
+    result.ver = speed == card_speed::g40 ? 1 : 0;
+    result.pcie_presence = kind == card_kind::qnio;
+    result.heard[0][0] = true;
+    return result;
 }
 
 std::size_t path_count(card_speed speed) {

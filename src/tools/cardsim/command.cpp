@@ -1,4 +1,4 @@
-// Line commands: a table of them, each with one line of answer.
+// Executes line commands by a table; each answers one line.
 #include <algorithm>
 #include <cstdio>
 #include <iterator>
@@ -15,10 +15,10 @@ using words = std::vector<std::string>;
 
 struct command {
     std::string_view name;
-    std::string_view usage;  // behind the name
-    std::size_t least;       // words behind the name
+    std::string_view usage;  // arguments after the name
+    std::size_t least;       // minimum number of arguments
     std::size_t most;
-    std::string (*work)(simulator&, const words&);  // what follows "ok"
+    std::string (*work)(simulator&, const words&);  // returns what follows "ok"
     std::string_view help;
 };
 
@@ -82,25 +82,25 @@ std::string list_cards(simulator& target, const words&) {
 }
 
 // CARD PORT PATH
-std::string change_heard(simulator& target, const words& given,
+std::string change_heard(simulator& target, const words& args,
                          void (simulator::*change)(const card_ref&, std::size_t, std::size_t)) {
-    const std::size_t port = parse_number("PORT", given[1], port_limit - 1);
-    const std::size_t path = parse_number("PATH", given[2], path_limit - 1);
-    (target.*change)(given[0], port, path);
-    return heard_text(target.get(given[0]));
+    const std::size_t port = parse_number("PORT", args[1], port_limit - 1);
+    const std::size_t path = parse_number("PATH", args[2], path_limit - 1);
+    (target.*change)(args[0], port, path);
+    return heard_text(target.get(args[0]));
 }
 
-std::string silence_path(simulator& target, const words& given) {
-    return change_heard(target, given, &simulator::silence);
+std::string silence_path(simulator& target, const words& args) {
+    return change_heard(target, args, &simulator::silence);
 }
 
-std::string wake_path(simulator& target, const words& given) {
-    return change_heard(target, given, &simulator::wake);
+std::string wake_path(simulator& target, const words& args) {
+    return change_heard(target, args, &simulator::wake);
 }
 
-std::string set_card_field(simulator& target, const words& given) {
-    target.set(given[0], given[1], given[2]);
-    return given[1] + "=" + given[2];
+std::string set_card_field(simulator& target, const words& args) {
+    target.set(args[0], args[1], args[2]);
+    return args[1] + "=" + args[2];
 }
 
 frame_bytes parse_hex(const std::string& digits) {
@@ -115,29 +115,29 @@ frame_bytes parse_hex(const std::string& digits) {
     return bytes;
 }
 
-std::string send_bytes(simulator& target, const words& given) {
+std::string send_bytes(simulator& target, const words& args) {
     std::string digits;
-    for (auto word = given.begin() + 1; word != given.end(); ++word)
+    for (auto word = args.begin() + 1; word != args.end(); ++word)
         digits += *word;
     const frame_bytes frame = parse_hex(digits);
-    target.send_raw(parse_number("PORT", given[0], port_limit - 1), frame);
+    target.send_raw(parse_number("PORT", args[0], port_limit - 1), frame);
     return std::to_string(frame.size()) + " bytes sent";
 }
 
-std::string send_devinfo(simulator& target, const words& given) {
-    return frames_sent(target.devinfo(given[0]));
+std::string send_devinfo(simulator& target, const words& args) {
+    return frames_sent(target.devinfo(args[0]));
 }
 
-std::string send_notify(simulator& target, const words& given) {
-    return frames_sent(target.notify(given[0]));
+std::string send_notify(simulator& target, const words& args) {
+    return frames_sent(target.notify(args[0]));
 }
 
 std::string send_burst(simulator& target, const words&) {
     return frames_sent(target.announce_all());
 }
 
-std::string remove_card(simulator& target, const words& given) {
-    target.remove(given[0]);
+std::string remove_card(simulator& target, const words& args) {
+    target.remove(args[0]);
     return "removed";
 }
 
@@ -152,32 +152,31 @@ std::uint32_t parse_word(std::string_view name, std::string_view text) {
 }
 
 // CARD ADDR [VALUE]
-std::string access_register(simulator& target, const words& given) {
-    const auto address = static_cast<std::uint32_t>(parse_number("ADDR", given[1], register_limit));
-    if (given.size() == 3) {
-        target.write_register(given[0], address, parse_word("VALUE", given[2]));
+std::string access_register(simulator& target, const words& args) {
+    const auto address = static_cast<std::uint32_t>(parse_number("ADDR", args[1], register_limit));
+    if (args.size() == 3) {
+        target.write_register(args[0], address, parse_word("VALUE", args[2]));
     }
-    return address_text(address) + "=" + word_text(target.read_register(given[0], address));
+    return address_text(address) + "=" + word_text(target.read_register(args[0], address));
 }
 
-std::string load_eeprom(simulator& target, const words& given) {
-    target.load_eeprom(given[0], given[2]);
+std::string load_eeprom(simulator& target, const words& args) {
+    target.load_eeprom(args[0], args[2]);
     return "loaded";
 }
 
-std::string save_eeprom(simulator& target, const words& given) {
-    target.save_eeprom(given[0], given[2]);
+std::string save_eeprom(simulator& target, const words& args) {
+    target.save_eeprom(args[0], args[2]);
     return "saved";
 }
 
 // CARD ADDR [VALUE]
-std::string access_eeprom_word(simulator& target, const words& given) {
-    const auto address =
-        static_cast<std::uint32_t>(parse_number("ADDR", given[1], eeprom_size - 4));
-    if (given.size() == 3) {
-        target.set_eeprom_word(given[0], address, parse_word("VALUE", given[2]));
+std::string access_eeprom_word(simulator& target, const words& args) {
+    const auto address = static_cast<std::uint32_t>(parse_number("ADDR", args[1], eeprom_size - 4));
+    if (args.size() == 3) {
+        target.set_eeprom_word(args[0], address, parse_word("VALUE", args[2]));
     }
-    return address_text(address) + "=" + word_text(target.eeprom_word(given[0], address));
+    return address_text(address) + "=" + word_text(target.eeprom_word(args[0], address));
 }
 
 std::string lock_text(simulator& target, const std::string& name) {
@@ -186,22 +185,22 @@ std::string lock_text(simulator& target, const std::string& name) {
     return "holder=" + word_text(held.holder) + " requests=" + word_text(held.requests);
 }
 
-std::string take_lock(simulator& target, const words& given) {
-    target.take_lock(given[0], parse_word("BITS", given[2]));
-    return lock_text(target, given[0]);
+std::string take_lock(simulator& target, const words& args) {
+    target.take_lock(args[0], parse_word("BITS", args[2]));
+    return lock_text(target, args[0]);
 }
 
-std::string drop_lock(simulator& target, const words& given) {
-    target.drop_lock(given[0]);
-    return lock_text(target, given[0]);
+std::string drop_lock(simulator& target, const words& args) {
+    target.drop_lock(args[0]);
+    return lock_text(target, args[0]);
 }
 
-std::string show_lock(simulator& target, const words& given) {
-    return lock_text(target, given[0]);
+std::string show_lock(simulator& target, const words& args) {
+    return lock_text(target, args[0]);
 }
 
-std::string show_mms_page(simulator& target, const words& given) {
-    const auto page = target.mms_page(given[0], parse_word("PAGE", given[1]));
+std::string show_mms_page(simulator& target, const words& args) {
+    const auto page = target.mms_page(args[0], parse_word("PAGE", args[1]));
     if (!page) return "not written";
     std::string text;
     for (const std::uint32_t word : *page) {
@@ -211,8 +210,8 @@ std::string show_mms_page(simulator& target, const words& given) {
     return text;
 }
 
-std::string show_resets(simulator& target, const words& given) {
-    const reset_history history = target.resets(given[0]);
+std::string show_resets(simulator& target, const words& args) {
+    const reset_history history = target.resets(args[0]);
     return "count=" + std::to_string(history.count) +
            " last_status=" + std::to_string(history.last_status);
 }
@@ -227,10 +226,10 @@ std::string quit(simulator&, const words&) {
 
 std::string help(simulator&, const words&);
 
-// Commands with a verb after the card's name; an empty verb fits every other word.
+// Commands with a verb after the card's name; an empty verb matches any other word.
 struct verb {
     std::string_view name;
-    std::size_t least;  // words behind the command
+    std::size_t least;  // minimum number of words after the command
     std::size_t most;
     std::string (*work)(simulator&, const words&);
 };
@@ -247,24 +246,24 @@ constexpr std::string_view lock_usage = " CARD [take BITS|drop]";
     throw error("usage: " + std::string(name) + std::string(usage));
 }
 
-const verb* find_verb(std::span<const verb> verbs, const words& given) {
-    const std::string_view name = given.size() > 1 ? std::string_view(given[1]) : "";
+const verb* find_verb(std::span<const verb> verbs, const words& args) {
+    const std::string_view name = args.size() > 1 ? std::string_view(args[1]) : "";
     const auto named = [&](const verb& v) { return v.name == name || v.name.empty(); };
     const auto row = std::find_if(verbs.begin(), verbs.end(), named);
-    const bool fits = given.size() >= row->least && given.size() <= row->most;
+    const bool fits = args.size() >= row->least && args.size() <= row->most;
     return fits ? &*row : nullptr;
 }
 
-std::string work_on_eeprom(simulator& target, const words& given) {
-    const verb* row = find_verb(eeprom_verbs, given);
+std::string work_on_eeprom(simulator& target, const words& args) {
+    const verb* row = find_verb(eeprom_verbs, args);
     if (row == nullptr) fail_usage("eeprom", eeprom_usage);
-    return row->work(target, given);
+    return row->work(target, args);
 }
 
-std::string work_on_lock(simulator& target, const words& given) {
-    const verb* row = find_verb(lock_verbs, given);
+std::string work_on_lock(simulator& target, const words& args) {
+    const verb* row = find_verb(lock_verbs, args);
     if (row == nullptr) fail_usage("lock", lock_usage);
-    return row->work(target, given);
+    return row->work(target, args);
 }
 
 constexpr std::string_view quit_name = "quit";
@@ -315,12 +314,12 @@ const command& find_command(std::string_view name) {
     throw error(unknown_name("command", name, known));
 }
 
-std::string work(simulator& target, const std::string& name, const words& given) {
+std::string work(simulator& target, const std::string& name, const words& args) {
     const command& row = find_command(name);
-    if (given.size() < row.least || given.size() > row.most) {
+    if (args.size() < row.least || args.size() > row.most) {
         fail_usage(row.name, row.usage);
     }
-    return row.work(target, given);
+    return row.work(target, args);
 }
 
 }  // namespace
@@ -336,11 +335,11 @@ answer execute(simulator& target, std::string_view line) {
     std::istringstream in{std::string(line)};
     std::string name;
     if (!(in >> name)) return {};
-    words given;
+    words args;
     for (std::string word; in >> word;)
-        given.push_back(word);
+        args.push_back(word);
     try {
-        return {.text = "ok " + work(target, name, given), .quit = name == quit_name};
+        return {.text = "ok " + work(target, name, args), .quit = name == quit_name};
     } catch (const error& e) {
         return {.text = std::string("error: ") + e.what(), .quit = false};
     }

@@ -1,4 +1,4 @@
-// The register file: one table for the registers that are more than memory.
+// Reads and writes a card's registers. One table has the registers that are more than memory.
 #include "device.h"
 
 #include <algorithm>

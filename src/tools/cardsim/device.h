@@ -1,10 +1,10 @@
-// What lies behind a card's registers while the simulator runs: written values, the EEPROM and its
+// What is behind a card's registers while the simulator runs: written values, the EEPROM and its
 // lock, MMS pages, and the Resets that came. Each card has one `device`; the simulator's mutex
 // guards it.
 //
-// Most registers are plain memory: the value that was written, else the preset, else the default.
-// Those of the EEPROM and its lock have a meaning of their own; on a 40G card some of them have
-// other addresses.
+// Most registers are plain memory: they hold the value that was written, else the preset, else the
+// default. The registers of the EEPROM and its lock work differently; on a 40G card some of them
+// have other addresses.
 #pragma once
 
 #include <unordered_map>
@@ -29,14 +29,14 @@ struct device {
 std::uint32_t read_device(device& read, const card& owner, std::uint32_t address);
 void write_device(device& written, const card& owner, std::uint32_t address, std::uint32_t value);
 
-// Registers go back to their presets and the lock is dropped; the EEPROM contents and the MMS pages
-// stay.
+// Sets the registers back to their presets and drops the lock. The EEPROM contents and the MMS
+// pages stay.
 void reset_device(device& changed, std::uint8_t status);
 
 void check_register_address(std::uint32_t address);  // throws error
 
-// Throws error for impossible presets: addresses that are no registers or have a meaning of their
-// own, bytes after the end of the EEPROM.
+// Throws error for impossible presets: addresses that are no registers or are special ones, and
+// bytes after the end of the EEPROM.
 void check_device(const card& checked);
 
 }  // namespace cardsim

@@ -1,4 +1,4 @@
-// The EEPROM as a state machine with four phases, and its contents in files.
+// Runs the EEPROM as a state machine with four phases, and keeps its contents in files.
 #include "eeprom.h"
 
 #include <fcntl.h>
@@ -23,7 +23,7 @@ constexpr std::uint32_t idle_command = 0;
 
 constexpr std::size_t word_size = 4;
 
-// What the status register shows in each phase.
+// The value of the status register in each phase.
 constexpr std::uint32_t phase_status[] = {0x40000000, 0x00000001, 0x10000000, 0x30000000};
 
 // The packed form has address bits 8 to 11 in bits 16 to 19; the bits between and above are zero.
@@ -58,8 +58,8 @@ eeprom_phase finish(eeprom_state& state, const card& owner) {
     throw error(std::string(what) + " the EEPROM file " + in_quotes(file.string()) + ": " + why);
 }
 
-// Returns why it failed, or nothing. A file of that name is removed first, so that no FIFO is
-// waited for and no link is followed.
+// Returns why it failed, or nothing. Removes a file of that name first, so that it does not wait
+// for a FIFO or follow a link.
 std::string write_bytes(const eeprom_bytes& bytes, const std::filesystem::path& file) {
     unlink(file.c_str());
     const int fd = open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);

@@ -1,4 +1,5 @@
-// Faults that happen at a rate, one row each.
+// Changes answers and announcements by faults that happen at a rate. One table has a row for each
+// fault.
 #include "faults.h"
 
 #include <algorithm>
@@ -24,22 +25,22 @@ bool hits(std::uint64_t& sequence, std::uint16_t rate) {
     return rate != 0 && draw(sequence) % 1000 < rate;
 }
 
-void send_twice(reply& given) {
-    given.copies = 2;
+void send_twice(reply& outgoing) {
+    outgoing.copies = 2;
 }
 
-void change_port(reply& given) {
-    given.port = 1 - given.port;
+void change_port(reply& outgoing) {
+    outgoing.port = 1 - outgoing.port;
 }
 
-// The address of the other path: only a check of the whole address notices this.
-void change_mac(reply& given) {
-    given.body.source ^= 1;
+// The address of the other path, which only a check of the whole address notices.
+void change_mac(reply& outgoing) {
+    outgoing.body.source ^= 1;
 }
 
 // As far as possible from the tags in use, which are consecutive.
-void change_tag(reply& given) {
-    given.body.tag ^= 0x80;
+void change_tag(reply& outgoing) {
+    outgoing.body.tag ^= 0x80;
 }
 
 struct spoiling {
@@ -91,18 +92,18 @@ unsigned announcement_copies(fault_state& state, const fault_settings& faults, c
     return 2;
 }
 
-fate decide(fault_state& state, const fault_settings& faults, reply& given, counters& counted) {
+fate decide(fault_state& state, const fault_settings& faults, reply& outgoing, counters& counted) {
     if (hits(state.random, faults.lose_answers)) {
         ++counted.lost_answers;
         return {.what = verdict::lost};
     }
     for (const spoiling& row : spoilings) {
         if (!hits(state.random, faults.*row.rate)) continue;
-        row.apply(given);
+        row.apply(outgoing);
         ++(counted.*row.counter);
     }
     if (!state.held && hits(state.random, faults.reorder_answers)) {
-        state.held = std::make_unique<reply>(given);
+        state.held = std::make_unique<reply>(outgoing);
         ++counted.reordered;
         return {.what = verdict::held};
     }

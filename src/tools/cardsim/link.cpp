@@ -1,4 +1,4 @@
-// One raw packet socket per port.
+// Sends and receives frames by one raw packet socket per port.
 //
 // The kernel takes the 802.1Q tag out of every received frame and hands it over beside the data
 // (PACKET_AUXDATA); receive() puts it back. A send that the device's queue refuses is repeated for
@@ -132,7 +132,7 @@ link::link(const std::string& interface_name) : name_(interface_name), buffer_(l
 bool link::running() const {
     ifreq query{};
     name_.copy(query.ifr_name, sizeof query.ifr_name - 1);
-    if (ioctl(fd_.fd, SIOCGIFFLAGS, &query) != 0) return true;  // gone: send() reports that
+    if (ioctl(fd_.fd, SIOCGIFFLAGS, &query) != 0) return true;  // interface gone: send() reports it
     return (query.ifr_flags & IFF_RUNNING) != 0;
 }
 
@@ -163,8 +163,8 @@ std::optional<frame_bytes> link::receive() {
     header.msg_iovlen = 1;
     header.msg_control = control;
     header.msg_controllen = sizeof control;
-    // An error here means that the link went down or away. This call takes the error off the
-    // socket, and frames come again when the link is back.
+    // An error here means that the link went down or the interface is gone. This call clears the
+    // error, and frames come again when the link is back.
     const ssize_t length = recvmsg(fd_.fd, &header, MSG_DONTWAIT);
     if (length < 0) return std::nullopt;
     frame_bytes frame;

@@ -1,4 +1,4 @@
-// The two locks as pure functions of their state.
+// Changes the state of the two locks as managers and other holders access them.
 #include "lock.h"
 
 namespace cardsim {

@@ -34,18 +34,18 @@ struct options {
     bool check = false;
 };
 
-void define_options(CLI::App& app, options& given) {
-    app.add_option("SCENARIO", given.scenario, "TOML file that names the cards")->required();
-    app.add_option("--ports", given.ports,
+void define_options(CLI::App& app, options& chosen) {
+    app.add_option("SCENARIO", chosen.scenario, "TOML file that names the cards")->required();
+    app.add_option("--ports", chosen.ports,
                    "Interfaces of port 0 and port 1, instead of the scenario's")
         ->type_name("IF0[,IF1]")
         ->delimiter(',')
         ->expected(1, static_cast<int>(cardsim::port_limit));
-    app.add_option("--ether-type", given.ether_type,
+    app.add_option("--ether-type", chosen.ether_type,
                    "Ethernet type, instead of the scenario's (0x88B6 where none is given)")
         ->type_name("TYPE");
-    app.add_flag("--quiet", given.quiet, "Say nothing of frames that arrive");
-    app.add_flag("--check", given.check, "Read the scenario and end");
+    app.add_flag("--quiet", chosen.quiet, "Say nothing of frames that arrive");
+    app.add_flag("--check", chosen.check, "Read the scenario and end");
     app.set_version_flag("--version", "qnm-cardsim " CARDSIM_VERSION);
     app.footer(
         "Cards announce themselves and answer managers: registers, EEPROM, VLAN ID, Reset and MMS\n"
@@ -53,12 +53,12 @@ void define_options(CLI::App& app, options& given) {
         "lists them. EEPROMs that have a file in the scenario are saved at the end.");
 }
 
-// Standard output: answers, one a line, from the main thread.
+// Writes answers to standard output, one a line, from the main thread.
 class console {
   public:
     explicit console(int signals) : to_(STDOUT_FILENO, signals) {}
 
-    // Newlines within names and values do not end the line.
+    // Newlines in names and values must not end the line.
     void print_line(const std::string& line) { to_.write(tools::visible_line(line) + '\n'); }
 
     bool ended() const { return to_.ended() != tools::output_end::none; }
@@ -69,7 +69,7 @@ class console {
     tools::descriptor_writer to_;
 };
 
-// On standard error, from any thread.
+// Writes to standard error, from any thread.
 void tell_line(const std::string& line) {
     tools::tell(tools::visible_line(line) + '\n');
 }
@@ -78,7 +78,7 @@ int print_text(const std::string& text) {
     return tools::print(text, "qnm-cardsim", exit_failed);
 }
 
-// For the build, which makes the manual page and fails where an option has no text.
+// Prints the manual page for the build, which fails if an option has no text.
 int print_man_page(const CLI::App& app) {
     std::vector<cardsim::option_text> options;
     for (const CLI::Option* const option : app.get_options()) {
@@ -102,14 +102,14 @@ void change_ether_type(cardsim::scenario& changed, std::uint16_t ether_type) {
     changed.ether_type = ether_type;
 }
 
-cardsim::scenario read_scenario(const options& given) {
-    cardsim::scenario read = cardsim::load_scenario(given.scenario, given.ports);
-    if (given.ether_type) change_ether_type(read, *given.ether_type);
-    return read;
+cardsim::scenario read_scenario(const options& chosen) {
+    cardsim::scenario loaded = cardsim::load_scenario(chosen.scenario, chosen.ports);
+    if (chosen.ether_type) change_ether_type(loaded, *chosen.ether_type);
+    return loaded;
 }
 
-void add_cards(cardsim::simulator& target, cardsim::scenario& read) {
-    for (cardsim::card& card : read.cards)
+void add_cards(cardsim::simulator& target, cardsim::scenario& loaded) {
+    for (cardsim::card& card : loaded.cards)
         target.add(std::move(card));
 }
 
@@ -117,11 +117,11 @@ void add_cards(cardsim::simulator& target, cardsim::scenario& read) {
 // longer be written.
 bool answer_lines(cardsim::simulator& target, tools::input_lines& input, console& out) {
     while (const auto line = input.next()) {
-        const cardsim::answer given =
+        const cardsim::answer reply =
             line->is_cut ? cardsim::answer{.text = "error: the line is too long", .quit = false}
                          : execute(target, line->text);
-        if (!given.text.empty()) out.print_line(given.text);
-        if (given.quit || out.ended()) return true;
+        if (!reply.text.empty()) out.print_line(reply.text);
+        if (reply.quit || out.ended()) return true;
     }
     return false;
 }
@@ -154,32 +154,34 @@ int status_after(const console& out, int signalled) {
     return out.signalled() ? signalled : tools::exit_output;
 }
 
-cardsim::request_observer observer_of(const options& given, const std::vector<std::string>& names) {
-    if (given.quiet) return nullptr;
+cardsim::request_observer observer_of(const options& chosen,
+                                      const std::vector<std::string>& names) {
+    if (chosen.quiet) return nullptr;
     return [names](std::size_t port, const cardsim::request& received) {
         tell_line(names[port] + ": " + describe(received));
     };
 }
 
-int simulate(const options& given, int signals) {
+int simulate(const options& chosen, int signals) {
     console out(signals);
-    cardsim::scenario read = read_scenario(given);
-    if (given.check) {
-        out.print_line("ok " + given.scenario + ": " + std::to_string(read.cards.size()) +
-                       (read.cards.size() == 1 ? " card" : " cards"));
+    cardsim::scenario loaded = read_scenario(chosen);
+    if (chosen.check) {
+        out.print_line("ok " + chosen.scenario + ": " + std::to_string(loaded.cards.size()) +
+                       (loaded.cards.size() == 1 ? " card" : " cards"));
         return status_after(out, exit_failed);
     }
-    if (read.ports.empty()) {
+    if (loaded.ports.empty()) {
         tell_line("qnm-cardsim: no interface: give --ports, or \"ports\" in the scenario");
         return exit_usage;
     }
     std::vector<cardsim::port> ports;
-    for (const std::string& name : read.ports)
+    for (const std::string& name : loaded.ports)
         ports.push_back(cardsim::open_port(name));
-    cardsim::simulator target(std::move(ports), read.ether_type, observer_of(given, read.ports));
-    add_cards(target, read);
+    cardsim::simulator target(std::move(ports), loaded.ether_type,
+                              observer_of(chosen, loaded.ports));
+    add_cards(target, loaded);
     target.start();
-    if (!given.quiet) tell_line("announcing; \"help\" lists the commands");
+    if (!chosen.quiet) tell_line("announcing; \"help\" lists the commands");
     serve(target, signals, out);
     target.stop();
     target.wait();
@@ -206,15 +208,15 @@ int open_signals() {
 int run(int argc, char** argv) {
     const int signals = open_signals();
     CLI::App app("Simulated cards on Ethernet interfaces", "qnm-cardsim");
-    options given;
-    define_options(app, given);
+    options chosen;
+    define_options(app, chosen);
     if (argc == 2 && argv[1] == std::string_view("--man-page")) return print_man_page(app);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
         return tell_end(app, e);
     }
-    return simulate(given, signals);
+    return simulate(chosen, signals);
 }
 
 }  // namespace

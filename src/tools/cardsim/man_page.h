@@ -17,7 +17,7 @@ struct key_text {
     std::string_view help;
 };
 
-// Of a scenario: the keys of a [[card]], and those of the bridge and down port records inside it.
+// The keys of a scenario: of a [[card]], and of the bridge and down port records inside it.
 std::span<const key_text> card_key_texts();
 std::span<const key_text> bridge_key_texts();
 std::span<const key_text> down_port_key_texts();

@@ -1,7 +1,8 @@
-// Skips strings and comments; in the rest, counts dots and brackets.
+// Checks how deeply a text nests: skips strings and comments, and counts dots and brackets in the
+// rest.
 //
-// Up to the first mistake in a text, strings end here where they end for the parser. The parser
-// does not read on after it.
+// Up to the first syntax error, strings end here where they end for the parser. The parser does not
+// read on after an error.
 #include "nesting.h"
 
 #include <algorithm>
@@ -49,7 +50,7 @@ class scanner {
                start.find_first_not_of(quote) == std::string_view::npos;
     }
 
-    // Within a long string, and at its end, one or two quotes may stand together.
+    // A long string may contain, and end with, one or two quotes in a row.
     void pass_string(char quote) {
         const bool several_lines = is_long(quote);
         at_ += several_lines ? quotes_of_long_string : 1;
@@ -60,7 +61,7 @@ class scanner {
                 at_ += several_lines ? quotes_of_long_string : 1;
                 break;
             } else if (text_[at_] == '\n' && !several_lines) {
-                break;  // a mistake
+                break;  // a syntax error
             } else {
                 ++at_;
             }
@@ -71,8 +72,8 @@ class scanner {
 
     std::string_view text_;
     std::size_t at_ = 0;
-    std::size_t dots_ = 0;   // of the key that stands here
-    std::size_t depth_ = 0;  // of brackets
+    std::size_t dots_ = 0;   // in the current key
+    std::size_t depth_ = 0;  // open brackets
 };
 
 }  // namespace

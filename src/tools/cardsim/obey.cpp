@@ -1,7 +1,7 @@
-// What managers make cards do. A request reaches the card with its destination address; a Reset to
-// a group address reaches every card of the VLAN. Cards do not hear what comes in on a silenced
-// port or path or in the other header arrangement, and do not obey a frame that breaks a rule. Only
-// a Register Read is answered.
+// Carries out what managers ask of cards. A request reaches the card with its destination address;
+// a Reset to a group address reaches every card of the VLAN. Cards do not hear frames on a silenced
+// port or path, or in the other header arrangement, and do not obey a frame that breaks a rule.
+// They answer only a Register Read.
 #include "simulator_impl.h"
 
 namespace cardsim {
@@ -23,32 +23,32 @@ bool hears_reset(const card& listener, std::size_t port, const request& received
 
 // What a card does with each message, besides answering a Register Read.
 struct obedience {
-    slot& asked;
+    slot& target;
     counters& counted;
 
     void operator()(const std::monostate&) const {}
     void operator()(const register_read&) const {}
     void operator()(const register_write& r) const {
-        write_device(asked.state, asked.held, r.address, r.data);
+        write_device(target.state, target.held, r.address, r.data);
         ++counted.writes;
     }
     void operator()(const vlan_set& r) const {
-        if (!asked.held.device.vlan_frozen) asked.held.vlan_id = r.vlan_id & vlan_id_mask;
+        if (!target.held.device.vlan_frozen) target.held.vlan_id = r.vlan_id & vlan_id_mask;
         ++counted.vlan_sets;
     }
     void operator()(const reset& r) const {
-        reset_device(asked.state, r.status);
+        reset_device(target.state, r.status);
         ++counted.resets;
     }
     void operator()(const mms_write& r) const {
-        asked.state.pages[r.page] = r.data;
+        target.state.pages[r.page] = r.data;
         ++counted.mms_writes;
     }
 };
 
 }  // namespace
 
-// A 40G card also has the odd address after its ID; a 1G/10G card has not.
+// A 40G card also has the odd address after its ID; a 1G/10G card does not.
 slot* simulator::impl::find_by_mac(std::uint64_t mac) {
     for (const std::uint64_t id : {mac, mac & ~std::uint64_t{1}}) {
         if (const auto found = by_mac.find(id); found != by_mac.end()) return found->second;
@@ -59,10 +59,10 @@ slot* simulator::impl::find_by_mac(std::uint64_t mac) {
 void simulator::impl::obey(std::size_t port, const request& received) {
     if (port < port_limit) {
         if ((received.destination & group_bit) != 0) return obey_group(port, received);
-        slot* asked = find_by_mac(received.destination);
-        if (asked != nullptr &&
-            hears(asked->held, port, received.destination ^ asked->held.id, received)) {
-            return obey_as(*asked, port, received);
+        slot* target = find_by_mac(received.destination);
+        if (target != nullptr &&
+            hears(target->held, port, received.destination ^ target->held.id, received)) {
+            return obey_as(*target, port, received);
         }
     }
     ++counted.unheard;
@@ -78,29 +78,29 @@ void simulator::impl::obey_group(std::size_t port, const request& received) {
     if (!heard) ++counted.unheard;
 }
 
-void simulator::impl::obey_as(slot& asked, std::size_t port, const request& received) {
-    if (request_lost(asked.faults, asked.held.faults, counted)) return;
-    std::visit(obedience{asked, counted}, received.body);
-    if (std::holds_alternative<register_read>(received.body)) answer_read(asked, port, received);
+void simulator::impl::obey_as(slot& target, std::size_t port, const request& received) {
+    if (request_lost(target.faults, target.held.faults, counted)) return;
+    std::visit(obedience{target, counted}, received.body);
+    if (std::holds_alternative<register_read>(received.body)) answer_read(target, port, received);
 }
 
-void simulator::impl::answer_read(slot& asked, std::size_t port, const request& received) {
+void simulator::impl::answer_read(slot& target, std::size_t port, const request& received) {
     const auto& body = std::get<register_read>(received.body);
     ++counted.reads;
-    if (read_silenced(asked.held.faults, body.address, counted)) return;
-    reply made{.port = port,
-               .path = received.destination ^ asked.held.id,
-               .body = {.source = received.destination,
-                        .destination = received.source,
-                        .tag = body.tag,
-                        .value = read_device(asked.state, asked.held, body.address)}};
-    const fate decided = decide(asked.faults, asked.held.faults, made, counted);
-    if (decided.what == verdict::leave) return leave(asked, made);
+    if (read_silenced(target.held.faults, body.address, counted)) return;
+    reply outgoing{.port = port,
+                   .path = received.destination ^ target.held.id,
+                   .body = {.source = received.destination,
+                            .destination = received.source,
+                            .tag = body.tag,
+                            .value = read_device(target.state, target.held, body.address)}};
+    const fate decided = decide(target.faults, target.held.faults, outgoing, counted);
+    if (decided.what == verdict::leave) return leave(target, outgoing);
     if (decided.what != verdict::wait) return;
-    delayed.push({steady::now() + decided.delay, ++last_delayed, asked.held.id, made});
+    delayed.push({steady::now() + decided.delay, ++last_delayed, target.held.id, outgoing});
 }
 
-// A path that was silenced meanwhile stays silent.
+// Sends nothing if the path was silenced meanwhile.
 void simulator::impl::send_reply(const card& sender, const reply& sent) {
     if (sent.port >= ports.size() || !sender.heard[sent.port][sent.path]) return;
     encode(sender, sent.body, answer_frame);
@@ -108,11 +108,11 @@ void simulator::impl::send_reply(const card& sender, const reply& sent) {
         send(sent.port, answer_frame, counted.answers);
 }
 
-void simulator::impl::leave(slot& asked, const reply& sent) {
-    send_reply(asked.held, sent);
-    if (!asked.faults.held) return;
-    send_reply(asked.held, *asked.faults.held);
-    asked.faults.held.reset();
+void simulator::impl::leave(slot& target, const reply& sent) {
+    send_reply(target.held, sent);
+    if (!target.faults.held) return;
+    send_reply(target.held, *target.faults.held);
+    target.faults.held.reset();
 }
 
 void simulator::impl::answer_due() {
@@ -148,7 +148,7 @@ void simulator::deliver(std::size_t port, frame_view frame) {
         impl_->port_at(port);
     }
     impl_->take_frame(port, frame);
-    impl_->woken.set();  // an answer may have become due at another time
+    impl_->woken.set();  // the next answer may be due at another time
 }
 
 }  // namespace cardsim

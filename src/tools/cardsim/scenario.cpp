@@ -1,4 +1,4 @@
-// Scenarios: TOML text to ports and cards.
+// Reads scenarios: makes ports and cards from a TOML text.
 //
 // Every value goes through set_field() in text form, so that a scenario and a `set` command know
 // the same fields, ranges and words. Errors carry the file, the line and the key.
@@ -20,15 +20,16 @@ namespace {
 
 constexpr std::size_t size_limit = std::size_t{16} * 1024 * 1024;
 constexpr std::uint64_t count_limit = 1'000'000;
-// Even, so that the second address of a 40G card never is the next card's first.
+// Even, so that the second address of a 40G card is never the first of the next card.
 constexpr std::uint64_t default_step = 2;
 
-// Keys of a [[card]] that set_field() does not know: they make cards instead of changing one.
+// Keys of a [[card]] that set_field() does not know, because they make cards rather than change
+// one.
 constexpr std::string_view making_keys[] = {
     "name",  "kind",    "speed",     "id",        "heard",  "count",      "step",
     "burst", "up_port", "down_port", "registers", "eeprom", "eeprom_file"};
 
-// Where an error is reported: the file, for all nodes of it.
+// The file that errors are reported for.
 struct source {
     std::string_view file;
 
@@ -36,7 +37,7 @@ struct source {
         throw error(std::string(file) + ":" + std::to_string(at.begin.line) + ": " + what);
     }
 
-    // Runs `work`, giving what it throws a place.
+    // Runs `work` and adds the place to errors that it throws.
     template <class Work>
     auto placed(const toml::source_region& at, Work work) const {
         try {
@@ -88,7 +89,7 @@ const toml::table& table_of(const source& from, std::string_view key, const toml
 }
 
 // Sets the fields of a sub-table of the card; `prefix` is what set_field() expects before the key.
-// The key `apart` is none of them.
+// The key `apart` is left out.
 void set_fields(const source& from, card& target, const std::string& prefix,
                 const toml::table& table, std::string_view apart = {}) {
     for (const auto& [key, node] : table) {
@@ -109,7 +110,7 @@ void set_down_ports(const source& from, card& target, const toml::node& node) {
     }
 }
 
-// A list, as set_field() takes it.
+// A list as text for set_field().
 std::string list_text(const source& from, std::string_view key, const toml::array& values) {
     std::string text;
     for (const toml::node& entry : values) {
@@ -119,7 +120,7 @@ std::string list_text(const source& from, std::string_view key, const toml::arra
     return text.empty() ? "none" : text;
 }
 
-// A key of a table that is an address: 0x1000, or "0x1000".
+// The key of a table as an address: 0x1000 or "0x1000".
 std::uint32_t address_of(const source& from, const toml::key& key, std::uint64_t limit) {
     return from.placed(key.source(), [&] {
         return static_cast<std::uint32_t>(parse_number("address", key.str(), limit));
@@ -134,7 +135,7 @@ void set_registers(const source& from, card& target, const toml::node& node) {
     }
 }
 
-// Text stands for its bytes, a number for a word.
+// The bytes of a value: those of a text, or a number as a word.
 std::string preset_bytes(const source& from, std::string_view key, const toml::node& value) {
     if (const auto* text = value.as_string()) return text->get();
     const std::uint64_t word = number_of(from, key, value, 0, 0xFFFFFFFF);
@@ -177,7 +178,7 @@ void hear_everywhere(card& target, std::size_t ports) {
     }
 }
 
-// A key that must stand in the table, as text.
+// The value of a key that the table must have.
 template <class Parse>
 auto required(const source& from, const toml::table& table, std::string_view key, Parse parse) {
     const toml::node* node = table.get(key);
@@ -206,7 +207,7 @@ void set_up_port(const source& from, card& target, const toml::node& node) {
     set_fields(from, target, "up_port.", table_of(from, "up_port", node));
 }
 
-// Keys that set parts of a card, beside set_field().
+// Keys that set parts of a card without set_field().
 struct part_key {
     std::string_view key;
     void (*set)(const source&, card&, const toml::node&);
@@ -221,28 +222,28 @@ constexpr part_key part_keys[] = {{"up_port", set_up_port},
 // The card of a [[card]] table, before `count` multiplies it.
 card read_card(const source& from, const toml::table& table, const scenario& read) {
     check_card_keys(from, table);
-    card made = make_card(
+    card result = make_card(
         required(from, table, "name", [](std::string text) { return text; }),
         required(from, table, "kind", parse_kind), required(from, table, "speed", parse_speed),
         required(from, table, "id", [](std::string_view text) { return parse_mac("id", text); }));
-    made.ether_type = read.ether_type;
+    result.ether_type = read.ether_type;
     for (const auto& [key, node] : table) {
         if (is_making_key(key.str())) continue;
         const toml::array* values = node.as_array();
         const std::string text = key.str() == silent_registers_name && values != nullptr
                                      ? list_text(from, key.str(), *values)
                                      : value_text(from, key.str(), node);
-        from.placed(key.source(), [&, name = key.str()] { set_field(made, name, text); });
+        from.placed(key.source(), [&, name = key.str()] { set_field(result, name, text); });
     }
     for (const auto& [key, set] : part_keys) {
-        if (const toml::node* part = table.get(key)) set(from, made, *part);
+        if (const toml::node* part = table.get(key)) set(from, result, *part);
     }
     if (const toml::node* heard = table.get("heard")) {
-        set_heard(from, made, *heard);
+        set_heard(from, result, *heard);
     } else {
-        hear_everywhere(made, std::max<std::size_t>(1, read.ports.size()));
+        hear_everywhere(result, std::max<std::size_t>(1, read.ports.size()));
     }
-    return made;
+    return result;
 }
 
 std::uint64_t number_or(const source& from, const toml::table& table, std::string_view key,
@@ -268,14 +269,14 @@ std::vector<card> unfold(const source& from, const toml::table& table, const car
     return cards;
 }
 
-// Who is there already.
+// The cards so far, to find conflicts with the next one.
 struct card_index {
     std::map<std::string, std::uint64_t> ids;
     std::map<std::uint64_t, std::string> names;
     std::map<std::string, std::string> eeprom_files;  // to the card's name
 };
 
-// Two cards on one file would each overwrite what the other has saved.
+// Refuses two cards with one file: each would overwrite what the other saved.
 void claim_file(const source& from, const toml::table& table, const card& added,
                 card_index& index) {
     const std::string& file = added.device.eeprom_file;

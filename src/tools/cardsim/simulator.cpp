@@ -215,11 +215,11 @@ void simulator::add(card added) {
     fresh.held = std::move(added);
     start_device(fresh);
     const std::uint64_t id = fresh.held.id;
-    slot& made = impl_->slots.emplace(id, std::move(fresh)).first->second;
-    impl_->ids.emplace(made.held.name, id);
-    impl_->by_mac.emplace(id, &made);
+    slot& stored = impl_->slots.emplace(id, std::move(fresh)).first->second;
+    impl_->ids.emplace(stored.held.name, id);
+    impl_->by_mac.emplace(id, &stored);
     if (!impl_->running) return;
-    impl_->arm(made, steady::now() + milliseconds(made.held.phase_ms));
+    impl_->arm(stored, steady::now() + milliseconds(stored.held.phase_ms));
     impl_->woken.set();
 }
 
@@ -313,7 +313,7 @@ void simulator::run() {
 
 void simulator::start() {
     impl_->begin();
-    wait();  // for a thread of before, which has ended
+    wait();  // for the thread of an earlier start, which has ended
     impl_->stopping = false;
     // The thread inherits the mask: signals are for the program's own threads.
     sigset_t all, before;

@@ -1,6 +1,7 @@
-// Inside the simulator: one mutex over cards, timers and counters, one thread that announces and
-// obeys. simulator.cpp has what cards do by themselves, obey.cpp what managers make them do,
-// access.cpp what tests and line commands see and change behind the registers.
+// The inside of the simulator. One mutex guards cards, timers and counters; one thread announces
+// the cards and obeys managers. simulator.cpp has what cards do by themselves, obey.cpp what
+// managers ask of them, and access.cpp what tests and line commands see and change behind the
+// registers.
 #pragma once
 
 #include <atomic>
@@ -34,7 +35,7 @@ struct timer {
     bool operator>(const timer& other) const { return due > other.due; }
 };
 
-// An answer that is late. Of those due at the same time, the one made first leaves first.
+// A delayed answer. Of several that are due at the same time, the one made first leaves first.
 struct delayed_reply {
     steady::time_point due;
     std::uint64_t number;
@@ -88,12 +89,12 @@ struct simulator::impl {
     slot* find_by_mac(std::uint64_t mac);
     void obey(std::size_t port, const request& received);
     void obey_group(std::size_t port, const request& received);
-    void obey_as(slot& asked, std::size_t port, const request& received);
-    void answer_read(slot& asked, std::size_t port, const request& received);
+    void obey_as(slot& target, std::size_t port, const request& received);
+    void answer_read(slot& target, std::size_t port, const request& received);
     void send_reply(const card& sender, const reply& sent);
-    void leave(slot& asked, const reply& sent);
+    void leave(slot& target, const reply& sent);
 
-    // These take it.
+    // These lock the mutex.
     void begin();
     void announce_due();
     void answer_due();
@@ -103,7 +104,7 @@ struct simulator::impl {
     void loop();
 };
 
-// A card's life behind its registers: its file is loaded at the start and saved at the end.
+// What happens behind a card's registers when it comes and goes: its file is loaded and saved.
 void start_device(slot& started);
 void finish_device(slot& finished);
 

@@ -1,8 +1,8 @@
-// The wire in both directions, written from the protocol tables.
+// Writes the frames that cards send and reads the frames that they receive, from the protocol
+// tables.
 //
-// Header fields travel most significant byte first. Values that a card takes from its own registers
-// (bridge windows, PCI IDs, register data) travel as they lie in memory, least significant byte
-// first.
+// Header fields are big-endian. Values that a card takes from its own registers (bridge windows,
+// PCI IDs, register data) are sent as they are in memory, little-endian.
 #include <algorithm>
 #include <cstdio>
 
@@ -147,7 +147,7 @@ bool all_zero(frame_view bytes) {
     return std::all_of(bytes.begin(), bytes.end(), [](std::uint8_t b) { return b == 0; });
 }
 
-// Address bits 12 to 21 travel four places higher; bits 12 to 15 and 26 to 31 carry nothing.
+// Address bits 12 to 21 are sent four places higher; bits 12 to 15 and 26 to 31 must be zero.
 constexpr std::uint32_t address_mask = 0x03FF0FFF;
 
 std::uint32_t get_address(frame_view frame, request& out) {
@@ -187,7 +187,7 @@ void get_mms_write(frame_view frame, request& out) {
     out.body = write;
 }
 
-// The messages a card takes: the bytes the message fills, those its frame has at least.
+// The messages that a card accepts: the size of the message, and the minimum size of its frame.
 struct request_format {
     std::uint8_t subtype;
     std::size_t message_size;
@@ -213,7 +213,7 @@ std::string common_fault(frame_view frame, const request& received, const reques
     return {};
 }
 
-// Announcements and Completions.
+// Whether cards send this subtype: announcements and Completions.
 bool sent_by_cards(std::uint8_t subtype) {
     constexpr std::uint8_t subtypes[] = {0x10, 0x11, 0x18, 0x19, completion_subtype};
     return std::find(std::begin(subtypes), std::end(subtypes), subtype) != std::end(subtypes);

@@ -1,4 +1,4 @@
-// What tests and line commands see and change behind the registers of a card.
+// Tests of what tests and line commands can see and change behind a card's registers.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -14,9 +14,9 @@ namespace {
 using namespace cardsim;
 
 card named(const std::string& name, std::uint64_t id) {
-    card made = make_card(name, card_kind::qnio, card_speed::g1_10, id);
-    made.interval_ms = 0;
-    return made;
+    card result = make_card(name, card_kind::qnio, card_speed::g1_10, id);
+    result.interval_ms = 0;
+    return result;
 }
 
 frame_bytes content_of(const std::filesystem::path& file) {
@@ -107,9 +107,9 @@ struct AccessFile : Access {
     temporary_file own;
 
     card kept(const std::string& name, std::uint64_t id) const {
-        card made = named(name, id);
-        made.device.eeprom_file = own.path.string();
-        return made;
+        card result = named(name, id);
+        result.device.eeprom_file = own.path.string();
+        return result;
     }
     void write_file(std::size_t size) const { std::ofstream(own.path) << std::string(size, 'x'); }
 };

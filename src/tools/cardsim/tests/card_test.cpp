@@ -1,4 +1,4 @@
-// Fields by name: what set_field() takes, where it puts it, what it refuses.
+// Tests of set_field(): which fields and values it accepts, where it stores them, what it refuses.
 #include <gtest/gtest.h>
 
 #include <functional>

@@ -1,4 +1,4 @@
-// Line commands against cards on ports without a network.
+// Tests of line commands with cards on ports without a network.
 #include <gtest/gtest.h>
 
 #include "cardsim.h"

@@ -1,4 +1,4 @@
-// The register file: memory, presets, and the registers with a meaning of their own.
+// Tests of a card's registers: memory, presets and special registers.
 #include "device.h"
 
 #include <gtest/gtest.h>

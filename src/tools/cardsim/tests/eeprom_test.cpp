@@ -1,4 +1,4 @@
-// The EEPROM's phases, address forms and files.
+// Tests of the EEPROM: phases, address forms and files.
 #include "eeprom.h"
 
 #include <gtest/gtest.h>
@@ -275,7 +275,7 @@ TEST_F(EepromFile, MissingFileAndDirectoryAreNamed) {
     EXPECT_EQ(save(), named("cannot write", "it is a directory, not a regular file"));
 }
 
-// While it lives, no file of this process may grow beyond a size.
+// Limits the size of this process's files for its lifetime.
 class file_size_limit {
   public:
     explicit file_size_limit(rlim_t size) {
@@ -325,7 +325,7 @@ TEST_F(EepromFile, SavingThatFailsLeavesItChanged) {
     EXPECT_TRUE(state.changed);
 }
 
-// Nobody has the other end of the FIFO open, and it must not be waited for.
+// No process has the other end of the FIFO open, so opening it would wait for ever.
 TEST_F(EepromFile, IsNoFifoAndNoDevice) {
     ASSERT_EQ(0, mkfifo(file.c_str(), 0600));
     EXPECT_EQ(load(), named("cannot use", "it is a FIFO, not a regular file"));
@@ -335,7 +335,7 @@ TEST_F(EepromFile, IsNoFifoAndNoDevice) {
     EXPECT_EQ(save(), named("cannot write", "it is a device, not a regular file"));
 }
 
-// What has the name of the new file is removed; a link there is not followed.
+// A link with the name of the new file is removed and not followed.
 TEST_F(EepromFile, SavingIsNotLedAstray) {
     const std::filesystem::path fresh = file.string() + ".new";
     ASSERT_EQ(0, mkfifo(fresh.c_str(), 0600));

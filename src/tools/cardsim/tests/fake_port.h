@@ -1,4 +1,4 @@
-// Ports without a network: what is sent is kept, and a test can wait for it.
+// Fake ports without a network: they keep what is sent, and a test can wait for it.
 #pragma once
 
 #include <chrono>
@@ -25,7 +25,7 @@ struct cable {
         report = next;
     }
 
-    // False when `done` does not hold within a generous time.
+    // Returns false if `done` does not become true within a generous time.
     bool wait(const std::function<bool(const std::vector<cardsim::frame_bytes>&)>& done) {
         std::unique_lock lock(mutex);
         return changed.wait_for(lock, std::chrono::seconds(60), [&] { return done(frames); });

@@ -1,4 +1,5 @@
-// What each fault does to requests and answers, how often, and that the same seed repeats it.
+// Tests of the faults: what each does to requests and answers, how often, and that a seed repeats
+// them.
 #include "faults.h"
 
 #include <gtest/gtest.h>
@@ -26,19 +27,19 @@ struct Faults : testing::Test {
                 .path = 1,
                 .body = {.source = 0x11, .destination = 0x99, .tag = 7, .value = 0x1234}};
     }
-    fate decide_on(reply& given) { return decide(state, faults, given, counted); }
+    fate decide_on(reply& outgoing) { return decide(state, faults, outgoing, counted); }
 };
 
 TEST_F(Faults, NoneChangeNothing) {
     for (int n = 0; n < 100; ++n) {
-        reply given = fresh();
-        const fate decided = decide_on(given);
+        reply outgoing = fresh();
+        const fate decided = decide_on(outgoing);
         EXPECT_EQ(decided.what, verdict::leave);
         EXPECT_EQ(decided.delay, milliseconds(0));
-        EXPECT_EQ(given.port, 0U);
-        EXPECT_EQ(given.copies, 1U);
-        EXPECT_EQ(given.body.source, 0x11U);
-        EXPECT_EQ(given.body.tag, 7);
+        EXPECT_EQ(outgoing.port, 0U);
+        EXPECT_EQ(outgoing.copies, 1U);
+        EXPECT_EQ(outgoing.body.source, 0x11U);
+        EXPECT_EQ(outgoing.body.tag, 7);
         EXPECT_FALSE(request_lost(state, faults, counted));
     }
     EXPECT_EQ(describe(counted), describe(counters{}));
@@ -80,15 +81,15 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_P(AnswerFault, DoesThisAndNothingElse) {
     const fault_row& row = GetParam();
     faults.*row.rate = 1000;
-    reply given = fresh();
-    EXPECT_EQ(decide_on(given).what, row.what_follows);
-    EXPECT_EQ(given.port, row.port);
-    EXPECT_EQ(given.path, 1U);
-    EXPECT_EQ(given.copies, row.copies);
-    EXPECT_EQ(given.body.source, row.source);
-    EXPECT_EQ(given.body.destination, 0x99U);
-    EXPECT_EQ(given.body.tag, row.tag);
-    EXPECT_EQ(given.body.value, 0x1234U);
+    reply outgoing = fresh();
+    EXPECT_EQ(decide_on(outgoing).what, row.what_follows);
+    EXPECT_EQ(outgoing.port, row.port);
+    EXPECT_EQ(outgoing.path, 1U);
+    EXPECT_EQ(outgoing.copies, row.copies);
+    EXPECT_EQ(outgoing.body.source, row.source);
+    EXPECT_EQ(outgoing.body.destination, 0x99U);
+    EXPECT_EQ(outgoing.body.tag, row.tag);
+    EXPECT_EQ(outgoing.body.value, 0x1234U);
     counters expected;
     expected.*row.counter = 1;
     EXPECT_EQ(describe(counted), describe(expected));
@@ -99,8 +100,8 @@ TEST_P(AnswerFault, HappensAsOftenAsItsRateSays) {
     const fault_row& row = GetParam();
     faults.*row.rate = 200;
     for (int n = 0; n < many; ++n) {
-        reply given = fresh();
-        decide_on(given);
+        reply outgoing = fresh();
+        decide_on(outgoing);
         state.held.reset();
     }
     EXPECT_NEAR(static_cast<double>(counted.*row.counter), many * 0.2, many * 0.02);
@@ -125,8 +126,8 @@ std::vector<bool> losses(std::uint64_t seed, std::uint64_t id) {
     counters counted;
     std::vector<bool> lost;
     for (int n = 0; n < 100; ++n) {
-        reply given;
-        lost.push_back(decide(state, owner.faults, given, counted).what == verdict::lost);
+        reply outgoing;
+        lost.push_back(decide(state, owner.faults, outgoing, counted).what == verdict::lost);
     }
     return lost;
 }
@@ -142,8 +143,8 @@ TEST_F(Faults, DelaysLieBetweenTheirBoundsAndReachBoth) {
     faults.delay_max_ms = 9;
     std::set<milliseconds> seen;
     for (int n = 0; n < 200; ++n) {
-        reply given = fresh();
-        const fate decided = decide_on(given);
+        reply outgoing = fresh();
+        const fate decided = decide_on(outgoing);
         EXPECT_EQ(decided.what, verdict::wait);
         seen.insert(decided.delay);
     }
@@ -154,8 +155,8 @@ TEST_F(Faults, DelaysLieBetweenTheirBoundsAndReachBoth) {
 
 TEST_F(Faults, WithoutAnUpperBoundTheLowerOneIsExact) {
     faults.delay_min_ms = 5;
-    reply given = fresh();
-    EXPECT_EQ(decide_on(given).delay, milliseconds(5));
+    reply outgoing = fresh();
+    EXPECT_EQ(decide_on(outgoing).delay, milliseconds(5));
 }
 
 TEST_F(Faults, OneAnswerAtATimeIsHeldBack) {

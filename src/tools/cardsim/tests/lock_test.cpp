@@ -1,4 +1,4 @@
-// The two EEPROM locks, state by state.
+// Tests of the two EEPROM locks, state by state.
 #include "lock.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// The manual page: each key of a scenario and each command has its text.
+// Tests of the manual page: it describes each key of a scenario and each command.
 #include "man_page.h"
 
 #include <gtest/gtest.h>
@@ -13,17 +13,17 @@ namespace {
 
 using names = std::vector<std::string_view>;
 
-// Every key has a text and every text a key, once each.
+// Checks that the keys and the texts match one to one.
 void expect_texts_of(names known, std::span<const key_text> texts) {
-    names told;
+    names described;
     for (const key_text& row : texts) {
-        told.push_back(row.name);
+        described.push_back(row.name);
         EXPECT_EQ('.', row.help.empty() ? ' ' : row.help.back()) << row.name;
     }
     std::sort(known.begin(), known.end());
     known.erase(std::unique(known.begin(), known.end()), known.end());
-    std::sort(told.begin(), told.end());
-    EXPECT_EQ(known, told);
+    std::sort(described.begin(), described.end());
+    EXPECT_EQ(known, described);
 }
 
 TEST(ManPage, TellsEveryKeyOfACard) {

@@ -1,4 +1,4 @@
-// Frames as a manager sends them, put together from the bytes behind the header.
+// Makes frames as a manager sends them, from the bytes after the header.
 #pragma once
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// How deeply texts nest.
+// Tests of the check of how deeply texts nest.
 #include "nesting.h"
 
 #include <gtest/gtest.h>

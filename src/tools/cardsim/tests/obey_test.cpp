@@ -1,4 +1,4 @@
-// What cards make of a manager's frames, and the Completions they send.
+// Tests of how cards obey a manager's frames, and of the Completions that they send.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -49,11 +49,11 @@ struct Obey : testing::Test {
 
     // Heard on all paths, and never announces itself.
     void add(const std::string& name, card_speed speed, std::uint64_t id) {
-        card made = make_card(name, card_kind::qnio, speed, id);
-        made.vlan_id = vlan;
-        made.interval_ms = 0;
-        made.heard = {{{true, speed == card_speed::g40}, {true, speed == card_speed::g40}}};
-        sim.add(made);
+        card added = make_card(name, card_kind::qnio, speed, id);
+        added.vlan_id = vlan;
+        added.interval_ms = 0;
+        added.heard = {{{true, speed == card_speed::g40}, {true, speed == card_speed::g40}}};
+        sim.add(added);
     }
 
     void ask(std::uint64_t mac, const frame_bytes& message, std::size_t port = 0) {
@@ -254,11 +254,11 @@ TEST_F(Obey, MmsPageIsKept) {
 TEST_F(Obey, ObserverHearsOfItWhenTheCardHasObeyed) {
     cable out;
     std::uint32_t seen = 0;
-    simulator* asked = nullptr;
+    simulator* target = nullptr;
     simulator observed({out.port("p0")}, default_ether_type, [&](std::size_t, const request&) {
-        seen = asked->read_register("a", 0x100);
+        seen = target->read_register("a", 0x100);
     });
-    asked = &observed;
+    target = &observed;
     observed.add(make_card("a", card_kind::qnio, card_speed::g1_10, slow_id));
     observed.deliver(0, manager_frame(slow_id, 1, false, write_of(7)));
     EXPECT_EQ(seen, 7U);
@@ -340,17 +340,17 @@ TEST_F(Obey, SilentRegisterIsWrittenButNotAnswered) {
     EXPECT_EQ(sim.read_register("slow", 0x100), 7U);
 }
 
-// Delayed answers are sent by the thread, so everything that happens before start() is in time.
+// Delayed answers are sent by the thread, so nothing is sent before start().
 TEST_F(Obey, DelayedAnswerComesLaterWithTheValueOfThen) {
     sim.set("slow", "delay_min_ms", "20");
-    const auto asked = std::chrono::steady_clock::now();
+    const auto started = std::chrono::steady_clock::now();
     ask(slow_id, write_of(7));
     ask(slow_id, read_of(1));
     ask(slow_id, write_of(8));
     ask(fast_id, read_of(2));
     sim.start();
     EXPECT_TRUE(first.wait([](const frames& f) { return f.size() == 2; }));
-    EXPECT_GE(std::chrono::steady_clock::now() - asked, std::chrono::milliseconds(20));
+    EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(20));
     sim.stop();
     sim.wait();
     ASSERT_EQ(tags(first), (frame_bytes{2, 1}));
@@ -404,12 +404,12 @@ std::vector<std::uint64_t> run_with(std::uint64_t seed, bool busy_neighbour) {
     cable out;
     simulator sim({out.port("p0")});
     for (const auto& [name, id] : {std::pair{"a", slow_id}, std::pair{"b", fast_id}}) {
-        card made = make_card(name, card_kind::qnio, card_speed::g1_10, id);
-        made.faults.seed = seed;
-        made.faults.lose_requests = made.faults.lose_answers = 200;
-        made.faults.duplicate_answers = made.faults.reorder_answers = 300;
-        made.faults.wrong_tag = 100;
-        sim.add(made);
+        card added = make_card(name, card_kind::qnio, card_speed::g1_10, id);
+        added.faults.seed = seed;
+        added.faults.lose_requests = added.faults.lose_answers = 200;
+        added.faults.duplicate_answers = added.faults.reorder_answers = 300;
+        added.faults.wrong_tag = 100;
+        sim.add(added);
     }
     for (int n = 0; n < 200; ++n) {
         sim.deliver(0, manager_frame(slow_id, 1, false, read_of(static_cast<std::uint8_t>(n))));
@@ -454,10 +454,10 @@ TEST(ObeyAgain, AnnouncementsDrawFromASequenceOfTheirOwn) {
     const auto answered = [](int announcements) {
         cable out;
         simulator sim({out.port("p0")});
-        card made = make_card("a", card_kind::qnio, card_speed::g1_10, slow_id);
-        made.faults.lose_requests = made.faults.lose_announcements = 500;
-        made.faults.duplicate_announcements = 500;
-        sim.add(made);
+        card added = make_card("a", card_kind::qnio, card_speed::g1_10, slow_id);
+        added.faults.lose_requests = added.faults.lose_announcements = 500;
+        added.faults.duplicate_announcements = 500;
+        sim.add(added);
         for (; announcements > 0; --announcements)
             sim.devinfo("a");
         out.frames.clear();

@@ -1,4 +1,4 @@
-// What cards, fields and files say when they refuse something.
+// Helper for tests: the error text when a card, a field or a file is refused.
 #pragma once
 
 #include <string>

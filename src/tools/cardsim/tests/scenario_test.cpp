@@ -1,4 +1,4 @@
-// Scenarios: the cards that they make, and errors that name the place.
+// Tests of scenarios: the cards that they make, and errors that name the place.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -36,13 +36,13 @@ TEST(Scenario, Defaults) {
     EXPECT_EQ(read.ether_type, 0x88B6);
     EXPECT_TRUE(read.ports.empty());
     ASSERT_EQ(read.cards.size(), 1U);
-    const card& made = read.cards[0];
-    EXPECT_EQ(made.name, "a");
-    EXPECT_EQ(made.id, 0x020000000010U);
-    EXPECT_EQ(made.ether_type, 0x88B6);
-    EXPECT_EQ(made.interval_ms, 1000U);
-    EXPECT_TRUE(made.heard[0][0]);
-    EXPECT_FALSE(made.heard[0][1] || made.heard[1][0] || made.heard[1][1]);
+    const card& result = read.cards[0];
+    EXPECT_EQ(result.name, "a");
+    EXPECT_EQ(result.id, 0x020000000010U);
+    EXPECT_EQ(result.ether_type, 0x88B6);
+    EXPECT_EQ(result.interval_ms, 1000U);
+    EXPECT_TRUE(result.heard[0][0]);
+    EXPECT_FALSE(result.heard[0][1] || result.heard[1][0] || result.heard[1][1]);
 }
 
 TEST(Scenario, HeardOnEveryPortAndPathByDefault) {
@@ -89,23 +89,23 @@ TEST(Scenario, TablesInsideTheCard) {
 }
 
 TEST(Scenario, RegistersAndEeprom) {
-    const card made = parsed(card_text("register_default = 0xFFFFFFFF\neeprom_fill = 0\n"
-                                       "eeprom_file = \"a.eeprom\"\n"
-                                       "silent_registers = [0x20, 0x24]\nfault_seed = 7\n"
-                                       "lose_answers = 50\n"
-                                       "[card.registers]\n0x1000 = 0x12345678\n\"4\" = 5\n"
-                                       "[card.eeprom]\n0x10 = \"SERIAL\"\n0x20 = 0x01020304\n"))
-                          .cards[0];
-    EXPECT_EQ(made.device.register_default, 0xFFFFFFFFU);
-    EXPECT_EQ(made.device.eeprom_fill, 0);
-    EXPECT_EQ(made.device.eeprom_file, "a.eeprom");
-    EXPECT_EQ(made.device.registers,
+    const card result = parsed(card_text("register_default = 0xFFFFFFFF\neeprom_fill = 0\n"
+                                         "eeprom_file = \"a.eeprom\"\n"
+                                         "silent_registers = [0x20, 0x24]\nfault_seed = 7\n"
+                                         "lose_answers = 50\n"
+                                         "[card.registers]\n0x1000 = 0x12345678\n\"4\" = 5\n"
+                                         "[card.eeprom]\n0x10 = \"SERIAL\"\n0x20 = 0x01020304\n"))
+                            .cards[0];
+    EXPECT_EQ(result.device.register_default, 0xFFFFFFFFU);
+    EXPECT_EQ(result.device.eeprom_fill, 0);
+    EXPECT_EQ(result.device.eeprom_file, "a.eeprom");
+    EXPECT_EQ(result.device.registers,
               (std::map<std::uint32_t, std::uint32_t>{{0x1000, 0x12345678}, {4, 5}}));
-    EXPECT_EQ(made.device.eeprom,
+    EXPECT_EQ(result.device.eeprom,
               (std::map<std::uint32_t, std::string>{{0x10, "SERIAL"}, {0x20, "\4\3\2\1"}}));
-    EXPECT_EQ(made.faults.silent_registers, (std::vector<std::uint32_t>{0x20, 0x24}));
-    EXPECT_EQ(made.faults.seed, 7U);
-    EXPECT_EQ(made.faults.lose_answers, 50);
+    EXPECT_EQ(result.faults.silent_registers, (std::vector<std::uint32_t>{0x20, 0x24}));
+    EXPECT_EQ(result.faults.seed, 7U);
+    EXPECT_EQ(result.faults.lose_answers, 50);
 }
 
 TEST(Scenario, NoSilentRegisterIsAnEmptyList) {
@@ -230,7 +230,7 @@ TEST(Scenario, MissingFileIsNamed) {
               "cannot read the scenario \"/nonexistent/cards.toml\": No such file or directory");
 }
 
-// Nobody writes to the FIFO, and it must not be waited for.
+// No process writes to the FIFO, so reading it would wait for ever.
 TEST(Scenario, IsARegularFileOfBoundedSize) {
     const temporary_file own;
     const std::string start = "cannot read the scenario \"" + own.path.string() + "\": it ";

@@ -1,4 +1,4 @@
-// The announcing thread, timers and counters, on ports without a network.
+// Tests of the announcing thread, timers and counters, on ports without a network.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -22,9 +22,9 @@ using cardsim::make_card;
 using frames = std::vector<frame_bytes>;
 
 card io_card(std::string name, std::uint64_t id, std::uint32_t interval_ms) {
-    card made = make_card(std::move(name), card_kind::qnio, card_speed::g1_10, id);
-    made.interval_ms = interval_ms;
-    return made;
+    card result = make_card(std::move(name), card_kind::qnio, card_speed::g1_10, id);
+    result.interval_ms = interval_ms;
+    return result;
 }
 
 long count_of(const frames& sent, std::uint8_t last_byte_of_source) {
@@ -123,12 +123,12 @@ TEST(Simulator, CardWithoutIntervalWaitsToBeTold) {
 TEST(Simulator, ThousandsOfCardsAreAllHeard) {
     cable out;
     cardsim::simulator sim({out.port("p0")});
-    for (const card& made :
+    for (const card& added :
          cardsim::parse_scenario("[[card]]\nname=\"r\"\nkind=\"qnio\"\nspeed=\"1g10g\"\n"
                                  "id=0x020000000000\ncount=3000\ninterval_ms=200\n",
                                  "x")
              .cards) {
-        sim.add(made);
+        sim.add(added);
     }
     EXPECT_EQ(sim.announce_all(), 3000U);
     const auto sources = [](auto first, auto last) {

@@ -1,4 +1,4 @@
-// A file name of the running test's own. A file of that name is removed at the end.
+// A file name that only the running test uses. A file of that name is removed at the end.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -1,4 +1,5 @@
-// decode(): every frame a card takes, written out by hand in both header arrangements.
+// Tests of decode(): every frame that a card accepts, written out by hand in both header
+// arrangements.
 #include <gtest/gtest.h>
 
 #include <ostream>

@@ -1,4 +1,4 @@
-// encode(): every frame a card sends, byte by byte against frames written out by hand.
+// Tests of encode(): every frame that a card sends, compared with frames written out by hand.
 #include <gtest/gtest.h>
 
 #include "cardsim.h"
@@ -20,23 +20,23 @@ frame_bytes slice(const frame_bytes& frame, std::size_t from, std::size_t size) 
 
 // An I/O card with a different value in every field.
 card full_io_card(card_speed speed) {
-    card made = make_card("io", card_kind::qnio, speed, 0x123456789ABC);
-    made.vlan_id = 0x234;
-    made.flow_id = 0x5A;
-    made.uid_switch = true;
-    made.link0_fault = true;
-    made.link_status = 0xC3;
-    made.sw_status0 = 0x11;
-    made.version = 2;
-    made.port1_link = false;
-    made.int_vector = 0x77;
-    made.io_substate = {0x06, 0x02};
-    made.ser_mac = 0x02AABBCCDDEE;
-    made.device_id = 0x1234;
-    made.vendor_id = 0x5678;
-    made.class_code = 0x9ABCDE;
-    made.resource_id = 0x0A0B;
-    return made;
+    card result = make_card("io", card_kind::qnio, speed, 0x123456789ABC);
+    result.vlan_id = 0x234;
+    result.flow_id = 0x5A;
+    result.uid_switch = true;
+    result.link0_fault = true;
+    result.link_status = 0xC3;
+    result.sw_status0 = 0x11;
+    result.version = 2;
+    result.port1_link = false;
+    result.int_vector = 0x77;
+    result.io_substate = {0x06, 0x02};
+    result.ser_mac = 0x02AABBCCDDEE;
+    result.device_id = 0x1234;
+    result.vendor_id = 0x5678;
+    result.class_code = 0x9ABCDE;
+    result.resource_id = 0x0A0B;
+    return result;
 }
 
 TEST(Send, IoDevinfo) {
@@ -146,15 +146,15 @@ frame_bytes ascending(std::uint8_t first, std::size_t size) {
 }
 
 card full_server_card(card_speed speed) {
-    card made = make_card("sv", card_kind::qnsv, speed, 0x020000000010);
-    made.up_port = bridge_from(0x01);
-    for (std::size_t k = 0; k < made.down_ports.size(); ++k) {
+    card result = make_card("sv", card_kind::qnsv, speed, 0x020000000010);
+    result.up_port = bridge_from(0x01);
+    for (std::size_t k = 0; k < result.down_ports.size(); ++k) {
         const auto mark = static_cast<std::uint8_t>(k << 4);
-        made.down_ports[k].port_status = {mark, 0x02};
-        made.down_ports[k].io_mac = 0x020000001000 + k;
-        made.down_ports[k].com_port = bridge_from(mark);
+        result.down_ports[k].port_status = {mark, 0x02};
+        result.down_ports[k].io_mac = 0x020000001000 + k;
+        result.down_ports[k].com_port = bridge_from(mark);
     }
-    return made;
+    return result;
 }
 
 void expect_server_payload(const frame_bytes& frame, std::size_t ports) {

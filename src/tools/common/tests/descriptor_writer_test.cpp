@@ -43,27 +43,27 @@ struct channel {
     }
 };
 
-void open_pipe(channel& made) {
+void open_pipe(channel& opened) {
     int ends[2];
     ASSERT_EQ(0, pipe(ends));
-    made.out = ends[0];
-    made.in = ends[1];
+    opened.out = ends[0];
+    opened.in = ends[1];
 }
 
-void open_socket(channel& made) {
+void open_socket(channel& opened) {
     int ends[2];
     ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, ends));
-    made.out = ends[0];
-    made.in = ends[1];
+    opened.out = ends[0];
+    opened.in = ends[1];
 }
 
-void open_terminal(channel& made) {
-    made.out = posix_openpt(O_RDWR | O_NOCTTY);
-    ASSERT_GE(made.out, 0);
-    ASSERT_EQ(0, grantpt(made.out));
-    ASSERT_EQ(0, unlockpt(made.out));
-    made.in = open(ptsname(made.out), O_RDWR | O_NOCTTY);
-    ASSERT_GE(made.in, 0);
+void open_terminal(channel& opened) {
+    opened.out = posix_openpt(O_RDWR | O_NOCTTY);
+    ASSERT_GE(opened.out, 0);
+    ASSERT_EQ(0, grantpt(opened.out));
+    ASSERT_EQ(0, unlockpt(opened.out));
+    opened.in = open(ptsname(opened.out), O_RDWR | O_NOCTTY);
+    ASSERT_GE(opened.in, 0);
 }
 
 struct kind {
