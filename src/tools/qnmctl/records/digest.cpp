@@ -27,6 +27,15 @@ std::optional<int> lost_with_port(const told_change& reported) {
     return all && is_link_down(first) ? std::optional(first.port) : std::nullopt;
 }
 
+// Whether nothing but paths by this port has changed, and these are connected.
+bool is_back(const told_change& reported, int port) {
+    const auto is_path_back = [port](const change& difference) {
+        return difference.after.about == aspect::path && difference.after.value != 0 &&
+               difference.after.key[1] - '0' == port;
+    };
+    return !reported.first && std::ranges::all_of(reported.changes, is_path_back);
+}
+
 }  // namespace
 
 std::string grouped(std::uint64_t number) {
@@ -49,19 +58,51 @@ bool digest::is_opening(const observed& seen, const told_change& reported,
            ((kind == meaning::plain || kind == meaning::back) && heard_.contains(seen.id));
 }
 
+// The port that this card was cut off with, if it is connected by it again.
+std::optional<int> digest::port_back(const observed& seen, const told_change& reported) const {
+    for (const auto& [port, cards] : cut_off_) {
+        if (cards.contains(seen.id) && seen.record && is_back(reported, port)) return port;
+    }
+    return std::nullopt;
+}
+
 std::string digest::add(const observed& seen, const told_change& reported, clock::time_point now) {
-    std::string held = due(now);
+    const std::string printed = due(now);
     const std::string line = event_line(seen, reported, how_.coloured) + '\n';
     if (is_opening(seen, reported, now)) {
         heard_.insert_or_assign(seen.id, *seen.record);
-        return held;
+        return printed;
     }
-    const std::optional<int> port = lost_with_port(reported);
-    if (!port) return held + line;
-    lost_port& lost = ports_.try_emplace(*port, lost_port{seen.when, now, now}).first->second;
-    lost.last = now;
-    lost.cards[seen.id] += line;
-    return held;
+    if (const auto port = lost_with_port(reported)) {
+        return printed + hold(*port, false, seen, line, now);
+    }
+    if (const auto port = port_back(seen, reported)) {
+        return printed + hold(*port, true, seen, line, now);
+    }
+    return printed + line;
+}
+
+// Returns what was held of the port before, if its link has changed since.
+std::string digest::hold(int port, bool up, const observed& seen, const std::string& line,
+                         clock::time_point now) {
+    std::string before;
+    const auto held = ports_.find(port);
+    if (held != ports_.end() && held->second.up != up) {
+        before = port_text(port, held->second);
+        ports_.erase(held);
+    }
+    port_line& own = ports_.try_emplace(port, port_line{up, seen.when, now, now}).first->second;
+    own.last = now;
+    own.cards[seen.id] += line;
+    return before;
+}
+
+// Cards are lost at once, but come back one by one.
+digest::clock::time_point digest::end_of(int port, const port_line& held) const {
+    if (!held.up) return std::min(held.last + port_pause, held.first + down_limit);
+    const bool complete = held.cards.size() == cut_off_.at(port).size();
+    const clock::time_point limit = held.first + up_limit;
+    return complete ? std::min(held.last + port_pause, limit) : limit;
 }
 
 std::optional<digest::clock::time_point> digest::next() const {
@@ -70,8 +111,8 @@ std::optional<digest::clock::time_point> digest::next() const {
         at = at ? std::min(*at, candidate) : candidate;
     };
     if (!summarised_) consider(summary_at_);
-    for (const auto& [port, lost] : ports_)
-        consider(std::min(lost.last + port_pause, lost.first + port_limit));
+    for (const auto& [port, held] : ports_)
+        consider(end_of(port, held));
     return at;
 }
 
@@ -79,9 +120,9 @@ std::string digest::due(clock::time_point now) {
     std::string text;
     if (!summarised_ && now >= summary_at_) text += summarise(now);
     std::erase_if(ports_, [&](const auto& entry) {
-        const lost_port& lost = entry.second;
-        if (now < lost.last + port_pause && now < lost.first + port_limit) return false;
-        text += port_text(entry.first, lost);
+        const auto& [port, held] = entry;
+        if (now < end_of(port, held)) return false;
+        text += port_text(port, held);
         return true;
     });
     return text;
@@ -112,15 +153,26 @@ std::string digest::summarise(clock::time_point now) {
     return text + '\n';
 }
 
-std::string digest::port_text(int port, const lost_port& lost) const {
+std::string digest::port_text(int port, const port_line& held) {
     const auto at = static_cast<std::size_t>(port);
     const std::string name = at < how_.ports.size() ? " (" + how_.ports[at] + ')' : "";
-    std::string text =
-        time_text(lost.when) + ' ' +
-        in_colour("port " + std::to_string(port) + name + ": link down", red, how_.coloured) +
-        ", " + counted(lost.cards.size(), "card") + " disconnected\n";
+    const std::string what = "port " + std::to_string(port) + name + ": link ";
+    std::set<std::uint64_t>& cut_off = cut_off_[port];
+    std::string text = time_text(held.when) + ' ';
+    if (held.up) {
+        const std::size_t all = cut_off.size();
+        text += in_colour(what + "up", green, how_.coloured) + ", ";
+        if (held.cards.size() < all) text += grouped(held.cards.size()) + " of ";
+        text += counted(all, "card") + " connected\n";
+        cut_off.clear();
+    } else {
+        text += in_colour(what + "down", red, how_.coloured) + ", " +
+                counted(held.cards.size(), "card") + " disconnected\n";
+        for (const auto& [id, lines] : held.cards)
+            cut_off.insert(id);
+    }
     if (!how_.each_card) return text;
-    for (const auto& [id, lines] : lost.cards)
+    for (const auto& [id, lines] : held.cards)
         text += lines;
     return text;
 }

@@ -860,6 +860,8 @@ TEST_F(Cards, AreSummedUpByAWatch) {
     }));
     run_or_throw("ip link set qsim1 down");
     EXPECT_TRUE(holds(run.read_until(" port 1 (qnm1): link down, "), "link down, "));
+    run_or_throw("ip link set qsim1 up");
+    EXPECT_TRUE(holds(run.read_until(" port 1 (qnm1): link up, "), "link up, "));
     run.say("quit");
     EXPECT_EQ(0, run.end());
 }

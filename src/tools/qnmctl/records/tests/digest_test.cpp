@@ -21,6 +21,22 @@ class Digest : public testing::Test {
         return digested.add(seen, tell(known, type, record), start + after);
     }
 
+    std::string go_down(std::uint64_t last_id) {
+        digested.due(start + 3s);
+        for (std::uint64_t id = 2; id <= last_id; id += 2) {
+            make_known(id);
+            tell_at(4s, QNM_EVT_CHANNELSTATECHANGE, cut_off(id));
+        }
+        return digested.due(start + 5s);
+    }
+
+    // A card that is connected by port 1.
+    static qnm_qnio_t back(std::uint64_t id) {
+        qnm_qnio_t record = cut_off(id);
+        record.eio_com_dev.ecd_state[1][1] = 1;
+        return record;
+    }
+
     // A card that was connected by port 1 alone, and was lost because that link went down.
     static qnm_qnio_t cut_off(std::uint64_t id) {
         qnm_qnio_t record = sample_device();
@@ -32,8 +48,7 @@ class Digest : public testing::Test {
     }
 
     void make_known(std::uint64_t id) {
-        qnm_qnio_t record = cut_off(id);
-        record.eio_com_dev.ecd_state[1][1] = 1;
+        const qnm_qnio_t record = back(id);
         for (int type = 0; type < QNM_EVT_MAX; ++type)
             tell(known, static_cast<qnm_evt_type_t>(type), record);
     }
@@ -112,6 +127,48 @@ TEST_F(Digest, HoldsALineOfAPortForALimitedTimeOnly) {
         text = tell_at(at, QNM_EVT_CHANNELSTATECHANGE, cut_off(id));
     }
     EXPECT_TRUE(holds(text, "link down, 10 cards disconnected\n")) << text;
+}
+
+TEST_F(Digest, TellsAPortThatIsBackInOneLine) {
+    go_down(4002);
+    for (std::uint64_t id = 2; id <= 4002; id += 2) {
+        for (const qnm_evt_type_t type : {QNM_EVT_UPDATEDEVINFO, QNM_EVT_CHANNELSTATECHANGE})
+            EXPECT_EQ("", tell_at(8s, type, back(id)));
+    }
+    EXPECT_EQ("", digested.due(start + 8299ms));
+    const std::string text = digested.due(start + 8300ms);
+    EXPECT_TRUE(text.ends_with(" port 1 (eth2): link up, 2,001 cards connected\n")) << text;
+    EXPECT_FALSE(digested.next());
+}
+
+TEST_F(Digest, WaitsForCardsThatAreBackForALimitedTimeOnly) {
+    go_down(6);
+    EXPECT_EQ("", tell_at(8s, QNM_EVT_CHANNELSTATECHANGE, back(2)));
+    EXPECT_EQ("", tell_at(10s, QNM_EVT_CHANNELSTATECHANGE, back(4)));
+    EXPECT_EQ("", digested.due(start + 10'999ms));
+    EXPECT_TRUE(digested.due(start + 11s).ends_with(": link up, 2 of 3 cards connected\n"));
+    const std::string late = tell_at(12s, QNM_EVT_CHANNELSTATECHANGE, back(6));
+    EXPECT_TRUE(holds(late, " CHANNELSTATECHANGE QNIO 0x000000000006  path P1M1 ")) << late;
+}
+
+TEST_F(Digest, TellsAPortThatGoesUpAndDownInOrder) {
+    go_down(4);
+    tell_at(8s, QNM_EVT_CHANNELSTATECHANGE, back(2));
+    std::string text = tell_at(9s, QNM_EVT_CHANNELSTATECHANGE, cut_off(2));
+    text += tell_at(9s, QNM_EVT_CHANNELSTATECHANGE, cut_off(4));
+    text += digested.due(start + 10s);
+    const std::size_t up = text.find("link up, 1 of 2 cards connected\n");
+    const std::size_t down = text.find("link down, ");
+    EXPECT_LT(up, down) << text;
+    EXPECT_NE(std::string::npos, down) << text;
+}
+
+TEST_F(Digest, TellsWhatElseChangedOnACardThatIsBack) {
+    go_down(2);
+    qnm_qnio_t record = back(2);
+    record.eio_com_dev.ecd_power ^= 1;
+    const std::string text = tell_at(8s, QNM_EVT_UPDATEDEVINFO, record);
+    EXPECT_TRUE(holds(text, "power ")) << text;
 }
 
 TEST(Grouped, HasThreeDigitsInAGroup) {
