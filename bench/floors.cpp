@@ -116,15 +116,15 @@ void two_thread_asker::run() {
 }
 
 void two_thread_asker::take(const qnet_com_comp_s& answer) {
-    slot& asked = slots_[answer.tag];
+    slot& pending = slots_[answer.tag];
     {
-        const std::lock_guard lock(asked.mutex);
-        if (!asked.armed) return;
-        asked.armed = false;
-        asked.has_answer = true;
-        asked.data = qnm::host32(answer.data);
+        const std::lock_guard lock(pending.mutex);
+        if (!pending.armed) return;
+        pending.armed = false;
+        pending.has_answer = true;
+        pending.data = qnm::host32(answer.data);
     }
-    asked.answered.notify_one();
+    pending.answered.notify_one();
 }
 
 void two_thread_asker::arm(uint8_t tag) {
@@ -134,11 +134,11 @@ void two_thread_asker::arm(uint8_t tag) {
 }
 
 bool two_thread_asker::await(uint8_t tag, uint32_t* data) {
-    slot& asked = slots_[tag];
-    std::unique_lock lock(asked.mutex);
+    slot& pending = slots_[tag];
+    std::unique_lock lock(pending.mutex);
     const auto limit = std::chrono::milliseconds(k_patience * k_poll_ms);
-    if (!asked.answered.wait_for(lock, limit, [&] { return asked.has_answer; })) return false;
-    *data = asked.data;
+    if (!pending.answered.wait_for(lock, limit, [&] { return pending.has_answer; })) return false;
+    *data = pending.data;
     return true;
 }
 

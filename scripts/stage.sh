@@ -48,8 +48,8 @@ act() {
   printf '   %s\n' "$@"
 }
 
-# Ends the demonstration: says what is missing, and what the cards complained of; the complaints of
-# the operator's command stand among its lines.
+# Ends the demonstration: says what is missing, and prints the errors of the cards. Those of the
+# operator's command are among its lines.
 fail() {
   printf '%s   MISSING: %s%s\n' "$red" "$*" "$plain"
   local line

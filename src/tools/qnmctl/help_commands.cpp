@@ -65,11 +65,9 @@ std::vector<candidate> heard_cards(const context& with, const settings& chosen) 
 
 constexpr char completion_help[] =
     "\"source <(qnmctl completion bash)\" switches it on for a running shell; packages install it\n"
-    "for all. Card IDs are completed, too: the cards that can be heard within a second are "
-    "offered,\n"
-    "by --ports or --dir where they stand on the line. The shell's user needs CAP_NET_RAW for "
-    "that:\n"
-    "sudo setcap cap_net_raw+ep $(command -v qnmctl).";
+    "for all. Card IDs are completed, too: the cards that can be heard within a second are\n"
+    "offered, by --ports or --dir where they stand on the line. The shell's user needs\n"
+    "CAP_NET_RAW for that: sudo setcap cap_net_raw+ep $(command -v qnmctl).";
 
 constexpr example completion_examples[] = {
     {"source <(qnmctl completion bash)", "Completion in this shell"},

@@ -127,7 +127,8 @@ bool is_confirmed(const context& with, const std::string& question) {
 
 void check_can_ask(const context& with) {
     if (!with.results.is_text()) {
-        throw usage_error("JSON leaves no room for a question\nAdd --yes.");
+        throw usage_error(
+            "the command asks before it changes many cards, and cannot with JSON\nAdd --yes.");
     }
     if (isatty(STDIN_FILENO) != 1) {
         throw usage_error("there is no terminal to ask on\nAdd --yes to do it without a question.");
@@ -162,9 +163,8 @@ void start_and_hear(context& with, const access_options& options) {
 std::string address_hint(std::uint64_t id) {
     if (id > last_register) return {};
     return hex_text(id, 1) +
-           " does not look like a card, but like an address. One address is accessed at a time; "
-           "the "
-           "words before it are cards.";
+           " does not look like a card, but like an address.\nOne address is accessed at a time; "
+           "the words before it are cards.";
 }
 
 std::vector<std::uint64_t> wanted_ids(const access_options& options) {

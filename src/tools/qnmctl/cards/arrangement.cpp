@@ -95,7 +95,7 @@ void add_filter(command& to, card_filter& filter) {
     add_card_filter(to, filter.cards);
     add_option(to,
                {"--state", "STATE",
-                "Only cards of which a path is connected, or none: connected or disconnected"},
+                "Only cards with a connected path (connected), or without any (disconnected)"},
                choice(filter.connected, state_words));
 }
 

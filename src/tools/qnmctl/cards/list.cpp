@@ -17,14 +17,11 @@ namespace {
 constexpr char list_help[] =
     "VLAN is the card's VLAN ID, VER its version, MODE its VLAN mode, R-ID the resource ID of a\n"
     "QNIO card, and TROUBLE what the card announces of itself: link faults, power off, the\n"
-    "interrupt vector. A narrow terminal gets the columns that matter most. The paths are named "
-    "by\n"
-    "local port P and path M on the card: C connected, D disconnected, - never heard. On a "
-    "terminal\n"
-    "a card without any path is red, one that has lost a path or announces an error yellow, and a\n"
-    "table that is longer than the terminal goes through $PAGER. \"heard\" sorts by the time "
-    "since\n"
-    "a card was heard, the longest first.\n"
+    "interrupt vector. A narrow terminal gets the columns that matter most. The paths are named\n"
+    "by local port P and path M on the card: C connected, D disconnected, - never heard. On a\n"
+    "terminal a card without any path is red, one that has lost a path or announces an error\n"
+    "yellow, and a table that is longer than the terminal goes through $PAGER. \"heard\" sorts by\n"
+    "the time since a card was heard, the longest first.\n"
     "If no card is heard, the problems that doctor finds are printed, and the exit status is 5.";
 
 constexpr example list_examples[] = {

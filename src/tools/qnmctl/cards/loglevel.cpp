@@ -10,9 +10,8 @@ namespace qnmctl {
 namespace {
 
 constexpr char loglevel_help[] =
-    "The level is that of the running manager, and qnmctl has one only as long as it runs. So "
-    "this\n"
-    "is a line to type into a running watch: \"loglevel debug\". The log is where --log or\n"
+    "The level is that of the running manager, and qnmctl has one only as long as it runs. So\n"
+    "this is a line to type into a running watch: \"loglevel debug\". The log is where --log or\n"
     "--keep-logs puts it. For a single command, give --log-level.";
 
 constexpr const char* level_words[] = {"fatal", "error", "warn", "info", "debug", "trace", "none"};

@@ -11,9 +11,9 @@ namespace qnmctl {
 namespace {
 
 constexpr char monitor_help[] =
-    "Monitoring is controlled in a running manager, and qnmctl has one only as long as it runs. "
-    "So\n"
-    "this is a line to type into a running watch: \"monitor stop ID\" and \"monitor restart ID\".";
+    "Monitoring is controlled in a running manager, and qnmctl has one only as long as it runs.\n"
+    "So this is a line to type into a running watch: \"monitor stop ID\" and \"monitor restart\n"
+    "ID\".";
 
 enum class action { stop, restart };
 

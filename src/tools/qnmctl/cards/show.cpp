@@ -11,9 +11,8 @@ namespace qnmctl {
 namespace {
 
 constexpr char show_help[] =
-    "Each line has the title of a field, its name in JSON and its value. For a QNSV card the "
-    "bridge\n"
-    "settings and the downstream ports follow the fields that both kinds of cards have.";
+    "Each line has the title of a field, its name in JSON and its value. For a QNSV card the\n"
+    "bridge settings and the downstream ports follow the fields that both kinds of cards have.";
 
 constexpr example show_examples[] = {
     {"qnmctl show 0x020000001000", "Every field of a card"},

@@ -14,12 +14,10 @@ constexpr char stats_help[] =
     "Prints what a manager writes into its statistics log, here of the manager in this process. A\n"
     "host program's dumps are in the file that qnm_log4c.properties names for the logger\n"
     "statslogfile. In the dump's table of cards G-ID is the VLAN ID, VER the version plus 1 (list\n"
-    "and show have the version itself), CONNECT the paths P0M0, P0M1, P1M0 and P1M1 (C connected, "
-    "D\n"
-    "disconnected or never heard), IG-STATE the monitoring (WATCH: monitored, IGNORE: stopped,\n"
-    "RESTART: restarted, not heard since), VLAN MODE the VLAN mode, and R-ID the resource ID. "
-    "JSON\n"
-    "has all numbers under names.";
+    "and show have the version itself), CONNECT the paths P0M0, P0M1, P1M0 and P1M1 (C connected,\n"
+    "D disconnected or never heard), IG-STATE the monitoring (WATCH: monitored, IGNORE: stopped,\n"
+    "RESTART: restarted, not heard since), VLAN MODE the VLAN mode, and R-ID the resource ID.\n"
+    "JSON has all numbers under names.";
 
 constexpr example stats_examples[] = {
     {"qnmctl stats", "The status dump after 3 seconds"},

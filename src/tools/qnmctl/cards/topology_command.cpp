@@ -14,10 +14,9 @@ namespace {
 constexpr char topology_help[] =
     "A QNSV card reports the MAC address behind each of its downstream ports, a QNIO card that of\n"
     "the QNSV card it is bound to. Where only one of them reports a link, or the other one is not\n"
-    "heard, an exclamation mark says so. -o dot is a picture for Graphviz, from the host on the "
-    "left\n"
-    "by its ports to the cards of each group. It has a line for each path, too; what is lost is "
-    "red:\n"
+    "heard, an exclamation mark says so. -o dot is a picture for Graphviz, from the host on the\n"
+    "left by its ports to the cards of each group. It has a line for each path, too; what is lost\n"
+    "is red:\n"
     "    qnmctl --ports eth1 topology -o dot | dot -Tsvg > topology.svg";
 
 constexpr example topology_examples[] = {

@@ -11,17 +11,16 @@ namespace qnmctl {
 namespace {
 
 constexpr char watch_help[] =
-    "Text begins with a summary of the cards heard in the first seconds, and a port that goes "
-    "down\n"
-    "is one line with the number of its cards; --all, --event or --count bring a line for each\n"
-    "event. Records in JSON are always one for each.\n"
-    "One line for every event: local time, event, kind and ID of the card, and what changed, from\n"
-    "what to what, with the reason behind it: announced, expired after so long a silence, link\n"
-    "down on a port, stopped or restarted by the operator. With several filters an event has to\n"
-    "pass all of them; a card passes --kind and --group by what it is now or by what was told of\n"
-    "it before, so the event in which it leaves a group is told, too. Ends at Ctrl-C, SIGTERM, or\n"
-    "when its reader has gone. While it runs, lines on standard input are commands, on cards\n"
-    "already heard: \"help\" lists them, \"quit\" ends it, the end of standard input does not.";
+    "Text begins with a summary of the cards heard in the first seconds. A port whose link goes\n"
+    "down or comes back is one line with the number of its cards. With --all, --event or --count\n"
+    "there is a line for each event; in JSON there always is a record for each. The line of an\n"
+    "event has the local time, the event, kind and ID of the card, and what changed, from what to\n"
+    "what, with the reason: announced, expired after so long a silence, link down on a port,\n"
+    "stopped or restarted by the operator. With several filters an event has to pass all of them.\n"
+    "A card passes --kind and --group by its record before or after the event, so the event in\n"
+    "which it leaves a group is printed too. Ends at Ctrl-C, SIGTERM, or when its reader has\n"
+    "gone. While it runs, lines on standard input are commands, on cards already heard: \"help\"\n"
+    "lists them, \"quit\" ends it, the end of standard input does not.";
 
 constexpr example watch_examples[] = {
     {"qnmctl watch", "What happens to the cards from now on"},

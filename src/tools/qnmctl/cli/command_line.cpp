@@ -25,8 +25,8 @@ std::string operands_text(const command& verb) {
 }
 
 [[noreturn]] void fail_few_words(const command& verb) {
-    throw CLI::ValidationError("too few words; needed are ID..." + operands_text(verb) +
-                               ", without ID where --all, --kind or --group choose the cards");
+    throw CLI::ValidationError("too few words; the command takes ID..." + operands_text(verb) +
+                               ", or no ID if --all, --kind or --group choose the cards");
 }
 
 void check_selection(const selection& cards) {

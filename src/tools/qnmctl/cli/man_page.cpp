@@ -35,7 +35,8 @@ constexpr char output_form_text[] =
     "\"record\" what it is and by \"schema\" which version of the schema it keeps to. With -o json "
     "the same records stand in the array \"records\" of one document, which ends with the exit "
     "status. IDs are strings (\"0x001122334455\"), values are numbers, and a list is an array even "
-    "when it is empty. What fails is told on standard error and is a record, too; only wrong "
+    "when it is empty. Failures are printed on standard error, and each is a record as well; only "
+    "wrong "
     "usage, "
     "found before the command runs, is on standard error alone.";
 

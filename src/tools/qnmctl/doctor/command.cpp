@@ -14,17 +14,14 @@ namespace {
 
 constexpr char doctor_help[] =
     "Checks privileges, interfaces with their link and VLAN offload, capture, which process\n"
-    "accesses cards by an interface or receives nothing there, the clock, both configuration "
-    "files\n"
-    "line by line, log folders and free space, and for root whether tshark has the dissector. It\n"
-    "starts no manager and changes nothing. Each finding is ok, a note, a warning or an error, "
-    "with\n"
-    "its remedy below it.\n"
+    "accesses cards by an interface or receives nothing there, the clock, both configuration\n"
+    "files line by line, log folders and free space, and for root whether tshark has the\n"
+    "dissector. It starts no manager and changes nothing. Each finding is ok, a note, a warning\n"
+    "or an error, with its remedy below it.\n"
     "Run it as the user that the host program runs as; only root, though, can see which other\n"
     "processes listen. It reads only regular files up to 1 MiB and follows no symbolic links. The\n"
-    "exit status is 3 when there is an error: a manager would not start, would ignore a setting, "
-    "or\n"
-    "would hear nothing.";
+    "exit status is 3 when there is an error: a manager would not start, would ignore a setting,\n"
+    "or would hear nothing.";
 
 constexpr example doctor_examples[] = {
     {"qnmctl doctor", "What keeps a manager from working here"},

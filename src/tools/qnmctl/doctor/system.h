@@ -77,7 +77,7 @@ struct clock_facts {
 struct log_place {
     std::string file = {};
     std::string problem = {};       // why it cannot be written
-    std::string folder = {};        // which is there, of those above it the nearest
+    std::string folder = {};        // the nearest one above the file that exists
     bool folder_writable = false;   // for the renaming of old files
     bool link = false;              // the file's name stands for another one
     std::uintmax_t free_bytes = 0;  // for this user

@@ -15,10 +15,9 @@ namespace {
 
 constexpr char decode_help[] =
     "A line for each frame: number, local time, interface (if a pcapng file has it, and it is not\n"
-    "read from standard input), direction, ID of the card, and message. A frame that managers "
-    "drop\n"
-    "has the reason, a Completion the frame of its Register Read and the time since. JSON always\n"
-    "has all fields. ether_type, tag_min and tag_max are those of the configuration.";
+    "read from standard input), direction, ID of the card, and message. A frame that managers\n"
+    "drop has the reason, a Completion the frame of its Register Read and the time since. JSON\n"
+    "always has all fields. ether_type, tag_min and tag_max are those of the configuration.";
 
 constexpr example decode_examples[] = {
     {"qnmctl decode cards.pcapng", "A line for each frame"},

@@ -27,7 +27,7 @@ constexpr char introduction[] =
 
 constexpr char sample_note[] =
     "Every key stands below, commented out, with its default; to change one, take the # away and "
-    "set the value. All of this is told in qnm.conf(5), too.";
+    "set the value. qnm.conf(5) says the same.";
 
 constexpr std::size_t line_width = 100;
 

@@ -43,7 +43,7 @@ struct context {
     known_cards known = {};
     std::set<std::uint64_t> stopped = {};          // cards that are not monitored
     bool quit = false;                             // by a line "quit"
-    std::uint64_t told_events = 0;                 // since it listens
+    std::uint64_t reported_events = 0;             // since it listens
     std::function<void()> tell_waiting = nullptr;  // prints the events that wait; set in a watch
 
     // What the manager runs on.

@@ -46,11 +46,11 @@ bool is_wanted(const event_filter& filter, const char* event, std::uint64_t id,
 
 // Every event is compared, even one that is not printed, because the next is compared with it.
 void tell_event(context& with, const observed& seen) {
-    const std::optional<card> before = told_before(with.known, seen.id);
-    const told_change reported =
-        seen.record ? tell(with.known, seen.type, *seen.record) : told_change{};
+    const std::optional<card> before = reported_before(with.known, seen.id);
+    const reported_change reported =
+        seen.record ? tell(with.known, seen.type, *seen.record) : reported_change{};
     if (!is_wanted(with.filter, qnm_event_name(seen.type), seen.id, before, seen.record)) return;
-    ++with.told_events;
+    ++with.reported_events;
     if (with.digested) {
         with.results.text(with.digested->add(seen, reported, clock::now()));
     } else if (with.results.is_text()) {
@@ -96,7 +96,7 @@ bool read_input(tools::input_lines& input) {
 // ---- Listening ----------------------------------------------------------------------------------
 
 bool is_counted_out(const context& with, const listening& how) {
-    return how.count != 0 && with.told_events >= how.count;
+    return how.count != 0 && with.reported_events >= how.count;
 }
 
 // Prints what has been queued, up to the wanted number; false when enough has been heard.
@@ -131,7 +131,7 @@ void listen(context& with, const listening& how) {
         return next ? std::min(deadline, *next) : deadline;
     };
     tools::input_lines lines;
-    with.told_events = 0;
+    with.reported_events = 0;
     const auto is_over = [&] {
         return with.quit || with.out.closed() || is_counted_out(with, how) ||
                clock::now() >= deadline;
@@ -162,9 +162,9 @@ void tell_monitor(context& with, std::uint64_t id, bool restarted) {
     const bool was_on = restarted ? with.stopped.erase(id) == 0 : with.stopped.insert(id).second;
     if (restarted) with.known.facts.restarted[id] = {to_milliseconds(now)};
     const monitor_change event = {now, id, read_card(id), was_on, restarted};
-    const std::optional<card> before = told_before(with.known, id);
+    const std::optional<card> before = reported_before(with.known, id);
     if (!is_wanted(with.filter, monitor_event, id, before, event.record)) return;
-    ++with.told_events;
+    ++with.reported_events;
     if (with.results.is_text()) {
         with.results.text(monitor_line(event, with.how.coloured) + '\n');
     } else {

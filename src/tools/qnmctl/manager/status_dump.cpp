@@ -172,13 +172,13 @@ void read_cards(const lines& section, json& dump) {
     json cards = {{"groups", json::array()}};
     for (const std::string_view line : section) {
         const auto [name, total] = named_text_of(line);
-        if (name == "qnsv total") cards["QNSV"] = value_of(total);
-        if (name == "qnio total") cards["QNIO"] = value_of(total);
+        if (name == "qnsv total") cards["qnsv"] = value_of(total);
+        if (name == "qnio total") cards["qnio"] = value_of(total);
         const std::vector<std::string> row = words_of(line);
         if (row.size() != 3 || !are_numbers(row, 0)) continue;
         cards["groups"].push_back({{"vlan_id", value_of(row[0])},
-                                   {"QNSV", value_of(row[1])},
-                                   {"QNIO", value_of(row[2])}});
+                                   {"qnsv", value_of(row[1])},
+                                   {"qnio", value_of(row[2])}});
     }
     dump["cards"] = std::move(cards);
 }

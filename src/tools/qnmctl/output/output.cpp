@@ -31,8 +31,8 @@ bool has_unicode() {
 }
 
 std::size_t width_at(int fd) {
-    const auto given = parse_number(value_of("COLUMNS"));
-    if (given && *given > 0) return *given;
+    const auto columns = parse_number(value_of("COLUMNS"));
+    if (columns && *columns > 0) return *columns;
     winsize size{};
     if (ioctl(fd, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) return size.ws_col;
     return SIZE_MAX;

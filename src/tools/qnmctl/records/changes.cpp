@@ -10,7 +10,7 @@ namespace qnmctl {
 
 namespace {
 
-// The aspect that an event type is about, indexed by qnm_evt_type_t; nothing: every field.
+// The fields that an event type is about, indexed by qnm_evt_type_t; nullopt: all of them.
 constexpr std::optional<aspect> abouts[] = {
     std::nullopt,         std::nullopt,       aspect::connection,
     aspect::error_vector, aspect::link_fault, aspect::path,
@@ -44,36 +44,38 @@ std::vector<change> compare(const card& before, const card& after, std::optional
     return found;
 }
 
-// A record that was ahead of the event before has told this one's change with it, and why.
-reason reason_of_no_change(watch_facts& facts, const told_card& last_told, const card& now) {
+// If the record was ahead of the previous event, that event has reported this change and its
+// reason.
+reason reason_of_no_change(watch_facts& facts, const reported_card& last_reported,
+                           const card& now) {
     if (is_restarted(facts, now)) return {.why = cause::restarted};
-    const bool ahead = common(last_told.record).ecd_updatetime == common(now).ecd_updatetime;
-    return ahead ? last_told.why : reason{};
+    const bool ahead = common(last_reported.record).ecd_updatetime == common(now).ecd_updatetime;
+    return ahead ? last_reported.why : reason{};
 }
 
 }  // namespace
 
-told_change tell(known_cards& known, qnm_evt_type_t type, const card& now) {
-    const auto [at, added] = known.last_told.try_emplace(common(now).ecd_id);
-    told_card& last_told = at->second[type];
+reported_change tell(known_cards& known, qnm_evt_type_t type, const card& now) {
+    const auto [at, added] = known.last_reported.try_emplace(common(now).ecd_id);
+    reported_card& last_reported = at->second[type];
     const bool first =
-        added || type == QNM_EVT_NEWDEVINFO || last_told.record.index() != now.index();
+        added || type == QNM_EVT_NEWDEVINFO || last_reported.record.index() != now.index();
     if (first) {
         at->second.fill({now});
         return {.first = true, .changes = {}};
     }
-    told_change reported{.changes = compare(last_told.record, now, abouts[type])};
+    reported_change reported{.changes = compare(last_reported.record, now, abouts[type])};
     for (change& difference : reported.changes)
         difference.why = find_reason(known.facts, now, difference.before, difference.after);
-    reported.why = reported.changes.empty() ? reason_of_no_change(known.facts, last_told, now)
+    reported.why = reported.changes.empty() ? reason_of_no_change(known.facts, last_reported, now)
                                             : reported.changes.back().why;
-    last_told = {now, reported.why};
+    last_reported = {now, reported.why};
     return reported;
 }
 
-std::optional<card> told_before(const known_cards& known, std::uint64_t id) {
-    const auto found = known.last_told.find(id);
-    if (found == known.last_told.end()) return std::nullopt;
+std::optional<card> reported_before(const known_cards& known, std::uint64_t id) {
+    const auto found = known.last_reported.find(id);
+    if (found == known.last_reported.end()) return std::nullopt;
     return found->second[QNM_EVT_UPDATEDEVINFO].record;
 }
 

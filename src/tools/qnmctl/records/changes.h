@@ -1,4 +1,5 @@
-// What an event means: the differences between a card's record now and when it was last told.
+// What an event means: the differences between a card's record now and when it was last
+// reported.
 //
 // The library's events carry only a card ID, and one frame can raise several of them. So that each
 // line says what it is about, every event type keeps its own last printed record of a card: an
@@ -29,28 +30,29 @@ struct change {
     reason why = {};
 };
 
-struct told_change {
-    bool first = false;  // the card was not known here before, or is told as new: by announcement
+struct reported_change {
+    bool first = false;  // the card was not known here before, or is reported as new
     std::vector<change> changes;
     reason why = {};  // of the event, even where it changes nothing
 };
 
-// A card as it was told by the last event of a type.
-struct told_card {
+// A card as the last event of a type reported it.
+struct reported_card {
     card record;
     reason why = {};  // of that event
 };
 
 struct known_cards {
-    std::map<std::uint64_t, std::array<told_card, QNM_EVT_MAX>> last_told = {};
+    std::map<std::uint64_t, std::array<reported_card, QNM_EVT_MAX>> last_reported = {};
     watch_facts facts = {};
 };
 
-// What the event changed, and remembers the record as told.
-told_change tell(known_cards& known, qnm_evt_type_t type, const card& now);
+// What the event changed. Remembers the record as reported.
+reported_change tell(known_cards& known, qnm_evt_type_t type, const card& now);
 
-// The record that an update was compared with last, in all fields; nothing of a card not told yet.
-std::optional<card> told_before(const known_cards& known, std::uint64_t id);
+// The record that an update was compared with last, in all fields; nothing if the card has not been
+// reported yet.
+std::optional<card> reported_before(const known_cards& known, std::uint64_t id);
 
 // "VLAN ID 10 -> 11", "path P1M0 disconnected -> connected"; without why.
 std::string change_text(const change& difference);

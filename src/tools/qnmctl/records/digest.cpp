@@ -16,7 +16,7 @@ std::string counted(std::uint64_t number, const char* what) {
 }
 
 // The port whose link loss explains all lost paths of the event; nothing for other events.
-std::optional<int> lost_with_port(const told_change& reported) {
+std::optional<int> lost_with_port(const reported_change& reported) {
     const auto is_link_down = [](const reason& why) { return why.why == cause::link_down; };
     if (reported.changes.empty()) {
         return is_link_down(reported.why) ? std::optional(reported.why.port) : std::nullopt;
@@ -28,7 +28,7 @@ std::optional<int> lost_with_port(const told_change& reported) {
 }
 
 // Whether nothing but paths by this port has changed, and these are connected.
-bool is_back(const told_change& reported, int port) {
+bool is_back(const reported_change& reported, int port) {
     const auto is_path_back = [port](const change& difference) {
         return difference.after.about == aspect::path && difference.after.value != 0 &&
                difference.after.key[1] - '0' == port;
@@ -50,7 +50,7 @@ digest::digest(digest_options how, clock::time_point start)
 
 // Whether the event is a new card, or follows from its first announcements. A faulty card is
 // printed even then.
-bool digest::is_opening(const observed& seen, const told_change& reported,
+bool digest::is_opening(const observed& seen, const reported_change& reported,
                         clock::time_point now) const {
     if (summarised_ || now >= summary_at_ || !seen.record) return false;
     const meaning kind = meaning_of(seen, reported);
@@ -59,14 +59,15 @@ bool digest::is_opening(const observed& seen, const told_change& reported,
 }
 
 // The port that this card was cut off with, if it is connected by it again.
-std::optional<int> digest::port_back(const observed& seen, const told_change& reported) const {
+std::optional<int> digest::port_back(const observed& seen, const reported_change& reported) const {
     for (const auto& [port, cards] : cut_off_) {
         if (cards.contains(seen.id) && seen.record && is_back(reported, port)) return port;
     }
     return std::nullopt;
 }
 
-std::string digest::add(const observed& seen, const told_change& reported, clock::time_point now) {
+std::string digest::add(const observed& seen, const reported_change& reported,
+                        clock::time_point now) {
     const std::string printed = due(now);
     const std::string line = event_line(seen, reported, how_.coloured) + '\n';
     if (is_opening(seen, reported, now)) {

@@ -36,7 +36,7 @@ class digest {
     digest(digest_options how, clock::time_point start);
 
     // The lines to write for an event; none when it is held back.
-    std::string add(const observed& seen, const told_change& reported, clock::time_point now);
+    std::string add(const observed& seen, const reported_change& reported, clock::time_point now);
 
     // When due() has something to write, if nothing else happens.
     std::optional<clock::time_point> next() const;
@@ -55,8 +55,9 @@ class digest {
         std::map<std::uint64_t, std::string> cards = {};  // lines, by ID
     };
 
-    bool is_opening(const observed& seen, const told_change& reported, clock::time_point now) const;
-    std::optional<int> port_back(const observed& seen, const told_change& reported) const;
+    bool is_opening(const observed& seen, const reported_change& reported,
+                    clock::time_point now) const;
+    std::optional<int> port_back(const observed& seen, const reported_change& reported) const;
     std::string hold(int port, bool up, const observed& seen, const std::string& line,
                      clock::time_point now);
     clock::time_point end_of(int port, const port_line& held) const;

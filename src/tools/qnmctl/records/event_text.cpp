@@ -47,7 +47,7 @@ std::string summary(const card& record) {
     return words + (paths.empty() ? ", no path connected" : ", connected " + join(paths, " "));
 }
 
-std::string event_words(const observed& seen, const told_change& reported) {
+std::string event_words(const observed& seen, const reported_change& reported) {
     if (!seen.record) return "the card is no longer known";
     if (reported.first) return summary(*seen.record) + " (" + reason_text(reported.why) + ')';
     if (reported.changes.empty()) {
@@ -90,7 +90,7 @@ const char* on_off(bool on) {
 }  // namespace
 
 // The worst of all changes counts.
-meaning meaning_of(const observed& seen, const told_change& reported) {
+meaning meaning_of(const observed& seen, const reported_change& reported) {
     if (!seen.record) return meaning::lost;
     meaning worst = reported.first ? meaning::back : meaning::plain;
     for (const change& difference : reported.changes)
@@ -98,13 +98,13 @@ meaning meaning_of(const observed& seen, const told_change& reported) {
     return worst;
 }
 
-std::string event_line(const observed& seen, const told_change& reported, bool coloured) {
+std::string event_line(const observed& seen, const reported_change& reported, bool coloured) {
     const auto meaning = static_cast<std::size_t>(meaning_of(seen, reported));
     return line_text(seen.when, qnm_event_name(seen.type), coloured ? colours[meaning] : nullptr,
                      seen.record, seen.id, event_words(seen, reported));
 }
 
-json event_json(const observed& seen, const told_change& reported) {
+json event_json(const observed& seen, const reported_change& reported) {
     json object = {{"time", iso_time_text(seen.when)},
                    {"event", qnm_event_name(seen.type)},
                    {"kind", kind_json(seen.record)},

@@ -23,12 +23,12 @@ struct observed {
 // The meaning of an event for the operator, by ascending weight.
 enum class meaning { plain, back, faulty, lost };
 
-meaning meaning_of(const observed& seen, const told_change& reported);
+meaning meaning_of(const observed& seen, const reported_change& reported);
 
-// Coloured by its meaning. One line without its end. `told` is what tell() made of the event;
-// nothing of a card that is gone.
-std::string event_line(const observed& seen, const told_change& reported, bool coloured);
-json event_json(const observed& seen, const told_change& reported);
+// Coloured by its meaning. One line without its end. `reported` is the result of tell(); empty if
+// the card is gone.
+std::string event_line(const observed& seen, const reported_change& reported, bool coloured);
+json event_json(const observed& seen, const reported_change& reported);
 
 // The operator has stopped or restarted the monitoring of a card, which may be unknown.
 struct monitor_change {

@@ -29,7 +29,7 @@ constexpr char report_help[] =
     "meanwhile, the last part of the logs and a capture of both ports, in one archive that its\n"
     "owner alone can read. What cannot be had is named at the end and in problems.txt; the rest\n"
     "is there. Of each log, and of the one that was rotated last, it takes the last 256 KiB, of a\n"
-    "file of the configuration 1 MiB; what was cut off is told there, too. Only regular files are\n"
+    "file of the configuration 1 MiB; what was cut off is named there. Only regular files are\n"
     "taken, not what a symbolic link stands for; in the folders above, links of root and of this\n"
     "user are followed. Where others than root and this user can change qnm_log4c.properties,\n"
     "only logs of its owner are taken, and where they can change the folder, no log that has\n"

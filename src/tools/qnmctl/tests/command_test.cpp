@@ -100,12 +100,12 @@ TEST_F(Manager, ListsAsADocument) {
 
 TEST_F(Manager, TellsAFailureInTheDocument) {
     program run(in_namespace({"--ports", "lo", "show", "0x1", "--for", "0.1", "-o", "json"}));
-    const auto told = nlohmann::json::parse(run.read_all());
+    const auto document = nlohmann::json::parse(run.read_all());
     EXPECT_EQ(13, run.end());
-    EXPECT_EQ(13, told.at("status"));
-    ASSERT_EQ(1U, told.at("records").size());
-    EXPECT_EQ("error", told.at("records")[0].at("record"));
-    EXPECT_EQ("QNM_API_ENOENT", told.at("records")[0].at("result"));
+    EXPECT_EQ(13, document.at("status"));
+    ASSERT_EQ(1U, document.at("records").size());
+    EXPECT_EQ("error", document.at("records")[0].at("record"));
+    EXPECT_EQ("QNM_API_ENOENT", document.at("records")[0].at("result"));
 }
 
 TEST_F(Manager, ClosesTheDocumentAtASignal) {
@@ -113,10 +113,10 @@ TEST_F(Manager, ClosesTheDocumentAtASignal) {
     run.say("help");
     run.read_until("Ends");
     run.signal(SIGTERM);
-    const auto told = nlohmann::json::parse(run.read_all());
+    const auto document = nlohmann::json::parse(run.read_all());
     EXPECT_EQ(0, run.end());
-    EXPECT_EQ(1U, told.at("records").size());
-    EXPECT_EQ(0, told.at("status"));
+    EXPECT_EQ(1U, document.at("records").size());
+    EXPECT_EQ(0, document.at("status"));
 }
 
 TEST_F(Manager, ShowsNoCardThatIsNotHeard) {
@@ -260,10 +260,10 @@ TEST_F(Manager, PrintsTheDumpOfAnOperatorsInstallationAndLogsNothingThere) {
 
 TEST_F(Manager, KeepsItsLogsWhenAsked) {
     program run(in_namespace({"--ports", "lo", "--keep-logs", "stats", "--for", "0.1", "--json"}));
-    const auto told = nlohmann::json::parse(run.read_all());
+    const auto document = nlohmann::json::parse(run.read_all());
     EXPECT_EQ(0, run.end());
-    const std::string file = told.at("records")[0].at("file");
-    EXPECT_TRUE(holds(read_text(file), told.at("records")[0].at("text")));
+    const std::string file = document.at("records")[0].at("file");
+    EXPECT_TRUE(holds(read_text(file), document.at("records")[0].at("text")));
     EXPECT_EQ("qnmctl: the logs are kept in " + fs::path(file).parent_path().string() + '\n',
               run.errors());
     EXPECT_TRUE(run.left_something());

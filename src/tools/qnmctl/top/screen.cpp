@@ -166,8 +166,9 @@ void top_screen::leave() {
     left_ = true;
 }
 
-// Nobody has told of a size that has changed while a shell had the terminal. ncurses sees to the
-// rest itself when the screen was left; otherwise the mode and the screen are what others made.
+// The size may have changed while a shell had the terminal; no signal came for that. If the screen
+// was left in order, ncurses restores the terminal's mode and contents itself; otherwise another
+// program has changed the mode.
 void top_screen::resume() {
     if (!left_) reset_prog_mode();
     clearok(curscr, TRUE);

@@ -29,11 +29,10 @@ namespace {
 constexpr char top_help[] =
     "Shows ports, cards with their paths, and rates on a full screen, refreshed every second; ?\n"
     "lists the keys, q ends. Frames are those that the kernel counts on the ports' interfaces,\n"
-    "including other programs' frames; events are the library's. Rates are those of the last five\n"
-    "seconds. A path is C connected, D disconnected, or - never heard. \"heard\" sorts by the "
-    "time\n"
-    "since a card was heard; like events and rate it has the largest first. It needs a terminal;\n"
-    "scripts use list and watch.";
+    "including other programs' frames; events are the library's. Rates are those of the last\n"
+    "five seconds. A path is C connected, D disconnected, or - never heard. \"heard\" sorts by\n"
+    "the time since a card was heard; like events and rate it has the largest first. It needs a\n"
+    "terminal; scripts use list and watch.";
 
 constexpr example top_examples[] = {
     {"qnmctl top", "All cards, with the rates of the ports"},
@@ -57,9 +56,9 @@ extern "C" void never_called(int) {}
 // terminal changed. They arrive as input, and are blocked before any thread is started, so that no
 // other thread takes them.
 //
-// SIGTSTP has a handler before ncurses looks, which then leaves it alone. Otherwise ncurses takes
-// one of its own, which would draw in the middle of whatever ncurses is at, and ignores SIGTSTP
-// while it draws: the system throws away what has come and is blocked when it becomes ignored.
+// A handler for SIGTSTP is installed before ncurses starts, so that ncurses installs none of its
+// own. That one would draw in the middle of another drawing. It would also ignore SIGTSTP while it
+// draws, and the system discards a blocked signal as soon as it is ignored.
 class screen_signals {
   public:
     screen_signals() {

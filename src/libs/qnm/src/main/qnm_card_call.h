@@ -88,7 +88,7 @@ class QNM_SCOPED_CAPABILITY locked_card {
     const int err_;
 };
 
-// The array of a dump: what it holds, and *len, which tells 0 until something has been read.
+// The size of the array of a dump, and *len, which is 0 until something has been read.
 struct dump_room {
     explicit dump_room(size_t* len_out) : len(len_out), size(len_out != nullptr ? *len_out : 0) {
         if (len != nullptr) *len = 0;

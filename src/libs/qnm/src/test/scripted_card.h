@@ -87,7 +87,8 @@ class scripted_card {
     // A stop is requested in the n-th sleep, or while the write lock is awaited.
     void stop_at_sleep(size_t n) { s_.stop_at_sleep = n; }
     // A stop is requested in the n-th register access, which it ends where it waits for an answer.
-    // Nobody knows then whether what was written has arrived; here it is what leaves most behind.
+    // A real card may or may not have got what was written; here it has, as that leaves most
+    // behind.
     void stop_at(size_t n) { s_.stop_at = n; }
     void stop_at_lock() { s_.stop_at_lock = true; }
     // The interval and count that each access has to come with.

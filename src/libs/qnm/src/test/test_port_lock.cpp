@@ -338,7 +338,7 @@ TEST_F(port_lock, names_a_process_by_its_printable_name) {
     EXPECT_THAT(logs.texts("logfile").front(), testing::HasSubstr("(bad?[31m)"));
 }
 
-// ---- Nobody who is a manager --------------------------------------------------------------------
+// ---- Holders that are no manager ----------------------------------------------------------------
 
 struct passed_over : port_lock {
     // Frames leave in spite of it, and one line says so.

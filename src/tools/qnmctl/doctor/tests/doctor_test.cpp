@@ -457,18 +457,18 @@ TEST(CheckDissector, SaysNothingWhereTsharkDoesNotTellItsFolders) {
 TEST(LookAtDissector, TakesVersionAndFolderFromWhatTsharkTells) {
     const tools::temporary_dir dir;
     const std::string folder = (dir.path() / "lua plugins").string();
-    const std::string told =
+    const std::string answer =
         "TShark (Wireshark) 4.4.19.\n\nCopyright 1998-2026\n"
         "Global Plugins:      \t/usr/lib/plugins/4.4\n"
         "Global Lua Plugins:  \t" +
         folder + "\nPersonal Extcap path:\t/root\n";
-    dissector_facts found = look_at_dissector(told);
+    dissector_facts found = look_at_dissector(answer);
     EXPECT_EQ("4.4.19", found.version);
     EXPECT_EQ(folder, found.folder);
     EXPECT_FALSE(found.for_all);
     std::filesystem::create_directory(folder);
     std::ofstream(folder + "/quillnet.lua") << "--";
-    EXPECT_TRUE(look_at_dissector(told).for_all);
+    EXPECT_TRUE(look_at_dissector(answer).for_all);
     found = look_at_dissector("TShark (Wireshark) 4.0.17 (Git v4.0.17 packaged as 4.0.17-0).\n");
     EXPECT_EQ("4.0.17", found.version);
     EXPECT_EQ("", found.folder);

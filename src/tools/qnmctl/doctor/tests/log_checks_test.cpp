@@ -51,7 +51,7 @@ class BesideLog4cxx : public testing::Test {
     }
 
     // Whether a finding about a logger has this text.
-    static bool told(const findings& found, const std::string& logger, const std::string& text) {
+    static bool finds(const findings& found, const std::string& logger, const std::string& text) {
         return std::any_of(found.begin(), found.end(), [&](const finding& one) {
             return holds(' ' + one.text, ' ' + logger + ' ') && holds(one.text, text);
         });
@@ -95,7 +95,7 @@ TEST_F(BesideLog4cxx, LinesAreLostOfTheSameLoggers) {
         const findings found = found_in(start + appenders);
         for (const char* const name : {"logfile", "syslogfile", "statslogfile"}) {
             EXPECT_EQ(_qnm_log_has_appender(loggers->getLogger(name).get()) == 0,
-                      told(found, name, "so its lines are lost"))
+                      finds(found, name, "so its lines are lost"))
                 << start << name << '\n'
                 << findings_text(found, {});
         }
@@ -120,7 +120,7 @@ TEST_F(BesideLog4cxx, LinesAreDroppedByTheSameLevels) {
         const auto logger = configured(start + appenders)->getLogger("logfile");
         const findings found = found_in(start + appenders);
         const std::string level = logger->getEffectiveLevel()->toString();
-        EXPECT_EQ(level != "ALL", told(found, "logfile", "has the level " + level))
+        EXPECT_EQ(level != "ALL", finds(found, "logfile", "has the level " + level))
             << start << level << '\n'
             << findings_text(found, {});
     }
@@ -157,7 +157,7 @@ TEST_F(BesideLog4cxx, AppendersOfTheRootLoggerAreLookedAt) {
         "log4j.rootLogger=ALL, R\n"
         "log4j.appender.R=org.apache.log4j.FileAppender\n"
         "log4j.appender.R.File=/var/log/root.log\n";
-    EXPECT_TRUE(told(found_in(text), "logfile", "the appender R, which has no layout"));
+    EXPECT_TRUE(finds(found_in(text), "logfile", "the appender R, which has no layout"));
     EXPECT_EQ((std::vector<std::string>{"/var/log/root.log"}),
               log_files(read_log_properties(text)));
     const findings shared = found_in("log4j.logger.logfile=ALL, R\n" + text);

@@ -52,17 +52,17 @@ class DoctorProgram : public NamespaceTest {
             by.emplace_back(word);
         all.insert(all.end(), by.begin(), by.end());
         program run(all);
-        const std::string told = run.read_all();
-        EXPECT_EQ(status, run.end()) << told << run.errors();
-        const json document = json::parse(told, nullptr, false);
-        EXPECT_TRUE(document.is_object()) << told << run.errors();
+        const std::string printed = run.read_all();
+        EXPECT_EQ(status, run.end()) << printed << run.errors();
+        const json document = json::parse(printed, nullptr, false);
+        EXPECT_TRUE(document.is_object()) << printed << run.errors();
         return document.is_object() ? document.at("records") : json::array();
     }
     json examine_here(int status) { return examine_by(invocation({}), status); }
 
     // Whether a finding of this check and severity has the text.
-    static testing::AssertionResult told(const json& records, const std::string& check,
-                                         const std::string& severity, const std::string& text) {
+    static testing::AssertionResult finds(const json& records, const std::string& check,
+                                          const std::string& severity, const std::string& text) {
         for (const json& one : records) {
             if (one.at("record") == "finding" && one.at("check") == check &&
                 one.at("severity") == severity && holds(one.at("text"), text)) {
@@ -80,14 +80,14 @@ class DoctorProgram : public NamespaceTest {
 
 TEST_F(DoctorProgram, FindsAWorkingSystemWell) {
     const json records = examine_here(exit_ok);
-    EXPECT_TRUE(told(records, "library", "ok", "libqnm"));
-    EXPECT_TRUE(told(records, "privileges", "ok", "CAP_NET_RAW"));
-    EXPECT_TRUE(told(records, "config_line", "ok", "ether_port = qnm0,qnm1"));
-    EXPECT_TRUE(told(records, "interface", "ok", "Ethernet"));
-    EXPECT_TRUE(told(records, "link", "ok", "has a link"));
-    EXPECT_TRUE(told(records, "vlan", "ok", "rx-vlan-offload"));
-    EXPECT_TRUE(told(records, "capture", "ok", "delivers frames at once"));
-    EXPECT_TRUE(told(records, "log_file", "ok", "can be written"));
+    EXPECT_TRUE(finds(records, "library", "ok", "libqnm"));
+    EXPECT_TRUE(finds(records, "privileges", "ok", "CAP_NET_RAW"));
+    EXPECT_TRUE(finds(records, "config_line", "ok", "ether_port = qnm0,qnm1"));
+    EXPECT_TRUE(finds(records, "interface", "ok", "Ethernet"));
+    EXPECT_TRUE(finds(records, "link", "ok", "has a link"));
+    EXPECT_TRUE(finds(records, "vlan", "ok", "rx-vlan-offload"));
+    EXPECT_TRUE(finds(records, "capture", "ok", "delivers frames at once"));
+    EXPECT_TRUE(finds(records, "log_file", "ok", "can be written"));
     EXPECT_EQ("summary", records.back().at("record"));
     EXPECT_FALSE(fs::exists(dir.path() / "qnm.log"));  // looking makes none
 }
@@ -96,16 +96,16 @@ TEST_F(DoctorProgram, FindsAnInterfaceThatIsDownAndOneThatIsMissing) {
     cables = "ip link set qnm0 down;";
     write(config, "ether_port = qnm0,qmn1\n");
     const json records = examine_here(exit_unwell);
-    EXPECT_TRUE(told(records, "interface", "error", "is down"));
-    EXPECT_TRUE(told(records, "interface", "error", "no such interface"));
-    EXPECT_TRUE(told(records, "capture", "note", "was not opened"));
+    EXPECT_TRUE(finds(records, "interface", "error", "is down"));
+    EXPECT_TRUE(finds(records, "interface", "error", "no such interface"));
+    EXPECT_TRUE(finds(records, "capture", "note", "was not opened"));
 }
 
 TEST_F(DoctorProgram, FindsAMissingLinkAndASmallMtu) {
     cables = "ip link set qsim0 down && ip link set qnm1 mtu 400 || exit 1;";
     const json records = examine_here(exit_ok);
-    EXPECT_TRUE(told(records, "link", "warning", "has no link"));
-    EXPECT_TRUE(told(records, "mtu", "warning", "MTU 400"));
+    EXPECT_TRUE(finds(records, "link", "warning", "has no link"));
+    EXPECT_TRUE(finds(records, "mtu", "warning", "MTU 400"));
 }
 
 TEST_F(DoctorProgram, NamesTheKeyThatIsMeant) {
@@ -134,12 +134,12 @@ TEST_F(DoctorProgram, TellsAUserWithoutPrivilegesWhatIsMissing) {
     by.insert(by.end(),
               {"--no-new-privs", "--inh-caps=-all", "--bounding-set=-all", "env", env, own});
     const json records = examine_by(by, exit_unwell);
-    EXPECT_TRUE(told(records, "privileges", "error", "no privilege for raw sockets"));
-    EXPECT_TRUE(told(records, "properties", "error", "cannot be read"));
-    EXPECT_TRUE(told(records, "config_file", "ok", "can be read"));
-    EXPECT_TRUE(told(records, "interface", "ok", "Ethernet"));
+    EXPECT_TRUE(finds(records, "privileges", "error", "no privilege for raw sockets"));
+    EXPECT_TRUE(finds(records, "properties", "error", "cannot be read"));
+    EXPECT_TRUE(finds(records, "config_file", "ok", "can be read"));
+    EXPECT_TRUE(finds(records, "interface", "ok", "Ethernet"));
     chmod(properties.c_str(), 0644);
-    EXPECT_TRUE(told(examine_by(by, exit_unwell), "log_file", "error", "cannot be made"));
+    EXPECT_TRUE(finds(examine_by(by, exit_unwell), "log_file", "error", "cannot be made"));
 }
 
 // In the namespace it is root. The program that stands for tshark answers as one that is installed.
@@ -152,9 +152,9 @@ TEST_F(DoctorProgram, TellsRootThatTsharkLeavesTheDissectorOut) {
               dir.path().string() + "'\n");
     chmod(tshark.c_str(), 0755);
     cables = "PATH=" + (dir.path() / "bin").string() + ":$PATH;";
-    EXPECT_TRUE(told(examine_here(exit_ok), "dissector", "note", "tshark 4.4.19"));
+    EXPECT_TRUE(finds(examine_here(exit_ok), "dissector", "note", "tshark 4.4.19"));
     write(dir.path() / "quillnet.lua", "--\n");
-    EXPECT_TRUE(told(examine_here(exit_ok), "dissector", "ok", dir.path().string()));
+    EXPECT_TRUE(finds(examine_here(exit_ok), "dissector", "ok", dir.path().string()));
 }
 
 // ---- Files of every sort ------------------------------------------------------------------------
@@ -165,8 +165,8 @@ TEST_F(DoctorProgram, SurvivesDirectoriesInPlaceOfFiles) {
         fs::create_directory(file);
     }
     const json records = examine_here(exit_unwell);
-    EXPECT_TRUE(told(records, "config_file", "error", "no regular file"));
-    EXPECT_TRUE(told(records, "properties", "error", "no regular file"));
+    EXPECT_TRUE(finds(records, "config_file", "error", "no regular file"));
+    EXPECT_TRUE(finds(records, "properties", "error", "no regular file"));
 }
 
 TEST_F(DoctorProgram, SurvivesPipesThatNobodyWritesTo) {
@@ -174,7 +174,7 @@ TEST_F(DoctorProgram, SurvivesPipesThatNobodyWritesTo) {
         fs::remove(file);
         ASSERT_EQ(0, mkfifo(file.c_str(), 0600));
     }
-    EXPECT_TRUE(told(examine_here(exit_unwell), "config_file", "error", "no regular file"));
+    EXPECT_TRUE(finds(examine_here(exit_unwell), "config_file", "error", "no regular file"));
 }
 
 TEST_F(DoctorProgram, SurvivesFilesThatAreNoText) {
@@ -182,23 +182,23 @@ TEST_F(DoctorProgram, SurvivesFilesThatAreNoText) {
     for (const fs::path& file : {config, properties})
         fs::copy_file(program, file, fs::copy_options::overwrite_existing);
     const json records = examine_here(exit_unwell);
-    EXPECT_TRUE(told(records, "config_file", "warning", "NUL"));
-    EXPECT_TRUE(told(records, "properties", "warning", "bytes; only the first"));
+    EXPECT_TRUE(finds(records, "config_file", "warning", "NUL"));
+    EXPECT_TRUE(finds(records, "properties", "warning", "bytes; only the first"));
 }
 
 TEST_F(DoctorProgram, SurvivesFilesThatAreHuge) {
     for (const fs::path& file : {config, properties})
         fs::resize_file(file, std::uintmax_t{1} << 30);
-    EXPECT_TRUE(told(examine_here(exit_ok), "config_file", "warning", "1073741824 bytes"));
+    EXPECT_TRUE(finds(examine_here(exit_ok), "config_file", "warning", "1073741824 bytes"));
 }
 
 TEST_F(DoctorProgram, SurvivesADirectoryThatIsMissing) {
     fs::remove_all(dir.path() / "conf");
-    EXPECT_TRUE(told(examine_here(exit_unwell), "properties", "error", "no such file"));
+    EXPECT_TRUE(finds(examine_here(exit_unwell), "properties", "error", "no such file"));
     fs::remove(dir.path());
     const json records = examine_here(exit_unwell);
-    EXPECT_TRUE(told(records, "directory", "error", "no such directory"));
-    EXPECT_TRUE(told(records, "properties", "error", "no such file"));
+    EXPECT_TRUE(finds(records, "directory", "error", "no such directory"));
+    EXPECT_TRUE(finds(records, "properties", "error", "no such file"));
 }
 
 }  // namespace

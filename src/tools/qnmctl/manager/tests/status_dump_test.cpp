@@ -30,10 +30,10 @@ TEST(StatusDump, HasPortsWithAddressesAsElsewhere) {
 
 TEST(StatusDump, CountsCardsByKindAndGroup) {
     const json cards = status_dump_json(sample_dump)["cards"];
-    EXPECT_EQ(cards["QNSV"], 2);
-    EXPECT_EQ(cards["QNIO"], 4);
+    EXPECT_EQ(cards["qnsv"], 2);
+    EXPECT_EQ(cards["qnio"], 4);
     ASSERT_EQ(cards["groups"].size(), 4U);
-    EXPECT_EQ(cards["groups"][2], (json{{"vlan_id", 30}, {"QNSV", 0}, {"QNIO", 1}}));
+    EXPECT_EQ(cards["groups"][2], (json{{"vlan_id", 30}, {"qnsv", 0}, {"qnio", 1}}));
 }
 
 TEST(StatusDump, HasEveryCounterUnderItsName) {

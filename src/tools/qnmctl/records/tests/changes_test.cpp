@@ -15,7 +15,7 @@ known_cards knowing(const card& of) {
     return known;
 }
 
-std::vector<std::string> texts(const told_change& told) {
+std::vector<std::string> texts(const reported_change& told) {
     std::vector<std::string> all;
     for (const change& one : told.changes)
         all.push_back(change_text(one));
@@ -33,7 +33,7 @@ TEST(Tell, AnUpdateIsComparedInEveryField) {
     record.eio_com_dev.ecd_state[0][1] = 1;
     record.eio_com_dev.ecd_int_vector = 3;
     record.eio_link0fault = 1;
-    const told_change told = tell(known, QNM_EVT_UPDATEDEVINFO, record);
+    const reported_change told = tell(known, QNM_EVT_UPDATEDEVINFO, record);
     EXPECT_FALSE(told.first);
     EXPECT_EQ((lines{"VLAN ID 30 -> 31", "path P0M1 never heard -> connected",
                      "path P1M1 connected -> disconnected", "interrupt vector 0x00 -> 0x03",
@@ -65,9 +65,9 @@ TEST(Tell, ADownPortIsNamedWithItsNumber) {
     known_cards known = knowing(record);
     record.esv_down_port[3].edp_port_status[1] = 0x02;
     record.esv_down_port[3].edp_io_mac[5] = 0x30;
-    const told_change connection = tell(known, QNM_EVT_CONNECTIONCHANGE, record);
+    const reported_change connection = tell(known, QNM_EVT_CONNECTIONCHANGE, record);
     EXPECT_EQ((lines{"down port 3 QNIO card disconnected -> connected"}), texts(connection));
-    const told_change update = tell(known, QNM_EVT_UPDATEDEVINFO, record);
+    const reported_change update = tell(known, QNM_EVT_UPDATEDEVINFO, record);
     EXPECT_EQ((lines{"down port 3 QNIO card disconnected -> connected",
                      "down port 3 QNIO card MAC address 00:00:00:00:00:00 -> 00:00:00:00:00:30"}),
               texts(update));
@@ -139,10 +139,10 @@ TEST(ToldBefore, IsWhatTheLastUpdateTold) {
     const std::uint64_t id = record.eio_com_dev.ecd_id;
     record.eio_com_dev.ecd_vlan_id = 31;
     tell(known, QNM_EVT_CHANNELSTATECHANGE, record);
-    EXPECT_EQ(30, common(*told_before(known, id)).ecd_vlan_id);
+    EXPECT_EQ(30, common(*reported_before(known, id)).ecd_vlan_id);
     tell(known, QNM_EVT_UPDATEDEVINFO, record);
-    EXPECT_EQ(31, common(*told_before(known, id)).ecd_vlan_id);
-    EXPECT_FALSE(told_before(known, id + 1));
+    EXPECT_EQ(31, common(*reported_before(known, id)).ecd_vlan_id);
+    EXPECT_FALSE(reported_before(known, id + 1));
 }
 
 TEST(ChangesText, SaysWhyOnceForNeighbours) {

@@ -19,12 +19,14 @@ std::string without_time(const std::string& line) {
 }
 
 std::string line_of(const observed& event, known_cards& known, bool coloured) {
-    const told_change told = event.record ? tell(known, event.type, *event.record) : told_change{};
+    const reported_change told =
+        event.record ? tell(known, event.type, *event.record) : reported_change{};
     return event_line(event, told, coloured);
 }
 
 json object_of(const observed& event, known_cards& known) {
-    const told_change told = event.record ? tell(known, event.type, *event.record) : told_change{};
+    const reported_change told =
+        event.record ? tell(known, event.type, *event.record) : reported_change{};
     return event_json(event, told);
 }
 
