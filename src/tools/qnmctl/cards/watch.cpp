@@ -12,15 +12,16 @@ namespace {
 
 constexpr char watch_help[] =
     "Text begins with a summary of the cards heard in the first seconds. A port whose link goes\n"
-    "down or comes back is one line with the number of its cards. With --all, --event or --count\n"
-    "there is a line for each event; in JSON there always is a record for each. The line of an\n"
-    "event has the local time, the event, kind and ID of the card, and what changed, from what to\n"
-    "what, with the reason: announced, expired after so long a silence, link down on a port,\n"
-    "stopped or restarted by the operator. With several filters an event has to pass all of them.\n"
-    "A card passes --kind and --group by its record before or after the event, so the event in\n"
-    "which it leaves a group is printed too. Ends at Ctrl-C, SIGTERM, or when its reader has\n"
-    "gone. While it runs, lines on standard input are commands, on cards already heard: \"help\"\n"
-    "lists them, \"quit\" ends it, the end of standard input does not.";
+    "down or comes back is one line with the number of its cards, and what several events\n"
+    "report is printed once. With --all, --event or --count there is a line for each event; in\n"
+    "JSON there always is a record for each. The line of an event has the local time, the\n"
+    "event, kind and ID of the card, and what changed, from what to what, with the reason:\n"
+    "announced, expired after so long a silence, link down on a port, stopped or restarted by\n"
+    "the operator. With several filters an event has to pass all of them. A card passes --kind\n"
+    "and --group by its record before or after the event, so the event in which it leaves a\n"
+    "group is printed too. Ends at Ctrl-C, SIGTERM, or when its reader has gone. While it runs,\n"
+    "lines on standard input are commands, on cards already heard: \"help\" lists them, \"quit\"\n"
+    "ends it, the end of standard input does not.";
 
 constexpr example watch_examples[] = {
     {"qnmctl watch", "What happens to the cards from now on"},

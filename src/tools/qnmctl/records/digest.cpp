@@ -80,7 +80,24 @@ std::string digest::add(const observed& seen, const reported_change& reported,
     if (const auto port = port_back(seen, reported)) {
         return printed + hold(*port, true, seen, line, now);
     }
-    return printed + line;
+    return is_news(seen, reported) ? printed + line : printed;
+}
+
+// Several events can report the same change of a card, and an event can be late, when another one
+// has reported its change. An error is printed in any case.
+bool digest::is_news(const observed& seen, const reported_change& reported) {
+    if (!seen.record || reported.first) return true;
+    if (reported.changes.empty()) return seen.type == QNM_EVT_MAJORMINORERROR;
+    std::vector<change>& last = last_changes_[seen.id];
+    const bool is_known = std::ranges::all_of(reported.changes, [&](const change& difference) {
+        return std::ranges::any_of(last, [&](const change& printed) {
+            return printed.name == difference.name &&
+                   printed.before.value == difference.before.value &&
+                   printed.after.value == difference.after.value;
+        });
+    });
+    if (!is_known) last = reported.changes;
+    return !is_known;
 }
 
 // Returns what was held of the port before, if its link has changed since.

@@ -2,7 +2,8 @@
 //
 // At the start every card is new; when a port goes down all cards behind it are lost at once, and
 // they come back together. So the cards heard at the start become one summary, and those of a port
-// whose link went down or up become one line. All other events are printed as they come.
+// whose link went down or up become one line. Other events are printed as they come, if they say
+// something that the event before has not said of the card.
 #pragma once
 
 #include <chrono>
@@ -58,6 +59,7 @@ class digest {
     bool is_opening(const observed& seen, const reported_change& reported,
                     clock::time_point now) const;
     std::optional<int> port_back(const observed& seen, const reported_change& reported) const;
+    bool is_news(const observed& seen, const reported_change& reported);
     std::string hold(int port, bool up, const observed& seen, const std::string& line,
                      clock::time_point now);
     clock::time_point end_of(int port, const port_line& held) const;
@@ -70,6 +72,7 @@ class digest {
     bool summarised_ = false;
     std::map<std::uint64_t, card> heard_ = {};  // in the opening
     std::map<int, port_line> ports_ = {};
+    std::map<std::uint64_t, std::vector<change>> last_changes_ = {};  // printed, by card
     std::map<int, std::set<std::uint64_t>> cut_off_ = {};  // cards lost with a port, until it is up
 };
 

@@ -163,6 +163,19 @@ TEST_F(Digest, TellsAPortThatGoesUpAndDownInOrder) {
     EXPECT_NE(std::string::npos, down) << text;
 }
 
+TEST_F(Digest, TellsAChangeOnceThatSeveralEventsReport) {
+    digested.due(start + 3s);
+    make_known(2);
+    qnm_qnio_t record = back(2);
+    record.eio_com_dev.ecd_state[0][0] ^= 1;
+    record.eio_com_dev.ecd_power ^= 1;
+    EXPECT_TRUE(holds(tell_at(4s, QNM_EVT_UPDATEDEVINFO, record), " path P0M0 "));
+    EXPECT_EQ("", tell_at(4s, QNM_EVT_CHANNELSTATECHANGE, record));
+    EXPECT_EQ("", tell_at(4s, QNM_EVT_UPDATEDEVINFO, record)) << "nothing has changed";
+    record.eio_com_dev.ecd_power ^= 1;
+    EXPECT_TRUE(holds(tell_at(5s, QNM_EVT_UPDATEDEVINFO, record), "power "));
+}
+
 TEST_F(Digest, TellsWhatElseChangedOnACardThatIsBack) {
     go_down(2);
     qnm_qnio_t record = back(2);
