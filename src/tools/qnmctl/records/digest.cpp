@@ -68,7 +68,7 @@ std::optional<int> digest::port_back(const observed& seen, const reported_change
 
 std::string digest::add(const observed& seen, const reported_change& reported,
                         clock::time_point now) {
-    const std::string printed = due(now);
+    std::string printed = due(now);
     const std::string line = event_line(seen, reported, how_.coloured) + '\n';
     if (is_opening(seen, reported, now)) {
         heard_.insert_or_assign(seen.id, *seen.record);
